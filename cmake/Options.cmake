@@ -1,0 +1,33 @@
+# tavro_options: how this project's own code is compiled and linked.
+add_library(tavro_options INTERFACE)
+target_compile_features(tavro_options INTERFACE cxx_std_20)
+target_include_directories(tavro_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
+
+target_compile_options(tavro_options INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:
+    -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wold-style-cast -Wnon-virtual-dtor
+    -Woverloaded-virtual -Wcast-align -Wformat=2 -Werror
+    # Messages name a unit by its path below the source root.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/src/=
+    -fstack-protector-strong>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(tavro_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
+endif()
+target_compile_definitions(tavro_options INTERFACE _GLIBCXX_ASSERTIONS)
+
+if(TAVRO_SANITIZERS)
+  add_compile_options(-fsanitize=${TAVRO_SANITIZERS} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${TAVRO_SANITIZERS})
+elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  target_compile_definitions(tavro_options INTERFACE _FORTIFY_SOURCE=2)
+endif()
+
+if(WIN32)
+  target_compile_definitions(tavro_options INTERFACE UNICODE _UNICODE _WIN32_WINNT=0x0601)
+  # One file that needs nothing but the system: the runtimes are linked in.
+  target_link_options(tavro_options INTERFACE -static -Wl,--dynamicbase,--high-entropy-va,--nxcompat)
+else()
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(tavro_options INTERFACE -fPIE -fcf-protection)
+  target_link_options(tavro_options INTERFACE -pie -Wl,-z,relro,-z,now,-z,noexecstack)
+endif()

@@ -1,0 +1,21 @@
+// Registers a log client of its own and logs: the hub without the window.
+
+#include "datapath/common/infra/LogItem.h"
+
+#include <iostream>
+
+class ConsoleClient : public LoggerClient
+{
+public:
+    void log(const std::string& line) override { std::cout << line; }
+    void flush() override { std::cout.flush(); }
+};
+
+int main()
+{
+    static ConsoleClient client; // the hub keeps using it until the process ends
+    Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "copied files=" << 3 << " of " << 4 << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "cannot copy notes.txt, lastError=" << 5 << std::endl;
+    Logger::instance().flushClients();
+}

@@ -1,0 +1,72 @@
+#include "Agent/CheckpointGui/AgentLauncher.h"
+
+#include "datapath/common/infra/InputTextFile.h"
+#include "datapath/common/infra/LogItem.h"
+#include "platform/Process.h"
+#include "platform/Shell.h"
+#include "platform/Utf.h"
+
+#include <array>
+#include <string_view>
+
+namespace
+{
+
+struct ConnectionSettings
+{
+    std::string localURL;
+    std::string localPort;
+    std::string peerURL;
+    std::string peerPort;
+};
+
+ConnectionSettings readSettings(const std::string& path)
+{
+    ConnectionSettings settings;
+    InputTextFile(path) >> settings.localURL >> settings.localPort >> settings.peerURL >> settings.peerPort;
+    return settings;
+}
+
+/// Each byte becomes one unit: settings are not interpreted.
+std::u16string widened(std::string_view text)
+{
+    std::u16string wide;
+    for (const char character : text)
+    {
+        wide += static_cast<unsigned char>(character);
+    }
+    return wide;
+}
+
+std::u16string composeCommandLine(const ConnectionSettings& settings, const std::u16string& checkpointName)
+{
+    return u"TavroVssAgent.exe -GUI " + widened(settings.localURL) + u" " + widened(settings.localPort) + u" " +
+           widened(settings.peerURL) + u" " + widened(settings.peerPort) + u" \"" + checkpointName + u"\"";
+}
+
+} // namespace
+
+void runAgent(const std::u16string& checkpointName)
+{
+    std::array<char, platform::PATH_BUFFER_SIZE> programPath{};
+    platform::moduleFileName(programPath.data(), programPath.size());
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        << "GetModuleFileNameA retrieved the following file name: " << programPath.data() << std::endl;
+
+    const std::string settingsPath = std::string(programPath.data()) + ".conf";
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Configuration file name: " << settingsPath << std::endl;
+    const ConnectionSettings settings = readSettings(settingsPath);
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "localURL: " << settings.localURL << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "localPort: " << settings.localPort << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "peerURL: " << settings.peerURL << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "peerPort: " << settings.peerPort << std::endl;
+
+    std::u16string commandLine = composeCommandLine(settings, checkpointName);
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        << "cmdline: " << platform::utf16ToUtf8(commandLine) << std::endl;
+    if (const auto error = platform::createProcess(commandLine); error != platform::ErrorNumber::Success)
+    {
+        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+            << "Error " << platform::toNumber(error) << " in CreateProcessW." << std::endl;
+    }
+}

@@ -1,0 +1,17 @@
+// The program's entry point.
+
+#include "Agent/CheckpointGui/CheckpointDialog.h"
+#include "Agent/CheckpointGui/ResourceIds.h"
+#include "datapath/common/infra/LogItem.h"
+#include "platform/Entry.h"
+
+int wWinMain(platform::ModuleHandle instance, platform::ModuleHandle /*previousInstance*/, wchar_t* /*commandLine*/,
+             int /*showCommand*/)
+{
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Showing dialog..." << std::endl;
+    platform::runDialog(instance, IDD_CHECKPOINT, Checkpoint);
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Done." << std::endl;
+    Logger::instance().flushClients();
+    return 0;
+}

@@ -1,0 +1,53 @@
+#pragma once
+
+// The two ways to stop the process when something is wrong beyond repair. Each names its place: the
+// unit's path below the source root, and either a stable message number that support matches on or
+// the line.
+//
+// The check is a line of level Assert; whoever streams into it explains. The Logger flushes its
+// clients, writes the line to standard output and ends the process:
+//
+//     CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(204), "m_clientsCnt < 4")
+//         << " m_clientsCnt=" << m_clientsCnt << " " << std::endl;
+//
+// The assertion is a line of level Error and the end of the process right after it:
+//
+//     failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
+//
+// Any thread may call. The condition is the text of what should have held.
+
+#include "datapath/common/infra/LogItem.h"
+
+#include <cstdint>
+
+/// A place in the source as messages name it.
+struct SourcePlace
+{
+    const char* path;
+    std::uint32_t number;
+
+    /// This unit and a message number that stays the same when lines move.
+    [[nodiscard]] static constexpr SourcePlace numbered(std::uint32_t number, const char* path = __builtin_FILE())
+    {
+        return {path, number};
+    }
+
+    /// This unit and line.
+    [[nodiscard]] static constexpr SourcePlace here(std::uint32_t line = __builtin_LINE(),
+                                                    const char* path = __builtin_FILE())
+    {
+        return {path, line};
+    }
+};
+
+/// The line of a failed check, up to the explanation. Ending the line ends the process, unless the
+/// Logger's hook lets it go on.
+class CheckFailure : public LogItem
+{
+public:
+    CheckFailure(LoggerId loggerId, const MethodText& method, const SourcePlace& place, const char* condition);
+};
+
+/// Logs the failed assertion and ends the process.
+[[noreturn]] void failAssertion(LoggerId loggerId, const MethodText& method, const SourcePlace& place,
+                                const char* condition);

@@ -1,0 +1,148 @@
+#include "datapath/common/infra/Log.h"
+
+#include "datapath/common/infra/FatalCheck.h"
+#include "platform/Process.h"
+#include "platform/Threads.h"
+
+#include <atomic>
+#include <iostream>
+#include <utility>
+
+namespace
+{
+
+constexpr std::uint32_t NUMBER_TOO_MANY_CLIENTS = 204;
+
+constexpr std::array<std::string_view, 8> LEVEL_NAMES = {"Assert", "Fatal", "Error",   "Warn",
+                                                         "Info",   "Debug", "Control", "Info"};
+constexpr std::array<std::string_view, 4> LOGGER_NAMES = {"Invalid", "OLM", "KRN", "NON"};
+
+constexpr bool mustFlush(LogLevel level)
+{
+    return level <= LogLevel::Error;
+}
+
+std::int32_t currentThreadKey()
+{
+    return static_cast<std::int32_t>(platform::currentThreadId());
+}
+
+constinit Mutex creationMutex; // guards the creation of the one Logger; nothing is taken inside it
+constinit std::atomic<Logger*> theLogger = nullptr;
+
+} // namespace
+
+std::string_view logLevelName(LogLevel level)
+{
+    return LEVEL_NAMES[static_cast<std::size_t>(level) % LEVEL_NAMES.size()];
+}
+
+std::string_view loggerName(LoggerId loggerId)
+{
+    const auto index = static_cast<std::size_t>(loggerId);
+    return LOGGER_NAMES[index < LOGGER_NAMES.size() ? index : 0];
+}
+
+Logger& Logger::instance()
+{
+    Logger* logger = theLogger.load(std::memory_order_acquire);
+    if (logger == nullptr)
+    {
+        const MutexGuard guard(creationMutex);
+        logger = theLogger.load(std::memory_order_relaxed);
+        if (logger == nullptr)
+        {
+            logger = new Logger;
+            theLogger.store(logger, std::memory_order_release);
+        }
+    }
+    return *logger;
+}
+
+void Logger::registerClient(LoggerClient* client, std::uint32_t levelMask)
+{
+    client->m_levelMask = levelMask;
+    if (m_clientsCnt == MAX_CLIENTS)
+    {
+        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_CLIENTS), "m_clientsCnt < 4")
+            << " m_clientsCnt=" << m_clientsCnt << " " << std::endl;
+        return;
+    }
+    m_clients[m_clientsCnt++] = client;
+}
+
+void Logger::dispatch(const std::string& line, LogLevel level, LoggerId loggerId)
+{
+    const std::uint32_t levelBit = 1U << static_cast<std::uint32_t>(level);
+    for (std::uint32_t i = 0; i < m_clientsCnt; ++i)
+    {
+        LoggerClient& client = *m_clients[i];
+        if ((client.m_levelMask & levelBit) != 0)
+        {
+            client.log(line);
+        }
+        if (mustFlush(level))
+        {
+            client.flush();
+        }
+    }
+    if (level == LogLevel::Assert)
+    {
+        endAfterAssert(line, loggerId);
+    }
+}
+
+void Logger::endAfterAssert(const std::string& line, LoggerId loggerId) const
+{
+    flushClients();
+    if (const AssertHandler& handler = m_assertHandlers.at(static_cast<std::size_t>(loggerId)))
+    {
+        handler(line);
+        flushClients();
+    }
+    if (m_assertHook != nullptr && m_assertHook->onAssert(line))
+    {
+        return;
+    }
+    std::cout << line << std::endl;
+    platform::endProcess();
+}
+
+void Logger::flushClients() const
+{
+    for (std::uint32_t i = 0; i < m_clientsCnt; ++i)
+    {
+        m_clients[i]->flush();
+    }
+}
+
+void Logger::setAssertHandler(LoggerId loggerId, AssertHandler handler)
+{
+    m_assertHandlers.at(static_cast<std::size_t>(loggerId)) = std::move(handler);
+}
+
+void Logger::setThreadName(const std::string& name)
+{
+    const MutexGuard guard(m_mutex);
+    m_threadNames.try_emplace(currentThreadKey(), name);
+}
+
+void Logger::removeThreadName()
+{
+    const MutexGuard guard(m_mutex);
+    m_threadNames.erase(currentThreadKey());
+}
+
+std::string Logger::getThreadName(std::int32_t threadId) const
+{
+    const MutexGuard guard(m_mutex);
+    const auto found = m_threadNames.find(threadId);
+    return found == m_threadNames.end() ? std::string() : found->second;
+}
+
+std::string Logger::getAsyncThreadName() const
+{
+    const MutexGuard guard(m_mutex);
+    const auto found = m_asyncThreadNames.find(currentThreadKey());
+    return found == m_asyncThreadNames.end() ? std::string() : found->second;
+}

@@ -1,0 +1,134 @@
+#pragma once
+
+// The process-wide hub through which every log line passes, and the interface of those who take the
+// lines. A finished line is offered to each registered client whose mask accepts its level; severe
+// lines make the clients flush, and a line of level Assert ends the process.
+//
+//     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
+//     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
+//
+// Lines are made with a LogItem. The hub also keeps the names of the program's threads.
+
+#include "datapath/common/infra/Mutex.h"
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+
+enum class LogLevel : std::uint32_t
+{
+    Assert = 0, ///< a failed check; ends the process
+    Fatal = 1,
+    Error = 2,
+    Warn = 3,
+    Info = 4,
+    Debug = 5,
+    Control = 6, ///< control output, such as the listing of the configuration
+    Further = 7, ///< written like Info, with a bit of its own in the masks
+};
+
+/// Which part of the product family a line comes from.
+enum class LoggerId : std::uint32_t
+{
+    Invalid = 0,
+    OLM = 1,
+    KRN = 2,
+    NON = 3,
+};
+
+/// As the level column of a line shows it.
+[[nodiscard]] std::string_view logLevelName(LogLevel level);
+
+/// As the logger column of a line shows it.
+[[nodiscard]] std::string_view loggerName(LoggerId loggerId);
+
+/// Takes log lines. Every operation may be called by several threads at once, and none may throw. A
+/// client may be called under locks of whoever logs, so it must not read configuration.
+class LoggerClient
+{
+public:
+    LoggerClient() = default;
+    LoggerClient(const LoggerClient&) = delete;
+    LoggerClient& operator=(const LoggerClient&) = delete;
+    virtual ~LoggerClient() = default;
+
+    /// A finished line, its "\n" included.
+    virtual void log(const std::string& line) = 0;
+
+    /// Returns when every line taken so far has reached its destination.
+    virtual void flush() {}
+
+    /// Bit n: lines of level n are wanted. Set by registerClient.
+    std::uint32_t m_levelMask = 0;
+};
+
+/// Asked when a line of level Assert is about to end the process.
+class LogAssertHook
+{
+public:
+    virtual ~LogAssertHook() = default;
+
+    /// Returns true to let the program go on.
+    virtual bool onAssert(const std::string& line) = 0;
+};
+
+class Logger
+{
+public:
+    using AssertHandler = std::function<void(const std::string& line)>;
+
+    static constexpr std::uint32_t ALL_LEVELS = 255;
+
+    /// Created on first use, by any thread, and never destroyed.
+    [[nodiscard]] static Logger& instance();
+
+    /// Adds a client, which stays the caller's and must live until the process ends. There is room
+    /// for four; a fifth ends the process. Start-up only: no other thread may log meanwhile.
+    void registerClient(LoggerClient* client, std::uint32_t levelMask);
+
+    /// Hands one finished line to the clients, on the calling thread and without a lock. Returns
+    /// from a line of level Assert only if the hook says so.
+    void dispatch(const std::string& line, LogLevel level, LoggerId loggerId);
+
+    /// Flushes every client in the order of their registration.
+    void flushClients() const;
+
+    /// Called with each line of level Assert of that logger before the process ends. Start-up only.
+    void setAssertHandler(LoggerId loggerId, AssertHandler handler);
+
+    /// Asked last before a line of level Assert ends the process; null for nobody. Not owned.
+    /// Start-up only.
+    void setAssertHook(LogAssertHook* hook) { m_assertHook = hook; }
+
+    /// Names the calling thread. A thread that has a name keeps it.
+    void setThreadName(const std::string& name) EXCLUDES(m_mutex);
+
+    /// Takes the calling thread's name away.
+    void removeThreadName() EXCLUDES(m_mutex);
+
+    /// The name of a thread, empty if it has none.
+    [[nodiscard]] std::string getThreadName(std::int32_t threadId) const EXCLUDES(m_mutex);
+
+    /// The calling thread's name as the thread column of its lines shows it, empty if it has none.
+    [[nodiscard]] std::string getAsyncThreadName() const EXCLUDES(m_mutex);
+
+private:
+    using ThreadNames = std::map<std::int32_t, std::string>;
+
+    static constexpr std::size_t MAX_CLIENTS = 4;
+    static constexpr std::size_t LOGGER_COUNT = 4;
+
+    Logger() = default;
+    void endAfterAssert(const std::string& line, LoggerId loggerId) const;
+
+    ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex);
+    ThreadNames m_threadNames GUARDED_BY(m_mutex);
+    std::array<LoggerClient*, MAX_CLIENTS> m_clients{};
+    std::uint32_t m_clientsCnt = 0;
+    mutable Mutex m_mutex; // guards the two tables of names; nothing is taken inside it
+    LogAssertHook* m_assertHook = nullptr;
+    std::array<AssertHandler, LOGGER_COUNT> m_assertHandlers;
+};

@@ -1,0 +1,110 @@
+#pragma once
+
+// One log line. The constructor writes the head (time, level, thread, logger, class, method), the
+// caller streams the message, and the end of line hands the whole line to the Logger.
+//
+//     LogItem(LoggerId::NON, LogLevel::Warn, THIS_METHOD) << "slow disk, waited ms=" << waitedMs << std::endl;
+//
+// A line is "2024-03-05 07:08:09.042,Warn,4711,NON,Class,method,slow disk, waited ms=12\n". Nothing
+// is quoted or escaped and nothing is cut. An item belongs to the thread that made it. An item that
+// never ends its line sends nothing.
+
+#include "datapath/common/infra/Log.h"
+#include "datapath/common/infra/MethodText.h"
+
+#include <array>
+#include <charconv>
+#include <ostream>
+#include <streambuf>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+class LogItem;
+
+/// Collects a line without limit and sends it to the Logger when it is flushed.
+class LogStringBuf : public std::streambuf
+{
+public:
+    explicit LogStringBuf(const LogItem& item);
+
+    std::string& text() { return m_text; }
+
+protected:
+    int_type overflow(int_type character) override;
+    std::streamsize xsputn(const char* characters, std::streamsize count) override;
+
+    /// Always succeeds. The text is kept: each item is flushed once.
+    int sync() override;
+
+private:
+    const LogItem& m_item;
+    std::string m_text;
+};
+
+namespace LogItemInternal
+{
+
+/// A base of LogItem of its own, so that the buffer exists before the stream that writes to it.
+struct Buffer
+{
+    explicit Buffer(const LogItem& item) : buffer(item) {}
+
+    LogStringBuf buffer;
+};
+
+} // namespace LogItemInternal
+
+class LogItem : private LogItemInternal::Buffer, public std::ostream
+{
+public:
+    static constexpr int DEFAULT_FRACTION_DIGITS = 3;
+
+    /// fractionDigits: 0 to 3 digits of a second's fraction in the time field.
+    LogItem(LoggerId loggerId, LogLevel level, const MethodText& method, int fractionDigits = DEFAULT_FRACTION_DIGITS);
+
+    /// For a method text that is only known at run time: "Tweaks::Tweak::longVal", "wWinMain".
+    LogItem(LoggerId loggerId, LogLevel level, const char* methodText, int fractionDigits = DEFAULT_FRACTION_DIGITS);
+
+    [[nodiscard]] LogLevel level() const { return m_level; }
+    [[nodiscard]] LoggerId loggerId() const { return m_loggerId; }
+
+    // Whatever a narrow stream accepts. Texts and integers in default formatting take a short way.
+    using std::ostream::operator<<;
+    LogItem& operator<<(std::string_view text);
+    LogItem& operator<<(const std::string& text) { return *this << std::string_view(text); }
+    LogItem& operator<<(const char* text) { return *this << std::string_view(text); }
+    LogItem& operator<<(char character) { return *this << std::string_view(&character, 1); }
+    LogItem& operator<<(signed char character) { return *this << static_cast<char>(character); }
+    LogItem& operator<<(unsigned char character) { return *this << static_cast<char>(character); }
+    LogItem& operator<<(bool value) { return insertNumber(value); }
+    LogItem& operator<<(short value) { return insertNumber(value); }
+    LogItem& operator<<(unsigned short value) { return insertNumber(value); }
+    LogItem& operator<<(int value) { return insertNumber(value); }
+    LogItem& operator<<(unsigned value) { return insertNumber(value); }
+    LogItem& operator<<(long value) { return insertNumber(value); }
+    LogItem& operator<<(unsigned long value) { return insertNumber(value); }
+    LogItem& operator<<(long long value) { return insertNumber(value); }
+    LogItem& operator<<(unsigned long long value) { return insertNumber(value); }
+
+private:
+    LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int fractionDigits);
+
+    [[nodiscard]] bool isPlain() const;
+    template <class T> LogItem& insertNumber(T value)
+    {
+        if (!isPlain())
+        {
+            std::ostream::operator<<(value);
+            return *this;
+        }
+        using Printed = std::conditional_t<std::is_same_v<T, bool>, int, T>;
+        std::array<char, 24> digits;
+        const auto result = std::to_chars(digits.begin(), digits.end(), static_cast<Printed>(value));
+        buffer.text().append(digits.begin(), result.ptr);
+        return *this;
+    }
+
+    LogLevel m_level;
+    LoggerId m_loggerId;
+};

@@ -1,0 +1,50 @@
+#pragma once
+
+// Mutual exclusion between threads of this process.
+//
+//     const MutexGuard guard(m_mutex);
+//
+// Any thread may call. A Mutex belongs to the thread that locked it, and that thread must not lock
+// it again before it has unlocked it.
+
+#include "datapath/common/infra/ThreadSafety.h"
+
+#include <mutex>
+
+/// What a scoped guard can hold.
+class CAPABILITY("mutex") IMutex
+{
+public:
+    virtual void lock() ACQUIRES() = 0;
+    virtual void unlock() RELEASES() = 0;
+    virtual ~IMutex() = default;
+};
+
+/// A non-recursive mutex. Constructed while compiling, so that a static one is usable before main.
+class CAPABILITY("mutex") Mutex final : public IMutex
+{
+public:
+    constexpr Mutex() = default;
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    /// Waits for the mutex. Throws std::system_error if the system refuses.
+    void lock() ACQUIRES() override { m_mutex.lock(); }
+    void unlock() RELEASES() override { m_mutex.unlock(); }
+
+private:
+    std::mutex m_mutex;
+};
+
+/// Locks for its own lifetime.
+class SCOPED_CAPABILITY MutexGuard
+{
+public:
+    explicit MutexGuard(IMutex& mutex) ACQUIRES(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    MutexGuard(const MutexGuard&) = delete;
+    MutexGuard& operator=(const MutexGuard&) = delete;
+    ~MutexGuard() RELEASES() { m_mutex.unlock(); }
+
+private:
+    IMutex& m_mutex;
+};

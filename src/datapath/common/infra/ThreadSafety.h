@@ -1,0 +1,18 @@
+#pragma once
+
+// Annotations for clang's thread-safety analysis: which lock guards a member, which function takes
+// or needs a lock. Other compilers see nothing. Source: the Thread Safety Analysis chapter of
+// clang's documentation.
+
+#if defined(__clang__)
+#define TAVRO_ANNOTATION(annotation) __attribute__((annotation))
+#else
+#define TAVRO_ANNOTATION(annotation)
+#endif
+
+#define CAPABILITY(name) TAVRO_ANNOTATION(capability(name))
+#define SCOPED_CAPABILITY TAVRO_ANNOTATION(scoped_lockable)
+#define GUARDED_BY(lock) TAVRO_ANNOTATION(guarded_by(lock))
+#define ACQUIRES(...) TAVRO_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define RELEASES(...) TAVRO_ANNOTATION(release_capability(__VA_ARGS__))
+#define EXCLUDES(...) TAVRO_ANNOTATION(locks_excluded(__VA_ARGS__))

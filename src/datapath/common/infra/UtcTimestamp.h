@@ -1,0 +1,29 @@
+#pragma once
+
+// The wall-clock time as log lines begin with it: "2024-03-05 07:08:09.042", always UTC.
+
+#include <array>
+#include <cstddef>
+#include <ostream>
+#include <string_view>
+
+/// Writes the current time with 0 to 3 digits of a second's fraction, cut and not rounded. Without
+/// digits the point is left out too. More digits than 3 are written as 3. Any thread, each with a
+/// stream of its own.
+void formatUtcTimestamp(std::ostream& stream, int fractionDigits);
+
+/// The text that formatUtcTimestamp writes, without a stream.
+class UtcTimestamp
+{
+public:
+    explicit UtcTimestamp(int fractionDigits);
+
+    [[nodiscard]] std::string_view view() const { return {m_text.data(), m_length}; }
+
+private:
+    void append(unsigned value, unsigned width);
+    void append(char separator) { m_text[m_length++] = separator; }
+
+    std::array<char, 32> m_text;
+    std::size_t m_length = 0;
+};

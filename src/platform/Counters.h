@@ -1,0 +1,97 @@
+#pragma once
+
+// Counters of the machine and of this process. Every function may be called from any thread; one
+// CpuCounter must not be used from two threads at a time.
+
+#include "platform/ErrorNumber.h"
+
+#include <cstdint>
+
+namespace platform
+{
+
+/// An open query of the machine's idle time. Belongs to whoever opened it.
+enum class CpuCounter : std::intptr_t
+{
+    Invalid = 0
+};
+
+/// Totals over all processors since the system started, in 100-ns units.
+struct CpuTicks
+{
+    std::int64_t idle;
+    std::int64_t total;
+};
+
+/// Memory of this process in bytes.
+struct ProcessMemory
+{
+    std::uint64_t peakWorkingSet;
+    std::uint64_t workingSet;
+    std::uint64_t peakPagedPoolQuota;
+    std::uint64_t pagedPoolQuota;
+    std::uint64_t peakNonPagedPoolQuota;
+    std::uint64_t nonPagedPoolQuota;
+    std::uint64_t pageFile;
+    std::uint64_t peakPageFile;
+};
+
+/// An open handle of this process.
+enum class ProcessHandle : std::intptr_t
+{
+    Invalid = 0
+};
+
+struct CounterCalls
+{
+    CpuCounter (*openCpuCounter)();
+    std::int32_t (*readCpuCounter)(CpuCounter counter, CpuTicks& ticks);
+    void (*closeCpuCounter)(CpuCounter counter);
+    ProcessHandle (*openOwnProcess)();
+    bool (*processMemory)(ProcessHandle process, ProcessMemory& memory);
+    void (*closeProcess)(ProcessHandle process);
+};
+
+/// The implementation in use. Tests replace single entries before other threads call them.
+extern CounterCalls counterCalls;
+
+/// PdhOpenQueryA, PdhAddCounterA for "\Processor(_Total)\% Idle Time" and a first sample;
+/// /proc/stat. Failures show in readCpuCounter.
+[[nodiscard]] inline CpuCounter openCpuCounter()
+{
+    return counterCalls.openCpuCounter();
+}
+
+/// PdhCollectQueryData and PdhGetRawCounterValue; /proc/stat. Returns the status of the read: 0, or
+/// a negative or positive code of the system, with ticks unchanged.
+[[nodiscard]] inline std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
+{
+    return counterCalls.readCpuCounter(counter, ticks);
+}
+
+/// PdhCloseQuery.
+inline void closeCpuCounter(CpuCounter counter)
+{
+    counterCalls.closeCpuCounter(counter);
+}
+
+/// OpenProcess of the current process; Invalid on failure.
+[[nodiscard]] inline ProcessHandle openOwnProcess()
+{
+    return counterCalls.openOwnProcess();
+}
+
+/// GetProcessMemoryInfo; /proc/self/status and getrusage. Figures the system does not keep are 0.
+/// False on failure, memory unchanged.
+[[nodiscard]] inline bool processMemory(ProcessHandle process, ProcessMemory& memory)
+{
+    return counterCalls.processMemory(process, memory);
+}
+
+/// CloseHandle.
+inline void closeProcess(ProcessHandle process)
+{
+    counterCalls.closeProcess(process);
+}
+
+} // namespace platform

@@ -1,0 +1,96 @@
+#pragma once
+
+// A modal dialog: a real window on Windows, a dialogue in the terminal (or over standard input and
+// output) on POSIX. Both run the same dialog procedure with the same messages.
+//
+// All functions belong to the thread that runs the dialog. Texts are UTF-16.
+
+#include <cstdint>
+#include <string_view>
+
+namespace platform
+{
+
+/// The loaded program whose resources hold the dialog; the entry point is given it. On POSIX it is
+/// a ModuleResources.
+using ModuleHandle = void*;
+
+struct DialogBox;
+struct DialogControl;
+using DialogHandle = DialogBox*;
+using ControlHandle = DialogControl*;
+
+/// Receives each message of the dialog. Returns nonzero for a message it handled.
+using DialogProcedure = std::intptr_t (*)(DialogHandle dialog, std::uint32_t message, std::uintptr_t wParam,
+                                          std::intptr_t lParam);
+
+// Messages, notifications and control ids, numbered as in Windows.
+inline constexpr std::uint32_t MESSAGE_EDIT_LINE_LENGTH = 0x00C1;  ///< EM_LINELENGTH
+inline constexpr std::uint32_t MESSAGE_EDIT_GET_LINE = 0x00C4;     ///< EM_GETLINE
+inline constexpr std::uint32_t MESSAGE_INIT_DIALOG = 0x0110;       ///< WM_INITDIALOG
+inline constexpr std::uint32_t MESSAGE_COMMAND = 0x0111;           ///< WM_COMMAND
+inline constexpr std::uint16_t NOTIFICATION_EDIT_CHANGED = 0x0300; ///< EN_CHANGE
+inline constexpr int CONTROL_OK = 1;                               ///< IDOK
+inline constexpr int CONTROL_CANCEL = 2;                           ///< IDCANCEL
+
+/// A dialog as the terminal shows it: one edit control, OK and Cancel. OK starts disabled.
+struct DialogResource
+{
+    int id;
+    std::string_view title;
+    std::string_view prompt;
+    int editControl;
+};
+
+/// What a program on POSIX brings in place of compiled resources.
+struct ModuleResources
+{
+    DialogResource dialog;
+};
+
+struct DialogCalls
+{
+    std::intptr_t (*runDialog)(ModuleHandle module, int dialogId, DialogProcedure procedure);
+    bool (*endDialog)(DialogHandle dialog, std::intptr_t result);
+    ControlHandle (*dialogItem)(DialogHandle dialog, int controlId);
+    bool (*enableControl)(ControlHandle control, bool enable);
+    std::intptr_t (*sendItemMessage)(DialogHandle dialog, int controlId, std::uint32_t message, std::uintptr_t wParam,
+                                     std::intptr_t lParam);
+};
+
+/// The implementation in use. Tests replace single entries.
+extern DialogCalls dialogCalls;
+
+/// DialogBoxParamW without an owner window and with init parameter 0. Returns what endDialog was
+/// given, or -1 when the dialog cannot be shown. One dialog at a time.
+inline std::intptr_t runDialog(ModuleHandle module, int dialogId, DialogProcedure procedure)
+{
+    return dialogCalls.runDialog(module, dialogId, procedure);
+}
+
+/// EndDialog. The dialog closes once its procedure has returned.
+inline bool endDialog(DialogHandle dialog, std::intptr_t result)
+{
+    return dialogCalls.endDialog(dialog, result);
+}
+
+/// GetDlgItem; null if there is no such control.
+[[nodiscard]] inline ControlHandle dialogItem(DialogHandle dialog, int controlId)
+{
+    return dialogCalls.dialogItem(dialog, controlId);
+}
+
+/// EnableWindow. Returns whether the control was disabled before.
+inline bool enableControl(ControlHandle control, bool enable)
+{
+    return dialogCalls.enableControl(control, enable);
+}
+
+/// SendDlgItemMessageW. Pointers to UTF-16 text travel in lParam.
+inline std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::uint32_t message, std::uintptr_t wParam,
+                                     std::intptr_t lParam)
+{
+    return dialogCalls.sendItemMessage(dialog, controlId, message, wParam, lParam);
+}
+
+} // namespace platform

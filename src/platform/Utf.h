@@ -1,0 +1,16 @@
+#pragma once
+
+// UTF-8 and UTF-16, both ways. Pure functions, callable from any thread. Nothing fails: what is not
+// well-formed (a lone surrogate, a stray byte) becomes U+FFFD, the replacement character.
+
+#include <string>
+#include <string_view>
+
+namespace platform
+{
+
+[[nodiscard]] std::string utf16ToUtf8(std::u16string_view text);
+
+[[nodiscard]] std::u16string utf8ToUtf16(std::string_view text);
+
+} // namespace platform

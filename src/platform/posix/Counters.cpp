@@ -1,0 +1,90 @@
+#include "platform/Counters.h"
+
+#include <fstream>
+#include <map>
+#include <string>
+#include <unistd.h>
+
+namespace platform::posix
+{
+
+namespace
+{
+
+constexpr std::int32_t STATUS_NO_DATA = -1;
+
+CpuCounter openCpuCounter()
+{
+    return CpuCounter{1}; // the counters are always there
+}
+
+std::int32_t readCpuCounter(CpuCounter /*counter*/, CpuTicks& ticks)
+{
+    // "cpu", then clock ticks spent in: user, nice, system, idle, waiting for I/O, irq, softirq, steal
+    constexpr int FIELDS = 8;
+    constexpr int IDLE = 3;
+    constexpr int IO_WAIT = 4;
+    std::ifstream stat("/proc/stat");
+    std::string label;
+    stat >> label;
+    const std::int64_t unit = 10'000'000 / sysconf(_SC_CLK_TCK);
+    CpuTicks sum = {};
+    for (int field = 0; field < FIELDS; ++field)
+    {
+        std::int64_t clockTicks = 0;
+        stat >> clockTicks;
+        sum.total += clockTicks * unit;
+        sum.idle += field == IDLE || field == IO_WAIT ? clockTicks * unit : 0;
+    }
+    if (!stat || label != "cpu")
+    {
+        return STATUS_NO_DATA;
+    }
+    ticks = sum;
+    return 0;
+}
+
+void closeCpuCounter(CpuCounter /*counter*/) {}
+
+ProcessHandle openOwnProcess()
+{
+    return ProcessHandle{getpid()};
+}
+
+bool processMemory(ProcessHandle /*process*/, ProcessMemory& memory)
+{
+    std::ifstream status("/proc/self/status");
+    std::map<std::string, std::uint64_t> kilobytes;
+    for (std::string line; std::getline(status, line);)
+    {
+        if (const std::size_t colon = line.find(':'); line.ends_with(" kB"))
+        {
+            kilobytes[line.substr(0, colon)] = std::stoull(line.substr(colon + 1)) * 1024;
+        }
+    }
+    if (kilobytes.empty())
+    {
+        return false;
+    }
+    memory = {};
+    memory.peakWorkingSet = kilobytes["VmHWM"];
+    memory.workingSet = kilobytes["VmRSS"];
+    memory.pageFile = kilobytes["VmSize"];
+    memory.peakPageFile = kilobytes["VmPeak"];
+    return true;
+}
+
+void closeProcess(ProcessHandle /*process*/) {}
+
+} // namespace
+
+} // namespace platform::posix
+
+platform::CounterCalls platform::counterCalls = {
+    .openCpuCounter = posix::openCpuCounter,
+    .readCpuCounter = posix::readCpuCounter,
+    .closeCpuCounter = posix::closeCpuCounter,
+    .openOwnProcess = posix::openOwnProcess,
+    .processMemory = posix::processMemory,
+    .closeProcess = posix::closeProcess,
+};

@@ -1,0 +1,164 @@
+#include "platform/Files.h"
+
+#include "platform/posix/Errors.h"
+#include "platform/posix/Paths.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace platform::posix
+{
+
+namespace
+{
+
+constexpr mode_t FILE_PERMISSIONS = 0666;
+constexpr mode_t FOLDER_PERMISSIONS = 0777;
+
+int toDescriptor(FileHandle file)
+{
+    return static_cast<int>(file);
+}
+
+DIR* toStream(FolderHandle folder)
+{
+    return reinterpret_cast<DIR*>(folder);
+}
+
+/// 0 for a call that succeeded, else errno.
+int errnoOf(int result)
+{
+    return result == 0 ? 0 : errno;
+}
+
+Transfer toTransfer(ssize_t result)
+{
+    return result < 0 ? Transfer{0, fromErrno(errno)}
+                      : Transfer{static_cast<std::size_t>(result), ErrorNumber::Success};
+}
+
+OpenedFile openFile(const char* path, OpenMode mode)
+{
+    const int flags = mode == OpenMode::Read ? O_RDONLY : O_WRONLY | O_APPEND | O_CREAT;
+    const int descriptor = open(toNative(path).c_str(), flags | O_CLOEXEC, FILE_PERMISSIONS);
+    return {FileHandle{descriptor}, descriptor < 0 ? fromErrno(errno) : ErrorNumber::Success};
+}
+
+Transfer readFile(FileHandle file, void* buffer, std::size_t size)
+{
+    return toTransfer(TEMP_FAILURE_RETRY(read(toDescriptor(file), buffer, size)));
+}
+
+Transfer writeFile(FileHandle file, const void* bytes, std::size_t size)
+{
+    return toTransfer(TEMP_FAILURE_RETRY(write(toDescriptor(file), bytes, size)));
+}
+
+ErrorNumber closeFile(FileHandle file)
+{
+    return fromErrno(errnoOf(close(toDescriptor(file))));
+}
+
+int makeFolder(const char* path)
+{
+    return errnoOf(mkdir(toNative(path).c_str(), FOLDER_PERMISSIONS));
+}
+
+ErrorNumber createFolder(const char* path)
+{
+    return fromErrno(makeFolder(path));
+}
+
+bool pathExists(const char* path)
+{
+    struct stat status = {};
+    return stat(toNative(path).c_str(), &status) == 0;
+}
+
+int removeFile(const char* path)
+{
+    return errnoOf(unlink(toNative(path).c_str()));
+}
+
+int renameFile(const char* from, const char* to)
+{
+    const std::string nativeFrom = toNative(from);
+    const std::string nativeTo = toNative(to);
+    const int error = errnoOf(renameat2(AT_FDCWD, nativeFrom.c_str(), AT_FDCWD, nativeTo.c_str(), RENAME_NOREPLACE));
+    if (error != EINVAL && error != ENOSYS)
+    {
+        return error;
+    }
+    // The file system cannot refuse to replace while renaming; a second link cannot replace either.
+    if (link(nativeFrom.c_str(), nativeTo.c_str()) != 0)
+    {
+        return errno;
+    }
+    return errnoOf(unlink(nativeFrom.c_str()));
+}
+
+ErrorNumber readEntry(DIR* stream, FolderEntry& entry)
+{
+    errno = 0;
+    const dirent* const found = readdir(stream);
+    if (found == nullptr)
+    {
+        return errno == 0 ? ErrorNumber::NoMoreFiles : fromErrno(errno);
+    }
+    entry.name = found->d_name;
+    entry.isFolder = found->d_type == DT_DIR;
+    if (found->d_type == DT_LNK || found->d_type == DT_UNKNOWN)
+    {
+        struct stat status = {};
+        entry.isFolder = fstatat(dirfd(stream), found->d_name, &status, 0) == 0 && S_ISDIR(status.st_mode);
+    }
+    return ErrorNumber::Success;
+}
+
+OpenedFolder findFirstEntry(const char* folder, FolderEntry& entry)
+{
+    DIR* const stream = opendir(toNative(folder).c_str());
+    if (stream == nullptr)
+    {
+        return {FolderHandle::Invalid, fromErrno(errno)};
+    }
+    if (const ErrorNumber error = readEntry(stream, entry); error != ErrorNumber::Success)
+    {
+        closedir(stream);
+        return {FolderHandle::Invalid, error};
+    }
+    return {FolderHandle{reinterpret_cast<std::intptr_t>(stream)}, ErrorNumber::Success};
+}
+
+ErrorNumber findNextEntry(FolderHandle folder, FolderEntry& entry)
+{
+    return readEntry(toStream(folder), entry);
+}
+
+void closeFolder(FolderHandle folder)
+{
+    closedir(toStream(folder));
+}
+
+} // namespace
+
+} // namespace platform::posix
+
+platform::FileCalls platform::fileCalls = {
+    .openFile = posix::openFile,
+    .readFile = posix::readFile,
+    .writeFile = posix::writeFile,
+    .closeFile = posix::closeFile,
+    .createFolder = posix::createFolder,
+    .makeFolder = posix::makeFolder,
+    .pathExists = posix::pathExists,
+    .removeFile = posix::removeFile,
+    .renameFile = posix::renameFile,
+    .findFirstEntry = posix::findFirstEntry,
+    .findNextEntry = posix::findNextEntry,
+    .closeFolder = posix::closeFolder,
+};

@@ -1,0 +1,181 @@
+#include "platform/Process.h"
+
+#include "platform/Utf.h"
+#include "platform/posix/CommandLine.h"
+#include "platform/posix/Errors.h"
+#include "platform/posix/Paths.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace platform::posix
+{
+
+namespace
+{
+
+std::string programPath()
+{
+    std::array<char, PATH_MAX> buffer{};
+    const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
+    return {buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
+}
+
+std::uint32_t moduleFileName(char* buffer, std::uint32_t size)
+{
+    if (size == 0)
+    {
+        return 0;
+    }
+    const std::string path = fromNative(programPath());
+    const std::size_t copied = std::min<std::size_t>(path.size(), size - 1);
+    std::memcpy(buffer, path.data(), copied);
+    buffer[copied] = '\0';
+    return copied < path.size() ? size : static_cast<std::uint32_t>(copied);
+}
+
+bool isFile(const std::string& path)
+{
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode);
+}
+
+/// Where the program of that name is; empty if it is nowhere.
+std::string findProgram(const std::string& name)
+{
+    if (name.find('/') != std::string::npos)
+    {
+        return name;
+    }
+    const std::string ownPath = programPath();
+    std::string folders = ownPath.substr(0, ownPath.rfind('/')) + ":.";
+    if (const char* const path = std::getenv("PATH"); path != nullptr)
+    {
+        folders.append(":").append(path);
+    }
+    for (std::size_t start = 0; start <= folders.size();)
+    {
+        const std::size_t end = std::min(folders.find(':', start), folders.size());
+        const std::string folder = folders.substr(start, end - start);
+        std::string candidate = (folder.empty() ? "." : folder) + "/" + name;
+        if (isFile(candidate))
+        {
+            return candidate;
+        }
+        start = end + 1;
+    }
+    return {};
+}
+
+/// Descriptors that a started program must not get are closed; those below keep stays.
+void closeDescriptorsFrom(int first)
+{
+    if (syscall(SYS_close_range, first, ~0U, 0) == 0)
+    {
+        return;
+    }
+    const long limit = sysconf(_SC_OPEN_MAX);
+    for (int descriptor = first; descriptor < limit; ++descriptor)
+    {
+        close(descriptor);
+    }
+}
+
+/// Runs in the forked child, where only async-signal-safe calls are allowed. Reports errno through
+/// the descriptor when the program cannot be executed; a successful execve closes it unwritten.
+[[noreturn]] void becomeProgram(const char* path, char* const* arguments, int errorPipe)
+{
+    constexpr int ERROR_DESCRIPTOR = STDERR_FILENO + 1;
+    setsid();
+    sigset_t noSignals;
+    sigemptyset(&noSignals);
+    sigprocmask(SIG_SETMASK, &noSignals, nullptr);
+    // A second fork makes the program an orphan, which the system reaps.
+    const pid_t program = fork();
+    if (program > 0)
+    {
+        _exit(0);
+    }
+    if (program == 0)
+    {
+        const int pipeEnd = errorPipe == ERROR_DESCRIPTOR ? errorPipe : dup2(errorPipe, ERROR_DESCRIPTOR);
+        fcntl(pipeEnd, F_SETFD, FD_CLOEXEC);
+        const int nothing = open("/dev/null", O_RDWR);
+        dup2(nothing, STDIN_FILENO);
+        dup2(nothing, STDOUT_FILENO);
+        dup2(nothing, STDERR_FILENO);
+        closeDescriptorsFrom(ERROR_DESCRIPTOR + 1);
+        errorPipe = ERROR_DESCRIPTOR;
+        execve(path, arguments, environ);
+    }
+    const int error = errno;
+    static_cast<void>(!write(errorPipe, &error, sizeof(error)));
+    _exit(1);
+}
+
+ErrorNumber createProcess(std::u16string& commandLine)
+{
+    std::vector<std::string> arguments = splitCommandLine(utf16ToUtf8(commandLine));
+    const std::string path = findProgram(toNative(arguments.front()));
+    if (path.empty())
+    {
+        return ErrorNumber::FileNotFound;
+    }
+    std::vector<char*> argumentPointers;
+    for (std::string& argument : arguments)
+    {
+        argumentPointers.push_back(argument.data());
+    }
+    argumentPointers.push_back(nullptr);
+
+    std::array<int, 2> errorPipe{};
+    if (pipe2(errorPipe.data(), O_CLOEXEC) != 0)
+    {
+        return fromErrno(errno);
+    }
+    const auto [readEnd, writeEnd] = errorPipe;
+    const pid_t intermediate = fork();
+    if (intermediate == 0)
+    {
+        becomeProgram(path.c_str(), argumentPointers.data(), writeEnd);
+    }
+    int error = intermediate < 0 ? errno : 0;
+    close(writeEnd);
+    if (intermediate > 0)
+    {
+        waitpid(intermediate, nullptr, 0);
+        if (TEMP_FAILURE_RETRY(read(readEnd, &error, sizeof(error))) != static_cast<ssize_t>(sizeof(error)))
+        {
+            error = 0;
+        }
+    }
+    close(readEnd);
+    return fromErrno(error);
+}
+
+void endProcess()
+{
+    signal(SIGABRT, SIG_DFL);
+    std::abort();
+}
+
+} // namespace
+
+} // namespace platform::posix
+
+platform::ProcessCalls platform::processCalls = {
+    .moduleFileName = posix::moduleFileName,
+    .createProcess = posix::createProcess,
+    .endProcess = posix::endProcess,
+};

@@ -1,0 +1,147 @@
+#include "platform/Threads.h"
+
+#include "platform/posix/Errors.h"
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <ctime>
+#include <fcntl.h>
+#include <memory>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <string_view>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace platform::posix
+{
+
+namespace
+{
+
+constexpr std::uint64_t TICKS_PER_SECOND = 10'000'000; // 100-ns units
+constexpr std::uint64_t NS_PER_SECOND = 1'000'000'000;
+
+struct ThreadStart
+{
+    ThreadProcedure procedure;
+    void* argument;
+    ThreadPriority priority;
+};
+
+void raisePriority()
+{
+    sched_param parameter = {};
+    parameter.sched_priority = sched_get_priority_min(SCHED_RR);
+    if (pthread_setschedparam(pthread_self(), SCHED_RR, &parameter) != 0)
+    {
+        constexpr int HIGHEST_NICENESS = -20;
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), HIGHEST_NICENESS);
+    }
+}
+
+void* threadMain(void* argument)
+{
+    const std::unique_ptr<ThreadStart> owned(static_cast<ThreadStart*>(argument));
+    const ThreadStart start = *owned;
+    if (start.priority == ThreadPriority::TimeCritical)
+    {
+        raisePriority();
+    }
+    start.procedure(start.argument);
+    return nullptr;
+}
+
+ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriority priority)
+{
+    pthread_attr_t attributes;
+    if (const int error = pthread_attr_init(&attributes); error != 0)
+    {
+        return fromErrno(error);
+    }
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    auto start = std::make_unique<ThreadStart>(ThreadStart{procedure, argument, priority});
+    pthread_t thread = {};
+    const int error = pthread_create(&thread, &attributes, threadMain, start.get());
+    pthread_attr_destroy(&attributes);
+    if (error == 0)
+    {
+        static_cast<void>(start.release()); // the new thread owns it
+    }
+    return fromErrno(error);
+}
+
+std::uint32_t currentThreadId()
+{
+    thread_local const auto ID = static_cast<std::uint32_t>(gettid());
+    return ID;
+}
+
+std::string statPath(std::uint32_t threadId)
+{
+    return "/proc/self/task/" + std::to_string(threadId) + "/stat";
+}
+
+ThreadHandle openThread(std::uint32_t threadId)
+{
+    return ThreadHandle{access(statPath(threadId).c_str(), R_OK) == 0 ? static_cast<std::intptr_t>(threadId) : 0};
+}
+
+std::optional<std::uint64_t> threadUserTime(ThreadHandle thread)
+{
+    const int file = open(statPath(static_cast<std::uint32_t>(thread)).c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0)
+    {
+        return std::nullopt;
+    }
+    std::array<char, 1024> buffer{};
+    const ssize_t length = read(file, buffer.data(), buffer.size());
+    close(file);
+    std::string_view text(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    // The thread's name, in parentheses, may hold anything; user time is the 12th field behind it.
+    text.remove_prefix(std::min(text.rfind(')') + 1, text.size()));
+    for (int field = 0; field < 12 && !text.empty(); ++field)
+    {
+        text.remove_prefix(std::min(text.find(' ') + 1, text.size()));
+    }
+    std::uint64_t clockTicks = 0;
+    if (std::from_chars(text.data(), text.data() + text.size(), clockTicks).ec != std::errc())
+    {
+        return std::nullopt;
+    }
+    return clockTicks * (TICKS_PER_SECOND / static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK)));
+}
+
+void closeThread(ThreadHandle /*thread*/) {}
+
+std::uint64_t currentThreadCycles()
+{
+    timespec time = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * NS_PER_SECOND + static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+void sleepMs(std::uint32_t durationMs)
+{
+    timespec remaining = {.tv_sec = static_cast<time_t>(durationMs / 1000),
+                          .tv_nsec = static_cast<long>(durationMs % 1000) * 1'000'000};
+    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR)
+    {
+    }
+}
+
+} // namespace
+
+} // namespace platform::posix
+
+platform::ThreadCalls platform::threadCalls = {
+    .startThread = posix::startThread,
+    .currentThreadId = posix::currentThreadId,
+    .openThread = posix::openThread,
+    .threadUserTime = posix::threadUserTime,
+    .closeThread = posix::closeThread,
+    .currentThreadCycles = posix::currentThreadCycles,
+    .sleepMs = posix::sleepMs,
+};

@@ -1,0 +1,88 @@
+#include "platform/Time.h"
+
+#include <chrono>
+#include <ctime>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace platform::posix
+{
+
+namespace
+{
+
+constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
+
+UtcTime utcNow()
+{
+    using namespace std::chrono;
+    const auto now = floor<milliseconds>(system_clock::now());
+    const auto day = floor<days>(now);
+    const year_month_day date(day);
+    const hh_mm_ss time(now - day);
+    return {.year = static_cast<int>(date.year()),
+            .month = static_cast<int>(static_cast<unsigned>(date.month())),
+            .day = static_cast<int>(static_cast<unsigned>(date.day())),
+            .hour = static_cast<int>(time.hours().count()),
+            .minute = static_cast<int>(time.minutes().count()),
+            .second = static_cast<int>(time.seconds().count()),
+            .millisecond = static_cast<int>(time.subseconds().count())};
+}
+
+bool performanceCounter(std::int64_t& ticks)
+{
+    timespec time = {};
+    if (clock_gettime(CLOCK_MONOTONIC, &time) != 0)
+    {
+        return false;
+    }
+    ticks = static_cast<std::int64_t>(time.tv_sec) * NS_PER_SECOND + time.tv_nsec;
+    return true;
+}
+
+bool performanceFrequency(std::int64_t& ticksPerSecond)
+{
+    ticksPerSecond = NS_PER_SECOND;
+    return true;
+}
+
+std::uint64_t tickCountMs()
+{
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * 1000 + static_cast<std::uint64_t>(time.tv_nsec) / 1'000'000;
+}
+
+std::uint32_t processorCount()
+{
+    const long count = sysconf(_SC_NPROCESSORS_ONLN);
+    return count < 1 ? 1 : static_cast<std::uint32_t>(count);
+}
+
+std::uint64_t toTicks(const timeval& time)
+{
+    return static_cast<std::uint64_t>(time.tv_sec) * 10'000'000 + static_cast<std::uint64_t>(time.tv_usec) * 10;
+}
+
+std::optional<CpuTime> processCpuTime()
+{
+    rusage usage = {};
+    if (getrusage(RUSAGE_SELF, &usage) != 0)
+    {
+        return std::nullopt;
+    }
+    return CpuTime{.kernel = toTicks(usage.ru_stime), .user = toTicks(usage.ru_utime)};
+}
+
+} // namespace
+
+} // namespace platform::posix
+
+platform::TimeCalls platform::timeCalls = {
+    .utcNow = posix::utcNow,
+    .performanceCounter = posix::performanceCounter,
+    .performanceFrequency = posix::performanceFrequency,
+    .tickCountMs = posix::tickCountMs,
+    .processorCount = posix::processorCount,
+    .processCpuTime = posix::processCpuTime,
+};

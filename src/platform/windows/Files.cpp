@@ -1,0 +1,146 @@
+#include "platform/Files.h"
+
+#include "platform/windows/System.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <direct.h>
+#include <sys/stat.h>
+
+namespace platform::windows
+{
+
+namespace
+{
+
+HANDLE toHandle(FileHandle file)
+{
+    return reinterpret_cast<HANDLE>(file);
+}
+
+HANDLE toHandle(FolderHandle folder)
+{
+    return reinterpret_cast<HANDLE>(folder);
+}
+
+/// 0 for a call of the C runtime that succeeded, else errno.
+int errnoOf(int result)
+{
+    return result == 0 ? 0 : errno;
+}
+
+/// The most that one call transfers.
+DWORD toDword(std::size_t size)
+{
+    return static_cast<DWORD>(std::min<std::size_t>(size, MAXLONG));
+}
+
+OpenedFile openFile(const char* path, OpenMode mode)
+{
+    const bool isRead = mode == OpenMode::Read;
+    constexpr DWORD SHARING = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const HANDLE handle = CreateFileA(path, isRead ? GENERIC_READ : FILE_APPEND_DATA | SYNCHRONIZE, SHARING, nullptr,
+                                      isRead ? OPEN_EXISTING : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    return {FileHandle{reinterpret_cast<std::intptr_t>(handle)},
+            handle == INVALID_HANDLE_VALUE ? lastError() : ErrorNumber::Success};
+}
+
+Transfer readFile(FileHandle file, void* buffer, std::size_t size)
+{
+    DWORD bytes = 0;
+    const ErrorNumber error = errorOf(ReadFile(toHandle(file), buffer, toDword(size), &bytes, nullptr));
+    return {bytes, error == static_cast<ErrorNumber>(ERROR_BROKEN_PIPE) ? ErrorNumber::Success : error};
+}
+
+Transfer writeFile(FileHandle file, const void* bytes, std::size_t size)
+{
+    DWORD written = 0;
+    const ErrorNumber error = errorOf(WriteFile(toHandle(file), bytes, toDword(size), &written, nullptr));
+    return {written, error};
+}
+
+ErrorNumber closeFile(FileHandle file)
+{
+    return errorOf(CloseHandle(toHandle(file)));
+}
+
+ErrorNumber createFolder(const char* path)
+{
+    return errorOf(CreateDirectoryA(path, nullptr));
+}
+
+int makeFolder(const char* path)
+{
+    return errnoOf(_mkdir(path));
+}
+
+bool pathExists(const char* path)
+{
+    struct _stat64 status = {};
+    return _stat64(path, &status) == 0;
+}
+
+int removeFile(const char* path)
+{
+    return errnoOf(std::remove(path));
+}
+
+int renameFile(const char* from, const char* to)
+{
+    return errnoOf(std::rename(from, to));
+}
+
+void store(const WIN32_FIND_DATAA& found, FolderEntry& entry)
+{
+    entry.name = found.cFileName;
+    entry.isFolder = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+OpenedFolder findFirstEntry(const char* folder, FolderEntry& entry)
+{
+    WIN32_FIND_DATAA found = {};
+    const std::string pattern = std::string(folder) + "\\*";
+    const HANDLE handle = FindFirstFileA(pattern.c_str(), &found);
+    if (handle == INVALID_HANDLE_VALUE)
+    {
+        return {FolderHandle::Invalid, lastError()};
+    }
+    store(found, entry);
+    return {FolderHandle{reinterpret_cast<std::intptr_t>(handle)}, ErrorNumber::Success};
+}
+
+ErrorNumber findNextEntry(FolderHandle folder, FolderEntry& entry)
+{
+    WIN32_FIND_DATAA found = {};
+    if (FindNextFileA(toHandle(folder), &found) == FALSE)
+    {
+        return lastError();
+    }
+    store(found, entry);
+    return ErrorNumber::Success;
+}
+
+void closeFolder(FolderHandle folder)
+{
+    FindClose(toHandle(folder));
+}
+
+} // namespace
+
+} // namespace platform::windows
+
+platform::FileCalls platform::fileCalls = {
+    .openFile = windows::openFile,
+    .readFile = windows::readFile,
+    .writeFile = windows::writeFile,
+    .closeFile = windows::closeFile,
+    .createFolder = windows::createFolder,
+    .makeFolder = windows::makeFolder,
+    .pathExists = windows::pathExists,
+    .removeFile = windows::removeFile,
+    .renameFile = windows::renameFile,
+    .findFirstEntry = windows::findFirstEntry,
+    .findNextEntry = windows::findNextEntry,
+    .closeFolder = windows::closeFolder,
+};

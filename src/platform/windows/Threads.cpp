@@ -1,0 +1,96 @@
+#include "platform/Threads.h"
+
+#include "platform/windows/System.h"
+
+#include <memory>
+
+namespace platform::windows
+{
+
+namespace
+{
+
+struct ThreadStart
+{
+    ThreadProcedure procedure;
+    void* argument;
+};
+
+DWORD WINAPI threadMain(void* argument)
+{
+    const std::unique_ptr<ThreadStart> owned(static_cast<ThreadStart*>(argument));
+    const ThreadStart start = *owned;
+    start.procedure(start.argument);
+    return 0;
+}
+
+ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriority priority)
+{
+    auto start = std::make_unique<ThreadStart>(ThreadStart{procedure, argument});
+    const HANDLE thread = CreateThread(nullptr, 0, threadMain, start.get(), 0, nullptr);
+    if (thread == nullptr)
+    {
+        return lastError();
+    }
+    static_cast<void>(start.release()); // the new thread owns it
+    if (priority == ThreadPriority::TimeCritical)
+    {
+        SetThreadPriority(thread, THREAD_PRIORITY_TIME_CRITICAL);
+    }
+    CloseHandle(thread);
+    return ErrorNumber::Success;
+}
+
+std::uint32_t currentThreadId()
+{
+    return GetCurrentThreadId();
+}
+
+ThreadHandle openThread(std::uint32_t threadId)
+{
+    return ThreadHandle{reinterpret_cast<std::intptr_t>(OpenThread(THREAD_QUERY_INFORMATION, FALSE, threadId))};
+}
+
+std::optional<std::uint64_t> threadUserTime(ThreadHandle thread)
+{
+    FILETIME creation = {};
+    FILETIME exit = {};
+    FILETIME kernel = {};
+    FILETIME user = {};
+    if (GetThreadTimes(reinterpret_cast<HANDLE>(thread), &creation, &exit, &kernel, &user) == FALSE)
+    {
+        return std::nullopt;
+    }
+    return toTicks(user);
+}
+
+void closeThread(ThreadHandle thread)
+{
+    CloseHandle(reinterpret_cast<HANDLE>(thread));
+}
+
+std::uint64_t currentThreadCycles()
+{
+    ULONG64 cycles = 0;
+    QueryThreadCycleTime(GetCurrentThread(), &cycles);
+    return cycles;
+}
+
+void sleepMs(std::uint32_t durationMs)
+{
+    Sleep(durationMs);
+}
+
+} // namespace
+
+} // namespace platform::windows
+
+platform::ThreadCalls platform::threadCalls = {
+    .startThread = windows::startThread,
+    .currentThreadId = windows::currentThreadId,
+    .openThread = windows::openThread,
+    .threadUserTime = windows::threadUserTime,
+    .closeThread = windows::closeThread,
+    .currentThreadCycles = windows::currentThreadCycles,
+    .sleepMs = windows::sleepMs,
+};

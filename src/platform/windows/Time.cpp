@@ -1,0 +1,82 @@
+#include "platform/Time.h"
+
+#include "platform/windows/System.h"
+
+namespace platform::windows
+{
+
+namespace
+{
+
+UtcTime utcNow()
+{
+    SYSTEMTIME now = {};
+    GetSystemTime(&now);
+    return {.year = now.wYear,
+            .month = now.wMonth,
+            .day = now.wDay,
+            .hour = now.wHour,
+            .minute = now.wMinute,
+            .second = now.wSecond,
+            .millisecond = now.wMilliseconds};
+}
+
+bool performanceCounter(std::int64_t& ticks)
+{
+    LARGE_INTEGER counter = {};
+    if (QueryPerformanceCounter(&counter) == FALSE)
+    {
+        return false;
+    }
+    ticks = counter.QuadPart;
+    return true;
+}
+
+bool performanceFrequency(std::int64_t& ticksPerSecond)
+{
+    LARGE_INTEGER frequency = {};
+    if (QueryPerformanceFrequency(&frequency) == FALSE)
+    {
+        return false;
+    }
+    ticksPerSecond = frequency.QuadPart;
+    return true;
+}
+
+std::uint64_t tickCountMs()
+{
+    return GetTickCount64();
+}
+
+std::uint32_t processorCount()
+{
+    SYSTEM_INFO info = {};
+    GetSystemInfo(&info);
+    return info.dwNumberOfProcessors;
+}
+
+std::optional<CpuTime> processCpuTime()
+{
+    FILETIME creation = {};
+    FILETIME exit = {};
+    FILETIME kernel = {};
+    FILETIME user = {};
+    if (GetProcessTimes(GetCurrentProcess(), &creation, &exit, &kernel, &user) == FALSE)
+    {
+        return std::nullopt;
+    }
+    return CpuTime{.kernel = toTicks(kernel), .user = toTicks(user)};
+}
+
+} // namespace
+
+} // namespace platform::windows
+
+platform::TimeCalls platform::timeCalls = {
+    .utcNow = windows::utcNow,
+    .performanceCounter = windows::performanceCounter,
+    .performanceFrequency = windows::performanceFrequency,
+    .tickCountMs = windows::tickCountMs,
+    .processorCount = windows::processorCount,
+    .processCpuTime = windows::processCpuTime,
+};
