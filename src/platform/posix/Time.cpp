@@ -18,7 +18,14 @@ UtcTime utcNow()
     using namespace std::chrono;
     const auto now = floor<milliseconds>(system_clock::now());
     const auto day = floor<days>(now);
-    const year_month_day date(day);
+    // The date is the dear part and changes once a day.
+    thread_local sys_days dateOf{};
+    thread_local year_month_day date{dateOf};
+    if (day != dateOf)
+    {
+        dateOf = day;
+        date = day;
+    }
     const hh_mm_ss time(now - day);
     return {.year = static_cast<int>(date.year()),
             .month = static_cast<int>(static_cast<unsigned>(date.month())),

@@ -4,7 +4,6 @@
 #include "platform/Process.h"
 #include "platform/Threads.h"
 
-#include <atomic>
 #include <iostream>
 #include <utility>
 
@@ -140,8 +139,26 @@ std::string Logger::getThreadName(std::int32_t threadId) const
     return found == m_threadNames.end() ? std::string() : found->second;
 }
 
+void Logger::setAsyncThreadName(const std::string& name)
+{
+    const MutexGuard guard(m_mutex);
+    if (name.empty())
+    {
+        m_asyncThreadNames.erase(currentThreadKey());
+    }
+    else
+    {
+        m_asyncThreadNames.insert_or_assign(currentThreadKey(), name);
+    }
+    m_asyncThreadNamesCnt.store(m_asyncThreadNames.size(), std::memory_order_relaxed);
+}
+
 std::string Logger::getAsyncThreadName() const
 {
+    if (m_asyncThreadNamesCnt.load(std::memory_order_relaxed) == 0)
+    {
+        return {};
+    }
     const MutexGuard guard(m_mutex);
     const auto found = m_asyncThreadNames.find(currentThreadKey());
     return found == m_asyncThreadNames.end() ? std::string() : found->second;

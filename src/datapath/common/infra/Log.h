@@ -12,6 +12,7 @@
 #include "datapath/common/infra/Mutex.h"
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -112,7 +113,11 @@ public:
     /// The name of a thread, empty if it has none.
     [[nodiscard]] std::string getThreadName(std::int32_t threadId) const EXCLUDES(m_mutex);
 
-    /// The calling thread's name as the thread column of its lines shows it, empty if it has none.
+    /// Lets the thread column of the calling thread's lines show this name behind the thread's id;
+    /// an empty name takes it away.
+    void setAsyncThreadName(const std::string& name) EXCLUDES(m_mutex);
+
+    /// The calling thread's name for the thread column, empty if it has none.
     [[nodiscard]] std::string getAsyncThreadName() const EXCLUDES(m_mutex);
 
 private:
@@ -125,6 +130,8 @@ private:
     void endAfterAssert(const std::string& line, LoggerId loggerId) const;
 
     ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex);
+    // How many there are, so that lines take the lock only in programs that use such names.
+    std::atomic<std::size_t> m_asyncThreadNamesCnt = 0;
     ThreadNames m_threadNames GUARDED_BY(m_mutex);
     std::array<LoggerClient*, MAX_CLIENTS> m_clients{};
     std::uint32_t m_clientsCnt = 0;

@@ -3,6 +3,9 @@
 #include "datapath/common/infra/UtcTimestamp.h"
 #include "platform/Threads.h"
 
+#include <algorithm>
+#include <limits>
+
 namespace
 {
 
@@ -16,28 +19,37 @@ std::string cleaned(std::string methodText)
 
 } // namespace
 
-LogStringBuf::LogStringBuf(const LogItem& item) : m_item(item)
+LogStringBuf::LogStringBuf(const LogItem& item) : m_item(item), m_text(USUAL_LINE_LENGTH, '\0')
 {
-    m_text.reserve(USUAL_LINE_LENGTH);
+    setp(m_text.data(), m_text.data() + m_text.size());
+}
+
+void LogStringBuf::resize(std::size_t size)
+{
+    std::size_t kept = std::min(length(), size);
+    m_text.resize(size);
+    setp(m_text.data(), m_text.data() + size);
+    for (constexpr std::size_t MOST = std::numeric_limits<int>::max(); kept > 0;)
+    {
+        const std::size_t step = std::min(kept, MOST);
+        pbump(static_cast<int>(step));
+        kept -= step;
+    }
 }
 
 LogStringBuf::int_type LogStringBuf::overflow(int_type character)
 {
+    resize(2 * m_text.size());
     if (!traits_type::eq_int_type(character, traits_type::eof()))
     {
-        m_text.push_back(traits_type::to_char_type(character));
+        sputc(traits_type::to_char_type(character));
     }
     return traits_type::not_eof(character);
 }
 
-std::streamsize LogStringBuf::xsputn(const char* characters, std::streamsize count)
-{
-    m_text.append(characters, static_cast<std::size_t>(count));
-    return count;
-}
-
 int LogStringBuf::sync()
 {
+    resize(length());
     Logger::instance().dispatch(m_text, m_item.level(), m_item.loggerId());
     return 0;
 }
@@ -62,23 +74,4 @@ LogItem::LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int
         *this << "/" << name;
     }
     *this << "," << loggerName(loggerId) << "," << fields << ",";
-}
-
-LogItem& LogItem::operator<<(std::string_view text)
-{
-    if (isPlain())
-    {
-        buffer.text().append(text);
-    }
-    else
-    {
-        static_cast<std::ostream&>(*this) << text;
-    }
-    return *this;
-}
-
-bool LogItem::isPlain() const
-{
-    constexpr fmtflags SPECIAL = hex | oct | showpos | boolalpha;
-    return width() == 0 && (flags() & SPECIAL) == 0;
 }

@@ -14,6 +14,7 @@
 
 #include <array>
 #include <charconv>
+#include <cstring>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -28,18 +29,29 @@ class LogStringBuf : public std::streambuf
 public:
     explicit LogStringBuf(const LogItem& item);
 
-    std::string& text() { return m_text; }
+    void append(std::string_view text)
+    {
+        if (text.size() > static_cast<std::size_t>(epptr() - pptr()))
+        {
+            sputn(text.data(), static_cast<std::streamsize>(text.size()));
+            return;
+        }
+        std::memcpy(pptr(), text.data(), text.size());
+        pbump(static_cast<int>(text.size()));
+    }
 
 protected:
     int_type overflow(int_type character) override;
-    std::streamsize xsputn(const char* characters, std::streamsize count) override;
 
     /// Always succeeds. The text is kept: each item is flushed once.
     int sync() override;
 
 private:
+    [[nodiscard]] std::size_t length() const { return static_cast<std::size_t>(pptr() - pbase()); }
+    void resize(std::size_t size);
+
     const LogItem& m_item;
-    std::string m_text;
+    std::string m_text; // the put area; as long as the room that it gives, not as the line
 };
 
 namespace LogItemInternal
@@ -71,7 +83,16 @@ public:
 
     // Whatever a narrow stream accepts. Texts and integers in default formatting take a short way.
     using std::ostream::operator<<;
-    LogItem& operator<<(std::string_view text);
+    LogItem& operator<<(std::string_view text)
+    {
+        if (isPlain())
+        {
+            buffer.append(text);
+            return *this;
+        }
+        static_cast<std::ostream&>(*this) << text;
+        return *this;
+    }
     LogItem& operator<<(const std::string& text) { return *this << std::string_view(text); }
     LogItem& operator<<(const char* text) { return *this << std::string_view(text); }
     LogItem& operator<<(char character) { return *this << std::string_view(&character, 1); }
@@ -90,7 +111,12 @@ public:
 private:
     LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int fractionDigits);
 
-    [[nodiscard]] bool isPlain() const;
+    [[nodiscard]] bool isPlain() const
+    {
+        constexpr fmtflags SPECIAL = hex | oct | showpos | boolalpha;
+        return width() == 0 && (flags() & SPECIAL) == 0;
+    }
+
     template <class T> LogItem& insertNumber(T value)
     {
         if (!isPlain())
@@ -101,7 +127,7 @@ private:
         using Printed = std::conditional_t<std::is_same_v<T, bool>, int, T>;
         std::array<char, 24> digits;
         const auto result = std::to_chars(digits.begin(), digits.end(), static_cast<Printed>(value));
-        buffer.text().append(digits.begin(), result.ptr);
+        buffer.append({digits.begin(), result.ptr});
         return *this;
     }
 

@@ -7,41 +7,43 @@
 namespace
 {
 
-constexpr unsigned MILLISECOND_DIGITS = 3;
-constexpr std::array<unsigned, MILLISECOND_DIGITS + 1> POWERS_OF_TEN = {1, 10, 100, 1000};
+/// Writes the lowest digits of a number that is not negative, with leading zeros.
+template <int WIDTH> char* writeDigits(char* out, int value)
+{
+    for (int i = WIDTH - 1; i >= 0; --i)
+    {
+        out[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+    return out + WIDTH;
+}
+
+char* write(char* out, char separator)
+{
+    *out = separator;
+    return out + 1;
+}
 
 } // namespace
 
 UtcTimestamp::UtcTimestamp(int fractionDigits)
 {
+    constexpr int LAST_YEAR_OF_FOUR_DIGITS = 9999;
     const platform::UtcTime now = platform::utcNow();
-    append(static_cast<unsigned>(now.year), now.year > 9999 ? 5 : 4);
-    append('-');
-    append(static_cast<unsigned>(now.month), 2);
-    append('-');
-    append(static_cast<unsigned>(now.day), 2);
-    append(' ');
-    append(static_cast<unsigned>(now.hour), 2);
-    append(':');
-    append(static_cast<unsigned>(now.minute), 2);
-    append(':');
-    append(static_cast<unsigned>(now.second), 2);
+    char* out = m_text.data();
+    out = now.year > LAST_YEAR_OF_FOUR_DIGITS ? writeDigits<5>(out, now.year) : writeDigits<4>(out, now.year);
+    out = writeDigits<2>(write(out, '-'), now.month);
+    out = writeDigits<2>(write(out, '-'), now.day);
+    out = writeDigits<2>(write(out, ' '), now.hour);
+    out = writeDigits<2>(write(out, ':'), now.minute);
+    out = writeDigits<2>(write(out, ':'), now.second);
     if (fractionDigits > 0)
     {
-        const unsigned digits = std::min(static_cast<unsigned>(fractionDigits), MILLISECOND_DIGITS);
-        append('.');
-        append(static_cast<unsigned>(now.millisecond) / POWERS_OF_TEN[MILLISECOND_DIGITS - digits], digits);
+        constexpr int MILLISECOND_DIGITS = 3;
+        writeDigits<MILLISECOND_DIGITS>(write(out, '.'), now.millisecond);
+        out += 1 + std::min(fractionDigits, MILLISECOND_DIGITS);
     }
-}
-
-void UtcTimestamp::append(unsigned value, unsigned width)
-{
-    for (unsigned i = width; i > 0; --i)
-    {
-        m_text[m_length + i - 1] = static_cast<char>('0' + value % 10);
-        value /= 10;
-    }
-    m_length += width;
+    m_length = static_cast<std::size_t>(out - m_text.data());
 }
 
 void formatUtcTimestamp(std::ostream& stream, int fractionDigits)

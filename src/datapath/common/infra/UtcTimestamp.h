@@ -21,9 +21,6 @@ public:
     [[nodiscard]] std::string_view view() const { return {m_text.data(), m_length}; }
 
 private:
-    void append(unsigned value, unsigned width);
-    void append(char separator) { m_text[m_length++] = separator; }
-
     std::array<char, 32> m_text;
-    std::size_t m_length = 0;
+    std::size_t m_length;
 };
