@@ -7,7 +7,8 @@ target_compile_options(tavro_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wold-style-cast -Wnon-virtual-dtor
     -Woverloaded-virtual -Wcast-align -Wformat=2 -Werror
-    # Messages name a unit by its path below the source root.
+    # Messages name a unit by its path below the source root; nothing names this machine's folders.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/src/=
     -fstack-protector-strong>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")

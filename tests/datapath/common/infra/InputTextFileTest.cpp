@@ -1,0 +1,71 @@
+#include "datapath/common/infra/InputTextFile.h"
+#include "tests/support/Support.h"
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using platform::ErrorNumber;
+using platform::FileHandle;
+using platform::Transfer;
+
+std::string readAll(const std::string& path)
+{
+    InputTextFile file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Transfer (*realRead)(FileHandle, void*, std::size_t) = platform::fileCalls.readFile;
+
+TEST(InputTextFile, CarriageReturnsBeforeLineFeedsDisappearWhereverAReadEnds)
+{
+    const ScratchFolder folder;
+    const std::string path = folder.write("small", "a\r\nb\rc\r\r\n\r\n\r");
+    const std::string expected = "a\nb\rc\r\n\n\r";
+    EXPECT_EQ(expected, readAll(path));
+    EXPECT_EQ("", readAll(folder.write("empty", "")));
+
+    realRead = platform::fileCalls.readFile;
+    const ScopedReplacement oneByteReads(
+        platform::fileCalls.readFile,
+        +[](FileHandle file, void* buffer, std::size_t) { return realRead(file, buffer, 1); });
+    EXPECT_EQ(expected, readAll(path));
+}
+
+TEST(InputTextFile, LargeFilesAreReadWhole)
+{
+    const ScratchFolder folder;
+    std::string written;
+    std::string expected;
+    for (int line = 0; line < 20'000; ++line)
+    {
+        written += std::to_string(line) + "\r\n";
+        expected += std::to_string(line) + "\n";
+    }
+    EXPECT_EQ(expected, readAll(folder.write("large", written)));
+}
+
+TEST(InputTextFile, FailuresEndTheTextAndAreNamed)
+{
+    const ScratchFolder folder;
+    InputTextFile missing(folder.path("missing"));
+    EXPECT_FALSE(missing.isOpen());
+    EXPECT_TRUE(missing.fail());
+    EXPECT_EQ(ErrorNumber::FileNotFound, missing.error());
+
+    const std::string path = folder.write("text", "one two");
+    const ScopedReplacement failingRead(
+        platform::fileCalls.readFile,
+        +[](FileHandle, void*, std::size_t) {
+            return Transfer{0, ErrorNumber::IoDevice};
+        });
+    InputTextFile broken(path);
+    std::string word;
+    EXPECT_FALSE(broken >> word);
+    EXPECT_EQ(ErrorNumber::IoDevice, broken.error());
+}
+
+} // namespace

@@ -1,0 +1,100 @@
+#include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/UtcTimestamp.h"
+#include "platform/Threads.h"
+#include "platform/Time.h"
+#include "tests/support/Support.h"
+
+#include <iomanip>
+#include <limits>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+platform::UtcTime sampleTime()
+{
+    return {.year = 2024, .month = 3, .day = 5, .hour = 7, .minute = 8, .second = 9, .millisecond = 987};
+}
+
+std::string formatted(int fractionDigits)
+{
+    std::ostringstream stream;
+    stream << std::setfill('x');
+    formatUtcTimestamp(stream, fractionDigits);
+    return stream.str();
+}
+
+TEST(UtcTimestamp, CutsTheFractionToTheDigitsAskedFor)
+{
+    const ScopedReplacement clock(platform::timeCalls.utcNow, sampleTime);
+    EXPECT_EQ("2024-03-05 07:08:09", formatted(0));
+    EXPECT_EQ("2024-03-05 07:08:09.9", formatted(1));
+    EXPECT_EQ("2024-03-05 07:08:09.98", formatted(2));
+    EXPECT_EQ("2024-03-05 07:08:09.987", formatted(3));
+}
+
+TEST(UtcTimestamp, YearsAreAtLeastFourWide)
+{
+    const ScopedReplacement clock(
+        platform::timeCalls.utcNow,
+        +[]
+        {
+            platform::UtcTime time = sampleTime();
+            static int calls = 0;
+            time.year = calls++ == 0 ? 987 : 12345;
+            time.millisecond = 4;
+            return time;
+        });
+    EXPECT_EQ("0987-03-05 07:08:09.004", formatted(3));
+    EXPECT_EQ("12345-03-05 07:08:09.00", formatted(2));
+}
+
+TEST(LogItem, WritesTheHeadThenTheMessageUnchanged)
+{
+    static CapturingClient client;
+    const ScopedReplacement clock(platform::timeCalls.utcNow, sampleTime);
+    const ScopedReplacement thread(
+        platform::threadCalls.currentThreadId, +[] { return 0xFFFFFFFEU; });
+    LogItem(LoggerId::NON, LogLevel::Info, "wWinMain") << "Invoked." << std::endl;
+    LogItem(LoggerId::OLM, LogLevel::Warn, "Tweaks::Tweak::longVal", 0) << "a,\"b\"\nc" << std::endl;
+    EXPECT_EQ("2024-03-05 07:08:09.987,Info,-2,NON,,wWinMain,Invoked.\n", client.lines().at(0));
+    EXPECT_EQ("2024-03-05 07:08:09,Warn,-2,OLM,Tweaks::Tweak,longVal,a,\"b\"\nc\n", client.lines().at(1));
+}
+
+TEST(LogItem, StreamsLikeAnyNarrowStream)
+{
+    static CapturingClient client;
+    const auto logged = [](auto&& stream)
+    {
+        LogItem item(LoggerId::NON, LogLevel::Info, "f");
+        stream(item);
+        item << std::endl;
+        return client.messages().back().substr(std::string("Info,NON,,f,").size());
+    };
+    std::ostringstream reference;
+    const auto pieces = [](auto& out)
+    {
+        out << "s" << std::string("t") << std::string_view("u") << 'c' << static_cast<unsigned char>('d') << true
+            << false;
+        out << std::numeric_limits<long long>::min() << " " << std::numeric_limits<unsigned long long>::max();
+        out << static_cast<short>(-5) << 1.5 << " " << nullptr << std::hex << -1 << std::dec;
+        out << std::setw(5) << 42 << std::setw(4) << std::left << "x" << std::boolalpha << true << std::showpos << 7;
+    };
+    pieces(reference);
+    EXPECT_EQ(reference.str(), logged([&](LogItem& item) { pieces(item); }));
+
+    const std::string longText(100'000, 'y');
+    EXPECT_EQ(longText + "z", logged([&](std::ostream& stream) { stream << longText << 'z'; }));
+    EXPECT_EQ(longText + "z" + longText, logged([&](LogItem& item) { item << longText << 'z' << longText; }));
+}
+
+TEST(LogItem, AnItemWithoutItsEndSendsNothing)
+{
+    static CapturingClient client;
+    LogItem(LoggerId::NON, LogLevel::Info, "f") << "lost";
+    EXPECT_TRUE(client.lines().empty());
+}
+
+} // namespace

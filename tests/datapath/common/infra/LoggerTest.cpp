@@ -1,0 +1,156 @@
+#include "datapath/common/infra/LogItem.h"
+#include "platform/Threads.h"
+#include "tests/support/Support.h"
+
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+void logAt(LogLevel level)
+{
+    LogItem(LoggerId::NON, level, "Sample::log") << "text" << std::endl;
+}
+
+TEST(Logger, OffersEachLineToTheClientsWhoseMaskHasItsLevel)
+{
+    static CapturingClient all;
+    static CapturingClient infoOnly(1U << 4U);
+    for (std::uint32_t level = 1; level <= 7; ++level)
+    {
+        logAt(static_cast<LogLevel>(level));
+    }
+    const std::vector<std::string> expected = {"Fatal,NON,Sample,log,text", "Error,NON,Sample,log,text",
+                                               "Warn,NON,Sample,log,text",  "Info,NON,Sample,log,text",
+                                               "Debug,NON,Sample,log,text", "Control,NON,Sample,log,text",
+                                               "Info,NON,Sample,log,text"};
+    EXPECT_EQ(expected, all.messages());
+    EXPECT_EQ(std::vector<std::string>{"Info,NON,Sample,log,text"}, infoOnly.messages());
+}
+
+TEST(Logger, FlushesEveryClientAfterSevereLinesOnly)
+{
+    static CapturingClient taking;
+    static CapturingClient refusing(0);
+    logAt(LogLevel::Error);
+    logAt(LogLevel::Fatal);
+    EXPECT_EQ(2, taking.flushes());
+    EXPECT_EQ(2, refusing.flushes());
+    for (std::uint32_t level = 3; level <= 7; ++level)
+    {
+        logAt(static_cast<LogLevel>(level));
+    }
+    EXPECT_EQ(2, taking.flushes());
+    Logger::instance().flushClients();
+    EXPECT_EQ(3, taking.flushes());
+    EXPECT_TRUE(refusing.lines().empty());
+}
+
+TEST(Logger, AHookThatAgreesLetsTheProgramGoOnAfterAnAssert)
+{
+    static CapturingClient client;
+    struct Hook : LogAssertHook
+    {
+        bool onAssert(const std::string& line) override
+        {
+            seen = line;
+            flushesBefore = client.flushes();
+            return true;
+        }
+        std::string seen;
+        int flushesBefore = 0;
+    } hook;
+    std::string handled;
+    Logger::instance().setAssertHook(&hook);
+    Logger::instance().setAssertHandler(LoggerId::OLM, [&](const std::string& line) { handled = line; });
+    LogItem(LoggerId::NON, LogLevel::Assert, "f") << "other logger" << std::endl;
+    EXPECT_EQ("", handled);
+    EXPECT_EQ(2, hook.flushesBefore); // as a severe line, and once more for all
+    LogItem(LoggerId::OLM, LogLevel::Assert, "f") << "own logger" << std::endl;
+    EXPECT_EQ(client.lines().back(), handled);
+    EXPECT_EQ(client.lines().back(), hook.seen);
+    EXPECT_EQ(5, hook.flushesBefore); // and again after the handler
+    Logger::instance().setAssertHook(nullptr);
+    Logger::instance().setAssertHandler(LoggerId::OLM, nullptr);
+}
+
+TEST(Logger, AThreadKeepsItsFirstNameUntilItIsRemoved)
+{
+    Logger& logger = Logger::instance();
+    const auto id = static_cast<std::int32_t>(platform::currentThreadId());
+    EXPECT_EQ("", logger.getThreadName(id));
+    logger.setThreadName("first");
+    logger.setThreadName("second");
+    EXPECT_EQ("first", logger.getThreadName(id));
+    std::thread(
+        [&]
+        {
+            logger.setThreadName("other");
+            EXPECT_EQ("first", logger.getThreadName(id));
+            logger.removeThreadName();
+        })
+        .join();
+    EXPECT_EQ("first", logger.getThreadName(id));
+    logger.removeThreadName();
+    EXPECT_EQ("", logger.getThreadName(id));
+}
+
+TEST(Logger, TheThreadColumnShowsAnAsynchronousName)
+{
+    static CapturingClient client;
+    const std::string id = std::to_string(platform::currentThreadId());
+    Logger::instance().setAsyncThreadName("request 7");
+    logAt(LogLevel::Info);
+    Logger::instance().setAsyncThreadName("");
+    logAt(LogLevel::Info);
+    EXPECT_NE(std::string::npos, client.lines()[0].find(",Info," + id + "/request 7,NON,"));
+    EXPECT_NE(std::string::npos, client.lines()[1].find(",Info," + id + ",NON,"));
+}
+
+TEST(Logger, LinesOfManyThreadsArriveWholeAndInTheirThreadsOrder)
+{
+    constexpr int THREADS = 8;
+    constexpr int LINES = 500;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < THREADS; ++thread)
+    {
+        // The first use of the Logger is part of the race; the client comes when it has been won.
+        threads.emplace_back([] { Logger::instance().setThreadName("racer"); });
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    static CapturingClient client;
+    threads.clear();
+    for (int thread = 0; thread < THREADS; ++thread)
+    {
+        threads.emplace_back(
+            [thread]
+            {
+                Logger::instance().setAsyncThreadName("racer");
+                for (int line = 0; line < LINES; ++line)
+                {
+                    LogItem(LoggerId::NON, LogLevel::Info, "race") << thread << ":" << line << std::endl;
+                }
+                Logger::instance().setAsyncThreadName("");
+            });
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    std::vector<int> next(THREADS, 0);
+    for (const std::string& message : client.messages())
+    {
+        int thread = -1;
+        int line = -1;
+        ASSERT_EQ(2, std::sscanf(message.c_str(), "Info,NON,,race,%d:%d", &thread, &line)) << message;
+        EXPECT_EQ(next.at(static_cast<std::size_t>(thread))++, line);
+    }
+    EXPECT_EQ(std::vector<int>(THREADS, LINES), next);
+}
+
+} // namespace

@@ -1,0 +1,153 @@
+#include "datapath/common/infra/MethodText.h"
+
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+MethodText inUnnamedNamespace()
+{
+    return THIS_METHOD;
+}
+} // namespace
+
+MethodText bareFunction(int, const char (&)[3])
+{
+    return THIS_METHOD;
+}
+
+template <class T> MethodText functionTemplate(const T&)
+{
+    return THIS_METHOD;
+}
+
+namespace SampleInternal
+{
+class Action
+{
+};
+
+struct Outer
+{
+    explicit Outer(MethodText& text) { text = THIS_METHOD; }
+
+    class Inner
+    {
+    public:
+        MethodText constant(std::pair<int, long>) const noexcept { return THIS_METHOD; }
+        static std::vector<MethodText> returnsTemplate() { return {THIS_METHOD}; }
+        const MethodText* returnsPointer()
+        {
+            static const MethodText text = THIS_METHOD;
+            return &text;
+        }
+        MethodText inLambda() const
+        {
+            return [](auto number) mutable
+            {
+                return number > 0 ? [] { return THIS_METHOD; }() : MethodText{};
+            }(1);
+        }
+        operator MethodText() const { return THIS_METHOD; }
+        MethodText operator()(int) { return THIS_METHOD; }
+        MethodText operator<(int) { return THIS_METHOD; }
+        MethodText operator[](int) { return THIS_METHOD; }
+    };
+
+    MethodText* m_destroyed = nullptr;
+    Outer() = default;
+    ~Outer()
+    {
+        if (m_destroyed != nullptr)
+        {
+            *m_destroyed = THIS_METHOD;
+        }
+    }
+};
+} // namespace SampleInternal
+
+template <class T, int COUNT = 1> struct Queue
+{
+    static MethodText enqueue(T, std::function<void(T)>) { return THIS_METHOD; }
+    static MethodText inLambda()
+    {
+        return []
+        {
+            return THIS_METHOD;
+        }();
+    }
+    template <class U> static MethodText member(U) { return THIS_METHOD; }
+};
+
+void expectText(const MethodText& actual, const std::string& text, const std::string& fields)
+{
+    EXPECT_EQ(text, actual.text);
+    EXPECT_EQ(fields, actual.fields);
+}
+
+TEST(MethodText, FreeFunctionsHaveNoClass)
+{
+    expectText(bareFunction(1, "ab"), "bareFunction", ",bareFunction");
+    expectText(functionTemplate(std::string()), "functionTemplate", ",functionTemplate");
+    expectText(inUnnamedNamespace(), "inUnnamedNamespace", ",inUnnamedNamespace");
+}
+
+TEST(MethodText, MembersKeepTheirWholeClassName)
+{
+    using SampleInternal::Outer;
+    Outer::Inner inner;
+    expectText(inner.constant({}), "SampleInternal::Outer::Inner::constant", "SampleInternal::Outer::Inner,constant");
+    EXPECT_EQ("SampleInternal::Outer::Inner,returnsTemplate", Outer::Inner::returnsTemplate().front().fields);
+    EXPECT_EQ("SampleInternal::Outer::Inner,returnsPointer", inner.returnsPointer()->fields);
+    EXPECT_EQ("SampleInternal::Outer::Inner,operator()", inner(1).fields);
+    EXPECT_EQ("SampleInternal::Outer::Inner,operator<", (inner < 1).fields);
+    EXPECT_EQ("SampleInternal::Outer::Inner,operator[]", inner[1].fields);
+    EXPECT_EQ("SampleInternal::Outer::Inner,operator MethodText", static_cast<MethodText>(inner).fields);
+    EXPECT_EQ("SampleInternal::Outer::Inner,inLambda::<lambda>", inner.inLambda().fields);
+}
+
+TEST(MethodText, ConstructorsAndDestructorsAreNamed)
+{
+    MethodText constructed{};
+    const SampleInternal::Outer outer(constructed);
+    expectText(constructed, "SampleInternal::Outer::Outer", "SampleInternal::Outer,Outer");
+    MethodText destroyed{};
+    {
+        SampleInternal::Outer shortLived;
+        shortLived.m_destroyed = &destroyed;
+    }
+    expectText(destroyed, "SampleInternal::Outer::~Outer", "SampleInternal::Outer,~Outer");
+}
+
+TEST(MethodText, TemplateArgumentsAreSpelledWithTheirKind)
+{
+    using SampleInternal::Action;
+    expectText((Queue<Action*>::enqueue(nullptr, {})), "Queue<class SampleInternal::Action *,1>::enqueue",
+               "Queue<class SampleInternal::Action *,1>,enqueue");
+    EXPECT_EQ("Queue<class SampleInternal::Action const *,3>,inLambda::<lambda>",
+              (Queue<const Action*, 3>::inLambda().fields));
+    EXPECT_EQ("Queue<unsigned __int64,7>,member", (Queue<std::uint64_t, 7>::member('c').fields));
+    EXPECT_EQ("Queue<class Queue<unsigned int,2>,1>,member", (Queue<Queue<unsigned, 2>>::member(1).fields));
+}
+
+TEST(MethodText, CleaningSplitsAtTheLastColonsAndCutsLambdas)
+{
+    const auto cleaned = [](std::string text)
+    {
+        cleanMethodName(text);
+        return text;
+    };
+    EXPECT_EQ(",wWinMain", cleaned("wWinMain"));
+    EXPECT_EQ("Tweaks::Tweak,longVal", cleaned("Tweaks::Tweak::longVal"));
+    EXPECT_EQ("PriorityQueue<class ActiveObject::Action *>,enqueue",
+              cleaned("PriorityQueue<class ActiveObject::Action *>::enqueue"));
+    EXPECT_EQ("MemoryPoolImpl,giveMemoryToWaiterLocked::<lambda>",
+              cleaned("MemoryPoolImpl::giveMemoryToWaiterLocked::<lambda_1f>::operator ()"));
+    EXPECT_EQ(",run::<lambda>", cleaned("run::<lambda_2>::operator ()::<lambda_3>::operator ()"));
+    EXPECT_EQ(",<lambda>", cleaned("<lambda_4>::operator ()"));
+    EXPECT_EQ(",", cleaned(""));
+}

@@ -1,0 +1,116 @@
+// What is left when a process ends by a failed check or assertion: seen from outside.
+
+#include "datapath/common/infra/FatalCheck.h"
+#include "tests/support/Support.h"
+
+#include <iostream>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+/// Writes what it is told to standard output; its destructor must never run.
+class TellingClient : public LoggerClient
+{
+public:
+    TellingClient() { Logger::instance().registerClient(this, 1U << 0U | 1U << 2U); }
+    ~TellingClient() override { std::cout << "destroyed" << std::endl; }
+    void log(const std::string& line) override { std::cout << "took " << line.substr(line.find(",NON")); }
+    void flush() override { std::cout << "flushed" << std::endl; }
+};
+
+void expectAbnormalEnd(const ChildResult& child)
+{
+    EXPECT_TRUE(child.status == ABNORMAL_END_WINDOWS || child.status == ABNORMAL_END_POSIX) << child.status;
+}
+
+/// The line that stands alone at the end of the output, without its time and thread.
+std::string lastLine(const std::string& output)
+{
+    return output.substr(output.rfind(",Assert,"));
+}
+
+CHILD_SCENARIO(assertLine)
+{
+    std::atexit([] { std::cout << "exit handler" << std::endl; });
+    static const TellingClient first;
+    const TellingClient second;
+    CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(17), "a == b") << " a=" << 1 << " " << std::endl;
+    std::cout << "went on" << std::endl;
+}
+
+TEST(ProcessEnd, AnAssertLineIsFlushedWrittenToStandardOutputAndTheLast)
+{
+    const ChildResult child = runChild("assertLine");
+    expectAbnormalEnd(child);
+    const std::string message =
+        ",NON,,assertLine, tests/datapath/common/infra/ProcessEndTest.cpp 17: a == b failed.  a=1 \n";
+    const std::string taken = "took " + message + "flushed\n"; // by each client, then all are flushed again
+    const std::string expected = taken + taken + "flushed\nflushed\n";
+    EXPECT_EQ(expected, child.output.substr(0, expected.size()));
+    const std::string last = child.output.substr(expected.size());
+    EXPECT_EQ(message + "\n", last.substr(std::min(last.find(",NON"), last.size()))) << last;
+}
+
+CHILD_SCENARIO(assertLineWithoutClients)
+{
+    Logger::instance().setAssertHandler(LoggerId::OLM, [](const std::string&) { std::cout << "handled" << std::endl; });
+    LogItem(LoggerId::OLM, LogLevel::Assert, THIS_METHOD) << "alone" << std::endl;
+}
+
+TEST(ProcessEnd, AnAssertLineEndsTheProcessWithoutClientsToo)
+{
+    const ChildResult child = runChild("assertLineWithoutClients");
+    expectAbnormalEnd(child);
+    EXPECT_TRUE(child.output.starts_with("handled\n"));
+    EXPECT_TRUE(child.output.ends_with(",OLM,,assertLineWithoutClients,alone\n\n")) << child.output;
+}
+
+CHILD_SCENARIO(assertion)
+{
+    static const TellingClient client;
+    failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(4711), "h != NULL");
+}
+
+TEST(ProcessEnd, AFailedAssertionIsAFlushedErrorLineAndTheEnd)
+{
+    const ChildResult child = runChild("assertion");
+    expectAbnormalEnd(child);
+    EXPECT_EQ("took ,NON,,assertion,Assertion (h != NULL) failed tests/datapath/common/infra/ProcessEndTest.cpp 4711\n"
+              "flushed\n",
+              child.output);
+}
+
+CHILD_SCENARIO(fifthClient)
+{
+    static CapturingClient clients[4];
+    static CapturingClient fifth;
+}
+
+TEST(ProcessEnd, AFifthClientEndsTheProcess)
+{
+    const ChildResult child = runChild("fifthClient");
+    expectAbnormalEnd(child);
+    EXPECT_TRUE(
+        lastLine(child.output)
+            .ends_with(",NON,Logger,registerClient, datapath/common/infra/Log.cpp 204: m_clientsCnt < 4 failed. "
+                       " m_clientsCnt=4 \n\n"))
+        << child.output;
+}
+
+CHILD_SCENARIO(severeLines)
+{
+    static const TellingClient client;
+    LogItem(LoggerId::NON, LogLevel::Fatal, THIS_METHOD) << "fatal" << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "error" << std::endl;
+}
+
+TEST(ProcessEnd, FatalAndErrorLinesAreFlushedAndTheProcessGoesOn)
+{
+    const ChildResult child = runChild("severeLines");
+    EXPECT_EQ(0, child.status);
+    EXPECT_EQ("flushed\ntook ,NON,,severeLines,error\nflushed\ndestroyed\n", child.output);
+}
+
+} // namespace

@@ -1,0 +1,115 @@
+// The contract of clocks, counters and the shell's folders.
+
+#include "platform/Counters.h"
+#include "platform/Shell.h"
+#include "platform/Threads.h"
+#include "platform/Time.h"
+
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace platform;
+
+TEST(Time, UtcIsTheSystemClocksMoment)
+{
+    using namespace std::chrono;
+    const auto before = floor<milliseconds>(system_clock::now());
+    const UtcTime now = utcNow();
+    const auto after = system_clock::now();
+    const sys_days day = year(now.year) / now.month / now.day;
+    const auto moment =
+        day + hours(now.hour) + minutes(now.minute) + seconds(now.second) + milliseconds(now.millisecond);
+    EXPECT_GE(moment, before - milliseconds(20)); // a system may advance its calendar clock in steps
+    EXPECT_LE(moment, after);
+}
+
+TEST(Time, CountersAdvanceAtTheirFrequency)
+{
+    std::int64_t frequency = 0;
+    std::int64_t start = 0;
+    std::int64_t end = 0;
+    ASSERT_TRUE(performanceFrequency(frequency));
+    ASSERT_TRUE(performanceCounter(start));
+    const std::uint64_t startMs = tickCountMs();
+    sleepMs(50);
+    ASSERT_TRUE(performanceCounter(end));
+    const std::int64_t elapsedMs = (end - start) * 1000 / frequency;
+    EXPECT_GE(elapsedMs, 49);
+    EXPECT_LT(elapsedMs, 60'000);
+    EXPECT_GE(tickCountMs() - startMs, 30U);
+    EXPECT_GE(processorCount(), 1U);
+}
+
+TEST(Time, ProcessCpuTimeGrowsWithWork)
+{
+    const auto total = []
+    {
+        const std::optional<CpuTime> time = processCpuTime();
+        return time.value().kernel + time.value().user;
+    };
+    const std::uint64_t start = total();
+    while (total() == start)
+    {
+    }
+    EXPECT_LT(total() - start, 600'000'000U); // 100-ns units: under a minute
+}
+
+TEST(Counters, OwnMemoryIsReadInBytes)
+{
+    const ProcessHandle self = openOwnProcess();
+    ASSERT_NE(ProcessHandle::Invalid, self);
+    ProcessMemory memory = {};
+    ASSERT_TRUE(processMemory(self, memory));
+    EXPECT_GT(memory.workingSet, 100'000U);
+    EXPECT_GE(memory.peakWorkingSet, memory.workingSet);
+    EXPECT_GE(memory.peakPageFile, memory.pageFile);
+    closeProcess(self);
+}
+
+TEST(Counters, IdleTimeIsAPartOfTheTotalOrTheReadSaysItFailed)
+{
+    const CpuCounter counter = openCpuCounter();
+    CpuTicks ticks = {.idle = -1, .total = -1};
+    if (readCpuCounter(counter, ticks) == 0)
+    {
+        EXPECT_GT(ticks.total, 0);
+        EXPECT_LE(ticks.idle, ticks.total);
+    }
+    else
+    {
+        EXPECT_EQ(-1, ticks.total); // the counter is not kept here
+    }
+    closeCpuCounter(counter);
+}
+
+TEST(Shell, PathsAreJoinedWithOneBackslashAndNeverOverrunTheBuffer)
+{
+    std::array<char, PATH_BUFFER_SIZE> path{};
+    const auto joined = [&path](const char* start, const char* more)
+    {
+        std::strcpy(path.data(), start);
+        EXPECT_TRUE(appendToPath(path.data(), more));
+        return std::string(path.data());
+    };
+    EXPECT_EQ("C:\\data\\Tavro", joined("C:\\data", "Tavro"));
+    EXPECT_EQ("C:\\data\\Tavro", joined("C:\\data\\", "Tavro"));
+    EXPECT_EQ("C:\\data\\Tavro", joined("C:\\data", "\\Tavro"));
+    std::strcpy(path.data(), "C:\\data");
+    EXPECT_FALSE(appendToPath(path.data(), std::string(PATH_BUFFER_SIZE, 'x').c_str()));
+}
+
+TEST(Shell, TheMachineHasAFolderForApplicationData)
+{
+    std::array<char, PATH_BUFFER_SIZE> path{};
+    ASSERT_EQ(0, commonAppDataFolder(path.data()));
+    EXPECT_NE(std::string::npos, std::string(path.data()).find('\\'));
+}
+
+} // namespace

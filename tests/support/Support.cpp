@@ -1,0 +1,131 @@
+#include "tests/support/Support.h"
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+fs::path toNative(std::string path)
+{
+    std::replace(path.begin(), path.end(), '\\', '/');
+    return path;
+}
+
+} // namespace
+
+CapturingClient::CapturingClient(std::uint32_t levelMask)
+{
+    Logger::instance().registerClient(this, levelMask);
+}
+
+void CapturingClient::log(const std::string& line)
+{
+    const std::lock_guard guard(m_mutex);
+    m_lines.push_back(line);
+}
+
+void CapturingClient::flush()
+{
+    const std::lock_guard guard(m_mutex);
+    ++m_flushes;
+}
+
+std::vector<std::string> CapturingClient::lines() const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_lines;
+}
+
+std::vector<std::string> CapturingClient::messages() const
+{
+    std::vector<std::string> messages;
+    for (const std::string& line : lines())
+    {
+        const std::size_t level = line.find(',') + 1;
+        const std::size_t thread = line.find(',', level) + 1;
+        const std::size_t logger = line.find(',', thread) + 1;
+        messages.push_back(line.substr(level, thread - level) + line.substr(logger, line.size() - logger - 1));
+    }
+    return messages;
+}
+
+int CapturingClient::flushes() const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_flushes;
+}
+
+int FaultSweep::run(const std::function<void()>& scenario)
+{
+    for (int fault = 1;; ++fault)
+    {
+        callsUntilFault = fault;
+        scenario();
+        if (callsUntilFault > 0)
+        {
+            return fault - 1;
+        }
+    }
+}
+
+FaultSweep::~FaultSweep()
+{
+    for (const auto& remove : m_removals)
+    {
+        remove();
+    }
+}
+
+ScratchFolder::ScratchFolder()
+{
+    static std::atomic<int> count = 0;
+    const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string name = std::string("scratch-") + (test == nullptr ? "child" : test->name());
+    const fs::path folder = fs::current_path() / (name + std::to_string(count++));
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    m_path = folder.string();
+    std::replace(m_path.begin(), m_path.end(), '/', '\\');
+}
+
+ScratchFolder::~ScratchFolder()
+{
+    std::error_code ignored;
+    fs::remove_all(toNative(m_path), ignored);
+}
+
+std::string ScratchFolder::write(const std::string& name, const std::string& content) const
+{
+    std::ofstream(toNative(path(name)), std::ios::binary) << content;
+    return path(name);
+}
+
+std::string ScratchFolder::read(const std::string& path)
+{
+    std::ostringstream content;
+    content << std::ifstream(toNative(path), std::ios::binary).rdbuf();
+    return content.str();
+}
+
+std::map<std::string, void (*)()>& childScenarios()
+{
+    static std::map<std::string, void (*)()> scenarios;
+    return scenarios;
+}
+
+ChildResult runChild(const std::string& scenario)
+{
+    const std::string output = (fs::current_path() / (scenario + "-output.txt")).string();
+    const int status = runProgram(testing::internal::GetArgvs().front(), {"--child", scenario, output});
+    std::string text = ScratchFolder::read(output);
+    std::erase(text, '\r');
+    fs::remove(output);
+    return {status, text};
+}

@@ -1,0 +1,134 @@
+#pragma once
+
+// Helpers that tests share.
+
+#include "datapath/common/infra/Log.h"
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// Keeps every line it is given; safe for several threads.
+class CapturingClient : public LoggerClient
+{
+public:
+    /// Registers itself for the given levels. The object must outlive all logging.
+    explicit CapturingClient(std::uint32_t levelMask = Logger::ALL_LEVELS);
+
+    void log(const std::string& line) override;
+    void flush() override;
+
+    [[nodiscard]] std::vector<std::string> lines() const;
+    /// The lines without their time and thread: "Info,NON,Logger,registerClient,message".
+    [[nodiscard]] std::vector<std::string> messages() const;
+    [[nodiscard]] int flushes() const;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+    int m_flushes = 0;
+};
+
+/// Replaces one entry of a platform table for a scope.
+template <class Function> class ScopedReplacement
+{
+public:
+    ScopedReplacement(Function& entry, Function replacement) : m_entry(entry), m_original(entry)
+    {
+        entry = replacement;
+    }
+    ScopedReplacement(const ScopedReplacement&) = delete;
+    ScopedReplacement& operator=(const ScopedReplacement&) = delete;
+    ~ScopedReplacement() { m_entry = m_original; }
+
+private:
+    Function& m_entry;
+    Function m_original;
+};
+
+/// Fails the n-th of all calls that go through the given platform entries, for n = 1, 2, ... until a
+/// run of the scenario meets no fault. Returns how many faults were met.
+///
+///     FaultSweep sweep;
+///     sweep.add<&platform::FileCalls::closeFile>(platform::fileCalls, ErrorNumber::AccessDenied);
+///     sweep.run([] { ... });
+class FaultSweep
+{
+public:
+    template <auto ENTRY, class Table, class Result> void add(Table& table, Result failure)
+    {
+        Fault<ENTRY, std::remove_reference_t<decltype(table.*ENTRY)>>::install(table, failure);
+        m_removals.emplace_back([&table]
+                                { Fault<ENTRY, std::remove_reference_t<decltype(table.*ENTRY)>>::remove(table); });
+    }
+
+    int run(const std::function<void()>& scenario);
+
+    ~FaultSweep();
+
+private:
+    template <auto ENTRY, class Function> struct Fault;
+    template <auto ENTRY, class Result, class... Arguments> struct Fault<ENTRY, Result (*)(Arguments...)>
+    {
+        static inline Result (*original)(Arguments...);
+        static inline Result failureResult;
+
+        static Result call(Arguments... arguments)
+        {
+            return --callsUntilFault == 0 ? failureResult : original(std::forward<Arguments>(arguments)...);
+        }
+        template <class Table> static void install(Table& table, Result failure)
+        {
+            failureResult = failure;
+            original = table.*ENTRY;
+            table.*ENTRY = call;
+        }
+        template <class Table> static void remove(Table& table) { table.*ENTRY = original; }
+    };
+
+    static inline int callsUntilFault = 0;
+    std::vector<std::function<void()>> m_removals;
+};
+
+/// A folder of its own that is removed with everything in it. Its path has backslashes.
+class ScratchFolder
+{
+public:
+    ScratchFolder();
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    ~ScratchFolder();
+
+    [[nodiscard]] std::string path(const std::string& name) const { return m_path + "\\" + name; }
+    std::string write(const std::string& name, const std::string& content) const;
+    [[nodiscard]] static std::string read(const std::string& path);
+
+private:
+    std::string m_path;
+};
+
+/// What a child process left behind.
+struct ChildResult
+{
+    int status;         ///< exit code, or 128 plus the signal that ended it
+    std::string output; ///< of its standard output, line feeds only
+};
+
+inline constexpr int ABNORMAL_END_WINDOWS = 3;
+inline constexpr int ABNORMAL_END_POSIX = 128 + 6; // SIGABRT
+
+/// Runs a scenario, declared with CHILD_SCENARIO, in a fresh process.
+ChildResult runChild(const std::string& scenario);
+
+/// A scenario for runChild: CHILD_SCENARIO(name) { ... }
+#define CHILD_SCENARIO(name)                                                                                           \
+    static void name();                                                                                                \
+    static const bool name##Registered = childScenarios().try_emplace(#name, name).second;                             \
+    static void name()
+
+std::map<std::string, void (*)()>& childScenarios();
+
+/// Starts a program, waits for it and returns its status as ChildResult has it.
+int runProgram(const std::string& path, const std::vector<std::string>& arguments);
