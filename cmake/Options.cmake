@@ -26,7 +26,7 @@ endif()
 if(WIN32)
   target_compile_definitions(tavro_options INTERFACE UNICODE _UNICODE _WIN32_WINNT=0x0601)
   # One file that needs nothing but the system: the runtimes are linked in.
-  target_link_options(tavro_options INTERFACE -static -Wl,--dynamicbase,--high-entropy-va,--nxcompat)
+  target_link_options(tavro_options INTERFACE -static -fstack-protector-strong -Wl,--dynamicbase,--high-entropy-va,--nxcompat)
 else()
   set(CMAKE_POSITION_INDEPENDENT_CODE ON)
   target_compile_options(tavro_options INTERFACE -fPIE -fcf-protection)

