@@ -1,0 +1,107 @@
+// Tells what the checkpoint dialog shows. Each line on standard input asks for its state, which is
+// answered with one line of JSON, null when there is no such window. A line that begins with '=' puts
+// the UTF-8 text behind it into the edit control first.
+
+#include "platform/Utf.h"
+#include "platform/windows/System.h"
+
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+namespace
+{
+
+constexpr int EDIT_CONTROL = 1002;
+
+/// Sends a message to a control of another process; 0 if that hangs.
+std::size_t ask(HWND window, UINT message, WPARAM wParam, const void* lParam)
+{
+    constexpr UINT TIME_LIMIT_MS = 10'000;
+    DWORD_PTR result = 0;
+    SendMessageTimeoutW(window, message, wParam, reinterpret_cast<LPARAM>(lParam), SMTO_ABORTIFHUNG, TIME_LIMIT_MS,
+                        &result);
+    return result;
+}
+
+/// Asks the control itself: GetWindowText does not see another process's controls.
+std::string textOf(HWND window)
+{
+    std::wstring text(ask(window, WM_GETTEXTLENGTH, 0, nullptr) + 1, L'\0');
+    text.resize(ask(window, WM_GETTEXT, text.size(), text.data()));
+    return platform::utf16ToUtf8({reinterpret_cast<const char16_t*>(text.data()), text.size()});
+}
+
+std::string classOf(HWND window)
+{
+    char name[64];
+    GetClassNameA(window, name, sizeof(name));
+    return name;
+}
+
+/// Of texts without control characters.
+std::string toJson(const std::string& text)
+{
+    std::string out;
+    for (const char c : text)
+    {
+        out.append(c == '"' || c == '\\' ? 1 : 0, '\\').append(1, c);
+    }
+    return '"' + out + '"';
+}
+
+std::string toBoolean(bool value)
+{
+    return value ? "true" : "false";
+}
+
+std::string rectangleOf(HWND window)
+{
+    RECT area;
+    GetWindowRect(window, &area);
+    char text[64];
+    std::snprintf(text, sizeof(text), "[%ld, %ld, %ld, %ld]", area.left, area.top, area.right, area.bottom);
+    return text;
+}
+
+std::string stateOf(HWND window)
+{
+    return "{\"id\": " + std::to_string(GetDlgCtrlID(window)) + ", \"class\": " + toJson(classOf(window)) +
+           ", \"text\": " + toJson(textOf(window)) + ", \"enabled\": " + toBoolean(IsWindowEnabled(window) != FALSE) +
+           ", \"style\": " + std::to_string(static_cast<DWORD>(GetWindowLongW(window, GWL_STYLE))) +
+           ", \"rectangle\": " + rectangleOf(window);
+}
+
+std::string stateOfDialog(HWND dialog)
+{
+    if (dialog == nullptr)
+    {
+        return "null";
+    }
+    GUITHREADINFO thread = {};
+    thread.cbSize = sizeof(thread);
+    GetGUIThreadInfo(GetWindowThreadProcessId(dialog, nullptr), &thread);
+    std::string controls;
+    for (HWND control = GetWindow(dialog, GW_CHILD); control != nullptr; control = GetWindow(control, GW_HWNDNEXT))
+    {
+        controls += (controls.empty() ? "" : ", ") + stateOf(control) + "}";
+    }
+    return stateOf(dialog) + ", \"foreground\": " + toBoolean(GetForegroundWindow() == dialog) +
+           ", \"focus\": " + std::to_string(GetDlgCtrlID(thread.hwndFocus)) + ", \"controls\": [" + controls + "]}";
+}
+
+} // namespace
+
+int main()
+{
+    for (std::string line; std::getline(std::cin, line);)
+    {
+        const HWND dialog = FindWindowW(L"#32770", L"Add VSS Checkpoint");
+        if (line.starts_with('='))
+        {
+            const std::u16string text = platform::utf8ToUtf16(std::string_view(line).substr(1));
+            ask(GetDlgItem(dialog, EDIT_CONTROL), WM_SETTEXT, 0, text.c_str());
+        }
+        std::cout << stateOfDialog(dialog) << std::endl;
+    }
+}

@@ -1,0 +1,114 @@
+"""Drives the finished program from outside: real files, a real window, a real agent process.
+
+The folders of the built presets are given by --linux-build and --windows-build (or the environment's
+TAVRO_LINUX_BUILD and TAVRO_WINDOWS_BUILD); tests of a target without a folder are left out.
+"""
+
+import os
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from programs import Desktop, LinuxProgram, WindowsProgram, Wine
+
+TARGETS = ("linux", "windows")
+
+
+def pytest_addoption(parser):
+    for target in TARGETS:
+        parser.addoption(f"--{target}-build", default=os.environ.get(f"TAVRO_{target.upper()}_BUILD"), metavar="DIR",
+                         help=f"the folder of a built preset for {target}")
+    parser.addoption("--artefacts", metavar="DIR", help="keep screenshots here (default: the Windows build folder)")
+
+
+def build_folder(config, target):
+    folder = config.getoption(f"{target}_build")
+    return folder and Path(folder).resolve()
+
+
+def pytest_generate_tests(metafunc):
+    if "program" in metafunc.fixturenames:
+        metafunc.parametrize("program", [t for t in TARGETS if build_folder(metafunc.config, t)], indirect=True)
+
+
+def pytest_collection_modifyitems(config, items):
+    missing = {f"{target}_build" for target in TARGETS if not build_folder(config, target)}
+    config.hook.pytest_deselected(items=[item for item in items if missing & set(item.fixturenames)])
+    items[:] = [item for item in items if not missing & set(item.fixturenames)]
+
+
+@pytest.fixture(scope="session")
+def linux_build(pytestconfig):
+    return build_folder(pytestconfig, "linux")
+
+
+@pytest.fixture(scope="session")
+def windows_build(pytestconfig):
+    return build_folder(pytestconfig, "windows")
+
+
+@pytest.fixture(scope="session")
+def artefacts(pytestconfig, windows_build):
+    folder = Path(pytestconfig.getoption("artefacts") or windows_build)
+    folder.mkdir(parents=True, exist_ok=True)
+    return folder
+
+
+@pytest.fixture(scope="session")
+def screen():
+    """A display without a monitor."""
+    receive, send = os.pipe()
+    server = subprocess.Popen(["Xvfb", "-displayfd", str(send), "-screen", "0", "800x600x24", "-nolisten", "tcp"],
+                              pass_fds=[send], stderr=subprocess.DEVNULL)
+    os.close(send)
+    with os.fdopen(receive) as display:
+        yield ":" + display.readline().strip()
+    server.terminate()
+    server.wait()
+
+
+@pytest.fixture(scope="session")
+def wine(screen, tmp_path_factory):
+    """Runs commands under Wine. WINEPREFIX may name a prefix to keep; while tests run it is theirs alone."""
+    folder = tmp_path_factory.mktemp("wine")
+    wine = Wine(folder, Path(os.environ.get("WINEPREFIX", folder / "prefix")), screen)
+    if not (wine.prefix / "system.reg").exists():
+        wine.run("wineboot", "-i")
+    # In a desktop of its own Wine draws the caption and its buttons, and a program stays our own child.
+    key = r"HKCU\Software\Wine\Explorer"
+    wine.run("wine", "reg", "add", key, "/v", "Desktop", "/d", "Default", "/f")
+    wine.run("wine", "reg", "add", key + r"\Desktops", "/v", "Default", "/d", "800x600", "/f")
+    # The font of the caption's buttons, where the distribution keeps it out of Wine's sight.
+    for font in Path("/usr/share/wine/fonts").glob("marlett.ttf"):
+        shutil.copy(font, wine.prefix / "drive_c" / "windows" / "Fonts")
+    wine.end()  # what runs already has a desktop of the old kind
+    yield wine
+    wine.end()
+
+
+@pytest.fixture(scope="session")
+def desktop(windows_build, wine):
+    with wine.start(windows_build / "window_probe.exe", text=True, encoding="utf-8", stdin=subprocess.PIPE,
+                    stdout=subprocess.PIPE) as probe:
+        desktop = Desktop(wine, probe)
+        desktop.dialog()  # brings up the desktop's own processes, outside the folders of the tests
+        yield desktop
+
+
+@pytest.fixture
+def linux_program(linux_build, tmp_path):
+    return LinuxProgram(linux_build, tmp_path)
+
+
+@pytest.fixture
+def windows_program(windows_build, tmp_path, desktop):
+    with WindowsProgram(windows_build, tmp_path, desktop) as program:
+        yield program
+
+
+@pytest.fixture
+def program(request):
+    """The program of each target that was built."""
+    return request.getfixturevalue(f"{request.param}_program")

@@ -1,0 +1,145 @@
+"""The finished program on each target, in a scratch folder of its own beside a stand-in agent."""
+
+import json
+import os
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+AGENT = "TavroVssAgent.exe"
+EDIT, OK, CANCEL = 1002, 1, 2
+DEADLINE_SEC = 60
+
+
+def wait_for(condition, what):
+    deadline = time.monotonic() + DEADLINE_SEC
+    while not (result := condition()):
+        assert time.monotonic() < deadline, f"waited in vain for {what}"
+        time.sleep(0.02)
+    return result
+
+
+class Program:
+    def __init__(self, build, folder, name):
+        self.folder = folder
+        self.path = Path(shutil.copy(build / name, folder))
+        self.agent = Path(shutil.copy(build / "stand-in" / AGENT, folder))
+        self.settings = folder / f"{name}.conf"
+
+    def agent_record(self):
+        """What the agent noted, None if none was started. To be called when the program has ended: whatever
+        is still at work in the folder then was started by it."""
+        wait_for(lambda: not self._is_busy(), "the end of the agent")
+        record = self.folder / "TavroVssAgent.record.json"
+        return json.loads(record.read_text("utf-8")) if record.exists() else None
+
+    def _is_busy(self):
+        for link in Path("/proc").glob("[0-9]*/cwd"):
+            try:
+                if os.readlink(link) == str(self.folder):
+                    return True
+            except OSError:
+                pass  # it has just ended
+        return False
+
+
+class LinuxProgram(Program):
+    def __init__(self, build, folder):
+        super().__init__(build, folder, "TavroVssAgentGUI")
+        self.agent_folder = str(folder)
+
+    def environment(self, **more):
+        return os.environ | {"PROGRAMDATA": str(self.folder)} | more
+
+    def run(self, text, **more):
+        """Gives the text on standard input; returns the exit code."""
+        return subprocess.run([self.path], input=text.encode(), cwd=self.folder, env=self.environment(**more),
+                              timeout=DEADLINE_SEC).returncode
+
+    def submit(self, name, **more):
+        return self.run(name + "\n", **more)
+
+
+class WindowsProgram(Program):
+    def __init__(self, build, folder, desktop):
+        super().__init__(build, folder, "TavroVssAgentGUI.exe")
+        self.agent_folder = "Z:" + str(folder).replace("/", "\\")
+        self.desktop = desktop
+        self.process = None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process:
+            self.process.kill()
+            self.process.wait()
+            wait_for(lambda: not self.desktop.dialog(), "the end of the window")
+
+    def start(self, **more):
+        self.process = self.desktop.wine.start(self.path, cwd=self.folder, env=self.desktop.wine.environment | more)
+        wait_for(lambda: (state := self.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
+        return self.desktop
+
+    def exit_code(self):
+        return self.process.wait(DEADLINE_SEC)
+
+    def submit(self, name, **more):
+        """Puts any name into the edit control, also one that the keyboard has no keys for."""
+        self.start(**more).dialog(name)
+        self.desktop.press("Return")
+        return self.exit_code()
+
+
+class Wine:
+    def __init__(self, folder, prefix, screen):
+        self.folder = folder
+        self.prefix = prefix
+        self.environment = os.environ | {"DISPLAY": screen, "WINEPREFIX": str(prefix), "WINEDEBUG": "-all",
+                                         "WINEDLLOVERRIDES": "mscoree,mshtml="}
+
+    def start(self, program, **options):
+        return subprocess.Popen(["wine", program], **{"cwd": self.folder, "env": self.environment} | options)
+
+    def run(self, *command, check=True):
+        subprocess.run(command, cwd=self.folder, env=self.environment, check=check, timeout=3 * DEADLINE_SEC,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def end(self):
+        self.run("wineserver", "-k", check=False)  # fails when it has ended by itself
+        self.run("wineserver", "-w", check=False)
+
+
+class Desktop:
+    """The screen with the dialog on it, seen by the probe and worked with keys and clicks."""
+
+    def __init__(self, wine, probe):
+        self.wine = wine
+        self._probe = probe
+
+    def dialog(self, name=None):
+        """The state of the dialog, None if there is none, after putting the name into its edit control."""
+        self._probe.stdin.write("\n" if name is None else f"={name}\n")
+        self._probe.stdin.flush()
+        return json.loads(self._probe.stdout.readline())
+
+    def control(self, control_id):
+        return next(control for control in self.dialog()["controls"] if control["id"] == control_id)
+
+    def type(self, text):
+        self.wine.run("xdotool", "type", text)
+
+    def press(self, key):
+        self.wine.run("xdotool", "key", key)
+
+    def click(self, x, y):
+        self.wine.run("xdotool", "mousemove", str(x), str(y), "click", "1")
+
+    def click_control(self, control_id):
+        left, top, right, bottom = self.control(control_id)["rectangle"]
+        self.click((left + right) // 2, (top + bottom) // 2)
+
+    def capture(self, path):
+        left, top, right, bottom = self.dialog()["rectangle"]
+        self.wine.run("import", "-window", "root", "-crop", f"{right - left}x{bottom - top}+{left}+{top}", "+repage", path)

@@ -1,0 +1,79 @@
+"""The dialogue that takes the window's place on Linux, and what the agent inherits there."""
+
+import ctypes
+import os
+import pty
+import subprocess
+
+import pytest
+
+from programs import DEADLINE_SEC, wait_for
+
+PR_SET_CHILD_SUBREAPER = 36
+
+WAITING_AGENT = """#!/bin/sh
+echo $$ > agent.part && mv agent.part agent.pid
+read -r line < gate
+"""
+
+
+@pytest.mark.parametrize("text", ["", "\n", "\r\n"], ids=["end of input", "empty line", "empty DOS line"])
+def test_without_a_name_nothing_starts(linux_program, text):
+    assert linux_program.run(text) == 0
+    assert linux_program.agent_record() is None
+
+
+@pytest.mark.parametrize("text", ["name", "name\r\n", "name\nmore\n"])
+def test_one_line_is_the_name(linux_program, text):
+    assert linux_program.run(text) == 0
+    assert linux_program.agent_record()["arguments"][-1] == "name"
+
+
+def test_dialogue_in_a_terminal(linux_program):
+    controller, terminal = pty.openpty()
+    process = subprocess.Popen([linux_program.path], cwd=linux_program.folder, env=linux_program.environment(),
+                               stdin=terminal, stdout=terminal)
+    os.close(terminal)
+    shown = b""
+    while not shown.endswith(b"Enter a name for a checkpoint: "):
+        shown += os.read(controller, 1024)
+    os.write(controller, b"typed\n")
+    assert process.wait(DEADLINE_SEC) == 0
+    os.close(controller)
+    assert shown.startswith(b"Add VSS Checkpoint\r\n")
+    assert linux_program.agent_record()["arguments"][-1] == "typed"
+
+
+@pytest.fixture
+def orphanage():
+    """Makes this process the parent of orphans below it, so that it sees what a program leaves behind."""
+    prctl = ctypes.CDLL(None).prctl
+    prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+    yield
+    prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0)
+
+
+def children():
+    return set(map(int, open("/proc/thread-self/children").read().split()))
+
+
+def test_agent_is_on_its_own(linux_program, orphanage):
+    folder = linux_program.folder
+    linux_program.agent.write_text(WAITING_AGENT)
+    os.mkfifo(folder / "gate")
+    receive, send = os.pipe()
+    before = children()
+    process = subprocess.run([linux_program.path], input=b"name\n", stdout=subprocess.DEVNULL, cwd=folder,
+                             env=linux_program.environment(), pass_fds=[send], timeout=DEADLINE_SEC)
+    assert process.returncode == 0
+    wait_for((folder / "agent.pid").exists, "the agent")
+    agent = int((folder / "agent.pid").read_text())
+
+    assert children() - before == {agent}  # alive, and no zombie beside it
+    assert os.getsid(agent) != os.getsid(0)
+    descriptors = {int(link.name): os.readlink(link) for link in (folder / f"/proc/{agent}/fd").iterdir()}
+    assert [descriptors[number] for number in (0, 1, 2)] == ["/dev/null"] * 3
+    assert os.readlink(f"/proc/self/fd/{send}") not in descriptors.values()
+
+    (folder / "gate").write_text("go\n")
+    assert os.waitpid(agent, 0) == (agent, 0)
