@@ -51,7 +51,7 @@ def windows_build(pytestconfig):
 
 @pytest.fixture(scope="session")
 def artefacts(pytestconfig, windows_build):
-    folder = Path(pytestconfig.getoption("artefacts") or windows_build)
+    folder = Path(pytestconfig.getoption("artefacts") or windows_build).resolve()
     folder.mkdir(parents=True, exist_ok=True)
     return folder
 
@@ -80,7 +80,7 @@ def wine(screen, tmp_path_factory):
     key = r"HKCU\Software\Wine\Explorer"
     wine.run("wine", "reg", "add", key, "/v", "Desktop", "/d", "Default", "/f")
     wine.run("wine", "reg", "add", key + r"\Desktops", "/v", "Default", "/d", "800x600", "/f")
-    # The font of the caption's buttons, where the distribution keeps it out of Wine's sight.
+    # The font of the caption's buttons alone (Wine's stand-in for the dialog's would cut the prompt), where the distribution keeps it out of Wine's sight.
     for font in Path("/usr/share/wine/fonts").glob("marlett.ttf"):
         shutil.copy(font, wine.prefix / "drive_c" / "windows" / "Fonts")
     wine.end()  # what runs already has a desktop of the old kind
