@@ -71,7 +71,7 @@ def screen():
 
 @pytest.fixture(scope="session")
 def wine(screen, tmp_path_factory):
-    """Runs commands under Wine. WINEPREFIX may name a prefix to keep; while tests run it is theirs alone."""
+    """Runs commands under Wine. WINEPREFIX may name a prefix to keep; it is ended before and after."""
     folder = tmp_path_factory.mktemp("wine")
     wine = Wine(folder, Path(os.environ.get("WINEPREFIX", folder / "prefix")), screen)
     if not (wine.prefix / "system.reg").exists():
@@ -80,7 +80,8 @@ def wine(screen, tmp_path_factory):
     key = r"HKCU\Software\Wine\Explorer"
     wine.run("wine", "reg", "add", key, "/v", "Desktop", "/d", "Default", "/f")
     wine.run("wine", "reg", "add", key + r"\Desktops", "/v", "Default", "/d", "800x600", "/f")
-    # The font of the caption's buttons alone (Wine's stand-in for the dialog's would cut the prompt), where the distribution keeps it out of Wine's sight.
+    # The font of the caption's buttons, which the distribution keeps out of Wine's sight. It alone: the stand-in
+    # for the dialog's font there is so wide that it would cut the prompt.
     for font in Path("/usr/share/wine/fonts").glob("marlett.ttf"):
         shutil.copy(font, wine.prefix / "drive_c" / "windows" / "Fonts")
     wine.end()  # what runs already has a desktop of the old kind
@@ -90,8 +91,8 @@ def wine(screen, tmp_path_factory):
 
 @pytest.fixture(scope="session")
 def desktop(windows_build, wine):
-    with wine.start(windows_build / "window_probe.exe", text=True, encoding="utf-8", stdin=subprocess.PIPE,
-                    stdout=subprocess.PIPE) as probe:
+    with wine.start(windows_build / "window_probe.exe", wine.folder, text=True, encoding="utf-8",
+                    stdin=subprocess.PIPE, stdout=subprocess.PIPE) as probe:
         desktop = Desktop(wine, probe)
         desktop.dialog()  # brings up the desktop's own processes, outside the folders of the tests
         yield desktop

@@ -49,16 +49,19 @@ class LinuxProgram(Program):
         super().__init__(build, folder, "TavroVssAgentGUI")
         self.agent_folder = str(folder)
 
-    def environment(self, **more):
-        return os.environ | {"PROGRAMDATA": str(self.folder)} | more
-
-    def run(self, text, **more):
+    def run(self, text, **options):
         """Gives the text on standard input; returns the exit code."""
-        return subprocess.run([self.path], input=text.encode(), cwd=self.folder, env=self.environment(**more),
-                              timeout=DEADLINE_SEC).returncode
+        return subprocess.run([self.path], input=text.encode(), timeout=DEADLINE_SEC, **self._surroundings(),
+                              **options).returncode
 
-    def submit(self, name, **more):
-        return self.run(name + "\n", **more)
+    def start(self, **options):
+        return subprocess.Popen([self.path], **self._surroundings(), **options)
+
+    def submit(self, name, **options):
+        return self.run(name + "\n", **options)
+
+    def _surroundings(self):
+        return {"cwd": self.folder, "env": os.environ | {"PROGRAMDATA": str(self.folder)}}
 
 
 class WindowsProgram(Program):
@@ -77,17 +80,17 @@ class WindowsProgram(Program):
             self.process.wait()
             wait_for(lambda: not self.desktop.dialog(), "the end of the window")
 
-    def start(self, **more):
-        self.process = self.desktop.wine.start(self.path, cwd=self.folder, env=self.desktop.wine.environment | more)
+    def start(self):
+        self.process = self.desktop.wine.start(self.path, self.folder)
         wait_for(lambda: (state := self.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
         return self.desktop
 
     def exit_code(self):
         return self.process.wait(DEADLINE_SEC)
 
-    def submit(self, name, **more):
+    def submit(self, name):
         """Puts any name into the edit control, also one that the keyboard has no keys for."""
-        self.start(**more).dialog(name)
+        self.start().dialog(name)
         self.desktop.press("Return")
         return self.exit_code()
 
@@ -96,14 +99,14 @@ class Wine:
     def __init__(self, folder, prefix, screen):
         self.folder = folder
         self.prefix = prefix
-        self.environment = os.environ | {"DISPLAY": screen, "WINEPREFIX": str(prefix), "WINEDEBUG": "-all",
-                                         "WINEDLLOVERRIDES": "mscoree,mshtml="}
+        self.variables = {"DISPLAY": screen, "WINEPREFIX": str(prefix), "WINEDEBUG": "-all",
+                          "WINEDLLOVERRIDES": "mscoree,mshtml="}
 
-    def start(self, program, **options):
-        return subprocess.Popen(["wine", program], **{"cwd": self.folder, "env": self.environment} | options)
+    def start(self, program, folder, **options):
+        return subprocess.Popen(["wine", program], cwd=folder, env=os.environ | self.variables, **options)
 
     def run(self, *command, check=True):
-        subprocess.run(command, cwd=self.folder, env=self.environment, check=check, timeout=3 * DEADLINE_SEC,
+        subprocess.run(command, cwd=self.folder, env=os.environ | self.variables, check=check, timeout=3 * DEADLINE_SEC,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def end(self):
@@ -142,4 +145,5 @@ class Desktop:
 
     def capture(self, path):
         left, top, right, bottom = self.dialog()["rectangle"]
-        self.wine.run("import", "-window", "root", "-crop", f"{right - left}x{bottom - top}+{left}+{top}", "+repage", path)
+        area = f"{right - left}x{bottom - top}+{left}+{top}"
+        self.wine.run("import", "-window", "root", "-crop", area, "+repage", path)

@@ -38,8 +38,9 @@ def test_settings(program, text, settings):
     check_launch(program, settings, "name", "name")
 
 
-def test_agent_gets_our_environment_and_folder(program):
-    assert program.submit("name", TAVRO_TEST_MARK="kept") == 0
+def test_agent_gets_our_environment_and_folder(program, monkeypatch):
+    monkeypatch.setenv("TAVRO_TEST_MARK", "kept")
+    assert program.submit("name") == 0
     record = program.agent_record()
     assert "TAVRO_TEST_MARK=kept" in record["environment"]
     assert record["workingFolder"] == program.agent_folder

@@ -3,7 +3,9 @@
 import ctypes
 import os
 import pty
-import subprocess
+import select
+import signal
+from pathlib import Path
 
 import pytest
 
@@ -31,11 +33,11 @@ def test_one_line_is_the_name(linux_program, text):
 
 def test_dialogue_in_a_terminal(linux_program):
     controller, terminal = pty.openpty()
-    process = subprocess.Popen([linux_program.path], cwd=linux_program.folder, env=linux_program.environment(),
-                               stdin=terminal, stdout=terminal)
+    process = linux_program.start(stdin=terminal, stdout=terminal)
     os.close(terminal)
     shown = b""
     while not shown.endswith(b"Enter a name for a checkpoint: "):
+        assert select.select([controller], [], [], DEADLINE_SEC)[0], shown
         shown += os.read(controller, 1024)
     os.write(controller, b"typed\n")
     assert process.wait(DEADLINE_SEC) == 0
@@ -44,36 +46,37 @@ def test_dialogue_in_a_terminal(linux_program):
     assert linux_program.agent_record()["arguments"][-1] == "typed"
 
 
+def children():
+    return set(map(int, Path("/proc/thread-self/children").read_text().split()))
+
+
 @pytest.fixture
-def orphanage():
-    """Makes this process the parent of orphans below it, so that it sees what a program leaves behind."""
+def orphans():
+    """What programs that have ended leave behind: this process becomes the parent of such processes."""
+    before = children()
     prctl = ctypes.CDLL(None).prctl
     prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
-    yield
+    yield lambda: children() - before
     prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0)
+    for orphan in children() - before:
+        os.kill(orphan, signal.SIGKILL)
+        os.waitpid(orphan, 0)
 
 
-def children():
-    return set(map(int, open("/proc/thread-self/children").read().split()))
-
-
-def test_agent_is_on_its_own(linux_program, orphanage):
+def test_agent_is_on_its_own(linux_program, orphans):
     folder = linux_program.folder
     linux_program.agent.write_text(WAITING_AGENT)
     os.mkfifo(folder / "gate")
-    receive, send = os.pipe()
-    before = children()
-    process = subprocess.run([linux_program.path], input=b"name\n", stdout=subprocess.DEVNULL, cwd=folder,
-                             env=linux_program.environment(), pass_fds=[send], timeout=DEADLINE_SEC)
-    assert process.returncode == 0
+    _, ours = os.pipe()
+    assert linux_program.submit("name", pass_fds=[ours]) == 0
     wait_for((folder / "agent.pid").exists, "the agent")
     agent = int((folder / "agent.pid").read_text())
 
-    assert children() - before == {agent}  # alive, and no zombie beside it
+    assert orphans() == {agent}  # alive, and no zombie beside it
     assert os.getsid(agent) != os.getsid(0)
-    descriptors = {int(link.name): os.readlink(link) for link in (folder / f"/proc/{agent}/fd").iterdir()}
+    descriptors = {int(link.name): os.readlink(link) for link in Path(f"/proc/{agent}/fd").iterdir()}
     assert [descriptors[number] for number in (0, 1, 2)] == ["/dev/null"] * 3
-    assert os.readlink(f"/proc/self/fd/{send}") not in descriptors.values()
+    assert os.readlink(f"/proc/self/fd/{ours}") not in descriptors.values()
 
     (folder / "gate").write_text("go\n")
     assert os.waitpid(agent, 0) == (agent, 0)

@@ -83,7 +83,11 @@ constexpr SignatureText fieldsOf(std::string_view signature)
 template <Signature SIGNATURE, SignatureText (*MAKE)(std::string_view)>
 inline constexpr auto STORED_TEXT = []
 {
-    constexpr SignatureText MADE = MAKE(SIGNATURE.view());
+    // Of a copy: GCC's sanitizers do not follow pointers into template arguments while compiling.
+    constexpr SignatureText MADE = [](auto signature)
+    {
+        return MAKE(signature.view());
+    }(SIGNATURE);
     std::array<char, MADE.length + 1> stored{};
     for (std::size_t i = 0; i < MADE.length; ++i)
     {
