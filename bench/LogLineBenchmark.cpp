@@ -20,8 +20,7 @@ public:
 void registerOnce()
 {
     static IdleClient client;
-    static const bool isRegistered = []
-    {
+    static const bool isRegistered = [] {
         Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
         return true;
     }();

@@ -25,8 +25,7 @@ constexpr bool isLowSurrogate(char32_t unit)
 
 void appendUtf8(std::string& out, char32_t codePoint)
 {
-    const auto continuation = [codePoint](unsigned shift)
-    {
+    const auto continuation = [codePoint](unsigned shift) {
         return static_cast<char>(0x80U | ((codePoint >> shift) & 0x3FU));
     };
     if (codePoint < 0x80)

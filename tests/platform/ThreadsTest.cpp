@@ -1,10 +1,8 @@
 // The contract of threads.
 
 #include "platform/Threads.h"
-#include "tests/support/Support.h"
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
 
 #include <gtest/gtest.h>
 
@@ -13,41 +11,17 @@ namespace
 
 using namespace platform;
 
-/// Lets one thread wait until another has done something.
-class Signal
-{
-public:
-    void set()
-    {
-        const std::lock_guard guard(m_mutex);
-        m_isSet = true;
-        m_condition.notify_all();
-    }
-    void wait()
-    {
-        std::unique_lock guard(m_mutex);
-        m_condition.wait(guard, [this] { return m_isSet; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_condition;
-    bool m_isSet = false;
-};
-
 struct Visit
 {
-    std::uint32_t threadId = 0;
-    Signal arrived;
-    Signal mayLeave;
+    std::promise<std::uint32_t> threadId;
+    std::promise<void> mayLeave;
 };
 
 void visit(void* argument)
 {
     Visit& self = *static_cast<Visit*>(argument);
-    self.threadId = currentThreadId();
-    self.arrived.set();
-    self.mayLeave.wait();
+    self.threadId.set_value(currentThreadId());
+    self.mayLeave.get_future().wait();
 }
 
 TEST(Threads, AStartedThreadHasAnIdOfItsOwnWhoseTimesCanBeRead)
@@ -56,16 +30,15 @@ TEST(Threads, AStartedThreadHasAnIdOfItsOwnWhoseTimesCanBeRead)
     static Visit critical;
     ASSERT_EQ(ErrorNumber::Success, startThread(visit, &normal));
     ASSERT_EQ(ErrorNumber::Success, startThread(visit, &critical, ThreadPriority::TimeCritical));
-    normal.arrived.wait();
-    critical.arrived.wait();
-    EXPECT_NE(currentThreadId(), normal.threadId);
-    EXPECT_NE(normal.threadId, critical.threadId);
-    const ThreadHandle opened = openThread(normal.threadId);
+    const std::uint32_t normalId = normal.threadId.get_future().get();
+    EXPECT_NE(currentThreadId(), normalId);
+    EXPECT_NE(normalId, critical.threadId.get_future().get());
+    const ThreadHandle opened = openThread(normalId);
     ASSERT_NE(ThreadHandle::Invalid, opened);
     EXPECT_TRUE(threadUserTime(opened).has_value());
     closeThread(opened);
-    normal.mayLeave.set();
-    critical.mayLeave.set();
+    normal.mayLeave.set_value();
+    critical.mayLeave.set_value();
 }
 
 TEST(Threads, TimesGrowWithWorkAndUnknownThreadsHaveNone)
@@ -79,13 +52,6 @@ TEST(Threads, TimesGrowWithWorkAndUnknownThreadsHaveNone)
     }
     EXPECT_TRUE(currentThreadCycles() > cycles || cycles == 0); // 0: the system does not count
     closeThread(self);
-}
-
-TEST(Threads, AThreadThatCannotBeStartedIsReportedByAReplacedCall)
-{
-    const ScopedReplacement refusing(
-        threadCalls.startThread, +[](ThreadProcedure, void*, ThreadPriority) { return ErrorNumber::NotEnoughMemory; });
-    EXPECT_EQ(ErrorNumber::NotEnoughMemory, startThread(visit, nullptr));
 }
 
 } // namespace

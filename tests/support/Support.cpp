@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -62,24 +63,16 @@ int CapturingClient::flushes() const
     return m_flushes;
 }
 
-int FaultSweep::run(const std::function<void()>& scenario)
+void runInThreads(int count, const std::function<void(int)>& work)
 {
-    for (int fault = 1;; ++fault)
+    std::vector<std::thread> threads;
+    for (int index = 0; index < count; ++index)
     {
-        callsUntilFault = fault;
-        scenario();
-        if (callsUntilFault > 0)
-        {
-            return fault - 1;
-        }
+        threads.emplace_back(work, index);
     }
-}
-
-FaultSweep::~FaultSweep()
-{
-    for (const auto& remove : m_removals)
+    for (std::thread& thread : threads)
     {
-        remove();
+        thread.join();
     }
 }
 

@@ -48,49 +48,8 @@ private:
     Function m_original;
 };
 
-/// Fails the n-th of all calls that go through the given platform entries, for n = 1, 2, ... until a
-/// run of the scenario meets no fault. Returns how many faults were met.
-///
-///     FaultSweep sweep;
-///     sweep.add<&platform::FileCalls::closeFile>(platform::fileCalls, ErrorNumber::AccessDenied);
-///     sweep.run([] { ... });
-class FaultSweep
-{
-public:
-    template <auto ENTRY, class Table, class Result> void add(Table& table, Result failure)
-    {
-        Fault<ENTRY, std::remove_reference_t<decltype(table.*ENTRY)>>::install(table, failure);
-        m_removals.emplace_back([&table]
-                                { Fault<ENTRY, std::remove_reference_t<decltype(table.*ENTRY)>>::remove(table); });
-    }
-
-    int run(const std::function<void()>& scenario);
-
-    ~FaultSweep();
-
-private:
-    template <auto ENTRY, class Function> struct Fault;
-    template <auto ENTRY, class Result, class... Arguments> struct Fault<ENTRY, Result (*)(Arguments...)>
-    {
-        static inline Result (*original)(Arguments...);
-        static inline Result failureResult;
-
-        static Result call(Arguments... arguments)
-        {
-            return --callsUntilFault == 0 ? failureResult : original(std::forward<Arguments>(arguments)...);
-        }
-        template <class Table> static void install(Table& table, Result failure)
-        {
-            failureResult = failure;
-            original = table.*ENTRY;
-            table.*ENTRY = call;
-        }
-        template <class Table> static void remove(Table& table) { table.*ENTRY = original; }
-    };
-
-    static inline int callsUntilFault = 0;
-    std::vector<std::function<void()>> m_removals;
-};
+/// Runs the work in that many threads, each with its index, and waits for all.
+void runInThreads(int count, const std::function<void(int)>& work);
 
 /// A folder of its own that is removed with everything in it. Its path has backslashes.
 class ScratchFolder

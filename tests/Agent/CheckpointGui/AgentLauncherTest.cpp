@@ -23,14 +23,12 @@ protected:
     AgentLauncher()
     {
         programPath = folder.path("program.exe");
-        processCalls.moduleFileName = [](char* buffer, std::uint32_t size)
-        {
+        processCalls.moduleFileName = [](char* buffer, std::uint32_t size) {
             EXPECT_EQ(260U, size);
             std::strcpy(buffer, programPath.c_str());
             return static_cast<std::uint32_t>(programPath.size());
         };
-        processCalls.createProcess = [](std::u16string& commandLine)
-        {
+        processCalls.createProcess = [](std::u16string& commandLine) {
             startedCommandLine = commandLine;
             return ErrorNumber::Success;
         };
@@ -66,48 +64,12 @@ TEST_F(AgentLauncher, MissingSettingsStayEmptyAndBytesAreWidenedOneByOne)
 TEST_F(AgentLauncher, ARefusedLaunchIsLoggedWithTheSystemsNumber)
 {
     static CapturingClient client;
-    processCalls.createProcess = [](std::u16string&)
-    {
+    processCalls.createProcess = [](std::u16string&) {
         return ErrorNumber::FileNotFound;
     };
     runAgent(u"name");
     EXPECT_EQ("Error,NON,,runAgent,Error 2 in CreateProcessW.", client.messages().back());
     EXPECT_EQ(1, client.flushes());
-}
-
-TEST_F(AgentLauncher, NoFailingCallStopsTheLaunchOrKeepsTheFileOpen)
-{
-    folder.write("program.exe.conf", "a b c d");
-    static int opened = 0;
-    static FileCalls real = fileCalls;
-    const ScopedReplacement countingOpen(
-        fileCalls.openFile,
-        +[](const char* path, OpenMode mode)
-        {
-            const OpenedFile file = real.openFile(path, mode);
-            opened += file.error == ErrorNumber::Success ? 1 : 0;
-            return file;
-        });
-    const ScopedReplacement countingClose(
-        fileCalls.closeFile,
-        +[](FileHandle file)
-        {
-            --opened;
-            return real.closeFile(file);
-        });
-    FaultSweep sweep;
-    sweep.add<&FileCalls::openFile>(fileCalls, OpenedFile{FileHandle::Invalid, ErrorNumber::AccessDenied});
-    sweep.add<&FileCalls::readFile>(fileCalls, Transfer{0, ErrorNumber::IoDevice});
-    sweep.add<&ProcessCalls::createProcess>(processCalls, ErrorNumber::BadExecutable);
-    const int faults = sweep.run(
-        []
-        {
-            startedCommandLine.clear();
-            runAgent(u"x");
-            EXPECT_EQ(0, opened);
-        });
-    EXPECT_GE(faults, 3);
-    EXPECT_EQ(u"TavroVssAgent.exe -GUI a b c d \"x\"", startedCommandLine);
 }
 
 } // namespace

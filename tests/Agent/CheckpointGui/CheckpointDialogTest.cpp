@@ -27,22 +27,19 @@ protected:
         dialogCalls = {
             .runDialog = nullptr,
             .endDialog =
-                [](DialogHandle, std::intptr_t result)
-            {
-                calls += "end " + std::to_string(result) + ";";
-                return true;
-            },
+                [](DialogHandle, std::intptr_t result) {
+                    calls += "end " + std::to_string(result) + ";";
+                    return true;
+                },
             .dialogItem = [](DialogHandle, int id) { return reinterpret_cast<ControlHandle>(std::intptr_t{id}); },
             .enableControl =
-                [](ControlHandle control, bool enable)
-            {
-                calls +=
-                    (enable ? "enable " : "disable ") + std::to_string(reinterpret_cast<std::intptr_t>(control)) + ";";
-                return true;
-            },
+                [](ControlHandle control, bool enable) {
+                    calls += (enable ? "enable " : "disable ") +
+                             std::to_string(reinterpret_cast<std::intptr_t>(control)) + ";";
+                    return true;
+                },
             .sendItemMessage = [](DialogHandle, int id, std::uint32_t message, std::uintptr_t wParam,
-                                  std::intptr_t lParam) -> std::intptr_t
-            {
+                                  std::intptr_t lParam) -> std::intptr_t {
                 EXPECT_EQ(1002, id);
                 EXPECT_EQ(0U, wParam);
                 if (message == MESSAGE_EDIT_LINE_LENGTH)
@@ -54,8 +51,7 @@ protected:
                 return static_cast<std::intptr_t>(editText.copy(buffer, *buffer));
             },
         };
-        processCalls.createProcess = [](std::u16string& commandLine)
-        {
+        processCalls.createProcess = [](std::u16string& commandLine) {
             startedCommandLine = commandLine;
             calls += "start;";
             return ErrorNumber::Success;
@@ -108,17 +104,6 @@ TEST_F(CheckpointDialog, NamesArriveWholeUpToTheLengthThatOneWordHolds)
     EXPECT_EQ(u"", getCheckpointName(nullptr));
     editText = std::u16string(u"ab\0cd", 5);
     EXPECT_EQ(u"ab", getCheckpointName(nullptr));
-}
-
-TEST_F(CheckpointDialog, AnEditControlThatAnswersNothingGivesItsLengthAsText)
-{
-    editText = u"abc";
-    dialogCalls.sendItemMessage = [](DialogHandle, int, std::uint32_t message, std::uintptr_t,
-                                     std::intptr_t) -> std::intptr_t
-    {
-        return message == MESSAGE_EDIT_LINE_LENGTH ? 3 : 0;
-    };
-    EXPECT_EQ(u"\u0003", getCheckpointName(nullptr));
 }
 
 } // namespace

@@ -15,15 +15,8 @@ using namespace platform;
 
 constexpr int EDIT = 1002;
 ModuleResources resources = {.dialog = {.id = 101, .title = "Title", .prompt = "Prompt", .editControl = EDIT}};
-
-struct Seen
-{
-    std::vector<std::string> messages;
-    bool enablesOk = true;
-    bool endsOnOk = true;
-};
-
-Seen* seen = nullptr;
+std::vector<std::string> messages;
+bool endsOnOk = true;
 
 std::intptr_t recordingProcedure(DialogHandle dialog, std::uint32_t message, std::uintptr_t wParam,
                                  std::intptr_t lParam)
@@ -35,57 +28,38 @@ std::intptr_t recordingProcedure(DialogHandle dialog, std::uint32_t message, std
     {
         EXPECT_EQ(lParam, reinterpret_cast<std::intptr_t>(dialogItem(dialog, EDIT)));
         const auto length = sendItemMessage(dialog, EDIT, MESSAGE_EDIT_LINE_LENGTH, 0, 0);
-        enableControl(dialogItem(dialog, CONTROL_OK), seen->enablesOk && length > 0);
+        enableControl(dialogItem(dialog, CONTROL_OK), length > 0);
         text << " length " << length;
     }
-    if (control == CONTROL_CANCEL || (control == CONTROL_OK && seen->endsOnOk))
+    if (control == CONTROL_CANCEL || (control == CONTROL_OK && endsOnOk))
     {
         endDialog(dialog, 7);
     }
-    seen->messages.push_back(text.str());
+    messages.push_back(text.str());
     return 1;
 }
 
-std::vector<std::string> converse(const std::string& input, Seen& answers)
+std::vector<std::string> converse(const std::string& input)
 {
     std::istringstream stream(input);
     std::streambuf* const standardInput = std::cin.rdbuf(stream.rdbuf());
-    seen = &answers;
+    messages.clear();
     EXPECT_EQ(7, runDialog(&resources, 101, recordingProcedure));
     std::cin.rdbuf(standardInput);
     std::cin.clear();
-    return answers.messages;
+    return messages;
 }
 
-TEST(TerminalDialog, ALineIsTypedAndReturnPressesTheEnabledOk)
+TEST(TerminalDialog, ALineIsTypedAndReturnPressesTheDefaultButton)
 {
-    const std::vector<std::string> expected = {"110 0", "111 30003ea length 2", "111 1"};
-    Seen first;
-    EXPECT_EQ(expected, converse("\xF0\x9F\x98\x80\r\nnot read\n", first));
-    Seen withoutLineEnd;
-    EXPECT_EQ(expected, converse("ab", withoutLineEnd));
-}
-
-TEST(TerminalDialog, WithoutANameTheDialogIsCancelled)
-{
-    Seen emptyLine;
-    EXPECT_EQ((std::vector<std::string>{"110 0", "111 30003ea length 0", "111 2"}), converse("\n", emptyLine));
-    Seen endOfInput;
-    EXPECT_EQ((std::vector<std::string>{"110 0", "111 2"}), converse("", endOfInput));
-    Seen disabled{.messages = {}, .enablesOk = false};
-    EXPECT_EQ((std::vector<std::string>{"110 0", "111 30003ea length 1", "111 2"}), converse("a\n", disabled));
-}
-
-TEST(TerminalDialog, ADialogThatStaysOpenTakesTheNextLine)
-{
-    Seen staying{.messages = {}, .enablesOk = true, .endsOnOk = false};
-    EXPECT_EQ(
-        (std::vector<std::string>{"110 0", "111 30003ea length 1", "111 1", "111 30003ea length 2", "111 1", "111 2"}),
-        converse("a\nbc\n", staying));
-}
-
-TEST(TerminalDialog, AnUnknownDialogIsNotShown)
-{
+    using Messages = std::vector<std::string>;
+    EXPECT_EQ((Messages{"110 0", "111 30003ea length 2", "111 1"}), converse("\xF0\x9F\x98\x80\r\nnot read\n"));
+    EXPECT_EQ((Messages{"110 0", "111 30003ea length 2", "111 1"}), converse("ab"));
+    EXPECT_EQ((Messages{"110 0", "111 30003ea length 0", "111 2"}), converse("\n"));
+    EXPECT_EQ((Messages{"110 0", "111 2"}), converse(""));
+    endsOnOk = false;
+    EXPECT_EQ((Messages{"110 0", "111 30003ea length 1", "111 1", "111 30003ea length 2", "111 1", "111 2"}),
+              converse("a\nbc\n"));
     EXPECT_EQ(-1, runDialog(&resources, 102, recordingProcedure));
     EXPECT_EQ(-1, runDialog(nullptr, 101, recordingProcedure));
 }

@@ -81,11 +81,9 @@ constexpr SignatureText fieldsOf(std::string_view signature)
 
 /// The text that MAKE draws from a signature, kept by the compiler with a terminating zero.
 template <Signature SIGNATURE, SignatureText (*MAKE)(std::string_view)>
-inline constexpr auto STORED_TEXT = []
-{
+inline constexpr auto STORED_TEXT = [] {
     // Of a copy: GCC's sanitizers do not follow pointers into template arguments while compiling.
-    constexpr SignatureText MADE = [](auto signature)
-    {
+    constexpr SignatureText MADE = [](auto signature) {
         return MAKE(signature.view());
     }(SIGNATURE);
     std::array<char, MADE.length + 1> stored{};

@@ -38,9 +38,7 @@ TEST(UtcTimestamp, CutsTheFractionToTheDigitsAskedFor)
 TEST(UtcTimestamp, YearsAreAtLeastFourWide)
 {
     const ScopedReplacement clock(
-        platform::timeCalls.utcNow,
-        +[]
-        {
+        platform::timeCalls.utcNow, +[] {
             platform::UtcTime time = sampleTime();
             static int calls = 0;
             time.year = calls++ == 0 ? 987 : 12345;
@@ -66,16 +64,14 @@ TEST(LogItem, WritesTheHeadThenTheMessageUnchanged)
 TEST(LogItem, StreamsLikeAnyNarrowStream)
 {
     static CapturingClient client;
-    const auto logged = [](auto&& stream)
-    {
+    const auto logged = [](auto&& stream) {
         LogItem item(LoggerId::NON, LogLevel::Info, "f");
         stream(item);
         item << std::endl;
         return client.messages().back().substr(std::string("Info,NON,,f,").size());
     };
     std::ostringstream reference;
-    const auto pieces = [](auto& out)
-    {
+    const auto pieces = [](auto& out) {
         out << "s" << std::string("t") << std::string_view("u") << 'c' << static_cast<unsigned char>('d') << true
             << false;
         out << std::numeric_limits<long long>::min() << " " << std::numeric_limits<unsigned long long>::max();

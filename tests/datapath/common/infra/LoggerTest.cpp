@@ -84,14 +84,11 @@ TEST(Logger, AThreadKeepsItsFirstNameUntilItIsRemoved)
     logger.setThreadName("first");
     logger.setThreadName("second");
     EXPECT_EQ("first", logger.getThreadName(id));
-    std::thread(
-        [&]
-        {
-            logger.setThreadName("other");
-            EXPECT_EQ("first", logger.getThreadName(id));
-            logger.removeThreadName();
-        })
-        .join();
+    std::thread([&] {
+        logger.setThreadName("other");
+        EXPECT_EQ("first", logger.getThreadName(id));
+        logger.removeThreadName();
+    }).join();
     EXPECT_EQ("first", logger.getThreadName(id));
     logger.removeThreadName();
     EXPECT_EQ("", logger.getThreadName(id));
@@ -113,35 +110,17 @@ TEST(Logger, LinesOfManyThreadsArriveWholeAndInTheirThreadsOrder)
 {
     constexpr int THREADS = 8;
     constexpr int LINES = 500;
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < THREADS; ++thread)
-    {
-        // The first use of the Logger is part of the race; the client comes when it has been won.
-        threads.emplace_back([] { Logger::instance().setThreadName("racer"); });
-    }
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
+    // The first use of the Logger is a race of its own; the client comes when it has been won.
+    runInThreads(THREADS, [](int) { Logger::instance().setThreadName("racer"); });
     static CapturingClient client;
-    threads.clear();
-    for (int thread = 0; thread < THREADS; ++thread)
-    {
-        threads.emplace_back(
-            [thread]
-            {
-                Logger::instance().setAsyncThreadName("racer");
-                for (int line = 0; line < LINES; ++line)
-                {
-                    LogItem(LoggerId::NON, LogLevel::Info, "race") << thread << ":" << line << std::endl;
-                }
-                Logger::instance().setAsyncThreadName("");
-            });
-    }
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
+    runInThreads(THREADS, [](int thread) {
+        Logger::instance().setAsyncThreadName("racer");
+        for (int line = 0; line < LINES; ++line)
+        {
+            LogItem(LoggerId::NON, LogLevel::Info, "race") << thread << ":" << line << std::endl;
+        }
+        Logger::instance().setAsyncThreadName("");
+    });
     std::vector<int> next(THREADS, 0);
     for (const std::string& message : client.messages())
     {
