@@ -81,7 +81,7 @@ inline void closeCpuCounter(CpuCounter counter)
     return counterCalls.openOwnProcess();
 }
 
-/// GetProcessMemoryInfo; /proc/self/status and getrusage. Figures the system does not keep are 0.
+/// GetProcessMemoryInfo; /proc/self/status. Figures the system does not keep are 0.
 /// False on failure, memory unchanged.
 [[nodiscard]] inline bool processMemory(ProcessHandle process, ProcessMemory& memory)
 {

@@ -32,6 +32,7 @@ enum class ErrorNumber : std::uint32_t
     NameTooLong = 206,
     InvalidFolder = 267,
     IoDevice = 1117,
+    CannotResolveName = 1921,
 };
 
 /// The number as messages quote it.

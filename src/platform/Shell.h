@@ -22,7 +22,7 @@ struct ShellCalls
 extern ShellCalls shellCalls;
 
 /// SHGetFolderPathA of CSIDL_COMMON_APPDATA, created if missing; the environment's PROGRAMDATA,
-/// else /var/lib. Writes the narrow path into a buffer of PATH_BUFFER_SIZE. Returns 0, or the
+/// else /var/lib, neither of them created. Writes the narrow path into a buffer of PATH_BUFFER_SIZE. Returns 0, or the
 /// system's failure code.
 [[nodiscard]] inline std::int32_t commonAppDataFolder(char* buffer)
 {

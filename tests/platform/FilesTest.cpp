@@ -62,7 +62,9 @@ TEST(Files, FailuresCarryTheSystemsNumbers)
     const std::string missing = folder.path("missing");
     EXPECT_EQ(ErrorNumber::FileNotFound, openFile(missing.c_str(), OpenMode::Read).error);
     EXPECT_EQ(FileHandle::Invalid, openFile(missing.c_str(), OpenMode::Read).handle);
+    EXPECT_EQ(ErrorNumber::PathNotFound, openFile(folder.path("no\\such").c_str(), OpenMode::Read).error);
     EXPECT_EQ(ErrorNumber::AccessDenied, openFile(folder.path("").c_str(), OpenMode::Append).error);
+    EXPECT_EQ(ErrorNumber::AccessDenied, openFile(folder.path("").c_str(), OpenMode::Read).error);
     EXPECT_EQ(2, removeFile(missing.c_str()));
     EXPECT_EQ(2, renameFile(missing.c_str(), folder.path("other").c_str()));
     EXPECT_FALSE(pathExists(missing.c_str()));
@@ -91,7 +93,7 @@ TEST(Files, FoldersAreMadeOnceAndOneLevelDeep)
     EXPECT_EQ(ErrorNumber::AlreadyExists, createFolder(sub.c_str()));
     EXPECT_EQ(17, makeFolder(sub.c_str()));
     EXPECT_EQ(17, makeFolder(folder.write("file", "").c_str()));
-    EXPECT_NE(ErrorNumber::Success, createFolder(folder.path("no\\such").c_str()));
+    EXPECT_EQ(ErrorNumber::PathNotFound, createFolder(folder.path("no\\such").c_str()));
     EXPECT_EQ(2, makeFolder(folder.path("no\\such").c_str()));
 }
 
@@ -117,7 +119,7 @@ TEST(Files, AWalkMeetsEveryEntryOnceAndSaysWhichAreFolders)
     EXPECT_EQ(ErrorNumber::NoMoreFiles, error);
     EXPECT_EQ((std::vector<std::string>{"../", "./", "a.txt", "b.txt", "sub/"}), seen);
 
-    EXPECT_EQ(FolderHandle::Invalid, findFirstEntry(folder.path("missing").c_str(), entry).handle);
+    EXPECT_EQ(ErrorNumber::PathNotFound, findFirstEntry(folder.path("missing").c_str(), entry).error);
 }
 
 } // namespace

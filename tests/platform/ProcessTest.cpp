@@ -2,6 +2,7 @@
 // drive the finished program.
 
 #include "platform/Process.h"
+#include "tests/support/Support.h"
 
 #include <array>
 #include <filesystem>
@@ -29,10 +30,21 @@ TEST(Process, TheProgramsPathIsWholeOrCutToTheBuffer)
 
 TEST(Process, ProgramsThatCannotBeStartedAreRefusedWithTheSystemsNumber)
 {
-    std::u16string missing = u"no-such-program-anywhere.exe argument";
-    EXPECT_EQ(ErrorNumber::FileNotFound, createProcess(missing));
-    std::u16string inMissingFolder = u"no-such-folder\\program.exe";
-    EXPECT_NE(ErrorNumber::Success, createProcess(inMissingFolder));
+    const ScratchFolder folder;
+    const auto start = [](const std::string& path) {
+        std::u16string commandLine(path.begin(), path.end());
+        return createProcess(commandLine);
+    };
+    EXPECT_EQ(ErrorNumber::FileNotFound, start("no-such-program-anywhere.exe argument"));
+    EXPECT_EQ(ErrorNumber::FileNotFound, start(folder.path("missing.exe")));
+    // Wine does not tell these two from a missing file.
+    const ErrorNumber inMissingFolder = start(folder.path("missing\\program.exe"));
+    EXPECT_TRUE(inMissingFolder == ErrorNumber::PathNotFound || inMissingFolder == ErrorNumber::FileNotFound);
+    const ErrorNumber ofFolder = start(folder.path(""));
+    EXPECT_TRUE(ofFolder == ErrorNumber::AccessDenied || ofFolder == ErrorNumber::FileNotFound);
+    const std::string text = folder.write("text.exe", "no program at all");
+    std::filesystem::permissions(folder.native("text.exe"), std::filesystem::perms::owner_all);
+    EXPECT_EQ(ErrorNumber::BadExecutable, start(text));
 }
 
 } // namespace

@@ -26,6 +26,7 @@ class Program:
         self.path = Path(shutil.copy(build / name, folder))
         self.agent = Path(shutil.copy(build / "stand-in" / AGENT, folder))
         self.settings = folder / f"{name}.conf"
+        self.mark = {"TAVRO_TEST_FOLDER": str(folder)}  # inherited by all that the program starts
 
     def agent_record(self):
         """What the agent noted, None if none was started. To be called when the program has ended: whatever
@@ -35,9 +36,11 @@ class Program:
         return json.loads(record.read_text("utf-8")) if record.exists() else None
 
     def _is_busy(self):
-        for link in Path("/proc").glob("[0-9]*/cwd"):
+        # Either sign has gaps: Wine leaves the working folder for moments, execve the environment.
+        mark = os.fsencode(f"TAVRO_TEST_FOLDER={self.folder}\0")
+        for process in Path("/proc").glob("[0-9]*"):
             try:
-                if os.readlink(link) == str(self.folder):
+                if os.readlink(process / "cwd") == str(self.folder) or mark in (process / "environ").read_bytes():
                     return True
             except OSError:
                 pass  # it has just ended
@@ -61,7 +64,7 @@ class LinuxProgram(Program):
         return self.run(name + "\n", **options)
 
     def _surroundings(self):
-        return {"cwd": self.folder, "env": os.environ | {"PROGRAMDATA": str(self.folder)}}
+        return {"cwd": self.folder, "env": os.environ | {"PROGRAMDATA": str(self.folder)} | self.mark}
 
 
 class WindowsProgram(Program):
@@ -81,7 +84,7 @@ class WindowsProgram(Program):
             wait_for(lambda: not self.desktop.dialog(), "the end of the window")
 
     def start(self):
-        self.process = self.desktop.wine.start(self.path, self.folder)
+        self.process = self.desktop.wine.start(self.path, self.folder, self.mark)
         wait_for(lambda: (state := self.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
         return self.desktop
 
@@ -102,8 +105,9 @@ class Wine:
         self.variables = {"DISPLAY": screen, "WINEPREFIX": str(prefix), "WINEDEBUG": "-all",
                           "WINEDLLOVERRIDES": "mscoree,mshtml="}
 
-    def start(self, program, folder, **options):
-        return subprocess.Popen(["wine", program], cwd=folder, env=os.environ | self.variables, **options)
+    def start(self, program, folder, more_variables=(), **options):
+        environment = os.environ | self.variables | dict(more_variables)
+        return subprocess.Popen(["wine", program], cwd=folder, env=environment, **options)
 
     def run(self, *command, check=True):
         subprocess.run(command, cwd=self.folder, env=os.environ | self.variables, check=check, timeout=3 * DEADLINE_SEC,

@@ -3,8 +3,9 @@
 import struct
 import xml.etree.ElementTree
 
-import pefile
 import pytest
+
+pefile = pytest.importorskip("pefile")
 
 ENGLISH_US = 1033
 ICON, DIALOG, STRINGS, ICON_GROUP, MANIFEST = 3, 5, 6, 14, 24

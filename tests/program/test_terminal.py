@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 
-from programs import DEADLINE_SEC, wait_for
+from programs import DEADLINE_SEC, LinuxProgram, wait_for
 
 PR_SET_CHILD_SUBREAPER = 36
 

@@ -1,7 +1,6 @@
 #include "tests/support/Support.h"
 
 #include <atomic>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -92,6 +91,11 @@ ScratchFolder::~ScratchFolder()
 {
     std::error_code ignored;
     fs::remove_all(toNative(m_path), ignored);
+}
+
+std::filesystem::path ScratchFolder::native(const std::string& name) const
+{
+    return toNative(path(name));
 }
 
 std::string ScratchFolder::write(const std::string& name, const std::string& content) const

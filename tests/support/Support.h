@@ -4,6 +4,7 @@
 
 #include "datapath/common/infra/Log.h"
 
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -61,6 +62,7 @@ public:
     ~ScratchFolder();
 
     [[nodiscard]] std::string path(const std::string& name) const { return m_path + "\\" + name; }
+    [[nodiscard]] std::filesystem::path native(const std::string& name) const;
     std::string write(const std::string& name, const std::string& content) const;
     [[nodiscard]] static std::string read(const std::string& path);
 

@@ -42,6 +42,9 @@ void sendCommand(DialogBox& dialog, std::uint16_t notification, DialogControl& c
     dialog.procedure(&dialog, MESSAGE_COMMAND, wParam, reinterpret_cast<std::intptr_t>(&control));
 }
 
+/// A terminal drops what goes beyond this many bytes of a line.
+constexpr std::size_t TERMINAL_LINE_LIMIT = 4095;
+
 /// One line is what the user types into the edit control, its end is the Return key.
 std::intptr_t converse(DialogBox& dialog)
 {
@@ -52,6 +55,13 @@ std::intptr_t converse(DialogBox& dialog)
         if (line.ends_with('\r'))
         {
             line.pop_back();
+        }
+        if (line.size() >= TERMINAL_LINE_LIMIT && isatty(STDIN_FILENO) == 1)
+        {
+            std::cout << "The terminal passes on at most " << TERMINAL_LINE_LIMIT
+                      << " bytes of a line. Type less, or pass "
+                      << "the text through standard input: " << std::flush;
+            continue;
         }
         dialog.text = utf8ToUtf16(line);
         sendCommand(dialog, NOTIFICATION_EDIT_CHANGED, dialog.edit);

@@ -1,6 +1,7 @@
 #include "platform/posix/Errors.h"
 
 #include <cerrno>
+#include <unistd.h>
 
 namespace platform::posix
 {
@@ -49,12 +50,22 @@ ErrorNumber fromErrno(int error)
         return ErrorNumber::AlreadyExists;
     case ENOEXEC:
         return ErrorNumber::BadExecutable;
+    case ELOOP:
+        return ErrorNumber::CannotResolveName;
     case E2BIG:
     case ENAMETOOLONG:
         return ErrorNumber::NameTooLong;
     default:
         return ErrorNumber::IoDevice;
     }
+}
+
+ErrorNumber fromErrno(int error, const std::string& path)
+{
+    const std::size_t separator = path.find_last_of('/');
+    const bool isFolderMissing = error == ENOENT && separator != std::string::npos && separator > 0 &&
+                                 access(path.substr(0, separator).c_str(), F_OK) != 0;
+    return isFolderMissing ? ErrorNumber::PathNotFound : fromErrno(error);
 }
 
 } // namespace platform::posix

@@ -44,8 +44,19 @@ Transfer toTransfer(ssize_t result)
 OpenedFile openFile(const char* path, OpenMode mode)
 {
     const int flags = mode == OpenMode::Read ? O_RDONLY : O_WRONLY | O_APPEND | O_CREAT;
-    const int descriptor = open(toNative(path).c_str(), flags | O_CLOEXEC, FILE_PERMISSIONS);
-    return {FileHandle{descriptor}, descriptor < 0 ? fromErrno(errno) : ErrorNumber::Success};
+    const std::string native = toNative(path);
+    const int descriptor = open(native.c_str(), flags | O_CLOEXEC, FILE_PERMISSIONS);
+    if (descriptor < 0)
+    {
+        return {FileHandle::Invalid, fromErrno(errno, native)};
+    }
+    struct stat status = {};
+    if (fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode))
+    {
+        close(descriptor);
+        return {FileHandle::Invalid, ErrorNumber::AccessDenied}; // a folder opens for reading here
+    }
+    return {FileHandle{descriptor}, ErrorNumber::Success};
 }
 
 Transfer readFile(FileHandle file, void* buffer, std::size_t size)
@@ -70,7 +81,7 @@ int makeFolder(const char* path)
 
 ErrorNumber createFolder(const char* path)
 {
-    return fromErrno(makeFolder(path));
+    return fromErrno(makeFolder(path), toNative(path));
 }
 
 bool pathExists(const char* path)
@@ -121,10 +132,11 @@ ErrorNumber readEntry(DIR* stream, FolderEntry& entry)
 
 OpenedFolder findFirstEntry(const char* folder, FolderEntry& entry)
 {
-    DIR* const stream = opendir(toNative(folder).c_str());
+    const std::string native = toNative(folder);
+    DIR* const stream = opendir(native.c_str());
     if (stream == nullptr)
     {
-        return {FolderHandle::Invalid, fromErrno(errno)};
+        return {FolderHandle::Invalid, fromErrno(errno, native + "/*")};
     }
     if (const ErrorNumber error = readEntry(stream, entry); error != ErrorNumber::Success)
     {

@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sstream>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -29,7 +31,13 @@ std::string programPath()
 {
     std::array<char, PATH_MAX> buffer{};
     const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
-    return {buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
+    std::string path(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    // How the system marks a program file that was replaced or removed since the start.
+    if (constexpr std::string_view MARK = " (deleted)"; path.ends_with(MARK) && access(path.c_str(), F_OK) != 0)
+    {
+        path.resize(path.size() - MARK.size());
+    }
+    return path;
 }
 
 std::uint32_t moduleFileName(char* buffer, std::uint32_t size)
@@ -59,23 +67,15 @@ std::string findProgram(const std::string& name)
         return name;
     }
     const std::string ownPath = programPath();
-    std::string folders = ownPath.substr(0, ownPath.rfind('/')) + ":.";
-    if (const char* const path = std::getenv("PATH"); path != nullptr)
+    std::vector<std::string> folders = {ownPath.substr(0, ownPath.rfind('/') + 1), "./"};
+    const char* const path = std::getenv("PATH");
+    std::istringstream searched(path == nullptr ? "" : path);
+    for (std::string folder; std::getline(searched, folder, ':');)
     {
-        folders.append(":").append(path);
+        folders.push_back(folder.empty() ? "./" : folder + "/");
     }
-    for (std::size_t start = 0; start <= folders.size();)
-    {
-        const std::size_t end = std::min(folders.find(':', start), folders.size());
-        const std::string folder = folders.substr(start, end - start);
-        std::string candidate = (folder.empty() ? "." : folder) + "/" + name;
-        if (isFile(candidate))
-        {
-            return candidate;
-        }
-        start = end + 1;
-    }
-    return {};
+    const auto found = std::ranges::find_if(folders, [&name](const auto& folder) { return isFile(folder + name); });
+    return found == folders.end() ? std::string() : *found + name;
 }
 
 /// Descriptors that a started program must not get are closed; those below keep stays.
@@ -126,7 +126,7 @@ void closeDescriptorsFrom(int first)
 
 ErrorNumber createProcess(std::u16string& commandLine)
 {
-    std::vector<std::string> arguments = splitCommandLine(utf16ToUtf8(commandLine));
+    std::vector<std::string> arguments = splitCommandLine(utf16ToUtf8(commandLine.c_str())); // a zero ends it
     const std::string path = findProgram(toNative(arguments.front()));
     if (path.empty())
     {
@@ -162,7 +162,7 @@ ErrorNumber createProcess(std::u16string& commandLine)
         }
     }
     close(readEnd);
-    return fromErrno(error);
+    return fromErrno(error, path);
 }
 
 void endProcess()

@@ -2,6 +2,7 @@
 
 #include "platform/posix/Errors.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>

@@ -1,6 +1,7 @@
 // The dialog procedure over replaced dialog and process calls.
 
 #include "Agent/CheckpointGui/CheckpointDialog.h"
+#include "platform/Entry.h"
 #include "platform/Process.h"
 #include "tests/support/Support.h"
 
@@ -104,6 +105,22 @@ TEST_F(CheckpointDialog, NamesArriveWholeUpToTheLengthThatOneWordHolds)
     EXPECT_EQ(u"", getCheckpointName(nullptr));
     editText = std::u16string(u"ab\0cd", 5);
     EXPECT_EQ(u"ab", getCheckpointName(nullptr));
+}
+
+TEST_F(CheckpointDialog, TheEntryPointShowsTheDialogBetweenItsLinesAndFlushesLast)
+{
+    static CapturingClient client;
+    dialogCalls.runDialog = [](ModuleHandle module, int dialogId, DialogProcedure procedure) {
+        EXPECT_EQ(&client, module);
+        EXPECT_EQ(101, dialogId);
+        EXPECT_EQ(0, client.flushes());
+        return procedure(nullptr, MESSAGE_COMMAND, CONTROL_CANCEL, 0);
+    };
+    EXPECT_EQ(0, wWinMain(&client, nullptr, nullptr, 0));
+    EXPECT_EQ((std::vector<std::string>{"Info,NON,,wWinMain,Invoked.", "Info,NON,,wWinMain,Showing dialog...",
+                                        "Info,NON,,Checkpoint,IDCANCEL", "Info,NON,,wWinMain,Done."}),
+              client.messages());
+    EXPECT_EQ(1, client.flushes());
 }
 
 } // namespace

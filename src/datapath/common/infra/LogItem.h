@@ -14,6 +14,7 @@
 
 #include <array>
 #include <charconv>
+#include <concepts>
 #include <cstring>
 #include <ostream>
 #include <streambuf>
@@ -65,6 +66,19 @@ struct Buffer
     LogStringBuf buffer;
 };
 
+template <class T, class... Others>
+concept OneOf = (std::same_as<T, Others> || ...);
+
+template <class T>
+concept Integer =
+    OneOf<T, bool, short, unsigned short, int, unsigned, long, unsigned long, long long, unsigned long long>;
+
+/// The types that are appended without the stream's help.
+template <class T>
+concept Simple = Integer<T> || OneOf<T, char, const char*, char*, std::string, std::string_view> ||
+                 std::same_as < std::remove_extent_t<T>,
+char > ;
+
 } // namespace LogItemInternal
 
 class LogItem : private LogItemInternal::Buffer, public std::ostream
@@ -81,32 +95,27 @@ public:
     [[nodiscard]] LogLevel level() const { return m_level; }
     [[nodiscard]] LoggerId loggerId() const { return m_loggerId; }
 
-    // Whatever a narrow stream accepts. Texts and integers in default formatting take a short way.
-    using std::ostream::operator<<;
-    LogItem& operator<<(std::string_view text)
+    /// Inserts as the stream would, a short way where the formatting is the default one. Callers just
+    /// stream.
+    template <class T> void insert(const T& value)
     {
-        if (isPlain())
+        if (!isPlain() || isNull(value))
         {
-            buffer.append(text);
-            return *this;
+            static_cast<std::ostream&>(*this) << value;
         }
-        static_cast<std::ostream&>(*this) << text;
-        return *this;
+        else if constexpr (LogItemInternal::Integer<T>)
+        {
+            appendNumber(value);
+        }
+        else if constexpr (std::same_as<T, char>)
+        {
+            buffer.append({&value, 1});
+        }
+        else
+        {
+            buffer.append(value);
+        }
     }
-    LogItem& operator<<(const std::string& text) { return *this << std::string_view(text); }
-    LogItem& operator<<(const char* text) { return *this << std::string_view(text); }
-    LogItem& operator<<(char character) { return *this << std::string_view(&character, 1); }
-    LogItem& operator<<(signed char character) { return *this << static_cast<char>(character); }
-    LogItem& operator<<(unsigned char character) { return *this << static_cast<char>(character); }
-    LogItem& operator<<(bool value) { return insertNumber(value); }
-    LogItem& operator<<(short value) { return insertNumber(value); }
-    LogItem& operator<<(unsigned short value) { return insertNumber(value); }
-    LogItem& operator<<(int value) { return insertNumber(value); }
-    LogItem& operator<<(unsigned value) { return insertNumber(value); }
-    LogItem& operator<<(long value) { return insertNumber(value); }
-    LogItem& operator<<(unsigned long value) { return insertNumber(value); }
-    LogItem& operator<<(long long value) { return insertNumber(value); }
-    LogItem& operator<<(unsigned long long value) { return insertNumber(value); }
 
 private:
     LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int fractionDigits);
@@ -117,20 +126,30 @@ private:
         return width() == 0 && (flags() & SPECIAL) == 0;
     }
 
-    template <class T> LogItem& insertNumber(T value)
+    template <class T> static bool isNull(const T& value)
     {
-        if (!isPlain())
+        if constexpr (std::is_pointer_v<T>)
         {
-            std::ostream::operator<<(value);
-            return *this;
+            return value == nullptr;
         }
-        using Printed = std::conditional_t<std::is_same_v<T, bool>, int, T>;
+        return false;
+    }
+
+    template <class T> void appendNumber(T value)
+    {
+        using Printed = std::conditional_t<std::same_as<T, bool>, int, T>;
         std::array<char, 24> digits;
         const auto result = std::to_chars(digits.begin(), digits.end(), static_cast<Printed>(value));
         buffer.append({digits.begin(), result.ptr});
-        return *this;
     }
 
     LogLevel m_level;
     LoggerId m_loggerId;
 };
+
+/// Whatever else a narrow stream accepts goes the stream's way.
+template <std::derived_from<LogItem> Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
+{
+    item.insert(value);
+    return item;
+}

@@ -86,6 +86,7 @@ inline constexpr auto STORED_TEXT = [] {
     constexpr SignatureText MADE = [](auto signature) {
         return MAKE(signature.view());
     }(SIGNATURE);
+    static_assert(MADE.length > 0, "this function's signature is not understood");
     std::array<char, MADE.length + 1> stored{};
     for (std::size_t i = 0; i < MADE.length; ++i)
     {

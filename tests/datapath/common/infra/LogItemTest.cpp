@@ -4,6 +4,7 @@
 #include "platform/Time.h"
 #include "tests/support/Support.h"
 
+#include <filesystem>
 #include <iomanip>
 #include <limits>
 #include <sstream>
@@ -61,6 +62,21 @@ TEST(LogItem, WritesTheHeadThenTheMessageUnchanged)
     EXPECT_EQ("2024-03-05 07:08:09,Warn,-2,OLM,Tweaks::Tweak,longVal,a,\"b\"\nc\n", client.lines().at(1));
 }
 
+enum Plain : int
+{
+};
+
+struct Own
+{
+    operator int() const { return 1; }
+    operator std::string() const { return "wrong"; }
+};
+
+std::ostream& operator<<(std::ostream& stream, const Own&)
+{
+    return stream << "own ";
+}
+
 TEST(LogItem, StreamsLikeAnyNarrowStream)
 {
     static CapturingClient client;
@@ -80,6 +96,10 @@ TEST(LogItem, StreamsLikeAnyNarrowStream)
     };
     pieces(reference);
     EXPECT_EQ(reference.str(), logged([&](LogItem& item) { pieces(item); }));
+
+    // Types with an insertion operator of their own, however well they convert to simple ones.
+    EXPECT_EQ("own \"p\" 7",
+              logged([](LogItem& item) { item << Own() << std::filesystem::path("p") << " " << Plain{7}; }));
 
     const std::string longText(100'000, 'y');
     EXPECT_EQ(longText + "z", logged([&](std::ostream& stream) { stream << longText << 'z'; }));

@@ -108,6 +108,20 @@ TEST(MethodText, TemplateArgumentsAreSpelledWithTheirKind)
     EXPECT_EQ("Queue<class Queue<unsigned int,2>,1>,member", (Queue<Queue<unsigned, 2>>::member(1).fields));
 }
 
+TEST(MethodText, UnusualSignaturesAreUnderstood)
+{
+    using MethodTextInternal::methodNameOf;
+    EXPECT_EQ("f", methodNameOf("decltype ((a + b)) f(A, B) [with A = int; B = int]").view());
+    EXPECT_EQ("C::f", methodNameOf("int (& C::f())[3]").view());
+    EXPECT_EQ("f", methodNameOf("void (M::* f(int))(char)").view());
+    EXPECT_EQ("<unnamed struct>::f", methodNameOf("void<unnamed struct>::f()").view());
+    EXPECT_EQ("G<int>::operator int", methodNameOf("G<T>::operator T() [with T = int]").view());
+    EXPECT_EQ("P<int,char *>::f", methodNameOf("static void P<T>::f() [with T = {int, char*}]").view());
+    EXPECT_EQ("P<class A const &&,'x'>::f",
+              methodNameOf("void P<T, C>::f() [with T = const {anonymous}::A&&; char C = 'x']").view());
+    EXPECT_EQ("P<class f::<lambda> >::g", methodNameOf("void P<T>::g() [with T = f(int)::<lambda(char)>]").view());
+}
+
 TEST(MethodText, CleaningSplitsAtTheLastColonsAndCutsLambdas)
 {
     const auto cleaned = [](std::string text) {
