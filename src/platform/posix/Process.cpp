@@ -155,7 +155,7 @@ ErrorNumber createProcess(std::u16string& commandLine)
     close(writeEnd);
     if (intermediate > 0)
     {
-        waitpid(intermediate, nullptr, 0);
+        static_cast<void>(TEMP_FAILURE_RETRY(waitpid(intermediate, nullptr, 0)));
         if (TEMP_FAILURE_RETRY(read(readEnd, &error, sizeof(error))) != static_cast<ssize_t>(sizeof(error)))
         {
             error = 0;

@@ -148,7 +148,8 @@ private:
 };
 
 /// Whatever else a narrow stream accepts goes the stream's way.
-template <std::derived_from<LogItem> Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
+template <class Item, LogItemInternal::Simple T>
+requires std::derived_from<std::remove_reference_t<Item>, LogItem> LogItem& operator<<(Item&& item, const T& value)
 {
     item.insert(value);
     return item;
