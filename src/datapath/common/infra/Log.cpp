@@ -1,6 +1,7 @@
 #include "datapath/common/infra/Log.h"
 
 #include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/Singleton.h"
 #include "platform/Process.h"
 #include "platform/Threads.h"
 
@@ -26,14 +27,6 @@ std::int32_t currentThreadKey()
     return static_cast<std::int32_t>(platform::currentThreadId());
 }
 
-/// Guards the creation of the one Logger; nothing is taken inside it. Usable before main and, as it
-/// is never destroyed, after it.
-Mutex& creationMutex()
-{
-    static Mutex& mutex = *new Mutex;
-    return mutex;
-}
-
 constinit std::atomic<Logger*> theLogger = nullptr;
 
 } // namespace
@@ -51,18 +44,7 @@ std::string_view loggerName(LoggerId loggerId)
 
 Logger& Logger::instance()
 {
-    Logger* logger = theLogger.load(std::memory_order_acquire);
-    if (logger == nullptr)
-    {
-        const MutexGuard guard(creationMutex());
-        logger = theLogger.load(std::memory_order_relaxed);
-        if (logger == nullptr)
-        {
-            logger = new Logger;
-            theLogger.store(logger, std::memory_order_release);
-        }
-    }
-    return *logger;
+    return createOnce(theLogger, creationLock<Logger>(), [] { return new Logger; });
 }
 
 void Logger::registerClient(LoggerClient* client, std::uint32_t levelMask)

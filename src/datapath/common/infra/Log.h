@@ -9,6 +9,7 @@
 //
 // Lines are made with a LogItem. The hub also keeps the names of the program's threads.
 
+#include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
 
 #include <array>
@@ -121,7 +122,7 @@ public:
     [[nodiscard]] std::string getAsyncThreadName() const EXCLUDES(m_mutex);
 
 private:
-    using ThreadNames = std::map<std::int32_t, std::string>;
+    using ThreadNames = StlMemShiledContainer<std::map<std::int32_t, std::string>>;
 
     static constexpr std::size_t MAX_CLIENTS = 4;
     static constexpr std::size_t LOGGER_COUNT = 4;
@@ -129,10 +130,10 @@ private:
     Logger() = default;
     void endAfterAssert(const std::string& line, LoggerId loggerId) const;
 
-    ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex);
+    ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex){"LoggerAsyncThreadNames"};
     // How many there are, so that lines take the lock only in programs that use such names.
     std::atomic<std::size_t> m_asyncThreadNamesCnt = 0;
-    ThreadNames m_threadNames GUARDED_BY(m_mutex);
+    ThreadNames m_threadNames GUARDED_BY(m_mutex){"LoggerThreadNames"};
     std::array<LoggerClient*, MAX_CLIENTS> m_clients{};
     std::uint32_t m_clientsCnt = 0;
     mutable Mutex m_mutex; // guards the two tables of names; nothing is taken inside it

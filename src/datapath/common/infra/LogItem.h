@@ -107,13 +107,9 @@ public:
         {
             appendNumber(value);
         }
-        else if constexpr (std::same_as<T, char>)
-        {
-            buffer.append({&value, 1});
-        }
         else
         {
-            buffer.append(value);
+            buffer.append(asText(value));
         }
     }
 
@@ -125,6 +121,9 @@ private:
         constexpr fmtflags SPECIAL = hex | oct | showpos | boolalpha;
         return width() == 0 && (flags() & SPECIAL) == 0;
     }
+
+    static std::string_view asText(const char& character) { return {&character, 1}; }
+    static std::string_view asText(std::string_view text) { return text; }
 
     template <class T> static bool isNull(const T& value)
     {

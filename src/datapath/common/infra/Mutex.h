@@ -11,7 +11,6 @@
 
 #include <mutex>
 
-/// What a scoped guard can hold.
 class CAPABILITY("mutex") IMutex
 {
 public:
@@ -20,7 +19,7 @@ public:
     virtual ~IMutex() = default;
 };
 
-/// A non-recursive mutex.
+/// A non-recursive mutex of the standard library.
 class CAPABILITY("mutex") Mutex final : public IMutex
 {
 public:
@@ -36,15 +35,16 @@ private:
     std::mutex m_mutex;
 };
 
-/// Locks for its own lifetime.
-class SCOPED_CAPABILITY MutexGuard
+/// Locks for its own lifetime. Over an IMutex it calls what is behind it; over a known class it calls
+/// that one directly.
+template <class Lockable> class SCOPED_CAPABILITY MutexGuard
 {
 public:
-    explicit MutexGuard(IMutex& mutex) ACQUIRES(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    explicit MutexGuard(Lockable& mutex) ACQUIRES(mutex) : m_mutex(mutex) { m_mutex.lock(); }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
     ~MutexGuard() RELEASES() { m_mutex.unlock(); }
 
 private:
-    IMutex& m_mutex;
+    Lockable& m_mutex;
 };

@@ -1,0 +1,33 @@
+#pragma once
+
+// A counting semaphore.
+//
+//     Semaphore done(0);
+//     done.signal();                       // on any thread
+//     if (!done.waitFor(timeoutMs)) ...    // on any other
+//
+// Any thread may call. A signal before any wait is not lost, and each signal wakes one waiter. The
+// thread whose wait returned may destroy the semaphore if nobody else uses it.
+
+#include "platform/Sync.h"
+
+#include <cstdint>
+
+class Semaphore
+{
+public:
+    explicit Semaphore(std::uint32_t initialCount) : m_semaphore(initialCount) {}
+    Semaphore(const Semaphore&) = delete;
+    Semaphore& operator=(const Semaphore&) = delete;
+    virtual ~Semaphore() = default;
+
+    virtual void signal() { m_semaphore.post(); }
+    virtual void wait() { m_semaphore.wait(); }
+
+    /// Waits at most timeoutMs on the steady clock, 0 for not at all. Returns whether the count was
+    /// taken down by one.
+    [[nodiscard]] virtual bool waitFor(std::uint32_t timeoutMs) { return m_semaphore.waitFor(timeoutMs); }
+
+private:
+    platform::NativeSemaphore m_semaphore;
+};

@@ -1,0 +1,110 @@
+#include "datapath/common/infra/Timer.h"
+
+#include "datapath/common/infra/windows/WindowsTimer.h"
+#include "platform/Threads.h"
+#include "platform/Time.h"
+
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+
+std::uint32_t ITimer::getTimestamp10Ms()
+{
+    return static_cast<std::uint32_t>(getTimestampMs() / 10);
+}
+
+void Timer::start()
+{
+    m_numProcessors = platform::processorCount();
+}
+
+std::uint64_t Timer::getTimestampNs()
+{
+    using namespace std::chrono;
+    return static_cast<std::uint64_t>(duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
+std::int64_t Timer::getTimestampUs()
+{
+    return static_cast<std::int64_t>(getTimestampNs() / 1000);
+}
+
+std::int64_t Timer::getTimestampMs()
+{
+    const std::int64_t timestampMs = WindowsTimer::instance().getTimestampMs();
+    m_lastTimestampMs.store(timestampMs, std::memory_order_relaxed);
+    return timestampMs;
+}
+
+std::int64_t Timer::getUtcTimeMs()
+{
+    using namespace std::chrono;
+    const platform::UtcTime now = platform::utcNow();
+    const sys_days day = year(now.year) / now.month / now.day;
+    const auto time = day + hours(now.hour) + minutes(now.minute) + seconds(now.second);
+    return duration_cast<milliseconds>(time.time_since_epoch()).count() + now.millisecond;
+}
+
+std::int64_t Timer::getLastTimestampMs_Inaccurate(bool noRefresh)
+{
+    constexpr std::uint64_t REFRESH_PERIOD_MS = 1000;
+    if (!noRefresh)
+    {
+        const std::uint64_t tick = platform::tickCountMs();
+        if (tick > m_lastRefreshTick.load(std::memory_order_relaxed) + REFRESH_PERIOD_MS)
+        {
+            m_lastRefreshTick.store(tick, std::memory_order_relaxed);
+            getTimestampMs();
+        }
+    }
+    return m_lastTimestampMs.load(std::memory_order_relaxed);
+}
+
+std::uint64_t Timer::getThreadCycles()
+{
+    return platform::currentThreadCycles();
+}
+
+std::uint64_t Timer::getProcessCpuTimeUs()
+{
+    constexpr std::uint64_t TICKS_PER_US = 10; // the system counts in 100-ns units
+    const std::optional<platform::CpuTime> time = platform::processCpuTime();
+    const std::uint64_t processors = std::max(m_numProcessors.load(std::memory_order_relaxed), 1U);
+    return time ? (time->kernel + time->user) / (processors * TICKS_PER_US) : 0;
+}
+
+void Timer::setRelativeTimeMs(std::int64_t value)
+{
+    m_relativeBaseMs.store(getTimestampMs() - value, std::memory_order_relaxed);
+}
+
+std::int64_t Timer::getRelativeTimeMs()
+{
+    return getTimestampMs() - m_relativeBaseMs.load(std::memory_order_relaxed);
+}
+
+bool Timer::parseUtcTime(const char* text, CalendarRecord& record)
+{
+    unsigned year = 0;
+    unsigned month = 0;
+    unsigned day = 0;
+    unsigned hour = 0;
+    unsigned minute = 0;
+    unsigned second = 0;
+    constexpr int FIELDS = 6;
+    if (std::sscanf(text, "%04u-%02u-%02uT%02u:%02u:%02uZ", &year, &month, &day, &hour, &minute, &second) != FIELDS)
+    {
+        std::cout << "failed to scan\n" << std::flush;
+        return false;
+    }
+    record = {.seconds = static_cast<std::int32_t>(second),
+              .minutes = static_cast<std::int32_t>(minute),
+              .hours = static_cast<std::int32_t>(hour),
+              .dayOfMonth = static_cast<std::int32_t>(day),
+              .month = static_cast<std::int32_t>(month) - 1,
+              .yearsSince1900 = static_cast<std::int32_t>(year) - 1900,
+              .dayOfWeek = 0,
+              .dayOfYear = 0,
+              .daylightSaving = 0};
+    return true;
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+// The implementation of the process's clock; see ITimer for what it promises.
+
+#include "datapath/common/infra/ITimer.h"
+#include "datapath/common/infra/Singleton.h"
+
+#include <atomic>
+
+class Timer final : public Singleton<ITimer, Timer>, public ITimer
+{
+public:
+    void start() override;
+    std::uint64_t getTimestampNs() override;
+    std::int64_t getTimestampUs() override;
+    std::int64_t getTimestampMs() override;
+    std::int64_t getUtcTimeMs() override;
+    std::int64_t getLastTimestampMs_Inaccurate(bool noRefresh) override;
+    std::uint64_t getThreadCycles() override;
+    std::uint64_t getProcessCpuTimeUs() override;
+    void setRelativeTimeMs(std::int64_t value) override;
+    std::int64_t getRelativeTimeMs() override;
+    bool parseUtcTime(const char* text, CalendarRecord& record) override;
+    virtual ~Timer() = default;
+
+private:
+    // Only the values matter, so all of these are read and written without an order.
+    std::atomic<std::int64_t> m_lastTimestampMs = 0;
+    std::atomic<std::int64_t> m_relativeBaseMs = 0;
+    std::atomic<std::uint32_t> m_numProcessors = 0;
+    std::atomic<std::uint64_t> m_lastRefreshTick = 0; // of the system's tick count, in ms
+};

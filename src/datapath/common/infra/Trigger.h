@@ -1,0 +1,21 @@
+#pragma once
+
+// An auto-reset event. Setting it lets one wait pass: a thread that waits now, or else the next one.
+// Setting it again before that changes nothing. Any thread may call.
+
+#include "platform/Sync.h"
+
+class Trigger
+{
+public:
+    Trigger() = default;
+    Trigger(const Trigger&) = delete;
+    Trigger& operator=(const Trigger&) = delete;
+    virtual ~Trigger() = default;
+
+    void set() { m_event.set(); }
+    void wait() { m_event.wait(); }
+
+private:
+    platform::NativeEvent m_event;
+};

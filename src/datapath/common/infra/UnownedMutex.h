@@ -1,0 +1,16 @@
+#pragma once
+
+// A mutex that no thread owns: one thread may lock it and another unlock it. Any thread may call.
+
+#include "datapath/common/infra/Mutex.h"
+#include "datapath/common/infra/Semaphore.h"
+
+class CAPABILITY("mutex") UnownedMutex final : public IMutex
+{
+public:
+    void lock() ACQUIRES() override { m_semaphore.wait(); }
+    void unlock() RELEASES() override { m_semaphore.signal(); }
+
+private:
+    Semaphore m_semaphore{1};
+};

@@ -1,0 +1,78 @@
+#include "datapath/common/infra/windows/ThreadWrapper.h"
+
+#include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/Timer.h"
+#include "platform/Random.h"
+#include "platform/Threads.h"
+
+#include <cstdlib>
+#include <cxxabi.h>
+#include <memory>
+#include <typeinfo>
+
+namespace
+{
+
+/// Numbers all threads of the process in the order of their start, from 1 on.
+constinit std::atomic<std::uint32_t> lastInternalId = 0;
+
+} // namespace
+
+std::string ThreadWrapper::getTypeName() const
+{
+    int status = 0;
+    const std::unique_ptr<char, decltype(&std::free)> name(
+        abi::__cxa_demangle(typeid(*this).name(), nullptr, nullptr, &status), std::free);
+    return std::string("class ") + (status == 0 ? name.get() : typeid(*this).name());
+}
+
+void ThreadWrapper::open()
+{
+    ++m_numOpened;
+    if (platform::startThread(threadCallback, this) != platform::ErrorNumber::Success)
+    {
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
+    }
+}
+
+void ThreadWrapper::threadCallback(void* wrapper)
+{
+    ThreadWrapper& self = *static_cast<ThreadWrapper*>(wrapper);
+    const std::uint32_t internalId = ++lastInternalId;
+    const std::string typeName = self.getTypeName(); // the object may be gone when run has returned
+    Logger::instance().setThreadName(typeName);
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        << "Starting ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
+    self.registerThread();
+    platform::seedRandom(internalId + static_cast<std::uint32_t>(Timer::instance().getUtcTimeMs()));
+
+    self.run();
+
+    Logger::instance().removeThreadName();
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        << "Ending ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
+}
+
+void ThreadWrapper::registerThread()
+{
+    const MutexGuard guard(m_threadIdsMutex);
+    m_threadIds.push_back(platform::currentThreadId());
+    if (m_threadIds.size() == m_numOpened)
+    {
+        m_trigger.set();
+    }
+}
+
+bool ThreadWrapper::areAllRegistered()
+{
+    const MutexGuard guard(m_threadIdsMutex);
+    return m_threadIds.size() >= m_numOpened;
+}
+
+void ThreadWrapper::waitUntilRunning()
+{
+    while (!areAllRegistered())
+    {
+        m_trigger.wait();
+    }
+}

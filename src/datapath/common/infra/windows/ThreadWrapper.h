@@ -1,0 +1,53 @@
+#pragma once
+
+// The base of every long-lived worker thread. open starts a thread that runs run() once; the thread's
+// name is known to the Logger and its start and end are logged.
+//
+//     class Writer : public ThreadWrapper { void run() override { ... } };
+//     writer.open();
+//     writer.waitUntilRunning();
+//
+// A wrapper can have several threads, all running the same run(). Threads are never joined: whoever
+// destroys a wrapper has made sure that its threads have left run(). open and the end of the object
+// belong to the owner's thread, everything else to any thread.
+
+#include "datapath/common/infra/Mutex.h"
+#include "datapath/common/infra/Trigger.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class ThreadWrapper
+{
+public:
+    ThreadWrapper() = default;
+    ThreadWrapper(const ThreadWrapper&) = delete;
+    ThreadWrapper& operator=(const ThreadWrapper&) = delete;
+
+    /// Names the kind of thread: the class of the object, as in "class DeadLockCheckerManager".
+    [[nodiscard]] virtual std::string getTypeName() const;
+
+    virtual ~ThreadWrapper() = default;
+
+    /// Starts one more thread. Ends the process if the system refuses.
+    void open();
+
+    /// Returns when every opened thread has started, at once if they have ended since.
+    void waitUntilRunning() EXCLUDES(m_threadIdsMutex);
+
+protected:
+    /// The body of each thread.
+    virtual void run() = 0;
+
+private:
+    static void threadCallback(void* wrapper);
+    void registerThread() EXCLUDES(m_threadIdsMutex);
+    [[nodiscard]] bool areAllRegistered() EXCLUDES(m_threadIdsMutex);
+
+    Trigger m_trigger;                                                   // set when all opened threads have registered
+    std::vector<std::uint32_t> m_threadIds GUARDED_BY(m_threadIdsMutex); // of all threads that ever started
+    Mutex m_threadIdsMutex;                                              // nothing is taken inside it
+    std::atomic<std::uint32_t> m_numOpened = 0;
+};

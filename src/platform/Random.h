@@ -1,0 +1,32 @@
+#pragma once
+
+// The C runtime's pseudo-random numbers, with a generator of its own for each thread: rand and srand;
+// rand_r. Good enough to spread load and to draw test values, for nothing else. Any thread may call.
+
+#include <cstdint>
+
+namespace platform
+{
+
+struct RandomCalls
+{
+    void (*seedRandom)(std::uint32_t seed);
+    std::uint32_t (*nextRandom)();
+};
+
+/// The implementation in use. Tests replace single entries before other threads call them.
+extern RandomCalls randomCalls;
+
+/// Seeds the calling thread's generator, which starts as if seeded with 1.
+inline void seedRandom(std::uint32_t seed)
+{
+    randomCalls.seedRandom(seed);
+}
+
+/// The next number of the calling thread, 0 to at least 32767.
+[[nodiscard]] inline std::uint32_t nextRandom()
+{
+    return randomCalls.nextRandom();
+}
+
+} // namespace platform

@@ -1,0 +1,131 @@
+#include "platform/Sync.h"
+
+#include <bit>
+#include <cerrno>
+#include <linux/futex.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace platform
+{
+
+namespace
+{
+
+constexpr long NS_PER_SECOND = 1'000'000'000;
+
+// The count is the half of the word that futexes look at.
+static_assert(std::endian::native == std::endian::little);
+
+void* futexOf(std::atomic<std::uint64_t>& state)
+{
+    return &state;
+}
+
+} // namespace
+
+void NativeSemaphore::wakeOne() noexcept
+{
+    syscall(SYS_futex, futexOf(m_state), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+void NativeSemaphore::post() noexcept
+{
+    if (m_state.fetch_add(1, std::memory_order_release) >= WAITER)
+    {
+        wakeOne();
+    }
+}
+
+bool NativeSemaphore::tryTake() noexcept
+{
+    std::uint64_t state = m_state.load(std::memory_order_relaxed);
+    while ((state & COUNT_MASK) != 0)
+    {
+        if (m_state.compare_exchange_weak(state, state - 1, std::memory_order_acquire, std::memory_order_relaxed))
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+void NativeSemaphore::wait() noexcept
+{
+    static_cast<void>(takeBefore(nullptr));
+}
+
+bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
+{
+    if (durationMs == 0)
+    {
+        return tryTake();
+    }
+    timespec deadline = {};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += static_cast<time_t>(durationMs / 1000);
+    deadline.tv_nsec += static_cast<long>(durationMs % 1000) * 1'000'000;
+    deadline.tv_sec += deadline.tv_nsec / NS_PER_SECOND;
+    deadline.tv_nsec %= NS_PER_SECOND;
+    return takeBefore(&deadline);
+}
+
+bool NativeSemaphore::takeBefore(const timespec* deadline) noexcept
+{
+    // What is waited for is often near: a few looks are cheaper than falling asleep.
+    constexpr int LOOKS = 16;
+    constexpr int LOOKS_WITHOUT_YIELDING = 12;
+    for (int look = 0; look < LOOKS; ++look)
+    {
+        if (tryTake())
+        {
+            return true;
+        }
+        if (look < LOOKS_WITHOUT_YIELDING)
+        {
+            __builtin_ia32_pause();
+        }
+        else
+        {
+            sched_yield();
+        }
+    }
+    std::uint64_t state = m_state.fetch_add(WAITER, std::memory_order_relaxed) + WAITER;
+    for (bool isLate = false;;)
+    {
+        while ((state & COUNT_MASK) != 0)
+        {
+            if (m_state.compare_exchange_weak(state, state - 1 - WAITER, std::memory_order_acquire,
+                                              std::memory_order_relaxed))
+            {
+                return true;
+            }
+        }
+        if (isLate)
+        {
+            m_state.fetch_sub(WAITER, std::memory_order_relaxed);
+            return false;
+        }
+        isLate = syscall(SYS_futex, futexOf(m_state), FUTEX_WAIT_BITSET_PRIVATE, 0, deadline, nullptr,
+                         FUTEX_BITSET_MATCH_ANY) != 0 &&
+                 errno == ETIMEDOUT;
+        state = m_state.load(std::memory_order_relaxed);
+    }
+}
+
+void NativeEvent::set() noexcept
+{
+    // Written also when it is set already, so that the next waiter sees what came before this call.
+    std::uint64_t state = m_state.load(std::memory_order_relaxed);
+    while (!m_state.compare_exchange_weak(state, (state & ~COUNT_MASK) | 1, std::memory_order_release,
+                                          std::memory_order_relaxed))
+    {
+    }
+    if (state >= WAITER)
+    {
+        wakeOne();
+    }
+}
+
+} // namespace platform

@@ -1,0 +1,28 @@
+#include "platform/Random.h"
+
+#include <cstdlib>
+
+namespace platform::posix
+{
+namespace
+{
+
+thread_local unsigned generator = 1;
+
+void seedRandom(std::uint32_t seed)
+{
+    generator = seed;
+}
+
+std::uint32_t nextRandom()
+{
+    return static_cast<std::uint32_t>(rand_r(&generator));
+}
+
+} // namespace
+} // namespace platform::posix
+
+platform::RandomCalls platform::randomCalls = {
+    .seedRandom = posix::seedRandom,
+    .nextRandom = posix::nextRandom,
+};

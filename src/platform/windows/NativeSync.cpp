@@ -1,0 +1,60 @@
+#include "platform/Sync.h"
+
+#include "platform/windows/System.h"
+
+#include <chrono>
+#include <system_error>
+
+namespace platform
+{
+
+void NativeSemaphore::post()
+{
+    const std::lock_guard guard(m_mutex);
+    ++m_count;
+    m_posted.notify_one(); // inside: the waiter may destroy this object
+}
+
+void NativeSemaphore::wait()
+{
+    std::unique_lock guard(m_mutex);
+    m_posted.wait(guard, [this] { return m_count != 0; });
+    --m_count;
+}
+
+bool NativeSemaphore::waitFor(std::uint32_t durationMs)
+{
+    std::unique_lock guard(m_mutex);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(durationMs);
+    if (!m_posted.wait_until(guard, deadline, [this] { return m_count != 0; }))
+    {
+        return false;
+    }
+    --m_count;
+    return true;
+}
+
+NativeEvent::NativeEvent() : m_handle(CreateEventA(nullptr, FALSE, FALSE, nullptr))
+{
+    if (m_handle == nullptr)
+    {
+        throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), "CreateEventA");
+    }
+}
+
+NativeEvent::~NativeEvent()
+{
+    CloseHandle(m_handle);
+}
+
+void NativeEvent::set() noexcept
+{
+    SetEvent(m_handle);
+}
+
+void NativeEvent::wait() noexcept
+{
+    WaitForSingleObject(m_handle, INFINITE);
+}
+
+} // namespace platform

@@ -1,0 +1,127 @@
+// Semaphores, triggers and mutexes between threads.
+
+#include "datapath/common/infra/Semaphore.h"
+#include "datapath/common/infra/Trigger.h"
+#include "datapath/common/infra/UnownedMutex.h"
+#include "tests/support/Support.h"
+
+#include <chrono>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+TEST(Semaphore, CountsSignalsAndWaitsNoLongerThanAsked)
+{
+    Semaphore semaphore(1);
+    EXPECT_TRUE(semaphore.waitFor(0));
+    EXPECT_FALSE(semaphore.waitFor(0));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(semaphore.waitFor(30));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
+    semaphore.signal();
+    semaphore.signal();
+    EXPECT_TRUE(semaphore.waitFor(0));
+    semaphore.wait();
+    EXPECT_FALSE(semaphore.waitFor(0));
+}
+
+TEST(Semaphore, EachSignalLetsOneWaiterPass)
+{
+    constexpr int THREADS = 4;
+    constexpr int ROUNDS = 5'000;
+    Semaphore semaphore(0);
+    std::atomic<int> passed = 0;
+    runInThreads(2 * THREADS, [&](int index) {
+        for (int round = 0; round < ROUNDS; ++round)
+        {
+            if (index < THREADS)
+            {
+                semaphore.signal();
+            }
+            else
+            {
+                passed += index % 2 == 0 ? (semaphore.wait(), 1) : static_cast<int>(semaphore.waitFor(60'000));
+            }
+        }
+    });
+    EXPECT_EQ(THREADS * ROUNDS, passed);
+    EXPECT_FALSE(semaphore.waitFor(0));
+}
+
+TEST(Semaphore, ThePassingWaiterMayDestroyIt)
+{
+    for (int round = 0; round < 2'000; ++round)
+    {
+        auto semaphore = std::make_unique<Semaphore>(0);
+        Semaphore* const signalled = semaphore.get();
+        runInThreads(2, [&](int index) {
+            if (index == 0)
+            {
+                signalled->signal();
+                return;
+            }
+            signalled->wait();
+            semaphore.reset();
+        });
+    }
+}
+
+TEST(Trigger, LetsOneWaitPassForEachTurn)
+{
+    constexpr int ROUNDS = 20'000;
+    Trigger ping;
+    Trigger pong;
+    int turns = 0; // handed over by the triggers
+    runInThreads(2, [&](int index) {
+        for (int round = 0; round < ROUNDS; ++round)
+        {
+            if (index == 0)
+            {
+                ping.set();
+                pong.wait();
+                continue;
+            }
+            ping.wait();
+            ++turns;
+            pong.set();
+        }
+    });
+    EXPECT_EQ(ROUNDS, turns);
+
+    ping.set();
+    ping.set();
+    ping.wait();
+    std::atomic<bool> hasPassed = false;
+    runInThreads(2, [&](int index) {
+        if (index == 0)
+        {
+            ping.wait();
+            EXPECT_TRUE(hasPassed); // one wait took both sets
+            return;
+        }
+        hasPassed = true;
+        ping.set();
+    });
+}
+
+TEST(UnownedMutex, OneThreadUnlocksWhatAnotherLocked)
+{
+    UnownedMutex mutex;
+    mutex.lock();
+    bool isProtected = true;
+    runInThreads(2, [&](int index) {
+        if (index == 0)
+        {
+            isProtected = false;
+            mutex.unlock();
+            return;
+        }
+        const MutexGuard guard(mutex);
+        EXPECT_FALSE(isProtected);
+    });
+}
+
+} // namespace
