@@ -4,6 +4,7 @@
 #include "platform/Threads.h"
 #include "platform/Time.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -32,7 +33,10 @@ std::int64_t Timer::getTimestampUs()
 std::int64_t Timer::getTimestampMs()
 {
     const std::int64_t timestampMs = WindowsTimer::instance().getTimestampMs();
-    m_lastTimestampMs.store(timestampMs, std::memory_order_relaxed);
+    if (m_lastTimestampMs.load(std::memory_order_relaxed) != timestampMs)
+    {
+        m_lastTimestampMs.store(timestampMs, std::memory_order_relaxed); // once a ms: others read this line
+    }
     return timestampMs;
 }
 
@@ -92,6 +96,7 @@ bool Timer::parseUtcTime(const char* text, CalendarRecord& record)
     unsigned minute = 0;
     unsigned second = 0;
     constexpr int FIELDS = 6;
+    // NOLINTNEXTLINE(cert-err34-c): the widths keep the numbers in range
     if (std::sscanf(text, "%04u-%02u-%02uT%02u:%02u:%02uZ", &year, &month, &day, &hour, &minute, &second) != FIELDS)
     {
         std::cout << "failed to scan\n" << std::flush;

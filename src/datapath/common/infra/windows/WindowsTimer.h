@@ -31,7 +31,10 @@ public:
 private:
     static constexpr std::int64_t MINIMUM_ACCEPTABLE_TICKS_DIFF = 100;
 
+    static constexpr std::size_t CACHE_LINE = 64;
+
     std::uint32_t m_ticksPerMs = 0;
     Mutex m_counterMutex; // held while a backward step is logged, so that its lines stand together
-    std::atomic<std::int64_t> m_lastTimestamp = 0; // ticks; 0: no reading yet
+    // Ticks; 0: no reading yet. Written at every reading, so on a line of its own.
+    alignas(CACHE_LINE) std::atomic<std::int64_t> m_lastTimestamp = 0;
 };
