@@ -3,6 +3,7 @@
 // Helpers that tests share.
 
 #include "datapath/common/infra/Log.h"
+#include "platform/Process.h"
 
 #include <filesystem>
 #include <functional>
@@ -47,6 +48,30 @@ public:
 private:
     Function& m_entry;
     Function m_original;
+};
+
+/// While it lives, what would end the process throws ProcessEnded instead.
+struct ProcessEnded
+{
+};
+class ScopedProcessEnd
+{
+public:
+    ScopedProcessEnd()
+        : m_replacement(
+              platform::processCalls.endProcess, +[] { throw ProcessEnded(); })
+    {
+    }
+
+private:
+    ScopedReplacement<void (*)()> m_replacement;
+};
+
+/// Lets the program go on after lines of level Assert, from its construction on.
+struct LettingGo : LogAssertHook
+{
+    LettingGo() { Logger::instance().setAssertHook(this); }
+    bool onAssert(const std::string& /*line*/) override { return true; }
 };
 
 /// Runs the work in that many threads, each with its index, and waits for all.

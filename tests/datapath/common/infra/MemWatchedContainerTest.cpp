@@ -2,10 +2,8 @@
 
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/Timer.h"
-#include "platform/Process.h"
 #include "tests/support/Support.h"
 
-#include <iostream>
 #include <queue>
 #include <vector>
 
@@ -58,35 +56,22 @@ TEST(MemWatchedContainers, AReportSumsByNameAndEstimatesMemory)
     EXPECT_EQ(',', client.lines().back()[19]); // no fraction of a second
 }
 
-void misuse(bool isTwice)
-{
-    static CapturingClient client;
-    platform::processCalls.endProcess = [] {
-        std::cout << client.messages().back() << std::flush;
-        std::_Exit(42);
-    };
-    StlMemShiledContainer<std::set<int>> container("Container");
-    isTwice ? MemWatchedContainerDatabase::instance().registerContainer(&container)
-            : MemWatchedContainerDatabase::instance().unregisterContainer(&container);
-}
-
-CHILD_SCENARIO(registeredTwice)
-{
-    misuse(true);
-}
-CHILD_SCENARIO(unregisteredTwice)
-{
-    misuse(false);
-}
-
 TEST(MemWatchedContainers, MisuseEndsTheProcess)
 {
+    static CapturingClient client;
+    const ScopedProcessEnd ending;
+    auto& database = MemWatchedContainerDatabase::instance();
+    StlMemShiledContainer<std::set<int>> container("Container");
+    EXPECT_THROW(database.registerContainer(&container), ProcessEnded);
+    database.unregisterContainer(&container);
+    EXPECT_THROW(database.unregisterContainer(&container), ProcessEnded);
+    database.registerContainer(&container);
     const std::string head = "Error,NON,MemWatchedContainerDatabase,";
-    EXPECT_EQ(head + "registerContainer,Assertion (rt) failed datapath/common/infra/MemWatchedContainer.cpp 31",
-              runChild("registeredTwice").output);
-    EXPECT_EQ(head + "unregisterContainer,Assertion (iter != m_containers.end()) failed "
-                     "datapath/common/infra/MemWatchedContainer.cpp 39",
-              runChild("unregisteredTwice").output);
+    const std::string path = ") failed datapath/common/infra/MemWatchedContainer.cpp ";
+    EXPECT_EQ(
+        (std::vector<std::string>{head + "registerContainer,Assertion (rt" + path + "31",
+                                  head + "unregisterContainer,Assertion (iter != m_containers.end()" + path + "39"}),
+        client.messages());
 }
 
 TEST(MemWatchedContainers, ManyThreadsMayComeAndGoWhileServicesAreMade)

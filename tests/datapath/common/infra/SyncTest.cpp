@@ -93,17 +93,12 @@ TEST(Trigger, LetsOneWaitPassForEachTurn)
 
     ping.set();
     ping.set();
-    ping.wait();
-    std::atomic<bool> hasPassed = false;
+    ping.wait(); // takes both
+    std::atomic<bool> isSet = false;
     runInThreads(2, [&](int index) {
-        if (index == 0)
-        {
-            ping.wait();
-            EXPECT_TRUE(hasPassed); // one wait took both sets
-            return;
-        }
-        hasPassed = true;
-        ping.set();
+        isSet = isSet || index == 1;
+        index == 0 ? ping.wait() : ping.set();
+        EXPECT_TRUE(isSet);
     });
 }
 
@@ -111,16 +106,16 @@ TEST(UnownedMutex, OneThreadUnlocksWhatAnotherLocked)
 {
     UnownedMutex mutex;
     mutex.lock();
-    bool isProtected = true;
+    int guarded = 1;
     runInThreads(2, [&](int index) {
-        if (index == 0)
+        if (index == 1)
         {
-            isProtected = false;
+            guarded = 2;
             mutex.unlock();
             return;
         }
         const MutexGuard guard(mutex);
-        EXPECT_FALSE(isProtected);
+        EXPECT_EQ(2, guarded);
     });
 }
 

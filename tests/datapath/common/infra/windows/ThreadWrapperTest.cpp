@@ -1,7 +1,6 @@
 #include "datapath/common/infra/windows/ThreadWrapper.h"
 
 #include "datapath/common/infra/Semaphore.h"
-#include "platform/Process.h"
 #include "platform/Random.h"
 #include "platform/Threads.h"
 #include "tests/support/Support.h"
@@ -26,12 +25,6 @@ public:
             m_left.wait();
         }
     }
-    std::int32_t anyThreadId()
-    {
-        m_noted.wait();
-        const MutexGuard guard(m_mutex);
-        return *threadIds.begin();
-    }
     std::set<std::int32_t> threadIds;
     std::set<std::uint32_t> randomNumbers;
 
@@ -40,16 +33,16 @@ private:
     {
         {
             const MutexGuard guard(m_mutex);
+            EXPECT_EQ("class WaitingWorker",
+                      Logger::instance().getThreadName(static_cast<std::int32_t>(platform::currentThreadId())));
             threadIds.insert(static_cast<std::int32_t>(platform::currentThreadId()));
             randomNumbers.insert(platform::nextRandom());
         }
-        m_noted.signal();
         m_mayLeave.wait();
         m_left.signal();
     }
 
     Mutex m_mutex;
-    Semaphore m_noted{0};
     Semaphore m_mayLeave{0};
     Semaphore m_left{0};
 };
@@ -68,7 +61,6 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
     }
     worker.waitUntilRunning();
     worker.waitUntilRunning(); // at once: the counts agree
-    EXPECT_EQ("class WaitingWorker", logger.getThreadName(worker.anyThreadId()));
     worker.leave(3);
     while (client.messages().size() < 6)
     {
@@ -112,24 +104,17 @@ TEST(ThreadWrapper, AThousandThreadsInARowLeaveNothingBehind)
     EXPECT_EQ(before, openDescriptors());
 }
 
-CHILD_SCENARIO(refusedThread)
-{
-    static CapturingClient client;
-    platform::threadCalls.startThread = [](platform::ThreadProcedure, void*, platform::ThreadPriority) {
-        return platform::ErrorNumber::NotEnoughMemory;
-    };
-    platform::processCalls.endProcess = [] {
-        std::exit(client.messages().back().starts_with("Error,NON,ThreadWrapper,open,Assertion (h != NULL) failed "
-                                                       "datapath/common/infra/windows/ThreadWrapper.cpp ")
-                      ? 42
-                      : 1);
-    };
-    WaitingWorker().open();
-}
-
 TEST(ThreadWrapper, AThreadThatCannotBeStartedEndsTheProcess)
 {
-    EXPECT_EQ(42, runChild("refusedThread").status);
+    static CapturingClient client;
+    const ScopedProcessEnd ending;
+    const ScopedReplacement refusing(
+        platform::threadCalls.startThread, +[](platform::ThreadProcedure, void*, platform::ThreadPriority) {
+            return platform::ErrorNumber::NotEnoughMemory;
+        });
+    EXPECT_THROW(WaitingWorker().open(), ProcessEnded);
+    EXPECT_EQ(0U, client.messages().at(0).find("Error,NON,ThreadWrapper,open,Assertion (h != NULL) failed "
+                                               "datapath/common/infra/windows/ThreadWrapper.cpp "));
 }
 
 } // namespace
