@@ -16,6 +16,7 @@
 #include "datapath/common/infra/FunctionSignature.h"
 
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -57,18 +58,23 @@ constexpr MethodFields splitMethodText(std::string_view text)
 template <std::size_t SIZE> struct Signature
 {
     // NOLINTNEXTLINE(google-explicit-constructor): stands in for the literal it copies
-    constexpr Signature(const char (&literal)[SIZE])
+    constexpr Signature(const char* literal)
     {
-        for (std::size_t i = 0; i < SIZE; ++i)
+        for (std::size_t i = 0; literal[i] != '\0'; ++i)
         {
             text[i] = literal[i];
         }
     }
 
-    [[nodiscard]] constexpr std::string_view view() const { return {text, SIZE - 1}; }
+    [[nodiscard]] constexpr std::string_view view() const { return text; }
 
     char text[SIZE] = {};
 };
+
+template <std::size_t SIZE> Signature(const char (&)[SIZE]) -> Signature<SIZE>;
+
+/// For generic lambdas inside of templates, where GCC does not say how long the signature is.
+template <std::same_as<const char*> Pointer> Signature(Pointer) -> Signature<SignatureText::CAPACITY>;
 
 constexpr SignatureText fieldsOf(std::string_view signature)
 {
