@@ -116,5 +116,8 @@ ChildResult runChild(const std::string& scenario);
 
 std::map<std::string, void (*)()>& childScenarios();
 
+/// How many handles or descriptors this process has open.
+int openHandles();
+
 /// Starts a program, waits for it and returns its status as ChildResult has it.
 int runProgram(const std::string& path, const std::vector<std::string>& arguments);

@@ -1,5 +1,6 @@
 #include "platform/Sync.h"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <linux/futex.h>
@@ -116,10 +117,14 @@ bool NativeSemaphore::takeBefore(const timespec* deadline) noexcept
 
 void NativeEvent::set() noexcept
 {
-    // Written also when it is set already, so that the next waiter sees what came before this call.
+    // Each sleeper can be let go by a set of its own; with none, one set stays for the next wait. The
+    // word is written in any case, so that whoever passes sees what came before this call.
+    const auto afterSet = [](std::uint64_t state) {
+        const std::uint64_t sleepers = state / WAITER;
+        return (state & ~COUNT_MASK) | std::min((state & COUNT_MASK) + 1, std::max<std::uint64_t>(sleepers, 1));
+    };
     std::uint64_t state = m_state.load(std::memory_order_relaxed);
-    while (!m_state.compare_exchange_weak(state, (state & ~COUNT_MASK) | 1, std::memory_order_release,
-                                          std::memory_order_relaxed))
+    while (!m_state.compare_exchange_weak(state, afterSet(state), std::memory_order_release, std::memory_order_relaxed))
     {
     }
     if (state >= WAITER)

@@ -1,7 +1,13 @@
 #include "tests/support/Support.h"
 
+#include <filesystem>
 #include <sys/wait.h>
 #include <unistd.h>
+
+int openHandles()
+{
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
 
 int runProgram(const std::string& path, const std::vector<std::string>& arguments)
 {

@@ -1,6 +1,15 @@
 #include "tests/support/Support.h"
 
+#include "platform/windows/System.h"
+
 #include <process.h>
+
+int openHandles()
+{
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return static_cast<int>(count);
+}
 
 int runProgram(const std::string& path, const std::vector<std::string>& arguments)
 {

@@ -32,8 +32,11 @@ MemWatchedContainerDatabase& MemWatchedContainerDatabase::instance()
 
 void MemWatchedContainerDatabase::registerContainer(MemWatchedContainer* container)
 {
-    const MutexGuard guard(m_mutex);
-    if (!m_containers.insert(container).second)
+    const auto insert = [&] {
+        const MutexGuard guard(m_mutex);
+        return m_containers.insert(container).second;
+    };
+    if (!insert()) // logging makes the Logger, which registers its own
     {
         failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_REGISTERED_TWICE), "rt");
     }
@@ -41,14 +44,15 @@ void MemWatchedContainerDatabase::registerContainer(MemWatchedContainer* contain
 
 void MemWatchedContainerDatabase::unregisterContainer(MemWatchedContainer* container)
 {
-    const MutexGuard guard(m_mutex);
-    const auto iter = m_containers.find(container);
-    if (iter == m_containers.end())
+    const auto erase = [&] {
+        const MutexGuard guard(m_mutex);
+        return m_containers.erase(container) != 0;
+    };
+    if (!erase())
     {
         failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_NOT_REGISTERED),
                       "iter != m_containers.end()");
     }
-    m_containers.erase(iter);
 }
 
 void MemWatchedContainerDatabase::printWatchedContainers() const

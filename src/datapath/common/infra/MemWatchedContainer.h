@@ -7,7 +7,8 @@
 //     MemWatchedContainerDatabase::instance().printWatchedContainers();
 //
 // The container is used like the standard one, under whatever lock its owner has for it. A report
-// reads item counts without that lock, so a count may be a moment old.
+// reads item counts without that lock, so a count may be a moment old, or that of a queue which is
+// just changing be off.
 
 #include "datapath/common/infra/Mutex.h"
 
@@ -59,7 +60,7 @@ public:
     void printWatchedContainers() const EXCLUDES(m_mutex);
 
 private:
-    mutable Mutex m_mutex; // guards the set; taken while lines of a failed check are logged
+    mutable Mutex m_mutex; // guards the set; nothing is taken inside it
     std::set<MemWatchedContainer*> m_containers GUARDED_BY(m_mutex);
 };
 

@@ -96,8 +96,13 @@ TEST(Trigger, LetsOneWaitPassForEachTurn)
     ping.wait(); // takes both
     std::atomic<bool> isSet = false;
     runInThreads(2, [&](int index) {
-        isSet = isSet || index == 1;
-        index == 0 ? ping.wait() : ping.set();
+        if (index == 1)
+        {
+            isSet = true;
+            ping.set();
+            return;
+        }
+        ping.wait();
         EXPECT_TRUE(isSet);
     });
 }

@@ -2,6 +2,7 @@
 
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/windows/WindowsTimer.h"
+#include "platform/Threads.h"
 #include "platform/Time.h"
 #include "tests/support/Support.h"
 
@@ -71,6 +72,31 @@ TEST(WindowsTimer, HoldsStillWhenTheCounterStepsBack)
     EXPECT_EQ(5'001, ticks());
 }
 
+TEST(WindowsTimer, AStepBackIsMeasuredAgainstWhatItsReaderSaw)
+{
+    static struct : LoggerClient
+    {
+        void log(const std::string&) override
+        {
+            std::int64_t ignored = 0;
+            counterTicks = 1'000'000;
+            timer->getPerformanceCounter(ignored);
+        }
+        WindowsTimer* timer = nullptr;
+    } readsOn; // moves the clock on while the Error line is written
+    replaceClock(1'000);
+    WindowsTimer timer;
+    readsOn.timer = &timer;
+    std::int64_t value = 0;
+    timer.getPerformanceCounter(value);
+    static CapturingClient client;
+    Logger::instance().registerClient(&readsOn, 1U << 2U);
+    counterTicks = 995;
+    timer.getPerformanceCounter(value);
+    EXPECT_EQ(1'000'000, value);
+    EXPECT_EQ(1U, client.messages().size()); // five ticks are no reason to end the process
+}
+
 TEST(WindowsTimer, FaultsOfTheCounterEndTheProcess)
 {
     static CapturingClient client;
@@ -131,9 +157,15 @@ TEST(Timer, CalendarAndCpuTimesComeFromTheSystem)
     const auto steadyNs = [] {
         return std::chrono::steady_clock::now().time_since_epoch().count();
     };
-    const auto before = steadyNs();
-    EXPECT_LE(before / 1'000, timer.getTimestampUs());
-    EXPECT_GE(steadyNs(), static_cast<std::int64_t>(timer.getTimestampNs()) - 1'000'000'000);
+    const std::int64_t before = steadyNs();
+    const std::int64_t us = timer.getTimestampUs();
+    const auto ns = static_cast<std::int64_t>(timer.getTimestampNs());
+    const std::int64_t after = steadyNs();
+    EXPECT_TRUE(before / 1'000 <= us && us <= ns / 1'000 && before <= ns && ns <= after);
+    platform::threadCalls.currentThreadCycles = [] {
+        return std::uint64_t{4711};
+    };
+    EXPECT_EQ(4711U, timer.getThreadCycles());
 
     platform::timeCalls.processCpuTime = [] {
         return std::optional(platform::CpuTime{.kernel = 400, .user = 80});

@@ -44,6 +44,7 @@ void ThreadWrapper::threadCallback(void* wrapper)
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "Starting ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
     self.registerThread();
+    // Here, and again right behind run, is where a watcher of threads learns of this one.
     platform::seedRandom(internalId + static_cast<std::uint32_t>(Timer::instance().getUtcTimeMs()));
 
     self.run();

@@ -27,6 +27,7 @@ public:
     ThreadWrapper& operator=(const ThreadWrapper&) = delete;
 
     /// Names the kind of thread: the class of the object, as in "class DeadLockCheckerManager".
+    /// Template arguments and unnamed namespaces are spelled as the compiler does.
     [[nodiscard]] virtual std::string getTypeName() const;
 
     virtual ~ThreadWrapper() = default;
@@ -34,7 +35,8 @@ public:
     /// Starts one more thread. Ends the process if the system refuses.
     void open();
 
-    /// Returns when every opened thread has started, at once if they have ended since.
+    /// Returns when every opened thread has started, at once if they have ended since. For one thread
+    /// at a time.
     void waitUntilRunning() EXCLUDES(m_threadIdsMutex);
 
 protected:

@@ -35,8 +35,8 @@ void WindowsTimer::getPerformanceCounter(std::int64_t& ticks)
     }
     if (last != 0 && reading < last)
     {
+        // Compared with what was loaded above: the mark may have moved on while this thread waited.
         const MutexGuard guard(m_counterMutex);
-        last = m_lastTimestamp.load(std::memory_order_acquire);
         const std::int64_t diff = reading - last;
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "New timestamp is before last timestamp: "
                                                              << " res.QuadPart=" << reading << " "
@@ -50,7 +50,7 @@ void WindowsTimer::getPerformanceCounter(std::int64_t& ticks)
                 << "New timestamp is more than " << MINIMUM_ACCEPTABLE_TICKS_DIFF << " ticks before last timestamp"
                 << std::endl;
         }
-        ticks = last;
+        ticks = m_lastTimestamp.load(std::memory_order_acquire);
         return;
     }
     // The first reading is taken whatever it is; later ones only move the clock on.

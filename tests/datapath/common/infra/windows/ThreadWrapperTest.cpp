@@ -1,12 +1,14 @@
 #include "datapath/common/infra/windows/ThreadWrapper.h"
 
 #include "datapath/common/infra/Semaphore.h"
+#include "platform/Counters.h"
 #include "platform/Random.h"
 #include "platform/Threads.h"
+#include "platform/Time.h"
 #include "tests/support/Support.h"
 
-#include <filesystem>
 #include <set>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -50,16 +52,51 @@ private:
 namespace
 {
 
+/// Holds each thread at the line that it starts with.
+struct Gate : LoggerClient
+{
+    Gate() { Logger::instance().registerClient(this, Logger::ALL_LEVELS); }
+    void log(const std::string& line) override
+    {
+        if (line.find("Starting ThreadWrapper") != std::string::npos)
+        {
+            mayPass.wait();
+            hasPassed.signal();
+        }
+    }
+    Semaphore mayPass{0};
+    Semaphore hasPassed{0};
+};
+
 TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
 {
     static CapturingClient client;
+    static Gate gate;
     static WaitingWorker worker;
     Logger& logger = Logger::instance();
+    const ScopedReplacement clock(
+        platform::timeCalls.utcNow, +[] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
+    std::atomic<bool> areRunning = false;
+    std::thread early;
     for (int i = 0; i < 3; ++i)
     {
         worker.open();
+        if (i == 0)
+        {
+            early = std::thread([&] {
+                worker.waitUntilRunning();
+                areRunning = true;
+            });
+        }
     }
-    worker.waitUntilRunning();
+    // Each thread is held at its first line, before it has registered.
+    gate.mayPass.signal();
+    gate.mayPass.signal();
+    gate.hasPassed.wait();
+    gate.hasPassed.wait();
+    EXPECT_FALSE(areRunning);
+    gate.mayPass.signal();
+    early.join();
     worker.waitUntilRunning(); // at once: the counts agree
     worker.leave(3);
     while (client.messages().size() < 6)
@@ -85,23 +122,25 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
 
 TEST(ThreadWrapper, AThousandThreadsInARowLeaveNothingBehind)
 {
-    const auto openDescriptors = [] {
-        std::error_code error;
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd", error), {});
-    };
     static WaitingWorker worker;
-    const auto runOnce = [] {
-        worker.open();
-        worker.waitUntilRunning();
-        worker.leave(1);
+    const auto runInARow = [](int threads) {
+        for (int i = 0; i < threads; ++i)
+        {
+            worker.open();
+            worker.waitUntilRunning();
+            worker.leave(1);
+        }
     };
-    runOnce();
-    const auto before = openDescriptors();
-    for (int i = 0; i < 1'000; ++i)
-    {
-        runOnce();
-    }
-    EXPECT_EQ(before, openDescriptors());
+    const auto addressSpace = [] {
+        platform::ProcessMemory memory = {};
+        return platform::processMemory(platform::openOwnProcess(), memory) ? memory.pageFile : 0;
+    };
+    runInARow(20);
+    const int handles = openHandles();
+    const std::uint64_t bytes = addressSpace();
+    runInARow(1'000);
+    EXPECT_LE(openHandles(), handles + 5);          // the last thread may still be leaving
+    EXPECT_LE(addressSpace(), bytes + 500'000'000); // what is left of 1,000 threads would be gigabytes of stack
 }
 
 TEST(ThreadWrapper, AThreadThatCannotBeStartedEndsTheProcess)
