@@ -24,15 +24,9 @@ template <class Lockable> void lockAndUnlock(benchmark::State& state)
     }
 }
 
-void mutex(benchmark::State& state)
-{
-    lockAndUnlock<Mutex>(state);
-}
+void mutex(benchmark::State& state) { lockAndUnlock<Mutex>(state); }
 
-void peerMutex(benchmark::State& state)
-{
-    lockAndUnlock<std::mutex>(state);
-}
+void peerMutex(benchmark::State& state) { lockAndUnlock<std::mutex>(state); }
 
 /// Hands a turn to another thread and back.
 template <class Set, class Wait> void pingPong(benchmark::State& state, Set set, Wait wait)

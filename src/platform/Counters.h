@@ -57,10 +57,7 @@ extern CounterCalls counterCalls;
 
 /// PdhOpenQueryA, PdhAddCounterA for "\Processor(_Total)\% Idle Time" and a first sample;
 /// /proc/stat. Failures show in readCpuCounter.
-[[nodiscard]] inline CpuCounter openCpuCounter()
-{
-    return counterCalls.openCpuCounter();
-}
+[[nodiscard]] inline CpuCounter openCpuCounter() { return counterCalls.openCpuCounter(); }
 
 /// PdhCollectQueryData and PdhGetRawCounterValue; /proc/stat. Returns the status of the read: 0, or
 /// a negative or positive code of the system, with ticks unchanged.
@@ -70,16 +67,10 @@ extern CounterCalls counterCalls;
 }
 
 /// PdhCloseQuery.
-inline void closeCpuCounter(CpuCounter counter)
-{
-    counterCalls.closeCpuCounter(counter);
-}
+inline void closeCpuCounter(CpuCounter counter) { counterCalls.closeCpuCounter(counter); }
 
 /// OpenProcess of the current process; Invalid on failure.
-[[nodiscard]] inline ProcessHandle openOwnProcess()
-{
-    return counterCalls.openOwnProcess();
-}
+[[nodiscard]] inline ProcessHandle openOwnProcess() { return counterCalls.openOwnProcess(); }
 
 /// GetProcessMemoryInfo; /proc/self/status. Figures the system does not keep are 0.
 /// False on failure, memory unchanged.
@@ -89,9 +80,6 @@ inline void closeCpuCounter(CpuCounter counter)
 }
 
 /// CloseHandle.
-inline void closeProcess(ProcessHandle process)
-{
-    counterCalls.closeProcess(process);
-}
+inline void closeProcess(ProcessHandle process) { counterCalls.closeProcess(process); }
 
 } // namespace platform

@@ -69,10 +69,7 @@ inline std::intptr_t runDialog(ModuleHandle module, int dialogId, DialogProcedur
 }
 
 /// EndDialog. The dialog closes once its procedure has returned.
-inline bool endDialog(DialogHandle dialog, std::intptr_t result)
-{
-    return dialogCalls.endDialog(dialog, result);
-}
+inline bool endDialog(DialogHandle dialog, std::intptr_t result) { return dialogCalls.endDialog(dialog, result); }
 
 /// GetDlgItem; null if there is no such control.
 [[nodiscard]] inline ControlHandle dialogItem(DialogHandle dialog, int controlId)
@@ -81,10 +78,7 @@ inline bool endDialog(DialogHandle dialog, std::intptr_t result)
 }
 
 /// EnableWindow. Returns whether the control was disabled before.
-inline bool enableControl(ControlHandle control, bool enable)
-{
-    return dialogCalls.enableControl(control, enable);
-}
+inline bool enableControl(ControlHandle control, bool enable) { return dialogCalls.enableControl(control, enable); }
 
 /// SendDlgItemMessageW. Pointers to UTF-16 text travel in lParam.
 inline std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::uint32_t message, std::uintptr_t wParam,

@@ -36,9 +36,6 @@ enum class ErrorNumber : std::uint32_t
 };
 
 /// The number as messages quote it.
-[[nodiscard]] constexpr std::uint32_t toNumber(ErrorNumber error) noexcept
-{
-    return static_cast<std::uint32_t>(error);
-}
+[[nodiscard]] constexpr std::uint32_t toNumber(ErrorNumber error) noexcept { return static_cast<std::uint32_t>(error); }
 
 } // namespace platform

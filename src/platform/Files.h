@@ -76,10 +76,7 @@ struct FileCalls
 extern FileCalls fileCalls;
 
 /// CreateFileA; open.
-[[nodiscard]] inline OpenedFile openFile(const char* path, OpenMode mode)
-{
-    return fileCalls.openFile(path, mode);
-}
+[[nodiscard]] inline OpenedFile openFile(const char* path, OpenMode mode) { return fileCalls.openFile(path, mode); }
 
 /// ReadFile; read. May return fewer bytes than asked for.
 [[nodiscard]] inline Transfer readFile(FileHandle file, void* buffer, std::size_t size)
@@ -94,41 +91,23 @@ extern FileCalls fileCalls;
 }
 
 /// CloseHandle; close. The handle is gone also when this fails.
-inline ErrorNumber closeFile(FileHandle file)
-{
-    return fileCalls.closeFile(file);
-}
+inline ErrorNumber closeFile(FileHandle file) { return fileCalls.closeFile(file); }
 
 /// CreateDirectoryA; mkdir. An existing path, whatever it is, is ErrorNumber::AlreadyExists.
-[[nodiscard]] inline ErrorNumber createFolder(const char* path)
-{
-    return fileCalls.createFolder(path);
-}
+[[nodiscard]] inline ErrorNumber createFolder(const char* path) { return fileCalls.createFolder(path); }
 
 /// The C runtime's _mkdir; mkdir. Returns 0 or the C library's error number (17: it exists).
-[[nodiscard]] inline int makeFolder(const char* path)
-{
-    return fileCalls.makeFolder(path);
-}
+[[nodiscard]] inline int makeFolder(const char* path) { return fileCalls.makeFolder(path); }
 
 /// stat: whether a file or folder is there.
-[[nodiscard]] inline bool pathExists(const char* path)
-{
-    return fileCalls.pathExists(path);
-}
+[[nodiscard]] inline bool pathExists(const char* path) { return fileCalls.pathExists(path); }
 
 /// The C runtime's remove; unlink. Folders are not removed. Returns 0 or the C library's number.
-[[nodiscard]] inline int removeFile(const char* path)
-{
-    return fileCalls.removeFile(path);
-}
+[[nodiscard]] inline int removeFile(const char* path) { return fileCalls.removeFile(path); }
 
 /// The C runtime's rename; renameat2. Never replaces: an existing target is 17 (EEXIST) and leaves
 /// both files as they were. Returns 0 or the C library's error number.
-[[nodiscard]] inline int renameFile(const char* from, const char* to)
-{
-    return fileCalls.renameFile(from, to);
-}
+[[nodiscard]] inline int renameFile(const char* from, const char* to) { return fileCalls.renameFile(from, to); }
 
 /// FindFirstFileA on everything in the folder; opendir and the first readdir. The entries "." and
 /// ".." are reported too, in the system's order.
@@ -144,9 +123,6 @@ inline ErrorNumber closeFile(FileHandle file)
 }
 
 /// FindClose; closedir.
-inline void closeFolder(FolderHandle folder)
-{
-    fileCalls.closeFolder(folder);
-}
+inline void closeFolder(FolderHandle folder) { fileCalls.closeFolder(folder); }
 
 } // namespace platform

@@ -18,15 +18,9 @@ struct RandomCalls
 extern RandomCalls randomCalls;
 
 /// Seeds the calling thread's generator, which starts as if seeded with 1.
-inline void seedRandom(std::uint32_t seed)
-{
-    randomCalls.seedRandom(seed);
-}
+inline void seedRandom(std::uint32_t seed) { randomCalls.seedRandom(seed); }
 
 /// The next number of the calling thread, 0 to at least 32767.
-[[nodiscard]] inline std::uint32_t nextRandom()
-{
-    return randomCalls.nextRandom();
-}
+[[nodiscard]] inline std::uint32_t nextRandom() { return randomCalls.nextRandom(); }
 
 } // namespace platform

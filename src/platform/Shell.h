@@ -24,16 +24,10 @@ extern ShellCalls shellCalls;
 /// SHGetFolderPathA of CSIDL_COMMON_APPDATA, created if missing; the environment's PROGRAMDATA,
 /// else /var/lib, neither of them created. Writes the narrow path into a buffer of PATH_BUFFER_SIZE. Returns 0, or the
 /// system's failure code.
-[[nodiscard]] inline std::int32_t commonAppDataFolder(char* buffer)
-{
-    return shellCalls.commonAppDataFolder(buffer);
-}
+[[nodiscard]] inline std::int32_t commonAppDataFolder(char* buffer) { return shellCalls.commonAppDataFolder(buffer); }
 
 /// PathAppendA: joins with exactly one backslash, in place, in a buffer of PATH_BUFFER_SIZE. False
 /// when the result does not fit.
-inline bool appendToPath(char* path, const char* more)
-{
-    return shellCalls.appendToPath(path, more);
-}
+inline bool appendToPath(char* path, const char* more) { return shellCalls.appendToPath(path, more); }
 
 } // namespace platform

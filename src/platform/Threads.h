@@ -48,16 +48,10 @@ extern ThreadCalls threadCalls;
 }
 
 /// GetCurrentThreadId; gettid.
-[[nodiscard]] inline std::uint32_t currentThreadId()
-{
-    return threadCalls.currentThreadId();
-}
+[[nodiscard]] inline std::uint32_t currentThreadId() { return threadCalls.currentThreadId(); }
 
 /// OpenThread with query access; a look at /proc. Invalid if this process has no such thread.
-[[nodiscard]] inline ThreadHandle openThread(std::uint32_t threadId)
-{
-    return threadCalls.openThread(threadId);
-}
+[[nodiscard]] inline ThreadHandle openThread(std::uint32_t threadId) { return threadCalls.openThread(threadId); }
 
 /// GetThreadTimes; /proc. The thread's user time in 100-ns units, nothing on failure.
 [[nodiscard]] inline std::optional<std::uint64_t> threadUserTime(ThreadHandle thread)
@@ -66,22 +60,13 @@ extern ThreadCalls threadCalls;
 }
 
 /// CloseHandle.
-inline void closeThread(ThreadHandle thread)
-{
-    threadCalls.closeThread(thread);
-}
+inline void closeThread(ThreadHandle thread) { threadCalls.closeThread(thread); }
 
 /// QueryThreadCycleTime; the thread's CPU clock in ns. Never goes back within one thread; 0 where the
 /// system does not count.
-[[nodiscard]] inline std::uint64_t currentThreadCycles()
-{
-    return threadCalls.currentThreadCycles();
-}
+[[nodiscard]] inline std::uint64_t currentThreadCycles() { return threadCalls.currentThreadCycles(); }
 
 /// Sleep; nanosleep. Not shortened by signals.
-inline void sleepMs(std::uint32_t durationMs)
-{
-    threadCalls.sleepMs(durationMs);
-}
+inline void sleepMs(std::uint32_t durationMs) { threadCalls.sleepMs(durationMs); }
 
 } // namespace platform

@@ -41,16 +41,10 @@ struct TimeCalls
 extern TimeCalls timeCalls;
 
 /// GetSystemTime; clock_gettime(CLOCK_REALTIME).
-[[nodiscard]] inline UtcTime utcNow()
-{
-    return timeCalls.utcNow();
-}
+[[nodiscard]] inline UtcTime utcNow() { return timeCalls.utcNow(); }
 
 /// QueryPerformanceCounter; clock_gettime(CLOCK_MONOTONIC) in ns. False on failure, ticks unchanged.
-[[nodiscard]] inline bool performanceCounter(std::int64_t& ticks)
-{
-    return timeCalls.performanceCounter(ticks);
-}
+[[nodiscard]] inline bool performanceCounter(std::int64_t& ticks) { return timeCalls.performanceCounter(ticks); }
 
 /// QueryPerformanceFrequency; ticks a second, fixed while the system runs. False on failure.
 [[nodiscard]] inline bool performanceFrequency(std::int64_t& ticksPerSecond)
@@ -59,21 +53,12 @@ extern TimeCalls timeCalls;
 }
 
 /// GetTickCount64; CLOCK_MONOTONIC_COARSE. Milliseconds since the system started, coarse and cheap.
-[[nodiscard]] inline std::uint64_t tickCountMs()
-{
-    return timeCalls.tickCountMs();
-}
+[[nodiscard]] inline std::uint64_t tickCountMs() { return timeCalls.tickCountMs(); }
 
 /// GetSystemInfo; sysconf. Processors of the machine, at least 1.
-[[nodiscard]] inline std::uint32_t processorCount()
-{
-    return timeCalls.processorCount();
-}
+[[nodiscard]] inline std::uint32_t processorCount() { return timeCalls.processorCount(); }
 
 /// GetProcessTimes; getrusage. Nothing on failure.
-[[nodiscard]] inline std::optional<CpuTime> processCpuTime()
-{
-    return timeCalls.processCpuTime();
-}
+[[nodiscard]] inline std::optional<CpuTime> processCpuTime() { return timeCalls.processCpuTime(); }
 
 } // namespace platform

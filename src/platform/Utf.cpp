@@ -13,15 +13,9 @@ constexpr char32_t REPLACEMENT = 0xFFFD;
 constexpr char32_t FIRST_SUPPLEMENTARY = 0x10000;
 constexpr char32_t LAST_CODE_POINT = 0x10FFFF;
 
-constexpr bool isHighSurrogate(char32_t unit)
-{
-    return unit >= 0xD800 && unit <= 0xDBFF;
-}
+constexpr bool isHighSurrogate(char32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 
-constexpr bool isLowSurrogate(char32_t unit)
-{
-    return unit >= 0xDC00 && unit <= 0xDFFF;
-}
+constexpr bool isLowSurrogate(char32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
 
 void appendUtf8(std::string& out, char32_t codePoint)
 {

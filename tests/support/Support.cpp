@@ -20,10 +20,7 @@ fs::path toNative(std::string path)
 
 } // namespace
 
-CapturingClient::CapturingClient(std::uint32_t levelMask)
-{
-    Logger::instance().registerClient(this, levelMask);
-}
+CapturingClient::CapturingClient(std::uint32_t levelMask) { Logger::instance().registerClient(this, levelMask); }
 
 void CapturingClient::log(const std::string& line)
 {
@@ -93,10 +90,7 @@ ScratchFolder::~ScratchFolder()
     fs::remove_all(toNative(m_path), ignored);
 }
 
-std::filesystem::path ScratchFolder::native(const std::string& name) const
-{
-    return toNative(path(name));
-}
+std::filesystem::path ScratchFolder::native(const std::string& name) const { return toNative(path(name)); }
 
 std::string ScratchFolder::write(const std::string& name, const std::string& content) const
 {

@@ -50,10 +50,7 @@ std::string toJson(const std::string& text)
     return '"' + out + '"';
 }
 
-std::string toBoolean(bool value)
-{
-    return value ? "true" : "false";
-}
+std::string toBoolean(bool value) { return value ? "true" : "false"; }
 
 std::string rectangleOf(HWND window)
 {

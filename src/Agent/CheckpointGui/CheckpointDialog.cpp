@@ -11,15 +11,9 @@ constexpr std::intptr_t HANDLED = 1;
 constexpr std::intptr_t NOT_HANDLED = 0;
 constexpr std::intptr_t DIALOG_RESULT = 1; // for OK and Cancel alike
 
-constexpr std::uint16_t lowWord(std::uintptr_t value)
-{
-    return static_cast<std::uint16_t>(value);
-}
+constexpr std::uint16_t lowWord(std::uintptr_t value) { return static_cast<std::uint16_t>(value); }
 
-constexpr std::uint16_t highWord(std::uintptr_t value)
-{
-    return static_cast<std::uint16_t>(value >> 16U);
-}
+constexpr std::uint16_t highWord(std::uintptr_t value) { return static_cast<std::uint16_t>(value >> 16U); }
 
 } // namespace
 

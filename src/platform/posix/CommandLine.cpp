@@ -9,15 +9,9 @@ namespace platform::posix
 namespace
 {
 
-constexpr bool isBlank(char c)
-{
-    return c == ' ' || c == '\t';
-}
+constexpr bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
-void skipBlanks(std::string_view& rest)
-{
-    rest.remove_prefix(std::min(rest.find_first_not_of(" \t"), rest.size()));
-}
+void skipBlanks(std::string_view& rest) { rest.remove_prefix(std::min(rest.find_first_not_of(" \t"), rest.size())); }
 
 std::string takeProgram(std::string_view& rest)
 {

@@ -46,10 +46,7 @@ std::int32_t readCpuCounter(CpuCounter /*counter*/, CpuTicks& ticks)
 
 void closeCpuCounter(CpuCounter /*counter*/) {}
 
-ProcessHandle openOwnProcess()
-{
-    return ProcessHandle{getpid()};
-}
+ProcessHandle openOwnProcess() { return ProcessHandle{getpid()}; }
 
 bool processMemory(ProcessHandle /*process*/, ProcessMemory& memory)
 {

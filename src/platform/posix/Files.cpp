@@ -19,21 +19,12 @@ namespace
 constexpr mode_t FILE_PERMISSIONS = 0666;
 constexpr mode_t FOLDER_PERMISSIONS = 0777;
 
-int toDescriptor(FileHandle file)
-{
-    return static_cast<int>(file);
-}
+int toDescriptor(FileHandle file) { return static_cast<int>(file); }
 
-DIR* toStream(FolderHandle folder)
-{
-    return reinterpret_cast<DIR*>(folder);
-}
+DIR* toStream(FolderHandle folder) { return reinterpret_cast<DIR*>(folder); }
 
 /// 0 for a call that succeeded, else errno.
-int errnoOf(int result)
-{
-    return result == 0 ? 0 : errno;
-}
+int errnoOf(int result) { return result == 0 ? 0 : errno; }
 
 Transfer toTransfer(ssize_t result)
 {
@@ -69,20 +60,11 @@ Transfer writeFile(FileHandle file, const void* bytes, std::size_t size)
     return toTransfer(TEMP_FAILURE_RETRY(write(toDescriptor(file), bytes, size)));
 }
 
-ErrorNumber closeFile(FileHandle file)
-{
-    return fromErrno(errnoOf(close(toDescriptor(file))));
-}
+ErrorNumber closeFile(FileHandle file) { return fromErrno(errnoOf(close(toDescriptor(file)))); }
 
-int makeFolder(const char* path)
-{
-    return errnoOf(mkdir(toNative(path).c_str(), FOLDER_PERMISSIONS));
-}
+int makeFolder(const char* path) { return errnoOf(mkdir(toNative(path).c_str(), FOLDER_PERMISSIONS)); }
 
-ErrorNumber createFolder(const char* path)
-{
-    return fromErrno(makeFolder(path), toNative(path));
-}
+ErrorNumber createFolder(const char* path) { return fromErrno(makeFolder(path), toNative(path)); }
 
 bool pathExists(const char* path)
 {
@@ -90,10 +72,7 @@ bool pathExists(const char* path)
     return stat(toNative(path).c_str(), &status) == 0;
 }
 
-int removeFile(const char* path)
-{
-    return errnoOf(unlink(toNative(path).c_str()));
-}
+int removeFile(const char* path) { return errnoOf(unlink(toNative(path).c_str())); }
 
 int renameFile(const char* from, const char* to)
 {
@@ -146,15 +125,9 @@ OpenedFolder findFirstEntry(const char* folder, FolderEntry& entry)
     return {FolderHandle{reinterpret_cast<std::intptr_t>(stream)}, ErrorNumber::Success};
 }
 
-ErrorNumber findNextEntry(FolderHandle folder, FolderEntry& entry)
-{
-    return readEntry(toStream(folder), entry);
-}
+ErrorNumber findNextEntry(FolderHandle folder, FolderEntry& entry) { return readEntry(toStream(folder), entry); }
 
-void closeFolder(FolderHandle folder)
-{
-    closedir(toStream(folder));
-}
+void closeFolder(FolderHandle folder) { closedir(toStream(folder)); }
 
 } // namespace
 

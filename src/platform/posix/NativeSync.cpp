@@ -19,10 +19,7 @@ constexpr long NS_PER_SECOND = 1'000'000'000;
 // The count is the half of the word that futexes look at.
 static_assert(std::endian::native == std::endian::little);
 
-void* futexOf(std::atomic<std::uint64_t>& state)
-{
-    return &state;
-}
+void* futexOf(std::atomic<std::uint64_t>& state) { return &state; }
 
 } // namespace
 
@@ -52,10 +49,7 @@ bool NativeSemaphore::tryTake() noexcept
     return false;
 }
 
-void NativeSemaphore::wait() noexcept
-{
-    static_cast<void>(takeBefore(nullptr));
-}
+void NativeSemaphore::wait() noexcept { static_cast<void>(takeBefore(nullptr)); }
 
 bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
 {

@@ -9,15 +9,9 @@ namespace
 
 thread_local unsigned generator = 1;
 
-void seedRandom(std::uint32_t seed)
-{
-    generator = seed;
-}
+void seedRandom(std::uint32_t seed) { generator = seed; }
 
-std::uint32_t nextRandom()
-{
-    return static_cast<std::uint32_t>(rand_r(&generator));
-}
+std::uint32_t nextRandom() { return static_cast<std::uint32_t>(rand_r(&generator)); }
 
 } // namespace
 } // namespace platform::posix

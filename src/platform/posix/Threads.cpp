@@ -80,10 +80,7 @@ std::uint32_t currentThreadId()
     return ID;
 }
 
-std::string statPath(std::uint32_t threadId)
-{
-    return "/proc/self/task/" + std::to_string(threadId) + "/stat";
-}
+std::string statPath(std::uint32_t threadId) { return "/proc/self/task/" + std::to_string(threadId) + "/stat"; }
 
 ThreadHandle openThread(std::uint32_t threadId)
 {

@@ -17,10 +17,7 @@ struct CpuQuery
     PDH_HCOUNTER counter = nullptr;
 };
 
-CpuQuery* toQuery(CpuCounter counter)
-{
-    return reinterpret_cast<CpuQuery*>(counter);
-}
+CpuQuery* toQuery(CpuCounter counter) { return reinterpret_cast<CpuQuery*>(counter); }
 
 CpuCounter openCpuCounter()
 {
@@ -73,10 +70,7 @@ bool processMemory(ProcessHandle process, ProcessMemory& memory)
     return true;
 }
 
-void closeProcess(ProcessHandle process)
-{
-    CloseHandle(reinterpret_cast<HANDLE>(process));
-}
+void closeProcess(ProcessHandle process) { CloseHandle(reinterpret_cast<HANDLE>(process)); }
 
 } // namespace
 

@@ -15,10 +15,7 @@ static_assert(NOTIFICATION_EDIT_CHANGED == EN_CHANGE && CONTROL_OK == IDOK && CO
 /// Of the one dialog that is shown.
 DialogProcedure currentProcedure = nullptr;
 
-HWND toWindow(DialogHandle dialog)
-{
-    return reinterpret_cast<HWND>(dialog);
-}
+HWND toWindow(DialogHandle dialog) { return reinterpret_cast<HWND>(dialog); }
 
 INT_PTR CALLBACK forward(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam)
 {
@@ -31,10 +28,7 @@ std::intptr_t runDialog(ModuleHandle module, int dialogId, DialogProcedure proce
     return DialogBoxParamW(static_cast<HINSTANCE>(module), MAKEINTRESOURCEW(dialogId), nullptr, forward, 0);
 }
 
-bool endDialog(DialogHandle dialog, std::intptr_t result)
-{
-    return EndDialog(toWindow(dialog), result) != FALSE;
-}
+bool endDialog(DialogHandle dialog, std::intptr_t result) { return EndDialog(toWindow(dialog), result) != FALSE; }
 
 ControlHandle dialogItem(DialogHandle dialog, int controlId)
 {

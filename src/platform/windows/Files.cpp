@@ -14,27 +14,15 @@ namespace platform::windows
 namespace
 {
 
-HANDLE toHandle(FileHandle file)
-{
-    return reinterpret_cast<HANDLE>(file);
-}
+HANDLE toHandle(FileHandle file) { return reinterpret_cast<HANDLE>(file); }
 
-HANDLE toHandle(FolderHandle folder)
-{
-    return reinterpret_cast<HANDLE>(folder);
-}
+HANDLE toHandle(FolderHandle folder) { return reinterpret_cast<HANDLE>(folder); }
 
 /// 0 for a call of the C runtime that succeeded, else errno.
-int errnoOf(int result)
-{
-    return result == 0 ? 0 : errno;
-}
+int errnoOf(int result) { return result == 0 ? 0 : errno; }
 
 /// The most that one call transfers.
-DWORD toDword(std::size_t size)
-{
-    return static_cast<DWORD>(std::min<std::size_t>(size, MAXLONG));
-}
+DWORD toDword(std::size_t size) { return static_cast<DWORD>(std::min<std::size_t>(size, MAXLONG)); }
 
 OpenedFile openFile(const char* path, OpenMode mode)
 {
@@ -60,20 +48,11 @@ Transfer writeFile(FileHandle file, const void* bytes, std::size_t size)
     return {written, error};
 }
 
-ErrorNumber closeFile(FileHandle file)
-{
-    return errorOf(CloseHandle(toHandle(file)));
-}
+ErrorNumber closeFile(FileHandle file) { return errorOf(CloseHandle(toHandle(file))); }
 
-ErrorNumber createFolder(const char* path)
-{
-    return errorOf(CreateDirectoryA(path, nullptr));
-}
+ErrorNumber createFolder(const char* path) { return errorOf(CreateDirectoryA(path, nullptr)); }
 
-int makeFolder(const char* path)
-{
-    return errnoOf(_mkdir(path));
-}
+int makeFolder(const char* path) { return errnoOf(_mkdir(path)); }
 
 bool pathExists(const char* path)
 {
@@ -81,15 +60,9 @@ bool pathExists(const char* path)
     return _stat64(path, &status) == 0;
 }
 
-int removeFile(const char* path)
-{
-    return errnoOf(std::remove(path));
-}
+int removeFile(const char* path) { return errnoOf(std::remove(path)); }
 
-int renameFile(const char* from, const char* to)
-{
-    return errnoOf(std::rename(from, to));
-}
+int renameFile(const char* from, const char* to) { return errnoOf(std::rename(from, to)); }
 
 void store(const WIN32_FIND_DATAA& found, FolderEntry& entry)
 {
@@ -121,10 +94,7 @@ ErrorNumber findNextEntry(FolderHandle folder, FolderEntry& entry)
     return ErrorNumber::Success;
 }
 
-void closeFolder(FolderHandle folder)
-{
-    FindClose(toHandle(folder));
-}
+void closeFolder(FolderHandle folder) { FindClose(toHandle(folder)); }
 
 } // namespace
 

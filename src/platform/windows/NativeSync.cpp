@@ -42,19 +42,10 @@ NativeEvent::NativeEvent() : m_handle(CreateEventA(nullptr, FALSE, FALSE, nullpt
     }
 }
 
-NativeEvent::~NativeEvent()
-{
-    CloseHandle(m_handle);
-}
+NativeEvent::~NativeEvent() { CloseHandle(m_handle); }
 
-void NativeEvent::set() noexcept
-{
-    SetEvent(m_handle);
-}
+void NativeEvent::set() noexcept { SetEvent(m_handle); }
 
-void NativeEvent::wait() noexcept
-{
-    WaitForSingleObject(m_handle, INFINITE);
-}
+void NativeEvent::wait() noexcept { WaitForSingleObject(m_handle, INFINITE); }
 
 } // namespace platform

@@ -7,15 +7,9 @@ namespace platform::windows
 namespace
 {
 
-void seedRandom(std::uint32_t seed)
-{
-    std::srand(seed);
-}
+void seedRandom(std::uint32_t seed) { std::srand(seed); }
 
-std::uint32_t nextRandom()
-{
-    return static_cast<std::uint32_t>(std::rand());
-}
+std::uint32_t nextRandom() { return static_cast<std::uint32_t>(std::rand()); }
 
 } // namespace
 } // namespace platform::windows

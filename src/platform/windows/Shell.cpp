@@ -18,10 +18,7 @@ std::int32_t commonAppDataFolder(char* buffer)
     return SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA | CSIDL_FLAG_CREATE, nullptr, SHGFP_TYPE_CURRENT, buffer);
 }
 
-bool appendToPath(char* path, const char* more)
-{
-    return PathAppendA(path, more) != FALSE;
-}
+bool appendToPath(char* path, const char* more) { return PathAppendA(path, more) != FALSE; }
 
 } // namespace
 

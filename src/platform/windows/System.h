@@ -16,10 +16,7 @@ namespace platform::windows
 {
 
 /// The calling thread's last error.
-[[nodiscard]] inline ErrorNumber lastError() noexcept
-{
-    return static_cast<ErrorNumber>(GetLastError());
-}
+[[nodiscard]] inline ErrorNumber lastError() noexcept { return static_cast<ErrorNumber>(GetLastError()); }
 
 /// Success for a call that succeeded, else the last error.
 [[nodiscard]] inline ErrorNumber errorOf(BOOL succeeded) noexcept

@@ -41,10 +41,7 @@ ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriorit
     return ErrorNumber::Success;
 }
 
-std::uint32_t currentThreadId()
-{
-    return GetCurrentThreadId();
-}
+std::uint32_t currentThreadId() { return GetCurrentThreadId(); }
 
 ThreadHandle openThread(std::uint32_t threadId)
 {
@@ -64,10 +61,7 @@ std::optional<std::uint64_t> threadUserTime(ThreadHandle thread)
     return toTicks(user);
 }
 
-void closeThread(ThreadHandle thread)
-{
-    CloseHandle(reinterpret_cast<HANDLE>(thread));
-}
+void closeThread(ThreadHandle thread) { CloseHandle(reinterpret_cast<HANDLE>(thread)); }
 
 std::uint64_t currentThreadCycles()
 {
@@ -76,10 +70,7 @@ std::uint64_t currentThreadCycles()
     return cycles;
 }
 
-void sleepMs(std::uint32_t durationMs)
-{
-    Sleep(durationMs);
-}
+void sleepMs(std::uint32_t durationMs) { Sleep(durationMs); }
 
 } // namespace
 

@@ -43,10 +43,7 @@ bool performanceFrequency(std::int64_t& ticksPerSecond)
     return true;
 }
 
-std::uint64_t tickCountMs()
-{
-    return GetTickCount64();
-}
+std::uint64_t tickCountMs() { return GetTickCount64(); }
 
 std::uint32_t processorCount()
 {

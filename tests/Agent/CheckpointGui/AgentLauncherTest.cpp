@@ -64,9 +64,7 @@ TEST_F(AgentLauncher, MissingSettingsStayEmptyAndBytesAreWidenedOneByOne)
 TEST_F(AgentLauncher, ARefusedLaunchIsLoggedWithTheSystemsNumber)
 {
     static CapturingClient client;
-    processCalls.createProcess = [](std::u16string&) {
-        return ErrorNumber::FileNotFound;
-    };
+    processCalls.createProcess = [](std::u16string&) { return ErrorNumber::FileNotFound; };
     runAgent(u"name");
     EXPECT_EQ("Error,NON,,runAgent,Error 2 in CreateProcessW.", client.messages().back());
     EXPECT_EQ(1, client.flushes());

@@ -4,10 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-int openHandles()
-{
-    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
+int openHandles() { return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})); }
 
 int runProgram(const std::string& path, const std::vector<std::string>& arguments)
 {

@@ -17,15 +17,9 @@ constexpr std::array<std::string_view, 8> LEVEL_NAMES = {"Assert", "Fatal", "Err
                                                          "Info",   "Debug", "Control", "Info"};
 constexpr std::array<std::string_view, 4> LOGGER_NAMES = {"Invalid", "OLM", "KRN", "NON"};
 
-constexpr bool mustFlush(LogLevel level)
-{
-    return level <= LogLevel::Error;
-}
+constexpr bool mustFlush(LogLevel level) { return level <= LogLevel::Error; }
 
-std::int32_t currentThreadKey()
-{
-    return static_cast<std::int32_t>(platform::currentThreadId());
-}
+std::int32_t currentThreadKey() { return static_cast<std::int32_t>(platform::currentThreadId()); }
 
 constinit std::atomic<Logger*> theLogger = nullptr;
 

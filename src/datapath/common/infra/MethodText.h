@@ -89,9 +89,7 @@ constexpr SignatureText fieldsOf(std::string_view signature)
 template <Signature SIGNATURE, SignatureText (*MAKE)(std::string_view)>
 inline constexpr auto STORED_TEXT = [] {
     // Of a copy: GCC's sanitizers do not follow pointers into template arguments while compiling.
-    constexpr SignatureText MADE = [](auto signature) {
-        return MAKE(signature.view());
-    }(SIGNATURE);
+    constexpr SignatureText MADE = [](auto signature) { return MAKE(signature.view()); }(SIGNATURE);
     static_assert(MADE.length > 0, "this function's signature is not understood");
     std::array<char, MADE.length + 1> stored{};
     for (std::size_t i = 0; i < MADE.length; ++i)

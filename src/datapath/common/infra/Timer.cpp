@@ -9,15 +9,9 @@
 #include <cstdio>
 #include <iostream>
 
-std::uint32_t ITimer::getTimestamp10Ms()
-{
-    return static_cast<std::uint32_t>(getTimestampMs() / 10);
-}
+std::uint32_t ITimer::getTimestamp10Ms() { return static_cast<std::uint32_t>(getTimestampMs() / 10); }
 
-void Timer::start()
-{
-    m_numProcessors = platform::processorCount();
-}
+void Timer::start() { m_numProcessors = platform::processorCount(); }
 
 std::uint64_t Timer::getTimestampNs()
 {
@@ -25,10 +19,7 @@ std::uint64_t Timer::getTimestampNs()
     return static_cast<std::uint64_t>(duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
-std::int64_t Timer::getTimestampUs()
-{
-    return static_cast<std::int64_t>(getTimestampNs() / 1000);
-}
+std::int64_t Timer::getTimestampUs() { return static_cast<std::int64_t>(getTimestampNs() / 1000); }
 
 std::int64_t Timer::getTimestampMs()
 {
@@ -64,10 +55,7 @@ std::int64_t Timer::getLastTimestampMs_Inaccurate(bool noRefresh)
     return m_lastTimestampMs.load(std::memory_order_relaxed);
 }
 
-std::uint64_t Timer::getThreadCycles()
-{
-    return platform::currentThreadCycles();
-}
+std::uint64_t Timer::getThreadCycles() { return platform::currentThreadCycles(); }
 
 std::uint64_t Timer::getProcessCpuTimeUs()
 {
@@ -82,10 +70,7 @@ void Timer::setRelativeTimeMs(std::int64_t value)
     m_relativeBaseMs.store(getTimestampMs() - value, std::memory_order_relaxed);
 }
 
-std::int64_t Timer::getRelativeTimeMs()
-{
-    return getTimestampMs() - m_relativeBaseMs.load(std::memory_order_relaxed);
-}
+std::int64_t Timer::getRelativeTimeMs() { return getTimestampMs() - m_relativeBaseMs.load(std::memory_order_relaxed); }
 
 bool Timer::parseUtcTime(const char* text, CalendarRecord& record)
 {

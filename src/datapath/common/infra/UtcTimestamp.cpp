@@ -46,7 +46,4 @@ UtcTimestamp::UtcTimestamp(int fractionDigits)
     m_length = static_cast<std::size_t>(out - m_text.data());
 }
 
-void formatUtcTimestamp(std::ostream& stream, int fractionDigits)
-{
-    stream << UtcTimestamp(fractionDigits).view();
-}
+void formatUtcTimestamp(std::ostream& stream, int fractionDigits) { stream << UtcTimestamp(fractionDigits).view(); }

@@ -72,10 +72,7 @@ struct Own
     operator std::string() const { return "wrong"; }
 };
 
-std::ostream& operator<<(std::ostream& stream, const Own&)
-{
-    return stream << "own ";
-}
+std::ostream& operator<<(std::ostream& stream, const Own&) { return stream << "own "; }
 
 TEST(LogItem, StreamsLikeAnyNarrowStream)
 {

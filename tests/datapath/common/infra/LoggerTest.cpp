@@ -9,10 +9,7 @@
 namespace
 {
 
-void logAt(LogLevel level)
-{
-    LogItem(LoggerId::NON, level, "Sample::log") << "text" << std::endl;
-}
+void logAt(LogLevel level) { LogItem(LoggerId::NON, level, "Sample::log") << "text" << std::endl; }
 
 TEST(Logger, OffersEachLineByMaskAndFlushesEveryClientAfterSevereOnes)
 {

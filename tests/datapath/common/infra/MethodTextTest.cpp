@@ -10,10 +10,7 @@
 namespace
 {
 
-MethodText inUnnamedNamespace()
-{
-    return THIS_METHOD;
-}
+MethodText inUnnamedNamespace() { return THIS_METHOD; }
 
 } // namespace
 
@@ -34,9 +31,7 @@ struct Outer
         static std::vector<MethodText> enqueue(T, const std::function<void(T)>&) { return {THIS_METHOD}; }
         MethodText inLambda() const
         {
-            return [](auto number) mutable {
-                return number > 0 ? THIS_METHOD : MethodText{};
-            }(1);
+            return [](auto number) mutable { return number > 0 ? THIS_METHOD : MethodText{}; }(1);
         }
     };
 

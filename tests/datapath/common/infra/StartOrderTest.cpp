@@ -9,30 +9,12 @@
 namespace
 {
 
-CHILD_SCENARIO(loggerFirst)
-{
-    Logger::instance().flushClients();
-}
-CHILD_SCENARIO(lineFirst)
-{
-    LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << std::endl;
-}
-CHILD_SCENARIO(clockFirst)
-{
-    Timer::instance().getTimestampMs();
-}
-CHILD_SCENARIO(reportFirst)
-{
-    MemWatchedContainerDatabase::instance().printWatchedContainers();
-}
-CHILD_SCENARIO(containerFirst)
-{
-    const StlMemShiledContainer<std::set<int>> first("first");
-}
-CHILD_SCENARIO(misuseFirst)
-{
-    MemWatchedContainerDatabase::instance().unregisterContainer(nullptr);
-}
+CHILD_SCENARIO(loggerFirst) { Logger::instance().flushClients(); }
+CHILD_SCENARIO(lineFirst) { LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << std::endl; }
+CHILD_SCENARIO(clockFirst) { Timer::instance().getTimestampMs(); }
+CHILD_SCENARIO(reportFirst) { MemWatchedContainerDatabase::instance().printWatchedContainers(); }
+CHILD_SCENARIO(containerFirst) { const StlMemShiledContainer<std::set<int>> first("first"); }
+CHILD_SCENARIO(misuseFirst) { MemWatchedContainerDatabase::instance().unregisterContainer(nullptr); }
 
 TEST(StartOrder, AnyServiceMayBeTheFirst)
 {

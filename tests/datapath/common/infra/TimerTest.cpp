@@ -30,9 +30,7 @@ void replaceClock(std::int64_t ticks)
         value = counterTicks;
         return true;
     };
-    platform::timeCalls.tickCountMs = [] {
-        return tickCount;
-    };
+    platform::timeCalls.tickCountMs = [] { return tickCount; };
 }
 
 std::int64_t ticks()
@@ -106,12 +104,8 @@ TEST(WindowsTimer, FaultsOfTheCounterEndTheProcess)
         value = frequency;
         return frequency > 0;
     };
-    platform::timeCalls.performanceCounter = [](std::int64_t&) {
-        return false;
-    };
-    const auto expectLast = [](const std::string& start) {
-        EXPECT_EQ(0U, client.messages().back().find(start));
-    };
+    platform::timeCalls.performanceCounter = [](std::int64_t&) { return false; };
+    const auto expectLast = [](const std::string& start) { EXPECT_EQ(0U, client.messages().back().find(start)); };
     const std::string path = ") failed datapath/common/infra/windows/WindowsTimer.cpp ";
     EXPECT_THROW(WindowsTimer(), ProcessEnded);
     expectLast("Error,NON,WindowsTimer,WindowsTimer,Assertion (bSuccess" + path);
@@ -150,35 +144,23 @@ TEST(Timer, TimeBasesStandOnTheCounter)
 TEST(Timer, CalendarAndCpuTimesComeFromTheSystem)
 {
     ITimer& timer = Timer::instance();
-    platform::timeCalls.utcNow = [] {
-        return platform::UtcTime{2024, 2, 29, 23, 59, 58, 987};
-    };
+    platform::timeCalls.utcNow = [] { return platform::UtcTime{2024, 2, 29, 23, 59, 58, 987}; };
     EXPECT_EQ(1'709'251'198'987, timer.getUtcTimeMs());
-    const auto steadyNs = [] {
-        return std::chrono::steady_clock::now().time_since_epoch().count();
-    };
+    const auto steadyNs = [] { return std::chrono::steady_clock::now().time_since_epoch().count(); };
     const std::int64_t before = steadyNs();
     const std::int64_t us = timer.getTimestampUs();
     const auto ns = static_cast<std::int64_t>(timer.getTimestampNs());
     const std::int64_t after = steadyNs();
     EXPECT_TRUE(before / 1'000 <= us && us <= ns / 1'000 && before <= ns && ns <= after);
-    platform::threadCalls.currentThreadCycles = [] {
-        return std::uint64_t{4711};
-    };
+    platform::threadCalls.currentThreadCycles = [] { return std::uint64_t{4711}; };
     EXPECT_EQ(4711U, timer.getThreadCycles());
 
-    platform::timeCalls.processCpuTime = [] {
-        return std::optional(platform::CpuTime{.kernel = 400, .user = 80});
-    };
-    platform::timeCalls.processorCount = [] {
-        return 4U;
-    };
+    platform::timeCalls.processCpuTime = [] { return std::optional(platform::CpuTime{.kernel = 400, .user = 80}); };
+    platform::timeCalls.processorCount = [] { return 4U; };
     EXPECT_EQ(48U, timer.getProcessCpuTimeUs());
     timer.start();
     EXPECT_EQ(12U, timer.getProcessCpuTimeUs());
-    platform::timeCalls.processCpuTime = []() -> std::optional<platform::CpuTime> {
-        return std::nullopt;
-    };
+    platform::timeCalls.processCpuTime = []() -> std::optional<platform::CpuTime> { return std::nullopt; };
     EXPECT_EQ(0U, timer.getProcessCpuTimeUs());
 }
 
