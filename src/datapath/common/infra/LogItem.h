@@ -75,9 +75,8 @@ concept Integer =
 
 /// The types that are appended without the stream's help.
 template <class T>
-concept Simple = Integer<T> || OneOf<T, char, const char*, char*, std::string, std::string_view> ||
-                 std::same_as < std::remove_extent_t<T>,
-char > ;
+concept Simple = Integer<T> || OneOf < std::remove_extent_t<T>,
+char, const char*, char*, std::string, std::string_view > ;
 
 } // namespace LogItemInternal
 
@@ -146,9 +145,11 @@ private:
     LoggerId m_loggerId;
 };
 
+template <class T>
+concept AnyLogItem = std::derived_from<std::remove_reference_t<T>, LogItem>;
+
 /// Whatever else a narrow stream accepts goes the stream's way.
-template <class Item, LogItemInternal::Simple T>
-requires std::derived_from<std::remove_reference_t<Item>, LogItem> LogItem& operator<<(Item&& item, const T& value)
+template <AnyLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
 {
     item.insert(value);
     return item;
