@@ -2,6 +2,7 @@
 
 #include "platform/windows/System.h"
 
+#include <algorithm>
 #include <chrono>
 #include <system_error>
 
@@ -24,11 +25,20 @@ void NativeSemaphore::wait()
 
 bool NativeSemaphore::waitFor(std::uint32_t durationMs)
 {
+    using Clock = std::chrono::steady_clock;
+    // The library sleeps on the calendar clock here. In short slices a clock that is set back cannot
+    // lengthen the wait.
+    constexpr Clock::duration SLICE = std::chrono::seconds(1);
     std::unique_lock guard(m_mutex);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(durationMs);
-    if (!m_posted.wait_until(guard, deadline, [this] { return m_count != 0; }))
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(durationMs);
+    while (m_count == 0)
     {
-        return false;
+        const Clock::time_point now = Clock::now();
+        if (now >= deadline)
+        {
+            return false;
+        }
+        m_posted.wait_for(guard, std::min(deadline - now, SLICE));
     }
     --m_count;
     return true;

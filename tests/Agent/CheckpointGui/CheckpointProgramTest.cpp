@@ -1,0 +1,123 @@
+// The program from its entry point on, over replaced dialog and process calls and a real settings file.
+
+#include "Agent/CheckpointGui/AgentLauncher.h"
+#include "Agent/CheckpointGui/CheckpointDialog.h"
+#include "platform/Entry.h"
+#include "platform/Process.h"
+#include "tests/support/Support.h"
+
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace platform;
+
+constexpr std::uintptr_t EDIT_CHANGED = 0x0300U << 16U | 1002U;
+
+std::u16string editText;
+std::u16string startedCommandLine;
+std::string programPath;
+std::string calls;
+CapturingClient* client = nullptr;
+
+class CheckpointProgram : public testing::Test
+{
+protected:
+    CheckpointProgram()
+    {
+        static CapturingClient capturing;
+        client = &capturing;
+        programPath = folder.path("program.exe");
+        dialogCalls.endDialog = [](DialogHandle, std::intptr_t result) {
+            calls += "end " + std::to_string(result) + ";";
+            return true;
+        };
+        dialogCalls.dialogItem = [](DialogHandle, int id) {
+            return reinterpret_cast<ControlHandle>(std::intptr_t{id});
+        };
+        dialogCalls.enableControl = [](ControlHandle control, bool enable) {
+            calls += (enable ? "enable " : "disable ") + std::to_string(reinterpret_cast<std::intptr_t>(control)) + ";";
+            return true;
+        };
+        dialogCalls.sendItemMessage = [](DialogHandle, int id, std::uint32_t message, std::uintptr_t wParam,
+                                         std::intptr_t lParam) -> std::intptr_t {
+            EXPECT_TRUE(id == 1002 && wParam == 0);
+            if (message == MESSAGE_EDIT_LINE_LENGTH)
+            {
+                return static_cast<std::intptr_t>(editText.size());
+            }
+            auto* const buffer = reinterpret_cast<char16_t*>(lParam);
+            return static_cast<std::intptr_t>(editText.copy(buffer, *buffer));
+        };
+        processCalls.moduleFileName = [](char* buffer, std::uint32_t size) {
+            EXPECT_EQ(260U, size);
+            std::strcpy(buffer, programPath.c_str());
+            return static_cast<std::uint32_t>(programPath.size());
+        };
+        processCalls.createProcess = [](std::u16string& commandLine) {
+            startedCommandLine = commandLine;
+            calls += "start;";
+            return ErrorNumber::FileNotFound;
+        };
+    }
+
+    ScratchFolder folder;
+};
+
+TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
+{
+    folder.write("program.exe.conf", "\t10.0.0.1  80\r\npeer\n\n90 ignored\n");
+    dialogCalls.runDialog = [](ModuleHandle module, int dialogId, DialogProcedure procedure) -> std::intptr_t {
+        EXPECT_TRUE(module == client && dialogId == 101);
+        EXPECT_EQ(1, procedure(nullptr, MESSAGE_INIT_DIALOG, 0, 0));
+        EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, EDIT_CHANGED, 0));
+        editText = u"\u00e9 \U0001F600";
+        EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, EDIT_CHANGED, 0));
+        EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, 0x0100U << 16U | 1002U, 0)); // the edit got the focus
+        EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, 0x0300U << 16U | 1003U, 0)); // another control changed
+        EXPECT_EQ(0, procedure(nullptr, 0x000F, 0, 0));
+        EXPECT_EQ(1, procedure(nullptr, MESSAGE_COMMAND, CONTROL_OK, 0));
+        EXPECT_EQ("disable 1;enable 1;start;end 1;", calls);
+        return procedure(nullptr, MESSAGE_COMMAND, CONTROL_CANCEL, 0);
+    };
+    EXPECT_EQ(0, wWinMain(client, nullptr, nullptr, 0));
+    EXPECT_EQ(u"TavroVssAgent.exe -GUI 10.0.0.1 80 peer 90 \"\u00e9 \U0001F600\"", startedCommandLine);
+    const std::string head = "Info,NON,,";
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            head + "wWinMain,Invoked.", head + "wWinMain,Showing dialog...", head + "Checkpoint,IDOK",
+            head + "runAgent,GetModuleFileNameA retrieved the following file name: " + programPath,
+            head + "runAgent,Configuration file name: " + programPath + ".conf", head + "runAgent,localURL: 10.0.0.1",
+            head + "runAgent,localPort: 80", head + "runAgent,peerURL: peer", head + "runAgent,peerPort: 90",
+            head + "runAgent,cmdline: TavroVssAgent.exe -GUI 10.0.0.1 80 peer 90 "
+                   "\"\xC3\xA9 \xF0\x9F\x98\x80\"",
+            "Error,NON,,runAgent,Error 2 in CreateProcessW.", head + "Checkpoint,IDCANCEL", head + "wWinMain,Done."}),
+        client->messages());
+    EXPECT_EQ(2, client->flushes()); // of the Error line, and the last of all
+}
+
+TEST_F(CheckpointProgram, MissingSettingsStayEmptyAndBytesAreWidenedOneByOne)
+{
+    runAgent(u"");
+    EXPECT_EQ(u"TavroVssAgent.exe -GUI     \"\"", startedCommandLine);
+    folder.write("program.exe.conf", "h\xC3\xB6st 80");
+    runAgent(u"a\"b");
+    EXPECT_EQ(u"TavroVssAgent.exe -GUI h\u00c3\u00b6st 80   \"a\"b\"", startedCommandLine);
+}
+
+TEST_F(CheckpointProgram, NamesArriveWholeUpToTheLengthThatOneWordHolds)
+{
+    editText = std::u16string(65'535, u'\u0416');
+    EXPECT_EQ(editText, getCheckpointName(nullptr));
+    editText = std::u16string(65'536 + 3, u'x');
+    EXPECT_EQ(u"xxx", getCheckpointName(nullptr));
+    editText = std::u16string(65'536, u'x');
+    EXPECT_EQ(u"", getCheckpointName(nullptr));
+    editText = std::u16string(u"ab\0cd", 5);
+    EXPECT_EQ(u"ab", getCheckpointName(nullptr));
+}
+
+} // namespace
