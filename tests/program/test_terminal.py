@@ -5,6 +5,7 @@ import os
 import pty
 import select
 import signal
+import subprocess
 from pathlib import Path
 
 import pytest
@@ -44,6 +45,39 @@ def test_dialogue_in_a_terminal(linux_program):
     os.close(controller)
     assert shown.startswith(b"Add VSS Checkpoint\r\n")
     assert linux_program.agent_record()["arguments"][-1] == "typed"
+
+
+@pytest.mark.parametrize(("program_in", "agent_in"), [
+    ("own:folder", "own:folder"), ("elsewhere", "work"), ("elsewhere", "on path")],
+    ids=["program's folder", "current folder", "PATH"])
+def test_agent_is_found(linux_build, tmp_path, program_in, agent_in):
+    for folder in ("own:folder", "elsewhere", "work", "on path"):
+        (tmp_path / folder).mkdir()
+    program = LinuxProgram(linux_build, tmp_path / program_in)
+    program.agent.rename(tmp_path / agent_in / program.agent.name)
+    program.folder = tmp_path / "work"  # where it runs
+    program.mark["PATH"] = f"/nowhere::{tmp_path}/on path"
+    assert program.run("name\n") == 0
+    assert program.agent_record()["arguments"][-1] == "name"
+
+
+def test_terminal_line_too_long_is_refused(linux_program):
+    controller, terminal = pty.openpty()
+    process = linux_program.start(stdin=terminal, stdout=subprocess.PIPE)
+    os.write(controller, b"x" * 4500 + b"\nshort\n")
+    assert b"at most 4095 bytes" in process.communicate(timeout=DEADLINE_SEC)[0]
+    os.close(terminal)
+    os.close(controller)
+    assert linux_program.agent_record()["arguments"][-1] == "short"
+
+
+def test_hardened(linux_build):
+    headers = subprocess.run(["readelf", "-hldsW", linux_build / "TavroVssAgentGUI"], capture_output=True, text=True,
+                             check=True).stdout
+    assert "DYN (Position-Independent Executable file)" in headers
+    assert "GNU_RELRO" in headers and "BIND_NOW" in headers
+    assert " RW " in next(line for line in headers.splitlines() if "GNU_STACK" in line)
+    assert "__stack_chk_fail" in headers
 
 
 def children():
