@@ -65,7 +65,7 @@ def test_terminal_line_too_long_is_refused(linux_program):
     controller, terminal = pty.openpty()
     process = linux_program.start(stdin=terminal, stdout=subprocess.PIPE)
     os.write(controller, b"x" * 4500 + b"\nshort\n")
-    assert b"at most 4095 bytes" in process.communicate(timeout=DEADLINE_SEC)[0]
+    assert b"at most 4094 bytes" in process.communicate(timeout=DEADLINE_SEC)[0]
     os.close(terminal)
     os.close(controller)
     assert linux_program.agent_record()["arguments"][-1] == "short"

@@ -42,8 +42,8 @@ void sendCommand(DialogBox& dialog, std::uint16_t notification, DialogControl& c
     dialog.procedure(&dialog, MESSAGE_COMMAND, wParam, reinterpret_cast<std::intptr_t>(&control));
 }
 
-/// A terminal drops what goes beyond this many bytes of a line.
-constexpr std::size_t TERMINAL_LINE_LIMIT = 4095;
+/// The longest line that a terminal certainly passes on whole, in bytes; what goes beyond is dropped.
+constexpr std::size_t TERMINAL_LINE_LIMIT = 4094;
 
 /// One line is what the user types into the edit control, its end is the Return key.
 std::intptr_t converse(DialogBox& dialog)
@@ -56,11 +56,10 @@ std::intptr_t converse(DialogBox& dialog)
         {
             line.pop_back();
         }
-        if (line.size() >= TERMINAL_LINE_LIMIT && isatty(STDIN_FILENO) == 1)
+        if (line.size() > TERMINAL_LINE_LIMIT && isatty(STDIN_FILENO) == 1)
         {
             std::cout << "The terminal passes on at most " << TERMINAL_LINE_LIMIT
-                      << " bytes of a line. Type less, or pass "
-                      << "the text through standard input: " << std::flush;
+                      << " bytes of a line. Type less, or pass the text through standard input: " << std::flush;
             continue;
         }
         dialog.text = utf8ToUtf16(line);
