@@ -1,13 +1,19 @@
 // The program's entry point.
 
+#include "Agent/AgentCommon/AgentInitializer.h"
 #include "Agent/CheckpointGui/CheckpointDialog.h"
 #include "Agent/CheckpointGui/ResourceIds.h"
 #include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/Tweaks.h"
 #include "platform/Entry.h"
 
 int wWinMain(platform::ModuleHandle instance, platform::ModuleHandle /*previousInstance*/, wchar_t* /*commandLine*/,
              int /*showCommand*/)
 {
+    setAgentTweakDefaults();
+    MemShield::setEnabled(Tweaks::instance().longVal("t_enableMemshield", 0) != 0);
+    Tweaks::instance().print();
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Showing dialog..." << std::endl;
     platform::runDialog(instance, IDD_CHECKPOINT, Checkpoint);

@@ -2,10 +2,12 @@
 
 #include "Agent/CheckpointGui/AgentLauncher.h"
 #include "Agent/CheckpointGui/CheckpointDialog.h"
+#include "datapath/common/infra/MemShield.h"
 #include "platform/Entry.h"
 #include "platform/Process.h"
 #include "tests/support/Support.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -69,6 +71,8 @@ protected:
 
 TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
 {
+    folder.write("tweaks_extension.txt", "T_ENABLEMEMSHIELD = Off\nt_fileLoggerEnabled = 0\n");
+    std::filesystem::current_path(folder.native(""));
     folder.write("program.exe.conf", "\t10.0.0.1  80\r\npeer\n\n90 ignored\n");
     dialogCalls.runDialog = [](ModuleHandle module, int dialogId, DialogProcedure procedure) -> std::intptr_t {
         EXPECT_TRUE(module == client && dialogId == 101);
@@ -85,7 +89,21 @@ TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
     };
     EXPECT_EQ(0, wWinMain(client, nullptr, nullptr, 0));
     EXPECT_EQ(u"TavroVssAgent.exe -GUI 10.0.0.1 80 peer 90 \"\u00e9 \U0001F600\"", startedCommandLine);
+    EXPECT_FALSE(MemShield::isEnabled());
     const std::string head = "Info,NON,,";
+    std::vector<std::string> messages = client->messages();
+    const auto start = std::ranges::find(messages, head + "wWinMain,Invoked.");
+    const std::string listing = "Control,NON,Tweaks,print,";
+    EXPECT_EQ((std::vector<std::string>{listing + "T_ENABLEMEMSHIELD=0", listing + "t_FileLoggerCompressOnRotate=1",
+                                        listing + "t_fileLoggerEnabled=0", listing + "t_qlogMaxFiles=3",
+                                        listing + "t_requesterEventWaitForSharedMemoryReadTimeoutMsec=80000",
+                                        listing + "t_requesterEventWaitForThawStartTimeoutMsec=9500",
+                                        listing + "t_requesterQuiescedEventWaitTimeoutMsec=72000",
+                                        listing + "t_runnerEventFreezeCompleteTimeoutMsec=75000",
+                                        listing + "t_runnerEventThawCompleteTimeoutMsec=15000",
+                                        listing + "t_WaitAsyncTimeoutMsec=62000"}),
+              std::vector<std::string>(start - 10, start));
+    messages.erase(messages.begin(), start);
     EXPECT_EQ(
         (std::vector<std::string>{
             head + "wWinMain,Invoked.", head + "wWinMain,Showing dialog...", head + "Checkpoint,IDOK",
@@ -95,8 +113,9 @@ TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
             head + "runAgent,cmdline: TavroVssAgent.exe -GUI 10.0.0.1 80 peer 90 "
                    "\"\xC3\xA9 \xF0\x9F\x98\x80\"",
             "Error,NON,,runAgent,Error 2 in CreateProcessW.", head + "Checkpoint,IDCANCEL", head + "wWinMain,Done."}),
-        client->messages());
-    EXPECT_EQ(2, client->flushes()); // of the Error line, and the last of all
+        messages);
+    EXPECT_EQ(4,
+              client->flushes()); // of the Error lines about two missing tweak files and the agent, and the last of all
 }
 
 TEST_F(CheckpointProgram, MissingSettingsStayEmptyAndBytesAreWidenedOneByOne)

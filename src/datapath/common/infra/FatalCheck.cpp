@@ -2,6 +2,8 @@
 
 #include "platform/Process.h"
 
+#include <iostream>
+
 CheckFailure::CheckFailure(LoggerId loggerId, const MethodText& method, const SourcePlace& place, const char* condition)
     : LogItem(loggerId, LogLevel::Assert, method)
 {
@@ -10,7 +12,15 @@ CheckFailure::CheckFailure(LoggerId loggerId, const MethodText& method, const So
 
 void failAssertion(LoggerId loggerId, const MethodText& method, const SourcePlace& place, const char* condition)
 {
-    LogItem(loggerId, LogLevel::Error, method)
-        << "Assertion (" << condition << ") failed " << place.path << " " << place.number << std::endl;
+    const auto streamFailure = [&](std::ostream& stream) {
+        stream << "Assertion (" << condition << ") failed " << place.path << " " << place.number << std::endl;
+    };
+    LogItem line(loggerId, LogLevel::Error, method);
+    streamFailure(line);
+    if (!Logger::instance().hasClients())
+    {
+        streamFailure(std::cout);
+    }
+    std::cout.flush(); // what others wrote there
     platform::endProcess();
 }

@@ -10,7 +10,8 @@
 //     CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(204), "m_clientsCnt < 4")
 //         << " m_clientsCnt=" << m_clientsCnt << " " << std::endl;
 //
-// The assertion is a line of level Error and the end of the process right after it:
+// The assertion is a line of level Error and the end of the process right after it. Before there is a log
+// client, its text goes to standard output:
 //
 //     failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
 //

@@ -91,6 +91,8 @@ public:
     /// for four; a fifth ends the process. Start-up only: no other thread may log meanwhile.
     void registerClient(LoggerClient* client, std::uint32_t levelMask);
 
+    [[nodiscard]] bool hasClients() const { return m_clientsCnt != 0; }
+
     /// Hands one finished line to the clients, on the calling thread and without a lock. Returns
     /// from a line of level Assert only if the hook says so.
     void dispatch(const std::string& line, LogLevel level, LoggerId loggerId);

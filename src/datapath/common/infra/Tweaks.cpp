@@ -1,0 +1,306 @@
+#include "datapath/common/infra/Tweaks.h"
+
+#include "datapath/common/infra/DynamicTweaks.h"
+#include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/windows/Directories.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <iostream>
+#include <limits>
+#include <vector>
+
+namespace
+{
+
+constexpr std::uint32_t NUMBER_QUOTES = 32;
+constexpr std::uint32_t NUMBER_NOT_A_NUMBER = 71;
+constexpr std::uint32_t NUMBER_VALUE_IS_NOT_INT = 123;
+constexpr std::uint32_t NUMBER_NO_VALUE = 497;
+constexpr std::uint32_t NUMBER_INT_TOO_LARGE = 524;
+constexpr std::uint32_t NUMBER_INT_TOO_SMALL = 525;
+constexpr std::uint32_t NUMBER_UINT_NEGATIVE = 535;
+constexpr std::uint32_t NUMBER_UINT_TOO_LARGE = 536;
+
+constexpr char QUOTE = '"';
+constexpr std::array<std::string_view, 5> TRUE_WORDS = {"true", "yes", "on", "enabled", "ok"};
+constexpr std::array<std::string_view, 4> FALSE_WORDS = {"false", "no", "off", "disabled"};
+
+constinit std::atomic<Tweaks*> theTweaks = nullptr;
+
+bool isOneOf(std::string_view text, const auto& words)
+{
+    return std::ranges::any_of(words, [=](std::string_view word) { return CaseInsensitiveEqual()(text, word); });
+}
+
+std::optional<std::int64_t> booleanOf(std::string_view text)
+{
+    if (isOneOf(text, TRUE_WORDS))
+    {
+        return 1;
+    }
+    return isOneOf(text, FALSE_WORDS) ? std::optional<std::int64_t>(0) : std::nullopt;
+}
+
+bool skipHexPrefix(std::string_view& text)
+{
+    const bool hasPrefix = text.starts_with("0x") || text.starts_with("0X");
+    text.remove_prefix(hasPrefix ? 2 : 0);
+    return hasPrefix;
+}
+
+/// As a standard stream extracts a number (std::num_get): blanks, a sign, in base 16 one more prefix,
+/// digits; what follows is ignored.
+std::optional<std::int64_t> extractNumber(std::string_view text, int base)
+{
+    const auto isBlank = [](unsigned char character) { return std::isspace(character) != 0; };
+    text.remove_prefix(static_cast<std::size_t>(std::ranges::find_if_not(text, isBlank) - text.begin()));
+    const bool isNegative = text.starts_with('-');
+    text.remove_prefix(isNegative || text.starts_with('+') ? 1 : 0);
+    if (base == 16)
+    {
+        skipHexPrefix(text);
+    }
+    std::uint64_t magnitude = 0;
+    if (std::from_chars(text.data(), text.data() + text.size(), magnitude, base).ec != std::errc())
+    {
+        return std::nullopt;
+    }
+    constexpr std::uint64_t LARGEST = std::numeric_limits<std::int64_t>::max();
+    if (magnitude > LARGEST + (isNegative ? 1 : 0))
+    {
+        return std::nullopt;
+    }
+    return static_cast<std::int64_t>(isNegative ? 0 - magnitude : magnitude);
+}
+
+std::optional<std::int64_t> numberOf(std::string_view text)
+{
+    const int base = skipHexPrefix(text) ? 16 : 10;
+    return extractNumber(text, base);
+}
+
+bool isQuoted(std::string_view text) { return text.starts_with(QUOTE); }
+
+bool isQuotedWhole(std::string_view text) { return text.size() > 1 && text.ends_with(QUOTE); }
+
+/// For whoever started the program: a log may not exist yet.
+void explain(std::string_view name, std::string_view problem)
+{
+    std::cerr << "tweak \"" << name << "\" " << problem << std::endl;
+}
+
+} // namespace
+
+Tweaks::Tweak::Tweak(std::string_view valueText)
+{
+    std::string_view text = valueText;
+    if (isQuoted(text))
+    {
+        if (!isQuotedWhole(text))
+        {
+            failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_QUOTES),
+                          "val.length() > 1 && (val[val.length() -1] == '\"')");
+        }
+        text = text.substr(1, text.size() - 2);
+    }
+    std::optional<std::int64_t> number = booleanOf(text);
+    if (!number && isQuoted(valueText))
+    {
+        m_stringVal = text;
+        return;
+    }
+    if (!number)
+    {
+        number = numberOf(text);
+    }
+    if (!number)
+    {
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_NOT_A_NUMBER), "false");
+    }
+    m_intVal = *number;
+    m_isInt = true;
+}
+
+const char* Tweaks::Tweak::problemWith(std::string_view valueText)
+{
+    if (isQuoted(valueText))
+    {
+        return isQuotedWhole(valueText) ? nullptr : "has no closing double quote";
+    }
+    return booleanOf(valueText) || numberOf(valueText)
+               ? nullptr
+               : "is no boolean word, no number of 64 bits, and not between double quotes";
+}
+
+std::int64_t Tweaks::Tweak::longVal() const
+{
+    if (!m_isInt)
+    {
+        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "value is not int" << std::endl;
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_VALUE_IS_NOT_INT), "false");
+    }
+    return m_intVal;
+}
+
+std::string Tweaks::Tweak::toString() const { return m_isInt ? std::to_string(m_intVal) : QUOTE + m_stringVal + QUOTE; }
+
+Tweaks& Tweaks::instance()
+{
+    return createOnce(theTweaks, creationLock<Tweaks>(), [] { return new Tweaks; });
+}
+
+Tweaks::Tweaks()
+{
+    m_tweaks.max_load_factor(0.5F); // entries lie far apart: look at as few as possible
+    Directories::ensureExists("test_appdata\\");
+    loadFromFiles();
+    m_source.clear();
+    m_isInitialized = true;
+}
+
+void Tweaks::reserve(std::size_t more)
+{
+    const MutexGuard guard(m_mutex);
+    m_tweaks.reserve(m_tweaks.size() + more);
+}
+
+void Tweaks::insert(const std::string& name, const std::string& valueText)
+{
+    if (const char* const problem = Tweak::problemWith(valueText))
+    {
+        explain(name, "has the value " + valueText + ", which " + problem + m_source);
+    }
+    m_tweaks.emplace(name, valueText);
+}
+
+std::string Tweaks::update(const std::string& name, const std::string& valueText)
+{
+    std::string replaced;
+    {
+        const MutexGuard guard(m_mutex);
+        if (const auto found = m_tweaks.find(name); found != m_tweaks.end())
+        {
+            replaced = found->second.toString();
+            m_tweaks.erase(found);
+        }
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Updating tweak: "
+                                                            << " name=" << name << " "
+                                                            << " val=" << valueText << " "
+                                                            << " ret=" << replaced << " " << std::endl;
+        if (!valueText.empty())
+        {
+            insert(name, valueText);
+        }
+    }
+    notifyDynamicTweaks();
+    return replaced;
+}
+
+bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& valueText)
+{
+    {
+        const MutexGuard guard(m_mutex);
+        if (m_tweaks.contains(name))
+        {
+            return false;
+        }
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "default tweak added:  name=" << name << " "
+                                                            << " val=" << valueText << " "
+                                                            << " ret= " << std::endl;
+        insert(name, valueText);
+    }
+    notifyDynamicTweaks();
+    return true;
+}
+
+void Tweaks::notifyDynamicTweaks() const
+{
+    if (m_isInitialized)
+    {
+        DynamicTweaks::instance().refresh();
+    }
+}
+
+std::int64_t Tweaks::longVal(std::string_view name, std::optional<std::int64_t> defaultVal) const
+{
+    const MutexGuard guard(m_mutex);
+    if (const auto found = m_tweaks.find(name); found != m_tweaks.end())
+    {
+        if (!found->second.isInt())
+        {
+            explain(name, "must be an integer and is " + found->second.toString());
+        }
+        return found->second.longVal();
+    }
+    if (!defaultVal)
+    {
+        explain(name, "is needed and not set");
+        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "tweak \"" << name << "\" not found" << std::endl;
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_NO_VALUE), "false");
+    }
+    return *defaultVal;
+}
+
+std::int32_t Tweaks::intVal(std::string_view name, std::optional<std::int32_t> defaultVal) const
+{
+    constexpr std::int64_t LARGEST = std::numeric_limits<std::int32_t>::max();
+    const std::int64_t value = longVal(name, defaultVal);
+    if (value > LARGEST)
+    {
+        explain(name, "is " + std::to_string(value) + " and must be at most 2147483647");
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_INT_TOO_LARGE), "ival <= ((u32)-1) / 2");
+    }
+    if (value < -LARGEST)
+    {
+        explain(name, "is " + std::to_string(value) + " and must be at least -2147483647");
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_INT_TOO_SMALL),
+                      "-1 * ival <= ((u32)-1) / 2");
+    }
+    return static_cast<std::int32_t>(value);
+}
+
+std::uint32_t Tweaks::uintVal(std::string_view name, std::optional<std::uint32_t> defaultVal) const
+{
+    const std::int64_t value = longVal(name, defaultVal);
+    if (value < 0)
+    {
+        explain(name, "is " + std::to_string(value) + " and must not be negative");
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_UINT_NEGATIVE), "ival >= 0");
+    }
+    if (value > std::numeric_limits<std::uint32_t>::max())
+    {
+        explain(name, "is " + std::to_string(value) + " and must be at most 4294967295");
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_UINT_TOO_LARGE), "ival <= ((u32)-1)");
+    }
+    return static_cast<std::uint32_t>(value);
+}
+
+bool Tweaks::boolVal(std::string_view name, std::optional<bool> defaultVal) const
+{
+    return longVal(name, defaultVal) != 0;
+}
+
+void Tweaks::print() const
+{
+    const MutexGuard guard(m_mutex);
+    std::vector<const Map::value_type*> listed;
+    for (const auto& entry : m_tweaks)
+    {
+        listed.push_back(&entry);
+    }
+    std::ranges::sort(listed, CaseInsensitiveLess(),
+                      [](const auto* entry) -> std::string_view { return entry->first; });
+    for (const auto* const entry : listed)
+    {
+        LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD)
+            << entry->first << "=" << entry->second.toString() << std::endl;
+    }
+    if (listed.empty())
+    {
+        LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD) << "tweaks are empty" << std::endl;
+    }
+}
