@@ -86,6 +86,7 @@ ScratchFolder::ScratchFolder()
 
 ScratchFolder::~ScratchFolder()
 {
+    fs::current_path(m_workingFolder);
     std::error_code ignored;
     fs::remove_all(toNative(m_path), ignored);
 }

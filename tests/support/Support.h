@@ -86,12 +86,16 @@ public:
     ScratchFolder& operator=(const ScratchFolder&) = delete;
     ~ScratchFolder();
 
+    /// Makes it the working folder for as long as it exists.
+    void enter() const { std::filesystem::current_path(native("")); }
+
     [[nodiscard]] std::string path(const std::string& name) const { return m_path + "\\" + name; }
     [[nodiscard]] std::filesystem::path native(const std::string& name) const;
     std::string write(const std::string& name, const std::string& content) const;
     [[nodiscard]] static std::string read(const std::string& path);
 
 private:
+    const std::filesystem::path m_workingFolder = std::filesystem::current_path();
     std::string m_path;
 };
 

@@ -72,7 +72,7 @@ protected:
 TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
 {
     folder.write("tweaks_extension.txt", "T_ENABLEMEMSHIELD = Off\nt_fileLoggerEnabled = 0\n");
-    std::filesystem::current_path(folder.native(""));
+    folder.enter();
     folder.write("program.exe.conf", "\t10.0.0.1  80\r\npeer\n\n90 ignored\n");
     dialogCalls.runDialog = [](ModuleHandle module, int dialogId, DialogProcedure procedure) -> std::intptr_t {
         EXPECT_TRUE(module == client && dialogId == 101);

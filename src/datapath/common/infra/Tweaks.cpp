@@ -172,7 +172,7 @@ void Tweaks::insert(const std::string& name, const std::string& valueText)
 {
     if (const char* const problem = Tweak::problemWith(valueText))
     {
-        explain(name, "has the value " + valueText + ", which " + problem + m_source);
+        explain(name, "has the value '" + valueText + "', which " + problem + m_source);
     }
     m_tweaks.emplace(name, valueText);
 }

@@ -1,7 +1,9 @@
 // Each process-wide service is the first thing that a fresh process uses.
 
+#include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Tweaks.h"
 #include "tests/support/Support.h"
 
 #include <gtest/gtest.h>
@@ -14,11 +16,16 @@ CHILD_SCENARIO(lineFirst) { LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
 CHILD_SCENARIO(clockFirst) { Timer::instance().getTimestampMs(); }
 CHILD_SCENARIO(reportFirst) { MemWatchedContainerDatabase::instance().printWatchedContainers(); }
 CHILD_SCENARIO(containerFirst) { const StlMemShiledContainer<std::set<int>> first("first"); }
+CHILD_SCENARIO(tweaksFirst) { Tweaks::instance().print(); }
+CHILD_SCENARIO(dynamicTweaksFirst) { DynamicTweaks::instance().refresh(); }
 CHILD_SCENARIO(misuseFirst) { MemWatchedContainerDatabase::instance().unregisterContainer(nullptr); }
 
 TEST(StartOrder, AnyServiceMayBeTheFirst)
 {
-    for (const char* const scenario : {"loggerFirst", "lineFirst", "clockFirst", "reportFirst", "containerFirst"})
+    const ScratchFolder folder;
+    folder.enter();
+    for (const char* const scenario : {"loggerFirst", "lineFirst", "clockFirst", "reportFirst", "containerFirst",
+                                       "tweaksFirst", "dynamicTweaksFirst"})
     {
         EXPECT_EQ(0, runChild(scenario).status) << scenario;
     }

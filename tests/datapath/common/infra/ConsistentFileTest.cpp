@@ -1,0 +1,140 @@
+#include "datapath/common/infra/ConsistentFile.h"
+
+#include "datapath/common/infra/Crc32.h"
+#include "datapath/common/infra/windows/Directories.h"
+#include "platform/Files.h"
+#include "tests/support/Support.h"
+
+#include <random>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using platform::ErrorNumber;
+
+TEST(Crc32, IsTheOneOfIeee8023HoweverTheBytesArrive)
+{
+    const auto crcOf = [](std::string_view bytes, std::size_t pieceSize) {
+        Crc32 crc;
+        for (; !bytes.empty(); bytes.remove_prefix(std::min(pieceSize, bytes.size())))
+        {
+            crc.update(bytes.substr(0, pieceSize));
+        }
+        return crc.value();
+    };
+    const std::string bytes32(32, '\xFF');
+    for (const std::size_t pieceSize : {1U, 3U, 8U, 9U, 100U})
+    {
+        EXPECT_EQ(0U, crcOf("", pieceSize));
+        EXPECT_EQ(0xE8B7'BE43U, crcOf("a", pieceSize));
+        EXPECT_EQ(0xCBF4'3926U, crcOf("123456789", pieceSize));
+        EXPECT_EQ(0x414F'A339U, crcOf("The quick brown fox jumps over the lazy dog", pieceSize));
+        EXPECT_EQ(0xFF6C'AB0BU, crcOf(bytes32, pieceSize));
+    }
+}
+
+class ConsistentFileTest : public testing::Test
+{
+protected:
+    /// Both files of a copy, the signature right for lines that each end with a line feed.
+    void write(int slot, const std::string& sequence, const std::string& text) const
+    {
+        Crc32 crc;
+        crc.update(text);
+        const std::string name = "file." + std::to_string(slot);
+        folder.write(name, text);
+        folder.write(name + ".sig", sequence + "\n" + std::to_string(crc.value()) + "\n");
+    }
+
+    const ScratchFolder folder;
+    CapturingClient* const client = new CapturingClient; // stays registered
+};
+
+TEST_F(ConsistentFileTest, TellsWhereTheNextCopyGoes)
+{
+    const auto nextOf = [](const ConsistentFile& file) {
+        return std::to_string(file.nextSlot()) + ":" + std::to_string(file.nextSequence());
+    };
+    const std::string path = folder.path("file");
+    EXPECT_EQ("0:1", nextOf(ConsistentFile(path)));
+    write(0, "4", "zero\n");
+    EXPECT_EQ("1:5", nextOf(ConsistentFile(path)));
+    write(1, "5", "one\n");
+    ConsistentFile file(path);
+    EXPECT_EQ("0:6", nextOf(file));
+    write(0, " \t+18446744073709551614 x", "newest\n");
+    std::ostringstream text;
+    EXPECT_EQ(RC_OK, file.load(text));
+    EXPECT_EQ("newest\n", text.str());
+    EXPECT_EQ("1:18446744073709551615", nextOf(file));
+    write(0, "x", "no number\n");
+    EXPECT_EQ(RC_OK, file.load(text));
+    EXPECT_EQ("newest\none\n", text.str());
+    EXPECT_EQ(path + ".1", file.dataFileName(1));
+    EXPECT_EQ(path + ".0.sig", file.signatureFileName(0));
+}
+
+int openings = 0;
+platform::OpenedFile (*realOpen)(const char*, platform::OpenMode) = nullptr;
+
+TEST_F(ConsistentFileTest, ACopyThatVanishesWhileItIsLoadedIsAnError)
+{
+    write(1, "1", "text\n");
+    ConsistentFile file(folder.path("file"));
+    realOpen = platform::fileCalls.openFile;
+    openings = 0;
+    const ScopedReplacement fifthOpeningFails(
+        platform::fileCalls.openFile, +[](const char* path, platform::OpenMode mode) {
+            return ++openings < 5 ? realOpen(path, mode)
+                                  : platform::OpenedFile{platform::FileHandle::Invalid, ErrorNumber::FileNotFound};
+        });
+    std::ostringstream text;
+    EXPECT_EQ(RC_ERROR, file.load(text));
+    EXPECT_EQ("", text.str());
+    EXPECT_EQ("Error,NON,ConsistentFile,load,Could not open file for read: " + folder.path("file.1"),
+              client->messages().back());
+}
+
+TEST_F(ConsistentFileTest, LoadsOfOneObjectDoNotMix)
+{
+    std::string lines;
+    for (int i = 0; i < 1000; ++i)
+    {
+        lines += std::to_string(i) + "\n";
+    }
+    write(0, "1", lines);
+    ConsistentFile file(folder.path("file"));
+    runInThreads(4, [&](int) {
+        std::ostringstream text;
+        EXPECT_EQ(RC_OK, file.load(text));
+        EXPECT_EQ(lines, text.str());
+    });
+}
+
+TEST(Directories, CreatesTheFolderAndItsParentButNoLongerChain)
+{
+    const ScratchFolder folder;
+    const CapturingClient client;
+    const LettingGo lettingGo;
+    Directories::ensureExists(folder.path("a\\b\\"));
+    Directories::ensureExists(folder.path("a\\b"));
+    Directories::ensureExists(folder.write("plain", "") + "\\");
+    EXPECT_TRUE(std::filesystem::is_directory(folder.native("a\\b")));
+    EXPECT_TRUE(client.messages().empty());
+
+    testing::internal::CaptureStderr();
+    const std::string path = folder.path("x\\y\\z");
+    Directories::ensureExists(path);
+    EXPECT_EQ("mkdir failed for parent " + folder.path("x\\y") + " and it does not exist\n",
+              testing::internal::GetCapturedStderr());
+    EXPECT_EQ("Assert,NON,Directories,ensureExists, datapath/common/infra/windows/Directories.cpp 48: "
+              "(*_errno()) == 17 failed. mkdir failed for dir " +
+                  path + " and it does not exist",
+              client.messages().at(0));
+    EXPECT_FALSE(std::filesystem::exists(folder.native("x")));
+}
+
+} // namespace

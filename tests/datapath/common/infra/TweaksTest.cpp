@@ -1,0 +1,265 @@
+#include "datapath/common/infra/Tweaks.h"
+
+#include "datapath/common/infra/DynamicTweaks.h"
+#include "datapath/common/infra/TweakCatalogue.h"
+#include "tests/support/Support.h"
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+/// A table of its own, read from the working folder.
+struct FreshTweaks : Tweaks
+{
+};
+
+class TweaksTest : public testing::Test
+{
+protected:
+    TweaksTest() { folder.enter(); }
+
+    /// What the work logs, up to the end of the process if it comes to that.
+    std::vector<std::string> messagesOf(const std::function<void()>& work) const
+    {
+        const auto before = static_cast<std::ptrdiff_t>(client->messages().size());
+        try
+        {
+            work();
+        }
+        catch (const ProcessEnded&)
+        {
+        }
+        const std::vector<std::string> messages = client->messages();
+        return {messages.begin() + before, messages.end()};
+    }
+
+    void expectAssertion(const std::string& methodAndCondition, int number, const std::function<void()>& work) const
+    {
+        EXPECT_EQ("Error,NON," + methodAndCondition + ") failed datapath/common/infra/Tweaks.cpp " +
+                      std::to_string(number),
+                  messagesOf(work).back());
+    }
+
+    const ScratchFolder folder;
+    const ScopedProcessEnd throwing;
+    CapturingClient* const client = new CapturingClient; // stays registered
+};
+
+using Messages = std::vector<std::string>;
+
+TEST_F(TweaksTest, ValueTextsBecomeIntegersOrStrings)
+{
+    const auto printed = [](const char* text) {
+        EXPECT_EQ(nullptr, Tweaks::Tweak::problemWith(text)) << text;
+        return Tweaks::Tweak(text).toString();
+    };
+    for (const char* const text : {"true", "Yes", "ON", "\"Enabled\"", "oK", "1", "0x1", "+1", "1.9", " \t01 2"})
+    {
+        EXPECT_EQ("1", printed(text)) << text;
+    }
+    for (const char* const text : {"FALSE", "no", "oFF", "\"disabled\"", "-0x10", "00x1"})
+    {
+        EXPECT_EQ("0", printed(text)) << text;
+    }
+    EXPECT_EQ("9223372036854775807", printed("0X7fffFFFFffffFFFF"));
+    EXPECT_EQ("-9223372036854775808", printed("-9223372036854775808"));
+    EXPECT_EQ("\"\"", printed("\"\""));
+    EXPECT_EQ("\"12\"", printed("\"12\""));
+    EXPECT_EQ("\" yes \"", printed("\" yes \""));
+    EXPECT_EQ("\"a\"b\"", printed("\"a\"b\""));
+    for (const char* const text : {"", " ", "yes!", "a = b", "0x", "0x0x", "--1", "9223372036854775808", "\x80"})
+    {
+        EXPECT_NE(nullptr, Tweaks::Tweak::problemWith(text)) << text;
+        expectAssertion("Tweaks::Tweak,Tweak,Assertion (false", 71, [=] { Tweaks::Tweak tweak(text); });
+    }
+    for (const char* const text : {"\"", "\"a", "\"yes\" "})
+    {
+        EXPECT_NE(nullptr, Tweaks::Tweak::problemWith(text)) << text;
+        expectAssertion("Tweaks::Tweak,Tweak,Assertion (val.length() > 1 && (val[val.length() -1] == '\"')", 32,
+                        [=] { Tweaks::Tweak tweak(text); });
+    }
+}
+
+TEST_F(TweaksTest, NumbersAreReadAsAStandardStreamReadsThem)
+{
+    std::mt19937 random(4);
+    constexpr std::string_view CHARACTERS = "0001279fFxX+- \t\v,.g";
+    for (int i = 0; i < 20'000; ++i)
+    {
+        std::string text = i % 2 == 0 ? "0x" : "";
+        for (auto length = random() % 22; length > 0; --length)
+        {
+            text += CHARACTERS[random() % CHARACTERS.size()];
+        }
+        const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+        std::istringstream stream(isHex ? text.substr(2) : text);
+        std::int64_t value = 0;
+        stream >> (isHex ? std::hex : std::dec) >> value;
+        ASSERT_EQ(stream.fail(), Tweaks::Tweak::problemWith(text) != nullptr) << text;
+        if (!stream.fail())
+        {
+            ASSERT_EQ(value, Tweaks::Tweak(text).longVal()) << text;
+        }
+    }
+}
+
+TEST_F(TweaksTest, UpdatesReplaceTheSpellingTellTheOldValueAndAreLogged)
+{
+    Tweaks& tweaks = Tweaks::instance();
+    DynamicTweaks::instance().refresh();
+    EXPECT_EQ((Messages{"Info,NON,Tweaks,update,Updating tweak:  name=t_a  val=5  ret= "}),
+              messagesOf([&] { EXPECT_EQ("", tweaks.update("t_a", "5")); }));
+    EXPECT_EQ((Messages{"Info,NON,Tweaks,update,Updating tweak:  name=T_A  val=\"x\"  ret=5 "}),
+              messagesOf([&] { EXPECT_EQ("5", tweaks.update("T_A", "\"x\"")); }));
+    EXPECT_EQ((Messages{"Info,NON,Tweaks,setDefaultValIfNotSet,default tweak added:  name=t_B  val=on  ret= "}),
+              messagesOf([&] { EXPECT_TRUE(tweaks.setDefaultValIfNotSet("t_B", "on")); }));
+    EXPECT_TRUE(messagesOf([&] { EXPECT_FALSE(tweaks.setDefaultValIfNotSet("t_a", "no value")); }).empty());
+    tweaks.update("t_aa", "0x10");
+    tweaks.update("t_", "1");
+    EXPECT_EQ((Messages{"Control,NON,Tweaks,print,t_=1", "Control,NON,Tweaks,print,T_A=\"x\"",
+                        "Control,NON,Tweaks,print,t_aa=16", "Control,NON,Tweaks,print,t_B=1"}),
+              messagesOf([&] { tweaks.print(); }));
+    for (const char* const name : {"T_", "t_a", "T_AA", "T_b"})
+    {
+        EXPECT_NE("", tweaks.update(name, ""));
+        EXPECT_EQ(9, tweaks.longVal(name, 9));
+    }
+    EXPECT_EQ(Messages{"Control,NON,Tweaks,print,tweaks are empty"}, messagesOf([&] { tweaks.print(); }));
+    expectAssertion("Tweaks::Tweak,Tweak,Assertion (false", 71, [&] { tweaks.setDefaultValIfNotSet("t_e", ""); });
+}
+
+TEST_F(TweaksTest, GettersCheckKindAndRange)
+{
+    FreshTweaks tweaks;
+    const auto set = [&](const char* text) -> Tweaks& { return (tweaks.update("t_x", text), tweaks); };
+    EXPECT_EQ(2147483647, set("2147483647").intVal("T_X"));
+    EXPECT_EQ(-2147483647, set("-2147483647").intVal("t_x"));
+    EXPECT_EQ(4294967295, set("0xFFFFFFFF").uintVal("t_x"));
+    EXPECT_TRUE(set("-3").boolVal("t_x"));
+    EXPECT_FALSE(set("0x0").boolVal("t_x", true));
+    EXPECT_EQ(-7, tweaks.intVal("t_missing", -7));
+    EXPECT_EQ(4294967295, tweaks.uintVal("t_missing", 4294967295));
+    EXPECT_TRUE(tweaks.boolVal("t_missing", true));
+
+    expectAssertion("Tweaks,intVal,Assertion (ival <= ((u32)-1) / 2", 524,
+                    [&] { return set("2147483648").intVal("t_x"); });
+    expectAssertion("Tweaks,intVal,Assertion (-1 * ival <= ((u32)-1) / 2", 525,
+                    [&] { return set("-2147483648").intVal("t_x"); });
+    expectAssertion("Tweaks,uintVal,Assertion (ival >= 0", 535, [&] { return set("-1").uintVal("t_x"); });
+    expectAssertion("Tweaks,uintVal,Assertion (ival <= ((u32)-1)", 536,
+                    [&] { return set("4294967296").uintVal("t_x"); });
+    set("\"s\"");
+    EXPECT_EQ(
+        (Messages{"Error,NON,Tweaks::Tweak,longVal,value is not int",
+                  "Error,NON,Tweaks::Tweak,longVal,Assertion (false) failed datapath/common/infra/Tweaks.cpp 123"}),
+        messagesOf([&] { EXPECT_TRUE(tweaks.boolVal("t_x")); }));
+    EXPECT_EQ((Messages{"Error,NON,Tweaks,longVal,tweak \"T_none\" not found",
+                        "Error,NON,Tweaks,longVal,Assertion (false) failed datapath/common/infra/Tweaks.cpp 497"}),
+              messagesOf([&] { EXPECT_EQ(0U, tweaks.uintVal("T_none")); }));
+}
+
+TEST_F(TweaksTest, ATextLeavesItsLinesAndIsAppliedOnlyWhileTheTableIsMade)
+{
+    folder.write("tweaks_extension.txt", "t_a = 3");
+    FreshTweaks tweaks;
+    EXPECT_EQ(3, tweaks.longVal("t_a"));
+    LettingGo lettingGo;
+    std::istringstream text("t_a = 1 ; first\nT_A=2;;\nno value\n t_a\t=\t1 \r\n;\n = x = y ;\r\n");
+    std::deque<TweakLine> lines;
+    const Messages messages = messagesOf([&] { tweaks.Tweaks::update(text, lines, false); });
+    EXPECT_EQ("Assert,NON,Tweaks,update, datapath/common/infra/Tweaks.cpp 228: isPeriodicUpdate || !m_isInitialized "
+              "failed. Trying to update non-periodically after initialization",
+              messages.at(0));
+    EXPECT_EQ("Error,NON,Tweaks,update,multiple definition for tweak \"t_a\"", messages.at(1));
+    EXPECT_EQ(2, tweaks.longVal("t_a"));
+    const auto fields = [&](std::size_t i) {
+        return lines[i].name + "|" + lines[i].valueText + "|" + lines[i].comment;
+    };
+    ASSERT_EQ(4U, lines.size());
+    EXPECT_EQ("t_a|1|Multiple definitions of this tweak, pick one.", fields(0));
+    EXPECT_EQ("T_A|2|;", fields(1));
+    EXPECT_EQ("t_a|1|Multiple definitions of this tweak, pick one.", fields(2));
+    EXPECT_EQ("|x = y|", fields(3));
+
+    std::istringstream twice("t_b=1\nt_b=1\n");
+    expectAssertion("Tweaks,update,Assertion (!strict", 244, [&] { tweaks.Tweaks::update(twice, true); });
+    std::istringstream bare("t_b\n");
+    expectAssertion("Tweaks,getTweaksFromStream,Assertion (false", 602,
+                    [&] { EXPECT_TRUE(Tweaks::getTweaksFromStream(bare, true).empty()); });
+}
+
+TEST_F(TweaksTest, DynamicMembersFollowTheTable)
+{
+    folder.write("tweaks_extension.txt", "t_KrnRestoreVerboseLogs = on\nt_deadlockCheckerIntervalSec = 61\n");
+    Tweaks& tweaks = Tweaks::instance();
+    const DynamicTweaks& dynamic = DynamicTweaks::instance();
+    EXPECT_TRUE(dynamic.krnBackupOrRestoreVerbose);
+    EXPECT_EQ(61, dynamic.t_deadlockCheckerIntervalSec);
+    tweaks.update("t_deadlockCheckerIntervalSec", "");
+    EXPECT_EQ(60, dynamic.t_deadlockCheckerIntervalSec);
+    EXPECT_EQ(900U, dynamic.t_defaultDlcTimeoutSec);
+    EXPECT_FALSE(dynamic.t_ActiveObjectVerboseLogs || dynamic.t_disableLogMemoryAllocationTracking);
+
+    const auto derived = [&] {
+        return std::array<bool, 5>{dynamic.krnBackupOrRestoreVerbose, dynamic.curlOrIoVerbose,
+                                   dynamic.streamReaderOrIoVerbose, dynamic.krnPorterOrIoVerbose,
+                                   dynamic.batchIoOrCloudOrIoVerbose};
+    };
+    tweaks.update("t_KrnRestoreVerboseLogs", "off");
+    const std::vector<std::pair<const char*, std::array<bool, 5>>> effects = {
+        {"t_IOVerboseLogs", {false, true, true, true, true}},
+        {"t_KrnBackupVerboseLogs", {true, false, false, false, false}},
+        {"t_httpCurlVerbose", {false, true, false, false, false}},
+        {"t_StreamReaderVerboseLogs", {false, false, true, false, false}},
+        {"t_KrnPorterVerboseLogs", {false, false, false, true, false}},
+        {"t_BatchIOVerboseLogs", {false, false, false, false, true}},
+        {"t_CloudVerboseLogs", {false, false, false, false, true}},
+    };
+    for (const auto& [name, effect] : effects)
+    {
+        tweaks.update(name, "on");
+        EXPECT_EQ(effect, derived()) << name;
+        tweaks.update(name, "");
+        EXPECT_EQ((std::array<bool, 5>{}), derived()) << name;
+    }
+    expectAssertion("Tweaks::Tweak,longVal,Assertion (false", 123, [&] { tweaks.update("t_IOVerboseLogs", "\"x\""); });
+}
+
+TEST_F(TweaksTest, ThreadsReadAndUpdateAtOnce)
+{
+    std::atomic<int> running = 4;
+    runInThreads(8, [&](int index) {
+        if (index % 2 == 0)
+        {
+            for (int i = 0; i < 200; ++i)
+            {
+                Tweaks::instance().update("t_defaultDlcTimeoutSec", std::to_string(900 + i % 2));
+                Tweaks::instance().setDefaultValIfNotSet("t_own" + std::to_string(index), "1");
+            }
+            --running;
+        }
+        while (running != 0)
+        {
+            EXPECT_EQ(900U, DynamicTweaks::instance().t_defaultDlcTimeoutSec & ~1U);
+            EXPECT_EQ(900U, Tweaks::instance().uintVal("T_DEFAULTDLCTIMEOUTSEC", 900) & ~1U);
+        }
+    });
+    EXPECT_EQ(Tweaks::instance().uintVal("t_defaultDlcTimeoutSec"), DynamicTweaks::instance().t_defaultDlcTimeoutSec);
+}
+
+TEST(TweakCatalogue, IsOrderedAndHoldsEachNameOnce)
+{
+    EXPECT_EQ(TweakCatalogue.end(),
+              std::ranges::adjacent_find(TweakCatalogue, std::ranges::greater_equal(), &TweakDescriptor::name));
+    const auto isDynamic = [](const TweakDescriptor& tweak) { return tweak.isDynamic; };
+    EXPECT_EQ(5, std::ranges::count_if(TweakCatalogue, isDynamic));
+    EXPECT_EQ(31U, TweakCatalogue.size());
+}
+
+} // namespace
