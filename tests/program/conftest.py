@@ -11,7 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from programs import Desktop, LinuxProgram, WindowsProgram, Wine
+from programs import Desktop, LinuxProgram, ShowTweaks, WindowsProgram, Wine
 
 TARGETS = ("linux", "windows")
 
@@ -29,8 +29,8 @@ def build_folder(config, target):
 
 
 def pytest_generate_tests(metafunc):
-    if "program" in metafunc.fixturenames:
-        metafunc.parametrize("program", [t for t in TARGETS if build_folder(metafunc.config, t)], indirect=True)
+    for fixture in {"program", "show_tweaks"} & set(metafunc.fixturenames):
+        metafunc.parametrize(fixture, [t for t in TARGETS if build_folder(metafunc.config, t)], indirect=True)
 
 
 def pytest_collection_modifyitems(config, items):
@@ -113,3 +113,10 @@ def windows_program(windows_build, tmp_path, desktop):
 def program(request):
     """The program of each target that was built."""
     return request.getfixturevalue(f"{request.param}_program")
+
+
+@pytest.fixture
+def show_tweaks(request, pytestconfig):
+    """The listing of the configuration, of each target that was built."""
+    wine = request.getfixturevalue("wine") if request.param == "windows" else None
+    return ShowTweaks(build_folder(pytestconfig, request.param), wine)

@@ -3,6 +3,7 @@
 import json
 import os
 import shutil
+import signal
 import subprocess
 import time
 from pathlib import Path
@@ -48,6 +49,8 @@ class Program:
 
 
 class LinuxProgram(Program):
+    ABNORMAL_END = -signal.SIGABRT
+
     def __init__(self, build, folder):
         super().__init__(build, folder, "TavroVssAgentGUI")
         self.agent_folder = str(folder)
@@ -68,6 +71,8 @@ class LinuxProgram(Program):
 
 
 class WindowsProgram(Program):
+    ABNORMAL_END = 3
+
     def __init__(self, build, folder, desktop):
         super().__init__(build, folder, "TavroVssAgentGUI.exe")
         self.agent_folder = "Z:" + str(folder).replace("/", "\\")
@@ -83,19 +88,36 @@ class WindowsProgram(Program):
             self.process.wait()
             wait_for(lambda: not self.desktop.dialog(), "the end of the window")
 
-    def start(self):
-        self.process = self.desktop.wine.start(self.path, self.folder, self.mark)
-        wait_for(lambda: (state := self.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
+    def start(self, **options):
+        """Returns with the dialog on the screen, or when the program has ended without one."""
+        self.process = self.desktop.wine.start(self.path, self.folder, self.mark, **options)
+        wait_for(lambda: self.process.poll() is not None or
+                 (state := self.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
         return self.desktop
 
     def exit_code(self):
         return self.process.wait(DEADLINE_SEC)
 
-    def submit(self, name):
+    def submit(self, name, **options):
         """Puts any name into the edit control, also one that the keyboard has no keys for."""
-        self.start().dialog(name)
-        self.desktop.press("Return")
+        if self.start(**options).dialog(name):
+            self.desktop.press("Return")
         return self.exit_code()
+
+
+class ShowTweaks:
+    """Lists the configuration that a folder holds."""
+
+    def __init__(self, build, wine):
+        self.wine = wine  # None on Linux
+        self.path = build / ("show_tweaks.exe" if wine else "show_tweaks")
+
+    def run(self, folder):
+        """The exit status, and what was written to standard output."""
+        with (self.wine.start(self.path, folder, stdout=subprocess.PIPE) if self.wine
+              else subprocess.Popen([self.path], cwd=folder, stdout=subprocess.PIPE)) as process:
+            output = process.communicate(timeout=DEADLINE_SEC)[0]
+        return process.returncode, output
 
 
 class Wine:
