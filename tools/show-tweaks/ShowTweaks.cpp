@@ -16,8 +16,10 @@ public:
 
 int main()
 {
+    std::ios::sync_with_stdio(false);
     static ConsoleClient client;
     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
     setAgentTweakDefaults();
+    static_cast<void>(Tweaks::instance().longVal("t_enableMemshield", 0)); // checked like the program does
     Tweaks::instance().print();
 }

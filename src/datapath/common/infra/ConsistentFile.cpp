@@ -5,7 +5,6 @@
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/TextLines.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <utility>
 

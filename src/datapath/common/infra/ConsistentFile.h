@@ -33,8 +33,9 @@ public:
     /// copy among those that exist, or when it cannot be opened any more. Any thread may call.
     [[nodiscard]] RcStatus load(std::ostream& text) EXCLUDES(m_mutex);
 
-    /// Sets latestSlot to the newest valid copy's number, or -1. RC_NOT_FOUND when no file exists,
-    /// RC_ERROR when none is valid. For one thread at a time.
+    /// Sets latestSlot to the number of the newest copy that matches its signature, or -1. RC_NOT_FOUND when
+    /// no file exists, RC_ERROR when no copy matches, or only one with the sequence number 0. Neither this nor
+    /// what follows may be called while a load runs.
     [[nodiscard]] RcStatus findLatestValidFileIndex(std::int32_t& latestSlot);
 
     [[nodiscard]] std::string dataFileName(std::int32_t slot) const;
@@ -45,8 +46,8 @@ public:
     [[nodiscard]] std::uint64_t nextSequence() const { return m_nextSequence; }
 
 private:
-    std::int32_t m_slotCount = 2;
-    std::string m_path;
+    const std::int32_t m_slotCount = 2;
+    const std::string m_path;
     std::int32_t m_nextSlot = 0;
     std::uint64_t m_nextSequence = 1;
     Mutex m_mutex; // lets one load run at a time; what log clients take is taken inside it

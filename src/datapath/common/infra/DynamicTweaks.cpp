@@ -3,6 +3,8 @@
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Tweaks.h"
 
+#include <string_view>
+
 namespace
 {
 
@@ -18,6 +20,17 @@ DynamicTweaks& DynamicTweaks::instance()
 }
 
 void DynamicTweaks::refresh()
+{
+    std::uint32_t begun = ++m_refreshes;
+    // What was read here may be older than what a refresh that began meanwhile has written already.
+    for (std::uint32_t covered = 0; covered != begun; begun = m_refreshes)
+    {
+        covered = begun;
+        readMembers();
+    }
+}
+
+void DynamicTweaks::readMembers()
 {
     t_ActiveObjectVerboseLogs = flag("t_ActiveObjectVerboseLogs");
     t_BatchIOVerboseLogs = flag("t_BatchIOVerboseLogs");

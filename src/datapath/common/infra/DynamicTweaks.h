@@ -4,7 +4,8 @@
 //
 //     if (DynamicTweaks::instance().t_IOVerboseLogs)
 //
-// The members hold what the table of tweaks held, or their default, when it last changed. They never
+// The members hold what the table of tweaks holds, or their default: a change of the table refreshes them
+// before it returns, and whichever of several changes at once comes last leaves them right. They never
 // move, so pointers to them may be kept. Any thread may read; each member is consistent in itself, not
 // with the others while a refresh runs.
 
@@ -62,4 +63,7 @@ public:
 
 private:
     DynamicTweaks() { refresh(); }
+    void readMembers();
+
+    std::atomic<std::uint32_t> m_refreshes = 0; // begun so far
 };

@@ -3,10 +3,7 @@
 namespace InputTextFileInternal
 {
 
-Buffer::Buffer(const std::string& path)
-    : m_file(platform::openFile(path.c_str(), platform::OpenMode::Read)), m_error(m_file.error)
-{
-}
+Buffer::Buffer(const std::string& path) : m_file(platform::openFile(path.c_str(), platform::OpenMode::Read)) {}
 
 Buffer::~Buffer()
 {
@@ -23,11 +20,7 @@ Buffer::int_type Buffer::underflow()
     {
         const std::size_t held = m_holdsCarriageReturn ? 1 : 0;
         m_characters[0] = '\r'; // overwritten unless one is held
-        const auto [bytes, error] = platform::readFile(m_file.handle, m_characters.data() + held, CHUNK);
-        if (error != platform::ErrorNumber::Success)
-        {
-            m_error = error;
-        }
+        const std::size_t bytes = platform::readFile(m_file.handle, m_characters.data() + held, CHUNK).bytes;
         if (bytes == 0)
         {
             m_holdsCarriageReturn = false;

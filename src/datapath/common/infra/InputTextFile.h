@@ -1,17 +1,18 @@
 #pragma once
 
-// A text file opened for reading, as an ordinary narrow stream. A carriage return before a line feed
-// disappears, on every target.
+// A text file opened for reading, as an ordinary narrow stream. On every target a carriage return before
+// a line feed disappears, and every other byte, 0x1A too, is a character of the text.
 //
 //     InputTextFile file(path);
 //     for (std::string line; std::getline(file, line);)
 //
-// A file that cannot be opened reads as an empty one in a failed state. Belongs to one thread at a
-// time.
+// A file that cannot be opened reads as an empty one in a failed state; a read error ends the text. Belongs to one
+// thread at a time.
 
 #include "platform/Files.h"
 
 #include <array>
+#include <cstddef>
 #include <istream>
 #include <streambuf>
 #include <string>
@@ -28,7 +29,6 @@ public:
     ~Buffer() override;
 
     [[nodiscard]] bool isOpen() const { return m_file.handle != platform::FileHandle::Invalid; }
-    [[nodiscard]] platform::ErrorNumber error() const { return m_error; }
 
 protected:
     int_type underflow() override;
@@ -41,7 +41,6 @@ private:
     std::size_t dropCarriageReturns(std::size_t length);
 
     platform::OpenedFile m_file;
-    platform::ErrorNumber m_error;
     bool m_holdsCarriageReturn = false;
     std::array<char, CHUNK + 1> m_characters; // one more for a carriage return held back
 };
@@ -61,7 +60,4 @@ public:
     explicit InputTextFile(const std::string& path);
 
     [[nodiscard]] bool isOpen() const { return buffer.isOpen(); }
-
-    /// Why the file could not be opened or read to its end; Success while all is well.
-    [[nodiscard]] platform::ErrorNumber error() const { return buffer.error(); }
 };

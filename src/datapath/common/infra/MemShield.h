@@ -12,5 +12,5 @@ public:
     static void setEnabled(bool isEnabled) { s_isEnabled = isEnabled; }
 
 private:
-    static constinit inline bool s_isEnabled = true;
+    static constinit inline bool s_isEnabled = true; // until the entry point has read the configuration
 };

@@ -7,12 +7,14 @@
 //     MemWatchedContainerDatabase::instance().printWatchedContainers();
 //
 // The container is used like the standard one, under whatever lock its owner has for it. A report
-// reads item counts without that lock, so a count may be a moment old, or that of a queue which is
-// just changing be off.
+// reads item counts without that lock: each change leaves the count where any thread can read it.
 
 #include "datapath/common/infra/Mutex.h"
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <set>
 #include <string>
 #include <utility>
@@ -79,5 +81,87 @@ public:
     StlMemShiledContainer& operator=(const StlMemShiledContainer&) = delete;
     ~StlMemShiledContainer() override { MemWatchedContainerDatabase::instance().unregisterContainer(this); }
 
-    [[nodiscard]] std::uint64_t itemCount() const override { return Container::size(); }
+    /// As of the last change by one of the functions below. Any thread may call.
+    [[nodiscard]] std::uint64_t itemCount() const override { return m_itemCount.load(std::memory_order_relaxed); }
+
+    // What changes the number of items, with the arguments and results that the container gives it.
+    decltype(auto) insert(auto&&... args)
+    {
+        return Recount(*this), Container::insert(std::forward<decltype(args)>(args)...);
+    }
+    template <class Item> decltype(auto) insert(std::initializer_list<Item> items)
+    {
+        return Recount(*this), Container::insert(items);
+    }
+    decltype(auto) insert_or_assign(auto&&... args)
+    {
+        return Recount(*this), Container::insert_or_assign(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) emplace(auto&&... args)
+    {
+        return Recount(*this), Container::emplace(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) emplace_hint(auto&&... args)
+    {
+        return Recount(*this), Container::emplace_hint(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) emplace_back(auto&&... args)
+    {
+        return Recount(*this), Container::emplace_back(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) emplace_front(auto&&... args)
+    {
+        return Recount(*this), Container::emplace_front(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) try_emplace(auto&&... args)
+    {
+        return Recount(*this), Container::try_emplace(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) push(auto&&... args)
+    {
+        return Recount(*this), Container::push(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) push_back(auto&&... args)
+    {
+        return Recount(*this), Container::push_back(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) push_front(auto&&... args)
+    {
+        return Recount(*this), Container::push_front(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) assign(auto&&... args)
+    {
+        return Recount(*this), Container::assign(std::forward<decltype(args)>(args)...);
+    }
+    void resize(std::size_t count) { return Recount(*this), Container::resize(count); }
+    decltype(auto) erase(auto&&... args)
+    {
+        return Recount(*this), Container::erase(std::forward<decltype(args)>(args)...);
+    }
+    decltype(auto) extract(auto&&... args)
+    {
+        return Recount(*this), Container::extract(std::forward<decltype(args)>(args)...);
+    }
+    void pop() { return Recount(*this), Container::pop(); }
+    void pop_back() { return Recount(*this), Container::pop_back(); }
+    void pop_front() { return Recount(*this), Container::pop_front(); }
+    void clear() { return Recount(*this), Container::clear(); }
+    decltype(auto) operator[](auto&& key)
+    {
+        return Recount(*this), Container::operator[](std::forward<decltype(key)>(key));
+    }
+
+private:
+    /// Leaves the count when the expression in which it stands is over.
+    struct Recount
+    {
+        explicit Recount(StlMemShiledContainer& container) : m_container(container) {}
+        Recount(const Recount&) = delete;
+        Recount& operator=(const Recount&) = delete;
+        ~Recount() { m_container.m_itemCount.store(m_container.size(), std::memory_order_relaxed); }
+
+        StlMemShiledContainer& m_container;
+    };
+
+    std::atomic<std::uint64_t> m_itemCount = 0;
 };

@@ -1,7 +1,7 @@
 #pragma once
 
 // The lines of a text, one at a time, as configuration files are read: at most 511 characters before
-// the line feed. A longer line ends the text; so does a read error.
+// the line feed. A longer line ends the text; so does a read error. A zero byte is a character.
 //
 //     TextLines lines(stream);
 //     while (const auto line = lines.next())
@@ -9,6 +9,7 @@
 // Belongs to one thread at a time; the stream must live as long.
 
 #include <array>
+#include <cstddef>
 #include <istream>
 #include <optional>
 #include <string_view>

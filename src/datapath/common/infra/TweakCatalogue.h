@@ -1,6 +1,6 @@
 #pragma once
 
-// Every tweak that this program's own code reads, with its type, in ascending byte order of the names.
+// The tweaks that this program's own code acts on, with their types, in ascending byte order of the names.
 // A constant of the program; nothing reads it at run time. docs/configuration.md says what each one does.
 
 #include <array>

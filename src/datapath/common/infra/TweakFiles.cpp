@@ -8,7 +8,7 @@
 
 #include <algorithm>
 #include <iostream>
-#include <set>
+#include <optional>
 #include <sstream>
 #include <unordered_set>
 #include <vector>
@@ -28,7 +28,7 @@ constexpr bool LENIENT = false;
 
 constexpr const char* CONSISTENT_FILE = "olm_tweaks\\\\tweaks.txt";
 constexpr const char* EXTENSION_FILE = "tweaks_extension.txt";
-// The folder and the name have always been joined this way, and then rightly; files exist in both places.
+// An old mistake left the separator out of one of these paths. Files exist in both places.
 constexpr const char* SURVIVING_FILE = "test_appdatatweaks_extension_upgrade_surviving.txt";
 constexpr const char* SURVIVING_FILE_IN_FOLDER = "test_appdata\\tweaks_extension_upgrade_surviving.txt";
 
@@ -58,24 +58,15 @@ Split splitAt(std::string_view text, char separator)
 }
 
 /// The names that more than one line defines, in the same spelling.
-std::set<std::string_view> repeatedNames(const std::deque<TweakLine>& lines)
+std::unordered_set<std::string_view> repeatedNames(const std::deque<TweakLine>& lines)
 {
-    // As a rule no two names share a hash, and none need be compared. That keeps large files fast.
-    std::vector<std::size_t> hashes(lines.size());
-    std::ranges::transform(lines, hashes.begin(), std::hash<std::string_view>(), &TweakLine::name);
-    std::ranges::sort(hashes);
-    if (std::ranges::adjacent_find(hashes) == hashes.end())
+    std::vector<std::string_view> names(lines.size());
+    std::ranges::transform(lines, names.begin(), &TweakLine::name);
+    std::ranges::sort(names);
+    std::unordered_set<std::string_view> repeated;
+    for (auto found = names.begin(); (found = std::ranges::adjacent_find(found, names.end())) != names.end(); ++found)
     {
-        return {};
-    }
-    std::unordered_set<std::string_view> seen;
-    std::set<std::string_view> repeated;
-    for (const TweakLine& line : lines)
-    {
-        if (!seen.insert(line.name).second)
-        {
-            repeated.insert(line.name);
-        }
+        repeated.insert(*found);
     }
     return repeated;
 }
@@ -115,7 +106,7 @@ void Tweaks::update(std::istream& stream, std::deque<TweakLine>& lines, bool str
     }
     lines = getTweaksFromStream(stream, strict);
     reserve(lines.size());
-    const std::set<std::string_view> repeated = repeatedNames(lines);
+    const std::unordered_set<std::string_view> repeated = repeatedNames(lines);
     for (TweakLine& line : lines)
     {
         if (!repeated.contains(line.name))
@@ -124,11 +115,12 @@ void Tweaks::update(std::istream& stream, std::deque<TweakLine>& lines, bool str
             continue;
         }
         const std::string report = "multiple definition for tweak \"" + line.name + "\"";
-        std::cout << report << '\n';
+        std::cout << report + "\n"; // in one piece, for where standard output has no buffer
         line.comment = "Multiple definitions of this tweak, pick one.";
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << report << std::endl;
         if (strict)
         {
+            std::cerr << report << " (in " << m_fileName << ")" << std::endl;
             failAssertion(LoggerId::NON, THIS_METHOD, PLACE_DEFINED_ONCE, "!strict");
         }
     }
@@ -150,8 +142,9 @@ bool Tweaks::updateFromFile(const std::string& path)
             << "Failed to open " << path << "while trying to update tweaks from it" << std::endl;
         return false;
     }
-    m_source = " (in " + path + ")";
+    m_fileName = path;
     update(file, LENIENT);
+    m_fileName.clear();
     return true;
 }
 
@@ -160,11 +153,13 @@ void Tweaks::loadFromFiles()
     std::stringstream text;
     if (ConsistentFile(CONSISTENT_FILE).load(text) != RC_OK)
     {
+        std::cerr << CONSISTENT_FILE << " has no valid copy" << std::endl;
         CheckFailure(LoggerId::NON, THIS_METHOD, PLACE_LOADED, "false")
             << "Could not load consistent tweak information" << std::endl;
     }
-    m_source = std::string(" (in ") + CONSISTENT_FILE + ")";
+    m_fileName = CONSISTENT_FILE;
     update(text, STRICT);
+    m_fileName.clear();
 
     if (!updateFromFile(EXTENSION_FILE))
     {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <charconv>
 #include <iostream>
@@ -83,10 +84,6 @@ std::optional<std::int64_t> numberOf(std::string_view text)
     return extractNumber(text, base);
 }
 
-bool isQuoted(std::string_view text) { return text.starts_with(QUOTE); }
-
-bool isQuotedWhole(std::string_view text) { return text.size() > 1 && text.ends_with(QUOTE); }
-
 /// For whoever started the program: a log may not exist yet.
 void explain(std::string_view name, std::string_view problem)
 {
@@ -95,45 +92,52 @@ void explain(std::string_view name, std::string_view problem)
 
 } // namespace
 
+struct Tweaks::Tweak::FailedCheck
+{
+    std::uint32_t number;
+    const char* condition;
+    const char* explanation;
+};
+
 Tweaks::Tweak::Tweak(std::string_view valueText)
 {
-    std::string_view text = valueText;
-    if (isQuoted(text))
+    if (const FailedCheck* const failed = read(valueText))
     {
-        if (!isQuotedWhole(text))
-        {
-            failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_QUOTES),
-                          "val.length() > 1 && (val[val.length() -1] == '\"')");
-        }
-        text = text.substr(1, text.size() - 2);
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(failed->number), failed->condition);
     }
+}
+
+const Tweaks::Tweak::FailedCheck* Tweaks::Tweak::read(std::string_view valueText)
+{
+    static constexpr FailedCheck QUOTES{NUMBER_QUOTES, "val.length() > 1 && (val[val.length() -1] == '\"')",
+                                        "has no closing double quote"};
+    static constexpr FailedCheck NUMBER{NUMBER_NOT_A_NUMBER, "false",
+                                        "is neither a boolean word nor a 64-bit number nor between double quotes"};
+    const bool isQuoted = valueText.starts_with(QUOTE);
+    if (isQuoted && (valueText.size() < 2 || !valueText.ends_with(QUOTE)))
+    {
+        return &QUOTES;
+    }
+    const std::string_view text = isQuoted ? valueText.substr(1, valueText.size() - 2) : valueText;
     std::optional<std::int64_t> number = booleanOf(text);
-    if (!number && isQuoted(valueText))
+    if (!number && isQuoted)
     {
         m_stringVal = text;
-        return;
+        return nullptr;
     }
     if (!number)
     {
         number = numberOf(text);
     }
-    if (!number)
-    {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_NOT_A_NUMBER), "false");
-    }
-    m_intVal = *number;
-    m_isInt = true;
+    m_isInt = number.has_value();
+    m_intVal = number.value_or(0);
+    return m_isInt ? nullptr : &NUMBER;
 }
 
 const char* Tweaks::Tweak::problemWith(std::string_view valueText)
 {
-    if (isQuoted(valueText))
-    {
-        return isQuotedWhole(valueText) ? nullptr : "has no closing double quote";
-    }
-    return booleanOf(valueText) || numberOf(valueText)
-               ? nullptr
-               : "is no boolean word, no number of 64 bits, and not between double quotes";
+    const FailedCheck* const failed = Tweak().read(valueText);
+    return failed == nullptr ? nullptr : failed->explanation;
 }
 
 std::int64_t Tweaks::Tweak::longVal() const
@@ -158,7 +162,6 @@ Tweaks::Tweaks()
     m_tweaks.max_load_factor(0.5F); // entries lie far apart: look at as few as possible
     Directories::ensureExists("test_appdata\\");
     loadFromFiles();
-    m_source.clear();
     m_isInitialized = true;
 }
 
@@ -172,7 +175,8 @@ void Tweaks::insert(const std::string& name, const std::string& valueText)
 {
     if (const char* const problem = Tweak::problemWith(valueText))
     {
-        explain(name, "has the value '" + valueText + "', which " + problem + m_source);
+        explain(name, "has the value '" + valueText + "', which " + problem +
+                          (m_fileName.empty() ? "" : " (in " + m_fileName + ")"));
     }
     m_tweaks.emplace(name, valueText);
 }

@@ -10,13 +10,15 @@
 // out of range ends the process, and so does a value text that cannot be read; what is wrong with it is
 // told on standard error.
 //
-// Any thread may call. Lines are logged under the table's lock, so log clients must not read tweaks. Code
-// that reads a tweak often reads a member of DynamicTweaks instead.
+// Any thread may call what is not said to be for the making of the table. Lines are logged under the table's
+// lock, so log clients must not read tweaks. Code that reads a tweak often reads a member of DynamicTweaks
+// instead.
 
 #include "datapath/common/infra/AsciiCase.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <iosfwd>
@@ -56,6 +58,12 @@ public:
         [[nodiscard]] std::string toString() const;
 
     private:
+        struct FailedCheck;
+
+        Tweak() = default;
+        /// Returns the check that the text fails, null if none.
+        const FailedCheck* read(std::string_view valueText);
+
         std::string m_stringVal; // empty for an integer
         std::int64_t m_intVal = 0;
         bool m_isInt = false;
@@ -71,6 +79,8 @@ public:
     /// Returns whether the tweak was missing and has been added.
     bool setDefaultValIfNotSet(const std::string& name, const std::string& valueText) EXCLUDES(m_mutex);
 
+    /// The value, or the default if the tweak is missing. Whatever is neither ends the process, and so does
+    /// what the narrower types below do not hold.
     [[nodiscard]] std::int64_t longVal(std::string_view name, std::optional<std::int64_t> defaultVal = {}) const
         EXCLUDES(m_mutex);
 
@@ -95,11 +105,11 @@ public:
     void update(std::istream& stream, std::deque<TweakLine>& lines, bool strict);
     void update(std::istream& stream, bool strict);
 
-    /// Applies a file, not strictly. Returns whether it could be opened.
+    /// Applies a file, not strictly, while the table is being made. Returns whether it could be opened.
     bool updateFromFile(const std::string& path);
 
 protected:
-    /// Reads the files. Tests make tables of their own.
+    /// Reads the files. A second table may be made, by tests; its changes refresh DynamicTweaks from the first.
     Tweaks();
     ~Tweaks() = default;
 
@@ -116,5 +126,5 @@ private:
     // Guards the table. What log clients take is taken inside it.
     mutable Mutex m_mutex;
     bool m_isInitialized = false;
-    std::string m_source; // what is being read while the table is made, for people
+    std::string m_fileName; // that is being read while the table is made, for people
 };

@@ -37,13 +37,12 @@ TEST(InputTextFile, CarriageReturnsBeforeLineFeedsDisappearWhereverAReadEnds)
     EXPECT_EQ(expected, readAll(path));
 }
 
-TEST(InputTextFile, FailuresEndTheTextAndAreNamed)
+TEST(InputTextFile, FailuresEndTheText)
 {
     const ScratchFolder folder;
     InputTextFile missing(folder.path("missing"));
     EXPECT_FALSE(missing.isOpen());
     EXPECT_TRUE(missing.fail());
-    EXPECT_EQ(ErrorNumber::FileNotFound, missing.error());
 
     const std::string path = folder.write("text", "one two");
     const ScopedReplacement failingRead(
@@ -53,7 +52,6 @@ TEST(InputTextFile, FailuresEndTheTextAndAreNamed)
     InputTextFile broken(path);
     std::string word;
     EXPECT_FALSE(broken >> word);
-    EXPECT_EQ(ErrorNumber::IoDevice, broken.error());
 }
 
 } // namespace
