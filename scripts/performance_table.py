@@ -3,20 +3,28 @@ import json
 import platform
 import sys
 
-# Benchmark: what it measures, its peer.
-ROWS = {
-    "logItem": ("one log line, built and dispatched", "peerOstringstream"),
-    "mutex": ("lock and unlock a Mutex", "peerMutex"),
-    "semaphore": ("hand a turn over and back, two Semaphores", "peerSemaphore"),
-    "trigger": ("hand a turn over and back, two Triggers", "peerSemaphore"),
-    "timestampMs": ("getTimestampMs", "peerSteadyClock"),
-    "lastTimestampMs": ("getLastTimestampMs_Inaccurate(true)", "peerSteadyClock"),
-}
+# Benchmark, what it measures ({} is its size), its peer.
+ROWS = [
+    ("logItem", "one log line, built and dispatched", "peerOstringstream"),
+    ("mutex", "lock and unlock a Mutex", "peerMutex"),
+    ("semaphore", "hand a turn over and back, two Semaphores", "peerSemaphore"),
+    ("trigger", "hand a turn over and back, two Triggers", "peerSemaphore"),
+    ("timestampMs", "getTimestampMs", "peerSteadyClock"),
+    ("lastTimestampMs", "getLastTimestampMs_Inaccurate(true)", "peerSteadyClock"),
+    ("longVal", "Tweaks::longVal among {}", "peerMap"),
+    ("longVal", "Tweaks::longVal among {}", "peerIniGet"),
+    ("loadTweaks", "load a tweak file of {} lines, one line", "peerIniLoad"),
+    ("dynamicTweak", "read a member of DynamicTweaks", "peerBool"),
+]
 PEERS = {
     "peerOstringstream": "the same text in a std::ostringstream",
     "peerMutex": "std::mutex",
     "peerSemaphore": "std::binary_semaphore",
     "peerSteadyClock": "std::chrono::steady_clock::now",
+    "peerMap": "std::map with a case-insensitive order, std::mutex",
+    "peerIniGet": "INIReader::GetInteger, which takes no lock",
+    "peerIniLoad": "INIReader",
+    "peerBool": "a global bool",
 }
 
 results = json.load(open(sys.argv[1]))
@@ -24,15 +32,26 @@ model = next((line.split(":")[1].strip() for line in open("/proc/cpuinfo") if li
 medians = {}
 for row in results["benchmarks"]:
     if row["aggregate_name"] == "median":
-        name = row["run_name"].split("/")[0]
-        medians[name, row["threads"]] = row["real_time"]
+        name, *arguments = row["run_name"].split("/")
+        size = int(arguments[0]) if arguments and arguments[0].isdigit() else 0
+        time = 1e9 / row["items_per_second"] if "items_per_second" in row else row["real_time"]
+        medians[name, size, row["threads"]] = time
+
+
+def growth(name, small, large):
+    return large / small * medians[name, large, 1] / medians[name, small, 1]
+
 
 print("# Performance\n")
 print("Written by `scripts/bench`: medians of 5 interleaved repetitions, ns of wall time an item, all threads together.\n")
 print(f"Machine: {model}, {results['context']['num_cpus']} processors, {platform.system()} {platform.machine()}.\n")
 print("| what | threads | ns | peer | ns | ratio |\n|---|---|---|---|---|---|")
-for name, (title, peer) in ROWS.items():
-    for (measured, threads), time in sorted(medians.items()):
+for name, title, peer in ROWS:
+    for (measured, size, threads), time in sorted(medians.items()):
         if measured == name:
-            peer_time = medians[peer, threads]
-            print(f"| {title} | {threads} | {time:.1f} | {PEERS[peer]} | {peer_time:.1f} | {time / peer_time:.2f} |")
+            peer_time = medians[peer, size, threads]
+            what = title.format(f"{size:,}")
+            print(f"| {what} | {threads} | {time:.1f} | {PEERS[peer]} | {peer_time:.1f} | {time / peer_time:.2f} |")
+small, large = sorted(size for name, size, _ in medians if name == "loadTweaks")
+print(f"\nLoading {large // small} times as many lines takes {growth('loadTweaks', small, large):.1f} times as long "
+      f"({PEERS['peerIniLoad']}: {growth('peerIniLoad', small, large):.1f} times).")
