@@ -16,4 +16,5 @@
 #define ACQUIRES(...) TAVRO_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASES(...) TAVRO_ANNOTATION(release_capability(__VA_ARGS__))
 #define EXCLUDES(...) TAVRO_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ASSERTS_HELD(...) TAVRO_ANNOTATION(assert_capability(__VA_ARGS__))
 #define REQUIRES(...) TAVRO_ANNOTATION(requires_capability(__VA_ARGS__))

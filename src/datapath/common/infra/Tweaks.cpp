@@ -4,6 +4,7 @@
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/windows/Directories.h"
+#include "platform/Threads.h"
 
 #include <algorithm>
 #include <array>
@@ -165,6 +166,18 @@ Tweaks::Tweaks()
     m_isInitialized = true;
 }
 
+Tweaks::LoggingGuard::LoggingGuard(const Tweaks& tweaks) : m_tweaks(tweaks)
+{
+    m_tweaks.m_mutex.lock();
+    m_tweaks.m_loggingThread.store(platform::currentThreadId(), std::memory_order_relaxed);
+}
+
+Tweaks::LoggingGuard::~LoggingGuard()
+{
+    m_tweaks.m_loggingThread.store(0, std::memory_order_relaxed);
+    m_tweaks.m_mutex.unlock();
+}
+
 void Tweaks::reserve(std::size_t more)
 {
     const MutexGuard guard(m_mutex);
@@ -185,7 +198,7 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
 {
     std::string replaced;
     {
-        const MutexGuard guard(m_mutex);
+        const LoggingGuard guard(*this);
         if (const auto found = m_tweaks.find(name); found != m_tweaks.end())
         {
             replaced = found->second.toString();
@@ -207,7 +220,7 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
 bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& valueText)
 {
     {
-        const MutexGuard guard(m_mutex);
+        const LoggingGuard guard(*this);
         if (m_tweaks.contains(name))
         {
             return false;
@@ -231,7 +244,18 @@ void Tweaks::notifyDynamicTweaks() const
 
 std::int64_t Tweaks::longVal(std::string_view name, std::optional<std::int64_t> defaultVal) const
 {
-    const MutexGuard guard(m_mutex);
+    if (const std::uint32_t thread = m_loggingThread.load(std::memory_order_relaxed);
+        thread != 0 && thread == platform::currentThreadId())
+    {
+        assertLocked();
+        return findLong(name, defaultVal);
+    }
+    const LoggingGuard guard(*this);
+    return findLong(name, defaultVal);
+}
+
+std::int64_t Tweaks::findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
+{
     if (const auto found = m_tweaks.find(name); found != m_tweaks.end())
     {
         if (!found->second.isInt())
@@ -242,9 +266,10 @@ std::int64_t Tweaks::longVal(std::string_view name, std::optional<std::int64_t> 
     }
     if (!defaultVal)
     {
+        static constexpr MethodText METHOD{"Tweaks::longVal", "Tweaks,longVal"};
         explain(name, "is needed and not set");
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "tweak \"" << name << "\" not found" << std::endl;
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_NO_VALUE), "false");
+        LogItem(LoggerId::NON, LogLevel::Error, METHOD) << "tweak \"" << name << "\" not found" << std::endl;
+        failAssertion(LoggerId::NON, METHOD, SourcePlace::numbered(NUMBER_NO_VALUE), "false");
     }
     return *defaultVal;
 }
@@ -290,7 +315,7 @@ bool Tweaks::boolVal(std::string_view name, std::optional<bool> defaultVal) cons
 
 void Tweaks::print() const
 {
-    const MutexGuard guard(m_mutex);
+    const LoggingGuard guard(*this);
     std::vector<const Map::value_type*> listed;
     for (const auto& entry : m_tweaks)
     {

@@ -11,13 +11,14 @@
 // told on standard error.
 //
 // Any thread may call what is not said to be for the making of the table. Lines are logged under the table's
-// lock, so log clients must not read tweaks. Code that reads a tweak often reads a member of DynamicTweaks
-// instead.
+// lock, so log clients must not change tweaks, and should not read them: a thread that does so while it logs
+// such a line is let through. Code that reads a tweak often reads a member of DynamicTweaks instead.
 
 #include "datapath/common/infra/AsciiCase.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -121,10 +122,28 @@ private:
     void reserve(std::size_t more) EXCLUDES(m_mutex);
     void insert(const std::string& name, const std::string& valueText) REQUIRES(m_mutex);
     void notifyDynamicTweaks() const EXCLUDES(m_mutex);
+    [[nodiscard]] std::int64_t findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
+        REQUIRES(m_mutex);
+
+    /// Locks the table and notes which thread has it, for as long as lines are logged under the lock.
+    class SCOPED_CAPABILITY LoggingGuard
+    {
+    public:
+        explicit LoggingGuard(const Tweaks& tweaks) ACQUIRES(tweaks.m_mutex);
+        LoggingGuard(const LoggingGuard&) = delete;
+        LoggingGuard& operator=(const LoggingGuard&) = delete;
+        ~LoggingGuard() RELEASES();
+
+    private:
+        const Tweaks& m_tweaks;
+    };
+
+    void assertLocked() const ASSERTS_HELD(m_mutex) {}
 
     StlMemShiledContainer<Map> m_tweaks GUARDED_BY(m_mutex){"Tweaks"};
     // Guards the table. What log clients take is taken inside it.
     mutable Mutex m_mutex;
+    mutable std::atomic<std::uint32_t> m_loggingThread = 0; // that has the lock and logs under it
     bool m_isInitialized = false;
     std::string m_fileName; // that is being read while the table is made, for people
 };
