@@ -2,6 +2,7 @@
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "tests/support/Support.h"
@@ -18,6 +19,7 @@ CHILD_SCENARIO(reportFirst) { MemWatchedContainerDatabase::instance().printWatch
 CHILD_SCENARIO(containerFirst) { const StlMemShiledContainer<std::set<int>> first("first"); }
 CHILD_SCENARIO(tweaksFirst) { Tweaks::instance().print(); }
 CHILD_SCENARIO(dynamicTweaksFirst) { DynamicTweaks::instance().refresh(); }
+CHILD_SCENARIO(memShieldFirst) { MemShield::instance().printAllocations(); }
 CHILD_SCENARIO(misuseFirst) { MemWatchedContainerDatabase::instance().unregisterContainer(nullptr); }
 
 TEST(StartOrder, AnyServiceMayBeTheFirst)
@@ -25,7 +27,7 @@ TEST(StartOrder, AnyServiceMayBeTheFirst)
     const ScratchFolder folder;
     folder.enter();
     for (const char* const scenario : {"loggerFirst", "lineFirst", "clockFirst", "reportFirst", "containerFirst",
-                                       "tweaksFirst", "dynamicTweaksFirst"})
+                                       "tweaksFirst", "memShieldFirst", "dynamicTweaksFirst"})
     {
         EXPECT_EQ(0, runChild(scenario).status) << scenario;
     }

@@ -1,6 +1,7 @@
 #include "datapath/common/infra/windows/ThreadWrapper.h"
 
 #include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/SystemHeapBytes.h"
 #include "datapath/common/infra/Timer.h"
 #include "platform/Random.h"
 #include "platform/Threads.h"
@@ -52,6 +53,7 @@ void ThreadWrapper::threadCallback(void* wrapper)
     Logger::instance().removeThreadName();
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "Ending ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
+    SystemHeapBytes::leaveShare();
 }
 
 void ThreadWrapper::registerThread()
