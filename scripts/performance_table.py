@@ -15,6 +15,9 @@ ROWS = [
     ("longVal", "Tweaks::longVal among {}", "peerIniGet"),
     ("loadTweaks", "load a tweak file of {} lines, one line", "peerIniLoad"),
     ("dynamicTweak", "read a member of DynamicTweaks", "peerBool"),
+    ("countedPairs", "allocate and release 100 bytes, counted", "peerPairs"),
+    ("countedUsedPairs", "the same, written and read between", "peerUsedPairs"),
+    ("guardedReplace", "replace one of {} guarded blocks", "peerReplace"),
 ]
 PEERS = {
     "peerOstringstream": "the same text in a std::ostringstream",
@@ -25,6 +28,9 @@ PEERS = {
     "peerIniGet": "INIReader::GetInteger, which takes no lock",
     "peerIniLoad": "INIReader",
     "peerBool": "a global bool",
+    "peerPairs": "new and delete",
+    "peerUsedPairs": "new and delete",
+    "peerReplace": "new and delete",
 }
 
 results = json.load(open(sys.argv[1]))
@@ -54,3 +60,9 @@ small, large = sorted(size for name, size in least if name == "loadTweaks")
 growth, peer_growth = (least[name, large] / least[name, small] for name in ("loadTweaks", "peerIniLoad"))
 print(f"\nLoading {large // small} times as many lines takes {growth:.1f} times as long "
       f"(INIReader: {peer_growth:.1f} times), each in its fastest repetition.")
+guarded, sanitized, checked, plain = map(float, sys.argv[2:])
+print(f"\nReplacing a random one of 10,000 blocks of 100 bytes: {guarded:.0f} ns guarded, {sanitized:.0f} ns with plain "
+      f"blocks under an address sanitizer, {checked:.0f} ns under valgrind's memcheck, {plain:.0f} ns by themselves.")
+small, large = (medians["guardedAmong", size, 1] for size in (1000, 1_000_000))
+print(f"\nA guarded block that comes and goes costs {small:.0f} ns beside 1,000 live ones and {large:.0f} ns beside "
+      "1,000,000.")
