@@ -21,13 +21,13 @@ DynamicTweaks& DynamicTweaks::instance()
 
 void DynamicTweaks::refresh()
 {
-    std::uint32_t begun = ++m_refreshes;
-    // What was read here may be older than what a refresh that began meanwhile has written already.
-    for (std::uint32_t covered = 0; covered != begun; begun = m_refreshes)
+    ++m_refreshes;
+    std::uint32_t covered = 0;
+    do
     {
-        covered = begun;
+        covered = m_refreshes;
         readMembers();
-    }
+    } while (covered != m_refreshes); // else a refresh that began meanwhile may have written newer values before
 }
 
 void DynamicTweaks::readMembers()
