@@ -41,10 +41,11 @@ TEST(HeapMemoryAllocationTracker, PausesAtTheBudgetUntilUsageIsDown)
     char* const twenty = tracker.allocate(20, justPaused);
     EXPECT_TRUE(twenty != nullptr);
     EXPECT_TRUE(client.messages().empty());
-    tracker.free(twenty, 101);
+    tracker.free(sixty, 60);
+    tracker.free(twenty, 41);
     EXPECT_EQ("Assert,NON,HeapMemoryAllocationTracker,free, datapath/common/infra/HeapMemoryAllocationTracker.cpp 39: "
               "usedBytesBeforeFree >= (u32)lengthBytes failed. <log> trying to free more than allocated "
-              "usedBytesBeforeFree=100  lengthBytes=101 ",
+              "usedBytesBeforeFree=40  lengthBytes=41 ",
               client.messages().at(0));
 }
 
