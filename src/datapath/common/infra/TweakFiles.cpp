@@ -7,6 +7,7 @@
 #include "datapath/common/infra/Tweaks.h"
 
 #include <algorithm>
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <sstream>
@@ -60,13 +61,23 @@ Split splitAt(std::string_view text, char separator)
 /// The names that more than one line defines, in the same spelling.
 std::unordered_set<std::string_view> repeatedNames(const std::deque<TweakLine>& lines)
 {
-    std::vector<std::string_view> names(lines.size());
-    std::ranges::transform(lines, names.begin(), &TweakLine::name);
-    std::ranges::sort(names);
-    std::unordered_set<std::string_view> repeated;
-    for (auto found = names.begin(); (found = std::ranges::adjacent_find(found, names.end())) != names.end(); ++found)
+    // As a rule no two names share a hash, and none need be compared: sorting names that lie all over the
+    // memory would make large files slow out of proportion.
+    std::vector<std::size_t> hashes(lines.size());
+    std::ranges::transform(lines, hashes.begin(), std::hash<std::string_view>(), &TweakLine::name);
+    std::ranges::sort(hashes);
+    if (std::ranges::adjacent_find(hashes) == hashes.end())
     {
-        repeated.insert(*found);
+        return {};
+    }
+    std::unordered_set<std::string_view> seen;
+    std::unordered_set<std::string_view> repeated;
+    for (const TweakLine& line : lines)
+    {
+        if (!seen.insert(line.name).second)
+        {
+            repeated.insert(line.name);
+        }
     }
     return repeated;
 }

@@ -160,7 +160,7 @@ Tweaks& Tweaks::instance()
 
 Tweaks::Tweaks()
 {
-    m_tweaks.max_load_factor(0.5F); // entries lie far apart: look at as few as possible
+    m_tweaks.max_load_factor(0.25F); // entries lie far apart: look at as few as possible
     Directories::ensureExists("test_appdata\\");
     loadFromFiles();
     m_isInitialized = true;
