@@ -13,6 +13,7 @@
 #include <charconv>
 #include <iostream>
 #include <limits>
+#include <sstream>
 #include <vector>
 
 namespace
@@ -93,52 +94,41 @@ void explain(std::string_view name, std::string_view problem)
 
 } // namespace
 
-struct Tweaks::Tweak::FailedCheck
+Tweaks::Tweak::Tweak(std::string_view valueText, std::string_view name, std::string_view fileName)
 {
-    std::uint32_t number;
-    const char* condition;
-    const char* explanation;
-};
-
-Tweaks::Tweak::Tweak(std::string_view valueText)
-{
-    if (const FailedCheck* const failed = read(valueText))
-    {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(failed->number), failed->condition);
-    }
-}
-
-const Tweaks::Tweak::FailedCheck* Tweaks::Tweak::read(std::string_view valueText)
-{
-    static constexpr FailedCheck QUOTES{NUMBER_QUOTES, "val.length() > 1 && (val[val.length() -1] == '\"')",
-                                        "has no closing double quote"};
-    static constexpr FailedCheck NUMBER{NUMBER_NOT_A_NUMBER, "false",
-                                        "is neither a boolean word nor a 64-bit number nor between double quotes"};
+    const MethodText& method = THIS_METHOD;
+    const auto fail = [&](std::uint32_t number, const char* condition, const char* problem) {
+        std::ostringstream text;
+        text << "has the value '" << valueText << "', which " << problem;
+        if (!fileName.empty())
+        {
+            text << " (in " << fileName << ")";
+        }
+        explain(name, text.str());
+        failAssertion(LoggerId::NON, method, SourcePlace::numbered(number), condition);
+    };
     const bool isQuoted = valueText.starts_with(QUOTE);
     if (isQuoted && (valueText.size() < 2 || !valueText.ends_with(QUOTE)))
     {
-        return &QUOTES;
+        fail(NUMBER_QUOTES, "val.length() > 1 && (val[val.length() -1] == '\"')", "has no closing double quote");
     }
     const std::string_view text = isQuoted ? valueText.substr(1, valueText.size() - 2) : valueText;
     std::optional<std::int64_t> number = booleanOf(text);
     if (!number && isQuoted)
     {
         m_stringVal = text;
-        return nullptr;
+        return;
     }
     if (!number)
     {
         number = numberOf(text);
     }
-    m_isInt = number.has_value();
-    m_intVal = number.value_or(0);
-    return m_isInt ? nullptr : &NUMBER;
-}
-
-const char* Tweaks::Tweak::problemWith(std::string_view valueText)
-{
-    const FailedCheck* const failed = Tweak().read(valueText);
-    return failed == nullptr ? nullptr : failed->explanation;
+    if (!number)
+    {
+        fail(NUMBER_NOT_A_NUMBER, "false", "is neither a boolean word nor a 64-bit number nor between double quotes");
+    }
+    m_intVal = *number;
+    m_isInt = true;
 }
 
 std::int64_t Tweaks::Tweak::longVal() const
@@ -184,16 +174,6 @@ void Tweaks::reserve(std::size_t more)
     m_tweaks.reserve(m_tweaks.size() + more);
 }
 
-void Tweaks::insert(const std::string& name, const std::string& valueText)
-{
-    if (const char* const problem = Tweak::problemWith(valueText))
-    {
-        explain(name, "has the value '" + valueText + "', which " + problem +
-                          (m_fileName.empty() ? "" : " (in " + m_fileName + ")"));
-    }
-    m_tweaks.emplace(name, valueText);
-}
-
 std::string Tweaks::update(const std::string& name, const std::string& valueText)
 {
     std::string replaced;
@@ -210,7 +190,7 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
                                                             << " ret=" << replaced << " " << std::endl;
         if (!valueText.empty())
         {
-            insert(name, valueText);
+            m_tweaks.emplace(name, Tweak(valueText, name, m_fileName));
         }
     }
     notifyDynamicTweaks();
@@ -228,7 +208,7 @@ bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& v
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "default tweak added:  name=" << name << " "
                                                             << " val=" << valueText << " "
                                                             << " ret= " << std::endl;
-        insert(name, valueText);
+        m_tweaks.emplace(name, Tweak(valueText, name, m_fileName));
     }
     notifyDynamicTweaks();
     return true;

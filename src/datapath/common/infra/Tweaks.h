@@ -44,11 +44,8 @@ public:
     {
     public:
         /// From a value text: a boolean word, a decimal or "0x" hexadecimal number, or a string between
-        /// double quotes. Anything else ends the process.
-        explicit Tweak(std::string_view valueText);
-
-        /// Why a value text cannot be read, for people; null if it can.
-        [[nodiscard]] static const char* problemWith(std::string_view valueText);
+        /// double quotes. Anything else ends the process, telling whose value it is and from which file.
+        explicit Tweak(std::string_view valueText, std::string_view name = {}, std::string_view fileName = {});
 
         [[nodiscard]] bool isInt() const { return m_isInt; }
 
@@ -59,12 +56,6 @@ public:
         [[nodiscard]] std::string toString() const;
 
     private:
-        struct FailedCheck;
-
-        Tweak() = default;
-        /// Returns the check that the text fails, null if none.
-        const FailedCheck* read(std::string_view valueText);
-
         std::string m_stringVal; // empty for an integer
         std::int64_t m_intVal = 0;
         bool m_isInt = false;
@@ -120,7 +111,6 @@ private:
 
     void loadFromFiles();
     void reserve(std::size_t more) EXCLUDES(m_mutex);
-    void insert(const std::string& name, const std::string& valueText) REQUIRES(m_mutex);
     void notifyDynamicTweaks() const EXCLUDES(m_mutex);
     [[nodiscard]] std::int64_t findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
         REQUIRES(m_mutex);

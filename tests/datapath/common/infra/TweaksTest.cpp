@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <random>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -55,10 +54,7 @@ using Messages = std::vector<std::string>;
 
 TEST_F(TweaksTest, ValueTextsBecomeIntegersOrStrings)
 {
-    const auto printed = [](const char* text) {
-        EXPECT_EQ(nullptr, Tweaks::Tweak::problemWith(text)) << text;
-        return Tweaks::Tweak(text).toString();
-    };
+    const auto printed = [](const char* text) { return Tweaks::Tweak(text).toString(); };
     for (const char* const text : {"true", "Yes", "ON", "\"Enabled\"", "oK", "1", "0x1", "+1", "1.9", " \t01 2"})
     {
         EXPECT_EQ("1", printed(text)) << text;
@@ -75,37 +71,12 @@ TEST_F(TweaksTest, ValueTextsBecomeIntegersOrStrings)
     EXPECT_EQ("\"a\"b\"", printed("\"a\"b\""));
     for (const char* const text : {"", " ", "yes!", "a = b", "0x", "0x0x", "--1", "9223372036854775808", "\x80"})
     {
-        EXPECT_NE(nullptr, Tweaks::Tweak::problemWith(text)) << text;
         expectAssertion("Tweaks::Tweak,Tweak,Assertion (false", 71, [=] { Tweaks::Tweak tweak(text); });
     }
     for (const char* const text : {"\"", "\"a", "\"yes\" "})
     {
-        EXPECT_NE(nullptr, Tweaks::Tweak::problemWith(text)) << text;
         expectAssertion("Tweaks::Tweak,Tweak,Assertion (val.length() > 1 && (val[val.length() -1] == '\"')", 32,
                         [=] { Tweaks::Tweak tweak(text); });
-    }
-}
-
-TEST_F(TweaksTest, NumbersAreReadAsAStandardStreamReadsThem)
-{
-    std::mt19937 random(4);
-    constexpr std::string_view CHARACTERS = "0001279fFxX+- \t\v,.g";
-    for (int i = 0; i < 20'000; ++i)
-    {
-        std::string text = i % 2 == 0 ? "0x" : "";
-        for (auto length = random() % 22; length > 0; --length)
-        {
-            text += CHARACTERS[random() % CHARACTERS.size()];
-        }
-        const bool isHex = text.starts_with("0x") || text.starts_with("0X");
-        std::istringstream stream(isHex ? text.substr(2) : text);
-        std::int64_t value = 0;
-        stream >> (isHex ? std::hex : std::dec) >> value;
-        ASSERT_EQ(stream.fail(), Tweaks::Tweak::problemWith(text) != nullptr) << text;
-        if (!stream.fail())
-        {
-            ASSERT_EQ(value, Tweaks::Tweak(text).longVal()) << text;
-        }
     }
 }
 
