@@ -106,9 +106,9 @@ std::string ScratchFolder::read(const std::string& path)
     return content.str();
 }
 
-std::map<std::string, void (*)()>& childScenarios()
+std::map<std::string, std::function<void()>>& childScenarios()
 {
-    static std::map<std::string, void (*)()> scenarios;
+    static std::map<std::string, std::function<void()>> scenarios;
     return scenarios;
 }
 
@@ -120,4 +120,37 @@ ChildResult runChild(const std::string& scenario)
     std::erase(text, '\r');
     fs::remove(output);
     return {status, text};
+}
+
+void expectAbnormalEnd(const ChildResult& child)
+{
+    EXPECT_TRUE(child.status == ABNORMAL_END_WINDOWS || child.status == ABNORMAL_END_POSIX) << child.status;
+}
+
+bool matches(std::string_view text, std::string_view pattern)
+{
+    const std::size_t literal = std::min(pattern.find_first_of("~#"), pattern.size());
+    if (!text.starts_with(pattern.substr(0, literal)))
+    {
+        return false;
+    }
+    text.remove_prefix(literal);
+    if (literal == pattern.size())
+    {
+        return text.empty();
+    }
+    const std::string_view rest = pattern.substr(literal + 1);
+    if (pattern[literal] == '#')
+    {
+        const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+        return digits > 0 && text[0] != '0' && matches(text.substr(digits), rest);
+    }
+    for (std::size_t taken = 0; taken <= text.size(); ++taken)
+    {
+        if (matches(text.substr(taken), rest))
+        {
+            return true;
+        }
+    }
+    return false;
 }

@@ -112,13 +112,18 @@ inline constexpr int ABNORMAL_END_POSIX = 128 + 6; // SIGABRT
 /// Runs a scenario, declared with CHILD_SCENARIO, in a fresh process.
 ChildResult runChild(const std::string& scenario);
 
+void expectAbnormalEnd(const ChildResult& child);
+
+/// Whether a text is as the pattern says, in which ~ stands for any text and # for a positive number.
+bool matches(std::string_view text, std::string_view pattern);
+
 /// A scenario for runChild: CHILD_SCENARIO(name) { ... }
 #define CHILD_SCENARIO(name)                                                                                           \
     static void name();                                                                                                \
     static const bool name##Registered = childScenarios().try_emplace(#name, name).second;                             \
     static void name()
 
-std::map<std::string, void (*)()>& childScenarios();
+std::map<std::string, std::function<void()>>& childScenarios();
 
 /// How many handles or descriptors this process has open.
 int openHandles();

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstring>
 #include <random>
-#include <regex>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -166,11 +165,9 @@ TEST(MemShieldHistory, ReleasedBlocksStayWithTheirRecords)
     EXPECT_EQ(0xFF, object[0]); // still there
     MemShield::instance().printRecentlyFreed();
     const std::string freed = client.messages().back();
-    EXPECT_TRUE(
-        std::regex_match(freed, std::regex("Info,NON,MemShield,printRecentlyFreed,Freed item mem =[0-9a-f]+ info= "
-                                           "info\\.m_size=2  info\\.m_file=maker\\.cpp  info\\.m_line=11  "
-                                           "it->second\\.m_freeTime=[1-9]\\d*  it->second\\.m_allocTime=[1-9]\\d*  "
-                                           "it->second\\.m_class=Thing ")))
+    EXPECT_TRUE(matches(freed, "Info,NON,MemShield,printRecentlyFreed,Freed item mem =~ info= info.m_size=2  "
+                               "info.m_file=maker.cpp  info.m_line=11  it->second.m_freeTime=#  "
+                               "it->second.m_allocTime=#  it->second.m_class=Thing "))
         << freed;
 }
 

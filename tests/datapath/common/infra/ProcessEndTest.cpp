@@ -20,11 +20,6 @@ public:
     void flush() override { std::cout << "flushed" << std::endl; }
 };
 
-void expectAbnormalEnd(const ChildResult& child)
-{
-    EXPECT_TRUE(child.status == ABNORMAL_END_WINDOWS || child.status == ABNORMAL_END_POSIX) << child.status;
-}
-
 CHILD_SCENARIO(assertLine)
 {
     std::atexit([] { std::cout << "exit handler" << std::endl; });
