@@ -96,7 +96,7 @@ void explain(std::string_view name, std::string_view problem)
 
 Tweaks::Tweak::Tweak(std::string_view valueText, std::string_view name, std::string_view fileName)
 {
-    const MethodText& method = THIS_METHOD;
+    const MethodText method = THIS_METHOD;
     const auto fail = [&](std::uint32_t number, const char* condition, const char* problem) {
         std::ostringstream text;
         text << "has the value '" << valueText << "', which " << problem;
