@@ -37,6 +37,13 @@ struct OpenedFile
     ErrorNumber error;
 };
 
+/// How long a file is.
+struct FileLength
+{
+    std::uint64_t bytes;
+    ErrorNumber error;
+};
+
 /// What a read or a write did. A read of 0 bytes without an error is the end of the file.
 struct Transfer
 {
@@ -61,6 +68,7 @@ struct FileCalls
     OpenedFile (*openFile)(const char* path, OpenMode mode);
     Transfer (*readFile)(FileHandle file, void* buffer, std::size_t size);
     Transfer (*writeFile)(FileHandle file, const void* bytes, std::size_t size);
+    FileLength (*lengthOfFile)(FileHandle file);
     ErrorNumber (*closeFile)(FileHandle file);
     ErrorNumber (*createFolder)(const char* path);
     int (*makeFolder)(const char* path);
@@ -89,6 +97,9 @@ extern FileCalls fileCalls;
 {
     return fileCalls.writeFile(file, bytes, size);
 }
+
+/// SetFilePointerEx to the end; lseek. Moves where a file that is open for reading is read next.
+[[nodiscard]] inline FileLength lengthOfFile(FileHandle file) { return fileCalls.lengthOfFile(file); }
 
 /// CloseHandle; close. The handle is gone also when this fails.
 inline ErrorNumber closeFile(FileHandle file) { return fileCalls.closeFile(file); }

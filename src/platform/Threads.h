@@ -66,6 +66,9 @@ inline void closeThread(ThreadHandle thread) { threadCalls.closeThread(thread); 
 /// system does not count.
 [[nodiscard]] inline std::uint64_t currentThreadCycles() { return threadCalls.currentThreadCycles(); }
 
+/// A moment's rest of a processor that looks again and again at what another one will change (x86's PAUSE).
+inline void relax() noexcept { __builtin_ia32_pause(); }
+
 /// Sleep; nanosleep. Not shortened by signals.
 inline void sleepMs(std::uint32_t durationMs) { threadCalls.sleepMs(durationMs); }
 

@@ -1,11 +1,16 @@
 #include "Agent/AgentCommon/AgentInitializer.h"
 
+#include "datapath/common/infra/FileLoggerClient.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "platform/Shell.h"
 
 #include <array>
+#include <iostream>
 
 namespace
 {
+
+constexpr std::uint32_t NUMBER_CLIENT_CREATED = 75;
 
 struct TweakDefault
 {
@@ -33,4 +38,27 @@ void setAgentTweakDefaults()
     {
         Tweaks::instance().setDefaultValIfNotSet(name, valueText);
     }
+}
+
+void initAgentLogger(const std::string& logFileName)
+{
+    using platform::ErrorNumber;
+    std::array<char, platform::PATH_BUFFER_SIZE> path{};
+    if (platform::commonAppDataFolder(path.data()) != 0)
+    {
+        return;
+    }
+    platform::appendToPath(path.data(), "Tavro");
+    const ErrorNumber error = platform::createFolder(path.data());
+    if (error != ErrorNumber::Success && error != ErrorNumber::AlreadyExists)
+    {
+        std::cout << "failed to create directory lastError=" << static_cast<std::uint32_t>(error) << " " << std::endl;
+        return;
+    }
+    platform::appendToPath(path.data(), "logs");
+    platform::appendToPath(path.data(), logFileName.c_str());
+    const auto maxMemoryMiB = static_cast<std::uint32_t>(Tweaks::instance().intVal("t_qlogMaxFiles"));
+    auto* const client = MemShield::create<FileLoggerClient>(
+        {"FileLoggerClient", SourcePlace::numbered(NUMBER_CLIENT_CREATED)}, path.data(), maxMemoryMiB, "");
+    Logger::instance().registerClient(client, Logger::ALL_LEVELS);
 }

@@ -2,6 +2,13 @@
 
 // The start-up steps that the programs of the agent family share. For the main thread, once each.
 
+#include <string>
+
 /// Registers the defaults of the agent family's tweaks; what a tweak file sets stays. Makes the table of
 /// tweaks and so reads its files.
 void setAgentTweakDefaults();
+
+/// Makes the program's log client, whose files lie in the folder Tavro\logs of the machine's application data, and
+/// registers it for all levels. Without that folder the program runs without a log; only one that cannot be
+/// created is reported, on standard output. To be called after setAgentTweakDefaults.
+void initAgentLogger(const std::string& logFileName);

@@ -11,8 +11,10 @@
 int wWinMain(platform::ModuleHandle instance, platform::ModuleHandle /*previousInstance*/, wchar_t* /*commandLine*/,
              int /*showCommand*/)
 {
+    const std::string logFileName = "TavroVssAgentGUI.exe.log";
     setAgentTweakDefaults();
     MemShield::setEnabled(Tweaks::instance().longVal("t_enableMemshield", 0) != 0);
+    initAgentLogger(logFileName);
     Tweaks::instance().print();
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Showing dialog..." << std::endl;

@@ -60,6 +60,13 @@ Transfer writeFile(FileHandle file, const void* bytes, std::size_t size)
     return toTransfer(TEMP_FAILURE_RETRY(write(toDescriptor(file), bytes, size)));
 }
 
+FileLength lengthOfFile(FileHandle file)
+{
+    const off_t end = lseek(toDescriptor(file), 0, SEEK_END);
+    return end < 0 ? FileLength{0, fromErrno(errno)}
+                   : FileLength{static_cast<std::uint64_t>(end), ErrorNumber::Success};
+}
+
 ErrorNumber closeFile(FileHandle file) { return fromErrno(errnoOf(close(toDescriptor(file)))); }
 
 int makeFolder(const char* path) { return errnoOf(mkdir(toNative(path).c_str(), FOLDER_PERMISSIONS)); }
@@ -137,6 +144,7 @@ platform::FileCalls platform::fileCalls = {
     .openFile = posix::openFile,
     .readFile = posix::readFile,
     .writeFile = posix::writeFile,
+    .lengthOfFile = posix::lengthOfFile,
     .closeFile = posix::closeFile,
     .createFolder = posix::createFolder,
     .makeFolder = posix::makeFolder,

@@ -41,6 +41,7 @@ public:
 
     void set() noexcept;
     using NativeSemaphore::wait;
+    using NativeSemaphore::waitFor;
 };
 
 } // namespace platform

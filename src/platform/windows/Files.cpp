@@ -48,6 +48,13 @@ Transfer writeFile(FileHandle file, const void* bytes, std::size_t size)
     return {written, error};
 }
 
+FileLength lengthOfFile(FileHandle file)
+{
+    LARGE_INTEGER end = {};
+    const ErrorNumber error = errorOf(SetFilePointerEx(toHandle(file), {}, &end, FILE_END));
+    return {static_cast<std::uint64_t>(end.QuadPart), error};
+}
+
 ErrorNumber closeFile(FileHandle file) { return errorOf(CloseHandle(toHandle(file))); }
 
 ErrorNumber createFolder(const char* path) { return errorOf(CreateDirectoryA(path, nullptr)); }
@@ -104,6 +111,7 @@ platform::FileCalls platform::fileCalls = {
     .openFile = windows::openFile,
     .readFile = windows::readFile,
     .writeFile = windows::writeFile,
+    .lengthOfFile = windows::lengthOfFile,
     .closeFile = windows::closeFile,
     .createFolder = windows::createFolder,
     .makeFolder = windows::makeFolder,

@@ -58,4 +58,9 @@ void NativeEvent::set() noexcept { SetEvent(m_handle); }
 
 void NativeEvent::wait() noexcept { WaitForSingleObject(m_handle, INFINITE); }
 
+bool NativeEvent::waitFor(std::uint32_t durationMs) noexcept
+{
+    return WaitForSingleObject(m_handle, durationMs) == WAIT_OBJECT_0;
+}
+
 } // namespace platform

@@ -36,6 +36,9 @@ public:
     void set() noexcept;
     void wait() noexcept;
 
+    /// Waits at most durationMs. Returns whether the event let it pass.
+    [[nodiscard]] bool waitFor(std::uint32_t durationMs) noexcept;
+
 private:
     void* m_handle;
 };

@@ -19,27 +19,60 @@ HeapMemoryAllocationTracker::HeapMemoryAllocationTracker(std::uint32_t maxBytes,
 {
 }
 
+bool HeapMemoryAllocationTracker::reserve(std::uint32_t length, bool& justPaused)
+{
+    static_assert(std::atomic<Usage>::is_always_lock_free);
+    Usage before = m_usage;
+    Usage after;
+    do
+    {
+        const bool isExceeded = before.bytes + length > m_maxBytes;
+        justPaused = before.isPaused == 0 && isExceeded;
+        if (before.isPaused != 0)
+        {
+            return false;
+        }
+        after = isExceeded ? Usage{before.bytes, 1} : Usage{before.bytes + length, 0};
+    } while (!m_usage.compare_exchange_weak(before, after));
+    return !justPaused;
+}
+
+void HeapMemoryAllocationTracker::reserveIgnoringLimit(std::uint32_t length)
+{
+    Usage before = m_usage;
+    while (!m_usage.compare_exchange_weak(before, {before.bytes + length, before.isPaused}))
+    {
+    }
+}
+
+void HeapMemoryAllocationTracker::free(std::uint32_t length)
+{
+    Usage before = m_usage;
+    Usage after;
+    do
+    {
+        after.bytes = before.bytes - length;
+        after.isPaused = after.bytes <= m_resumeBytes ? 0 : before.isPaused;
+    } while (!m_usage.compare_exchange_weak(before, after));
+    if (before.bytes < length)
+    {
+        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MUCH_FREED),
+                     "usedBytesBeforeFree >= (u32)lengthBytes")
+            << "<" << m_name << "> "
+            << "trying to free more than allocated"
+            << " usedBytesBeforeFree=" << before.bytes << " "
+            << " lengthBytes=" << length << " " << std::endl;
+    }
+}
+
 char* HeapMemoryAllocationTracker::allocate(std::uint32_t length, bool& justPaused)
 {
-    {
-        const MutexGuard guard(m_mutex);
-        justPaused = !m_paused && m_usedBytes + length > m_maxBytes;
-        m_paused = m_paused || justPaused;
-        if (m_paused)
-        {
-            return nullptr;
-        }
-        m_usedBytes += length;
-    }
-    return newBuffer(length);
+    return reserve(length, justPaused) ? newBuffer(length) : nullptr;
 }
 
 char* HeapMemoryAllocationTracker::allocateIgnoringLimit(std::uint32_t length)
 {
-    {
-        const MutexGuard guard(m_mutex);
-        m_usedBytes += length;
-    }
+    reserveIgnoringLimit(length);
     return newBuffer(length);
 }
 
@@ -52,20 +85,5 @@ char* HeapMemoryAllocationTracker::newBuffer(std::uint32_t length)
 void HeapMemoryAllocationTracker::free(char* buffer, std::uint32_t length)
 {
     MemShield::destroyArray(buffer, SourcePlace::numbered(NUMBER_RELEASED));
-    std::uint32_t usedBytesBeforeFree = 0;
-    {
-        const MutexGuard guard(m_mutex);
-        usedBytesBeforeFree = m_usedBytes;
-        m_usedBytes -= length;
-        m_paused = m_paused && m_usedBytes > m_resumeBytes;
-    }
-    if (usedBytesBeforeFree < length)
-    {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MUCH_FREED),
-                     "usedBytesBeforeFree >= (u32)lengthBytes")
-            << "<" << m_name << "> "
-            << "trying to free more than allocated"
-            << " usedBytesBeforeFree=" << usedBytesBeforeFree << " "
-            << " lengthBytes=" << length << " " << std::endl;
-    }
+    free(length);
 }

@@ -142,7 +142,7 @@ public:
     {
         return Recount(*this), Container::extract(std::forward<decltype(args)>(args)...);
     }
-    void pop() { return Recount(*this), Container::pop(); }
+    decltype(auto) pop() { return Recount(*this), Container::pop(); }
     void pop_back() { return Recount(*this), Container::pop_back(); }
     void pop_front() { return Recount(*this), Container::pop_front(); }
     void clear() { return Recount(*this), Container::clear(); }

@@ -8,6 +8,7 @@
 // it again before it has unlocked it.
 
 #include "datapath/common/infra/ThreadSafety.h"
+#include "platform/Threads.h"
 
 #include <mutex>
 
@@ -28,10 +29,31 @@ public:
     Mutex& operator=(const Mutex&) = delete;
 
     /// Waits for the mutex. Throws std::system_error if the system refuses.
-    void lock() ACQUIRES() override { m_mutex.lock(); }
+    void lock() ACQUIRES() override
+    {
+        if (!m_mutex.try_lock())
+        {
+            lockContended();
+        }
+    }
     void unlock() RELEASES() override { m_mutex.unlock(); }
 
 private:
+    /// Most locks are held for less time than falling asleep takes.
+    void lockContended()
+    {
+        constexpr int LOOKS = 100;
+        for (int look = 0; look < LOOKS; ++look)
+        {
+            platform::relax();
+            if (m_mutex.try_lock())
+            {
+                return;
+            }
+        }
+        m_mutex.lock();
+    }
+
     std::mutex m_mutex;
 };
 

@@ -5,6 +5,8 @@
 
 #include "platform/Sync.h"
 
+#include <cstdint>
+
 class Trigger
 {
 public:
@@ -15,6 +17,9 @@ public:
 
     void set() { m_event.set(); }
     void wait() { m_event.wait(); }
+
+    /// Waits at most timeoutMs. Returns whether it was let pass.
+    [[nodiscard]] bool waitFor(std::uint32_t timeoutMs) { return m_event.waitFor(timeoutMs); }
 
 private:
     platform::NativeEvent m_event;

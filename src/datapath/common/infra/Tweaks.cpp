@@ -2,6 +2,7 @@
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/NumberText.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/windows/Directories.h"
 #include "platform/Threads.h"
@@ -9,8 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cctype>
-#include <charconv>
 #include <iostream>
 #include <limits>
 #include <sstream>
@@ -46,38 +45,6 @@ std::optional<std::int64_t> booleanOf(std::string_view text)
         return 1;
     }
     return isOneOf(text, FALSE_WORDS) ? std::optional<std::int64_t>(0) : std::nullopt;
-}
-
-bool skipHexPrefix(std::string_view& text)
-{
-    const bool hasPrefix = text.starts_with("0x") || text.starts_with("0X");
-    text.remove_prefix(hasPrefix ? 2 : 0);
-    return hasPrefix;
-}
-
-/// As a standard stream extracts a number (std::num_get): blanks, a sign, in base 16 one more prefix,
-/// digits; what follows is ignored.
-std::optional<std::int64_t> extractNumber(std::string_view text, int base)
-{
-    const auto isBlank = [](unsigned char character) { return std::isspace(character) != 0; };
-    text.remove_prefix(static_cast<std::size_t>(std::ranges::find_if_not(text, isBlank) - text.begin()));
-    const bool isNegative = text.starts_with('-');
-    text.remove_prefix(isNegative || text.starts_with('+') ? 1 : 0);
-    if (base == 16)
-    {
-        skipHexPrefix(text);
-    }
-    std::uint64_t magnitude = 0;
-    if (std::from_chars(text.data(), text.data() + text.size(), magnitude, base).ec != std::errc())
-    {
-        return std::nullopt;
-    }
-    constexpr std::uint64_t LARGEST = std::numeric_limits<std::int64_t>::max();
-    if (magnitude > LARGEST + (isNegative ? 1 : 0))
-    {
-        return std::nullopt;
-    }
-    return static_cast<std::int64_t>(isNegative ? 0 - magnitude : magnitude);
 }
 
 std::optional<std::int64_t> numberOf(std::string_view text)

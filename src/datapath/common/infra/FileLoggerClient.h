@@ -1,0 +1,26 @@
+#pragma once
+
+// The log client that writes lines into a rotated file. Tweaks choose its modes when it is made.
+//
+//     Logger::instance().registerClient(new FileLoggerClient("C:\\logs\\app.log", 3, ""), Logger::ALL_LEVELS);
+//
+// Each run begins with two empty lines, a start line and the header of the columns. A client that could not open
+// its file, or that is switched off, takes lines and drops them.
+
+#include "datapath/common/infra/GenFileLogger.h"
+#include "datapath/common/infra/Log.h"
+
+class FileLoggerClient final : public LoggerClient, public GenFileLogger
+{
+public:
+    /// basePath: of the files, without ".txt". maxMemoryMiB: budget of the lines that wait to be written.
+    /// startInfo: a text for the start line.
+    FileLoggerClient(const std::string& basePath, std::uint32_t maxMemoryMiB, const std::string& startInfo);
+    ~FileLoggerClient() override { stopWriter(); }
+
+    void log(const std::string& line) override;
+
+    /// Waits until the system has every line taken so far. Gives up after t_OlmFlushFileMaxPeriodMs with a line
+    /// on standard error; 0 is no limit.
+    void flush() override;
+};

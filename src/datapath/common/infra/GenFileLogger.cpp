@@ -1,0 +1,340 @@
+#include "datapath/common/infra/GenFileLogger.h"
+
+#include "datapath/common/infra/Tweaks.h"
+#include "datapath/common/infra/UtcTimestamp.h"
+#include "platform/Threads.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iostream>
+#include <limits>
+
+namespace
+{
+
+constexpr std::uint32_t NUMBER_TRACKER_CREATED = 70;
+constexpr std::uint32_t NUMBER_TRACKER_RELEASED = 120;
+
+constexpr std::uint64_t MAX_FILE_LENGTH = 10'485'760;
+constexpr std::uint32_t NO_MEMORY_LIMIT = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t POLL_INTERVAL_MS = 1;
+constexpr std::uint32_t LINGER_MS = 1;
+constexpr std::size_t WAKING_BYTES = std::size_t{64} * 1024;
+
+std::string directoryOf(const std::string& path)
+{
+    const std::size_t backslash = path.rfind('\\');
+    if (backslash == std::string::npos)
+    {
+        return ".";
+    }
+    const std::size_t slash = path.rfind('/');
+    return path.substr(0, slash == std::string::npos ? backslash : std::max(slash, backslash));
+}
+
+HeapMemoryAllocationTracker* createTracker(std::uint32_t maxMemoryMiB, const std::string& name)
+{
+    const std::uint32_t percent = Tweaks::instance().uintVal("t_percentOfLoggerMemoryforMinimalThreshold", 80);
+    const std::uint32_t maxBytes = maxMemoryMiB == NO_MEMORY_LIMIT ? NO_MEMORY_LIMIT : maxMemoryMiB << 20U;
+    const double resumeBytes = std::min<double>(percent / 100.0 * maxBytes, NO_MEMORY_LIMIT);
+    return MemShield::create<HeapMemoryAllocationTracker>(
+        {"HeapMemoryAllocationTracker", SourcePlace::numbered(NUMBER_TRACKER_CREATED)}, maxBytes,
+        static_cast<std::uint32_t>(resumeBytes), DynamicTweaks::instance().t_disableLogMemoryAllocationTracking, name);
+}
+
+} // namespace
+
+GenFileLogger::GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB)
+    : GenFileLogger(path, maxMemoryMiB, Writer::NotStarted)
+{
+    startWriter();
+}
+
+GenFileLogger::GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB, Writer /*notStarted*/)
+    : m_basePath(path), m_directory(directoryOf(path)),
+      m_memoryTracker(nullptr, {SourcePlace::numbered(NUMBER_TRACKER_RELEASED)})
+{
+    const Tweaks& tweaks = Tweaks::instance();
+    m_flushMaxPeriodMs = tweaks.uintVal("t_OlmFlushFileMaxPeriodMs", 60'000);
+    m_memoryTracker.reset(createTracker(maxMemoryMiB, path));
+    m_maxFiles = static_cast<std::uint32_t>(tweaks.intVal("t_GenFileLoggerMaxFiles", 1000));
+    if (const std::int32_t maxFiles = tweaks.intVal("t_FileLoggerMaxFilesOverride", 0); maxFiles != 0)
+    {
+        m_maxFiles = static_cast<std::uint32_t>(maxFiles);
+    }
+    const platform::ErrorNumber error = platform::createFolder(m_directory.c_str());
+    if (error != platform::ErrorNumber::Success && error != platform::ErrorNumber::AlreadyExists)
+    {
+        std::cout << "Error creating directory (" << m_directory << ") for logs (rt=" << 0 << ")"
+                  << "GetLastError " << static_cast<std::uint32_t>(error) << std::endl;
+    }
+    const MutexGuard guard(m_fileMutex);
+    m_enabled = openLogFile();
+}
+
+GenFileLogger::~GenFileLogger()
+{
+    stopWriter();
+    writeQueue();
+}
+
+void GenFileLogger::startWriter()
+{
+    if (m_enabled)
+    {
+        m_isStarted = true;
+        open();
+        m_writerSignal.wait(); // the thread has logged its start: from here on it logs nothing of its own
+    }
+}
+
+void GenFileLogger::stopWriter()
+{
+    if (m_isStarted)
+    {
+        m_isStarted = false;
+        m_isStopping = true;
+        m_queueEvent.set();
+        m_writerSignal.wait();
+    }
+}
+
+void GenFileLogger::write(const char* data, std::uint32_t length)
+{
+    if (!m_enabled)
+    {
+        return;
+    }
+    if (m_flushEveryLine)
+    {
+        const MutexGuard guard(m_fileMutex);
+        writeText({data, length});
+        m_stream.flush();
+        return;
+    }
+    if (data == nullptr)
+    {
+        enqueue({});
+        return;
+    }
+    bool justPaused = false;
+    if (m_memoryTracker->isTrackingDisabled())
+    {
+        m_memoryTracker->reserveIgnoringLimit(length);
+    }
+    else if (!m_memoryTracker->reserve(length, justPaused))
+    {
+        if (justPaused)
+        {
+            pauseForMemory();
+        }
+        return;
+    }
+    if (length != 0)
+    {
+        enqueue({data, length});
+    }
+}
+
+void GenFileLogger::pauseForMemory()
+{
+    const std::string notice = std::string(UtcTimestamp(3).view()) + "," + m_basePath + "-pausing logger due to OOM\n";
+    const auto length = static_cast<std::uint32_t>(notice.size());
+    m_memoryTracker->reserveIgnoringLimit(length);
+    enqueue({notice.data(), length});
+    ++m_signalsToSkip;
+    enqueue({});
+}
+
+std::uint64_t GenFileLogger::enqueue(const LogItem& item)
+{
+    const bool isFlush = item.data == nullptr;
+    const std::string_view text(item.data, isFlush ? 0 : item.length);
+    for (LogQueue::Chunk chunk;; chunk = LogQueue::newChunk(text.size()))
+    {
+        bool wakes = false;
+        std::uint64_t flushesAsked = 0;
+        {
+            const MutexGuard guard(m_queueMutex);
+            if (!m_queue.push(text, chunk))
+            {
+                continue;
+            }
+            flushesAsked = m_flushesAsked += isFlush ? 1 : 0;
+            wakes =
+                m_writerWaits == WriterWaits::ForAnything || (m_writerWaits == WriterWaits::ForABlock && isUrgent());
+            if (wakes)
+            {
+                m_writerWaits = WriterWaits::No;
+            }
+        }
+        if (wakes)
+        {
+            m_queueEvent.set();
+        }
+        return flushesAsked;
+    }
+}
+
+bool GenFileLogger::waitForFlush(std::uint64_t request)
+{
+    const auto start = std::chrono::steady_clock::now();
+    const auto isLate = [&] {
+        return m_flushMaxPeriodMs != 0 &&
+               std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(m_flushMaxPeriodMs);
+    };
+    if (m_flushMaxPeriodMs == 0)
+    {
+        m_flushDone.wait();
+    }
+    else if (!m_flushDone.waitFor(m_flushMaxPeriodMs))
+    {
+        ++m_leftSignals;
+        return false;
+    }
+    // It may have been the signal of a thread that asked earlier. That thread gets ours, and there is nothing
+    // to wait on for the rest.
+    while (m_flushesDone < request)
+    {
+        if (takeLeftSignal())
+        {
+            ++m_signalsToSkip;
+            return true;
+        }
+        if (isLate())
+        {
+            return false;
+        }
+        platform::sleepMs(POLL_INTERVAL_MS);
+    }
+    return true;
+}
+
+bool GenFileLogger::takeLeftSignal()
+{
+    std::uint32_t left = m_leftSignals;
+    while (left != 0 && !m_leftSignals.compare_exchange_weak(left, left - 1))
+    {
+    }
+    return left != 0;
+}
+
+bool GenFileLogger::isWriter() const { return m_writerId == platform::currentThreadId(); }
+
+void GenFileLogger::run()
+{
+    m_writerId = platform::currentThreadId();
+    m_writerSignal.signal();
+    while (!m_isStopping)
+    {
+        m_queueEvent.wait();
+        do
+        {
+            writeBatch();
+        } while (isMoreToWrite());
+    }
+    writeQueue();
+    m_writerSignal.signal();
+}
+
+/// Waits a moment for more: while lines come in quick succession nobody has to wake the writer for each, and it
+/// does not take the queue's lock for each.
+bool GenFileLogger::isMoreToWrite()
+{
+    {
+        const MutexGuard guard(m_queueMutex);
+        if (isUrgent())
+        {
+            return true;
+        }
+        m_writerWaits = WriterWaits::ForABlock;
+    }
+    flushStream(); // nothing lies in memory while the writer waits
+    static_cast<void>(m_queueEvent.waitFor(LINGER_MS));
+    const MutexGuard guard(m_queueMutex);
+    m_writerWaits = m_queue.size() == 0 ? WriterWaits::ForAnything : WriterWaits::No;
+    return m_writerWaits == WriterWaits::No;
+}
+
+bool GenFileLogger::isUrgent() const { return m_queue.bytes() >= WAKING_BYTES || m_flushesAsked != m_flushesDone; }
+
+void GenFileLogger::writeQueue()
+{
+    while (writeBatch())
+    {
+    }
+    flushStream();
+}
+
+bool GenFileLogger::writeBatch()
+{
+    const LogQueue::Batch batch = nextBatch();
+    std::uint32_t length = 0;
+    {
+        const MutexGuard guard(m_fileMutex);
+        for (const std::string_view text : batch)
+        {
+            writeItem(text);
+            length += static_cast<std::uint32_t>(text.size());
+        }
+    }
+    // Without a lock: misuse of memory that is found here is logged, and a flush on this thread writes the queue.
+    const LogQueue::Chunk spent = removeBatch();
+    m_memoryTracker->free(length);
+    return !batch.empty();
+}
+
+void GenFileLogger::flushStream()
+{
+    const MutexGuard guard(m_fileMutex);
+    m_stream.flush();
+}
+
+LogQueue::Batch GenFileLogger::nextBatch()
+{
+    const MutexGuard guard(m_queueMutex);
+    return m_queue.front();
+}
+
+LogQueue::Chunk GenFileLogger::removeBatch()
+{
+    const MutexGuard guard(m_queueMutex);
+    return m_queue.pop();
+}
+
+void GenFileLogger::writeItem(std::string_view text)
+{
+    if (text.empty())
+    {
+        serveFlush();
+        return;
+    }
+    writeText(text);
+    if (m_asyncFlushEveryLine)
+    {
+        m_stream.flush();
+    }
+}
+
+void GenFileLogger::serveFlush()
+{
+    m_stream.flush();
+    ++m_flushesDone;
+    if (m_signalsToSkip != 0)
+    {
+        --m_signalsToSkip;
+    }
+    else
+    {
+        m_flushDone.signal();
+    }
+}
+
+void GenFileLogger::writeText(std::string_view text)
+{
+    if (m_stream.position() > MAX_FILE_LENGTH)
+    {
+        rotate();
+    }
+    m_stream.write(text);
+}

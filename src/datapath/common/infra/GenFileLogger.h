@@ -1,0 +1,134 @@
+#pragma once
+
+// Writes finished text into a log file that is rotated when it has grown past 10 MiB: the live file gets the
+// next number, and the oldest numbered files beyond a limit are removed.
+//
+//     GenFileLogger logger("C:\\logs\\app.log", 3);     // C:\logs\app.log.txt, at most 3 MiB wait in memory
+//     logger.write(line.data(), length);
+//
+// In the asynchronous mode the caller's bytes are copied into a queue and a thread of the logger's own writes
+// them; when the queue has used up its budget one notice goes to the file and text is dropped until enough of it has
+// been written. In the synchronous mode, the default, the calling thread writes and hands every piece to the system.
+// The modes are set by the owner before the first write.
+//
+// Any thread may write. The logger never reports its own failures to the Logger: they go to standard output and
+// standard error, and logging goes on. The destructor writes what is queued; no other thread may use the logger
+// by then.
+
+#include "datapath/common/infra/GuardedPtr.h"
+#include "datapath/common/infra/HeapMemoryAllocationTracker.h"
+#include "datapath/common/infra/LogFileStream.h"
+#include "datapath/common/infra/LogQueue.h"
+#include "datapath/common/infra/MemWatchedContainer.h"
+#include "datapath/common/infra/Semaphore.h"
+#include "datapath/common/infra/windows/ThreadWrapper.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class GenFileLogger : public ThreadWrapper
+{
+public:
+    /// Opens the live file, which is the path followed by ".txt", and starts the writer. The folder is created,
+    /// those above it are not. The budget of 4294967295 is 4 GiB; else it is taken modulo 4 GiB.
+    GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB);
+    ~GenFileLogger() override;
+
+    /// Null asks for a flush in the asynchronous mode. Nothing happens while the logger is not enabled.
+    void write(const char* data, std::uint32_t length) EXCLUDES(m_fileMutex, m_queueMutex);
+
+protected:
+    /// What the writer is to do: write the bytes, or without any, flush.
+    struct LogItem
+    {
+        const char* data = nullptr;
+        std::uint32_t length = 0;
+    };
+
+    /// For derived classes: they call startWriter when their own part exists, since the new thread asks for
+    /// the object's class, and stopWriter before it goes.
+    enum class Writer
+    {
+        NotStarted
+    };
+    GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB, Writer);
+
+    /// Returns when the writer is ready. Without an open file no thread is started.
+    void startWriter();
+
+    /// Returns when everything queued is written and the writer has ended.
+    void stopWriter();
+
+    /// Copies the bytes. Returns how many flushes have been asked for so far, this one included.
+    std::uint64_t enqueue(const LogItem& item) EXCLUDES(m_queueMutex);
+
+    /// Waits until that many flushes are done, at most m_flushMaxPeriodMs unless that is 0, and returns whether
+    /// they are. A wait that was given up leaves its signal behind: the next one ends at once.
+    [[nodiscard]] bool waitForFlush(std::uint64_t request);
+
+    /// Writes and flushes everything queued, on the writer's thread.
+    void writeQueue() EXCLUDES(m_fileMutex, m_queueMutex);
+
+    [[nodiscard]] bool isWriter() const;
+
+    // The files; all with the file lock held.
+    bool openLogFile() REQUIRES(m_fileMutex);
+    void rotate() REQUIRES(m_fileMutex);
+    [[nodiscard]] std::string rotatedFileName(std::int64_t number, bool isCompressed) const;
+    bool listLogDirectory(std::vector<std::string>& files) const;
+    [[nodiscard]] static std::int32_t fileNumber(std::string_view path, std::size_t baseLength);
+    static void removeLogFile(const std::string& path);
+    static void renameLogFile(const std::string& from, const std::string& to);
+
+    void run() override;
+
+    std::uint32_t m_maxFiles = 0;       // numbered files that are kept
+    std::atomic<bool> m_enabled = true; // false: writes are ignored
+    LogFileStream m_stream GUARDED_BY(m_fileMutex);
+    const std::string m_basePath;       // of all files, without ".txt"
+    const std::string m_directory;      // of all files
+    Mutex m_fileMutex;                  // guards the files; nothing is taken inside it
+    Semaphore m_flushDone{0};           // signalled after each flush that is waited for
+    bool m_compressOnRotate = false;    // numbered files are named as compressed ones
+    bool m_flushEveryLine = true;       // the synchronous mode
+    bool m_asyncFlushEveryLine = false; // the writer flushes after every item
+    Mutex m_queueMutex;                 // guards the queue; nothing is taken inside it
+    StlMemShiledContainer<LogQueue> m_queue GUARDED_BY(m_queueMutex){"FileLogger"};
+    Trigger m_queueEvent;                                    // set when the queue is no longer empty
+    GuardedPtr<HeapMemoryAllocationTracker> m_memoryTracker; // the budget of queued text
+    std::uint32_t m_flushMaxPeriodMs = 0;                    // longest wait for a flush; 0: no limit
+
+private:
+    /// What lets the writer go on.
+    enum class WriterWaits
+    {
+        No,         ///< it is at work
+        ForABlock,  ///< or a flush, and not for long
+        ForAnything ///< that is queued
+    };
+
+    void pauseForMemory();
+    [[nodiscard]] bool isMoreToWrite() EXCLUDES(m_fileMutex, m_queueMutex);
+    [[nodiscard]] bool isUrgent() const REQUIRES(m_queueMutex);
+    bool writeBatch() EXCLUDES(m_fileMutex, m_queueMutex);
+    void flushStream() EXCLUDES(m_fileMutex);
+    bool takeLeftSignal();
+    [[nodiscard]] LogQueue::Batch nextBatch() EXCLUDES(m_queueMutex);
+    [[nodiscard]] LogQueue::Chunk removeBatch() EXCLUDES(m_queueMutex);
+    void writeItem(std::string_view text) REQUIRES(m_fileMutex);
+    void serveFlush() REQUIRES(m_fileMutex);
+    void writeText(std::string_view text) REQUIRES(m_fileMutex);
+
+    WriterWaits m_writerWaits GUARDED_BY(m_queueMutex) = WriterWaits::ForAnything;
+    std::uint64_t m_flushesAsked GUARDED_BY(m_queueMutex) = 0;
+    std::atomic<std::uint64_t> m_flushesDone = 0;
+    std::atomic<std::uint32_t> m_leftSignals = 0;   // of m_flushDone, there or to come, whose waiters gave up
+    std::atomic<std::uint32_t> m_signalsToSkip = 0; // nobody will wait for them
+    std::atomic<std::uint32_t> m_writerId = 0;      // the writer's thread, 0 while there is none
+    std::atomic<bool> m_isStopping = false;
+    bool m_isStarted = false;
+    Semaphore m_writerSignal{0}; // signalled when the writer begins, and when it has ended
+};

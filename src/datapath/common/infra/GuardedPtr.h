@@ -1,0 +1,18 @@
+#pragma once
+
+// Owns an object of the guarded allocator and releases it with the place that the owner was given.
+//
+//     const GuardedPtr<Thing> thing(MemShield::create<Thing>(SITE), {RELEASE_PLACE});
+
+#include "datapath/common/infra/MemShield.h"
+
+#include <memory>
+
+struct GuardedDelete
+{
+    SourcePlace place;
+
+    template <class T> void operator()(T* object) const { MemShield::destroy(object, place); }
+};
+
+template <class T> using GuardedPtr = std::unique_ptr<T, GuardedDelete>;

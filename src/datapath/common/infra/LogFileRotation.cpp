@@ -1,0 +1,176 @@
+// The files of a GenFileLogger: their names, and how the live file becomes a numbered one.
+
+#include "datapath/common/infra/GenFileLogger.h"
+#include "datapath/common/infra/NumberText.h"
+
+#include <algorithm>
+#include <iomanip>
+#include <iostream>
+#include <limits>
+#include <sstream>
+#include <system_error>
+
+namespace
+{
+
+constexpr std::string_view TEXT_SUFFIX = ".txt";
+constexpr std::string_view COMPRESSED_SUFFIX = ".gz";
+constexpr std::int64_t FIRST_UNFILLED_NUMBER = 100'000;
+constexpr int FILLED_WIDTH = 6;
+
+std::string withSuffixes(std::string name, bool isCompressed)
+{
+    return name.append(TEXT_SUFFIX).append(isCompressed ? COMPRESSED_SUFFIX : "");
+}
+
+/// The C library's number and text.
+std::string described(int error) { return std::to_string(error) + "(" + std::generic_category().message(error) + ")"; }
+
+/// Numbered files, by which the oldest is removed for each one that is added.
+class NumberedFiles
+{
+public:
+    void add(std::int32_t number, const std::string& path) { m_files.push_back({number, path}); }
+
+    [[nodiscard]] std::int64_t nextNumber() const
+    {
+        return m_files.empty() ? 1 : std::int64_t{std::ranges::max_element(m_files, {}, &File::number)->number} + 1;
+    }
+
+    [[nodiscard]] bool isFull(std::uint32_t maxFiles) const { return !m_files.empty() && m_files.size() >= maxFiles; }
+
+    [[nodiscard]] std::string takeOldest()
+    {
+        const auto oldest = std::ranges::min_element(m_files, {}, &File::number);
+        std::string path = std::move(oldest->path);
+        m_files.erase(oldest);
+        return path;
+    }
+
+private:
+    struct File
+    {
+        std::int32_t number;
+        std::string path;
+    };
+
+    std::vector<File> m_files;
+};
+
+} // namespace
+
+bool GenFileLogger::openLogFile()
+{
+    if (m_stream.open(withSuffixes(m_basePath, false)))
+    {
+        return true;
+    }
+    std::cout << "failed to open logger file. going to work without logger" << std::endl;
+    return false;
+}
+
+void GenFileLogger::rotate()
+{
+    std::vector<std::string> files;
+    if (!listLogDirectory(files))
+    {
+        std::cerr << "failed to enumerate files" << std::endl;
+        return;
+    }
+    const std::string liveFile = withSuffixes(m_basePath, false);
+    const std::string compressedLiveFile = withSuffixes(m_basePath, true);
+    bool hasCompressedLiveFile = false;
+    NumberedFiles numbered;
+    for (const std::string& file : files)
+    {
+        if (file == compressedLiveFile)
+        {
+            hasCompressedLiveFile = true;
+        }
+        else if (file.starts_with(m_basePath) && file != liveFile)
+        {
+            numbered.add(fileNumber(file, m_basePath.size()), file);
+        }
+    }
+    std::int64_t next = numbered.nextNumber();
+    if (hasCompressedLiveFile)
+    {
+        renameLogFile(compressedLiveFile, rotatedFileName(next++, m_compressOnRotate));
+        if (numbered.isFull(m_maxFiles))
+        {
+            removeLogFile(numbered.takeOldest());
+        }
+    }
+    m_stream.close();
+    renameLogFile(liveFile, rotatedFileName(next, m_compressOnRotate));
+    if (numbered.isFull(m_maxFiles))
+    {
+        removeLogFile(numbered.takeOldest());
+    }
+    openLogFile();
+}
+
+std::string GenFileLogger::rotatedFileName(std::int64_t number, bool isCompressed) const
+{
+    std::ostringstream name;
+    name << m_basePath << std::setfill('0') << std::setw(number < FIRST_UNFILLED_NUMBER ? FILLED_WIDTH : 0) << number;
+    return withSuffixes(std::move(name).str(), isCompressed);
+}
+
+bool GenFileLogger::listLogDirectory(std::vector<std::string>& files) const
+{
+    using platform::ErrorNumber;
+    platform::FolderEntry entry;
+    const auto [walk, firstError] = platform::findFirstEntry(m_directory.c_str(), entry);
+    if (firstError != ErrorNumber::Success)
+    {
+        std::cerr << "FindFirstFile failed (" << static_cast<std::uint32_t>(firstError) << ")" << std::endl;
+        return false;
+    }
+    const std::string prefix = m_directory == "." ? "" : m_directory + "\\";
+    ErrorNumber error = firstError;
+    for (; error == ErrorNumber::Success; error = platform::findNextEntry(walk, entry))
+    {
+        if (!entry.isFolder)
+        {
+            files.push_back(prefix + entry.name);
+        }
+    }
+    platform::closeFolder(walk);
+    return error == ErrorNumber::NoMoreFiles;
+}
+
+std::int32_t GenFileLogger::fileNumber(std::string_view path, std::size_t baseLength)
+{
+    std::string_view tail = path.substr(baseLength);
+    tail = tail.substr(0, tail.find(TEXT_SUFFIX));
+    tail = tail.substr(0, tail.find(COMPRESSED_SUFFIX));
+    using Number = std::numeric_limits<std::int32_t>;
+    const std::int64_t number = extractNumber(tail, 10).value_or(0);
+    return number < Number::min() || number > Number::max() ? 0 : static_cast<std::int32_t>(number);
+}
+
+void GenFileLogger::removeLogFile(const std::string& path)
+{
+    if (!platform::pathExists(path.c_str()))
+    {
+        return;
+    }
+    if (const int error = platform::removeFile(path.c_str()); error != 0)
+    {
+        std::cerr << "Error removing file name=" << path << " err=" << described(error) << std::endl;
+    }
+}
+
+void GenFileLogger::renameLogFile(const std::string& from, const std::string& to)
+{
+    if (!platform::pathExists(from.c_str()))
+    {
+        return;
+    }
+    if (const int error = platform::renameFile(from.c_str(), to.c_str()); error != 0)
+    {
+        std::cerr << "Error renaming file orig=" << from << " target=" << to << " err=" << described(error)
+                  << std::endl;
+    }
+}

@@ -1,0 +1,100 @@
+#include "datapath/common/infra/LogFileStream.h"
+
+#include "platform/Text.h"
+
+bool LogFileStream::open(const std::string& path)
+{
+    close();
+    m_file = platform::openFile(path.c_str(), platform::OpenMode::Append).handle;
+    if (!isOpen())
+    {
+        return false;
+    }
+    m_length = 0;
+    updateLength();
+    return true;
+}
+
+std::optional<std::uint64_t> LogFileStream::position() const
+{
+    return isOpen() ? std::optional(m_length + m_block.size()) : std::nullopt;
+}
+
+void LogFileStream::write(std::string_view text)
+{
+    if (!isOpen())
+    {
+        return;
+    }
+    if (m_block.size() >= BLOCK_SIZE)
+    {
+        flush(); // failed before
+    }
+    if (m_block.size() >= BLOCK_SIZE)
+    {
+        return;
+    }
+    append(text);
+    if (m_block.size() >= BLOCK_SIZE)
+    {
+        flush();
+    }
+}
+
+void LogFileStream::append(std::string_view text)
+{
+    if constexpr (platform::LINE_END != "\n")
+    {
+        for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n'))
+        {
+            m_block.append(text, 0, end).append(platform::LINE_END);
+            text.remove_prefix(end + 1);
+        }
+    }
+    m_block.append(text);
+}
+
+void LogFileStream::flush()
+{
+    if (!isOpen() || m_block.empty())
+    {
+        return;
+    }
+    std::size_t written = 0;
+    while (written < m_block.size())
+    {
+        const platform::Transfer transfer =
+            platform::writeFile(m_file, m_block.data() + written, m_block.size() - written);
+        if (transfer.bytes == 0)
+        {
+            break;
+        }
+        written += transfer.bytes;
+    }
+    m_length += written;
+    updateLength();
+    m_block.erase(0, written);
+    if (m_block.capacity() > 2 * BLOCK_SIZE && m_block.size() < BLOCK_SIZE)
+    {
+        m_block.shrink_to_fit();
+    }
+}
+
+/// Others may have cut or extended the file.
+void LogFileStream::updateLength()
+{
+    if (const auto [bytes, error] = platform::lengthOfFile(m_file); error == platform::ErrorNumber::Success)
+    {
+        m_length = bytes;
+    }
+}
+
+void LogFileStream::close()
+{
+    if (isOpen())
+    {
+        flush();
+        platform::closeFile(m_file);
+        m_file = platform::FileHandle::Invalid;
+    }
+}

@@ -1,0 +1,53 @@
+#pragma once
+
+// The open log file: whole pieces of text, collected into blocks and appended with one system call a block.
+//
+//     LogFileStream stream;
+//     if (stream.open(path)) { stream.write("a line\n"); stream.flush(); }
+//
+// Line feeds are written as this system's text files end a line. Text that the system does not take, because the
+// disk is full for instance, is kept and offered again; beyond a block of it, new text is dropped, so that what
+// stands in the file stays in one piece. Not for several threads at once.
+
+#include "platform/Files.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+class LogFileStream
+{
+public:
+    LogFileStream() = default;
+    LogFileStream(const LogFileStream&) = delete;
+    LogFileStream& operator=(const LogFileStream&) = delete;
+    ~LogFileStream() { close(); }
+
+    /// Continues the file, or creates it. Returns whether it is open. Text that a file before this one did not
+    /// take goes first.
+    bool open(const std::string& path);
+
+    /// Where the next byte goes, in bytes from the start of the file; nothing while no file is open.
+    [[nodiscard]] std::optional<std::uint64_t> position() const;
+
+    /// Dropped while no file is open.
+    void write(std::string_view text);
+
+    /// Hands everything to the system.
+    void flush();
+
+    void close();
+
+private:
+    static constexpr std::size_t BLOCK_SIZE = std::size_t{64} * 1024;
+
+    [[nodiscard]] bool isOpen() const { return m_file != platform::FileHandle::Invalid; }
+    void append(std::string_view text);
+    void updateLength();
+
+    platform::FileHandle m_file = platform::FileHandle::Invalid;
+    std::uint64_t m_length = 0; // of the file
+    std::string m_block;        // what the file still lacks; a block, or one piece that is longer
+};

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <string_view>
+
+namespace platform
+{
+
+inline constexpr std::string_view LINE_END = "\n";
+
+} // namespace platform
