@@ -1,5 +1,6 @@
 #include "tests/support/Support.h"
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <sstream>
@@ -87,8 +88,14 @@ ScratchFolder::ScratchFolder()
 ScratchFolder::~ScratchFolder()
 {
     fs::current_path(m_workingFolder);
+    // One by one: with a file that is still open, remove_all does not end on Windows.
+    std::vector<fs::path> paths{toNative(m_path)};
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(paths.front()))
+    {
+        paths.push_back(entry.path());
+    }
     std::error_code ignored;
-    fs::remove_all(toNative(m_path), ignored);
+    std::for_each(paths.rbegin(), paths.rend(), [&](const fs::path& path) { fs::remove(path, ignored); });
 }
 
 std::filesystem::path ScratchFolder::native(const std::string& name) const { return toNative(path(name)); }
@@ -104,6 +111,20 @@ std::string ScratchFolder::read(const std::string& path)
     std::ostringstream content;
     content << std::ifstream(toNative(path), std::ios::binary).rdbuf();
     return content.str();
+}
+
+std::vector<std::string> ScratchFolder::files() const
+{
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(native("")))
+    {
+        if (entry.is_regular_file())
+        {
+            names.push_back(entry.path().filename().string());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 std::map<std::string, std::function<void()>>& childScenarios()

@@ -93,6 +93,8 @@ public:
     [[nodiscard]] std::filesystem::path native(const std::string& name) const;
     std::string write(const std::string& name, const std::string& content) const;
     [[nodiscard]] static std::string read(const std::string& path);
+    /// The names of its files, sorted.
+    [[nodiscard]] std::vector<std::string> files() const;
 
 private:
     const std::filesystem::path m_workingFolder = std::filesystem::current_path();

@@ -5,6 +5,7 @@
 #include "datapath/common/infra/MemShield.h"
 #include "platform/Entry.h"
 #include "platform/Process.h"
+#include "platform/Shell.h"
 #include "tests/support/Support.h"
 
 #include <algorithm>
@@ -22,6 +23,7 @@ constexpr std::uintptr_t EDIT_CHANGED = 0x0300U << 16U | 1002U;
 std::u16string editText;
 std::u16string startedCommandLine;
 std::string programPath;
+std::string appDataFolder;
 std::string calls;
 CapturingClient* client = nullptr;
 
@@ -33,6 +35,11 @@ protected:
         static CapturingClient capturing;
         client = &capturing;
         programPath = folder.path("program.exe");
+        appDataFolder = folder.path("");
+        shellCalls.commonAppDataFolder = [](char* buffer) {
+            std::strcpy(buffer, appDataFolder.c_str());
+            return 0;
+        };
         dialogCalls.endDialog = [](DialogHandle, std::intptr_t result) {
             calls += "end " + std::to_string(result) + ";";
             return true;
@@ -71,7 +78,7 @@ protected:
 
 TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
 {
-    folder.write("tweaks_extension.txt", "T_ENABLEMEMSHIELD = Off\nt_fileLoggerEnabled = 0\n");
+    folder.write("tweaks_extension.txt", "T_ENABLEMEMSHIELD = Off\nt_fileLoggerEnabled = 1\n");
     folder.enter();
     folder.write("program.exe.conf", "\t10.0.0.1  80\r\npeer\n\n90 ignored\n");
     dialogCalls.runDialog = [](ModuleHandle module, int dialogId, DialogProcedure procedure) -> std::intptr_t {
@@ -95,7 +102,7 @@ TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
     const auto start = std::ranges::find(messages, head + "wWinMain,Invoked.");
     const std::string listing = "Control,NON,Tweaks,print,";
     EXPECT_EQ((std::vector<std::string>{listing + "T_ENABLEMEMSHIELD=0", listing + "t_FileLoggerCompressOnRotate=1",
-                                        listing + "t_fileLoggerEnabled=0", listing + "t_qlogMaxFiles=3",
+                                        listing + "t_fileLoggerEnabled=1", listing + "t_qlogMaxFiles=3",
                                         listing + "t_requesterEventWaitForSharedMemoryReadTimeoutMsec=80000",
                                         listing + "t_requesterEventWaitForThawStartTimeoutMsec=9500",
                                         listing + "t_requesterQuiescedEventWaitTimeoutMsec=72000",
@@ -116,6 +123,33 @@ TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
         messages);
     EXPECT_EQ(4,
               client->flushes()); // of the Error lines about two missing tweak files and the agent, and the last of all
+
+    std::string logged = ScratchFolder::read(folder.path("Tavro\\logs\\TavroVssAgentGUI.exe.log.txt"));
+    std::erase(logged, '\r');
+    const std::vector<std::string> lines = client->lines();
+    std::string expected;
+    for (auto line = std::ranges::find_if(lines, [](const auto& text) { return text.find("Control") < 30; });
+         line != lines.end(); ++line)
+    {
+        expected += *line;
+    }
+    const std::string header = "time,level,thread,logger,method,message,exception\n";
+    EXPECT_EQ(header + expected, logged.substr(logged.find(header)));
+}
+
+TEST_F(CheckpointProgram, RunsWithoutALogWhereItsFolderCannotBe)
+{
+    folder.enter();
+    dialogCalls.runDialog = [](ModuleHandle, int, DialogProcedure) -> std::intptr_t { return 0; };
+    appDataFolder = folder.path("no\\such");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, wWinMain(nullptr, nullptr, nullptr, 0));
+    EXPECT_EQ("failed to create directory lastError=3 \n", testing::internal::GetCapturedStdout());
+
+    shellCalls.commonAppDataFolder = [](char* /*buffer*/) { return -1; };
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, wWinMain(nullptr, nullptr, nullptr, 0));
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
 }
 
 TEST_F(CheckpointProgram, MissingSettingsStayEmptyAndBytesAreWidenedOneByOne)

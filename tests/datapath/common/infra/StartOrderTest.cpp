@@ -1,6 +1,7 @@
 // Each process-wide service is the first thing that a fresh process uses.
 
 #include "datapath/common/infra/DynamicTweaks.h"
+#include "datapath/common/infra/FileLoggerClient.h"
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/Timer.h"
@@ -19,6 +20,7 @@ CHILD_SCENARIO(reportFirst) { MemWatchedContainerDatabase::instance().printWatch
 CHILD_SCENARIO(containerFirst) { const StlMemShiledContainer<std::set<int>> first("first"); }
 CHILD_SCENARIO(tweaksFirst) { Tweaks::instance().print(); }
 CHILD_SCENARIO(dynamicTweaksFirst) { DynamicTweaks::instance().refresh(); }
+CHILD_SCENARIO(logFileFirst) { FileLoggerClient("app.log", 3, "").log("line\n"); }
 CHILD_SCENARIO(memShieldFirst) { MemShield::instance().printAllocations(); }
 CHILD_SCENARIO(misuseFirst) { MemWatchedContainerDatabase::instance().unregisterContainer(nullptr); }
 
@@ -27,7 +29,7 @@ TEST(StartOrder, AnyServiceMayBeTheFirst)
     const ScratchFolder folder;
     folder.enter();
     for (const char* const scenario : {"loggerFirst", "lineFirst", "clockFirst", "reportFirst", "containerFirst",
-                                       "tweaksFirst", "memShieldFirst", "dynamicTweaksFirst"})
+                                       "tweaksFirst", "logFileFirst", "memShieldFirst", "dynamicTweaksFirst"})
     {
         EXPECT_EQ(0, runChild(scenario).status) << scenario;
     }

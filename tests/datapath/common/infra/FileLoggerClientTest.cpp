@@ -1,0 +1,324 @@
+// The file logger over real files: its queue, budget, flushes and modes, and what is in the file at the end.
+
+#include "datapath/common/infra/FileLoggerClient.h"
+#include "datapath/common/infra/LogItem.h"
+#include "platform/Text.h"
+#include "platform/Threads.h"
+#include "tests/support/Support.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+const auto writeFile = platform::fileCalls.writeFile;
+std::atomic<bool> isDiskHeldBack = false;
+std::atomic<std::size_t> diskRoom = SIZE_MAX; // bytes
+
+platform::Transfer writeWhenAllowed(platform::FileHandle file, const void* bytes, std::size_t size)
+{
+    while (isDiskHeldBack)
+    {
+        std::this_thread::yield();
+    }
+    const std::size_t taken = std::min(size, diskRoom.load());
+    if (taken == 0)
+    {
+        return {0, platform::ErrorNumber::AccessDenied};
+    }
+    diskRoom -= diskRoom == SIZE_MAX ? 0 : taken;
+    return writeFile(file, bytes, taken);
+}
+
+struct HeldBackDisk
+{
+    HeldBackDisk() { isDiskHeldBack = true; }
+    ~HeldBackDisk() { isDiskHeldBack = false; }
+};
+
+class FileLogger : public testing::Test
+{
+protected:
+    FileLogger()
+    {
+        MemShield::setEnabled(false);
+        folder.enter();
+    }
+
+    std::string text(const std::string& file = "app.log.txt") const
+    {
+        std::string text = ScratchFolder::read(folder.path(file));
+        std::erase(text, '\r');
+        return text;
+    }
+
+    ScratchFolder folder;
+    std::string base = folder.path("app.log");
+    ScopedReplacement<decltype(platform::fileCalls.writeFile)> replacedDisk{platform::fileCalls.writeFile,
+                                                                            writeWhenAllowed};
+};
+
+TEST_F(FileLogger, EachRunBeginsWithItsHeaderAndContinuesTheFile)
+{
+    for (const std::string info : {"", "second"})
+    {
+        FileLoggerClient client(base, 3, info);
+        client.log("line\n");
+        EXPECT_EQ("class FileLoggerClient", client.getTypeName());
+    }
+    const std::string start = "\n\n~-~-~ ~:~:~.~, -----------------Log Start---------------------- ";
+    const std::string rest = " ----------------------\ntime,level,thread,logger,method,message,exception\nline\n";
+    EXPECT_TRUE(matches(text(), start + rest + start + "second" + rest)) << text();
+    EXPECT_TRUE(ScratchFolder::read(base + ".txt").ends_with("line" + std::string(platform::LINE_END)));
+}
+
+TEST_F(FileLogger, LinesOfManyThreadsAreAllWrittenInEachThreadsOrder)
+{
+    constexpr int THREADS = 8;
+    constexpr int LINES = 200'000;
+    {
+        FileLoggerClient client(base, 4095U, "");
+        runInThreads(THREADS, [&](int thread) {
+            for (int line = 0; line < LINES; ++line)
+            {
+                client.log(std::to_string(thread) + "," + std::to_string(line) + ",some text of a line\n");
+            }
+        });
+    }
+    std::vector<int> next(THREADS);
+    std::vector<std::string> files = folder.files();
+    std::ranges::rotate(files, files.begin() + 1); // the live file is the last
+    EXPECT_LT(4U, files.size());
+    for (const std::string& file : files)
+    {
+        std::istringstream lines(text(file));
+        for (std::string line; std::getline(lines, line);)
+        {
+            unsigned thread = 0;
+            int number = 0;
+            if (std::sscanf(line.c_str(), "%u,%d,some", &thread, &number) == 2)
+            {
+                ASSERT_EQ(next.at(thread)++, number) << file;
+            }
+        }
+    }
+    EXPECT_EQ(std::vector<int>(THREADS, LINES), next);
+}
+
+TEST_F(FileLogger, BudgetPausesOnceDropsAndResumes)
+{
+    constexpr std::size_t BUDGET = 3U << 20U;
+    const std::string line = std::string(127, 'x') + "\n";
+    FileLoggerClient client(base, 3, "");
+    client.flush();
+    const std::uint64_t before = MemShield::systemHeapBytes();
+    {
+        const HeldBackDisk disk;
+        for (std::size_t bytes = 0; bytes < 2 * BUDGET; bytes += line.size())
+        {
+            client.log(line);
+        }
+        EXPECT_GE(BUDGET / 10 * 11, MemShield::systemHeapBytes() - before);
+    }
+    client.flush();
+    client.log("resumed\n");
+    client.flush();
+    const std::string written = text().substr(text().find("xxx"));
+    EXPECT_TRUE(matches(written.substr(written.find("x\n2") + 2),
+                        "~-~-~ ~:~:~.~," + base + "-pausing logger due to OOM\nresumed\n"));
+    const auto lines = static_cast<std::size_t>(std::ranges::count(written, '\n') - 2);
+    EXPECT_TRUE(lines >= BUDGET / line.size() && lines < BUDGET / line.size() + 1000) << lines;
+    EXPECT_EQ(before, MemShield::systemHeapBytes());
+}
+
+TEST_F(FileLogger, WithoutTrackingNothingIsDropped)
+{
+    folder.write("tweaks_extension.txt", "t_disableLogMemoryAllocationTracking = true\n");
+    {
+        FileLoggerClient client(base, 0, "");
+        client.log("");
+        client.log("line\n");
+    }
+    EXPECT_TRUE(text().ends_with("exception\nline\n"));
+}
+
+TEST_F(FileLogger, FlushGivesUpAfterItsLimitAndLeavesItsSignalToTheNext)
+{
+    folder.write("tweaks_extension.txt", "t_OlmFlushFileMaxPeriodMs = 50\n");
+    FileLoggerClient client(base, 3, "");
+    client.flush();
+    const std::string report = "Flush is not completed t_OlmFlushFileMaxPeriodMs=50 \n";
+    testing::internal::CaptureStderr();
+    {
+        const HeldBackDisk disk;
+        client.log("line\n");
+        client.flush();
+    }
+    EXPECT_EQ(report, testing::internal::GetCapturedStderr());
+    testing::internal::CaptureStderr();
+    while (!text().ends_with("line\n"))
+    {
+        std::this_thread::yield();
+    }
+    platform::sleepMs(50); // until the request is served
+    {
+        const HeldBackDisk disk;
+        client.log("next\n");
+        client.flush();
+        EXPECT_EQ("", testing::internal::GetCapturedStderr());
+        testing::internal::CaptureStderr();
+        client.flush();
+    }
+    EXPECT_EQ(report, testing::internal::GetCapturedStderr());
+}
+
+TEST_F(FileLogger, ErrorsOfManyThreadsAreInTheFileWhenTheCallReturns)
+{
+    auto* const client = new FileLoggerClient(base, 1, ""); // lives until the process ends
+    Logger::instance().registerClient(client, Logger::ALL_LEVELS);
+    client->log(std::string(2U << 20U, 'x') + "\n"); // pauses, which asks for a flush that nobody waits for
+    client->flush();
+    runInThreads(4, [&](int thread) {
+        for (int i = 0; i < 50; ++i)
+        {
+            const std::string message = "thread=" + std::to_string(thread) + " i=" + std::to_string(i);
+            LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << message << std::endl;
+            ASSERT_NE(std::string::npos, text().find(message + "\n"));
+        }
+    });
+}
+
+TEST_F(FileLogger, ModesAreChosenByTweaks)
+{
+    folder.write("tweaks_extension.txt", "t_FileLoggerFlushEveryLine = 1\n");
+    FileLoggerClient client(base, 0, "");
+    client.log("line\n");
+    EXPECT_TRUE(text().ends_with("exception\nline\n"));
+    client.flush(); // waits for nobody
+}
+
+TEST_F(FileLogger, SwitchedOffItOpensItsFileAndWritesNothing)
+{
+    folder.write("tweaks_extension.txt", "t_FileLoggerEnabled = off\n");
+    FileLoggerClient client(base, 3, "");
+    client.log("line\n");
+    client.flush();
+    EXPECT_EQ((std::vector<std::string>{"app.log.txt", "tweaks_extension.txt"}), folder.files());
+    EXPECT_EQ("", text());
+}
+
+TEST_F(FileLogger, WithoutAFileItGoesOn)
+{
+    testing::internal::CaptureStdout();
+    FileLoggerClient client(folder.path("no\\such\\app.log"), 3, "");
+    client.log("line\n");
+    client.flush();
+    EXPECT_EQ("Error creating directory (" + folder.path("no\\such") +
+                  ") for logs (rt=0)GetLastError 3\nfailed to open logger file. going to work without logger\n",
+              testing::internal::GetCapturedStdout());
+}
+
+TEST_F(FileLogger, AfterAFullDiskLinesAreWholeAgain)
+{
+    FileLoggerClient client(base, 3, "");
+    client.flush();
+    diskRoom = 100'000;
+    for (int i = 0; i < 10'000; ++i)
+    {
+        client.log("a line of twenty\n" + std::to_string(i) + "\n");
+    }
+    client.flush();
+    diskRoom = SIZE_MAX;
+    client.log("room again\n");
+    client.flush();
+    std::istringstream lines(text());
+    int next = 0;
+    for (std::string line, number; std::getline(lines, line);)
+    {
+        if (line == "a line of twenty" && std::getline(lines, number))
+        {
+            ASSERT_EQ(std::to_string(next++), number);
+        }
+    }
+    EXPECT_LT(5000, next); // what the disk took and one block more
+    EXPECT_TRUE(text().ends_with("room again\n"));
+}
+
+/// In a child process: every line goes to the file in the working folder.
+void logToFile(bool isGuarded)
+{
+    MemShield::setEnabled(isGuarded);
+    const std::string base = std::filesystem::current_path().string() + "\\app.log";
+    Logger::instance().registerClient(MemShield::create<FileLoggerClient>({"", SourcePlace::here()}, base, 4095U, ""),
+                                      Logger::ALL_LEVELS);
+}
+
+void logNumbers(int count)
+{
+    for (int i = 0; i < count; ++i)
+    {
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "i=" << i << " end" << std::endl;
+    }
+}
+
+CHILD_SCENARIO(assertBehindManyLines)
+{
+    logToFile(false);
+    logNumbers(10'000);
+    CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(1), "false") << "the end" << std::endl;
+}
+
+CHILD_SCENARIO(misuseBehindManyLines)
+{
+    logToFile(true);
+    logNumbers(10'000);
+    int ours = 0;
+    MemShield::instance().freeAndUnregister(&ours, SourcePlace::here());
+}
+
+CHILD_SCENARIO(killedWhileLogging)
+{
+    logToFile(false);
+    std::thread([] { logNumbers(10'000'000); }).detach();
+    std::thread([] { logNumbers(10'000'000); }).detach();
+    platform::sleepMs(20 + std::random_device()() % 50);
+    platform::endProcess();
+}
+
+TEST_F(FileLogger, WhatEndsTheProcessIsInTheFileBehindAllLines)
+{
+    expectAbnormalEnd(runChild("assertBehindManyLines"));
+    EXPECT_TRUE(matches(text().substr(text().find("i=9999 ")), "i=9999 end\n~,Assert,~ failed. the end\n"));
+    EXPECT_EQ(10'000 + 5, std::ranges::count(text(), '\n'));
+    std::filesystem::remove(folder.native("app.log.txt"));
+    expectAbnormalEnd(runChild("misuseBehindManyLines"));
+    EXPECT_TRUE(matches(text().substr(text().find("i=9999 ")), "i=9999 end\n~,NON,MemShield,~\n")) << text();
+}
+
+TEST_F(FileLogger, AKilledProcessLeavesWholeLines)
+{
+    for (int round = 0; round < 5; ++round)
+    {
+        expectAbnormalEnd(runChild("killedWhileLogging"));
+        const std::string all = text();
+        const std::size_t header = all.find("exception\n");
+        ASSERT_NE(std::string::npos, header);
+        std::istringstream lines(all.substr(header + 10, all.rfind('\n') - header - 9));
+        int count = 0;
+        for (std::string line; std::getline(lines, line); ++count)
+        {
+            ASSERT_TRUE(matches(line, "~-~-~,Info,~,NON,,logNumbers,i=~ end")) << line;
+        }
+        EXPECT_LT(0, count);
+        std::filesystem::remove(folder.native("app.log.txt"));
+    }
+}
+
+} // namespace

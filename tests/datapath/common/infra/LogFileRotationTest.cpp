@@ -1,0 +1,181 @@
+// When and how the live file becomes a numbered one, over real folders and over failing system calls.
+
+#include "datapath/common/infra/GenFileLogger.h"
+#include "tests/support/Support.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace platform;
+
+constexpr std::uint64_t LIMIT = 10'485'760; // bytes
+
+/// In the synchronous mode, so that a write is over when it returns.
+class SynchronousLogger : public GenFileLogger
+{
+public:
+    SynchronousLogger(const std::string& path, bool isCompressed, std::uint32_t maxFiles)
+        : GenFileLogger(path, 1, Writer::NotStarted)
+    {
+        m_compressOnRotate = isCompressed;
+        m_maxFiles = maxFiles;
+    }
+
+    void writeText(const std::string& text) { write(text.data(), static_cast<std::uint32_t>(text.size())); }
+};
+
+class LogFileRotation : public testing::Test
+{
+protected:
+    LogFileRotation()
+    {
+        std::filesystem::create_directory(folder.native("configuration"));
+        std::filesystem::current_path(folder.native("configuration"));
+    }
+
+    /// A live file of that length.
+    void makeLiveFile(std::uint64_t length) const
+    {
+        folder.write("log.txt", "old\n");
+        std::filesystem::resize_file(folder.native("log.txt"), length);
+    }
+
+    /// The files beside the live one that a rotation leaves, each with the start of its name cut off.
+    std::string afterRotation(const std::vector<std::string>& before, std::uint32_t maxFiles, bool isCompressed = false)
+    {
+        for (const std::string& name : folder.files())
+        {
+            std::filesystem::remove(folder.native(name));
+        }
+        for (const std::string& name : before)
+        {
+            folder.write("log" + name, "numbered");
+        }
+        makeLiveFile(LIMIT + 1);
+        SynchronousLogger(folder.path("log"), isCompressed, maxFiles).writeText("new\n");
+        EXPECT_EQ("new", ScratchFolder::read(folder.path("log.txt")).substr(0, 3));
+        std::string after;
+        for (const std::string& name : folder.files())
+        {
+            after += name == "log.txt" ? "" : name.substr(3) + " ";
+        }
+        return after;
+    }
+
+    ScratchFolder folder;
+};
+
+TEST_F(LogFileRotation, NumbersGoOnAndTheOldestFileGoes)
+{
+    EXPECT_EQ("000001.txt ", afterRotation({}, 1000));
+    EXPECT_EQ("000001.txt.gz ", afterRotation({}, 1000, true));
+    EXPECT_EQ("000007.txt 000012.txt.gz 000013.txt ", afterRotation({"000003.txt", "000007.txt", "000012.txt.gz"}, 3));
+    EXPECT_EQ("000007.txt 000008.txt ", afterRotation({"000007.txt"}, 2));
+    EXPECT_EQ("000008.txt ", afterRotation({"000007.txt"}, 1));
+    EXPECT_EQ("000001.txt ", afterRotation({}, 0));
+    EXPECT_EQ("000008.txt ", afterRotation({"000007.txt"}, 0));
+    EXPECT_EQ("000005.txt 000006.txt ", afterRotation({"000005.txt"}, 0xFFFF'FFFF));
+    EXPECT_EQ("099999.txt 100000.txt ", afterRotation({"099999.txt"}, 5));
+    EXPECT_EQ("100000.txt 100001.txt ", afterRotation({"099999.txt", "100000.txt"}, 2));
+    EXPECT_EQ("1234567.txt 1234568.txt ", afterRotation({"1234567.txt"}, 5));
+}
+
+TEST_F(LogFileRotation, ACompressedLiveFileIsNumberedFirst)
+{
+    EXPECT_EQ("000002.txt 000003.txt.gz 000004.txt.gz ",
+              afterRotation({".txt.gz", "000001.txt", "000002.txt"}, 2, true));
+    EXPECT_EQ("000003.txt 000004.txt ", afterRotation({".txt.gz", "000001.txt", "000002.txt"}, 1));
+}
+
+TEST_F(LogFileRotation, NamesThatOnlyLookLikeOursCountAsTheOldest)
+{
+    EXPECT_EQ("000004.txt 000005.txt ", afterRotation({".txt.old", "000004.txt"}, 2));
+    EXPECT_EQ(" 12x.txt -3.txt 000013.txt ", afterRotation({"-3.txt", " 12x.txt"}, 3));
+    EXPECT_EQ("000001.txt 99999999999.txt ", afterRotation({"99999999999.txt"}, 3));
+    std::filesystem::create_directory(folder.native("log000900.txt"));
+    folder.write("LOG000950.txt", "");
+    folder.write("lo", "");
+    makeLiveFile(LIMIT + 1);
+    SynchronousLogger(folder.path("log"), false, 1).writeText("new\n");
+    const std::vector<std::string> files = folder.files();
+    EXPECT_TRUE(std::ranges::count(files, "log000001.txt") == 1 && std::ranges::count(files, "lo") == 1);
+}
+
+TEST_F(LogFileRotation, AFileIsFullWhenItHasPassedTheLimit)
+{
+    makeLiveFile(LIMIT);
+    SynchronousLogger logger(folder.path("log"), false, 1000);
+    logger.writeText("appended\n");
+    EXPECT_EQ(std::vector<std::string>{"log.txt"}, folder.files());
+    logger.writeText("new\n");
+    EXPECT_EQ((std::vector<std::string>{"log.txt", "log000001.txt"}), folder.files());
+    EXPECT_TRUE(ScratchFolder::read(folder.path("log000001.txt")).find("appended") != std::string::npos);
+}
+
+TEST_F(LogFileRotation, WhateverFailsIsReportedAndTriedAgain)
+{
+    const std::string live = folder.path("log.txt");
+    const auto lengthAfterWrite = [&](SynchronousLogger& logger) {
+        logger.writeText("x");
+        return std::filesystem::file_size(folder.native("log.txt")) - LIMIT;
+    };
+    folder.write("log000004.txt", "");
+    makeLiveFile(LIMIT + 1);
+    SynchronousLogger logger(folder.path("log"), false, 1);
+    testing::internal::CaptureStderr();
+    {
+        const ScopedReplacement broken(
+            fileCalls.findFirstEntry, +[](const char*, FolderEntry&) {
+                return OpenedFolder{FolderHandle::Invalid, ErrorNumber::AccessDenied};
+            });
+        EXPECT_EQ(2U, lengthAfterWrite(logger));
+    }
+    {
+        const ScopedReplacement broken(
+            fileCalls.findNextEntry, +[](FolderHandle, FolderEntry&) { return ErrorNumber::AccessDenied; });
+        EXPECT_EQ(3U, lengthAfterWrite(logger));
+    }
+    {
+        const ScopedReplacement renameFails(
+            fileCalls.renameFile, +[](const char*, const char*) { return 17; });
+        const ScopedReplacement removeFails(
+            fileCalls.removeFile, +[](const char*) { return 13; });
+        EXPECT_EQ(4U, lengthAfterWrite(logger));
+    }
+    const std::string exists = std::generic_category().message(17);
+    const std::string denied = std::generic_category().message(13);
+    EXPECT_EQ("FindFirstFile failed (5)\nfailed to enumerate files\nfailed to enumerate files\n"
+              "Error renaming file orig=" +
+                  live + " target=" + folder.path("log000005.txt") + " err=17(" + exists +
+                  ")\nError removing file name=" + folder.path("log000004.txt") + " err=13(" + denied + ")\n",
+              testing::internal::GetCapturedStderr());
+
+    testing::internal::CaptureStdout();
+    {
+        const ScopedReplacement openFails(
+            fileCalls.openFile, +[](const char*, OpenMode) {
+                return OpenedFile{FileHandle::Invalid, ErrorNumber::AccessDenied};
+            });
+        logger.writeText("lost\n");
+    }
+    logger.writeText("lost too\n");
+    EXPECT_EQ("failed to open logger file. going to work without logger\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(std::vector<std::string>{"log000005.txt"}, folder.files());
+}
+
+TEST_F(LogFileRotation, AFileThatVanishesIsMadeAgainByTheNextRotation)
+{
+    makeLiveFile(LIMIT + 1);
+    SynchronousLogger logger(folder.path("log"), false, 1);
+    std::filesystem::remove(folder.native("log.txt"));
+    logger.writeText("new\n");
+    EXPECT_EQ("new", ScratchFolder::read(folder.path("log.txt")).substr(0, 3));
+    EXPECT_EQ(std::vector<std::string>{"log.txt"}, folder.files());
+}
+
+} // namespace
