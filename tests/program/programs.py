@@ -1,5 +1,6 @@
 """The finished program on each target, in a scratch folder of its own beside a stand-in agent."""
 
+import csv
 import json
 import os
 import shutil
@@ -22,12 +23,19 @@ def wait_for(condition, what):
 
 
 class Program:
-    def __init__(self, build, folder, name):
+    def __init__(self, build, folder, name, app_data):
         self.folder = folder
+        self.log = app_data / "Tavro" / "logs" / "TavroVssAgentGUI.exe.log.txt"
+        shutil.rmtree(app_data / "Tavro", ignore_errors=True)
         self.path = Path(shutil.copy(build / name, folder))
         self.agent = Path(shutil.copy(build / "stand-in" / AGENT, folder))
         self.settings = folder / f"{name}.conf"
         self.mark = {"TAVRO_TEST_FOLDER": str(folder)}  # inherited by all that the program starts
+
+    def log_lines(self):
+        """The lines of the log file, split by a CSV reader."""
+        with open(self.log, encoding="utf-8") as text:
+            return list(csv.reader(text))
 
     def agent_record(self):
         """What the agent noted, None if none was started. To be called when the program has ended: whatever
@@ -52,7 +60,7 @@ class LinuxProgram(Program):
     ABNORMAL_END = -signal.SIGABRT
 
     def __init__(self, build, folder):
-        super().__init__(build, folder, "TavroVssAgentGUI")
+        super().__init__(build, folder, "TavroVssAgentGUI", folder)
         self.agent_folder = str(folder)
 
     def run(self, text, **options):
@@ -74,7 +82,7 @@ class WindowsProgram(Program):
     ABNORMAL_END = 3
 
     def __init__(self, build, folder, desktop):
-        super().__init__(build, folder, "TavroVssAgentGUI.exe")
+        super().__init__(build, folder, "TavroVssAgentGUI.exe", desktop.wine.prefix / "drive_c" / "ProgramData")
         self.agent_folder = "Z:" + str(folder).replace("/", "\\")
         self.desktop = desktop
         self.process = None

@@ -111,6 +111,7 @@ def test_agent_is_on_its_own(linux_program, orphans):
     descriptors = {int(link.name): os.readlink(link) for link in Path(f"/proc/{agent}/fd").iterdir()}
     assert [descriptors[number] for number in (0, 1, 2)] == ["/dev/null"] * 3
     assert os.readlink(f"/proc/self/fd/{ours}") not in descriptors.values()
+    assert linux_program.log.exists() and str(linux_program.log) not in descriptors.values()
 
     (folder / "gate").write_text("go\n")
     assert os.waitpid(agent, 0) == (agent, 0)
