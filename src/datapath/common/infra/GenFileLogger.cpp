@@ -332,7 +332,7 @@ void GenFileLogger::serveFlush()
 
 void GenFileLogger::writeText(std::string_view text)
 {
-    if (m_stream.position() > MAX_FILE_LENGTH)
+    if (m_stream.isLongerThan(MAX_FILE_LENGTH))
     {
         rotate();
     }

@@ -10,14 +10,19 @@ bool LogFileStream::open(const std::string& path)
     {
         return false;
     }
-    m_length = 0;
-    updateLength();
+    m_length = platform::lengthOfFile(m_file).bytes;
     return true;
 }
 
-std::optional<std::uint64_t> LogFileStream::position() const
+bool LogFileStream::isLongerThan(std::uint64_t length)
 {
-    return isOpen() ? std::optional(m_length + m_block.size()) : std::nullopt;
+    if (!isOpen() || m_length + m_block.size() <= length)
+    {
+        return false;
+    }
+    const auto [bytes, error] = platform::lengthOfFile(m_file); // others may have cut it
+    m_length = error == platform::ErrorNumber::Success ? bytes : m_length;
+    return m_length + m_block.size() > length;
 }
 
 void LogFileStream::write(std::string_view text)
@@ -72,20 +77,10 @@ void LogFileStream::flush()
         written += transfer.bytes;
     }
     m_length += written;
-    updateLength();
     m_block.erase(0, written);
     if (m_block.capacity() > 2 * BLOCK_SIZE && m_block.size() < BLOCK_SIZE)
     {
         m_block.shrink_to_fit();
-    }
-}
-
-/// Others may have cut or extended the file.
-void LogFileStream::updateLength()
-{
-    if (const auto [bytes, error] = platform::lengthOfFile(m_file); error == platform::ErrorNumber::Success)
-    {
-        m_length = bytes;
     }
 }
 

@@ -13,7 +13,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -29,8 +28,8 @@ public:
     /// take goes first.
     bool open(const std::string& path);
 
-    /// Where the next byte goes, in bytes from the start of the file; nothing while no file is open.
-    [[nodiscard]] std::optional<std::uint64_t> position() const;
+    /// Whether the next byte goes behind that many bytes; never while no file is open.
+    [[nodiscard]] bool isLongerThan(std::uint64_t length);
 
     /// Dropped while no file is open.
     void write(std::string_view text);
@@ -45,9 +44,8 @@ private:
 
     [[nodiscard]] bool isOpen() const { return m_file != platform::FileHandle::Invalid; }
     void append(std::string_view text);
-    void updateLength();
 
     platform::FileHandle m_file = platform::FileHandle::Invalid;
-    std::uint64_t m_length = 0; // of the file
+    std::uint64_t m_length = 0; // of the file, if nobody else has changed it
     std::string m_block;        // what the file still lacks; a block, or one piece that is longer
 };
