@@ -60,9 +60,34 @@ small, large = sorted(size for name, size in least if name == "loadTweaks")
 growth, peer_growth = (least[name, large] / least[name, small] for name in ("loadTweaks", "peerIniLoad"))
 print(f"\nLoading {large // small} times as many lines takes {growth:.1f} times as long "
       f"(INIReader: {peer_growth:.1f} times), each in its fastest repetition.")
-guarded, sanitized, checked, plain = map(float, sys.argv[2:])
+guarded, sanitized, checked, plain = map(float, sys.argv[3:])
 print(f"\nReplacing a random one of 10,000 blocks of 100 bytes: {guarded:.0f} ns guarded, {sanitized:.0f} ns with plain "
       f"blocks under an address sanitizer, {checked:.0f} ns under valgrind's memcheck, {plain:.0f} ns by themselves.")
 small, large = (medians["guardedAmong", size, 1] for size in (1000, 1_000_000))
 print(f"\nA guarded block that comes and goes costs {small:.0f} ns beside 1,000 live ones and {large:.0f} ns beside "
       "1,000,000.")
+
+log = json.load(open(sys.argv[2]))
+print("\n## The log file\n")
+print("Lines of about 120 bytes through the whole program path into files of 10 MiB; the peer is spdlog's rotating file\n"
+      "logger with the same text, asynchronous (8192 places, blocking) or synchronous. A call is what one producer\n"
+      "waits, a line the time until everything is in the file, all producers together.\n")
+print("| what | producers | ours | spdlog | ratio |\n|---|---|---|---|---|")
+
+
+def log_rows(title, threads, ours, peer):
+    print(f"| {title} | {threads} | {log[ours]:,.0f} | {log[peer]:,.0f} | {log[ours] / log[peer]:.2f} |")
+
+
+for threads in (1, 2, 4):
+    log_rows("ns a call", threads, f"ours/{threads}/call", f"peer/{threads}/call")
+    log_rows("ns a line", threads, f"ours/{threads}/line", f"peer/{threads}/line")
+    log_rows("ns a line, spdlog synchronous without flushing", threads, f"ours/{threads}/line", f"peerSync/{threads}/line")
+    log_rows("99.9 percent of calls, ns", threads, f"ours/{threads}/tail", f"peer/{threads}/tail")
+    log_rows("ns a line, both synchronous, each line flushed", threads, f"oursSync/{threads}/line",
+             f"peerSyncFlushed/{threads}/line")
+print(f"\nThe same bytes ready made in blocks of 64 KiB take {log['bytes/1/line']:.0f} ns a line: one producer reaches "
+      f"{100 * log['bytes/1/line'] / log['ours/1/line']:.0f} percent of that.")
+print(f"\nA rotation beside 10,000 numbered files takes {log['rotation/1/call'] / 1e6:.1f} ms.")
+print(f"\nWhile the disk stands still, a logger with a budget of 3 MiB takes {100 * log['memory/1/share']:.0f} percent of "
+      "it from the heap.")
