@@ -37,8 +37,7 @@ void FileLoggerClient::flush()
         writeQueue(); // nobody else would
         return;
     }
-    const std::uint64_t request = enqueue({});
-    if (!waitForFlush(request))
+    if (!flushAndWait())
     {
         std::cerr << "Flush is not completed t_OlmFlushFileMaxPeriodMs=" << m_flushMaxPeriodMs << " " << std::endl;
     }

@@ -20,7 +20,8 @@ public:
 
     void log(const std::string& line) override;
 
-    /// Waits until the system has every line taken so far. Gives up after t_OlmFlushFileMaxPeriodMs with a line
-    /// on standard error; 0 is no limit.
+    /// Waits until the system has every line taken so far, as far as the budget and the disk had room. Gives up
+    /// after t_OlmFlushFileMaxPeriodMs with a line on standard error, and the next flush then ends at once; 0 is no
+    /// limit.
     void flush() override;
 };

@@ -5,9 +5,9 @@
 #include "platform/Threads.h"
 
 #include <algorithm>
-#include <chrono>
 #include <iostream>
 #include <limits>
+#include <new>
 
 namespace
 {
@@ -17,7 +17,6 @@ constexpr std::uint32_t NUMBER_TRACKER_RELEASED = 120;
 
 constexpr std::uint64_t MAX_FILE_LENGTH = 10'485'760;
 constexpr std::uint32_t NO_MEMORY_LIMIT = std::numeric_limits<std::uint32_t>::max();
-constexpr std::uint32_t POLL_INTERVAL_MS = 1;
 constexpr std::uint32_t LINGER_MS = 1;
 constexpr std::size_t WAKING_BYTES = std::size_t{64} * 1024;
 
@@ -84,7 +83,7 @@ void GenFileLogger::startWriter()
     {
         m_isStarted = true;
         open();
-        m_writerSignal.wait(); // the thread has logged its start: from here on it logs nothing of its own
+        m_writerStarted.wait(); // the thread has logged its start: from here on it logs nothing of its own
     }
 }
 
@@ -95,7 +94,7 @@ void GenFileLogger::stopWriter()
         m_isStarted = false;
         m_isStopping = true;
         m_queueEvent.set();
-        m_writerSignal.wait();
+        m_writerEnded.wait();
     }
 }
 
@@ -108,13 +107,17 @@ void GenFileLogger::write(const char* data, std::uint32_t length)
     if (m_flushEveryLine)
     {
         const MutexGuard guard(m_fileMutex);
-        writeText({data, length});
+        writePart({data, data == nullptr ? 0 : length}, true);
         m_stream.flush();
         return;
     }
     if (data == nullptr)
     {
         enqueue({});
+        return;
+    }
+    if (length == 0)
+    {
         return;
     }
     bool justPaused = false;
@@ -130,9 +133,13 @@ void GenFileLogger::write(const char* data, std::uint32_t length)
         }
         return;
     }
-    if (length != 0)
+    try
     {
         enqueue({data, length});
+    }
+    catch (const std::bad_alloc&)
+    {
+        m_memoryTracker->free(length); // dropped, as without a budget
     }
 }
 
@@ -142,25 +149,25 @@ void GenFileLogger::pauseForMemory()
     const auto length = static_cast<std::uint32_t>(notice.size());
     m_memoryTracker->reserveIgnoringLimit(length);
     enqueue({notice.data(), length});
-    ++m_signalsToSkip;
     enqueue({});
 }
 
-std::uint64_t GenFileLogger::enqueue(const LogItem& item)
+void GenFileLogger::enqueue(const LogItem& item, Semaphore* waiter)
 {
-    const bool isFlush = item.data == nullptr;
-    const std::string_view text(item.data, isFlush ? 0 : item.length);
+    const std::string_view text(item.data, item.data == nullptr ? 0 : item.length);
     for (LogQueue::Chunk chunk;; chunk = LogQueue::newChunk(text.size()))
     {
         bool wakes = false;
-        std::uint64_t flushesAsked = 0;
         {
             const MutexGuard guard(m_queueMutex);
             if (!m_queue.push(text, chunk))
             {
                 continue;
             }
-            flushesAsked = m_flushesAsked += isFlush ? 1 : 0;
+            if (text.empty())
+            {
+                addFlush(waiter);
+            }
             wakes =
                 m_writerWaits == WriterWaits::ForAnything || (m_writerWaits == WriterWaits::ForABlock && isUrgent());
             if (wakes)
@@ -172,51 +179,45 @@ std::uint64_t GenFileLogger::enqueue(const LogItem& item)
         {
             m_queueEvent.set();
         }
-        return flushesAsked;
+        return;
     }
 }
 
-bool GenFileLogger::waitForFlush(std::uint64_t request)
+void GenFileLogger::addFlush(Semaphore* waiter)
 {
-    const auto start = std::chrono::steady_clock::now();
-    const auto isLate = [&] {
-        return m_flushMaxPeriodMs != 0 &&
-               std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(m_flushMaxPeriodMs);
-    };
+    ++m_flushesAsked;
+    if (waiter != nullptr && m_unclaimedFlushes != 0)
+    {
+        --m_unclaimedFlushes;
+        waiter->signal();
+    }
+    else if (waiter != nullptr)
+    {
+        m_flushWaiters.push_back({m_flushesAsked, waiter});
+    }
+}
+
+bool GenFileLogger::flushAndWait()
+{
+    Semaphore flushDone(0);
+    enqueue({}, &flushDone);
     if (m_flushMaxPeriodMs == 0)
     {
-        m_flushDone.wait();
+        flushDone.wait();
+        return true;
     }
-    else if (!m_flushDone.waitFor(m_flushMaxPeriodMs))
+    if (flushDone.waitFor(m_flushMaxPeriodMs))
     {
-        ++m_leftSignals;
-        return false;
+        return true;
     }
-    // It may have been the signal of a thread that asked earlier. That thread gets ours, and there is nothing
-    // to wait on for the rest.
-    while (m_flushesDone < request)
+    const MutexGuard guard(m_queueMutex);
+    const auto own = std::ranges::find(m_flushWaiters, &flushDone, &FlushWaiter::flushDone);
+    if (own == m_flushWaiters.end())
     {
-        if (takeLeftSignal())
-        {
-            ++m_signalsToSkip;
-            return true;
-        }
-        if (isLate())
-        {
-            return false;
-        }
-        platform::sleepMs(POLL_INTERVAL_MS);
+        return true; // done just now
     }
-    return true;
-}
-
-bool GenFileLogger::takeLeftSignal()
-{
-    std::uint32_t left = m_leftSignals;
-    while (left != 0 && !m_leftSignals.compare_exchange_weak(left, left - 1))
-    {
-    }
-    return left != 0;
+    own->flushDone = nullptr;
+    return false;
 }
 
 bool GenFileLogger::isWriter() const { return m_writerId == platform::currentThreadId(); }
@@ -224,7 +225,7 @@ bool GenFileLogger::isWriter() const { return m_writerId == platform::currentThr
 void GenFileLogger::run()
 {
     m_writerId = platform::currentThreadId();
-    m_writerSignal.signal();
+    m_writerStarted.signal();
     while (!m_isStopping)
     {
         m_queueEvent.wait();
@@ -234,7 +235,8 @@ void GenFileLogger::run()
         } while (isMoreToWrite());
     }
     writeQueue();
-    m_writerSignal.signal();
+    m_writerId = 0;
+    m_writerEnded.signal();
 }
 
 /// Waits a moment for more: while lines come in quick succession nobody has to wake the writer for each, and it
@@ -270,16 +272,18 @@ bool GenFileLogger::writeBatch()
 {
     const LogQueue::Batch batch = nextBatch();
     std::uint32_t length = 0;
+    std::uint64_t flushes = 0;
     {
         const MutexGuard guard(m_fileMutex);
-        for (const std::string_view text : batch)
+        for (const LogQueue::Piece piece : batch)
         {
-            writeItem(text);
-            length += static_cast<std::uint32_t>(text.size());
+            writePiece(piece);
+            length += static_cast<std::uint32_t>(piece.text.size());
+            flushes += piece.text.empty() ? 1U : 0U;
         }
     }
     // Without a lock: misuse of memory that is found here is logged, and a flush on this thread writes the queue.
-    const LogQueue::Chunk spent = removeBatch();
+    const LogQueue::Chunk spent = removeBatch(flushes);
     m_memoryTracker->free(length);
     return !batch.empty();
 }
@@ -296,45 +300,44 @@ LogQueue::Batch GenFileLogger::nextBatch()
     return m_queue.front();
 }
 
-LogQueue::Chunk GenFileLogger::removeBatch()
+LogQueue::Chunk GenFileLogger::removeBatch(std::uint64_t flushes)
 {
     const MutexGuard guard(m_queueMutex);
+    m_flushesDone += flushes;
+    for (; !m_flushWaiters.empty() && m_flushWaiters.front().request <= m_flushesDone; m_flushWaiters.pop_front())
+    {
+        if (Semaphore* const flushDone = m_flushWaiters.front().flushDone)
+        {
+            flushDone->signal();
+        }
+        else
+        {
+            ++m_unclaimedFlushes;
+        }
+    }
     return m_queue.pop();
 }
 
-void GenFileLogger::writeItem(std::string_view text)
+void GenFileLogger::writePiece(const LogQueue::Piece& piece)
 {
-    if (text.empty())
+    const auto& [text, isLast] = piece;
+    if (!text.empty())
     {
-        serveFlush();
-        return;
+        writePart(text, !m_isInsideText);
+        m_isInsideText = !isLast;
     }
-    writeText(text);
-    if (m_asyncFlushEveryLine)
+    if (text.empty() || (isLast && m_asyncFlushEveryLine))
     {
         m_stream.flush();
     }
 }
 
-void GenFileLogger::serveFlush()
+void GenFileLogger::writePart(std::string_view part, bool isFirst)
 {
-    m_stream.flush();
-    ++m_flushesDone;
-    if (m_signalsToSkip != 0)
-    {
-        --m_signalsToSkip;
-    }
-    else
-    {
-        m_flushDone.signal();
-    }
-}
-
-void GenFileLogger::writeText(std::string_view text)
-{
-    if (m_stream.isLongerThan(MAX_FILE_LENGTH))
+    // A file that does not take its last text is not moved away from it.
+    if (isFirst && m_stream.isLongerThan(MAX_FILE_LENGTH) && m_stream.flush())
     {
         rotate();
     }
-    m_stream.write(text);
+    m_stream.write(part, isFirst);
 }

@@ -25,6 +25,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,7 +38,7 @@ public:
     GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB);
     ~GenFileLogger() override;
 
-    /// Null asks for a flush in the asynchronous mode. Nothing happens while the logger is not enabled.
+    /// Null asks for a flush that nobody waits for. Nothing happens while the logger is not enabled, or for 0 bytes.
     void write(const char* data, std::uint32_t length) EXCLUDES(m_fileMutex, m_queueMutex);
 
 protected:
@@ -62,12 +63,13 @@ protected:
     /// Returns when everything queued is written and the writer has ended.
     void stopWriter();
 
-    /// Copies the bytes. Returns how many flushes have been asked for so far, this one included.
-    std::uint64_t enqueue(const LogItem& item) EXCLUDES(m_queueMutex);
+    /// Copies the bytes. The waiter of a flush, if there is one, is signalled when it is done; see flushAndWait.
+    void enqueue(const LogItem& item, Semaphore* waiter = nullptr) EXCLUDES(m_queueMutex);
 
-    /// Waits until that many flushes are done, at most m_flushMaxPeriodMs unless that is 0, and returns whether
-    /// they are. A wait that was given up leaves its signal behind: the next one ends at once.
-    [[nodiscard]] bool waitForFlush(std::uint64_t request);
+    /// Waits until everything queued so far is with the system, at most m_flushMaxPeriodMs unless that is 0.
+    /// Returns false if that was too short. The flush is done later then, and the wait of one later call ends at
+    /// once for it.
+    [[nodiscard]] bool flushAndWait() EXCLUDES(m_queueMutex);
 
     /// Writes and flushes everything queued, on the writer's thread.
     void writeQueue() EXCLUDES(m_fileMutex, m_queueMutex);
@@ -91,7 +93,6 @@ protected:
     const std::string m_basePath;       // of all files, without ".txt"
     const std::string m_directory;      // of all files
     Mutex m_fileMutex;                  // guards the files; nothing is taken inside it
-    Semaphore m_flushDone{0};           // signalled after each flush that is waited for
     bool m_compressOnRotate = false;    // numbered files are named as compressed ones
     bool m_flushEveryLine = true;       // the synchronous mode
     bool m_asyncFlushEveryLine = false; // the writer flushes after every item
@@ -111,24 +112,32 @@ private:
     };
 
     void pauseForMemory();
+    void addFlush(Semaphore* waiter) REQUIRES(m_queueMutex);
     [[nodiscard]] bool isMoreToWrite() EXCLUDES(m_fileMutex, m_queueMutex);
     [[nodiscard]] bool isUrgent() const REQUIRES(m_queueMutex);
     bool writeBatch() EXCLUDES(m_fileMutex, m_queueMutex);
     void flushStream() EXCLUDES(m_fileMutex);
-    bool takeLeftSignal();
     [[nodiscard]] LogQueue::Batch nextBatch() EXCLUDES(m_queueMutex);
-    [[nodiscard]] LogQueue::Chunk removeBatch() EXCLUDES(m_queueMutex);
-    void writeItem(std::string_view text) REQUIRES(m_fileMutex);
-    void serveFlush() REQUIRES(m_fileMutex);
-    void writeText(std::string_view text) REQUIRES(m_fileMutex);
+    [[nodiscard]] LogQueue::Chunk removeBatch(std::uint64_t flushes) EXCLUDES(m_queueMutex);
+    void writePiece(const LogQueue::Piece& piece) REQUIRES(m_fileMutex);
+    void writePart(std::string_view part, bool isFirst) REQUIRES(m_fileMutex);
+
+    /// Who waits for a flush: the how manieth it is, and null if the wait was given up.
+    struct FlushWaiter
+    {
+        std::uint64_t request;
+        Semaphore* flushDone;
+    };
 
     WriterWaits m_writerWaits GUARDED_BY(m_queueMutex) = WriterWaits::ForAnything;
     std::uint64_t m_flushesAsked GUARDED_BY(m_queueMutex) = 0;
-    std::atomic<std::uint64_t> m_flushesDone = 0;
-    std::atomic<std::uint32_t> m_leftSignals = 0;   // of m_flushDone, there or to come, whose waiters gave up
-    std::atomic<std::uint32_t> m_signalsToSkip = 0; // nobody will wait for them
-    std::atomic<std::uint32_t> m_writerId = 0;      // the writer's thread, 0 while there is none
+    std::uint64_t m_flushesDone GUARDED_BY(m_queueMutex) = 0;
+    std::deque<FlushWaiter> m_flushWaiters GUARDED_BY(m_queueMutex); // in the order of their requests
+    std::uint32_t m_unclaimedFlushes GUARDED_BY(m_queueMutex) = 0;   // done after their waiters had given up
+    bool m_isInsideText GUARDED_BY(m_fileMutex) = false;             // its first parts were written
+    std::atomic<std::uint32_t> m_writerId = 0;                       // the writer's thread, 0 while there is none
     std::atomic<bool> m_isStopping = false;
     bool m_isStarted = false;
-    Semaphore m_writerSignal{0}; // signalled when the writer begins, and when it has ended
+    Semaphore m_writerStarted{0};
+    Semaphore m_writerEnded{0};
 };

@@ -4,10 +4,8 @@
 #include "datapath/common/infra/NumberText.h"
 
 #include <algorithm>
-#include <iomanip>
 #include <iostream>
 #include <limits>
-#include <sstream>
 #include <system_error>
 
 namespace
@@ -15,8 +13,7 @@ namespace
 
 constexpr std::string_view TEXT_SUFFIX = ".txt";
 constexpr std::string_view COMPRESSED_SUFFIX = ".gz";
-constexpr std::int64_t FIRST_UNFILLED_NUMBER = 100'000;
-constexpr int FILLED_WIDTH = 6;
+constexpr std::size_t FILLED_WIDTH = 6;
 
 std::string withSuffixes(std::string name, bool isCompressed)
 {
@@ -112,9 +109,9 @@ void GenFileLogger::rotate()
 
 std::string GenFileLogger::rotatedFileName(std::int64_t number, bool isCompressed) const
 {
-    std::ostringstream name;
-    name << m_basePath << std::setfill('0') << std::setw(number < FIRST_UNFILLED_NUMBER ? FILLED_WIDTH : 0) << number;
-    return withSuffixes(std::move(name).str(), isCompressed);
+    const std::string digits = std::to_string(number);
+    return withSuffixes(m_basePath + std::string(FILLED_WIDTH - std::min(FILLED_WIDTH, digits.size()), '0') + digits,
+                        isCompressed);
 }
 
 bool GenFileLogger::listLogDirectory(std::vector<std::string>& files) const

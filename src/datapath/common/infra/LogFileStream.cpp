@@ -25,21 +25,21 @@ bool LogFileStream::isLongerThan(std::uint64_t length)
     return m_length + m_block.size() > length;
 }
 
-void LogFileStream::write(std::string_view text)
+void LogFileStream::write(std::string_view part, bool isFirst)
 {
-    if (!isOpen())
+    if (m_block.size() >= BLOCK_SIZE)
+    {
+        flush(); // the system has refused before
+    }
+    if (isFirst)
+    {
+        m_isDropping = !isOpen() || m_block.size() >= BLOCK_SIZE;
+    }
+    if (m_isDropping)
     {
         return;
     }
-    if (m_block.size() >= BLOCK_SIZE)
-    {
-        flush(); // failed before
-    }
-    if (m_block.size() >= BLOCK_SIZE)
-    {
-        return;
-    }
-    append(text);
+    append(part);
     if (m_block.size() >= BLOCK_SIZE)
     {
         flush();
@@ -59,11 +59,11 @@ void LogFileStream::append(std::string_view text)
     m_block.append(text);
 }
 
-void LogFileStream::flush()
+bool LogFileStream::flush()
 {
-    if (!isOpen() || m_block.empty())
+    if (!isOpen())
     {
-        return;
+        return false;
     }
     std::size_t written = 0;
     while (written < m_block.size())
@@ -82,6 +82,7 @@ void LogFileStream::flush()
     {
         m_block.shrink_to_fit();
     }
+    return m_block.empty();
 }
 
 void LogFileStream::close()
@@ -89,6 +90,7 @@ void LogFileStream::close()
     if (isOpen())
     {
         flush();
+        m_block.clear();
         platform::closeFile(m_file);
         m_file = platform::FileHandle::Invalid;
     }

@@ -1,13 +1,13 @@
 #pragma once
 
-// The open log file: whole pieces of text, collected into blocks and appended with one system call a block.
+// The open log file: texts, collected into blocks and appended with one system call a block.
 //
 //     LogFileStream stream;
-//     if (stream.open(path)) { stream.write("a line\n"); stream.flush(); }
+//     if (stream.open(path)) { stream.write("a line\n", true); stream.flush(); }
 //
 // Line feeds are written as this system's text files end a line. Text that the system does not take, because the
-// disk is full for instance, is kept and offered again; beyond a block of it, new text is dropped, so that what
-// stands in the file stays in one piece. Not for several threads at once.
+// disk is full for instance, is kept and offered again with the next text or flush; beyond a block of it, new texts
+// are dropped, so that what stands in the file stays whole. Not for several threads at once.
 
 #include "platform/Files.h"
 
@@ -24,19 +24,20 @@ public:
     LogFileStream& operator=(const LogFileStream&) = delete;
     ~LogFileStream() { close(); }
 
-    /// Continues the file, or creates it. Returns whether it is open. Text that a file before this one did not
-    /// take goes first.
+    /// Continues the file, or creates it. Returns whether it is open.
     bool open(const std::string& path);
 
-    /// Whether the next byte goes behind that many bytes; never while no file is open.
+    /// Whether the next byte goes behind that many bytes, those counted that are not in the file yet. Never while
+    /// no file is open.
     [[nodiscard]] bool isLongerThan(std::uint64_t length);
 
-    /// Dropped while no file is open.
-    void write(std::string_view text);
+    /// A text or, one after the other, its parts. Dropped while no file is open.
+    void write(std::string_view part, bool isFirst);
 
-    /// Hands everything to the system.
-    void flush();
+    /// Returns whether the system has taken everything.
+    bool flush();
 
+    /// Drops what the system does not take.
     void close();
 
 private:
@@ -47,5 +48,6 @@ private:
 
     platform::FileHandle m_file = platform::FileHandle::Invalid;
     std::uint64_t m_length = 0; // of the file, if nobody else has changed it
-    std::string m_block;        // what the file still lacks; a block, or one piece that is longer
+    std::string m_block;        // what the file still lacks; a block, or one part that is longer
+    bool m_isDropping = false;  // the text whose parts are being written
 };

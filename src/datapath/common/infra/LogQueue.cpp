@@ -12,10 +12,33 @@ struct LogQueue::ChunkHead
 
     [[nodiscard]] std::byte* bytes() { return reinterpret_cast<std::byte*>(this + 1); }
 
+    /// Moves as much of the text as there is room for.
+    void append(std::string_view& text)
+    {
+        do
+        {
+            const std::size_t room = capacity - end;
+            if (room < HEADER_SIZE + (text.empty() ? 0 : 1))
+            {
+                return;
+            }
+            const std::size_t length = std::min<std::size_t>({text.size(), room - HEADER_SIZE, MOST_LENGTH});
+            const bool isLast = length == text.size();
+            const auto header = static_cast<Header>(length | (isLast ? 0 : CONTINUES));
+            std::memcpy(bytes() + end, &header, HEADER_SIZE);
+            text.copy(reinterpret_cast<char*>(bytes() + end + HEADER_SIZE), length);
+            text.remove_prefix(length);
+            end += HEADER_SIZE + length;
+            ++pieces;
+            texts += isLast ? 1 : 0;
+        } while (!text.empty());
+    }
+
     const std::size_t capacity; // of the bytes that follow
     std::size_t begin = 0;      // of what is queued
     std::size_t end = 0;
-    std::size_t size = 0; // texts and requests in it
+    std::size_t texts = 0; // that end in it
+    std::size_t pieces = 0;
     ChunkHead* next = nullptr;
 };
 
@@ -39,9 +62,14 @@ LogQueue::~LogQueue()
     }
 }
 
+std::size_t LogQueue::roomFor(std::size_t textLength)
+{
+    return textLength + std::max<std::size_t>(1, (textLength + MOST_LENGTH - 1) / MOST_LENGTH) * HEADER_SIZE;
+}
+
 LogQueue::Chunk LogQueue::newChunk(std::size_t textLength)
 {
-    const std::size_t capacity = std::max(USUAL_CAPACITY, HEADER_SIZE + textLength);
+    const std::size_t capacity = std::max(USUAL_CAPACITY, roomFor(textLength));
     std::byte* const memory =
         MemShield::createArray<std::byte>({"LogQueueChunk", SourcePlace::here()}, sizeof(ChunkHead) + capacity);
     return Chunk(::new (memory) ChunkHead(capacity));
@@ -49,37 +77,26 @@ LogQueue::Chunk LogQueue::newChunk(std::size_t textLength)
 
 bool LogQueue::push(std::string_view text, Chunk& fresh)
 {
-    const std::size_t needed = HEADER_SIZE + text.size();
-    const auto hasRoom = [=](const ChunkHead* chunk) {
-        return chunk != nullptr && chunk->capacity - chunk->end >= needed;
-    };
-    if (!hasRoom(m_tail))
+    const std::size_t length = text.size();
+    const std::size_t needed = roomFor(length);
+    if (m_tail == nullptr || m_tail->capacity - m_tail->end < needed)
     {
-        Chunk& source = hasRoom(m_spare.get()) ? m_spare : fresh;
-        if (!hasRoom(source.get()))
+        Chunk& source = m_spare != nullptr && m_spare->capacity >= needed ? m_spare : fresh;
+        if (source == nullptr || source->capacity < needed)
         {
             return false;
         }
         ChunkHead* const last = std::exchange(m_tail, source.release());
         (last != nullptr ? last->next : m_head) = m_tail;
+        if (last != nullptr)
+        {
+            last->append(text);
+        }
     }
-    append(*m_tail, text);
+    m_tail->append(text);
     ++m_size;
-    m_bytes += text.size();
+    m_bytes += length;
     return true;
-}
-
-void LogQueue::append(ChunkHead& chunk, std::string_view text)
-{
-    const auto length = static_cast<Length>(text.size());
-    std::byte* const position = chunk.bytes() + chunk.end;
-    std::memcpy(position, &length, HEADER_SIZE);
-    if (length != 0)
-    {
-        std::memcpy(position + HEADER_SIZE, text.data(), length);
-    }
-    chunk.end += HEADER_SIZE + length;
-    ++chunk.size;
 }
 
 LogQueue::Batch LogQueue::front()
@@ -89,21 +106,23 @@ LogQueue::Batch LogQueue::front()
         return {nullptr, nullptr};
     }
     m_batchEnd = m_head->end;
-    m_batchSize = m_head->size;
+    m_batchTexts = m_head->texts;
+    m_batchPieces = m_head->pieces;
     return {m_head->bytes() + m_head->begin, m_head->bytes() + m_head->end};
 }
 
 LogQueue::Chunk LogQueue::pop()
 {
-    if (m_batchSize == 0)
+    if (m_batchPieces == 0)
     {
         return nullptr;
     }
-    m_bytes -= m_batchEnd - m_head->begin - m_batchSize * HEADER_SIZE;
-    m_size -= m_batchSize;
-    m_head->size -= std::exchange(m_batchSize, 0);
+    m_bytes -= m_batchEnd - m_head->begin - m_batchPieces * HEADER_SIZE;
+    m_size -= m_batchTexts;
+    m_head->texts -= m_batchTexts;
+    m_head->pieces -= std::exchange(m_batchPieces, 0);
     m_head->begin = m_batchEnd;
-    if (m_head->size != 0)
+    if (m_head->pieces != 0)
     {
         return nullptr;
     }

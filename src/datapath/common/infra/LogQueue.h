@@ -1,13 +1,15 @@
 #pragma once
 
 // Texts that wait to be written, and among them requests to flush, first in first out. They lie one behind the
-// other in chunks, so that a short text costs little more than its own bytes and no allocation.
+// other in chunks, so that a text costs little more than its own bytes and no allocation. A text that does not fit
+// into the rest of a chunk runs on into the next one.
 //
 //     while (!queue.push(text, chunk)) { chunk = LogQueue::newChunk(text.size()); }      // any thread
-//     for (std::string_view text : queue.front()) ...                                    // the writer
+//     for (const LogQueue::Piece piece : queue.front()) ...                              // the writer
 //     const LogQueue::Chunk spent = queue.pop();
 //
-// The owner locks each call. What front returned is read without the lock, until pop takes it away.
+// The owner locks each call, and only one thread at a time may be between front and pop. What front returned is read
+// without the lock: pushes do not touch it.
 
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +19,11 @@
 
 class LogQueue
 {
+    using Header = std::uint16_t; // the length of a piece, and whether its text goes on behind it
+    static constexpr std::size_t HEADER_SIZE = sizeof(Header);
+    static constexpr Header CONTINUES = 0x8000;
+    static constexpr Header MOST_LENGTH = 0x7FFF;
+
     struct ChunkHead;
     struct ChunkDelete
     {
@@ -27,7 +34,14 @@ public:
     /// Memory for the queue. Made and released without the lock.
     using Chunk = std::unique_ptr<ChunkHead, ChunkDelete>;
 
-    /// Neighbours in the queue, oldest first. An empty text is a request to flush.
+    /// A text or a part of one; a request to flush, if it is empty.
+    struct Piece
+    {
+        std::string_view text;
+        bool isLast; ///< of its text
+    };
+
+    /// Neighbours in the queue, oldest first, all in one chunk: a text may begin in one batch and end in another.
     class Batch
     {
     public:
@@ -35,15 +49,27 @@ public:
         {
         public:
             explicit Iterator(const std::byte* position) : m_position(position) {}
-            std::string_view operator*() const { return {textOf(m_position), lengthOf(m_position)}; }
+            Piece operator*() const
+            {
+                return {{reinterpret_cast<const char*>(m_position + HEADER_SIZE), length()},
+                        (header() & CONTINUES) == 0};
+            }
             Iterator& operator++()
             {
-                m_position += HEADER_SIZE + lengthOf(m_position);
+                m_position += HEADER_SIZE + length();
                 return *this;
             }
             bool operator==(const Iterator&) const = default;
 
         private:
+            [[nodiscard]] Header header() const
+            {
+                Header header = 0;
+                std::memcpy(&header, m_position, HEADER_SIZE);
+                return header;
+            }
+            [[nodiscard]] std::size_t length() const { return header() & MOST_LENGTH; }
+
             const std::byte* m_position;
         };
 
@@ -62,10 +88,10 @@ public:
     LogQueue& operator=(const LogQueue&) = delete;
     ~LogQueue();
 
-    /// With room for one text of that length, or for many shorter ones.
+    /// With room for one text of that length, or for many shorter ones. Throws std::bad_alloc.
     [[nodiscard]] static Chunk newChunk(std::size_t textLength);
 
-    /// Texts and requests.
+    /// Texts and requests, those in a batch included until pop.
     [[nodiscard]] std::size_t size() const { return m_size; }
 
     /// Of the texts.
@@ -82,26 +108,14 @@ public:
     Chunk pop();
 
 private:
-    using Length = std::uint32_t;
-    static constexpr std::size_t HEADER_SIZE = sizeof(Length);
+    [[nodiscard]] static std::size_t roomFor(std::size_t textLength);
 
-    static Length lengthOf(const std::byte* position)
-    {
-        Length length = 0;
-        std::memcpy(&length, position, HEADER_SIZE);
-        return length;
-    }
-    static const char* textOf(const std::byte* position)
-    {
-        return reinterpret_cast<const char*>(position + HEADER_SIZE);
-    }
-    static void append(ChunkHead& chunk, std::string_view text);
-
-    ChunkHead* m_head = nullptr; // is read from
+    ChunkHead* m_head = nullptr; // is read from; null while the queue is empty
     ChunkHead* m_tail = nullptr; // is written to
     Chunk m_spare;
     std::size_t m_batchEnd = 0; // of what front returned, in the head
-    std::size_t m_batchSize = 0;
+    std::size_t m_batchTexts = 0;
+    std::size_t m_batchPieces = 0;
     std::size_t m_size = 0;
     std::uint64_t m_bytes = 0;
 };

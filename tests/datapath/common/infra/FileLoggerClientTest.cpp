@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <map>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -22,8 +23,11 @@ const auto writeFile = platform::fileCalls.writeFile;
 std::atomic<bool> isDiskHeldBack = false;
 std::atomic<std::size_t> diskRoom = SIZE_MAX; // bytes
 
+std::atomic<int> diskWrites = 0;
+
 platform::Transfer writeWhenAllowed(platform::FileHandle file, const void* bytes, std::size_t size)
 {
+    ++diskWrites;
     while (isDiskHeldBack)
     {
         std::this_thread::yield();
@@ -124,27 +128,30 @@ TEST_F(FileLogger, LinesOfManyThreadsAreAllWrittenInEachThreadsOrder)
 TEST_F(FileLogger, BudgetPausesOnceDropsAndResumes)
 {
     constexpr std::size_t BUDGET = 3U << 20U;
-    const std::string line = std::string(127, 'x') + "\n";
-    FileLoggerClient client(base, 3, "");
-    client.flush();
-    const std::uint64_t before = MemShield::systemHeapBytes();
+    for (const std::size_t length : {60U, 128U, 33'000U, 70'000U})
     {
-        const HeldBackDisk disk;
-        for (std::size_t bytes = 0; bytes < 2 * BUDGET; bytes += line.size())
+        const std::string line = std::string(length - 1, 'x') + "\n";
+        FileLoggerClient client(base, 3, "");
+        client.flush();
+        const std::uint64_t before = MemShield::systemHeapBytes();
         {
-            client.log(line);
+            const HeldBackDisk disk;
+            for (std::size_t bytes = 0; bytes < 2 * BUDGET; bytes += length)
+            {
+                client.log(line);
+            }
+            EXPECT_GE(BUDGET / 10 * 11, MemShield::systemHeapBytes() - before) << length;
         }
-        EXPECT_GE(BUDGET / 10 * 11, MemShield::systemHeapBytes() - before);
+        client.flush();
+        client.log("resumed\n");
+        client.flush();
+        const std::string written = text().substr(text().find("xxx"));
+        const std::size_t end = written.find("x\n2") + 2;
+        EXPECT_TRUE(matches(written.substr(end), "~-~-~ ~:~:~.~," + base + "-pausing logger due to OOM\nresumed\n"));
+        EXPECT_TRUE(end >= BUDGET - length && end < BUDGET + 200'000 && end % length == 0) << end;
+        EXPECT_EQ(before, MemShield::systemHeapBytes());
+        std::filesystem::remove(folder.native("app.log.txt"));
     }
-    client.flush();
-    client.log("resumed\n");
-    client.flush();
-    const std::string written = text().substr(text().find("xxx"));
-    EXPECT_TRUE(matches(written.substr(written.find("x\n2") + 2),
-                        "~-~-~ ~:~:~.~," + base + "-pausing logger due to OOM\nresumed\n"));
-    const auto lines = static_cast<std::size_t>(std::ranges::count(written, '\n') - 2);
-    EXPECT_TRUE(lines >= BUDGET / line.size() && lines < BUDGET / line.size() + 1000) << lines;
-    EXPECT_EQ(before, MemShield::systemHeapBytes());
 }
 
 TEST_F(FileLogger, WithoutTrackingNothingIsDropped)
@@ -172,11 +179,17 @@ TEST_F(FileLogger, FlushGivesUpAfterItsLimitAndLeavesItsSignalToTheNext)
     }
     EXPECT_EQ(report, testing::internal::GetCapturedStderr());
     testing::internal::CaptureStderr();
-    while (!text().ends_with("line\n"))
+    const CapturingClient reports;
+    const auto isQueueEmpty = [&] {
+        MemWatchedContainerDatabase::instance().printWatchedContainers();
+        return std::ranges::any_of(reports.messages(), [](const std::string& line) {
+            return matches(line, "~ContainerName = FileLogger items = 0~");
+        });
+    };
+    while (!isQueueEmpty())
     {
         std::this_thread::yield();
     }
-    platform::sleepMs(50); // until the request is served
     {
         const HeldBackDisk disk;
         client.log("next\n");
@@ -204,13 +217,32 @@ TEST_F(FileLogger, ErrorsOfManyThreadsAreInTheFileWhenTheCallReturns)
     });
 }
 
-TEST_F(FileLogger, ModesAreChosenByTweaks)
+TEST_F(FileLogger, SynchronousModeWritesEachLineBeforeTheCallReturns)
 {
-    folder.write("tweaks_extension.txt", "t_FileLoggerFlushEveryLine = 1\n");
+    folder.write("tweaks_extension.txt", "t_FileLoggerFlushEveryLine = 1\nt_OlmFlushFileMaxPeriodMs = 0\n");
     FileLoggerClient client(base, 0, "");
     client.log("line\n");
     EXPECT_TRUE(text().ends_with("exception\nline\n"));
+    client.write(nullptr, 0);
     client.flush(); // waits for nobody
+}
+
+TEST_F(FileLogger, WriterCanHandOverLineByLineAndAFlushWaitWithoutLimit)
+{
+    folder.write("tweaks_extension.txt", "t_AsyncFileLoggerFlushEveryLine = 1\nt_OlmFlushFileMaxPeriodMs = 0\n");
+    FileLoggerClient client(base, 3, "");
+    client.flush();
+    diskWrites = 0;
+    {
+        const HeldBackDisk disk;
+        client.log("a\n");
+        client.log(std::string(100'000, 'x') + "\n"); // longer than what the queue has in one piece
+        client.log("b\n");
+        client.write(nullptr, 0);
+    }
+    client.flush();
+    EXPECT_LE(3, diskWrites);
+    EXPECT_TRUE(text().ends_with("exception\na\n" + std::string(100'000, 'x') + "\nb\n"));
 }
 
 TEST_F(FileLogger, SwitchedOffItOpensItsFileAndWritesNothing)
@@ -271,7 +303,7 @@ void logToFile(bool isGuarded)
 
 void logNumbers(int count)
 {
-    for (int i = 0; i < count; ++i)
+    for (int i = 1; i <= count; ++i)
     {
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "i=" << i << " end" << std::endl;
     }
@@ -304,11 +336,11 @@ CHILD_SCENARIO(killedWhileLogging)
 TEST_F(FileLogger, WhatEndsTheProcessIsInTheFileBehindAllLines)
 {
     expectAbnormalEnd(runChild("assertBehindManyLines"));
-    EXPECT_TRUE(matches(text().substr(text().find("i=9999 ")), "i=9999 end\n~,Assert,~ failed. the end\n"));
+    EXPECT_TRUE(matches(text().substr(text().find("i=10000 ")), "i=10000 end\n~,Assert,~ failed. the end\n"));
     EXPECT_EQ(10'000 + 5, std::ranges::count(text(), '\n'));
     std::filesystem::remove(folder.native("app.log.txt"));
     expectAbnormalEnd(runChild("misuseBehindManyLines"));
-    EXPECT_TRUE(matches(text().substr(text().find("i=9999 ")), "i=9999 end\n~,NON,MemShield,~\n")) << text();
+    EXPECT_TRUE(matches(text().substr(text().find("i=10000 ")), "i=10000 end\n~,NON,MemShield,~\n")) << text();
 }
 
 TEST_F(FileLogger, AKilledProcessLeavesWholeLines)
@@ -321,9 +353,12 @@ TEST_F(FileLogger, AKilledProcessLeavesWholeLines)
         const std::size_t header = all.find("exception\n");
         ASSERT_NE(std::string::npos, header);
         std::istringstream lines(all.substr(header + 10, all.rfind('\n') - header - 9));
+        std::map<int, int> last; // of each thread
         for (std::string line; std::getline(lines, line); ++count)
         {
-            ASSERT_TRUE(matches(line, "~-~-~,Info,~,NON,,logNumbers,i=~ end")) << line;
+            ASSERT_TRUE(matches(line, "~-~-~,Info,#,NON,,logNumbers,i=# end")) << line;
+            const int thread = std::stoi(line.substr(line.find(",Info,") + 6));
+            ASSERT_EQ(++last[thread], std::stoi(line.substr(line.find("i=") + 2)));
         }
         for (const std::string& file : folder.files())
         {

@@ -106,6 +106,53 @@ TEST_F(LogFileRotation, NamesThatOnlyLookLikeOursCountAsTheOldest)
     EXPECT_TRUE(std::ranges::count(files, "log000001.txt") == 1 && std::ranges::count(files, "lo") == 1);
 }
 
+TEST_F(LogFileRotation, TheDefaultKeepsAThousandFiles)
+{
+    std::vector<std::string> files;
+    for (int number = 1001; number < 2000; ++number)
+    {
+        files.push_back("00" + std::to_string(number) + ".txt");
+    }
+    const std::string all = afterRotation(files, 1000);
+    EXPECT_TRUE(all.starts_with("001001.txt ") && all.ends_with("002000.txt "));
+    files.push_back("002000.txt");
+    EXPECT_TRUE(afterRotation(files, 1000).starts_with("001002.txt "));
+}
+
+TEST_F(LogFileRotation, WithoutABackslashTheWorkingFolderHoldsTheFilesAndTweaksLimitThem)
+{
+    folder.write("tweaks_extension.txt", "t_GenFileLoggerMaxFiles = 7\nt_FileLoggerMaxFilesOverride = 2\n");
+    std::filesystem::current_path(folder.native(""));
+    folder.write("log000001.txt", "");
+    folder.write("log000002.txt", "");
+    makeLiveFile(LIMIT + 1);
+    GenFileLogger("log", 1).write("new\n", 4);
+    EXPECT_EQ((std::vector<std::string>{"log.txt", "log000002.txt", "log000003.txt", "tweaks_extension.txt"}),
+              folder.files());
+}
+
+TEST_F(LogFileRotation, ALineThatTheDiskTookInPartStaysInItsFile)
+{
+    static std::size_t room = 0;
+    static const auto writeFile = fileCalls.writeFile;
+    makeLiveFile(LIMIT - 3);
+    SynchronousLogger logger(folder.path("log"), false, 1);
+    {
+        room = 6;
+        const ScopedReplacement fullDisk(
+            fileCalls.writeFile, +[](FileHandle file, const void* bytes, std::size_t size) {
+                const std::size_t taken = std::min(size, std::exchange(room, 0));
+                return taken == 0 ? Transfer{0, ErrorNumber::AccessDenied} : writeFile(file, bytes, taken);
+            });
+        logger.writeText("cut in two\n");
+        logger.writeText("kept\n");
+    }
+    logger.writeText("new\n");
+    std::string full = ScratchFolder::read(folder.path("log000001.txt"));
+    std::erase(full, '\r');
+    EXPECT_TRUE(full.ends_with("cut in two\nkept\n"));
+}
+
 TEST_F(LogFileRotation, AFileIsFullWhenItHasPassedTheLimit)
 {
     makeLiveFile(LIMIT);
