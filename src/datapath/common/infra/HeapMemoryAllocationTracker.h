@@ -43,7 +43,7 @@ public:
     [[nodiscard]] bool isTrackingDisabled() const { return m_trackingDisabled; }
 
 private:
-    struct Usage
+    struct alignas(sizeof(std::uint64_t)) Usage
     {
         std::uint32_t bytes = 0;
         std::uint32_t isPaused = 0; // as wide as the bytes: no padding takes part in comparisons

@@ -22,7 +22,7 @@ struct LogQueue::ChunkHead
             {
                 return;
             }
-            const std::size_t length = std::min<std::size_t>({text.size(), room - HEADER_SIZE, MOST_LENGTH});
+            const auto length = std::min<std::size_t>({text.size(), room - HEADER_SIZE, MOST_LENGTH});
             const bool isLast = length == text.size();
             const auto header = static_cast<Header>(length | (isLast ? 0 : CONTINUES));
             std::memcpy(bytes() + end, &header, HEADER_SIZE);
@@ -70,7 +70,7 @@ std::size_t LogQueue::roomFor(std::size_t textLength)
 LogQueue::Chunk LogQueue::newChunk(std::size_t textLength)
 {
     const std::size_t capacity = std::max(USUAL_CAPACITY, roomFor(textLength));
-    std::byte* const memory =
+    auto* const memory =
         MemShield::createArray<std::byte>({"LogQueueChunk", SourcePlace::here()}, sizeof(ChunkHead) + capacity);
     return Chunk(::new (memory) ChunkHead(capacity));
 }
