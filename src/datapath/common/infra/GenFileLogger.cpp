@@ -283,8 +283,9 @@ bool GenFileLogger::writeBatch()
         }
     }
     // Without a lock: misuse of memory that is found here is logged, and a flush on this thread writes the queue.
-    const LogQueue::Chunk spent = removeBatch(flushes);
+    const LogQueue::Chunk spent = removeBatch();
     m_memoryTracker->free(length);
+    finishFlushes(flushes); // last: whoever waited finds the budget as it is
     return !batch.empty();
 }
 
@@ -300,10 +301,16 @@ LogQueue::Batch GenFileLogger::nextBatch()
     return m_queue.front();
 }
 
-LogQueue::Chunk GenFileLogger::removeBatch(std::uint64_t flushes)
+LogQueue::Chunk GenFileLogger::removeBatch()
 {
     const MutexGuard guard(m_queueMutex);
-    m_flushesDone += flushes;
+    return m_queue.pop();
+}
+
+void GenFileLogger::finishFlushes(std::uint64_t count)
+{
+    const MutexGuard guard(m_queueMutex);
+    m_flushesDone += count;
     for (; !m_flushWaiters.empty() && m_flushWaiters.front().request <= m_flushesDone; m_flushWaiters.pop_front())
     {
         if (Semaphore* const flushDone = m_flushWaiters.front().flushDone)
@@ -315,7 +322,6 @@ LogQueue::Chunk GenFileLogger::removeBatch(std::uint64_t flushes)
             ++m_unclaimedFlushes;
         }
     }
-    return m_queue.pop();
 }
 
 void GenFileLogger::writePiece(const LogQueue::Piece& piece)

@@ -98,7 +98,7 @@ protected:
     bool m_asyncFlushEveryLine = false; // the writer flushes after every item
     Mutex m_queueMutex;                 // guards the queue; nothing is taken inside it
     StlMemShiledContainer<LogQueue> m_queue GUARDED_BY(m_queueMutex){"FileLogger"};
-    Trigger m_queueEvent;                                    // set when the queue is no longer empty
+    Trigger m_queueEvent;                                    // lets the writer go on
     GuardedPtr<HeapMemoryAllocationTracker> m_memoryTracker; // the budget of queued text
     std::uint32_t m_flushMaxPeriodMs = 0;                    // longest wait for a flush; 0: no limit
 
@@ -118,7 +118,8 @@ private:
     bool writeBatch() EXCLUDES(m_fileMutex, m_queueMutex);
     void flushStream() EXCLUDES(m_fileMutex);
     [[nodiscard]] LogQueue::Batch nextBatch() EXCLUDES(m_queueMutex);
-    [[nodiscard]] LogQueue::Chunk removeBatch(std::uint64_t flushes) EXCLUDES(m_queueMutex);
+    [[nodiscard]] LogQueue::Chunk removeBatch() EXCLUDES(m_queueMutex);
+    void finishFlushes(std::uint64_t count) EXCLUDES(m_queueMutex);
     void writePiece(const LogQueue::Piece& piece) REQUIRES(m_fileMutex);
     void writePart(std::string_view part, bool isFirst) REQUIRES(m_fileMutex);
 
