@@ -42,10 +42,14 @@ private:
     /// Most locks are held for less time than falling asleep takes.
     void lockContended()
     {
-        constexpr int LOOKS = 100;
-        for (int look = 0; look < LOOKS; ++look)
+        // With longer and longer rests: each look takes the lock's cache line from whoever holds it.
+        constexpr int LONGEST_REST = 64;
+        for (int rest = 2; rest <= LONGEST_REST; rest *= 2)
         {
-            platform::relax();
+            for (int i = 0; i < rest; ++i)
+            {
+                platform::relax();
+            }
             if (m_mutex.try_lock())
             {
                 return;
