@@ -1,0 +1,195 @@
+#pragma once
+
+// A watched queue with one first-in first-out list for each priority; a higher number is taken earlier.
+//
+//     PriorityQueue<Thing*> queue(2, "Things", false);
+//     queue.enqueue(thing, 1);
+//     while (queue.dequeue(thing, priority)) ...
+//
+// The owner locks every call but itemCount, which any thread may make. What pointers in the queue point to stays the
+// owner's. A list that goes up and down takes memory in blocks of many items and none for a single one.
+
+#include "datapath/common/infra/DynamicTweaks.h"
+#include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/MemWatchedContainer.h"
+#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Tweaks.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+template <class T> class PriorityQueue final : public MemWatchedContainer
+{
+public:
+    /// Priorities go from 0 to numPriorities - 1. With printStats, a line of watermarks is logged from time to time.
+    PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats)
+        : MemWatchedContainer(std::move(name), 0, 0), m_queues(numPriorities), m_queueStats(numPriorities),
+          m_printStats(printStats), m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name())
+    {
+        MemWatchedContainerDatabase::instance().registerContainer(this);
+    }
+    PriorityQueue(const PriorityQueue&) = delete;
+    PriorityQueue& operator=(const PriorityQueue&) = delete;
+    ~PriorityQueue() override { MemWatchedContainerDatabase::instance().unregisterContainer(this); }
+
+    /// A priority out of range ends the process; should the Logger's hook prevent that, the item is not queued.
+    void enqueue(T item, std::uint32_t priority)
+    {
+        if (priority >= m_queues.size()) [[unlikely]]
+        {
+            CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "priority < m_queues.size()")
+                << "priority too high"
+                << " priority=" << priority << " "
+                << " m_queues.size()=" << m_queues.size() << " " << std::endl;
+            return;
+        }
+        printStatsIfNeeded();
+        std::deque<T>& queue = m_queues[priority];
+        queue.push_back(std::move(item));
+        setItemCount(size() + 1);
+        m_highestPriority = std::max(m_highestPriority, priority);
+        std::uint64_t& highWatermark = m_queueStats[priority].highWatermark;
+        highWatermark = std::max<std::uint64_t>(highWatermark, queue.size());
+    }
+
+    /// The oldest item of the highest priority that has any, and that priority. False, with both left as they were,
+    /// if the queue is empty.
+    [[nodiscard]] bool dequeue(T& item, std::uint32_t& priority)
+    {
+        if (empty())
+        {
+            m_highestPriority = 0;
+            return false;
+        }
+        while (m_queues[m_highestPriority].empty())
+        {
+            --m_highestPriority;
+        }
+        std::deque<T>& queue = m_queues[m_highestPriority];
+        item = std::move(queue.front());
+        queue.pop_front();
+        setItemCount(size() - 1);
+        priority = m_highestPriority;
+        std::uint64_t& lowWatermark = m_queueStats[priority].lowWatermark;
+        lowWatermark = std::min<std::uint64_t>(lowWatermark, queue.size());
+        printStatsIfNeeded();
+        return true;
+    }
+
+    [[nodiscard]] std::uint64_t size() const { return itemCount(); }
+    [[nodiscard]] bool empty() const { return itemCount() == 0; }
+
+    /// Items of one priority. One out of range ends the process.
+    [[nodiscard]] std::uint64_t size(std::uint32_t priority) const
+    {
+        if (priority >= m_queues.size()) [[unlikely]]
+        {
+            CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "priority < m_queues.size()")
+                << "invalid priority" << std::endl;
+            return 0;
+        }
+        return m_queues[priority].size();
+    }
+
+    /// Bytes of the items of one priority; what pointers point to is not known, so theirs is 0. A priority out of
+    /// range ends the process.
+    [[nodiscard]] std::uint64_t sizeBytes(std::uint32_t priority) const
+    {
+        if (priority >= m_queueStats.size()) [[unlikely]]
+        {
+            CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "priority < m_queueStats.size()")
+                << "invalid priority" << std::endl;
+            return 0;
+        }
+        return std::is_pointer_v<T> ? 0 : m_queues[priority].size() * sizeof(T);
+    }
+
+    /// The highest priority that may have items, as of the last call.
+    [[nodiscard]] std::uint32_t highestPriority() const { return m_highestPriority; }
+
+    /// The name in the line of watermarks. The one that the queue is watched under stays.
+    void setName(std::string name) { m_name = std::move(name); }
+
+    [[nodiscard]] std::uint64_t itemCount() const override { return m_itemCount.load(std::memory_order_relaxed); }
+
+    /// For tests: whether the counts, the mark and the watermarks fit the lists.
+    [[nodiscard]] bool checkInvariants() const
+    {
+        std::uint64_t total = 0;
+        bool isSound = m_queues.empty() || m_highestPriority < m_queues.size();
+        for (std::size_t priority = 0; priority < m_queues.size(); ++priority)
+        {
+            const std::uint64_t count = m_queues[priority].size();
+            const Stats& stats = m_queueStats[priority];
+            total += count;
+            isSound = isSound && (count == 0 || priority <= m_highestPriority) && stats.lowWatermark <= count &&
+                      count <= stats.highWatermark;
+        }
+        return isSound && total == itemCount();
+    }
+
+private:
+    /// The most and the fewest items since the last line.
+    struct Stats
+    {
+        std::uint64_t highWatermark = 0;
+        std::uint64_t lowWatermark = 0;
+    };
+
+    static std::uint32_t printIntervalMs()
+    {
+        constexpr std::int32_t DEFAULT_INTERVAL_MS = 10'000;
+        constexpr std::uint32_t VERBOSE_INTERVAL_MS = 500;
+        const std::int32_t intervalMs =
+            Tweaks::instance().intVal("t_OlmPriorityQueuePrintIntervalMs", DEFAULT_INTERVAL_MS);
+        return DynamicTweaks::instance().t_IOVerboseLogs ? VERBOSE_INTERVAL_MS : static_cast<std::uint32_t>(intervalMs);
+    }
+
+    /// The owner's lock makes this thread the only one that writes.
+    void setItemCount(std::uint64_t count) { m_itemCount.store(count, std::memory_order_relaxed); }
+
+    void printStatsIfNeeded()
+    {
+        if (m_printStats)
+        {
+            const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
+            if (nowMs - m_lastPrintMs >= m_printIntervalMs)
+            {
+                m_lastPrintMs = nowMs;
+                printStats();
+            }
+        }
+    }
+
+    void printStats()
+    {
+        LogItem line(LoggerId::NON, LogLevel::Info, "PriorityQueue::printStatsIfNeeded");
+        line << "(" << m_name << ")";
+        for (auto priority = static_cast<std::uint32_t>(m_queues.size()); priority-- > 0;)
+        {
+            Stats& stats = m_queueStats[priority];
+            const std::uint64_t count = size(priority);
+            line << "Q" << priority << ":" << count << " (" << sizeBytes(priority) << " B WM-H" << stats.highWatermark
+                 << " L" << stats.lowWatermark << ") ";
+            stats = {.highWatermark = count, .lowWatermark = count};
+        }
+        line << std::endl;
+    }
+
+    std::uint32_t m_highestPriority = 0; // above it every list is empty
+    std::vector<std::deque<T>> m_queues; // by priority
+    std::vector<Stats> m_queueStats;
+    const bool m_printStats;
+    std::int64_t m_lastPrintMs = 0;
+    const std::uint32_t m_printIntervalMs;
+    std::string m_name;
+    std::atomic<std::uint64_t> m_itemCount = 0;
+};

@@ -1,0 +1,106 @@
+#pragma once
+
+// Running statistics of a stream of tasks: how many are active at once, how long there was work and how long none,
+// items and bytes a second, latencies. When enough has come together, one line is logged and a new period starts.
+//
+//     const MutexGuard guard(monitor.m_mutex);
+//     monitor.incActiveTasksLocked(1);                                  // a task starts
+//     monitor.addItemsLocked(1, length);
+//     monitor.taskCompleted(nowUs, nowUs - startUs);                    // a task ends
+//
+// Times are in µs of the steady clock. The feeding code holds m_mutex around each call.
+
+#include "datapath/common/infra/Mutex.h"
+#include "datapath/common/infra/Timer.h"
+
+#include <cstdint>
+#include <string>
+
+class RateMonitor
+{
+public:
+    struct Settings
+    {
+        // A line is due when a task ends in a period with more than that many items or more than that much busy time,
+        // and with at least that many completed tasks.
+        std::uint32_t minItemsForReport = 10'000;
+        std::uint64_t minBusyUsForReport = 10'000'000;
+        std::uint32_t minTasksForReport = 1;
+        /// Times in the line are divided by it: 1000 for ms. 0 ends the process.
+        std::uint64_t timeUnit = 1'000;
+        /// Whether the line covers everything since the construction, rather than a period of its own.
+        bool cumulative = false;
+        /// The clock.
+        std::int64_t (*timestampUs)() = [] { return Timer::instance().getTimestampUs(); };
+    };
+
+    /// The name opens the lines; a monitor without one writes none. The first period starts here.
+    RateMonitor(std::string name, const Settings& settings);
+    RateMonitor(const RateMonitor&) = delete;
+    RateMonitor& operator=(const RateMonitor&) = delete;
+
+    /// An active task ends the process.
+    ~RateMonitor();
+
+    /// A task starts (1) or ends (-1). Anything else, and an end too many, ends the process.
+    void incActiveTasksLocked(std::int32_t c) REQUIRES(m_mutex);
+
+    /// Counts what the tasks handle. The sums of a period stop at the largest 32-bit value.
+    void addItemsLocked(std::uint32_t items, std::uint64_t bytes) REQUIRES(m_mutex);
+
+    /// A task ends, now, after latencyUs. Logs the line if it is due.
+    void taskCompleted(std::uint64_t nowUs, std::uint64_t latencyUs) REQUIRES(m_mutex);
+
+    /// Logs the line with the results of the last period that was closed.
+    void update() const REQUIRES(m_mutex);
+
+    /// The monitor's clock.
+    [[nodiscard]] std::uint64_t nowUs() const { return static_cast<std::uint64_t>(m_timestampUs()); }
+
+    Mutex m_mutex; // guards the figures; the clock is read and the line is logged inside it
+
+    /// Start of the feeding active object's busy period, 0 when there is none. Written by that object.
+    std::uint64_t m_aoBusyStartUs GUARDED_BY(m_mutex) = 0;
+
+private:
+    [[nodiscard]] bool isReportDue() const REQUIRES(m_mutex);
+    void closePeriod(std::uint64_t nowUs) REQUIRES(m_mutex);
+    void startPeriod() REQUIRES(m_mutex);
+
+    const std::string m_name;
+    const std::uint32_t m_minItemsForReport;
+    const std::uint64_t m_minBusyUsForReport;
+    const std::uint32_t m_minTasksForReport;
+    const std::uint64_t m_timeUnit;
+    const bool m_cumulative;
+    std::int64_t (*const m_timestampUs)();
+
+    // The tasks.
+    std::uint64_t m_lastTaskEndUs GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_idleStartUs GUARDED_BY(m_mutex) = 0; // when the last active task ended, 0 before
+    std::uint64_t m_busyStartUs GUARDED_BY(m_mutex) = 0; // from when busy time is still to be added
+    std::uint64_t m_lastConcurrencyChangeUs GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_currentActiveTasks GUARDED_BY(m_mutex) = 0;
+
+    // Of the period so far.
+    std::uint64_t m_periodStartUs GUARDED_BY(m_mutex);
+    std::uint64_t m_idleTimeUs GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_busyTimeUs GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_latencySumUs GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_maxLatencyUs GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_items GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_bytes GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_completedTasks GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_maxConcurrency GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_minConcurrency GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_concurrencyIntegral GUARDED_BY(m_mutex) = 0; // active tasks times µs
+
+    // The results.
+    std::uint64_t m_totalTimeUs GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_bytesPerSecBusy GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_itemsPerSecBusy GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_bytesPerSecWall GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_itemsPerSecWall GUARDED_BY(m_mutex) = 0;
+    float m_avgConcurrency GUARDED_BY(m_mutex) = 0;
+    float m_avgBusyConcurrency GUARDED_BY(m_mutex) = 0; // over the busy time alone
+};

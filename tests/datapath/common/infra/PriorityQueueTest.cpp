@@ -1,0 +1,127 @@
+#include "datapath/common/infra/PriorityQueue.h"
+
+#include "platform/Time.h"
+#include "tests/support/Support.h"
+
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+
+class ActiveObject
+{
+public:
+    class Action;
+};
+
+namespace
+{
+
+using Texts = std::vector<std::string>;
+const std::string STATS = "Info,NON,PriorityQueue,printStatsIfNeeded,";
+std::int64_t nowMs = 20'000;
+
+struct PriorityQueueTest : testing::Test
+{
+    PriorityQueueTest()
+    {
+        folder.enter();
+        platform::timeCalls.tickCountMs = [] { return static_cast<std::uint64_t>(nowMs); };
+        platform::timeCalls.performanceFrequency = [](std::int64_t& frequency) { return (frequency = 1'000) > 0; };
+        platform::timeCalls.performanceCounter = [](std::int64_t& ticks) { return (ticks = nowMs) > 0; };
+    }
+
+    /// What has been logged with that head, without it.
+    Texts logged(const std::string& head) const
+    {
+        Texts messages = client->messages();
+        std::erase_if(messages, [&](const std::string& message) { return !message.starts_with(head); });
+        std::ranges::for_each(messages, [&](std::string& message) { message.erase(0, head.size()); });
+        return messages;
+    }
+
+    const ScratchFolder folder;
+    const LettingGo lettingGo;
+    CapturingClient* const client = new CapturingClient; // stays registered
+    std::uint32_t priority = 0;
+};
+
+TEST_F(PriorityQueueTest, PrioritiesOutOfRangeAreNamed)
+{
+    ActiveObject::Action* action = nullptr;
+    PriorityQueue<ActiveObject::Action*> queue(2, "Actions", false);
+    queue.enqueue(action, 2);
+    EXPECT_FALSE(queue.dequeue(action, priority));
+    queue.enqueue(action, 1);
+    EXPECT_EQ(0U, queue.size(2) + queue.sizeBytes(2) + queue.sizeBytes(1));
+    const Texts lines = logged("Assert,NON,PriorityQueue<class ActiveObject::Action *>,");
+    const std::string check = ", datapath/common/infra/PriorityQueue.h #: priority < m_queue";
+    const std::string values = " priority=2  m_queues.size()=2 ";
+    ASSERT_EQ(3U, lines.size());
+    EXPECT_PRED2(matches, lines[0], "enqueue" + check + "s.size() failed. priority too high" + values);
+    EXPECT_PRED2(matches, lines[1], "size" + check + "s.size() failed. invalid priority");
+    EXPECT_PRED2(matches, lines[2], "sizeBytes" + check + "Stats.size() failed. invalid priority");
+}
+
+TEST_F(PriorityQueueTest, WatermarksAreLoggedOnceAnInterval)
+{
+    PriorityQueue<char> queue(2, "Bytes", true);
+    Tweaks::instance().update("t_IOVerboseLogs", "on");
+    PriorityQueue<char> verbose(1, "Verbose", true);
+    char item = 0;
+    queue.enqueue('a', 0);
+    queue.enqueue('b', 0);
+    queue.enqueue('c', 1);
+    queue.setName("Renamed");
+    nowMs = 29'999;
+    EXPECT_TRUE(queue.dequeue(item, priority) && queue.dequeue(item, priority));
+    EXPECT_EQ(Texts{"(Bytes)Q1:0 (0 B WM-H0 L0) Q0:0 (0 B WM-H0 L0) "}, logged(STATS));
+    nowMs = Timer::instance().getLastTimestampMs_Inaccurate(true) + 1;
+    static_cast<void>(Timer::instance().getTimestampMs());
+    queue.enqueue('d', 1);
+    nowMs = 60'000; // nobody else reads the clock
+    EXPECT_TRUE(queue.dequeue(item, priority));
+    ASSERT_EQ(3U, logged(STATS).size());
+    EXPECT_EQ("(Renamed)Q1:0 (0 B WM-H1 L0) Q0:1 (1 B WM-H2 L0) ", logged(STATS)[1]);
+    EXPECT_EQ("(Renamed)Q1:0 (0 B WM-H1 L0) Q0:1 (1 B WM-H1 L1) ", logged(STATS)[2]); // since the line before
+    for (const std::int64_t laterMs : {0, 499, 1})
+    {
+        nowMs += laterMs;
+        static_cast<void>(Timer::instance().getTimestampMs());
+        verbose.enqueue('e', 0);
+        EXPECT_EQ(laterMs == 1 ? 5U : 4U, logged(STATS).size());
+    }
+}
+
+TEST_F(PriorityQueueTest, TakesTheOldestOfTheHighestPriorityWhateverCameBefore)
+{
+    const auto report = [] { MemWatchedContainerDatabase::instance().printWatchedContainers(); };
+    auto queue = std::make_unique<PriorityQueue<int>>(5, "Items", true);
+    std::set<std::pair<std::int64_t, int>> model; // negative priorities and ages
+    std::mt19937 random(4711);
+    for (int step = 0; step < 20'000; ++step)
+    {
+        nowMs += static_cast<std::int64_t>(random() % 40);
+        priority = static_cast<std::uint32_t>(random() % 5);
+        if (random() % 4 < (step / 500 % 2 == 0 ? 3U : 1U)) // grows for a while, then shrinks
+        {
+            queue->enqueue(step, priority);
+            model.emplace(-std::int64_t{priority}, step);
+        }
+        else if (int item = 0; queue->dequeue(item, priority))
+        {
+            ASSERT_EQ(std::pair(-std::int64_t{priority}, item), *model.begin());
+            model.erase(model.begin());
+        }
+        ASSERT_TRUE(queue->checkInvariants() && queue->itemCount() == model.size());
+    }
+    const std::string items =
+        "Info,NON,MemWatchedContainerDatabase,printWatchedContainers,ContainerName = Items items = ";
+    const Texts counts = {std::to_string(queue->size())};
+    report();
+    queue.reset();
+    report();
+    EXPECT_EQ(counts, logged(items));
+}
+
+} // namespace
