@@ -44,13 +44,15 @@ Logger& Logger::instance()
 void Logger::registerClient(LoggerClient* client, std::uint32_t levelMask)
 {
     client->m_levelMask = levelMask;
-    if (m_clientsCnt == MAX_CLIENTS)
+    const std::uint32_t index = m_clientsCnt;
+    if (index == MAX_CLIENTS)
     {
         CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_CLIENTS), "m_clientsCnt < 4")
-            << " m_clientsCnt=" << m_clientsCnt << " " << std::endl;
+            << " m_clientsCnt=" << index << " " << std::endl;
         return;
     }
-    m_clients[m_clientsCnt++] = client;
+    m_clients[index] = client;
+    m_clientsCnt.store(index + 1, std::memory_order_release);
 }
 
 void Logger::dispatch(const std::string& line, LogLevel level, LoggerId loggerId)

@@ -88,7 +88,7 @@ public:
     [[nodiscard]] static Logger& instance();
 
     /// Adds a client, which stays the caller's and must live until the process ends. There is room
-    /// for four; a fifth ends the process. Start-up only: no other thread may log meanwhile.
+    /// for four; a fifth ends the process. For one thread at a time; others may log meanwhile.
     void registerClient(LoggerClient* client, std::uint32_t levelMask);
 
     [[nodiscard]] bool hasClients() const { return m_clientsCnt != 0; }
@@ -137,8 +137,8 @@ private:
     std::atomic<std::size_t> m_asyncThreadNamesCnt = 0;
     ThreadNames m_threadNames GUARDED_BY(m_mutex){"LoggerThreadNames"};
     std::array<LoggerClient*, MAX_CLIENTS> m_clients{};
-    std::uint32_t m_clientsCnt = 0;
-    mutable Mutex m_mutex; // guards the two tables of names; nothing is taken inside it
+    std::atomic<std::uint32_t> m_clientsCnt = 0; // of the entries above that others may look at
+    mutable Mutex m_mutex;                       // guards the two tables of names; nothing is taken inside it
     LogAssertHook* m_assertHook = nullptr;
     std::array<AssertHandler, LOGGER_COUNT> m_assertHandlers;
 };

@@ -1,7 +1,9 @@
 #include "datapath/common/infra/MemShield.h"
 
+#include "datapath/common/infra/MemShieldAO.h"
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "datapath/common/infra/windows/MemWatcher.h"
 #include "platform/Process.h"
 
 #include <algorithm>
@@ -55,6 +57,7 @@ MemShield::MemShield()
       m_postMargin(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_memshield_post_margin_size", 64))),
       m_historyLength(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_allocationHistoryLengthMs", 0)))
 {
+    MemShieldAO::instance().open();
 }
 
 void* MemShield::internalAllocAndCountOnlyArray(std::uint64_t size, std::uint64_t numItems, const AllocationSite& site)
@@ -277,6 +280,8 @@ void MemShield::printAllocations()
             << " maxAllocationsFound=" << largestCount << " " << std::endl;
     }
     MemWatchedContainerDatabase::instance().printWatchedContainers();
+    MemWatcher::printMem();
+    MemWatcher::instance().printCpu();
 }
 
 void MemShield::sortByAddress(std::vector<Record>& records) { std::ranges::sort(records, std::less(), &Record::first); }

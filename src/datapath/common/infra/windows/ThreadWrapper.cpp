@@ -3,6 +3,7 @@
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/SystemHeapBytes.h"
 #include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/windows/MemWatcher.h"
 #include "platform/Random.h"
 #include "platform/Threads.h"
 
@@ -45,11 +46,12 @@ void ThreadWrapper::threadCallback(void* wrapper)
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "Starting ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
     self.registerThread();
-    // Here, and again right behind run, is where a watcher of threads learns of this one.
+    MemWatcher::instance().AddThread(platform::currentThreadId());
     platform::seedRandom(internalId + static_cast<std::uint32_t>(Timer::instance().getUtcTimeMs()));
 
     self.run();
 
+    MemWatcher::instance().removeThread();
     Logger::instance().removeThreadName();
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "Ending ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;

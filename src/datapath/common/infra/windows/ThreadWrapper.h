@@ -1,7 +1,7 @@
 #pragma once
 
 // The base of every long-lived worker thread. open starts a thread that runs run() once; the thread's
-// name is known to the Logger and its start and end are logged.
+// name is known to the Logger, its start and end are logged, and the MemWatcher knows of it meanwhile.
 //
 //     class Writer : public ThreadWrapper { void run() override { ... } };
 //     writer.open();
@@ -42,6 +42,9 @@ public:
 protected:
     /// The body of each thread.
     virtual void run() = 0;
+
+    /// How many threads were opened.
+    [[nodiscard]] std::uint32_t numOpened() const { return m_numOpened; }
 
 private:
     static void threadCallback(void* wrapper);

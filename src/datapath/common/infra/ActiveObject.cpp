@@ -1,0 +1,302 @@
+#include "datapath/common/infra/ActiveObject.h"
+
+#include "datapath/common/infra/DynamicTweaks.h"
+#include "datapath/common/infra/FatalCheck.h"
+#include "platform/Threads.h"
+
+std::uint32_t ActiveObject::Action::getDlcTimeoutSec() const
+{
+    return m_dlcTimeoutSec != 0 ? m_dlcTimeoutSec : DynamicTweaks::instance().t_defaultDlcTimeoutSec;
+}
+
+namespace
+{
+
+// Functions whose lines are logged by others.
+constexpr MethodText CONSTRUCTOR = {.text = "ActiveObject::ActiveObject", .fields = "ActiveObject,ActiveObject"};
+constexpr MethodText WORKER = {.text = "ActiveObject::run", .fields = "ActiveObject,run"};
+constexpr MethodText TERMINATION = {.text = "ActiveObject::terminateAllThreads",
+                                    .fields = "ActiveObject,terminateAllThreads"};
+
+/// A missing name is reported before anything uses it.
+const char* checkedName(const char* name)
+{
+    if (name == nullptr)
+    {
+        CheckFailure(LoggerId::NON, CONSTRUCTOR, SourcePlace::here(), "name != 0") << std::endl;
+        return "";
+    }
+    return name;
+}
+
+} // namespace
+
+ActiveObject::ActiveObject(const char* name, const std::atomic<bool>* forceVerbose)
+    : m_pq(1, checkedName(name), false), m_forceVerbose(forceVerbose), m_name(m_pq.name())
+{
+    const bool isVerbose = DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        << "AO<" << m_name << ">  m_name=" << m_name << " "
+        << " m_forceVerbose=" << m_forceVerbose->load(std::memory_order_relaxed) << " "
+        << " DynamicTweaks::instance()->t_ActiveObjectVerboseLogs=" << isVerbose << " " << std::endl;
+}
+
+ActiveObject::~ActiveObject() { terminateAllThreads(); }
+
+std::uint32_t ActiveObject::getIdleEstimate()
+{
+    const MutexGuard guard(m_mutex);
+    const std::uint64_t workers = std::uint64_t{m_numStarted} + 1;
+    return static_cast<std::uint32_t>(workers - std::min(workers, m_pq.size()));
+}
+
+void ActiveObject::enqueue(Action* action)
+{
+    bool isWorkerReserved = false;
+    {
+        const MutexGuard guard(m_mutex);
+        monitorEnqueue();
+        m_pq.enqueue(action, 0);
+        isWorkerReserved = reserveWorker();
+    }
+    if (isWorkerReserved)
+    {
+        m_wake.signal();
+    }
+}
+
+/// Returns whether there is a sleeping worker and none that will look at the queue anyway. The caller then has to
+/// signal m_wake once, preferably when the lock is free again.
+bool ActiveObject::reserveWorker()
+{
+    if (m_numLooking != 0 || m_numSleeping == 0)
+    {
+        return false;
+    }
+    --m_numSleeping;
+    ++m_numLooking;
+    return true;
+}
+
+void ActiveObject::run()
+{
+    std::uint32_t threadIndex = 0;
+    {
+        const MutexGuard guard(m_mutex);
+        ++m_numStarted;
+        ++m_numRunning;
+        threadIndex = ++m_threadIndexCounter;
+    }
+    {
+        DlcKeepalive keepalive("");
+        keepalive.disarm();
+        onThreadStart(threadIndex);
+        for (Extracted next = waitForAction(); next.action != nullptr; next = waitForAction())
+        {
+            execute(*next.action, next.priority, threadIndex, keepalive);
+            release(next.action);
+        }
+    }
+    m_left.signal();
+}
+
+void ActiveObject::execute(Action& action, std::uint32_t priority, std::uint32_t threadIndex, DlcKeepalive& keepalive)
+{
+    action.m_priority = priority;
+    action.m_threadIndex = threadIndex;
+    action.m_keepalive = &keepalive;
+    const std::uint32_t timeoutSec = action.getDlcTimeoutSec();
+    keepalive.setTimeoutSec(timeoutSec != 0 ? timeoutSec : DynamicTweaks::instance().t_defaultDlcTimeoutSec);
+    keepalive.arm();
+    action.execute();
+    keepalive.disarm();
+}
+
+void ActiveObject::release(Action* action) { MemShield::destroy(action, SourcePlace::here()); }
+
+/// The next action, or none when the worker is to leave.
+ActiveObject::Extracted ActiveObject::waitForAction()
+{
+    Extracted extracted;
+    bool isHelpWanted = false;
+    {
+        const MutexGuard guard(m_mutex);
+        while (waitUntilQueued() && !extract(extracted))
+        {
+            LogItem(LoggerId::NON, LogLevel::Error, WORKER)
+                << "!bExtracted, m_pq.size " << m_pq.size() << " m_pq.empty " << m_pq.empty() << "  m_pq Priority "
+                << m_pq.highestPriority() << std::endl;
+        }
+        if (extracted.action == nullptr)
+        {
+            --m_numRunning;
+        }
+        isHelpWanted = !m_pq.empty() && reserveWorker();
+    }
+    if (isHelpWanted)
+    {
+        m_wake.signal();
+    }
+    return extracted;
+}
+
+/// Returns whether there is an action; if not, the object has been disabled.
+bool ActiveObject::waitUntilQueued()
+{
+    constexpr int LOOKS = 200;
+    constexpr std::uint32_t TIMEOUT_MS = 5'000;
+    while (m_enabled && m_pq.empty())
+    {
+        // The next action is often near, and falling asleep is dear.
+        ++m_numLooking;
+        m_mutex.unlock();
+        for (int look = 0; look < LOOKS && m_enabled && m_pq.empty(); ++look)
+        {
+            platform::relax();
+        }
+        m_mutex.lock();
+        --m_numLooking;
+        if (!m_enabled || !m_pq.empty())
+        {
+            break;
+        }
+        ++m_numSleeping;
+        m_mutex.unlock();
+        const bool isWoken = m_wake.waitFor(TIMEOUT_MS);
+        m_mutex.lock();
+        if (isWoken)
+        {
+            --m_numLooking;
+            continue;
+        }
+        if (m_numSleeping != 0)
+        {
+            --m_numSleeping;
+        }
+        else // every sleeper has been reserved, this one too
+        {
+            m_mutex.unlock();
+            m_wake.wait();
+            m_mutex.lock();
+            --m_numLooking;
+        }
+        logTimedOutWait();
+    }
+    return m_enabled;
+}
+
+void ActiveObject::logTimedOutWait() const
+{
+    const bool isVerbose =
+        m_forceVerbose->load(std::memory_order_relaxed) || DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
+    if (isVerbose && (!m_pq.empty() || !m_enabled))
+    {
+        LogItem(LoggerId::NON, LogLevel::Info, WORKER)
+            << "AO<" << m_name << "> " << m_name
+            << " !m_pq.empty() || !m_enabled, and wait timed out, unlikely, m_pq.size " << m_pq.size() << " m_pq.empty "
+            << m_pq.empty() << "  m_pq Priority " << m_pq.highestPriority() << std::endl;
+    }
+}
+
+bool ActiveObject::extract(Extracted& extracted)
+{
+    if (!m_pq.dequeue(extracted.action, extracted.priority))
+    {
+        return false;
+    }
+    if (m_pq.empty())
+    {
+        monitorEmptyQueue();
+    }
+    return true;
+}
+
+void ActiveObject::terminateAllThreads()
+{
+    waitUntilRunning();
+    std::uint32_t numWoken = 0;
+    {
+        const MutexGuard guard(m_mutex);
+        m_enabled = false;
+        numWoken = m_numSleeping;
+        m_numLooking += m_numSleeping;
+        m_numSleeping = 0;
+    }
+    for (; numWoken != 0; --numWoken)
+    {
+        m_wake.signal();
+    }
+    for (; m_numLeft != numOpened(); ++m_numLeft)
+    {
+        m_left.wait();
+    }
+    for (Action* const action : drain())
+    {
+        release(action);
+    }
+}
+
+std::vector<ActiveObject::Action*> ActiveObject::drain()
+{
+    std::vector<Action*> actions;
+    const MutexGuard guard(m_mutex);
+    if (m_pq.empty())
+    {
+        return actions;
+    }
+    LogItem(LoggerId::NON, LogLevel::Warn, TERMINATION)
+        << "ActiveObject queue was not empty during shutdown: " << m_pq.size() << " items, details follow."
+        << std::endl;
+    for (std::uint32_t priority = 0; priority <= m_pq.highestPriority(); ++priority)
+    {
+        LogItem(LoggerId::NON, LogLevel::Warn, TERMINATION)
+            << "priority " << priority << ": " << m_pq.size(priority) << " items, " << m_pq.sizeBytes(priority)
+            << " bytes" << std::endl;
+    }
+    while (!m_pq.empty())
+    {
+        Extracted extracted;
+        if (!extract(extracted))
+        {
+            CheckFailure(LoggerId::NON, TERMINATION, SourcePlace::here(), "bExtracted")
+                << "Failed to extract items from ActiveObject queue for cleanup during shutdown." << std::endl;
+            break;
+        }
+        actions.push_back(extracted.action);
+    }
+    return actions;
+}
+
+void ActiveObject::attachRateMonitor(GuardedPtr<RateMonitor> monitor)
+{
+    const MutexGuard guard(m_mutex);
+    m_rateMonitor = std::move(monitor);
+}
+
+void ActiveObject::monitorEnqueue()
+{
+    if (m_rateMonitor)
+    {
+        const MutexGuard guard(m_rateMonitor->m_mutex);
+        if (m_pq.empty() && m_rateMonitor->m_aoBusyStartUs == 0)
+        {
+            m_rateMonitor->m_aoBusyStartUs = m_rateMonitor->nowUs();
+            m_rateMonitor->incActiveTasksLocked(1);
+        }
+        m_rateMonitor->addItemsLocked(1, 0);
+    }
+}
+
+void ActiveObject::monitorEmptyQueue()
+{
+    if (m_rateMonitor)
+    {
+        const MutexGuard guard(m_rateMonitor->m_mutex);
+        if (m_rateMonitor->m_aoBusyStartUs != 0)
+        {
+            const std::uint64_t nowUs = m_rateMonitor->nowUs();
+            m_rateMonitor->taskCompleted(nowUs, nowUs - m_rateMonitor->m_aoBusyStartUs);
+            m_rateMonitor->m_aoBusyStartUs = 0;
+        }
+    }
+}

@@ -1,0 +1,152 @@
+#pragma once
+
+// One result that is set once, by whoever produces it, and reaches any number of others: threads that wait for it,
+// and observers that are called with it.
+//
+//     FutureInternal::Future<RcStatus> done;
+//     worker.start(done);                        // keeps a copy: all copies share one state
+//     if (done.get() != RC_OK) ...               // waits for done.set(...) on the worker's thread
+//
+// Any thread may call. The state is one block of the guarded allocator and goes with the last copy. There is no reset
+// and no cancellation: who waits for a future that nobody sets waits for ever.
+
+#include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/Mutex.h"
+#include "datapath/common/infra/UnownedMutex.h"
+#include "platform/Threads.h"
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+namespace FutureInternal
+{
+
+/// Told of the result: once, by the thread that sets it, or by the one that adds the observer when it is there
+/// already.
+template <class T> class FutureObserver
+{
+public:
+    virtual ~FutureObserver() = default;
+
+    /// Runs under the future's lock, so it must not call set, isSet or addObserver of the same future. It may
+    /// release copies of it, and the observer itself.
+    virtual void update(const T& value) = 0;
+};
+
+/// What the copies of a future share.
+template <class T> class FutureRep
+{
+public:
+    FutureRep() { m_gate.lock(); }
+    FutureRep(const FutureRep&) = delete;
+    FutureRep& operator=(const FutureRep&) = delete;
+    ~FutureRep() = default;
+
+    void set(const T& value) EXCLUDES(m_mutex)
+    {
+        const MutexGuard guard(m_mutex);
+        if (m_bSet.load(std::memory_order_relaxed))
+        {
+            // Spelled out: a signature does not tell enumerations from classes.
+            static constexpr MethodText METHOD = {.text = "FutureInternal::Future<enum RcStatus>::set",
+                                                  .fields = "FutureInternal::Future<enum RcStatus>,set"};
+            failAssertion(LoggerId::NON, METHOD, SourcePlace::here(), "!tempSmartPtr->m_bSet");
+        }
+        m_value = value;
+        m_bSet.store(true, std::memory_order_release);
+        m_gate.unlock();
+        for (FutureObserver<T>* const observer : m_observers)
+        {
+            observer->update(m_value);
+        }
+    }
+
+    [[nodiscard]] bool isSet() EXCLUDES(m_mutex)
+    {
+        const MutexGuard guard(m_mutex);
+        return m_bSet.load(std::memory_order_relaxed);
+    }
+
+    [[nodiscard]] T get()
+    {
+        // What is waited for is often near: a few looks are cheaper than falling asleep.
+        for (int looks = 0; looks < 100 && !m_bSet.load(std::memory_order_acquire); ++looks)
+        {
+            platform::relax();
+        }
+        if (!m_bSet.load(std::memory_order_acquire))
+        {
+            m_gate.lock();
+            m_gate.unlock(); // for the next one who waits
+        }
+        return m_value;
+    }
+
+    void addObserver(FutureObserver<T>* observer) EXCLUDES(m_mutex)
+    {
+        const MutexGuard guard(m_mutex);
+        if (m_bSet.load(std::memory_order_relaxed))
+        {
+            observer->update(m_value);
+        }
+        else
+        {
+            m_observers.push_back(observer);
+        }
+    }
+
+private:
+    UnownedMutex m_gate; // locked until the result is there
+    Mutex m_mutex;       // held while observers are called
+    T m_value{};         // written once, before the gate opens; read by whoever knows that it is set
+    std::atomic<bool> m_bSet = false;
+    std::vector<FutureObserver<T>*> m_observers GUARDED_BY(m_mutex); // in the order in which they came; not owned
+};
+
+/// Takes the state from the guarded allocator, together with its count of copies.
+template <class T> struct RepAllocator
+{
+    using value_type = T;
+
+    RepAllocator() = default;
+    template <class Other> explicit RepAllocator(const RepAllocator<Other>& /*other*/) {}
+
+    [[nodiscard]] static T* allocate(std::size_t /*one*/)
+    {
+        return static_cast<T*>(MemShield::allocateObject(sizeof(T), {"FutureRep<T>", SourcePlace::here()}));
+    }
+    static void deallocate(T* memory, std::size_t /*one*/) { MemShield::releaseObject(memory, SourcePlace::here()); }
+
+    bool operator==(const RepAllocator& /*other*/) const { return true; }
+};
+
+template <class T> class Future
+{
+public:
+    /// A future of its own, not set yet.
+    Future() : m_rep(std::allocate_shared<FutureRep<T>>(RepAllocator<FutureRep<T>>())) {}
+
+    /// Lets every waiting thread go and calls the observers, in the order in which they were added. A second call,
+    /// on any copy, ends the process.
+    void set(const T& value)
+    {
+        const std::shared_ptr<FutureRep<T>> rep = m_rep; // an observer may release the last copy, this one too
+        rep->set(value);
+    }
+
+    [[nodiscard]] bool isSet() const { return m_rep->isSet(); }
+
+    /// Waits until the result is set, then returns it. As often as wanted.
+    [[nodiscard]] T get() const { return m_rep->get(); }
+
+    /// The observer, not owned, must live until it was called. Observers of a future that is never set are never
+    /// called.
+    void addObserver(FutureObserver<T>* observer) { m_rep->addObserver(observer); }
+
+private:
+    std::shared_ptr<FutureRep<T>> m_rep;
+};
+
+} // namespace FutureInternal

@@ -1,0 +1,16 @@
+#pragma once
+
+// The guarded allocator's own active object, made with it. It has one worker and is given no work.
+
+#include "datapath/common/infra/ActiveObject.h"
+#include "datapath/common/infra/Singleton.h"
+
+class MemShieldAO final : public Singleton<MemShieldAO, MemShieldAO>, public ActiveObject
+{
+private:
+    friend Singleton;
+
+    MemShieldAO() : ActiveObject("MemShieldAO", &s_forceVerbose) {}
+
+    static constinit inline std::atomic<bool> s_forceVerbose = false;
+};

@@ -1,0 +1,112 @@
+#include "datapath/common/infra/windows/MemWatcher.h"
+
+#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/Timer.h"
+#include "platform/Threads.h"
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+MemWatcher& MemWatcher::instance()
+{
+    static constinit std::atomic<MemWatcher*> published = nullptr;
+    return createOnce(published, creationLock<MemWatcher>(), [] { return new MemWatcher; });
+}
+
+void MemWatcher::AddThread(std::uint32_t threadId)
+{
+    ThreadInfo info = makeThreadInfo(threadId);
+    const MutexGuard guard(m_mutex);
+    if (m_threads.try_emplace(static_cast<std::int32_t>(threadId), std::move(info)).second)
+    {
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "added  pid=" << threadId << " " << std::endl;
+    }
+}
+
+void MemWatcher::removeThread()
+{
+    ThreadInfo removed; // released when the lock is free again
+    const MutexGuard guard(m_mutex);
+    if (const auto found = m_threads.find(static_cast<std::int32_t>(platform::currentThreadId()));
+        found != m_threads.end())
+    {
+        removed = std::move(found->second);
+        m_threads.erase(found);
+    }
+}
+
+void MemWatcher::iterateThreads(const Visitor& visitor)
+{
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "start" << std::endl;
+    const MutexGuard guard(m_mutex);
+    for (const auto& [threadId, info] : m_threads)
+    {
+        visitor(static_cast<std::uint32_t>(threadId), info.tag);
+    }
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "done" << std::endl;
+}
+
+void MemWatcher::printCpu()
+{
+    const MutexGuard guard(m_reportMutex);
+    const std::int64_t totalTicks = m_cpuMonitor.update();
+    const std::int64_t nowMs = Timer::instance().getRelativeTimeMs();
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0)
+        << totalTicks << " cpu ticks in " << static_cast<std::uint32_t>(nowMs - m_lastCpuReportMs) << " ms"
+        << std::endl;
+    m_lastCpuReportMs = nowMs;
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0) << threadUsages(totalTicks) << std::endl;
+}
+
+std::string MemWatcher::threadUsages(std::int64_t totalTicks)
+{
+    std::vector<std::pair<std::int64_t, std::string>> usages; // percent and label
+    float total = 0;
+    {
+        const MutexGuard guard(m_mutex);
+        for (const auto& [threadId, info] : m_threads)
+        {
+            const std::int64_t ticks = info.monitor->update();
+            if (totalTicks != 0)
+            {
+                const std::string name = Logger::instance().getThreadName(threadId);
+                const float percent = static_cast<float>(ticks) * 100 / static_cast<float>(totalTicks);
+                total += percent;
+                usages.emplace_back(static_cast<std::int64_t>(percent),
+                                    std::to_string(threadId) + (name.empty() ? "" : "[" + name + "]"));
+            }
+        }
+    }
+    std::ranges::stable_sort(usages, std::greater(), &decltype(usages)::value_type::first);
+    std::ostringstream text;
+    text << "total=" << static_cast<std::int64_t>(total) << " cpu(perc)";
+    for (const auto& [percent, label] : usages)
+    {
+        if (percent != 0)
+        {
+            text << label << "=" << percent << "% ";
+        }
+    }
+    return text.str();
+}
+
+void MemWatcher::printMem()
+{
+    const platform::ProcessHandle process = platform::openOwnProcess();
+    if (process == platform::ProcessHandle::Invalid)
+    {
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "NULL != hProcess");
+    }
+    platform::ProcessMemory memory = {};
+    if (platform::processMemory(process, memory))
+    {
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0)
+            << "memory information: PWSS=" << memory.peakWorkingSet << " WSS=" << memory.workingSet
+            << " QPPPU=" << memory.peakPagedPoolQuota << " QPU=" << memory.pagedPoolQuota
+            << " QPNPPU=" << memory.peakNonPagedPoolQuota << " QNPPU=" << memory.nonPagedPoolQuota
+            << " PFU=" << memory.pageFile << " PPFileU=" << memory.peakPageFile << std::endl;
+    }
+    platform::closeProcess(process);
+}
