@@ -60,7 +60,7 @@ small, large = sorted(size for name, size in least if name == "loadTweaks")
 growth, peer_growth = (least[name, large] / least[name, small] for name in ("loadTweaks", "peerIniLoad"))
 print(f"\nLoading {large // small} times as many lines takes {growth:.1f} times as long "
       f"(INIReader: {peer_growth:.1f} times), each in its fastest repetition.")
-guarded, sanitized, checked, plain = map(float, sys.argv[3:])
+guarded, sanitized, checked, plain = map(float, sys.argv[4:])
 print(f"\nReplacing a random one of 10,000 blocks of 100 bytes: {guarded:.0f} ns guarded, {sanitized:.0f} ns with plain "
       f"blocks under an address sanitizer, {checked:.0f} ns under valgrind's memcheck, {plain:.0f} ns by themselves.")
 small, large = (medians["guardedAmong", size, 1] for size in (1000, 1_000_000))
@@ -91,3 +91,29 @@ print(f"\nThe same bytes ready made in blocks of 64 KiB take {log['bytes/1/line'
 print(f"\nA rotation beside 10,000 numbered files takes {log['rotation/1/call'] / 1e6:.1f} ms.")
 print(f"\nWhile the disk stands still, a logger with a budget of 3 MiB takes {100 * log['memory/1/share']:.0f} percent of "
       "it from the heap.")
+
+active = json.load(open(sys.argv[3]))
+print("\n## Active objects and futures\n")
+print("A million actions that add 1 to a counter, from the making of the first until the last one has run, ns an action;\n"
+      "the peer is boost::asio::thread_pool. The plain pool is a std::deque of std::function, which allocates nothing for\n"
+      "work as small as this, under a std::mutex with a std::condition_variable; oneTBB's is a task_arena.\n")
+print("| workers | producers | ours | asio | ratio | plain pool | oneTBB |\n|---|---|---|---|---|---|---|")
+for workers in (1, 2):
+    for producers in (1, 2):
+        ours, asio, plain, tbb = (active[f"active/{workers}w/{producers}p/{pool}"]
+                                  for pool in ("ours", "asio", "plain", "tbb"))
+        print(f"| {workers} | {producers} | {ours:,.0f} | {asio:,.0f} | {ours / asio:.2f} | {plain:,.0f} | {tbb:,.0f} |")
+print("\nAn idle worker woken: from before the call that enqueues to the first instruction of the action. Futures beside\n"
+      "std::promise and std::future.\n")
+print("| what | ours, ns | peer | ns | ratio |\n|---|---|---|---|---|")
+for title, name, peer, title_of_peer in [
+    ("wake the only worker", "wake/1w", "asio", "boost::asio::thread_pool"),
+    ("wake one of two workers", "wake/2w", "asio", "boost::asio::thread_pool"),
+    ("two threads, a round trip by two futures", "future/handover", "std", "std::future"),
+    ("make, set and get a future, one thread", "future/single", "std", "std::future"),
+    ("set a future, wake the thread that waits", "future/asleep", "std", "std::future"),
+]:
+    for what, suffix in ((title, ""), (f"{title}, 99 percent of times", "/p99")):
+        if f"{name}/ours{suffix}" in active:
+            ours, theirs = active[f"{name}/ours{suffix}"], active[f"{name}/{peer}{suffix}"]
+            print(f"| {what} | {ours:,.0f} | {title_of_peer} | {theirs:,.0f} | {ours / theirs:.2f} |")

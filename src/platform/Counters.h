@@ -16,7 +16,7 @@ enum class CpuCounter : std::intptr_t
     Invalid = 0
 };
 
-/// Totals over all processors since the system started, in 100-ns units.
+/// Since the system started, in 100-ns units: of the average processor.
 struct CpuTicks
 {
     std::int64_t idle;
@@ -60,7 +60,7 @@ extern CounterCalls counterCalls;
 [[nodiscard]] inline CpuCounter openCpuCounter() { return counterCalls.openCpuCounter(); }
 
 /// PdhCollectQueryData and PdhGetRawCounterValue; /proc/stat. Returns the status of the read: 0, or
-/// a negative or positive code of the system, with ticks unchanged.
+/// a negative or positive code of the system (for one that is Invalid, too), with ticks unchanged.
 [[nodiscard]] inline std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
 {
     return counterCalls.readCpuCounter(counter, ticks);

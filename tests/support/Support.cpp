@@ -1,5 +1,9 @@
 #include "tests/support/Support.h"
 
+#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/windows/MemWatcher.h"
+#include "platform/Threads.h"
+
 #include <algorithm>
 #include <atomic>
 #include <fstream>
@@ -141,6 +145,16 @@ ChildResult runChild(const std::string& scenario)
     std::erase(text, '\r');
     fs::remove(output);
     return {status, text};
+}
+
+void waitForOwnThreads()
+{
+    static_cast<void>(MemShield::instance()); // starts them
+    for (int threads = 0; threads < 2; platform::sleepMs(1))
+    {
+        threads = 0;
+        MemWatcher::instance().iterateThreads([&](std::uint32_t, std::uint64_t) { ++threads; });
+    }
 }
 
 void expectAbnormalEnd(const ChildResult& child)

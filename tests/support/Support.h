@@ -77,6 +77,9 @@ struct LettingGo : LogAssertHook
 /// Runs the work in that many threads, each with its index, and waits for all.
 void runInThreads(int count, const std::function<void(int)>& work);
 
+/// Returns when the infrastructure's own two threads run and have taken what they take of the guarded allocator.
+void waitForOwnThreads();
+
 /// A folder of its own that is removed with everything in it. Its path has backslashes.
 class ScratchFolder
 {

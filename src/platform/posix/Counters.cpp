@@ -18,8 +18,12 @@ CpuCounter openCpuCounter()
     return CpuCounter{1}; // the counters are always there
 }
 
-std::int32_t readCpuCounter(CpuCounter /*counter*/, CpuTicks& ticks)
+std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
 {
+    if (counter == CpuCounter::Invalid)
+    {
+        return STATUS_NO_DATA;
+    }
     // "cpu", then clock ticks spent in: user, nice, system, idle, waiting for I/O, irq, softirq, steal
     constexpr int FIELDS = 8;
     constexpr int IDLE = 3;
@@ -29,6 +33,7 @@ std::int32_t readCpuCounter(CpuCounter /*counter*/, CpuTicks& ticks)
     stat >> label;
     const std::int64_t unit = 10'000'000 / sysconf(_SC_CLK_TCK);
     CpuTicks sum = {};
+    const std::int64_t processors = sysconf(_SC_NPROCESSORS_ONLN);
     for (int field = 0; field < FIELDS; ++field)
     {
         std::int64_t clockTicks = 0;
@@ -40,7 +45,7 @@ std::int32_t readCpuCounter(CpuCounter /*counter*/, CpuTicks& ticks)
     {
         return STATUS_NO_DATA;
     }
-    ticks = sum;
+    ticks = {.idle = sum.idle / processors, .total = sum.total / processors};
     return 0;
 }
 

@@ -30,6 +30,10 @@ CpuCounter openCpuCounter()
 
 std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
 {
+    if (counter == CpuCounter::Invalid)
+    {
+        return static_cast<std::int32_t>(PDH_INVALID_HANDLE);
+    }
     PdhCollectQueryData(toQuery(counter)->query);
     PDH_RAW_COUNTER value = {};
     const PDH_STATUS status = PdhGetRawCounterValue(toQuery(counter)->counter, nullptr, &value);

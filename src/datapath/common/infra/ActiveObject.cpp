@@ -217,6 +217,10 @@ void ActiveObject::terminateAllThreads()
     std::uint32_t numWoken = 0;
     {
         const MutexGuard guard(m_mutex);
+        if (!m_enabled)
+        {
+            return; // what has come since then is left alone
+        }
         m_enabled = false;
         numWoken = m_numSleeping;
         m_numLooking += m_numSleeping;
@@ -226,7 +230,7 @@ void ActiveObject::terminateAllThreads()
     {
         m_wake.signal();
     }
-    for (; m_numLeft != numOpened(); ++m_numLeft)
+    for (std::uint32_t numLeft = 0; numLeft != numOpened(); ++numLeft)
     {
         m_left.wait();
     }

@@ -121,6 +121,5 @@ private:
     std::uint32_t m_numLooking GUARDED_BY(m_mutex) = 0;
     Semaphore m_wake{0};
 
-    Semaphore m_left{0};         // signalled by each worker as the last thing that it does with the object
-    std::uint32_t m_numLeft = 0; // of them that terminateAllThreads has waited for
+    Semaphore m_left{0}; // signalled by each worker as the last thing that it does with the object
 };

@@ -296,6 +296,7 @@ TEST_F(FileLogger, AfterAFullDiskLinesAreWholeAgain)
 void logToFile(bool isGuarded)
 {
     MemShield::setEnabled(isGuarded);
+    waitForOwnThreads();
     const std::string base = std::filesystem::current_path().string() + "\\app.log";
     Logger::instance().registerClient(MemShield::create<FileLoggerClient>({"", SourcePlace::here()}, base, 4095U, ""),
                                       Logger::ALL_LEVELS);

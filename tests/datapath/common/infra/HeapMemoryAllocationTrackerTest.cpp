@@ -20,7 +20,7 @@ TEST(HeapMemoryAllocationTracker, PausesAtTheBudgetUntilUsageIsDown)
     MemShield::setEnabled(false);
     const LettingGo lettingGo;
     HeapMemoryAllocationTracker tracker(100, 80, NOT_DISABLED, "log");
-    static_cast<void>(MemShield::instance()); // reads the configuration
+    waitForOwnThreads();
     const CapturingClient client;
     bool justPaused = true;
     char* const sixty = tracker.allocate(60, justPaused);
@@ -53,6 +53,7 @@ TEST(HeapMemoryAllocationTracker, ThreadsReturnEachOthersBuffers)
 {
     const ScratchFolder folder;
     folder.enter();
+    waitForOwnThreads();
     HeapMemoryAllocationTracker tracker(4000, 2000, NOT_DISABLED, "log");
     const std::uint64_t before = MemShield::systemHeapBytes();
     std::vector<std::atomic<char*>> buffers(100);

@@ -6,6 +6,7 @@
 #include "datapath/common/infra/SystemHeapBytes.h"
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "datapath/common/infra/windows/MemWatcher.h"
 #include "tests/support/Support.h"
 
 #include <cstring>
@@ -52,7 +53,7 @@ private:
 void logThroughTheAllocator(bool isGuarded, std::size_t overrun)
 {
     MemShield::setEnabled(isGuarded);
-    static_cast<void>(MemShield::instance());
+    waitForOwnThreads();
     Timer::instance().getTimestampMs();
     Logger::instance().registerClient(new AllocatingClient(overrun), Logger::ALL_LEVELS);
 }
@@ -76,10 +77,13 @@ struct MisusingClient : LoggerClient
 std::string report(const std::string& live, const std::string& dump)
 {
     const bool isEmpty = live.empty();
-    return std::string("MemShield,printAllocations,Allocated from system heap: ") + (isEmpty ? "0" : "180") +
-           "\nMemShield,printAllocations,Total memory allocation: " + (isEmpty ? "0\n" : "100\n") +
-           (isEmpty ? "" : "MemShield,printAllocations,allocation " + live + " -> 1 allocations 100 bytes\n") +
-           "MemWatchedContainerDatabase,printWatchedContainers,~"
+    const std::uint64_t watched = 2 * sizeof(ThreadCpuUsageMonitor); // of the allocator's own threads
+    return "MemShield,printAllocations,Allocated from system heap: " +
+           std::to_string(watched + 2 * 80 + (isEmpty ? 0 : 180)) +
+           "\nMemShield,printAllocations,Total memory allocation: " + std::to_string(watched + (isEmpty ? 0 : 100)) +
+           "\n~" + (isEmpty ? "" : "MemShield,printAllocations,allocation " + live + " -> 1 allocations 100 bytes\n") +
+           "~MemWatchedContainerDatabase,printWatchedContainers,~MemWatcher,printMem,memory information: PWSS=~"
+           "MemWatcher,printCpu,~ cpu(perc)~"
            "printRecentlyFreed, Timer::instance()->getLastTimestampMs_Inaccurate(true)=# \n" +
            dump + "MemShield,memshieldError,Assertion (false) failed datapath/common/infra/MemShield.cpp 342\n";
 }

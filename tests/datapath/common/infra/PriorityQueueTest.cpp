@@ -1,5 +1,6 @@
 #include "datapath/common/infra/PriorityQueue.h"
 
+#include "datapath/common/infra/ActiveObject.h"
 #include "platform/Time.h"
 #include "tests/support/Support.h"
 
@@ -7,12 +8,6 @@
 #include <set>
 
 #include <gtest/gtest.h>
-
-class ActiveObject
-{
-public:
-    class Action;
-};
 
 namespace
 {

@@ -52,18 +52,20 @@ private:
 namespace
 {
 
-/// Holds each thread at the line that it starts with.
+/// Holds each worker at the line that it starts with.
 struct Gate : LoggerClient
 {
     Gate() { Logger::instance().registerClient(this, Logger::ALL_LEVELS); }
     void log(const std::string& line) override
     {
-        if (line.find("Starting ThreadWrapper") != std::string::npos)
+        if (line.find("Starting ThreadWrapper of type class WaitingWorker") != std::string::npos)
         {
+            hasArrived.signal();
             mayPass.wait();
             hasPassed.signal();
         }
     }
+    Semaphore hasArrived{0};
     Semaphore mayPass{0};
     Semaphore hasPassed{0};
 };
@@ -90,6 +92,10 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
         }
     }
     // Each thread is held at its first line, before it has registered.
+    for (int i = 0; i < 3; ++i)
+    {
+        gate.hasArrived.wait();
+    }
     gate.mayPass.signal();
     gate.mayPass.signal();
     gate.hasPassed.wait();
@@ -99,7 +105,13 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
     early.join();
     worker.waitUntilRunning(); // at once: the counts agree
     worker.leave(3);
-    while (client.messages().size() < 6)
+    const auto logged = [] {
+        const std::vector<std::string> messages = client.messages();
+        std::multiset<std::string> lines(messages.begin(), messages.end());
+        std::erase_if(lines, [](const std::string& line) { return line.find("WaitingWorker") == std::string::npos; });
+        return lines;
+    };
+    while (logged().size() < 6)
     {
         platform::sleepMs(1);
     }
@@ -116,8 +128,7 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
         expected.insert("Info,NON,ThreadWrapper,threadCallback,Start" + end);
         expected.insert("Info,NON,ThreadWrapper,threadCallback,End" + end);
     }
-    const std::vector<std::string> logged = client.messages();
-    EXPECT_EQ(expected, std::multiset<std::string>(logged.begin(), logged.end()));
+    EXPECT_EQ(expected, logged());
 }
 
 TEST(ThreadWrapper, AThousandThreadsInARowLeaveNothingBehind)

@@ -1,0 +1,356 @@
+// Active objects beside boost::asio::thread_pool, a pool of the standard library's parts and a oneTBB arena, and
+// futures beside std::future. Prints one JSON object.
+
+#include "datapath/common/infra/ActiveObject.h"
+#include "datapath/common/infra/Future.h"
+#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/RcStatus.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <latch>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <semaphore>
+#include <thread>
+#include <vector>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <oneapi/tbb/global_control.h>
+#include <oneapi/tbb/task_arena.h>
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr int REPETITIONS = 5;
+constexpr int ACTIONS = 1'000'000;
+constexpr int WAKES = 300;
+constexpr int ROUNDS = 20'000;
+constexpr int SINGLES = 300'000;
+constexpr int SLEEPS = 1'000;
+constexpr auto UNTIL_ASLEEP = 3ms; // of idle workers
+
+std::map<std::string, std::vector<double>> results; // ns, one for each repetition
+std::binary_semaphore turn{0};                      // of the one measurement that runs
+std::atomic<int> sink = 0;                          // keeps what is got from futures
+
+double nsBetween(Clock::time_point start, Clock::time_point end)
+{
+    return std::chrono::duration<double, std::nano>(end - start).count();
+}
+
+void recordSamples(const std::string& name, std::vector<double> samples)
+{
+    std::ranges::sort(samples);
+    results[name].push_back(samples[samples.size() / 2]);
+    results[name + "/p99"].push_back(samples[samples.size() / 100 * 99]);
+}
+
+// Pools: so many workers, and work that any thread posts.
+
+const std::atomic<bool> isVerbose = false;
+
+class Ours
+{
+public:
+    explicit Ours(int workers)
+    {
+        for (int i = 0; i < workers; ++i)
+        {
+            m_pool.open();
+        }
+        m_pool.waitUntilRunning();
+    }
+
+    template <class Work> void post(const Work& work)
+    {
+        m_pool.enqueue(MemShield::create<WorkAction<Work>>({"WorkAction", SourcePlace::here()}, work));
+    }
+
+private:
+    template <class Work> struct WorkAction final : ActiveObject::Action
+    {
+        explicit WorkAction(const Work& work) : m_work(work) {}
+        void execute() override { m_work(); }
+
+        Work m_work;
+    };
+
+    ActiveObject m_pool{"Benchmark", &isVerbose};
+};
+
+class Asio
+{
+public:
+    explicit Asio(int workers) : m_pool(static_cast<std::size_t>(workers)) {}
+
+    template <class Work> void post(const Work& work) { boost::asio::post(m_pool, work); }
+
+private:
+    boost::asio::thread_pool m_pool;
+};
+
+class Plain
+{
+public:
+    explicit Plain(int workers)
+    {
+        for (int i = 0; i < workers; ++i)
+        {
+            m_workers.emplace_back([this] {
+                for (auto work = waitForWork(); work; work = waitForWork())
+                {
+                    work();
+                }
+            });
+        }
+    }
+
+    ~Plain()
+    {
+        std::ranges::for_each(m_workers, [this](auto&) { post({}); });
+    } // no work: a worker's end
+
+    void post(std::function<void()> work)
+    {
+        {
+            const std::lock_guard guard(m_mutex);
+            m_queue.push_back(std::move(work));
+        }
+        m_wake.notify_one();
+    }
+
+private:
+    std::function<void()> waitForWork()
+    {
+        std::unique_lock lock(m_mutex);
+        m_wake.wait(lock, [this] { return !m_queue.empty(); });
+        std::function<void()> work = std::move(m_queue.front());
+        m_queue.pop_front();
+        return work;
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::deque<std::function<void()>> m_queue;
+    std::vector<std::jthread> m_workers; // last: they use the others
+};
+
+class Tbb
+{
+public:
+    explicit Tbb(int workers)
+        : m_limit(tbb::global_control::max_allowed_parallelism, static_cast<std::size_t>(workers) + 1),
+          m_arena(workers, 0) // no place for the threads that post
+    {
+    }
+
+    ~Tbb()
+    {
+        m_arena.terminate();
+        tbb::finalize(m_workers); // they would disturb whoever is measured next
+    }
+
+    template <class Work> void post(const Work& work) { m_arena.enqueue(work); }
+
+private:
+    tbb::task_scheduler_handle m_workers{tbb::attach{}};
+    tbb::global_control m_limit; // of all threads, the one that posts included
+    tbb::task_arena m_arena;
+};
+
+/// Returns when each of the workers has worked, and all of them sleep again.
+template <class Pool> void awaitWorkers(Pool& pool, int workers)
+{
+    const auto present = std::make_shared<std::latch>(workers + 1);
+    for (int i = 0; i < workers; ++i)
+    {
+        pool.post([present] { present->arrive_and_wait(); });
+    }
+    present->arrive_and_wait();
+    std::this_thread::sleep_for(UNTIL_ASLEEP);
+}
+
+template <class Pool> void measureActions(const std::string& name, int workers, int producers)
+{
+    std::latch start(producers + 1);
+    std::atomic<int> executed = 0;
+    Pool pool(workers);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < producers; ++i)
+    {
+        threads.emplace_back([&] {
+            start.arrive_and_wait();
+            for (int action = 0; action < ACTIONS / producers; ++action)
+            {
+                pool.post([&executed] {
+                    if (executed.fetch_add(1, std::memory_order_relaxed) == ACTIONS - 1)
+                    {
+                        turn.release();
+                    }
+                });
+            }
+        });
+    }
+    awaitWorkers(pool, workers);
+    const auto begin = Clock::now();
+    start.arrive_and_wait();
+    turn.acquire();
+    results["active/" + std::to_string(workers) + "w/" + std::to_string(producers) + "p/" + name].push_back(
+        nsBetween(begin, Clock::now()) / ACTIONS);
+}
+
+/// From just before the call that posts to the first instruction of the work.
+template <class Pool> double wakeUp(Pool& pool)
+{
+    std::this_thread::sleep_for(UNTIL_ASLEEP);
+    Clock::time_point woken;
+    const auto begin = Clock::now();
+    pool.post([&woken] {
+        woken = Clock::now();
+        turn.release();
+    });
+    turn.acquire();
+    return nsBetween(begin, woken);
+}
+
+void measureWakeUps(int workers)
+{
+    Ours ours(workers);
+    Asio asio(workers);
+    awaitWorkers(ours, workers);
+    awaitWorkers(asio, workers);
+    std::vector<double> oursTimes;
+    std::vector<double> asioTimes;
+    for (int i = 0; i < WAKES; ++i)
+    {
+        oursTimes.push_back(wakeUp(ours));
+        asioTimes.push_back(wakeUp(asio));
+    }
+    const std::string name = "wake/" + std::to_string(workers) + "w/";
+    recordSamples(name + "ours", std::move(oursTimes));
+    recordSamples(name + "asio", std::move(asioTimes));
+}
+
+// Futures: set by one thread, got by another.
+
+struct OurFuture
+{
+    void set() { m_future.set(RC_OK); }
+    int get() { return m_future.get(); }
+
+    FutureInternal::Future<RcStatus> m_future;
+};
+
+struct StdFuture
+{
+    void set() { m_promise.set_value(0); }
+    int get() { return m_future.get(); }
+
+    std::promise<int> m_promise;
+    std::future<int> m_future = m_promise.get_future();
+};
+
+/// Round trips between two threads, each way with a future that was made before.
+template <class Future> void measureHandover(const std::string& name)
+{
+    std::vector<Future> there(ROUNDS);
+    std::vector<Future> back(ROUNDS);
+    std::jthread other([&] {
+        for (std::size_t i = 0; i < ROUNDS; ++i)
+        {
+            sink += there[i].get();
+            back[i].set();
+        }
+    });
+    std::this_thread::sleep_for(UNTIL_ASLEEP);
+    const auto begin = Clock::now();
+    for (std::size_t i = 0; i < ROUNDS; ++i)
+    {
+        there[i].set();
+        sink += back[i].get();
+    }
+    results["future/handover/" + name].push_back(nsBetween(begin, Clock::now()) / ROUNDS);
+}
+
+template <class Future> void measureSingle(const std::string& name)
+{
+    const auto begin = Clock::now();
+    for (int i = 0; i < SINGLES; ++i)
+    {
+        Future future;
+        future.set();
+        sink += future.get();
+    }
+    results["future/single/" + name].push_back(nsBetween(begin, Clock::now()) / SINGLES);
+}
+
+/// From just before the call that sets to the return of the one that gets, which has waited for long.
+template <class Future> void measureAsleep(const std::string& name)
+{
+    std::vector<Future> futures(SLEEPS);
+    std::vector<Clock::time_point> begins(SLEEPS);
+    std::vector<double> times(SLEEPS);
+    std::thread waiter([&] {
+        for (std::size_t i = 0; i < SLEEPS; ++i)
+        {
+            turn.release();
+            sink += futures[i].get();
+            times[i] = nsBetween(begins[i], Clock::now());
+        }
+    });
+    for (std::size_t i = 0; i < SLEEPS; ++i)
+    {
+        turn.acquire();
+        std::this_thread::sleep_for(200us);
+        begins[i] = Clock::now();
+        futures[i].set();
+    }
+    waiter.join();
+    recordSamples("future/asleep/" + name, std::move(times));
+}
+
+} // namespace
+
+int main()
+{
+    MemShield::setEnabled(false);
+    for (int repetition = 0; repetition < REPETITIONS; ++repetition)
+    {
+        for (const int workers : {1, 2})
+        {
+            for (const int producers : {1, 2})
+            {
+                measureActions<Ours>("ours", workers, producers);
+                measureActions<Asio>("asio", workers, producers);
+                measureActions<Plain>("plain", workers, producers);
+                measureActions<Tbb>("tbb", workers, producers);
+            }
+            measureWakeUps(workers);
+        }
+        measureHandover<OurFuture>("ours");
+        measureHandover<StdFuture>("std");
+        measureSingle<OurFuture>("ours");
+        measureSingle<StdFuture>("std");
+        measureAsleep<OurFuture>("ours");
+        measureAsleep<StdFuture>("std");
+    }
+    std::cout << "{";
+    for (const char* separator = ""; auto& [name, values] : results)
+    {
+        std::ranges::sort(values);
+        std::cout << separator << "\n\"" << name << "\": " << values[values.size() / 2];
+        separator = ",";
+    }
+    std::cout << "\n}" << std::endl;
+}

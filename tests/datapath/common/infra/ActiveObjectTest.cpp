@@ -1,0 +1,305 @@
+#include "datapath/common/infra/ActiveObject.h"
+
+#include "datapath/common/infra/Tweaks.h"
+#include "tests/support/Support.h"
+
+#include <algorithm>
+#include <optional>
+#include <random>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+std::atomic<bool> isVerbose = false;
+std::atomic<int> living = 0;
+
+/// Does some work, and counts itself while it exists.
+struct Work : ActiveObject::Action
+{
+    explicit Work(std::function<void(Work&)> content, std::uint32_t timeoutSec = 0) : work(std::move(content))
+    {
+        m_dlcTimeoutSec = timeoutSec;
+        ++living;
+    }
+    ~Work() override { --living; }
+    void execute() override { work(*this); }
+
+    [[nodiscard]] std::uint32_t priority() const { return m_priority; }
+    [[nodiscard]] std::uint32_t threadIndex() const { return m_threadIndex; }
+    [[nodiscard]] DlcKeepalive& keepalive() const { return *m_keepalive; }
+
+    const std::function<void(Work&)> work;
+};
+
+void enqueue(ActiveObject& object, const std::function<void(Work&)>& work, std::uint32_t timeoutSec = 0)
+{
+    object.enqueue(MemShield::create<Work>({"Work", SourcePlace::here()}, work, timeoutSec));
+}
+
+void open(ActiveObject& object, int workers)
+{
+    while (workers-- > 0)
+    {
+        object.open();
+    }
+    object.waitUntilRunning();
+}
+
+GuardedPtr<RateMonitor> makeMonitor(const RateMonitor::Settings& settings)
+{
+    return {MemShield::create<RateMonitor>({"RateMonitor", SourcePlace::here()}, "rate", settings),
+            {SourcePlace::here()}};
+}
+
+struct ActiveObjectTest : testing::Test
+{
+    ActiveObjectTest()
+    {
+        folder.enter();
+        waitForOwnThreads();
+    }
+
+    const ScratchFolder folder;
+    const LettingGo lettingGo;
+    const CapturingClient* const client = new CapturingClient; // stays registered
+    Semaphore started{0};
+    Semaphore mayEnd{0};
+    const std::function<void(Work&)> waiting = [this](Work&) {
+        started.signal();
+        mayEnd.wait();
+    };
+};
+
+TEST_F(ActiveObjectTest, IsNamedInTheLogAndWatched)
+{
+    Tweaks::instance().update("t_ActiveObjectVerboseLogs", "on");
+    isVerbose = true;
+    const ActiveObject object("Disk", &isVerbose);
+    EXPECT_EQ("Info,NON,ActiveObject,ActiveObject,AO<Disk>  m_name=Disk  m_forceVerbose=1  "
+              "DynamicTweaks::instance()->t_ActiveObjectVerboseLogs=1 ",
+              client->messages().back());
+    EXPECT_EQ("Disk", object.getTypeName());
+    MemWatchedContainerDatabase::instance().printWatchedContainers();
+    const std::string watched =
+        "Info,NON,MemWatchedContainerDatabase,printWatchedContainers,ContainerName = Disk items = 0";
+    EXPECT_EQ(1, std::ranges::count(client->messages(), watched));
+    const std::size_t before = client->messages().size();
+    const ActiveObject nameless(nullptr, &isVerbose);
+    EXPECT_PRED2(matches, client->messages().at(before),
+                 "Assert,NON,ActiveObject,ActiveObject, datapath/common/infra/ActiveObject.cpp #: name != 0 failed. ");
+}
+
+TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
+{
+    ActiveObject object("Disk", &isVerbose);
+    EXPECT_EQ(1U, object.getIdleEstimate());
+    open(object, 2);
+    while (object.getIdleEstimate() != 3)
+    {
+        platform::sleepMs(1);
+    }
+    std::array<Work*, 2> both{};
+    std::array<std::uint32_t, 2> timeouts{};
+    for (const std::uint32_t timeoutSec : {7U, 0U})
+    {
+        enqueue(
+            object,
+            [&](Work& work) {
+                both.at(work.threadIndex() - 1) = &work;
+                timeouts.at(work.threadIndex() - 1) = work.keepalive().timeoutSec();
+                EXPECT_EQ(0U, work.priority());
+                EXPECT_TRUE(work.keepalive().isArmed());
+                EXPECT_EQ("pid=" + std::to_string(platform::currentThreadId()), work.keepalive().name());
+                waiting(work);
+            },
+            timeoutSec);
+    }
+    started.wait();
+    started.wait(); // both at the same time
+    std::vector<int> order;
+    for (int i = 0; i < 5; ++i)
+    {
+        enqueue(object, [&order, i](Work&) { order.push_back(i); });
+    }
+    EXPECT_EQ(0U, object.getIdleEstimate());
+    ASSERT_TRUE(both[0] != nullptr && both[1] != nullptr);
+    DlcKeepalive& keepalive = both[1]->keepalive();
+    EXPECT_NE(&both[0]->keepalive(), &keepalive);
+    EXPECT_EQ(907U, timeouts[0] + timeouts[1]); // its own, and the default
+    enqueue(object, waiting);                   // holds the first worker when it has executed the others
+    enqueue(object, waiting);
+    mayEnd.signal();
+    started.wait();
+    mayEnd.signal();
+    started.wait();
+    EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4}), order);
+    mayEnd.signal();
+    mayEnd.signal();
+    while (keepalive.isArmed())
+    {
+        platform::sleepMs(1);
+    }
+    Texts lines = client->messages();
+    object.terminateAllThreads();
+    EXPECT_EQ(0, living);
+    EXPECT_EQ(2, std::ranges::count_if(lines, [](const std::string& line) {
+                  return matches(line, "Info,NON,ThreadWrapper,threadCallback,Starting ThreadWrapper of type Disk ~");
+              }));
+}
+
+TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
+{
+    std::optional<ActiveObject> object;
+    object.emplace("Disk", &isVerbose);
+    object->attachRateMonitor(makeMonitor({}));
+    open(*object, 1);
+    bool isExecuted = false;
+    enqueue(*object, [&](Work& work) {
+        waiting(work);
+        isExecuted = true;
+    });
+    started.wait();
+    for (int i = 0; i < 3; ++i)
+    {
+        enqueue(*object, [](Work&) { ADD_FAILURE() << "executed"; });
+    }
+    std::thread letting([&] {
+        platform::sleepMs(20);
+        EXPECT_FALSE(isExecuted);
+        mayEnd.signal();
+    });
+    object->terminateAllThreads();
+    letting.join();
+    EXPECT_TRUE(isExecuted);
+    EXPECT_EQ(0, living);
+    const Texts lines = client->messages();
+    const auto warning = std::ranges::find_if(lines, [](const auto& line) { return line.starts_with("Warn,"); });
+    ASSERT_LE(2, lines.end() - warning);
+    const std::string head = "Warn,NON,ActiveObject,terminateAllThreads,";
+    EXPECT_EQ(head + "ActiveObject queue was not empty during shutdown: 3 items, details follow.", warning[0]);
+    EXPECT_EQ(head + "priority 0: 3 items, 0 bytes", warning[1]);
+    Work late([](Work&) {});
+    object->enqueue(&late);
+    object.reset();
+    EXPECT_EQ(1, living);
+}
+
+/// Holds threads at the line that they start with, before they have registered.
+struct Gate : LoggerClient
+{
+    void log(const std::string& line) override
+    {
+        if (line.find("Starting ThreadWrapper of type Slow ") != std::string::npos)
+        {
+            mayPass.wait();
+        }
+    }
+    Semaphore mayPass{0};
+};
+
+TEST_F(ActiveObjectTest, ShutdownWaitsForWorkersThatHaveNotStartedYet)
+{
+    auto* const gate = new Gate; // stays registered
+    Logger::instance().registerClient(gate, Logger::ALL_LEVELS);
+    auto object = std::make_unique<ActiveObject>("Slow", &isVerbose);
+    object->open();
+    object->open();
+    std::atomic<bool> isExecuted = false;
+    std::atomic<bool> isGone = false;
+    enqueue(*object, [&](Work&) { isExecuted = true; });
+    std::thread destroying([&] {
+        platform::sleepMs(5);
+        object.reset();
+        isGone = true;
+    });
+    platform::sleepMs(20);
+    gate->mayPass.signal();
+    platform::sleepMs(20);
+    EXPECT_FALSE(isGone);
+    gate->mayPass.signal();
+    destroying.join();
+    EXPECT_TRUE(isExecuted); // by the worker that was there when the shutdown had not begun
+}
+
+TEST_F(ActiveObjectTest, AWorkerThatHasWaitedForLongStillTakesActions)
+{
+    isVerbose = true;
+    ActiveObject object("Disk", &isVerbose);
+    open(object, 2);
+    platform::sleepMs(5'500); // a worker looks around every 5 seconds
+    mayEnd.signal();
+    enqueue(object, waiting);
+    started.wait();
+    enqueue(object, waiting);
+    enqueue(object, waiting);
+    started.wait();
+    started.wait();
+    mayEnd.signal();
+    mayEnd.signal();
+    EXPECT_EQ(0, std::ranges::count_if(client->messages(), [](const std::string& line) {
+                  return line.find("wait timed out") != std::string::npos;
+              }));
+}
+
+std::atomic<std::int64_t> nowUs = 0;
+
+TEST_F(ActiveObjectTest, FeedsItsRateMonitorWithThePeriodsInWhichActionsAreQueued)
+{
+    ActiveObject object("Disk", &isVerbose);
+    object.attachRateMonitor(makeMonitor({4, 1'000'000'000, 1, 1'000, false, [] { return nowUs.load(); }}));
+    const auto enqueueAt = [&](std::int64_t timeMs, const std::function<void(Work&)>& work) {
+        nowUs = timeMs * 1'000;
+        enqueue(object, work);
+    };
+    enqueueAt(1'000, [](Work&) {}); // no worker yet: stays queued
+    enqueueAt(2'000, waiting);
+    nowUs = 3'000'000;
+    open(object, 1);
+    started.wait();
+    enqueueAt(4'000, [](Work&) {});
+    enqueueAt(4'500, [](Work&) {});
+    enqueueAt(4'500, waiting);
+    nowUs = 5'000'000;
+    mayEnd.signal();
+    started.wait();
+    EXPECT_EQ("Info,NON,RateMonitor,update,rate time=4000 (3000) rate=1<bw=1> latency=[Avg: 1500 Max: 2000]",
+              client->messages().back());
+    mayEnd.signal();
+}
+
+TEST_F(ActiveObjectTest, StartsAndStopsUnderLoad)
+{
+    const std::uint64_t before = MemShield::systemHeapBytes();
+    std::atomic<int> executed = 0;
+    for (int round = 0; round < 100; ++round)
+    {
+        ActiveObject object("Disk", &isVerbose);
+        open(object, round % 3 + 1);
+        runInThreads(4, [&](int index) {
+            std::minstd_rand random(static_cast<unsigned>(index + 1));
+            for (int i = 0; i < 50; ++i)
+            {
+                enqueue(object, [&](Work& work) {
+                    if (++executed % 7 == 0)
+                    {
+                        enqueue(object, [&](Work&) { ++executed; });
+                    }
+                    EXPECT_GE(3U, work.threadIndex());
+                });
+                platform::sleepMs(random() % 40 == 0 ? 1 : 0);
+            }
+        });
+    }
+    EXPECT_EQ(0, living);
+    EXPECT_LT(100 * 100, executed);
+    while (MemShield::systemHeapBytes() != before) // the last workers are still leaving
+    {
+        platform::sleepMs(1);
+    }
+}
+
+} // namespace

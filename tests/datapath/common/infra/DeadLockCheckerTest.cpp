@@ -1,0 +1,197 @@
+#include "datapath/common/infra/DeadLockChecker.h"
+
+#include "datapath/common/infra/Tweaks.h"
+#include "platform/Time.h"
+#include "tests/support/Support.h"
+
+#include <algorithm>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+const std::string LEASE = ",NON,DlcKeepalive,checkLease,";
+constexpr std::uint32_t SILENT = DlcKeepalive::NOTHING_DUE;
+
+struct DeadLockChecker : testing::Test
+{
+    DeadLockChecker()
+    {
+        folder.enter();
+        waitForOwnThreads();
+        logged();
+    }
+
+    /// What has been logged since the last call.
+    Texts logged()
+    {
+        Texts messages = client->messages();
+        messages.erase(messages.begin(), messages.begin() + static_cast<std::ptrdiff_t>(known));
+        known += messages.size();
+        return messages;
+    }
+
+    const ScratchFolder folder;
+    const LettingGo lettingGo;
+    CapturingClient* const client = new CapturingClient; // stays registered
+    std::size_t known = 0;
+};
+
+TEST_F(DeadLockChecker, ReportsWhatIsWithoutProgressForMoreThanAnInterval)
+{
+    DlcKeepalive keepalive("Writer");
+    auto check = [&, now = std::uint64_t{1'000'000}](int laterMs) mutable {
+        return keepalive.checkLease(now += static_cast<std::uint64_t>(laterMs), 60);
+    };
+    const auto expectStuck = [&](const std::string& seconds) {
+        EXPECT_EQ(Texts{"Error" + LEASE + "Writer is stuck for " + seconds + " sec"}, logged());
+    };
+    keepalive.setTimeoutSec(180);
+    EXPECT_EQ(SILENT, check(0)); // made alive
+    EXPECT_EQ(SILENT, check(60'999));
+    EXPECT_EQ(Texts(), logged());
+    EXPECT_EQ(119U, check(1));
+    expectStuck("61");
+    EXPECT_EQ(0U, check(119'999));
+    expectStuck("180");
+    keepalive.setAlive();
+    EXPECT_EQ(SILENT, check(100'000));
+    EXPECT_EQ(SILENT, check(60'000));
+    EXPECT_EQ(80U, check(40'000));
+    expectStuck("100");
+    keepalive.disarm();
+    EXPECT_EQ(SILENT, check(1'000'000));
+    keepalive.arm();
+    EXPECT_EQ(SILENT, check(1'000'000));
+    EXPECT_EQ(SILENT, check(60'000));
+    EXPECT_EQ(Texts(), logged());
+}
+
+TEST_F(DeadLockChecker, ATimeOutEndsTheProcessBehindTheBackTraces)
+{
+    Tweaks::instance().update("t_defaultDlcTimeoutSec", "100");
+    DlcKeepalive keepalive("");
+    const std::string name = "pid=" + std::to_string(platform::currentThreadId());
+    EXPECT_EQ(100U, keepalive.timeoutSec());
+    EXPECT_EQ(SILENT, keepalive.checkLease(0, 60));
+    const auto timeOut = [&] {
+        logged();
+        EXPECT_EQ(0U - 1, keepalive.checkLease(101'000, 60));
+        return logged();
+    };
+    const std::string stuck = "Error" + LEASE + name + " is stuck for 101 sec";
+    const std::string tooLong = "Control" + LEASE + name +
+                                " waited too long  deltaSec=101  m_timeoutSec=100  m_listener=0000000000000000  "
+                                "checking custom behavior";
+    const std::string end =
+        "Assert" + LEASE + " datapath/common/infra/DeadLockChecker.cpp #: false failed. " + name + " waited too long";
+    const auto expect = [](const Texts& patterns, const Texts& lines) {
+        EXPECT_EQ(patterns.size(), lines.size());
+        EXPECT_TRUE(std::ranges::equal(lines, patterns, matches)) << testing::PrintToString(lines);
+    };
+    Tweaks::instance().update("t_disableBtPrint", "1");
+    expect({stuck, tooLong, "Info,NON,DlcKeepalive,printThreadsBackTrace,backtrace printing is disabled", end},
+           timeOut());
+    Tweaks::instance().update("t_disableBtPrint", "0");
+    Texts patterns = {stuck, tooLong, "Info,NON,MemWatcher,iterateThreads,start"};
+    for (int thread = 0; thread < 2; ++thread)
+    {
+        patterns.emplace_back("Info,NON,ThreadBacktracePrinter,print, threadName=~ pid=#");
+        patterns.emplace_back("Info,NON,ThreadBacktracePrinter,print,currently not Implemented in windows threadId=#  "
+                              "threadData=0  threadName=~ ");
+    }
+    patterns.insert(patterns.end(), {"Info,NON,MemWatcher,iterateThreads,done", end});
+    const Texts lines = timeOut();
+    expect(patterns, lines);
+    EXPECT_EQ(2, std::ranges::count_if(lines, [](const std::string& line) {
+                  return matches(line, "~ threadName=MemShieldAO pid=#") ||
+                         matches(line, "~ threadName=class DeadLockCheckerManager pid=#");
+              }));
+    Tweaks::instance().update("t_disableBtPrint", "");
+    const ScopedProcessEnd ending;
+    EXPECT_THROW(keepalive.checkLease(101'000, 60), ProcessEnded);
+    EXPECT_PRED2(matches, client->messages().back(), "Error,NON,Tweaks,longVal,Assertion (false) failed ~Tweaks.cpp #");
+}
+
+TEST_F(DeadLockChecker, KeepalivesAreRegisteredOnce)
+{
+    FutureInternal::Future<RcStatus> done;
+    const std::uint64_t before = MemShield::systemHeapBytes();
+    auto* const keepalive = MemShield::create<DlcKeepalive>({"DlcKeepalive", SourcePlace::here()}, "Request");
+    logged();
+    DeadLockCheckerManager::instance().registerChecker(keepalive);
+    done.addObserver(keepalive);
+    done.set(RC_OK);
+    EXPECT_EQ(before, MemShield::systemHeapBytes());
+    DeadLockCheckerManager::instance().unregisterChecker(keepalive);
+    std::ostringstream address;
+    address << std::hex << reinterpret_cast<std::uintptr_t>(keepalive);
+    const auto failure = [&](const std::string& function, const std::string& text) {
+        return "Assert,NON,DeadLockCheckerManager," + function +
+               ", datapath/common/infra/DeadLockChecker.cpp #: ret failed.  checker=" + address.str() + " checker " +
+               text;
+    };
+    const Texts lines = logged();
+    ASSERT_EQ(2U, lines.size());
+    EXPECT_PRED2(matches, lines[0], failure("registerChecker", "already registered"));
+    EXPECT_PRED2(matches, lines[1], failure("unregisterChecker", "not found"));
+}
+
+// The manager's thread waits here instead of sleeping.
+Semaphore mayCheck(0);
+Semaphore hasChecked(0);
+std::atomic<std::uint32_t> sleptMs = 0;
+std::atomic<std::int64_t> nowMs = 20'000;
+void (*realSleep)(std::uint32_t) = nullptr;
+
+void sleepUntilCheck(std::uint32_t durationMs)
+{
+    const auto thread = static_cast<std::int32_t>(platform::currentThreadId());
+    if (Logger::instance().getThreadName(thread) != "class DeadLockCheckerManager")
+    {
+        return realSleep(durationMs);
+    }
+    sleptMs = durationMs;
+    hasChecked.signal();
+    mayCheck.wait();
+}
+
+TEST(DeadLockCheckerManager, LooksOnceAnInterval)
+{
+    const ScratchFolder folder;
+    folder.enter();
+    folder.write("tweaks_extension.txt", "t_deadlockCheckerIntervalSec=7\n");
+    realSleep = std::exchange(platform::threadCalls.sleepMs, sleepUntilCheck);
+    platform::timeCalls.performanceFrequency = [](std::int64_t& frequency) { return (frequency = 1'000) > 0; };
+    platform::timeCalls.performanceCounter = [](std::int64_t& ticks) { return (ticks = nowMs) > 0; };
+    const auto* const client = new CapturingClient; // stays registered
+    waitForOwnThreads();
+    const DlcKeepalive stuck("Stuck");
+    DlcKeepalive alive("Alive");
+    hasChecked.wait();
+    const std::size_t before = client->messages().size();
+    for (const char* const nextInterval : {"7", "7", "2147483647", "0", "60"})
+    {
+        Tweaks::instance().update("t_deadlockCheckerIntervalSec", nextInterval);
+        nowMs += 8'000;
+        alive.setAlive();
+        mayCheck.signal();
+        hasChecked.wait();
+    }
+    EXPECT_EQ(60'000U, sleptMs);
+    Texts lines = client->messages();
+    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
+    std::erase_if(lines, [](const std::string& line) {
+        return line.find("DeadLockCheckerManager,run") == std::string::npos && line.find(LEASE) == std::string::npos;
+    });
+    const std::string size = "Info,NON,DeadLockCheckerManager,run, m_lockSet.size()=3 ";
+    EXPECT_EQ((Texts{size, size, "Error" + LEASE + "Stuck is stuck for 8 sec", size,
+                     "Error" + LEASE + "Stuck is stuck for 16 sec", size, size,
+                     "Error" + LEASE + "Stuck is stuck for 32 sec"}),
+              lines);
+}
+
+} // namespace
