@@ -1,8 +1,11 @@
 """The finished program on each target, in a scratch folder of its own beside a stand-in agent."""
 
+import contextlib
 import csv
+import glob
 import json
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -12,6 +15,12 @@ from pathlib import Path
 AGENT = "TavroVssAgent.exe"
 EDIT, OK, CANCEL = 1002, 1, 2
 DEADLINE_SEC = 60
+# The lines with which the worker and the checker start. They may come too early for the log file, which is being made
+# at that moment; those of its writer and of the CPU counters always do.
+THREAD_START = re.compile(r"Info,(\d+),NON,(MemWatcher,AddThread,added  pid=\1 |"
+                          r"ThreadWrapper,threadCallback,Starting ThreadWrapper of type "
+                          r"(MemShieldAO internalId=[12]|class DeadLockCheckerManager internalId=[23]) )")
+LOG_COLUMNS = ["time", "level", "thread", "logger", "method", "message", "exception"]
 
 
 def wait_for(condition, what):
@@ -36,6 +45,13 @@ class Program:
         """The lines of the log file, split by a CSV reader."""
         with open(self.log, encoding="utf-8") as text:
             return list(csv.reader(text))
+
+    def last_run(self):
+        """The lines behind the header of the log's last run: those of the main thread, those of the others."""
+        lines = self.log_lines()
+        lines = lines[len(lines) - lines[::-1].index(LOG_COLUMNS):]
+        main = next(line[2] for line in lines if line[6] == "Invoked.")
+        return [line for line in lines if line[2] == main], [line for line in lines if line[2] != main]
 
     def agent_record(self):
         """What the agent noted, None if none was started. To be called when the program has ended: whatever
@@ -71,8 +87,22 @@ class LinuxProgram(Program):
     def start(self, **options):
         return subprocess.Popen([self.path], **self._surroundings(), **options)
 
+    def open_dialog(self):
+        """Returns what leaves the dialog without a name, waits for the end and gives the exit code."""
+        process = self.start(stdin=subprocess.PIPE)
+        return lambda: process.communicate(b"\n", DEADLINE_SEC) and process.returncode
+
     def submit(self, name, **options):
         return self.run(name + "\n", **options)
+
+    def threads(self):
+        """The ids of all threads of all processes that run the program, as the log shows them."""
+        ids = set()
+        for thread in map(Path, glob.glob("/proc/[0-9]*/task/[0-9]*")):
+            with contextlib.suppress(OSError):  # it has just ended, or is not ours
+                if os.readlink(thread / "exe") == str(self.path):
+                    ids.add(thread.name)
+        return ids
 
     def _surroundings(self):
         return {"cwd": self.folder, "env": os.environ | {"PROGRAMDATA": str(self.folder)} | self.mark}
@@ -103,6 +133,11 @@ class WindowsProgram(Program):
                  (state := self.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
         return self.desktop
 
+    def open_dialog(self):
+        """Returns what leaves the dialog without a name, waits for the end and gives the exit code."""
+        desktop = self.start()
+        return lambda: desktop.click_control(CANCEL) or self.exit_code()
+
     def exit_code(self):
         return self.process.wait(DEADLINE_SEC)
 
@@ -111,6 +146,14 @@ class WindowsProgram(Program):
         if self.start(**options).dialog(name):
             self.desktop.press("Return")
         return self.exit_code()
+
+    def threads(self):
+        """The ids of all threads of all processes that run the program, as the log shows them. Wine's own, which it
+        starts in any process and gives names, do not count."""
+        listing = self.desktop.wine.run("winedbg", "--command", "info threads", stdout=subprocess.PIPE).decode()
+        processes = re.findall(rf"^[0-9a-f]{{8}} {self.path.name}\b.*\n((?:\t.*\n)*)", listing.replace("\r", ""), re.M)
+        ids = re.findall(r"^\t([0-9a-f]{8}) (?!.* wine_)", "".join(processes), re.M)
+        return {str(int(thread_id, 16)) for thread_id in ids}
 
 
 class ShowTweaks:
@@ -139,9 +182,9 @@ class Wine:
         environment = os.environ | self.variables | dict(more_variables)
         return subprocess.Popen(["wine", program], cwd=folder, env=environment, **options)
 
-    def run(self, *command, check=True):
-        subprocess.run(command, cwd=self.folder, env=os.environ | self.variables, check=check, timeout=3 * DEADLINE_SEC,
-                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    def run(self, *command, check=True, stdout=subprocess.DEVNULL):
+        return subprocess.run(command, cwd=self.folder, env=os.environ | self.variables, check=check,
+                              timeout=3 * DEADLINE_SEC, stdout=stdout, stderr=subprocess.DEVNULL).stdout
 
     def end(self):
         self.run("wineserver", "-k", check=False)  # fails when it has ended by itself

@@ -5,24 +5,23 @@ import shutil
 
 import pytest
 
-from programs import LinuxProgram, WindowsProgram, wait_for
+from programs import THREAD_START, LinuxProgram, wait_for
 
-COLUMNS = ["time", "level", "thread", "logger", "method", "message", "exception"]
 LIMIT = 10 * 1024 * 1024
 START = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}, -+Log Start-+  -+\r?\n")
 
 
 def rows_of_a_run(program, settings="a b c d", name="nightly"):
-    """Level, class, method and message of each line behind the listing."""
+    """Level, class, method and message of each line of the main thread behind the listing."""
     program.settings.write_text(settings)
     assert program.submit(name) == 0
     program.agent_record()  # waits for its end
-    lines = program.log_lines()
-    header = len(lines) - lines[::-1].index(COLUMNS)
-    listing = [line for line in lines[header:] if line[1] == "Control"]
+    lines, others = program.last_run()
+    assert all(THREAD_START.fullmatch(",".join(line[1:])) for line in others), others
+    listing = [line for line in lines if line[1] == "Control"]
     assert [line[4:6] for line in listing] == [["Tweaks", "print"]] * len(listing)
     assert "t_qlogMaxFiles=3" in [line[6] for line in listing]
-    return [(line[1], *line[4:]) for line in lines[header + len(listing):]]
+    return [(line[1], *line[4:]) for line in lines[len(listing):]]
 
 
 def test_each_run_is_appended_whole(program):
@@ -54,19 +53,14 @@ def test_each_run_is_appended_whole(program):
 
 
 def test_others_use_the_live_file(program, tmp_path):
-    if isinstance(program, WindowsProgram):
-        program.start()
-        end = lambda: program.desktop.press("Escape") or program.exit_code()
-    else:
-        process = program.start(stdin=-1)
-        end = lambda: process.communicate(b"\n") and process.returncode
+    leave = program.open_dialog()
     # Without a flush that anybody asked for: a line reaches the file soon.
     wait_for(lambda: program.log.exists() and "Showing dialog..." in program.log.read_text(), "the lines")
     copy = shutil.copy(program.log, tmp_path / "copy")
     with open(program.log, encoding="utf-8") as tail:
         tail.seek(0, 2)
         program.log.rename(program.log.with_suffix(".moved"))
-        assert end() == 0
+        assert leave() == 0
         assert "Done." in tail.read()
     assert "Done." not in copy.read_text()
 

@@ -47,8 +47,8 @@ class CheckpointProgram : public testing::Test
 protected:
     CheckpointProgram()
     {
-        static OwnLines capturing;
-        client = &capturing;
+        static auto* const capturing = new OwnLines; // stays registered
+        client = capturing;
         programPath = folder.path("program.exe");
         appDataFolder = folder.path("");
         shellCalls.commonAppDataFolder = [](char* buffer) {

@@ -21,7 +21,7 @@ TEST(HeapMemoryAllocationTracker, PausesAtTheBudgetUntilUsageIsDown)
     const LettingGo lettingGo;
     HeapMemoryAllocationTracker tracker(100, 80, NOT_DISABLED, "log");
     waitForOwnThreads();
-    const CapturingClient client;
+    const auto& client = *new CapturingClient; // stays registered
     bool justPaused = true;
     char* const sixty = tracker.allocate(60, justPaused);
     char* const forty = tracker.allocate(40, justPaused);

@@ -136,7 +136,7 @@ TEST(MemShieldHistory, ReleasedBlocksStayWithTheirRecords)
                  "t_memshield_post_margin_size=0\nt_MemShieldMaxAllocationInCodeLine=20\nt_MemShieldVerbose=off\n");
     waitForOwnThreads();
     const std::uint64_t ownBytes = MemShield::systemHeapBytes();
-    const CapturingClient client;
+    const auto& client = *new CapturingClient; // stays registered
     const LettingGo lettingGo;
     Bytes const object = makeObject(2);
     EXPECT_EQ(0xFF, object[0]);

@@ -72,12 +72,12 @@ struct Gate : LoggerClient
 
 TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
 {
-    static CapturingClient client;
-    static Gate gate;
+    platform::timeCalls.utcNow = [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; };
+    waitForOwnThreads(); // numbers 1 and 2
+    auto& client = *new CapturingClient; // stays registered, as the next one
+    auto& gate = *new Gate;
     static WaitingWorker worker;
     Logger& logger = Logger::instance();
-    const ScopedReplacement clock(
-        platform::timeCalls.utcNow, +[] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
     std::atomic<bool> areRunning = false;
     std::thread early;
     for (int i = 0; i < 3; ++i)
@@ -105,7 +105,7 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
     early.join();
     worker.waitUntilRunning(); // at once: the counts agree
     worker.leave(3);
-    const auto logged = [] {
+    const auto logged = [&] {
         const std::vector<std::string> messages = client.messages();
         std::multiset<std::string> lines(messages.begin(), messages.end());
         std::erase_if(lines, [](const std::string& line) { return line.find("WaitingWorker") == std::string::npos; });
@@ -122,7 +122,7 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
         EXPECT_EQ("", logger.getThreadName(id));
     }
     std::multiset<std::string> expected;
-    for (const char* const number : {"1", "2", "3"})
+    for (const char* const number : {"3", "4", "5"})
     {
         const std::string end = std::string("ing ThreadWrapper of type class WaitingWorker internalId=") + number + " ";
         expected.insert("Info,NON,ThreadWrapper,threadCallback,Start" + end);
