@@ -3,6 +3,7 @@
 #include "platform/windows/System.h"
 
 #include <pdh.h>
+#include <pdhmsg.h>
 #include <psapi.h>
 
 namespace platform::windows

@@ -47,16 +47,30 @@ std::uint32_t ActiveObject::getIdleEstimate()
 {
     const MutexGuard guard(m_mutex);
     const std::uint64_t workers = std::uint64_t{m_numStarted} + 1;
-    return static_cast<std::uint32_t>(workers - std::min(workers, m_pq.size()));
+    return static_cast<std::uint32_t>(workers - std::min(workers, m_pq.itemCount()));
 }
 
 void ActiveObject::enqueue(Action* action)
 {
-    bool isWorkerReserved = false;
+    if (m_isMonitored.load(std::memory_order_relaxed))
     {
         const MutexGuard guard(m_mutex);
         monitorEnqueue();
-        m_pq.enqueue(action, 0);
+        addArrival(action);
+    }
+    else
+    {
+        addArrival(action);
+    }
+}
+
+void ActiveObject::addArrival(Action* action)
+{
+    bool isWorkerReserved = false;
+    {
+        const MutexGuard guard(m_arrivalsMutex);
+        m_arrivals.push_back(action);
+        m_pq.setNumArrived(m_arrivals.size());
         isWorkerReserved = reserveWorker();
     }
     if (isWorkerReserved)
@@ -76,6 +90,17 @@ bool ActiveObject::reserveWorker()
     --m_numSleeping;
     ++m_numLooking;
     return true;
+}
+
+/// Like reserveWorker, if there is more to do than what the calling worker has taken.
+bool ActiveObject::reserveHelp()
+{
+    if (m_numSleeping == 0)
+    {
+        return false;
+    }
+    const MutexGuard guard(m_arrivalsMutex);
+    return (!m_pq.empty() || !m_arrivals.empty()) && reserveWorker();
 }
 
 void ActiveObject::run()
@@ -131,7 +156,7 @@ ActiveObject::Extracted ActiveObject::waitForAction()
         {
             --m_numRunning;
         }
-        isHelpWanted = !m_pq.empty() && reserveWorker();
+        isHelpWanted = reserveHelp();
     }
     if (isHelpWanted)
     {
@@ -143,58 +168,101 @@ ActiveObject::Extracted ActiveObject::waitForAction()
 /// Returns whether there is an action; if not, the object has been disabled.
 bool ActiveObject::waitUntilQueued()
 {
-    constexpr int LOOKS = 200;
-    constexpr std::uint32_t TIMEOUT_MS = 5'000;
-    while (m_enabled && m_pq.empty())
+    while (m_enabled && !importArrivals())
     {
-        // The next action is often near, and falling asleep is dear.
         ++m_numLooking;
         m_mutex.unlock();
-        for (int look = 0; look < LOOKS && m_enabled && m_pq.empty(); ++look)
-        {
-            platform::relax();
-        }
+        look();
         m_mutex.lock();
-        --m_numLooking;
-        if (!m_enabled || !m_pq.empty())
+        if (beginSleeping())
         {
-            break;
+            m_mutex.unlock();
+            const bool isTimedOut = !sleep();
+            m_mutex.lock();
+            if (isTimedOut)
+            {
+                logTimedOutWait();
+            }
         }
-        ++m_numSleeping;
-        m_mutex.unlock();
-        const bool isWoken = m_wake.waitFor(TIMEOUT_MS);
-        m_mutex.lock();
-        if (isWoken)
+    }
+    return m_enabled;
+}
+
+/// Returns whether there is an action.
+bool ActiveObject::importArrivals()
+{
+    if (m_pq.itemCount() != 0 && m_pq.empty())
+    {
         {
-            --m_numLooking;
-            continue;
+            const MutexGuard guard(m_arrivalsMutex);
+            m_imported.swap(m_arrivals);
+            m_pq.setNumArrived(0);
         }
+        for (Action* const action : m_imported)
+        {
+            m_pq.enqueue(action, 0);
+        }
+        m_imported.clear();
+    }
+    return !m_pq.empty();
+}
+
+/// The next action is often near, and falling asleep is dear.
+void ActiveObject::look() const
+{
+    constexpr int LOOKS = 200;
+    for (int look = 0; look < LOOKS && m_enabled.load(std::memory_order_relaxed) && m_pq.itemCount() == 0; ++look)
+    {
+        platform::relax();
+    }
+}
+
+/// Returns whether there is nothing that the calling worker, which has looked, could do: it is among those that sleep
+/// then.
+bool ActiveObject::beginSleeping()
+{
+    const MutexGuard guard(m_arrivalsMutex);
+    --m_numLooking;
+    if (!m_enabled || !m_pq.empty() || !m_arrivals.empty())
+    {
+        return false;
+    }
+    ++m_numSleeping;
+    return true;
+}
+
+/// Returns whether the calling worker was woken, rather than timed out.
+bool ActiveObject::sleep()
+{
+    constexpr std::uint32_t TIMEOUT_MS = 5'000;
+    const bool isWoken = m_wake.waitFor(TIMEOUT_MS);
+    if (!isWoken)
+    {
+        const MutexGuard guard(m_arrivalsMutex);
         if (m_numSleeping != 0)
         {
             --m_numSleeping;
+            return false;
         }
-        else // every sleeper has been reserved, this one too
-        {
-            m_mutex.unlock();
-            m_wake.wait();
-            m_mutex.lock();
-            --m_numLooking;
-        }
-        logTimedOutWait();
     }
-    return m_enabled;
+    if (!isWoken)
+    {
+        m_wake.wait(); // every sleeper has been reserved meanwhile
+    }
+    --m_numLooking;
+    return isWoken;
 }
 
 void ActiveObject::logTimedOutWait() const
 {
     const bool isVerbose =
         m_forceVerbose->load(std::memory_order_relaxed) || DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
-    if (isVerbose && (!m_pq.empty() || !m_enabled))
+    if (isVerbose && (m_pq.itemCount() != 0 || !m_enabled))
     {
         LogItem(LoggerId::NON, LogLevel::Info, WORKER)
             << "AO<" << m_name << "> " << m_name
-            << " !m_pq.empty() || !m_enabled, and wait timed out, unlikely, m_pq.size " << m_pq.size() << " m_pq.empty "
-            << m_pq.empty() << "  m_pq Priority " << m_pq.highestPriority() << std::endl;
+            << " !m_pq.empty() || !m_enabled, and wait timed out, unlikely, m_pq.size " << m_pq.itemCount()
+            << " m_pq.empty " << (m_pq.itemCount() == 0) << "  m_pq Priority " << m_pq.highestPriority() << std::endl;
     }
 }
 
@@ -204,7 +272,7 @@ bool ActiveObject::extract(Extracted& extracted)
     {
         return false;
     }
-    if (m_pq.empty())
+    if (m_pq.itemCount() == 0)
     {
         monitorEmptyQueue();
     }
@@ -222,8 +290,9 @@ void ActiveObject::terminateAllThreads()
             return; // what has come since then is left alone
         }
         m_enabled = false;
+        const MutexGuard arrivalsGuard(m_arrivalsMutex);
         numWoken = m_numSleeping;
-        m_numLooking += m_numSleeping;
+        m_numLooking += numWoken;
         m_numSleeping = 0;
     }
     for (; numWoken != 0; --numWoken)
@@ -244,7 +313,7 @@ std::vector<ActiveObject::Action*> ActiveObject::drain()
 {
     std::vector<Action*> actions;
     const MutexGuard guard(m_mutex);
-    if (m_pq.empty())
+    if (!importArrivals())
     {
         return actions;
     }
@@ -275,6 +344,7 @@ void ActiveObject::attachRateMonitor(GuardedPtr<RateMonitor> monitor)
 {
     const MutexGuard guard(m_mutex);
     m_rateMonitor = std::move(monitor);
+    m_isMonitored = true;
 }
 
 void ActiveObject::monitorEnqueue()
@@ -282,7 +352,7 @@ void ActiveObject::monitorEnqueue()
     if (m_rateMonitor)
     {
         const MutexGuard guard(m_rateMonitor->m_mutex);
-        if (m_pq.empty() && m_rateMonitor->m_aoBusyStartUs == 0)
+        if (m_pq.itemCount() == 0 && m_rateMonitor->m_aoBusyStartUs == 0)
         {
             m_rateMonitor->m_aoBusyStartUs = m_rateMonitor->nowUs();
             m_rateMonitor->incActiveTasksLocked(1);

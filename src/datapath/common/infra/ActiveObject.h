@@ -93,10 +93,32 @@ private:
         std::uint32_t priority = 0;
     };
 
+    /// The actions that workers see, and the number of those that have arrived since.
+    class ActionQueue final : public PriorityQueue<Action*>
+    {
+    public:
+        using PriorityQueue::PriorityQueue;
+
+        [[nodiscard]] std::uint64_t itemCount() const override
+        {
+            return size() + m_numArrived.load(std::memory_order_relaxed);
+        }
+        void setNumArrived(std::uint64_t count) { m_numArrived.store(count, std::memory_order_relaxed); }
+
+    private:
+        std::atomic<std::uint64_t> m_numArrived = 0;
+    };
+
+    void addArrival(Action* action) EXCLUDES(m_arrivalsMutex);
     [[nodiscard]] Extracted waitForAction() EXCLUDES(m_mutex);
     [[nodiscard]] bool waitUntilQueued() REQUIRES(m_mutex);
+    [[nodiscard]] bool importArrivals() REQUIRES(m_mutex);
+    void look() const;
+    [[nodiscard]] bool beginSleeping() REQUIRES(m_mutex) EXCLUDES(m_arrivalsMutex);
+    [[nodiscard]] bool sleep() EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[nodiscard]] bool reserveWorker() REQUIRES(m_arrivalsMutex);
+    [[nodiscard]] bool reserveHelp() REQUIRES(m_mutex) EXCLUDES(m_arrivalsMutex);
     [[nodiscard]] bool extract(Extracted& extracted) REQUIRES(m_mutex);
-    [[nodiscard]] bool reserveWorker() REQUIRES(m_mutex);
     void logTimedOutWait() const REQUIRES(m_mutex);
     void monitorEnqueue() REQUIRES(m_mutex);
     void monitorEmptyQueue() REQUIRES(m_mutex);
@@ -104,8 +126,9 @@ private:
     static void execute(Action& action, std::uint32_t priority, std::uint32_t threadIndex, DlcKeepalive& keepalive);
     static void release(Action* action);
 
-    PriorityQueue<Action*> m_pq;                        // guarded by m_mutex, but for the number of items
-    Mutex m_mutex;                                      // free while an action is executed or destroyed
+    Mutex m_mutex;    // of the workers; free while an action is executed or destroyed
+    ActionQueue m_pq; // guarded by m_mutex, but for the number of items
+    std::vector<Action*> m_imported GUARDED_BY(m_mutex);
     std::atomic<bool> m_enabled = true;                 // until shutdown; written under the lock
     std::uint32_t m_numStarted GUARDED_BY(m_mutex) = 0; // workers that have entered run
     std::uint32_t m_numRunning GUARDED_BY(m_mutex) = 0; // workers inside run
@@ -113,12 +136,18 @@ private:
     const std::atomic<bool>* const m_forceVerbose;
     const std::string m_name;
     GuardedPtr<RateMonitor> m_rateMonitor GUARDED_BY(m_mutex);
+    std::atomic<bool> m_isMonitored = false;
 
-    // Workers without work. Those that sleep are let go one by one: whoever needs a worker takes one from
+    // What producers share with each other, apart from what the workers share: a worker comes here only when it has
+    // nothing else to do, and takes everything at once.
+    alignas(64) Mutex m_arrivalsMutex; // taken inside m_mutex
+    std::vector<Action*> m_arrivals GUARDED_BY(m_arrivalsMutex);
+
+    // Workers without work. Those that sleep are let go one by one: whoever needs a worker moves one from
     // m_numSleeping to m_numLooking and then signals m_wake, which is the worker's to take. While a worker is looking,
     // no other is needed.
-    std::uint32_t m_numSleeping GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_numLooking GUARDED_BY(m_mutex) = 0;
+    std::atomic<std::uint32_t> m_numSleeping = 0; // written under m_arrivalsMutex
+    std::atomic<std::uint32_t> m_numLooking = 0;  // written by who has looked, and under m_arrivalsMutex
     Semaphore m_wake{0};
 
     Semaphore m_left{0}; // signalled by each worker as the last thing that it does with the object

@@ -26,7 +26,7 @@
 #include <utility>
 #include <vector>
 
-template <class T> class PriorityQueue final : public MemWatchedContainer
+template <class T> class PriorityQueue : public MemWatchedContainer
 {
 public:
     /// Priorities go from 0 to numPriorities - 1. With printStats, a line of watermarks is logged from time to time.
@@ -84,8 +84,8 @@ public:
         return true;
     }
 
-    [[nodiscard]] std::uint64_t size() const { return itemCount(); }
-    [[nodiscard]] bool empty() const { return itemCount() == 0; }
+    [[nodiscard]] std::uint64_t size() const { return m_itemCount.load(std::memory_order_relaxed); }
+    [[nodiscard]] bool empty() const { return size() == 0; }
 
     /// Items of one priority. One out of range ends the process.
     [[nodiscard]] std::uint64_t size(std::uint32_t priority) const
@@ -118,7 +118,8 @@ public:
     /// The name in the line of watermarks. The one that the queue is watched under stays.
     void setName(std::string name) { m_name = std::move(name); }
 
-    [[nodiscard]] std::uint64_t itemCount() const override { return m_itemCount.load(std::memory_order_relaxed); }
+    /// What reports show.
+    [[nodiscard]] std::uint64_t itemCount() const override { return size(); }
 
     /// For tests: whether the counts, the mark and the watermarks fit the lists.
     [[nodiscard]] bool checkInvariants() const
@@ -133,7 +134,7 @@ public:
             isSound = isSound && (count == 0 || priority <= m_highestPriority) && stats.lowWatermark <= count &&
                       count <= stats.highWatermark;
         }
-        return isSound && total == itemCount();
+        return isSound && total == size();
     }
 
 private:
