@@ -69,18 +69,19 @@ void ActiveObject::addArrival(Action* action)
     bool isWorkerReserved = false;
     {
         const MutexGuard guard(m_arrivalsMutex);
-        m_arrivals.push_back(action);
-        m_pq.setNumArrived(m_arrivals.size());
+        (m_firstArrival == nullptr ? m_firstArrival : m_lastArrival->m_next) = action;
+        m_lastArrival = action;
+        m_pq.noteArrived();
         isWorkerReserved = reserveWorker();
     }
     if (isWorkerReserved)
     {
-        m_wake.signal();
+        m_wake.post();
     }
 }
 
 /// Returns whether there is a sleeping worker and none that will look at the queue anyway. The caller then has to
-/// signal m_wake once, preferably when the lock is free again.
+/// post m_wake once, preferably when the lock is free again.
 bool ActiveObject::reserveWorker()
 {
     if (m_numLooking != 0 || m_numSleeping == 0)
@@ -100,7 +101,7 @@ bool ActiveObject::reserveHelp()
         return false;
     }
     const MutexGuard guard(m_arrivalsMutex);
-    return (!m_pq.empty() || !m_arrivals.empty()) && reserveWorker();
+    return m_pq.itemCount() != 0 && reserveWorker();
 }
 
 void ActiveObject::run()
@@ -148,9 +149,7 @@ ActiveObject::Extracted ActiveObject::waitForAction()
         const MutexGuard guard(m_mutex);
         while (waitUntilQueued() && !extract(extracted))
         {
-            LogItem(LoggerId::NON, LogLevel::Error, WORKER)
-                << "!bExtracted, m_pq.size " << m_pq.size() << " m_pq.empty " << m_pq.empty() << "  m_pq Priority "
-                << m_pq.highestPriority() << std::endl;
+            logFailedExtraction();
         }
         if (extracted.action == nullptr)
         {
@@ -160,7 +159,7 @@ ActiveObject::Extracted ActiveObject::waitForAction()
     }
     if (isHelpWanted)
     {
-        m_wake.signal();
+        m_wake.post();
     }
     return extracted;
 }
@@ -168,8 +167,17 @@ ActiveObject::Extracted ActiveObject::waitForAction()
 /// Returns whether there is an action; if not, the object has been disabled.
 bool ActiveObject::waitUntilQueued()
 {
-    while (m_enabled && !importArrivals())
+    constexpr std::uint64_t MOST = 64; // the queue stays short and in the cache
+    while (m_enabled)
     {
+        if (m_pq.empty())
+        {
+            importArrivals(MOST);
+        }
+        if (!m_pq.empty())
+        {
+            return true;
+        }
         ++m_numLooking;
         m_mutex.unlock();
         look();
@@ -177,34 +185,28 @@ bool ActiveObject::waitUntilQueued()
         if (beginSleeping())
         {
             m_mutex.unlock();
-            const bool isTimedOut = !sleep();
+            sleep();
             m_mutex.lock();
-            if (isTimedOut)
-            {
-                logTimedOutWait();
-            }
         }
     }
-    return m_enabled;
+    return false;
 }
 
-/// Returns whether there is an action.
-bool ActiveObject::importArrivals()
+/// Queues the oldest of what has arrived.
+void ActiveObject::importArrivals(std::uint64_t most)
 {
-    if (m_pq.itemCount() != 0 && m_pq.empty())
+    while (most != 0 && m_pq.itemCount() != m_pq.size())
     {
+        if (m_nextArrival == nullptr)
         {
             const MutexGuard guard(m_arrivalsMutex);
-            m_imported.swap(m_arrivals);
-            m_pq.setNumArrived(0);
+            m_nextArrival = std::exchange(m_firstArrival, nullptr);
         }
-        for (Action* const action : m_imported)
+        for (; m_nextArrival != nullptr && most != 0; --most)
         {
-            m_pq.enqueue(action, 0);
+            m_pq.enqueue(std::exchange(m_nextArrival, m_nextArrival->m_next), 0);
         }
-        m_imported.clear();
     }
-    return !m_pq.empty();
 }
 
 /// The next action is often near, and falling asleep is dear.
@@ -223,7 +225,7 @@ bool ActiveObject::beginSleeping()
 {
     const MutexGuard guard(m_arrivalsMutex);
     --m_numLooking;
-    if (!m_enabled || !m_pq.empty() || !m_arrivals.empty())
+    if (!m_enabled || m_pq.itemCount() != 0)
     {
         return false;
     }
@@ -231,33 +233,44 @@ bool ActiveObject::beginSleeping()
     return true;
 }
 
-/// Returns whether the calling worker was woken, rather than timed out.
-bool ActiveObject::sleep()
+bool ActiveObject::isVerbose() const
+{
+    return m_forceVerbose->load(std::memory_order_relaxed) || DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
+}
+
+/// Returns when the calling worker is to look at the queue again.
+void ActiveObject::sleep()
 {
     constexpr std::uint32_t TIMEOUT_MS = 5'000;
-    const bool isWoken = m_wake.waitFor(TIMEOUT_MS);
-    if (!isWoken)
+    if (!isVerbose()) // a wait that can time out is dearer to end, and only serves the verbose line
     {
+        m_wake.wait();
+    }
+    else if (!m_wake.waitFor(TIMEOUT_MS))
+    {
+        logTimedOutWait();
         const MutexGuard guard(m_arrivalsMutex);
         if (m_numSleeping != 0)
         {
             --m_numSleeping;
-            return false;
+            return;
         }
-    }
-    if (!isWoken)
-    {
-        m_wake.wait(); // every sleeper has been reserved meanwhile
+        m_wake.wait(); // every sleeper has been reserved meanwhile: at once
     }
     --m_numLooking;
-    return isWoken;
 }
 
-void ActiveObject::logTimedOutWait() const
+void ActiveObject::logFailedExtraction() const
 {
-    const bool isVerbose =
-        m_forceVerbose->load(std::memory_order_relaxed) || DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
-    if (isVerbose && (m_pq.itemCount() != 0 || !m_enabled))
+    LogItem(LoggerId::NON, LogLevel::Error, WORKER)
+        << "!bExtracted, m_pq.size " << m_pq.itemCount() << " m_pq.empty " << (m_pq.itemCount() == 0)
+        << "  m_pq Priority " << m_pq.highestPriority() << std::endl;
+}
+
+void ActiveObject::logTimedOutWait()
+{
+    const MutexGuard guard(m_mutex);
+    if (isVerbose() && (m_pq.itemCount() != 0 || !m_enabled))
     {
         LogItem(LoggerId::NON, LogLevel::Info, WORKER)
             << "AO<" << m_name << "> " << m_name
@@ -272,7 +285,8 @@ bool ActiveObject::extract(Extracted& extracted)
     {
         return false;
     }
-    if (m_pq.itemCount() == 0)
+    m_pq.noteExtracted();
+    if (m_rateMonitor && m_pq.itemCount() == 0)
     {
         monitorEmptyQueue();
     }
@@ -297,7 +311,7 @@ void ActiveObject::terminateAllThreads()
     }
     for (; numWoken != 0; --numWoken)
     {
-        m_wake.signal();
+        m_wake.post();
     }
     for (std::uint32_t numLeft = 0; numLeft != numOpened(); ++numLeft)
     {
@@ -313,7 +327,8 @@ std::vector<ActiveObject::Action*> ActiveObject::drain()
 {
     std::vector<Action*> actions;
     const MutexGuard guard(m_mutex);
-    if (!importArrivals())
+    importArrivals(m_pq.itemCount());
+    if (m_pq.empty())
     {
         return actions;
     }

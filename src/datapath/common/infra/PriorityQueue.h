@@ -31,8 +31,8 @@ template <class T> class PriorityQueue : public MemWatchedContainer
 public:
     /// Priorities go from 0 to numPriorities - 1. With printStats, a line of watermarks is logged from time to time.
     PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats)
-        : MemWatchedContainer(std::move(name), 0, 0), m_queues(numPriorities), m_queueStats(numPriorities),
-          m_printStats(printStats), m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name())
+        : MemWatchedContainer(std::move(name), 0, 0), m_queues(numPriorities), m_printStats(printStats),
+          m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name())
     {
         MemWatchedContainerDatabase::instance().registerContainer(this);
     }
@@ -52,12 +52,8 @@ public:
             return;
         }
         printStatsIfNeeded();
-        std::deque<T>& queue = m_queues[priority];
-        queue.push_back(std::move(item));
-        setItemCount(size() + 1);
-        m_highestPriority = std::max(m_highestPriority, priority);
-        std::uint64_t& highWatermark = m_queueStats[priority].highWatermark;
-        highWatermark = std::max<std::uint64_t>(highWatermark, queue.size());
+        m_queues[priority].items.push_back(std::move(item));
+        noteEnqueued(1, priority);
     }
 
     /// The oldest item of the highest priority that has any, and that priority. False, with both left as they were,
@@ -69,17 +65,16 @@ public:
             m_highestPriority = 0;
             return false;
         }
-        while (m_queues[m_highestPriority].empty())
+        while (m_queues[m_highestPriority].items.empty())
         {
             --m_highestPriority;
         }
-        std::deque<T>& queue = m_queues[m_highestPriority];
-        item = std::move(queue.front());
-        queue.pop_front();
+        Queue& queue = m_queues[m_highestPriority];
+        item = std::move(queue.items.front());
+        queue.items.pop_front();
         setItemCount(size() - 1);
         priority = m_highestPriority;
-        std::uint64_t& lowWatermark = m_queueStats[priority].lowWatermark;
-        lowWatermark = std::min<std::uint64_t>(lowWatermark, queue.size());
+        queue.lowWatermark = std::min<std::uint64_t>(queue.lowWatermark, queue.items.size());
         printStatsIfNeeded();
         return true;
     }
@@ -96,20 +91,20 @@ public:
                 << "invalid priority" << std::endl;
             return 0;
         }
-        return m_queues[priority].size();
+        return m_queues[priority].items.size();
     }
 
     /// Bytes of the items of one priority; what pointers point to is not known, so theirs is 0. A priority out of
     /// range ends the process.
     [[nodiscard]] std::uint64_t sizeBytes(std::uint32_t priority) const
     {
-        if (priority >= m_queueStats.size()) [[unlikely]]
+        if (priority >= m_queues.size()) [[unlikely]]
         {
             CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "priority < m_queueStats.size()")
                 << "invalid priority" << std::endl;
             return 0;
         }
-        return std::is_pointer_v<T> ? 0 : m_queues[priority].size() * sizeof(T);
+        return std::is_pointer_v<T> ? 0 : m_queues[priority].items.size() * sizeof(T);
     }
 
     /// The highest priority that may have items, as of the last call.
@@ -128,21 +123,22 @@ public:
         bool isSound = m_queues.empty() || m_highestPriority < m_queues.size();
         for (std::size_t priority = 0; priority < m_queues.size(); ++priority)
         {
-            const std::uint64_t count = m_queues[priority].size();
-            const Stats& stats = m_queueStats[priority];
+            const Queue& queue = m_queues[priority];
+            const std::uint64_t count = queue.items.size();
             total += count;
-            isSound = isSound && (count == 0 || priority <= m_highestPriority) && stats.lowWatermark <= count &&
-                      count <= stats.highWatermark;
+            isSound = isSound && (count == 0 || priority <= m_highestPriority) && queue.lowWatermark <= count &&
+                      count <= queue.highWatermark;
         }
         return isSound && total == size();
     }
 
 private:
-    /// The most and the fewest items since the last line.
-    struct Stats
+    /// What is queued with one priority.
+    struct Queue
     {
-        std::uint64_t highWatermark = 0;
-        std::uint64_t lowWatermark = 0;
+        std::deque<T> items;
+        std::uint64_t highWatermark = 0; // the most items since the last line
+        std::uint64_t lowWatermark = 0;  // the fewest
     };
 
     static std::uint32_t printIntervalMs()
@@ -156,6 +152,14 @@ private:
 
     /// The owner's lock makes this thread the only one that writes.
     void setItemCount(std::uint64_t count) { m_itemCount.store(count, std::memory_order_relaxed); }
+
+    void noteEnqueued(std::uint64_t count, std::uint32_t priority)
+    {
+        setItemCount(size() + count);
+        m_highestPriority = std::max(m_highestPriority, priority);
+        Queue& queue = m_queues[priority];
+        queue.highWatermark = std::max<std::uint64_t>(queue.highWatermark, queue.items.size());
+    }
 
     void printStatsIfNeeded()
     {
@@ -176,21 +180,20 @@ private:
         line << "(" << m_name << ")";
         for (auto priority = static_cast<std::uint32_t>(m_queues.size()); priority-- > 0;)
         {
-            Stats& stats = m_queueStats[priority];
-            const std::uint64_t count = size(priority);
-            line << "Q" << priority << ":" << count << " (" << sizeBytes(priority) << " B WM-H" << stats.highWatermark
-                 << " L" << stats.lowWatermark << ") ";
-            stats = {.highWatermark = count, .lowWatermark = count};
+            Queue& queue = m_queues[priority];
+            const std::uint64_t count = queue.items.size();
+            line << "Q" << priority << ":" << count << " (" << sizeBytes(priority) << " B WM-H" << queue.highWatermark
+                 << " L" << queue.lowWatermark << ") ";
+            queue.highWatermark = queue.lowWatermark = count;
         }
         line << std::endl;
     }
 
-    std::uint32_t m_highestPriority = 0; // above it every list is empty
-    std::vector<std::deque<T>> m_queues; // by priority
-    std::vector<Stats> m_queueStats;
-    const bool m_printStats;
-    std::int64_t m_lastPrintMs = 0;
-    const std::uint32_t m_printIntervalMs;
-    std::string m_name;
     std::atomic<std::uint64_t> m_itemCount = 0;
+    std::vector<Queue> m_queues;         // by priority
+    std::uint32_t m_highestPriority = 0; // above it every list is empty
+    const bool m_printStats;
+    const std::uint32_t m_printIntervalMs;
+    std::int64_t m_lastPrintMs = 0;
+    std::string m_name;
 };
