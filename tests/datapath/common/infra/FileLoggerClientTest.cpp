@@ -127,6 +127,7 @@ TEST_F(FileLogger, LinesOfManyThreadsAreAllWrittenInEachThreadsOrder)
 
 TEST_F(FileLogger, BudgetPausesOnceDropsAndResumes)
 {
+    waitForOwnThreads();
     constexpr std::size_t BUDGET = 3U << 20U;
     for (const std::size_t length : {60U, 128U, 33'000U, 70'000U})
     {
