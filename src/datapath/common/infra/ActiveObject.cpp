@@ -32,7 +32,7 @@ const char* checkedName(const char* name)
 } // namespace
 
 ActiveObject::ActiveObject(const char* name, const std::atomic<bool>* forceVerbose)
-    : m_pq(1, checkedName(name), false), m_forceVerbose(forceVerbose), m_name(m_pq.name())
+    : m_pq(1, checkedName(name), false, &m_numArriving), m_forceVerbose(forceVerbose), m_name(m_pq.name())
 {
     const bool isVerbose = DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
@@ -69,9 +69,10 @@ void ActiveObject::addArrival(Action* action)
     bool isWorkerReserved = false;
     {
         const MutexGuard guard(m_arrivalsMutex);
+        action->m_next = nullptr;
         (m_firstArrival == nullptr ? m_firstArrival : m_lastArrival->m_next) = action;
         m_lastArrival = action;
-        m_pq.noteArrived();
+        m_numArriving.fetch_add(1, std::memory_order_release);
         isWorkerReserved = reserveWorker();
     }
     if (isWorkerReserved)
@@ -89,7 +90,6 @@ bool ActiveObject::reserveWorker()
         return false;
     }
     --m_numSleeping;
-    ++m_numLooking;
     return true;
 }
 
@@ -195,17 +195,20 @@ bool ActiveObject::waitUntilQueued()
 /// Queues the oldest of what has arrived.
 void ActiveObject::importArrivals(std::uint64_t most)
 {
-    while (most != 0 && m_pq.itemCount() != m_pq.size())
+    while (most != 0 && m_numArriving != 0)
     {
         if (m_nextArrival == nullptr)
         {
             const MutexGuard guard(m_arrivalsMutex);
             m_nextArrival = std::exchange(m_firstArrival, nullptr);
         }
-        for (; m_nextArrival != nullptr && most != 0; --most)
+        std::uint64_t numQueued = 0;
+        for (; m_nextArrival != nullptr && numQueued != most; ++numQueued)
         {
             m_pq.enqueue(std::exchange(m_nextArrival, m_nextArrival->m_next), 0);
         }
+        m_numArriving.fetch_sub(numQueued, std::memory_order_release);
+        most -= numQueued;
     }
 }
 
@@ -257,7 +260,6 @@ void ActiveObject::sleep()
         }
         m_wake.wait(); // every sleeper has been reserved meanwhile: at once
     }
-    --m_numLooking;
 }
 
 void ActiveObject::logFailedExtraction() const
@@ -285,7 +287,6 @@ bool ActiveObject::extract(Extracted& extracted)
     {
         return false;
     }
-    m_pq.noteExtracted();
     if (m_rateMonitor && m_pq.itemCount() == 0)
     {
         monitorEmptyQueue();
@@ -297,29 +298,24 @@ void ActiveObject::terminateAllThreads()
 {
     waitUntilRunning();
     std::uint32_t numWoken = 0;
+    bool isFirst = false;
     {
         const MutexGuard guard(m_mutex);
-        if (!m_enabled)
-        {
-            return; // what has come since then is left alone
-        }
-        m_enabled = false;
+        isFirst = m_enabled.exchange(false);
         const MutexGuard arrivalsGuard(m_arrivalsMutex);
-        numWoken = m_numSleeping;
-        m_numLooking += numWoken;
-        m_numSleeping = 0;
+        numWoken = m_numSleeping.exchange(0);
     }
     for (; numWoken != 0; --numWoken)
     {
         m_wake.post();
     }
-    for (std::uint32_t numLeft = 0; numLeft != numOpened(); ++numLeft)
+    for (; m_numLeft != numOpened(); ++m_numLeft)
     {
         m_left.wait();
     }
-    for (Action* const action : drain())
+    if (isFirst) // what has come since then is left alone
     {
-        release(action);
+        std::ranges::for_each(drain(), release);
     }
 }
 
@@ -327,6 +323,7 @@ std::vector<ActiveObject::Action*> ActiveObject::drain()
 {
     std::vector<Action*> actions;
     const MutexGuard guard(m_mutex);
+    m_isMonitored = false;
     importArrivals(m_pq.itemCount());
     if (m_pq.empty())
     {

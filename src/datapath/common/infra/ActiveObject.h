@@ -75,7 +75,7 @@ public:
     virtual void onThreadStart(std::uint32_t /*threadIndex*/) {}
 
     /// The action belongs to the object from now on, which destroys it after it was executed, or at shutdown. One
-    /// that comes after the shutdown is left as it is.
+    /// that comes when the shutdown is over is neither executed nor destroyed.
     [[gnu::hot]] void enqueue(Action* action) EXCLUDES(m_mutex);
 
     /// Waits until each worker has finished what it executes and has left, then logs and destroys what is still
@@ -94,32 +94,6 @@ private:
     {
         Action* action = nullptr;
         std::uint32_t priority = 0;
-    };
-
-    /// Watched for all actions: those in it, and those that have arrived and no worker has queued yet.
-    class ActionQueue final : public PriorityQueue<Action*>
-    {
-    public:
-        using PriorityQueue::PriorityQueue;
-
-        [[nodiscard]] std::uint64_t itemCount() const override
-        {
-            const std::uint64_t numExtracted = m_numExtracted.load(std::memory_order_acquire); // first: never more
-            return m_numArrived.load(std::memory_order_acquire) - numExtracted;
-        }
-        void noteArrived()
-        {
-            m_numArrived.store(m_numArrived.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-        }
-        void noteExtracted()
-        {
-            m_numExtracted.store(m_numExtracted.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-        }
-
-    private:
-        // Of all time, each written under the lock of one side.
-        std::atomic<std::uint64_t> m_numExtracted = 0;
-        alignas(64) std::atomic<std::uint64_t> m_numArrived = 0;
     };
 
     // The paths of a producer and of a worker. They lie together in memory: after a rest, code has to be fetched too.
@@ -148,19 +122,20 @@ private:
     // takes all that has arrived. Together in as few cache lines as can be: after a rest each one has to be fetched.
     alignas(64) Mutex m_arrivalsMutex; // taken inside m_mutex
 
-    // Workers without work. Those that sleep are let go one by one: whoever needs a worker moves one from
-    // m_numSleeping to m_numLooking and then posts m_wake, which is the worker's to take. While a worker is looking, no
-    // other is needed.
+    // Workers without work. Whoever needs one takes it from those that sleep and posts m_wake, which is one worker's to
+    // take. While one is looking, no other is needed: it does not fall asleep without a last look under both locks.
+    // More fall asleep only under both locks, so that under m_mutex alone it is certain when none sleeps.
     std::atomic<std::uint32_t> m_numSleeping = 0; // written under m_arrivalsMutex
-    std::atomic<std::uint32_t> m_numLooking = 0;  // written by who has looked, and under m_arrivalsMutex
+    std::atomic<std::uint32_t> m_numLooking = 0;
     platform::NativeSemaphore m_wake{0};
     Action* m_firstArrival GUARDED_BY(m_arrivalsMutex) = nullptr;
     Action* m_lastArrival GUARDED_BY(m_arrivalsMutex) = nullptr;
+    std::atomic<std::uint64_t> m_numArriving = 0; // that no worker has queued yet
     std::atomic<bool> m_isMonitored = false;
     std::atomic<bool> m_enabled = true; // until shutdown; written under both locks
 
-    alignas(64) Mutex m_mutex; // of the workers; free while an action is executed or destroyed
-    ActionQueue m_pq;          // guarded by m_mutex, but for the number of items
+    alignas(64) Mutex m_mutex;   // of the workers; free while an action is executed or destroyed
+    PriorityQueue<Action*> m_pq; // guarded by m_mutex, but for the number of items
     Action* m_nextArrival GUARDED_BY(m_mutex) = nullptr; // of those that a worker has fetched, and the rest behind it
     GuardedPtr<RateMonitor> m_rateMonitor GUARDED_BY(m_mutex);
     std::uint32_t m_numStarted GUARDED_BY(m_mutex) = 0; // workers that have entered run
@@ -169,5 +144,6 @@ private:
 
     const std::atomic<bool>* const m_forceVerbose;
     const std::string m_name;
-    Semaphore m_left{0}; // signalled by each worker as the last thing that it does with the object
+    std::uint32_t m_numLeft = 0; // of the workers, as terminateAllThreads knows
+    Semaphore m_left{0};         // signalled by each worker as the last thing that it does with the object
 };

@@ -36,9 +36,11 @@ void DlcKeepalive::update(const RcStatus& /*value*/) { MemShield::destroy(this, 
 std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t intervalSec)
 {
     constexpr std::uint64_t MS_PER_SEC = 1'000;
-    if (!m_armed.load(std::memory_order_acquire) || m_alive.load(std::memory_order_relaxed))
+    // First: a timeout that belongs to the next piece of work is seen together with the progress between the two.
+    const std::uint32_t timeoutSec = this->timeoutSec();
+    const bool isArmed = m_armed.load(std::memory_order_acquire);
+    if (m_alive.exchange(false, std::memory_order_acquire) || !isArmed)
     {
-        m_alive.store(false, std::memory_order_relaxed);
         m_lastAliveMs = nowMs;
         return NOTHING_DUE;
     }
@@ -49,7 +51,6 @@ std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t interv
     }
     LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
         << m_name << " is stuck for " << deltaSec << " sec" << std::endl;
-    const std::uint32_t timeoutSec = this->timeoutSec();
     if (deltaSec > timeoutSec)
     {
         LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD) << m_name << " waited too long "
@@ -99,7 +100,7 @@ void DeadLockCheckerManager::unregisterChecker(DlcKeepalive* checker)
 void DeadLockCheckerManager::run()
 {
     constexpr std::int64_t MS_PER_SEC = 1'000;
-    constexpr std::int64_t LONGEST_SLEEP_MS = std::numeric_limits<std::uint32_t>::max();
+    constexpr std::int64_t LONGEST_SLEEP_MS = std::numeric_limits<std::uint32_t>::max() - 1; // one more is for ever
     for (;;)
     {
         // An interval of no time at all would keep a processor busy.

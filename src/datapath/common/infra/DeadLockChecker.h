@@ -52,11 +52,11 @@ public:
         m_armed.store(true, std::memory_order_release);
     }
     void disarm() { m_armed.store(false, std::memory_order_relaxed); }
-    void setAlive() { m_alive.store(true, std::memory_order_relaxed); }
-    void setTimeoutSec(std::uint32_t timeoutSec) { m_timeoutSec.store(timeoutSec, std::memory_order_relaxed); }
+    void setAlive() { m_alive.store(true, std::memory_order_release); }
+    void setTimeoutSec(std::uint32_t timeoutSec) { m_timeoutSec.store(timeoutSec, std::memory_order_release); }
 
     [[nodiscard]] bool isArmed() const { return m_armed.load(std::memory_order_relaxed); }
-    [[nodiscard]] std::uint32_t timeoutSec() const { return m_timeoutSec.load(std::memory_order_relaxed); }
+    [[nodiscard]] std::uint32_t timeoutSec() const { return m_timeoutSec.load(std::memory_order_acquire); }
     [[nodiscard]] const std::string& name() const { return m_name; }
 
     /// The manager's check, under its lock: nowMs on the clock's timestamps. Reports, and ends the process, as told

@@ -143,7 +143,11 @@ public:
 
     /// The observer, not owned, must live until it was called. Observers of a future that is never set are never
     /// called.
-    void addObserver(FutureObserver<T>* observer) { m_rep->addObserver(observer); }
+    void addObserver(FutureObserver<T>* observer)
+    {
+        const std::shared_ptr<FutureRep<T>> rep = m_rep; // as in set
+        rep->addObserver(observer);
+    }
 
 private:
     std::shared_ptr<FutureRep<T>> m_rep;

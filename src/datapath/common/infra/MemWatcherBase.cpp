@@ -4,42 +4,34 @@
 #include "platform/Threads.h"
 
 #include <optional>
-
-namespace
-{
-
-std::optional<std::int64_t> failed(const char* message)
-{
-    LogItem(LoggerId::NON, LogLevel::Error, "ThreadCpuUsageMonitor::update") << message << std::endl;
-    return {};
-}
-
-std::optional<std::int64_t> userTimeOf(std::uint32_t threadId)
-{
-    const platform::ThreadHandle thread = platform::openThread(threadId);
-    if (thread == platform::ThreadHandle::Invalid)
-    {
-        return failed("failed opening thread");
-    }
-    const std::optional<std::uint64_t> userTime = platform::threadUserTime(thread);
-    platform::closeThread(thread);
-    return userTime ? std::optional(static_cast<std::int64_t>(*userTime)) : failed("failed getting thread times");
-}
-
-} // namespace
+#include <utility>
 
 ThreadCpuUsageMonitor::ThreadCpuUsageMonitor(std::uint32_t threadId) : m_threadId(threadId) {}
 
-std::int64_t ThreadCpuUsageMonitor::update()
+std::int64_t ThreadCpuUsageMonitor::update(const char*& failure)
 {
-    const std::optional<std::int64_t> userTime = userTimeOf(m_threadId);
+    failure = "failed opening thread";
+    const platform::ThreadHandle thread = platform::openThread(m_threadId);
+    if (thread == platform::ThreadHandle::Invalid)
+    {
+        return 0;
+    }
+    failure = "failed getting thread times";
+    const std::optional<std::uint64_t> userTime = platform::threadUserTime(thread);
+    platform::closeThread(thread);
     if (!userTime)
     {
         return 0;
     }
-    const std::int64_t ticks = m_lastUserTime == NONE ? 0 : *userTime - m_lastUserTime;
-    m_lastUserTime = *userTime;
-    return ticks;
+    failure = nullptr;
+    const auto now = static_cast<std::int64_t>(*userTime);
+    const std::int64_t last = std::exchange(m_lastUserTime, now);
+    return last == NONE ? 0 : now - last;
+}
+
+void ThreadCpuUsageMonitor::logFailure(const char* failure)
+{
+    LogItem(LoggerId::NON, LogLevel::Error, "ThreadCpuUsageMonitor::update") << failure << std::endl;
 }
 
 ThreadInfo makeThreadInfo(std::uint32_t threadId)

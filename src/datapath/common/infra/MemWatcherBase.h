@@ -11,9 +11,12 @@ class ThreadCpuUsageMonitor
 public:
     explicit ThreadCpuUsageMonitor(std::uint32_t threadId);
 
-    /// The thread's user time since the last call, in 100-ns units. 0 for the first call, and, with a line of level
-    /// Error, for a thread that cannot be looked at. Kernel time is not counted.
-    [[nodiscard]] std::int64_t update();
+    /// The thread's user time since the last call, in 100-ns units; 0 for the first call, and for a thread that cannot
+    /// be looked at: failure, null otherwise, tells why. Kernel time is not counted.
+    [[nodiscard]] std::int64_t update(const char*& failure);
+
+    /// Logs a failure of update, when no lock is held any more.
+    static void logFailure(const char* failure);
 
 private:
     static constexpr std::int64_t NONE = -1;

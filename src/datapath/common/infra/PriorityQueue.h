@@ -26,13 +26,15 @@
 #include <utility>
 #include <vector>
 
-template <class T> class PriorityQueue : public MemWatchedContainer
+template <class T> class PriorityQueue final : public MemWatchedContainer
 {
 public:
     /// Priorities go from 0 to numPriorities - 1. With printStats, a line of watermarks is logged from time to time.
-    PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats)
+    /// Reports also show what the owner has not enqueued yet, if it counts that where numArriving points.
+    PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats,
+                  const std::atomic<std::uint64_t>* numArriving = nullptr)
         : MemWatchedContainer(std::move(name), 0, 0), m_queues(numPriorities), m_printStats(printStats),
-          m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name())
+          m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name()), m_numArriving(numArriving)
     {
         MemWatchedContainerDatabase::instance().registerContainer(this);
     }
@@ -104,7 +106,14 @@ public:
                 << "invalid priority" << std::endl;
             return 0;
         }
-        return std::is_pointer_v<T> ? 0 : m_queues[priority].items.size() * sizeof(T);
+        if constexpr (std::is_pointer_v<T>)
+        {
+            return 0;
+        }
+        else
+        {
+            return m_queues[priority].items.size() * sizeof(T);
+        }
     }
 
     /// The highest priority that may have items, as of the last call.
@@ -114,7 +123,11 @@ public:
     void setName(std::string name) { m_name = std::move(name); }
 
     /// What reports show.
-    [[nodiscard]] std::uint64_t itemCount() const override { return size(); }
+    [[nodiscard]] std::uint64_t itemCount() const override
+    {
+        // What arrives is counted here before it is not counted there any more: never too little.
+        return (m_numArriving == nullptr ? 0 : m_numArriving->load(std::memory_order_acquire)) + size();
+    }
 
     /// For tests: whether the counts, the mark and the watermarks fit the lists.
     [[nodiscard]] bool checkInvariants() const
@@ -196,4 +209,5 @@ private:
     const std::uint32_t m_printIntervalMs;
     std::int64_t m_lastPrintMs = 0;
     std::string m_name;
+    const std::atomic<std::uint64_t>* const m_numArriving;
 };

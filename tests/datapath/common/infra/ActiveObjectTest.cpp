@@ -14,8 +14,10 @@ namespace
 
 using Texts = std::vector<std::string>;
 
-std::atomic<bool> isVerbose = false;
+std::atomic<bool> forceVerbose = false;
 std::atomic<int> living = 0;
+
+constexpr std::uint32_t NO_TIMEOUT = 1;
 
 /// Does some work, and counts itself while it exists.
 struct Work : ActiveObject::Action
@@ -27,6 +29,10 @@ struct Work : ActiveObject::Action
     }
     ~Work() override { --living; }
     void execute() override { work(*this); }
+    std::uint32_t getDlcTimeoutSec() const override
+    {
+        return m_dlcTimeoutSec == NO_TIMEOUT ? 0 : ActiveObject::Action::getDlcTimeoutSec();
+    }
 
     [[nodiscard]] std::uint32_t priority() const { return m_priority; }
     [[nodiscard]] std::uint32_t threadIndex() const { return m_threadIndex; }
@@ -77,8 +83,8 @@ struct ActiveObjectTest : testing::Test
 TEST_F(ActiveObjectTest, IsNamedInTheLogAndWatched)
 {
     Tweaks::instance().update("t_ActiveObjectVerboseLogs", "on");
-    isVerbose = true;
-    const ActiveObject object("Disk", &isVerbose);
+    forceVerbose = true;
+    const ActiveObject object("Disk", &forceVerbose);
     EXPECT_EQ("Info,NON,ActiveObject,ActiveObject,AO<Disk>  m_name=Disk  m_forceVerbose=1  "
               "DynamicTweaks::instance()->t_ActiveObjectVerboseLogs=1 ",
               client->messages().back());
@@ -88,14 +94,14 @@ TEST_F(ActiveObjectTest, IsNamedInTheLogAndWatched)
         "Info,NON,MemWatchedContainerDatabase,printWatchedContainers,ContainerName = Disk items = 0";
     EXPECT_EQ(1, std::ranges::count(client->messages(), watched));
     const std::size_t before = client->messages().size();
-    const ActiveObject nameless(nullptr, &isVerbose);
+    const ActiveObject nameless(nullptr, &forceVerbose);
     EXPECT_PRED2(matches, client->messages().at(before),
                  "Assert,NON,ActiveObject,ActiveObject, datapath/common/infra/ActiveObject.cpp #: name != 0 failed. ");
 }
 
 TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
 {
-    ActiveObject object("Disk", &isVerbose);
+    ActiveObject object("Disk", &forceVerbose);
     EXPECT_EQ(1U, object.getIdleEstimate());
     open(object, 2);
     while (object.getIdleEstimate() != 3)
@@ -151,10 +157,50 @@ TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
               }));
 }
 
+/// Notes how its workers start.
+struct NotingObject : ActiveObject
+{
+    NotingObject() : ActiveObject("Noting", &forceVerbose) {}
+    ~NotingObject() override { terminateAllThreads(); }
+    void onThreadStart(std::uint32_t threadIndex) override { started += threadIndex; }
+    std::atomic<std::uint32_t> started = 0;
+};
+
+TEST_F(ActiveObjectTest, IdleWorkersExecuteWhatComesWhileOthersAreBusy)
+{
+    Tweaks::instance().update("t_defaultDlcTimeoutSec", "800");
+    NotingObject object;
+    open(object, 4);
+    for (int busy = 0; busy < 4; ++busy)
+    {
+        for (int i = 0; i < 300; ++i)
+        {
+            const bool isDefault = i % 3 != 0;
+            const std::uint32_t timeoutSec = i % 3 == 1 ? NO_TIMEOUT : isDefault ? 0 : 7;
+            enqueue(
+                object,
+                [&](Work& work) {
+                    EXPECT_EQ(isDefault ? 800U : 7U, work.keepalive().timeoutSec());
+                    started.signal();
+                },
+                timeoutSec);
+            ASSERT_TRUE(started.waitFor(30'000));
+            platform::sleepMs(i % 50 == 0 ? 1 : 0);
+        }
+        enqueue(object, waiting);
+        started.wait();
+    }
+    EXPECT_EQ(1U + 2 + 3 + 4, object.started);
+    for (int busy = 0; busy < 4; ++busy)
+    {
+        mayEnd.signal();
+    }
+}
+
 TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
 {
     std::optional<ActiveObject> object;
-    object.emplace("Disk", &isVerbose);
+    object.emplace("Disk", &forceVerbose);
     object->attachRateMonitor(makeMonitor({}));
     open(*object, 1);
     bool isExecuted = false;
@@ -182,10 +228,25 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     const std::string head = "Warn,NON,ActiveObject,terminateAllThreads,";
     EXPECT_EQ(head + "ActiveObject queue was not empty during shutdown: 3 items, details follow.", warning[0]);
     EXPECT_EQ(head + "priority 0: 3 items, 0 bytes", warning[1]);
-    Work late([](Work&) {});
-    object->enqueue(&late);
+    std::array<Work*, 2> late{};
+    for (Work*& work : late)
+    {
+        work = MemShield::create<Work>({"Work", SourcePlace::here()}, [&](Work&) { started.signal(); });
+        object->enqueue(work);
+    }
+    object->open(); // leaves at once
     object.reset();
-    EXPECT_EQ(1, living);
+    EXPECT_EQ(2, living);
+    object.emplace("Next", &forceVerbose);
+    open(*object, 1);
+    for (Work* const work : late)
+    {
+        object->enqueue(work);
+        started.wait();
+    }
+    object.reset();
+    EXPECT_EQ(0,
+              std::ranges::count_if(client->messages(), [](const auto& line) { return line.starts_with("Assert,"); }));
 }
 
 /// Holds threads at the line that they start with, before they have registered.
@@ -205,7 +266,7 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForWorkersThatHaveNotStartedYet)
 {
     auto* const gate = new Gate; // stays registered
     Logger::instance().registerClient(gate, Logger::ALL_LEVELS);
-    auto object = std::make_unique<ActiveObject>("Slow", &isVerbose);
+    auto object = std::make_unique<ActiveObject>("Slow", &forceVerbose);
     object->open();
     object->open();
     std::atomic<bool> isExecuted = false;
@@ -227,8 +288,8 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForWorkersThatHaveNotStartedYet)
 
 TEST_F(ActiveObjectTest, AWorkerThatHasWaitedForLongStillTakesActions)
 {
-    isVerbose = true;
-    ActiveObject object("Disk", &isVerbose);
+    forceVerbose = true;
+    ActiveObject object("Disk", &forceVerbose);
     open(object, 2);
     platform::sleepMs(5'500); // a worker looks around every 5 seconds
     mayEnd.signal();
@@ -249,7 +310,7 @@ std::atomic<std::int64_t> nowUs = 0;
 
 TEST_F(ActiveObjectTest, FeedsItsRateMonitorWithThePeriodsInWhichActionsAreQueued)
 {
-    ActiveObject object("Disk", &isVerbose);
+    ActiveObject object("Disk", &forceVerbose);
     object.attachRateMonitor(makeMonitor({4, 1'000'000'000, 1, 1'000, false, [] { return nowUs.load(); }}));
     const auto enqueueAt = [&](std::int64_t timeMs, const std::function<void(Work&)>& work) {
         nowUs = timeMs * 1'000;
@@ -257,6 +318,10 @@ TEST_F(ActiveObjectTest, FeedsItsRateMonitorWithThePeriodsInWhichActionsAreQueue
     };
     enqueueAt(1'000, [](Work&) {}); // no worker yet: stays queued
     enqueueAt(2'000, waiting);
+    MemWatchedContainerDatabase::instance().printWatchedContainers();
+    EXPECT_EQ(1, std::ranges::count_if(client->messages(), [](const std::string& line) {
+                  return line.ends_with(",printWatchedContainers,ContainerName = Disk items = 2");
+              }));
     nowUs = 3'000'000;
     open(object, 1);
     started.wait();
@@ -277,7 +342,7 @@ TEST_F(ActiveObjectTest, StartsAndStopsUnderLoad)
     std::atomic<int> executed = 0;
     for (int round = 0; round < 100; ++round)
     {
-        ActiveObject object("Disk", &isVerbose);
+        ActiveObject object("Disk", &forceVerbose);
         open(object, round % 3 + 1);
         runInThreads(4, [&](int index) {
             std::minstd_rand random(static_cast<unsigned>(index + 1));

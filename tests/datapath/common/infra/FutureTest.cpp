@@ -78,9 +78,9 @@ TEST(Future, ObserversAreCalledOnceInTheirOrder)
     EXPECT_EQ(RC_ABORTED, late.result);
     EXPECT_EQ(before, MemShield::systemHeapBytes());
 
-    Future set;
-    set.set(RC_NOT_FOUND);
-    set.addObserver(&late);
+    late.released = std::make_unique<Future>();
+    late.released->set(RC_NOT_FOUND);
+    late.released->addObserver(&late); // releases the last copy
     EXPECT_EQ(RC_NOT_FOUND, late.result);
     EXPECT_EQ(platform::currentThreadId(), late.thread);
 }

@@ -18,8 +18,12 @@ MemWatcher& MemWatcher::instance()
 void MemWatcher::AddThread(std::uint32_t threadId)
 {
     ThreadInfo info = makeThreadInfo(threadId);
-    const MutexGuard guard(m_mutex);
-    if (m_threads.try_emplace(static_cast<std::int32_t>(threadId), std::move(info)).second)
+    bool isAdded = false;
+    {
+        const MutexGuard guard(m_mutex);
+        isAdded = m_threads.try_emplace(static_cast<std::int32_t>(threadId), std::move(info)).second;
+    }
+    if (isAdded)
     {
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "added  pid=" << threadId << " " << std::endl;
     }
@@ -40,17 +44,27 @@ void MemWatcher::removeThread()
 void MemWatcher::iterateThreads(const Visitor& visitor)
 {
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "start" << std::endl;
-    const MutexGuard guard(m_mutex);
-    for (const auto& [threadId, info] : m_threads)
+    std::vector<std::pair<std::int32_t, std::uint64_t>> threads;
     {
-        visitor(static_cast<std::uint32_t>(threadId), info.tag);
+        const MutexGuard guard(m_mutex);
+        for (const auto& [threadId, info] : m_threads)
+        {
+            threads.emplace_back(threadId, info.tag);
+        }
+    }
+    for (const auto& [threadId, tag] : threads)
+    {
+        visitor(static_cast<std::uint32_t>(threadId), tag);
     }
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "done" << std::endl;
 }
 
 void MemWatcher::printCpu()
 {
-    const MutexGuard guard(m_reportMutex);
+    if (m_isReporting.exchange(true))
+    {
+        return;
+    }
     const std::int64_t totalTicks = m_cpuMonitor.update();
     const std::int64_t nowMs = Timer::instance().getRelativeTimeMs();
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0)
@@ -58,17 +72,24 @@ void MemWatcher::printCpu()
         << std::endl;
     m_lastCpuReportMs = nowMs;
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0) << threadUsages(totalTicks) << std::endl;
+    m_isReporting = false;
 }
 
 std::string MemWatcher::threadUsages(std::int64_t totalTicks)
 {
     std::vector<std::pair<std::int64_t, std::string>> usages; // percent and label
+    std::vector<const char*> failures;
     float total = 0;
     {
         const MutexGuard guard(m_mutex);
         for (const auto& [threadId, info] : m_threads)
         {
-            const std::int64_t ticks = info.monitor->update();
+            const char* failure = nullptr;
+            const std::int64_t ticks = info.monitor->update(failure);
+            if (failure != nullptr)
+            {
+                failures.push_back(failure);
+            }
             if (totalTicks != 0)
             {
                 const std::string name = Logger::instance().getThreadName(threadId);
@@ -79,6 +100,7 @@ std::string MemWatcher::threadUsages(std::int64_t totalTicks)
             }
         }
     }
+    std::ranges::for_each(failures, ThreadCpuUsageMonitor::logFailure);
     std::ranges::stable_sort(usages, std::greater(), &decltype(usages)::value_type::first);
     std::ostringstream text;
     text << "total=" << static_cast<std::int64_t>(total) << " cpu(perc)";

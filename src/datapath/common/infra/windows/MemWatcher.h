@@ -13,6 +13,7 @@
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/windows/CpuUsageMonitor.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -30,11 +31,12 @@ public:
     /// Removes the calling thread, if it is there.
     void removeThread() EXCLUDES(m_mutex);
 
-    /// Calls the visitor for every thread in the order of the ids, under the lock: it must not add or remove any.
+    /// Calls the visitor for every thread that is there at this moment, in the order of the ids.
     void iterateThreads(const Visitor& visitor) EXCLUDES(m_mutex);
 
-    /// Logs the machine's CPU usage, then the threads that used most of it since the last call.
-    void printCpu() EXCLUDES(m_mutex, m_reportMutex);
+    /// Logs the machine's CPU usage, then the threads that used most of it since the last call. Does nothing while
+    /// another thread does it, or when what it logs leads to a report itself.
+    void printCpu() EXCLUDES(m_mutex);
 
     /// Logs the memory counters of the process.
     static void printMem();
@@ -43,9 +45,11 @@ private:
     MemWatcher() = default;
     [[nodiscard]] std::string threadUsages(std::int64_t totalTicks) EXCLUDES(m_mutex);
 
-    Mutex m_reportMutex; // one CPU report at a time; m_mutex is taken inside it
-    Mutex m_mutex;       // guards the table; the Logger's table of names and what log clients take are inside it
+    Mutex m_mutex; // guards the table; the Logger's table of names is read inside it, and nothing logged
     StlMemShiledContainer<std::map<std::int32_t, ThreadInfo>> m_threads GUARDED_BY(m_mutex){"MemWatcherThreads"};
-    std::int64_t m_lastCpuReportMs GUARDED_BY(m_reportMutex) = 0; // on the clock's relative time
-    CpuUsageMonitor m_cpuMonitor GUARDED_BY(m_reportMutex);
+
+    // Of the one CPU report that runs.
+    std::atomic<bool> m_isReporting = false;
+    std::int64_t m_lastCpuReportMs = 0; // on the clock's relative time
+    CpuUsageMonitor m_cpuMonitor;
 };
