@@ -32,7 +32,7 @@ const char* checkedName(const char* name)
 } // namespace
 
 ActiveObject::ActiveObject(const char* name, const std::atomic<bool>* forceVerbose)
-    : m_pq(1, checkedName(name), false, &m_numArriving), m_forceVerbose(forceVerbose), m_name(m_pq.name())
+    : m_forceVerbose(forceVerbose), m_name(checkedName(name)), m_pq(1, m_name, false, &m_numArriving)
 {
     const bool isVerbose = DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)

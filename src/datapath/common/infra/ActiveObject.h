@@ -120,7 +120,7 @@ private:
 
     // What producers share, apart from what workers share: a worker comes here only when it has nothing else to do, and
     // takes all that has arrived. Together in as few cache lines as can be: after a rest each one has to be fetched.
-    alignas(64) Mutex m_arrivalsMutex; // taken inside m_mutex
+    Mutex m_arrivalsMutex; // taken inside m_mutex
 
     // Workers without work. Whoever needs one takes it from those that sleep and posts m_wake, which is one worker's to
     // take. While one is looking, no other is needed: it does not fall asleep without a last look under both locks.
@@ -134,16 +134,17 @@ private:
     std::atomic<bool> m_isMonitored = false;
     std::atomic<bool> m_enabled = true; // until shutdown; written under both locks
 
-    alignas(64) Mutex m_mutex;   // of the workers; free while an action is executed or destroyed
+    // Seldom used: these keep the two sides out of each other's cache lines.
+    const std::atomic<bool>* const m_forceVerbose;
+    const std::string m_name;
+    std::uint32_t m_numLeft = 0; // of the workers, as terminateAllThreads knows
+    Semaphore m_left{0};         // signalled by each worker as the last thing that it does with the object
+
+    Mutex m_mutex;               // of the workers; free while an action is executed or destroyed
     PriorityQueue<Action*> m_pq; // guarded by m_mutex, but for the number of items
     Action* m_nextArrival GUARDED_BY(m_mutex) = nullptr; // of those that a worker has fetched, and the rest behind it
     GuardedPtr<RateMonitor> m_rateMonitor GUARDED_BY(m_mutex);
     std::uint32_t m_numStarted GUARDED_BY(m_mutex) = 0; // workers that have entered run
     std::uint32_t m_numRunning GUARDED_BY(m_mutex) = 0; // workers inside run
     std::uint32_t m_threadIndexCounter GUARDED_BY(m_mutex) = 0;
-
-    const std::atomic<bool>* const m_forceVerbose;
-    const std::string m_name;
-    std::uint32_t m_numLeft = 0; // of the workers, as terminateAllThreads knows
-    Semaphore m_left{0};         // signalled by each worker as the last thing that it does with the object
 };
