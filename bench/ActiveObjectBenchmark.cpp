@@ -1,6 +1,7 @@
 // Active objects beside boost::asio::thread_pool, a pool of the standard library's parts and a oneTBB arena, and
 // futures beside std::future. Prints one JSON object.
 
+#include "Medians.h"
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/MemShield.h"
@@ -29,10 +30,8 @@
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr int REPETITIONS = 5;
 constexpr int ACTIONS = 1'000'000;
 constexpr int WAKES = 300;
 constexpr int ROUNDS = 20'000;
@@ -40,14 +39,8 @@ constexpr int SINGLES = 300'000;
 constexpr int SLEEPS = 1'000;
 constexpr auto UNTIL_ASLEEP = 3ms; // of idle workers
 
-std::map<std::string, std::vector<double>> results; // ns, one for each repetition
-std::binary_semaphore turn{0};                      // of the one measurement that runs
-std::atomic<int> sink = 0;                          // keeps what is got from futures
-
-double nsBetween(Clock::time_point start, Clock::time_point end)
-{
-    return std::chrono::duration<double, std::nano>(end - start).count();
-}
+std::binary_semaphore turn{0}; // of the one measurement that runs
+std::atomic<int> sink = 0;     // keeps what is got from futures
 
 void recordSamples(const std::string& name, std::vector<double> samples)
 {
@@ -345,12 +338,5 @@ int main()
         measureAsleep<OurFuture>("ours");
         measureAsleep<StdFuture>("std");
     }
-    std::cout << "{";
-    for (const char* separator = ""; auto& [name, values] : results)
-    {
-        std::ranges::sort(values);
-        std::cout << separator << "\n\"" << name << "\": " << values[values.size() / 2];
-        separator = ",";
-    }
-    std::cout << "\n}" << std::endl;
+    printMedians();
 }

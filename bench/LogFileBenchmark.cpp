@@ -1,6 +1,7 @@
 // Lines of about 120 bytes into rotated files, beside spdlog's rotating file loggers with the same text, and
 // beside the same bytes written ready made. Run in an empty folder; prints one JSON object.
 
+#include "Medians.h"
 #include "datapath/common/infra/FileLoggerClient.h"
 #include "datapath/common/infra/LogItem.h"
 
@@ -21,21 +22,11 @@
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr int REPETITIONS = 5;
 constexpr int LINES = 600'000;
 constexpr int FLUSHED_LINES = 60'000;
 constexpr int TIMED_LINES = 200'000;
 constexpr std::uint32_t FILE_LENGTH = 10'485'760;
 constexpr std::uint32_t FILES = 3;
-
-std::map<std::string, std::vector<double>> results; // ns, one for each repetition
-
-double nsBetween(Clock::time_point start, Clock::time_point end)
-{
-    return std::chrono::duration<double, std::nano>(end - start).count();
-}
 
 /// Each thread logs its share of the lines; finish returns when all of them are in the file.
 template <class Log, class Finish>
@@ -263,12 +254,5 @@ int main()
     }
     measureRotation();
     measureMemory();
-    std::cout << "{";
-    for (const char* separator = ""; auto& [name, values] : results)
-    {
-        std::ranges::sort(values);
-        std::cout << separator << "\n\"" << name << "\": " << values[values.size() / 2];
-        separator = ",";
-    }
-    std::cout << "\n}" << std::endl;
+    printMedians();
 }

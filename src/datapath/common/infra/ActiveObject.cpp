@@ -52,16 +52,17 @@ std::uint32_t ActiveObject::getIdleEstimate()
 
 void ActiveObject::enqueue(Action* action)
 {
-    if (m_isMonitored.load(std::memory_order_relaxed))
+    if (!m_isMonitored.load(std::memory_order_relaxed))
     {
-        const MutexGuard guard(m_mutex);
+        addArrival(action);
+        return;
+    }
+    const MutexGuard guard(m_mutex);
+    if (m_isMonitored) // still
+    {
         monitorEnqueue();
-        addArrival(action);
     }
-    else
-    {
-        addArrival(action);
-    }
+    addArrival(action);
 }
 
 void ActiveObject::addArrival(Action* action)
@@ -356,33 +357,27 @@ void ActiveObject::attachRateMonitor(GuardedPtr<RateMonitor> monitor)
 {
     const MutexGuard guard(m_mutex);
     m_rateMonitor = std::move(monitor);
-    m_isMonitored = true;
+    m_isMonitored = m_rateMonitor != nullptr;
 }
 
 void ActiveObject::monitorEnqueue()
 {
-    if (m_rateMonitor)
+    const MutexGuard guard(m_rateMonitor->m_mutex);
+    if (m_pq.itemCount() == 0 && m_rateMonitor->m_aoBusyStartUs == 0)
     {
-        const MutexGuard guard(m_rateMonitor->m_mutex);
-        if (m_pq.itemCount() == 0 && m_rateMonitor->m_aoBusyStartUs == 0)
-        {
-            m_rateMonitor->m_aoBusyStartUs = m_rateMonitor->nowUs();
-            m_rateMonitor->incActiveTasksLocked(1);
-        }
-        m_rateMonitor->addItemsLocked(1, 0);
+        m_rateMonitor->m_aoBusyStartUs = m_rateMonitor->nowUs();
+        m_rateMonitor->incActiveTasksLocked(1);
     }
+    m_rateMonitor->addItemsLocked(1, 0);
 }
 
 void ActiveObject::monitorEmptyQueue()
 {
-    if (m_rateMonitor)
+    const MutexGuard guard(m_rateMonitor->m_mutex);
+    if (m_rateMonitor->m_aoBusyStartUs != 0)
     {
-        const MutexGuard guard(m_rateMonitor->m_mutex);
-        if (m_rateMonitor->m_aoBusyStartUs != 0)
-        {
-            const std::uint64_t nowUs = m_rateMonitor->nowUs();
-            m_rateMonitor->taskCompleted(nowUs, nowUs - m_rateMonitor->m_aoBusyStartUs);
-            m_rateMonitor->m_aoBusyStartUs = 0;
-        }
+        const std::uint64_t nowUs = m_rateMonitor->nowUs();
+        m_rateMonitor->taskCompleted(nowUs, nowUs - m_rateMonitor->m_aoBusyStartUs);
+        m_rateMonitor->m_aoBusyStartUs = 0;
     }
 }

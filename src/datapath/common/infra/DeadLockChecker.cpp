@@ -7,20 +7,7 @@
 #include "datapath/common/infra/windows/MemWatcher.h"
 
 #include <algorithm>
-#include <sstream>
-
-namespace
-{
-
-/// 16 hexadecimal digits.
-std::string pointerText(const void* pointer)
-{
-    std::ostringstream text;
-    text << std::hex << std::uppercase << reinterpret_cast<std::uintptr_t>(pointer);
-    return std::string(16 - std::min<std::size_t>(text.view().size(), 16), '0').append(text.view());
-}
-
-} // namespace
+#include <iomanip>
 
 DlcKeepalive::DlcKeepalive(const std::string& name, DlcTimeoutListener* listener)
     : m_name(name.empty() ? "pid=" + std::to_string(platform::currentThreadId()) : name),
@@ -53,11 +40,13 @@ std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t interv
         << m_name << " is stuck for " << deltaSec << " sec" << std::endl;
     if (deltaSec > timeoutSec)
     {
-        LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD) << m_name << " waited too long "
-                                                               << " deltaSec=" << deltaSec << " "
-                                                               << " m_timeoutSec=" << timeoutSec << " "
-                                                               << " m_listener=" << pointerText(m_listener) << " "
-                                                               << " checking custom behavior" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD)
+            << m_name << " waited too long "
+            << " deltaSec=" << deltaSec << " "
+            << " m_timeoutSec=" << timeoutSec << " "
+            << " m_listener=" << std::hex << std::uppercase << std::setfill('0') << std::setw(16)
+            << reinterpret_cast<std::uintptr_t>(m_listener) << " "
+            << " checking custom behavior" << std::endl;
         printThreadsBackTrace();
         CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "false")
             << m_name << " waited too long" << std::endl;

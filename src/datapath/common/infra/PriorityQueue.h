@@ -54,8 +54,11 @@ public:
             return;
         }
         printStatsIfNeeded();
-        m_queues[priority].items.push_back(std::move(item));
-        noteEnqueued(1, priority);
+        Queue& queue = m_queues[priority];
+        queue.items.push_back(std::move(item));
+        setItemCount(size() + 1);
+        m_highestPriority = std::max(m_highestPriority, priority);
+        queue.highWatermark = std::max<std::uint64_t>(queue.highWatermark, queue.items.size());
     }
 
     /// The oldest item of the highest priority that has any, and that priority. False, with both left as they were,
@@ -165,14 +168,6 @@ private:
 
     /// The owner's lock makes this thread the only one that writes.
     void setItemCount(std::uint64_t count) { m_itemCount.store(count, std::memory_order_relaxed); }
-
-    void noteEnqueued(std::uint64_t count, std::uint32_t priority)
-    {
-        setItemCount(size() + count);
-        m_highestPriority = std::max(m_highestPriority, priority);
-        Queue& queue = m_queues[priority];
-        queue.highWatermark = std::max<std::uint64_t>(queue.highWatermark, queue.items.size());
-    }
 
     void printStatsIfNeeded()
     {

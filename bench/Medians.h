@@ -1,0 +1,34 @@
+#pragma once
+
+// What the benchmark programs with a timing of their own share: figures of several repetitions, printed as JSON.
+
+#include <algorithm>
+#include <chrono>
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int REPETITIONS = 5;
+
+inline std::map<std::string, std::vector<double>> results; // one for each repetition
+
+inline double nsBetween(Clock::time_point start, Clock::time_point end)
+{
+    return std::chrono::duration<double, std::nano>(end - start).count();
+}
+
+/// Prints the median of each result to standard output.
+inline void printMedians()
+{
+    std::cout << "{";
+    for (const char* separator = ""; auto& [name, values] : results)
+    {
+        std::ranges::sort(values);
+        std::cout << separator << "\n\"" << name << "\": " << values[values.size() / 2];
+        separator = ",";
+    }
+    std::cout << "\n}" << std::endl;
+}
