@@ -1,6 +1,7 @@
 #include "datapath/common/infra/MemShield.h"
 
 #include "datapath/common/infra/MemShieldAO.h"
+#include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "datapath/common/infra/windows/MemWatcher.h"
@@ -48,6 +49,9 @@ bool isFilled(const std::byte* bytes, std::uint32_t length)
     return std::all_of(bytes, bytes + length, [](std::byte byte) { return byte == std::byte{FILLING}; });
 }
 
+/// Of a thread that misuses memory during the report of another one and must not wait for that.
+constinit thread_local bool isReportLeftOut = false;
+
 std::uint64_t nowMs() { return static_cast<std::uint64_t>(Timer::instance().getLastTimestampMs_Inaccurate(true)); }
 
 } // namespace
@@ -55,6 +59,7 @@ std::uint64_t nowMs() { return static_cast<std::uint64_t>(Timer::instance().getL
 MemShield::MemShield()
     : m_preMargin(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_memshield_pre_margin_size", 16))),
       m_postMargin(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_memshield_post_margin_size", 64))),
+      m_padding((HEAP_ALIGNMENT - m_preMargin % HEAP_ALIGNMENT) % HEAP_ALIGNMENT),
       m_historyLength(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_allocationHistoryLengthMs", 0)))
 {
     MemShieldAO::instance().open();
@@ -98,7 +103,7 @@ void* MemShield::internalAllocAndRegister(std::uint64_t size, std::uint64_t arra
         failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_ALLOCATION_TOO_LONG),
                       "allocationLength < MAX_SINGLE_ALLOCATION_LENGTH");
     }
-    auto* const block = static_cast<std::byte*>(::operator new(allocationLength));
+    std::byte* const block = static_cast<std::byte*>(::operator new(m_padding + allocationLength)) + m_padding;
     std::memset(block, FILLING, allocationLength);
     std::byte* const memory = block + m_preMargin;
     const AllocInfo info{.m_size = static_cast<std::uint32_t>(size),
@@ -190,7 +195,7 @@ void MemShield::freeAndUnregister(void* memory, const SourcePlace& place)
         memshieldError({{bytes, *info}});
     }
     SystemHeapBytes::giveBack(std::uint64_t{m_preMargin} + info->m_size + m_postMargin);
-    ::operator delete(bytes - m_preMargin);
+    ::operator delete(bytes - m_preMargin - m_padding);
 }
 
 std::string MemShield::corruptionOf(const std::byte* memory, const AllocInfo& info) const
@@ -217,22 +222,44 @@ std::string MemShield::corruptionOf(const std::byte* memory, const AllocInfo& in
 
 void MemShield::beginReport()
 {
-    // A log client that misuses memory itself would be reported through itself without end.
-    static thread_local bool isReporting = false;
-    if (isReporting)
+    static constinit std::atomic<std::uint32_t> reportingThread = 0;
+    const std::uint32_t thisThread = platform::currentThreadId();
+    std::uint32_t first = 0;
+    if (reportingThread.compare_exchange_strong(first, thisThread))
     {
+        return;
+    }
+    if (first == thisThread)
+    {
+        // A log client that misuses memory itself would be reported through itself without end.
         std::cout << "Assertion (false) failed " << __builtin_FILE() << " " << NUMBER_MISUSE
                   << ", misuse of memory while one is reported" << std::endl;
         platform::endProcess();
     }
-    isReporting = true;
+    if (s_waitsForReport)
+    {
+        waitForEnd();
+    }
+    isReportLeftOut = true;
+}
+
+/// The thread never goes on, so it first gives up what it holds and the report takes.
+void MemShield::waitForEnd()
+{
+    Tweaks::instance().unlockForGood();
+    MemWatcher::instance().endReportForGood();
+    Semaphore never(0);
+    never.wait();
 }
 
 void MemShield::memshieldError(const std::vector<Record>& culprits)
 {
-    printAllocations();
-    printRecentlyFreed();
-    dump(culprits); // what no other line tells of the block: how large it is
+    if (!isReportLeftOut)
+    {
+        printAllocations();
+        printRecentlyFreed();
+        dump(culprits); // what no other line tells of the block: how large it is
+    }
     failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_MISUSE), "false");
 }
 

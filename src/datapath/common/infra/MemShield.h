@@ -64,6 +64,10 @@ public:
     /// Start-up only, before anything is allocated here.
     static void setEnabled(bool isEnabled) { s_isEnabled = isEnabled; }
 
+    /// For a thread that a report needs, such as one that writes what others log: misuse that it finds while another
+    /// thread reports one ends the process at once, after its own lines. Any other thread waits for that end.
+    static void neverWaitForReport() { s_waitsForReport = false; }
+
     /// Allocates and constructs. The caller owns the object.
     template <class T, class... Args> [[nodiscard]] static T* create(const AllocationSite& site, Args&&... args)
     {
@@ -80,18 +84,15 @@ public:
         }
     }
 
-    /// Destroys and releases, through a base class too if that has a virtual destructor. Not for null.
-    template <class T> static void destroy(T* object, const SourcePlace& place)
+    /// Destroys and releases the object at the address that create gave, through a base class too if that stands first
+    /// and has a virtual destructor. Not for null. Nothing is read through a pointer that is not a live guarded block.
+    template <class T> static void destroy(T* object, const SourcePlace& place) { destroy(object, object, place); }
+
+    /// The same for an owner that knows the object by a base class that need not stand first: memory is the address
+    /// that create gave, as dynamic_cast<void*> finds it while the object certainly lives.
+    template <class T> static void destroy(T* object, void* memory, const SourcePlace& place)
     {
         static_assert(!std::is_polymorphic_v<T> || std::has_virtual_destructor_v<T> || std::is_final_v<T>);
-        void* memory = object;
-        if constexpr (std::is_polymorphic_v<T>)
-        {
-            if (!isEnabled() || !instance().isLive(memory))
-            {
-                memory = dynamic_cast<void*>(object); // the base class does not stand first
-            }
-        }
         if (isEnabled())
         {
             instance().verifyPtr(memory, place); // before the destructor of an object that is gone already
@@ -116,7 +117,10 @@ public:
         return static_cast<T*>(internalAllocAndCountOnlyArray(size, length, site));
     }
 
-    template <class T> static void destroyArray(T* array, const SourcePlace& place) { releaseArray(array, place); }
+    template <class T> static void destroyArray(T* array, const SourcePlace& place)
+    {
+        releaseArray(const_cast<std::remove_const_t<T>*>(array), place);
+    }
 
     [[nodiscard]] static void* allocateObject(std::uint64_t size, const AllocationSite& site)
     {
@@ -175,9 +179,6 @@ public:
         releaseCounted(memory);
     }
 
-    /// Whether the pointer is that of a live guarded block.
-    [[nodiscard]] bool isLive(const void* memory) EXCLUDES(m_mutex);
-
     /// Ends the process unless it is.
     void verifyPtr(const void* memory, const SourcePlace& place) EXCLUDES(m_mutex);
 
@@ -203,6 +204,7 @@ private:
     // By hash: the cost of a release must not grow with the number of live blocks.
     using Records = StlMemShiledContainer<std::unordered_map<std::byte*, AllocInfo>>;
 
+    static constexpr std::size_t HEAP_ALIGNMENT = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
     static constexpr std::size_t BLOCK_ALIGNMENT = 8; // what a counted block's header leaves of the heap's
 
     static constexpr std::uint32_t OBJECT_SANITY_WORD = 0xFFFF'FFFF;
@@ -245,19 +247,23 @@ private:
 
     [[noreturn]] static void failNotAnObject();
     [[noreturn]] static void failNotAnArray();
+    [[nodiscard]] bool isLive(const void* memory) EXCLUDES(m_mutex);
     [[nodiscard]] std::string corruptionOf(const std::byte* memory, const AllocInfo& info) const;
     static void beginReport();
+    static void waitForEnd();
     [[noreturn]] void memshieldError(const std::vector<Record>& culprits);
     static void dump(const std::vector<Record>& records);
     [[nodiscard]] static std::vector<Record> copyOf(const Records& records) { return {records.begin(), records.end()}; }
     static void sortByAddress(std::vector<Record>& records);
 
     static constinit inline bool s_isEnabled = true; // until the entry point has read the configuration
+    static constinit inline thread_local bool s_waitsForReport = true;
 
     Records m_live GUARDED_BY(m_mutex){"MemShiledMap"};
     Records m_recentlyFreed GUARDED_BY(m_mutex){"MemShieldRecentFreed"};
     const std::uint32_t m_preMargin;     // bytes before each guarded block
-    const std::uint32_t m_postMargin;    // bytes behind it
+    const std::uint32_t m_postMargin;    // bytes after it
+    const std::size_t m_padding;         // bytes before the first margin, not counted: they align what is handed out
     Mutex m_mutex;                       // guards both maps; nothing is taken inside it
     const std::uint32_t m_historyLength; // ms; not 0: released blocks are kept
 };

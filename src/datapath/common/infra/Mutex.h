@@ -10,6 +10,8 @@
 #include "datapath/common/infra/ThreadSafety.h"
 #include "platform/Threads.h"
 
+#include <atomic>
+#include <cstdint>
 #include <mutex>
 
 class CAPABILITY("mutex") IMutex
@@ -59,6 +61,40 @@ private:
     }
 
     std::mutex m_mutex;
+};
+
+/// A Mutex that knows who has it: for a lock under which lines are logged, since what a log client does may lead back
+/// to whoever took it.
+class CAPABILITY("mutex") OwnedMutex final : public IMutex
+{
+public:
+    OwnedMutex() = default;
+    OwnedMutex(const OwnedMutex&) = delete;
+    OwnedMutex& operator=(const OwnedMutex&) = delete;
+
+    void lock() ACQUIRES() override
+    {
+        m_mutex.lock();
+        m_owner.store(platform::currentThreadId(), std::memory_order_relaxed);
+    }
+    void unlock() RELEASES() override
+    {
+        m_owner.store(0, std::memory_order_relaxed);
+        m_mutex.unlock();
+    }
+
+    [[nodiscard]] bool isMine() const
+    {
+        const std::uint32_t owner = m_owner.load(std::memory_order_relaxed);
+        return owner != 0 && owner == platform::currentThreadId();
+    }
+
+    /// Tells the analysis what isMine has found.
+    void assertLocked() const ASSERTS_HELD(this) {}
+
+private:
+    Mutex m_mutex;
+    std::atomic<std::uint32_t> m_owner = 0; // the thread that has the lock
 };
 
 /// Locks for its own lifetime. Over an IMutex it calls what is behind it; over a known class it calls

@@ -5,7 +5,6 @@
 #include "datapath/common/infra/NumberText.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/windows/Directories.h"
-#include "platform/Threads.h"
 
 #include <algorithm>
 #include <array>
@@ -123,18 +122,6 @@ Tweaks::Tweaks()
     m_isInitialized = true;
 }
 
-Tweaks::LoggingGuard::LoggingGuard(const Tweaks& tweaks) : m_tweaks(tweaks)
-{
-    m_tweaks.m_mutex.lock();
-    m_tweaks.m_loggingThread.store(platform::currentThreadId(), std::memory_order_relaxed);
-}
-
-Tweaks::LoggingGuard::~LoggingGuard()
-{
-    m_tweaks.m_loggingThread.store(0, std::memory_order_relaxed);
-    m_tweaks.m_mutex.unlock();
-}
-
 void Tweaks::reserve(std::size_t more)
 {
     const MutexGuard guard(m_mutex);
@@ -145,7 +132,7 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
 {
     std::string replaced;
     {
-        const LoggingGuard guard(*this);
+        const MutexGuard guard(m_mutex);
         if (const auto found = m_tweaks.find(name); found != m_tweaks.end())
         {
             replaced = found->second.toString();
@@ -167,7 +154,7 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
 bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& valueText)
 {
     {
-        const LoggingGuard guard(*this);
+        const MutexGuard guard(m_mutex);
         if (m_tweaks.contains(name))
         {
             return false;
@@ -181,6 +168,15 @@ bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& v
     return true;
 }
 
+void Tweaks::unlockForGood() const
+{
+    if (m_mutex.isMine())
+    {
+        m_mutex.assertLocked();
+        m_mutex.unlock();
+    }
+}
+
 void Tweaks::notifyDynamicTweaks() const
 {
     if (m_isInitialized)
@@ -191,13 +187,12 @@ void Tweaks::notifyDynamicTweaks() const
 
 std::int64_t Tweaks::longVal(std::string_view name, std::optional<std::int64_t> defaultVal) const
 {
-    if (const std::uint32_t thread = m_loggingThread.load(std::memory_order_relaxed);
-        thread != 0 && thread == platform::currentThreadId())
+    if (m_mutex.isMine())
     {
-        assertLocked();
+        m_mutex.assertLocked();
         return findLong(name, defaultVal);
     }
-    const LoggingGuard guard(*this);
+    const MutexGuard guard(m_mutex);
     return findLong(name, defaultVal);
 }
 
@@ -262,7 +257,7 @@ bool Tweaks::boolVal(std::string_view name, std::optional<bool> defaultVal) cons
 
 void Tweaks::print() const
 {
-    const LoggingGuard guard(*this);
+    const MutexGuard guard(m_mutex);
     std::vector<const Map::value_type*> listed;
     for (const auto& entry : m_tweaks)
     {

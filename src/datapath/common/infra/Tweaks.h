@@ -100,6 +100,9 @@ public:
     /// Applies a file, not strictly, while the table is being made. Returns whether it could be opened.
     bool updateFromFile(const std::string& path);
 
+    /// For a thread that never goes on: gives up the table, if a log client is called by it under the table's lock.
+    void unlockForGood() const EXCLUDES(m_mutex);
+
 protected:
     /// Reads the files. A second table may be made, by tests; its changes refresh DynamicTweaks from the first.
     Tweaks();
@@ -115,25 +118,9 @@ private:
     [[nodiscard]] std::int64_t findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
         REQUIRES(m_mutex);
 
-    /// Locks the table and notes which thread has it, for as long as lines are logged under the lock.
-    class SCOPED_CAPABILITY LoggingGuard
-    {
-    public:
-        explicit LoggingGuard(const Tweaks& tweaks) ACQUIRES(tweaks.m_mutex);
-        LoggingGuard(const LoggingGuard&) = delete;
-        LoggingGuard& operator=(const LoggingGuard&) = delete;
-        ~LoggingGuard() RELEASES();
-
-    private:
-        const Tweaks& m_tweaks;
-    };
-
-    void assertLocked() const ASSERTS_HELD(m_mutex) {}
-
     StlMemShiledContainer<Map> m_tweaks GUARDED_BY(m_mutex){"Tweaks"};
     // Guards the table. What log clients take is taken inside it.
-    mutable Mutex m_mutex;
-    mutable std::atomic<std::uint32_t> m_loggingThread = 0; // that has the lock and logs under it
+    mutable OwnedMutex m_mutex;
     bool m_isInitialized = false;
     std::string m_fileName; // that is being read while the table is made, for people
 };

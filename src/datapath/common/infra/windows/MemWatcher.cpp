@@ -61,18 +61,28 @@ void MemWatcher::iterateThreads(const Visitor& visitor)
 
 void MemWatcher::printCpu()
 {
-    if (m_isReporting.exchange(true))
+    if (m_reportMutex.isMine())
     {
         return;
     }
+    const MutexGuard guard(m_reportMutex);
     const std::int64_t totalTicks = m_cpuMonitor.update();
     const std::int64_t nowMs = Timer::instance().getRelativeTimeMs();
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0)
         << totalTicks << " cpu ticks in " << static_cast<std::uint32_t>(nowMs - m_lastCpuReportMs) << " ms"
         << std::endl;
     m_lastCpuReportMs = nowMs;
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0) << threadUsages(totalTicks) << std::endl;
-    m_isReporting = false;
+    const std::string usages = threadUsages(totalTicks); // logs too: the time of the last line is read after it
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0) << usages << std::endl;
+}
+
+void MemWatcher::endReportForGood()
+{
+    if (m_reportMutex.isMine())
+    {
+        m_reportMutex.assertLocked();
+        m_reportMutex.unlock();
+    }
 }
 
 std::string MemWatcher::threadUsages(std::int64_t totalTicks)

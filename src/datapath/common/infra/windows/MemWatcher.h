@@ -13,7 +13,6 @@
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/windows/CpuUsageMonitor.h"
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -34,9 +33,12 @@ public:
     /// Calls the visitor for every thread that is there at this moment, in the order of the ids.
     void iterateThreads(const Visitor& visitor) EXCLUDES(m_mutex);
 
-    /// Logs the machine's CPU usage, then the threads that used most of it since the last call. Does nothing while
-    /// another thread does it, or when what it logs leads to a report itself.
-    void printCpu() EXCLUDES(m_mutex);
+    /// Logs the machine's CPU usage, then the threads that used most of it since the last call. Waits while another
+    /// thread does it. Does nothing when what the thread logs for such a report leads here again.
+    void printCpu() EXCLUDES(m_mutex, m_reportMutex);
+
+    /// For a thread that never goes on: lets others report, if a log client is called by it during its own report.
+    void endReportForGood() EXCLUDES(m_reportMutex);
 
     /// Logs the memory counters of the process.
     static void printMem();
@@ -48,8 +50,7 @@ private:
     Mutex m_mutex; // guards the table; the Logger's table of names is read inside it, and nothing logged
     StlMemShiledContainer<std::map<std::int32_t, ThreadInfo>> m_threads GUARDED_BY(m_mutex){"MemWatcherThreads"};
 
-    // Of the one CPU report that runs.
-    std::atomic<bool> m_isReporting = false;
-    std::int64_t m_lastCpuReportMs = 0; // on the clock's relative time
-    CpuUsageMonitor m_cpuMonitor;
+    OwnedMutex m_reportMutex; // of the one CPU report that runs; m_mutex and what log clients take are taken inside it
+    std::int64_t m_lastCpuReportMs GUARDED_BY(m_reportMutex) = 0; // on the clock's relative time
+    CpuUsageMonitor m_cpuMonitor GUARDED_BY(m_reportMutex);
 };
