@@ -24,6 +24,12 @@ FileLoggerClient::FileLoggerClient(const std::string& basePath, std::uint32_t ma
     log("time,level,thread,logger,method,message,exception\n");
 }
 
+FileLoggerClient::~FileLoggerClient()
+{
+    Logger::instance().unregisterClient(this); // the writer logs its end
+    stopWriter();
+}
+
 void FileLoggerClient::log(const std::string& line) { write(line.data(), static_cast<std::uint32_t>(line.size())); }
 
 void FileLoggerClient::flush()

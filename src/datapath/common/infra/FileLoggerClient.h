@@ -16,7 +16,9 @@ public:
     /// basePath: of the files, without ".txt". maxMemoryMiB: budget of the lines that wait to be written.
     /// startInfo: a text for the start line.
     FileLoggerClient(const std::string& basePath, std::uint32_t maxMemoryMiB, const std::string& startInfo);
-    ~FileLoggerClient() override { stopWriter(); }
+
+    /// Unregisters itself first, if it is registered. Everything that it took is in the file then.
+    ~FileLoggerClient() override;
 
     void log(const std::string& line) override;
 

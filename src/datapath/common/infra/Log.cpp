@@ -5,7 +5,9 @@
 #include "platform/Process.h"
 #include "platform/Threads.h"
 
+#include <algorithm>
 #include <iostream>
+#include <ranges>
 #include <utility>
 
 namespace
@@ -44,23 +46,130 @@ Logger& Logger::instance()
 void Logger::registerClient(LoggerClient* client, std::uint32_t levelMask)
 {
     client->m_levelMask = levelMask;
-    const std::uint32_t index = m_clientsCnt;
-    if (index == MAX_CLIENTS)
+    if (!tryRegister(client))
     {
         CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_CLIENTS), "m_clientsCnt < 4")
-            << " m_clientsCnt=" << index << " " << std::endl;
+            << " m_clientsCnt=" << MAX_CLIENTS << " " << std::endl;
+    }
+}
+
+bool Logger::tryRegister(LoggerClient* client)
+{
+    constexpr std::size_t NUMBERS = (1U << TICKET_BITS) / MAX_CLIENTS - 1;
+    const MutexGuard guard(m_clientsMutex);
+    const std::vector<std::size_t> free = placesOf(nullptr);
+    if (free.empty())
+    {
+        return false;
+    }
+    const std::size_t index = free.front();
+    const auto ticket = static_cast<Ticket>((1 + m_registrations++ % NUMBERS) * MAX_CLIENTS + index);
+    m_places[index].client = client;
+    m_places[index].ticket = ticket;
+    std::vector<Ticket> order = ticketsOf(m_order);
+    order.push_back(ticket);
+    setOrder(order);
+    return true;
+}
+
+void Logger::unregisterClient(LoggerClient* client)
+{
+    std::vector<std::size_t> places;
+    bool isInside = false;
+    {
+        const MutexGuard guard(m_clientsMutex);
+        places = placesOf(client);
+        isInside = std::ranges::any_of(places, ClientVisits::isInside);
+        if (!isInside)
+        {
+            closePlaces(places);
+        }
+    }
+    if (isInside)
+    {
+        // The client is given the line too: if it tries again for that, it is not told again.
+        static constinit thread_local bool isTelling = false;
+        if (!std::exchange(isTelling, true))
+        {
+            LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+                << "a log client cannot be unregistered from inside its own log or flush" << std::endl;
+            isTelling = false;
+        }
         return;
     }
-    m_clients[index] = client;
-    m_clientsCnt.store(index + 1, std::memory_order_release);
+    for (const std::size_t index : places)
+    {
+        ClientVisits::waitUntilLeft(index);
+        const MutexGuard guard(m_clientsMutex);
+        if (Place& place = m_places[index]; place.client == client && place.ticket == 0) // nobody was here before
+        {
+            place.client = nullptr;
+        }
+    }
+}
+
+std::vector<std::size_t> Logger::placesOf(const LoggerClient* client) const
+{
+    std::vector<std::size_t> places;
+    for (std::size_t index = 0; index < MAX_CLIENTS; ++index)
+    {
+        if (m_places[index].client == client)
+        {
+            places.push_back(index);
+        }
+    }
+    return places;
+}
+
+void Logger::closePlaces(const std::vector<std::size_t>& places)
+{
+    std::vector<Ticket> order = ticketsOf(m_order);
+    for (const std::size_t index : places)
+    {
+        std::erase(order, m_places[index].ticket.exchange(0));
+    }
+    setOrder(order);
+}
+
+std::vector<Logger::Ticket> Logger::ticketsOf(std::uint64_t order)
+{
+    std::vector<Ticket> tickets;
+    for (; order != 0; order >>= TICKET_BITS)
+    {
+        tickets.push_back(static_cast<Ticket>(order));
+    }
+    return tickets;
+}
+
+void Logger::setOrder(const std::vector<Ticket>& tickets)
+{
+    std::uint64_t order = 0;
+    for (const Ticket ticket : tickets | std::views::reverse)
+    {
+        order = order << TICKET_BITS | ticket;
+    }
+    m_order = order;
+}
+
+/// Calls the visitor for each client in the order of their registration.
+template <class Visitor> void Logger::visitClients(const Visitor& visitor) const
+{
+    for (std::uint64_t order = m_order.load(std::memory_order_relaxed); order != 0; order >>= TICKET_BITS)
+    {
+        const auto ticket = static_cast<Ticket>(order);
+        const std::size_t index = ticket % MAX_CLIENTS;
+        const ClientVisits::Visit visit(index);
+        if (m_places[index].ticket.load() == ticket) // else the client has been taken away
+        {
+            visitor(*m_places[index].client);
+        }
+    }
 }
 
 void Logger::dispatch(const std::string& line, LogLevel level, LoggerId loggerId)
 {
     const std::uint32_t levelBit = 1U << static_cast<std::uint32_t>(level);
-    for (std::uint32_t i = 0; i < m_clientsCnt; ++i)
-    {
-        LoggerClient& client = *m_clients[i];
+    visitClients([&](LoggerClient& client) {
         if ((client.m_levelMask & levelBit) != 0)
         {
             client.log(line);
@@ -69,7 +178,7 @@ void Logger::dispatch(const std::string& line, LogLevel level, LoggerId loggerId
         {
             client.flush();
         }
-    }
+    });
     if (level == LogLevel::Assert)
     {
         endAfterAssert(line, loggerId);
@@ -94,10 +203,7 @@ void Logger::endAfterAssert(const std::string& line, LoggerId loggerId) const
 
 void Logger::flushClients() const
 {
-    for (std::uint32_t i = 0; i < m_clientsCnt; ++i)
-    {
-        m_clients[i]->flush();
-    }
+    visitClients([](LoggerClient& client) { client.flush(); });
 }
 
 void Logger::setAssertHandler(LoggerId loggerId, AssertHandler handler)

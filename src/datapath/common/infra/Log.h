@@ -6,9 +6,11 @@
 //
 //     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
 //     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
+//     Logger::instance().unregisterClient(&client);       // before it is destroyed
 //
 // Lines are made with a LogItem. The hub also keeps the names of the program's threads.
 
+#include "datapath/common/infra/ClientVisits.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
 
@@ -19,6 +21,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 enum class LogLevel : std::uint32_t
 {
@@ -87,11 +90,16 @@ public:
     /// Created on first use, by any thread, and never destroyed.
     [[nodiscard]] static Logger& instance();
 
-    /// Adds a client, which stays the caller's and must live until the process ends. There is room
-    /// for four; a fifth ends the process. For one thread at a time; others may log meanwhile.
-    void registerClient(LoggerClient* client, std::uint32_t levelMask);
+    /// Adds a client, after those that are there. It stays the caller's and must live until it is unregistered or the
+    /// process ends. There is room for four; a fifth ends the process. Others may log meanwhile.
+    void registerClient(LoggerClient* client, std::uint32_t levelMask) EXCLUDES(m_clientsMutex);
 
-    [[nodiscard]] bool hasClients() const { return m_clientsCnt != 0; }
+    /// Takes a client away and returns when no other thread is inside it any more: it may be destroyed then. Lines that
+    /// others log meanwhile go to the clients that remain. Does nothing for a client that is not there, and nothing but
+    /// an Error line when it is called from inside the client's own log or flush.
+    void unregisterClient(LoggerClient* client) EXCLUDES(m_clientsMutex);
+
+    [[nodiscard]] bool hasClients() const { return m_order.load(std::memory_order_relaxed) != 0; }
 
     /// Hands one finished line to the clients, on the calling thread and without a lock. Returns
     /// from a line of level Assert only if the hook says so.
@@ -126,19 +134,38 @@ public:
 private:
     using ThreadNames = StlMemShiledContainer<std::map<std::int32_t, std::string>>;
 
-    static constexpr std::size_t MAX_CLIENTS = 4;
+    static constexpr std::size_t MAX_CLIENTS = ClientVisits::PLACES;
     static constexpr std::size_t LOGGER_COUNT = 4;
 
+    /// Of one registration: its place among MAX_CLIENTS, and a number that no other registration of late had. Not 0.
+    using Ticket = std::uint16_t;
+    static constexpr unsigned TICKET_BITS = 16;
+
+    /// Where a client is. Others look at it only during a visit, and if the ticket is the one they came for.
+    struct Place
+    {
+        LoggerClient* client = nullptr; // also while the last visitors of an unregistered one leave
+        std::atomic<Ticket> ticket = 0; // 0: nobody may come in
+    };
+
     Logger() = default;
+    template <class Visitor> void visitClients(const Visitor& visitor) const;
+    [[nodiscard]] bool tryRegister(LoggerClient* client) EXCLUDES(m_clientsMutex);
+    [[nodiscard]] std::vector<std::size_t> placesOf(const LoggerClient* client) const REQUIRES(m_clientsMutex);
+    void closePlaces(const std::vector<std::size_t>& places) REQUIRES(m_clientsMutex);
+    [[nodiscard]] static std::vector<Ticket> ticketsOf(std::uint64_t order);
+    void setOrder(const std::vector<Ticket>& tickets) REQUIRES(m_clientsMutex);
     void endAfterAssert(const std::string& line, LoggerId loggerId) const;
 
     ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex){"LoggerAsyncThreadNames"};
     // How many there are, so that lines take the lock only in programs that use such names.
     std::atomic<std::size_t> m_asyncThreadNamesCnt = 0;
     ThreadNames m_threadNames GUARDED_BY(m_mutex){"LoggerThreadNames"};
-    std::array<LoggerClient*, MAX_CLIENTS> m_clients{};
-    std::atomic<std::uint32_t> m_clientsCnt = 0; // of the entries above that others may look at
-    mutable Mutex m_mutex;                       // guards the two tables of names; nothing is taken inside it
+    mutable Mutex m_mutex; // guards the two tables of names; nothing is taken inside it
+    Mutex m_clientsMutex;  // of whoever changes the places and their order; nothing is taken inside it
+    std::array<Place, MAX_CLIENTS> m_places{};
+    std::atomic<std::uint64_t> m_order = 0; // the tickets of those registered, the first one's in the lowest bits
+    std::uint32_t m_registrations GUARDED_BY(m_clientsMutex) = 0;
     LogAssertHook* m_assertHook = nullptr;
     std::array<AssertHandler, LOGGER_COUNT> m_assertHandlers;
 };

@@ -1,0 +1,81 @@
+#pragma once
+
+// Which threads are inside which log client, so that whoever takes a client away can wait until nobody is. A client is
+// known by its place, a number below PLACES.
+//
+//     const ClientVisits::Visit visit(place);       // then look whether the client is still there, and call it
+//     ClientVisits::waitUntilLeft(place);           // after the client was taken from its place
+//
+// Each thread counts its visits in a slot of its own: a visit costs one exchange on a cache line that nobody else
+// writes, and takes no lock. The count is raised before the look and read after the removal, both sequentially
+// consistent: either the visitor sees that the client is gone, or the remover sees the visitor. Any thread may call.
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+class ClientVisits
+{
+    struct Slot;
+
+public:
+    static constexpr std::size_t PLACES = 4;
+
+    /// The calling thread is inside for as long as this lives. Visits may nest.
+    class Visit
+    {
+    public:
+        explicit Visit(std::size_t place)
+            : m_count(ofThisThread().visits[place]), m_countBefore(m_count.load(std::memory_order_relaxed))
+        {
+            m_count.store(m_countBefore + 1, std::memory_order_seq_cst);
+        }
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+        ~Visit() { m_count.store(m_countBefore, std::memory_order_release); }
+
+    private:
+        std::atomic<std::uint32_t>& m_count;
+        const std::uint32_t m_countBefore;
+    };
+
+    /// Whether the calling thread is inside.
+    [[nodiscard]] static bool isInside(std::size_t place)
+    {
+        return ofThisThread().visits[place].load(std::memory_order_relaxed) != 0;
+    }
+
+    /// Returns when no other thread is inside that was when this was called. Looks once a millisecond: it is called
+    /// seldom, and visits are short.
+    static void waitUntilLeft(std::size_t place);
+
+private:
+    /// Of one thread, on a cache line of its own.
+    struct alignas(64) Slot
+    {
+        std::array<std::atomic<std::uint32_t>, PLACES> visits{};
+        std::atomic<bool> isOwned = true;
+        Slot* next = nullptr;
+    };
+
+    /// Leaves the slot of a thread that ends to the next thread.
+    struct Leaver
+    {
+        ~Leaver();
+    };
+
+    [[nodiscard]] static Slot& ofThisThread()
+    {
+        if (s_slot == nullptr) [[unlikely]]
+        {
+            claimSlot();
+        }
+        return *s_slot;
+    }
+    static void claimSlot();
+    [[nodiscard]] static Slot* unownedSlot();
+
+    static constinit inline std::atomic<Slot*> s_slots = nullptr; // all that there ever were
+    static constinit inline thread_local Slot* s_slot = nullptr;  // of the calling thread
+};
