@@ -107,48 +107,73 @@ void GenFileLogger::write(const char* data, std::uint32_t length)
     if (m_flushEveryLine)
     {
         const MutexGuard guard(m_fileMutex);
-        writePart({data, data == nullptr ? 0 : length}, true);
+        writePart({data, data == nullptr ? 0 : length}, true, true);
         m_stream.flush();
         return;
     }
+    bool justPaused = false;
     if (data == nullptr)
     {
         enqueue({});
-        return;
     }
-    if (length == 0)
+    else if (length != 0 && !enqueueText({data, length}, !m_memoryTracker->isTrackingDisabled(), justPaused) &&
+             justPaused)
     {
-        return;
+        pauseForMemory();
     }
-    bool justPaused = false;
-    if (m_memoryTracker->isTrackingDisabled())
+}
+
+/// Returns false if the budget refuses.
+bool GenFileLogger::enqueueText(std::string_view text, bool isLimited, bool& justPaused)
+{
+    HeapMemoryAllocationTracker& tracker = *m_memoryTracker;
+    const auto length = static_cast<std::uint32_t>(text.size());
+    if (m_isGuarded)
     {
-        m_memoryTracker->reserveIgnoringLimit(length);
-    }
-    else if (!m_memoryTracker->reserve(length, justPaused))
-    {
-        if (justPaused)
+        char* const buffer = isLimited ? tracker.allocate(length, justPaused) : tracker.allocateIgnoringLimit(length);
+        if (buffer == nullptr)
         {
-            pauseForMemory();
+            return false;
         }
-        return;
+        text.copy(buffer, length);
+        enqueueOrFree({buffer, length});
+        return true;
     }
+    if (!isLimited)
+    {
+        tracker.reserveIgnoringLimit(length);
+    }
+    else if (!tracker.reserve(length, justPaused))
+    {
+        return false;
+    }
+    enqueueOrFree({text.data(), length});
+    return true;
+}
+
+/// Text for which the heap has no room is dropped, as text is for which the budget has none.
+void GenFileLogger::enqueueOrFree(const LogItem& item)
+{
     try
     {
-        enqueue({data, length});
+        enqueue(item);
     }
     catch (const std::bad_alloc&)
     {
-        m_memoryTracker->free(length); // dropped, as without a budget
+        free(item);
     }
+}
+
+void GenFileLogger::free(const LogItem& item)
+{
+    m_isGuarded ? m_memoryTracker->free(item.data, item.length) : m_memoryTracker->free(item.length);
 }
 
 void GenFileLogger::pauseForMemory()
 {
     const std::string notice = std::string(UtcTimestamp(3).view()) + "," + m_basePath + "-pausing logger due to OOM\n";
-    const auto length = static_cast<std::uint32_t>(notice.size());
-    m_memoryTracker->reserveIgnoringLimit(length);
-    enqueue({notice.data(), length});
+    bool isUnused = false;
+    static_cast<void>(enqueueText(notice, false, isUnused));
     enqueue({});
 }
 
@@ -160,7 +185,11 @@ void GenFileLogger::enqueue(const LogItem& item, Semaphore* waiter)
         bool wakes = false;
         {
             const MutexGuard guard(m_queueMutex);
-            if (!m_queue.push(text, chunk))
+            if (m_isGuarded)
+            {
+                m_queue.push(item);
+            }
+            else if (!m_queue.push(text, chunk))
             {
                 continue;
             }
@@ -224,6 +253,7 @@ bool GenFileLogger::isWriter() const { return m_writerId == platform::currentThr
 
 void GenFileLogger::run()
 {
+    MemShield::neverWaitForReport(); // whoever reports waits until its lines are written here
     m_writerId = platform::currentThreadId();
     m_writerStarted.signal();
     while (!m_isStopping)
@@ -240,22 +270,31 @@ void GenFileLogger::run()
 }
 
 /// Waits a moment for more: while lines come in quick succession nobody has to wake the writer for each, and it
-/// does not take the queue's lock for each.
+/// does not take the queue's lock for each. Meanwhile the file ends where a text ends, and nothing lies in memory.
 bool GenFileLogger::isMoreToWrite()
 {
     {
         const MutexGuard guard(m_queueMutex);
-        if (isUrgent())
+        if (isUrgent() || m_isInsideText)
         {
             return true;
         }
+        if (m_asyncFlushEveryLine)
+        {
+            return !sleepsWithoutWork();
+        }
         m_writerWaits = WriterWaits::ForABlock;
     }
-    flushStream(); // nothing lies in memory while the writer waits
+    flushStream();
     static_cast<void>(m_queueEvent.waitFor(LINGER_MS));
     const MutexGuard guard(m_queueMutex);
+    return !sleepsWithoutWork();
+}
+
+bool GenFileLogger::sleepsWithoutWork()
+{
     m_writerWaits = m_queue.size() == 0 ? WriterWaits::ForAnything : WriterWaits::No;
-    return m_writerWaits == WriterWaits::No;
+    return m_writerWaits == WriterWaits::ForAnything;
 }
 
 bool GenFileLogger::isUrgent() const { return m_queue.bytes() >= WAKING_BYTES || m_flushesAsked != m_flushesDone; }
@@ -268,8 +307,13 @@ void GenFileLogger::writeQueue()
     flushStream();
 }
 
+/// Returns whether there was anything.
 bool GenFileLogger::writeBatch()
 {
+    if (m_isGuarded)
+    {
+        return writeBlocks();
+    }
     const LogQueue::Batch batch = nextBatch();
     std::uint32_t length = 0;
     std::uint64_t flushes = 0;
@@ -287,6 +331,34 @@ bool GenFileLogger::writeBatch()
     m_memoryTracker->free(length);
     finishFlushes(flushes); // last: whoever waited finds the budget as it is
     return !batch.empty();
+}
+
+bool GenFileLogger::writeBlocks()
+{
+    bool isAnyWritten = false;
+    for (LogItem item; takeBlock(item); isAnyWritten = true)
+    {
+        {
+            const MutexGuard guard(m_fileMutex);
+            writePiece({{item.data, item.length}, true});
+        }
+        // Without a lock, as above.
+        if (item.data != nullptr)
+        {
+            free(item);
+        }
+        else
+        {
+            finishFlushes(1);
+        }
+    }
+    return isAnyWritten;
+}
+
+bool GenFileLogger::takeBlock(LogItem& item)
+{
+    const MutexGuard guard(m_queueMutex);
+    return m_queue.extract(item);
 }
 
 void GenFileLogger::flushStream()
@@ -329,7 +401,7 @@ void GenFileLogger::writePiece(const LogQueue::Piece& piece)
     const auto& [text, isLast] = piece;
     if (!text.empty())
     {
-        writePart(text, !m_isInsideText);
+        writePart(text, !m_isInsideText, isLast);
         m_isInsideText = !isLast;
     }
     if (text.empty() || (isLast && m_asyncFlushEveryLine))
@@ -338,12 +410,12 @@ void GenFileLogger::writePiece(const LogQueue::Piece& piece)
     }
 }
 
-void GenFileLogger::writePart(std::string_view part, bool isFirst)
+void GenFileLogger::writePart(std::string_view part, bool isFirst, bool isLast)
 {
     // A file that does not take its last text is not moved away from it.
     if (isFirst && m_stream.isLongerThan(MAX_FILE_LENGTH) && m_stream.flush())
     {
         rotate();
     }
-    m_stream.write(part, isFirst);
+    m_stream.write(part, isFirst, isLast);
 }

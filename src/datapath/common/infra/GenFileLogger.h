@@ -8,8 +8,8 @@
 //
 // In the asynchronous mode the caller's bytes are copied into a queue and a thread of the logger's own writes
 // them; when the queue has used up its budget one notice goes to the file and text is dropped until enough of it has
-// been written. In the synchronous mode, the default, the calling thread writes and hands every piece to the system.
-// The modes are set by the owner before the first write.
+// been written. With guarded memory each queued text is a block of its own. In the synchronous mode, the default, the
+// calling thread writes and hands every piece to the system. The modes are set by the owner before the first write.
 //
 // Any thread may write. The logger never reports its own failures to the Logger: they go to standard output and
 // standard error, and logging goes on. The destructor writes what is queued; no other thread may use the logger
@@ -43,11 +43,7 @@ public:
 
 protected:
     /// What the writer is to do: write the bytes, or without any, flush.
-    struct LogItem
-    {
-        const char* data = nullptr;
-        std::uint32_t length = 0;
-    };
+    using LogItem = LogQueue::Block;
 
     /// For derived classes: they call startWriter when their own part exists, since the new thread asks for
     /// the object's class, and stopWriter before it goes.
@@ -63,7 +59,8 @@ protected:
     /// Returns when everything queued is written and the writer has ended.
     void stopWriter();
 
-    /// Copies the bytes. The waiter of a flush, if there is one, is signalled when it is done; see flushAndWait.
+    /// Copies the bytes, or with guarded memory takes the buffer, which is the tracker's, over. The waiter of a flush,
+    /// if there is one, is signalled when it is done; see flushAndWait. Throws std::bad_alloc.
     void enqueue(const LogItem& item, Semaphore* waiter = nullptr) EXCLUDES(m_queueMutex);
 
     /// Waits until everything queued so far is with the system, at most m_flushMaxPeriodMs unless that is 0.
@@ -111,32 +108,39 @@ private:
         ForAnything ///< that is queued
     };
 
+    [[nodiscard]] bool enqueueText(std::string_view text, bool isLimited, bool& justPaused);
+    void enqueueOrFree(const LogItem& item) EXCLUDES(m_queueMutex);
+    void free(const LogItem& item);
     void pauseForMemory();
     void addFlush(Semaphore* waiter) REQUIRES(m_queueMutex);
     [[nodiscard]] bool isMoreToWrite() EXCLUDES(m_fileMutex, m_queueMutex);
     [[nodiscard]] bool isUrgent() const REQUIRES(m_queueMutex);
+    [[nodiscard]] bool sleepsWithoutWork() REQUIRES(m_queueMutex);
     bool writeBatch() EXCLUDES(m_fileMutex, m_queueMutex);
+    bool writeBlocks() EXCLUDES(m_fileMutex, m_queueMutex);
+    [[nodiscard]] bool takeBlock(LogItem& item) EXCLUDES(m_queueMutex);
     void flushStream() EXCLUDES(m_fileMutex);
     [[nodiscard]] LogQueue::Batch nextBatch() EXCLUDES(m_queueMutex);
     [[nodiscard]] LogQueue::Chunk removeBatch() EXCLUDES(m_queueMutex);
     void finishFlushes(std::uint64_t count) EXCLUDES(m_queueMutex);
     void writePiece(const LogQueue::Piece& piece) REQUIRES(m_fileMutex);
-    void writePart(std::string_view part, bool isFirst) REQUIRES(m_fileMutex);
+    void writePart(std::string_view part, bool isFirst, bool isLast) REQUIRES(m_fileMutex);
 
-    /// Who waits for a flush: the how manieth it is, and null if the wait was given up.
+    /// Who waits for a flush: its number among all that were asked for, and null if the wait was given up.
     struct FlushWaiter
     {
         std::uint64_t request;
         Semaphore* flushDone;
     };
 
+    const bool m_isGuarded = MemShield::isEnabled(); // queued texts are blocks of their own
     WriterWaits m_writerWaits GUARDED_BY(m_queueMutex) = WriterWaits::ForAnything;
     std::uint64_t m_flushesAsked GUARDED_BY(m_queueMutex) = 0;
     std::uint64_t m_flushesDone GUARDED_BY(m_queueMutex) = 0;
     std::deque<FlushWaiter> m_flushWaiters GUARDED_BY(m_queueMutex); // in the order of their requests
     std::uint32_t m_unclaimedFlushes GUARDED_BY(m_queueMutex) = 0;   // done after their waiters had given up
-    bool m_isInsideText GUARDED_BY(m_fileMutex) = false;             // its first parts were written
-    std::atomic<std::uint32_t> m_writerId = 0;                       // the writer's thread, 0 while there is none
+    bool m_isInsideText = false;               // its first parts were written; of the thread that writes the queue
+    std::atomic<std::uint32_t> m_writerId = 0; // the writer's thread, 0 while there is none
     std::atomic<bool> m_isStopping = false;
     bool m_isStarted = false;
     Semaphore m_writerStarted{0};

@@ -78,11 +78,22 @@ char* HeapMemoryAllocationTracker::allocateIgnoringLimit(std::uint32_t length)
 
 char* HeapMemoryAllocationTracker::newBuffer(std::uint32_t length)
 {
-    return length == 0 ? nullptr
-                       : MemShield::createArray<char>({"s8", SourcePlace::numbered(NUMBER_ALLOCATED)}, length);
+    if (length == 0)
+    {
+        return nullptr;
+    }
+    try
+    {
+        return MemShield::createArray<char>({"s8", SourcePlace::numbered(NUMBER_ALLOCATED)}, length);
+    }
+    catch (const std::bad_alloc&)
+    {
+        free(length);
+        throw;
+    }
 }
 
-void HeapMemoryAllocationTracker::free(char* buffer, std::uint32_t length)
+void HeapMemoryAllocationTracker::free(const char* buffer, std::uint32_t length)
 {
     MemShield::destroyArray(buffer, SourcePlace::numbered(NUMBER_RELEASED));
     free(length);

@@ -9,7 +9,7 @@
 //     tracker.free(buffer, length);
 //
 // Owners that have memory of their own reserve bytes without a buffer. Any thread may call, without a lock. Lengths
-// are in bytes. Buffers come from MemShield and belong to the caller.
+// are in bytes. Buffers come from MemShield and belong to the caller; std::bad_alloc leaves nothing counted.
 
 #include "datapath/common/infra/DynamicTweaks.h"
 
@@ -32,7 +32,7 @@ public:
     [[nodiscard]] char* allocateIgnoringLimit(std::uint32_t length);
 
     /// Returns a buffer with the length that it was allocated with. More than what is counted ends the process.
-    void free(char* buffer, std::uint32_t length);
+    void free(const char* buffer, std::uint32_t length);
 
     /// The same without a buffer.
     [[nodiscard]] bool reserve(std::uint32_t length, bool& justPaused);
@@ -49,7 +49,7 @@ private:
         std::uint32_t isPaused = 0; // as wide as the bytes: no padding takes part in comparisons
     };
 
-    static char* newBuffer(std::uint32_t length);
+    char* newBuffer(std::uint32_t length);
 
     std::atomic<Usage> m_usage;
     const std::uint32_t m_maxBytes;

@@ -10,8 +10,14 @@ bool LogFileStream::open(const std::string& path)
     {
         return false;
     }
-    m_length = platform::lengthOfFile(m_file).bytes;
+    askForLength(0);
     return true;
+}
+
+void LogFileStream::askForLength(std::uint64_t otherwise)
+{
+    const auto [bytes, error] = platform::lengthOfFile(m_file);
+    m_length = error == platform::ErrorNumber::Success ? bytes : otherwise;
 }
 
 bool LogFileStream::isLongerThan(std::uint64_t length)
@@ -20,27 +26,34 @@ bool LogFileStream::isLongerThan(std::uint64_t length)
     {
         return false;
     }
-    const auto [bytes, error] = platform::lengthOfFile(m_file); // others may have cut it
-    m_length = error == platform::ErrorNumber::Success ? bytes : m_length;
+    askForLength(m_length); // others may have cut it
     return m_length + m_block.size() > length;
 }
 
-void LogFileStream::write(std::string_view part, bool isFirst)
+void LogFileStream::write(std::string_view part, bool isFirst, bool isLast)
 {
-    if (m_block.size() >= BLOCK_SIZE)
-    {
-        flush(); // the system has refused before
-    }
     if (isFirst)
     {
-        m_isDropping = !isOpen() || m_block.size() >= BLOCK_SIZE;
+        if (isFull())
+        {
+            flush(); // the system has refused before
+        }
+        m_isDropping = !isOpen() || isFull();
     }
     if (m_isDropping)
     {
         return;
     }
+    if (m_block.size() + part.size() > BLOCK_SIZE)
+    {
+        flush();
+    }
     append(part);
-    if (m_block.size() >= BLOCK_SIZE)
+    if (isLast || m_block.size() - m_wholeLength >= BLOCK_SIZE) // else a text that is too long would wait for its end
+    {
+        m_wholeLength = m_block.size();
+    }
+    if (isFull())
     {
         flush();
     }
@@ -66,23 +79,27 @@ bool LogFileStream::flush()
         return false;
     }
     std::size_t written = 0;
-    while (written < m_block.size())
+    while (written < m_wholeLength)
     {
         const platform::Transfer transfer =
-            platform::writeFile(m_file, m_block.data() + written, m_block.size() - written);
+            platform::writeFile(m_file, m_block.data() + written, m_wholeLength - written);
         if (transfer.bytes == 0)
         {
             break;
         }
         written += transfer.bytes;
     }
-    m_length += written;
+    if (written != 0)
+    {
+        askForLength(m_length + written);
+    }
     m_block.erase(0, written);
+    m_wholeLength -= written;
     if (m_block.capacity() > 2 * BLOCK_SIZE && m_block.size() < BLOCK_SIZE)
     {
         m_block.shrink_to_fit();
     }
-    return m_block.empty();
+    return m_wholeLength == 0;
 }
 
 void LogFileStream::close()
@@ -91,6 +108,7 @@ void LogFileStream::close()
     {
         flush();
         m_block.clear();
+        m_wholeLength = 0;
         platform::closeFile(m_file);
         m_file = platform::FileHandle::Invalid;
     }

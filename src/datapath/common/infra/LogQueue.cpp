@@ -137,3 +137,23 @@ LogQueue::Chunk LogQueue::pop()
     }
     return spent;
 }
+
+void LogQueue::push(const Block& block)
+{
+    m_blocks.push_back(block);
+    ++m_size;
+    m_bytes += block.length;
+}
+
+bool LogQueue::extract(Block& block)
+{
+    if (m_blocks.empty())
+    {
+        return false;
+    }
+    block = m_blocks.front();
+    m_blocks.pop_front();
+    --m_size;
+    m_bytes -= block.length;
+    return true;
+}

@@ -1,6 +1,6 @@
 #pragma once
 
-// Texts that wait to be written, and among them requests to flush, first in first out. They lie one behind the
+// Texts that wait to be written, and among them requests to flush, first in first out. They lie one after the
 // other in chunks, so that a text costs little more than its own bytes and no allocation. A text that does not fit
 // into the rest of a chunk runs on into the next one.
 //
@@ -8,12 +8,18 @@
 //     for (const LogQueue::Piece piece : queue.front()) ...                              // the writer
 //     const LogQueue::Chunk spent = queue.pop();
 //
+// Where each text is to be a block of its own, the owner of the queue makes the blocks and uses none of the above:
+//
+//     queue.push(LogQueue::Block{buffer, length});
+//     while (queue.extract(block)) ...
+//
 // The owner locks each call, and only one thread at a time may be between front and pop. What front returned is read
 // without the lock: pushes do not touch it.
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <string_view>
 
@@ -33,6 +39,13 @@ class LogQueue
 public:
     /// Memory for the queue. Made and released without the lock.
     using Chunk = std::unique_ptr<ChunkHead, ChunkDelete>;
+
+    /// A text that stays its owner's; a request to flush, if there is no data.
+    struct Block
+    {
+        const char* data = nullptr;
+        std::uint32_t length = 0;
+    };
 
     /// A text or a part of one; a request to flush, if it is empty.
     struct Piece
@@ -107,12 +120,19 @@ public:
     /// Takes away what front returned last. What it returns is to be released.
     Chunk pop();
 
+    /// Throws std::bad_alloc.
+    void push(const Block& block);
+
+    /// Takes the oldest block away. Returns false if there is none.
+    [[nodiscard]] bool extract(Block& block);
+
 private:
     [[nodiscard]] static std::size_t roomFor(std::size_t textLength);
 
     ChunkHead* m_head = nullptr; // is read from; null while the queue is empty
     ChunkHead* m_tail = nullptr; // is written to
     Chunk m_spare;
+    std::deque<Block> m_blocks;
     std::size_t m_batchEnd = 0; // of what front returned, in the head
     std::size_t m_batchTexts = 0;
     std::size_t m_batchPieces = 0;
