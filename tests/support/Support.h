@@ -16,8 +16,9 @@
 class CapturingClient : public LoggerClient
 {
 public:
-    /// Registers itself for the given levels. The object must outlive all logging.
+    /// Registers itself for the given levels, for as long as it exists.
     explicit CapturingClient(std::uint32_t levelMask = Logger::ALL_LEVELS);
+    ~CapturingClient() override { Logger::instance().unregisterClient(this); }
 
     void log(const std::string& line) override;
     void flush() override;
@@ -31,6 +32,19 @@ private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_lines;
     int m_flushes = 0;
+};
+
+/// Calls a function with each line, for as long as it exists.
+struct HookedClient : LoggerClient
+{
+    explicit HookedClient(std::function<void(const std::string&)> hook) : m_hook(std::move(hook))
+    {
+        Logger::instance().registerClient(this, Logger::ALL_LEVELS);
+    }
+    ~HookedClient() override { Logger::instance().unregisterClient(this); }
+    void log(const std::string& line) override { m_hook(line); }
+
+    const std::function<void(const std::string&)> m_hook;
 };
 
 /// Replaces one entry of a platform table for a scope.

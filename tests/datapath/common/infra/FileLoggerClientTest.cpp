@@ -24,10 +24,12 @@ std::atomic<bool> isDiskHeldBack = false;
 std::atomic<std::size_t> diskRoom = SIZE_MAX; // bytes
 
 std::atomic<int> diskWrites = 0;
+std::atomic<int> tornWrites = 0; // that do not end where a line ends
 
 platform::Transfer writeWhenAllowed(platform::FileHandle file, const void* bytes, std::size_t size)
 {
     ++diskWrites;
+    tornWrites += static_cast<const char*>(bytes)[size - 1] != '\n' ? 1 : 0;
     while (isDiskHeldBack)
     {
         std::this_thread::yield();
@@ -123,6 +125,36 @@ TEST_F(FileLogger, LinesOfManyThreadsAreAllWrittenInEachThreadsOrder)
         }
     }
     EXPECT_EQ(std::vector<int>(THREADS, LINES), next);
+    EXPECT_EQ(0, tornWrites);
+}
+
+TEST_F(FileLogger, GuardedTextsAreBlocksOfTheirOwn)
+{
+    MemShield::setEnabled(true);
+    const CapturingClient report;
+    FileLoggerClient client(base, 1, "");
+    client.flush();
+    const std::uint64_t before = MemShield::systemHeapBytes();
+    {
+        const HeldBackDisk disk;
+        const auto isBlockLive = [&] {
+            MemShield::instance().memShieldDumpLocked();
+            const auto lines = report.messages();
+            return std::ranges::any_of(lines, [](const std::string& line) {
+                return matches(line, "~dumpalloc: ~m_class=s8 ~infra/HeapMemoryAllocationTracker.cpp ~m_line=47 ~"
+                                     "m_size=9 ~m_arrayLength=9 ");
+            });
+        };
+        client.log(std::string(300'000, 'x') + "\n"); // keeps the writer
+        client.log(" line...\n");
+        client.log("anything\n");
+        EXPECT_TRUE(isBlockLive());
+        EXPECT_EQ(before + 300'001 + 9 + 9 + 3 * 80, MemShield::systemHeapBytes());
+        client.log(std::string(1U << 20U, 'y')); // pauses
+    }
+    client.flush();
+    EXPECT_PRED2(matches, text(), "~x\n line...\nanything\n~,~-pausing logger due to OOM\n");
+    EXPECT_EQ(before, MemShield::systemHeapBytes());
 }
 
 TEST_F(FileLogger, BudgetPausesOnceDropsAndResumes)
@@ -246,6 +278,18 @@ TEST_F(FileLogger, WriterCanHandOverLineByLineAndAFlushWaitWithoutLimit)
     EXPECT_TRUE(text().ends_with("exception\na\n" + std::string(100'000, 'x') + "\nb\n"));
 }
 
+TEST_F(FileLogger, GrowthOfItsFileByOthersMakesItRotateToo)
+{
+    FileLoggerClient client(base, 3, "");
+    client.flush();
+    folder.write("app.log.txt", std::string(10'485'761, '\n'));
+    client.log("seen with this one\n");
+    client.flush();
+    client.log("moved by this one\n");
+    client.flush();
+    EXPECT_EQ("moved by this one\n", text());
+}
+
 TEST_F(FileLogger, SwitchedOffItOpensItsFileAndWritesNothing)
 {
     folder.write("tweaks_extension.txt", "t_FileLoggerEnabled = off\n");
@@ -343,6 +387,27 @@ TEST_F(FileLogger, WhatEndsTheProcessIsInTheFileBehindAllLines)
     std::filesystem::remove(folder.native("app.log.txt"));
     expectAbnormalEnd(runChild("misuseBehindManyLines"));
     EXPECT_TRUE(matches(text().substr(text().find("i=10000 ")), "i=10000 end\n~,NON,MemShield,~\n")) << text();
+}
+
+CHILD_SCENARIO(clientsThatEnd)
+{
+    MemShield::setEnabled(false);
+    const std::string folder = std::filesystem::current_path().string() + "\\";
+    static FileLoggerClient lasting(folder + "static", 4095U, "");
+    FileLoggerClient local(folder + "local", 4095U, "");
+    Logger::instance().registerClient(&lasting, Logger::ALL_LEVELS);
+    Logger::instance().registerClient(&local, Logger::ALL_LEVELS);
+    logNumbers(20'000);
+}
+
+TEST_F(FileLogger, AClientOfAnyLifetimeEndsWithEverythingInItsFile)
+{
+    for (int round = 0; round < 5; ++round)
+    {
+        EXPECT_EQ(0, runChild("clientsThatEnd").status);
+        EXPECT_NE(std::string::npos, text("local.txt").find("i=20000 end\n"));
+        EXPECT_NE(std::string::npos, text("static.txt").find("i=20000 end\n"));
+    }
 }
 
 TEST_F(FileLogger, AKilledProcessLeavesWholeLines)

@@ -2,6 +2,9 @@
 #include "platform/Threads.h"
 #include "tests/support/Support.h"
 
+#include <array>
+#include <atomic>
+#include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -13,8 +16,8 @@ void logAt(LogLevel level) { LogItem(LoggerId::NON, level, "Sample::log") << "te
 
 TEST(Logger, OffersEachLineByMaskAndFlushesEveryClientAfterSevereOnes)
 {
-    static CapturingClient all;
-    static CapturingClient infoOnly(1U << 4U);
+    const CapturingClient all;
+    const CapturingClient infoOnly(1U << 4U);
     const std::vector<std::string> names = {"", "Fatal", "Error", "Warn", "Info", "Debug", "Control", "Info"};
     for (std::uint32_t level = 1; level <= 7; ++level)
     {
@@ -33,7 +36,7 @@ TEST(Logger, OffersEachLineByMaskAndFlushesEveryClientAfterSevereOnes)
 
 TEST(Logger, AHookThatAgreesLetsTheProgramGoOnAfterAnAssert)
 {
-    static CapturingClient client;
+    static const CapturingClient client;
     struct Hook : LogAssertHook
     {
         bool onAssert(const std::string& line) override
@@ -79,7 +82,7 @@ TEST(Logger, AThreadKeepsItsFirstNameUntilItIsRemoved)
 
 TEST(Logger, TheThreadColumnShowsAnAsynchronousName)
 {
-    static CapturingClient client;
+    const CapturingClient client;
     const std::string id = std::to_string(platform::currentThreadId());
     Logger::instance().setAsyncThreadName("request 7");
     logAt(LogLevel::Info);
@@ -95,7 +98,7 @@ TEST(Logger, LinesOfManyThreadsArriveWholeAndInTheirThreadsOrder)
     constexpr int LINES = 500;
     // The first use of the Logger is a race of its own; the client comes when it has been won.
     runInThreads(THREADS, [](int) { Logger::instance().setThreadName("racer"); });
-    static CapturingClient client;
+    const CapturingClient client;
     runInThreads(THREADS, [](int thread) {
         Logger::instance().setAsyncThreadName("racer");
         for (int line = 0; line < LINES; ++line)
@@ -113,6 +116,57 @@ TEST(Logger, LinesOfManyThreadsArriveWholeAndInTheirThreadsOrder)
         EXPECT_EQ(next.at(static_cast<std::size_t>(thread))++, line);
     }
     EXPECT_EQ(std::vector<int>(THREADS, LINES), next);
+}
+
+TEST(Logger, AnUnregisteredClientIsLeftAloneAndTheOthersMissNothing)
+{
+    const CapturingClient staying;
+    std::atomic<bool> isDone = false;
+    std::thread passing([&] {
+        for (int i = 0; i < 300; ++i)
+        {
+            const CapturingClient client; // gone while others log
+        }
+        isDone = true;
+    });
+    runInThreads(2, [&](int thread) {
+        for (int line = 0; !isDone; ++line)
+        {
+            LogItem(LoggerId::NON, LogLevel::Error, "race") << thread << ":" << line << std::endl;
+        }
+    });
+    passing.join();
+    std::array<int, 2> next{};
+    for (const std::string& message : staying.messages())
+    {
+        std::size_t thread = 0;
+        int line = -1;
+        ASSERT_EQ(2, std::sscanf(message.c_str(), "Error,NON,,race,%zu:%d", &thread, &line)) << message;
+        ASSERT_EQ(next.at(thread)++, line);
+    }
+}
+
+TEST(Logger, ClientsKeepTheirOrderWhenOneLeavesAndItsPlaceIsTakenAgain)
+{
+    std::string order;
+    const auto adding = [&](char name) { return [&order, name](const std::string&) { order += name; }; };
+    const HookedClient first(adding('a'));
+    auto second = std::make_unique<HookedClient>(adding('b'));
+    const HookedClient third(adding('c'));
+    second.reset();
+    const HookedClient fourth(adding('d'));
+    std::string complaint;
+    HookedClient* own = nullptr;
+    HookedClient fifth([&](const std::string& line) {
+        complaint = line;
+        Logger::instance().unregisterClient(own); // refused, once for each line from outside
+    });
+    own = &fifth;
+    logAt(LogLevel::Info);
+    EXPECT_EQ("acdacd", order);
+    EXPECT_PRED2(matches, complaint,
+                 "~,Error,#,NON,Logger,unregisterClient,a log client cannot be unregistered from inside its own log or "
+                 "flush\n");
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include "datapath/common/infra/windows/MemWatcher.h"
 #include "tests/support/Support.h"
 
+#include <atomic>
 #include <cstring>
 #include <iostream>
 #include <random>
@@ -62,17 +63,53 @@ using Bytes = unsigned char*;
 
 Bytes makeObject(std::uint64_t size = 100) { return static_cast<Bytes>(MemShield::allocateObject(size, SITE)); }
 
-/// A client that misuses memory while the table of tweaks logs under its lock.
-struct MisusingClient : LoggerClient
+struct Shape
 {
-    void log(const std::string& line) override
-    {
-        if (line.find("Updating tweak") != std::string::npos)
-        {
-            MemShield::releaseObject(this, PLACE);
-        }
-    }
+    virtual ~Shape() = default;
 };
+
+bool has(const std::string& line, std::string_view text) { return line.find(text) != std::string::npos; }
+
+void releaseWhatIsNoBlock() { MemShield::releaseObject(&childScenarios(), PLACE); }
+
+/// While a misuse is reported, two threads find more: under the lock of the tweaks, and in a CPU report.
+void misuseUnderLocks()
+{
+    static std::atomic<int> misuses = 0;
+    static thread_local bool isOther = false;
+    new HookedClient([](const std::string& line) {
+        if (isOther && (has(line, "Updating tweak") || has(line, "cpu ticks in")))
+        {
+            ++misuses;
+            releaseWhatIsNoBlock();
+        }
+        if (has(line, "un-allocated"))
+        {
+            std::thread([] { isOther = true, Tweaks::instance().update("t_a", "1"); }).detach();
+            std::thread([] { isOther = true, MemWatcher::instance().printCpu(); }).detach();
+            while (misuses != 2)
+            {
+                std::this_thread::yield();
+            }
+        }
+    });
+    releaseWhatIsNoBlock();
+}
+
+/// While a misuse is reported, a thread finds one that the report needs.
+void misuseOnANeededThread()
+{
+    static std::atomic<int> misuses = 0;
+    new HookedClient([](const std::string& line) {
+        if (has(line, "un-allocated") && misuses++ == 0)
+        {
+            std::thread([] { MemShield::neverWaitForReport(), releaseWhatIsNoBlock(); }).join();
+        }
+    });
+    releaseWhatIsNoBlock();
+}
+
+const std::string END = "MemShield,memshieldError,Assertion (false) failed datapath/common/infra/MemShield.cpp 342\n";
 
 std::string report(const std::string& live, const std::string& dump)
 {
@@ -85,14 +122,13 @@ std::string report(const std::string& live, const std::string& dump)
            "~MemWatchedContainerDatabase,printWatchedContainers,~MemWatcher,printMem,memory information: PWSS=~"
            "MemWatcher,printCpu,~ cpu(perc)~"
            "printRecentlyFreed, Timer::instance()->getLastTimestampMs_Inaccurate(true)=# \n" +
-           dump + "MemShield,memshieldError,Assertion (false) failed datapath/common/infra/MemShield.cpp 342\n";
+           dump + END;
 }
 
-std::string unallocated(const std::string& live)
-{
-    return "MemShield,verifyPtr,trying to access (verifyPtr) un-allocated memory file=user.cpp  line=22  mem=~ \n" +
-           report(live, "");
-}
+const std::string UNALLOCATED =
+    "MemShield,verifyPtr,trying to access (verifyPtr) un-allocated memory file=user.cpp  line=22  mem=~ \n";
+
+std::string unallocated(const std::string& live) { return UNALLOCATED + report(live, ""); }
 
 std::string overrun(const std::string& type, const std::string& file, const std::string& line, const std::string& bytes,
                     const std::string& arrayLength, const std::string& freedAt)
@@ -126,11 +162,19 @@ const std::vector<Misuse> MISUSES = {
          MemShield::releaseObject(object, PLACE);
      },
      unallocated("")},
-    {"textDestroyedTwice",
+    {"shapeDestroyedTwice",
      [] {
-         auto* const text = MemShield::create<std::string>(SITE, 100U, 'x');
-         MemShield::destroy(text, PLACE);
-         MemShield::destroy(text, PLACE);
+         auto* const shape = MemShield::create<Shape>(SITE);
+         MemShield::destroy(shape, PLACE);
+         MemShield::destroy(shape, PLACE);
+     },
+     unallocated("")},
+    {"shapeInTheMiddleOfABlock", [] { MemShield::destroy(reinterpret_cast<Shape*>(makeObject() + 8), PLACE); },
+     unallocated("maker.cpp 11")},
+    {"shapeThatNeverWas",
+     [] {
+         Shape* volatile const nowhere = reinterpret_cast<Shape*>(8);
+         MemShield::destroy(nowhere, PLACE);
      },
      unallocated("")},
     {"arrayReleasedTwice",
@@ -140,7 +184,6 @@ const std::vector<Misuse> MISUSES = {
          MemShield::destroyArray(array, PLACE);
      },
      "MemShield,freeAndUnregister,trying to free un-allocated memory file=user.cpp  line=22 \n" + report("", "")},
-    {"foreignPointer", [] { MemShield::releaseObject(makeObject() + 1, PLACE); }, unallocated("maker.cpp 11")},
     {"overrunAtOnce",
      [] {
          Bytes const object = makeObject();
@@ -168,10 +211,13 @@ const std::vector<Misuse> MISUSES = {
      "~Assertion (false) failed " + UNIT + "342, misuse of memory while one is reported\n", true, 1},
     {"misuseWhileATweakIsLogged",
      [] {
-         Logger::instance().registerClient(new MisusingClient, Logger::ALL_LEVELS);
+         new HookedClient(
+             [](const std::string& line) { has(line, "Updating tweak") ? releaseWhatIsNoBlock() : void(); });
          Tweaks::instance().update("t_a", "1");
      },
      "Tweaks,update,Updating tweak:~" + unallocated("")},
+    {"misusesUnderLocks", misuseUnderLocks, UNALLOCATED + "~" + report("", "")},
+    {"misuseOnANeededThread", misuseOnANeededThread, UNALLOCATED + UNALLOCATED + END},
     {"sizeZero", [] { makeObject(0); }, ALLOCATION + "Assertion (size > 0) failed " + UNIT + "119\n"},
     {"sizeTooLarge",
      [] {
@@ -253,6 +299,7 @@ TEST(MemShieldMisuse, IsReportedWhileOtherThreadsAllocateAndMisuseMemoryToo)
         EXPECT_TRUE(matches(child.output,
                             "~maker.cpp 11! [0->1,]~printRecentlyFreed,~Assertion (false) failed " + UNIT + "342~"))
             << child.output;
+        EXPECT_EQ(child.output.find("overrun"), child.output.rfind("overrun")) << child.output;
     }
 }
 

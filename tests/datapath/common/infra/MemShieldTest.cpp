@@ -51,7 +51,11 @@ TEST_P(MemShieldTest, CountsEveryByteThatItTakes)
     {
         virtual ~Base() = default;
     };
-    struct Derived : std::string, Base
+    struct OtherBase
+    {
+        virtual ~OtherBase() = default;
+    };
+    struct Derived : OtherBase, Base
     {
         explicit Derived(bool& destroyed) : isDestroyed(destroyed) {}
         ~Derived() override { isDestroyed = true; }
@@ -78,7 +82,7 @@ TEST_P(MemShieldTest, CountsEveryByteThatItTakes)
     EXPECT_THROW(static_cast<void>(MemShield::create<Throwing>(SITE)), int);
     bool isDestroyed = false;
     Base* const base = MemShield::create<Derived>(SITE, isDestroyed);
-    MemShield::destroy(base, PLACE);
+    MemShield::destroy(base, dynamic_cast<void*>(base), PLACE);
     EXPECT_TRUE(isDestroyed);
     EXPECT_EQ(before, MemShield::systemHeapBytes());
 }
@@ -132,20 +136,21 @@ TEST(MemShieldHistory, ReleasedBlocksStayWithTheirRecords)
     folder.enter();
     Timer::instance().getTimestampMs();
     folder.write("tweaks_extension.txt",
-                 "t_allocationHistoryLengthMs=1\nt_memshield_pre_margin_size=8\n"
+                 "t_allocationHistoryLengthMs=1\nt_memshield_pre_margin_size=17\n"
                  "t_memshield_post_margin_size=0\nt_MemShieldMaxAllocationInCodeLine=20\nt_MemShieldVerbose=off\n");
     waitForOwnThreads();
     const std::uint64_t ownBytes = MemShield::systemHeapBytes();
     const auto& client = *new CapturingClient; // stays registered
     const LettingGo lettingGo;
     Bytes const object = makeObject(2);
+    EXPECT_EQ(0U, reinterpret_cast<std::uintptr_t>(object) % alignof(std::max_align_t));
     EXPECT_EQ(0xFF, object[0]);
     object[0] = 1;
     for (int i = 1; i < 20; ++i)
     {
         EXPECT_TRUE(makeObject(2) != nullptr);
     }
-    EXPECT_EQ(ownBytes + 20 * (8 + 2U), MemShield::systemHeapBytes());
+    EXPECT_EQ(ownBytes + 20 * (17 + 2U), MemShield::systemHeapBytes());
     MemShield::instance().memShieldDumpLocked();
     std::vector<std::string> dump = client.messages();
     std::erase_if(dump, [](const std::string& line) { return line.find("m_class=Thing") == std::string::npos; });
@@ -163,7 +168,7 @@ TEST(MemShieldHistory, ReleasedBlocksStayWithTheirRecords)
                   return message.find(",allocation ") != std::string::npos;
               }));
     MemShield::releaseObject(object, PLACE);
-    EXPECT_EQ(ownBytes + 20 * (8 + 2U), MemShield::systemHeapBytes());
+    EXPECT_EQ(ownBytes + 20 * (17 + 2U), MemShield::systemHeapBytes());
     EXPECT_EQ(0xFF, object[0]); // still there
     MemShield::instance().printRecentlyFreed();
     const std::string freed = client.messages().back();

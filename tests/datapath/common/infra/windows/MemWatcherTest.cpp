@@ -8,6 +8,7 @@
 #include "tests/support/Support.h"
 
 #include <algorithm>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -31,6 +32,10 @@ struct CpuUsage : testing::Test
         platform::counterCalls.readCpuCounter = [](platform::CpuCounter, platform::CpuTicks& read) {
             read = ticks;
             return status;
+        };
+        platform::timeCalls.utcNow = [] {
+            static std::int32_t seconds = 0;
+            return platform::UtcTime{2024, 1, 1, 0, 0, seconds++, 0};
         };
         platform::randomCalls.nextRandom = [] { return draw; };
         platform::timeCalls.performanceCounter = [](std::int64_t& counter) { return (counter = 1'000) > 0; };
@@ -163,7 +168,8 @@ TEST_F(CpuUsage, IsReportedForEachWatchedThread)
     EXPECT_EQ("Error,NON,ThreadCpuUsageMonitor,update,failed getting thread times", lines.end()[-3]);
     EXPECT_PRED2(matches, lines.end()[-6], "Info,NON,MemWatcher,printCpu,10000000 cpu ticks in 4000 ms");
     EXPECT_FALSE(hasFraction() || hasFraction(5));
-    lines = report(0, {{self, 9'000'000}}); // nothing to compare with
+    EXPECT_TRUE(std::ranges::is_sorted(client->lines())); // by their times
+    lines = report(0, {{self, 9'000'000}});               // nothing to compare with
     EXPECT_EQ("Info,NON,MemWatcher,printCpu,total=0 cpu(perc)", lines.back());
     EXPECT_EQ(0, openThreads);
 
@@ -175,6 +181,26 @@ TEST_F(CpuUsage, IsReportedForEachWatchedThread)
     EXPECT_EQ(0, std::ranges::count(visited, self));
     EXPECT_EQ(before + 4 * (MemShield::isEnabled() ? sizeof(ThreadCpuUsageMonitor) + 80 : 0),
               MemShield::systemHeapBytes());
+}
+
+TEST_F(CpuUsage, ReportsOfSeveralThreadsComeOneAfterTheOther)
+{
+    waitForOwnThreads();
+    std::thread other;
+    const HookedClient hook([&](const std::string& line) {
+        if (line.find("cpu ticks in") != std::string::npos && !other.joinable())
+        {
+            other = std::thread([] { MemWatcher::instance().printCpu(); });
+            MemWatcher::instance().printCpu(); // leads to no report within a report
+        }
+    });
+    MemWatcher::instance().printCpu();
+    other.join();
+    Texts lines = client->messages();
+    std::erase_if(lines, [](const std::string& line) { return !line.starts_with("Info,NON,MemWatcher,printCpu,"); });
+    ASSERT_EQ(4U, lines.size());
+    EXPECT_PRED2(matches, lines[1], "~,total=~");
+    EXPECT_PRED2(matches, lines[2], "~ cpu ticks in ~");
 }
 
 TEST_F(CpuUsage, ComesBehindTheMemoryOfTheProcess)
