@@ -13,9 +13,9 @@ public:
 
 int main()
 {
-    static ConsoleClient client; // the hub keeps using it until the process ends
+    ConsoleClient client;
     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "copied files=" << 3 << " of " << 4 << std::endl;
     LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "cannot copy notes.txt, lastError=" << 5 << std::endl;
-    Logger::instance().flushClients();
+    Logger::instance().unregisterClient(&client); // from here on nobody calls it
 }
