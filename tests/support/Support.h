@@ -10,6 +10,8 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 /// Keeps every line it is given; safe for several threads.
@@ -48,37 +50,29 @@ struct HookedClient : LoggerClient
 };
 
 /// Replaces one entry of a platform table for a scope.
-template <class Function> class ScopedReplacement
+class ScopedReplacement
 {
 public:
-    ScopedReplacement(Function& entry, Function replacement) : m_entry(entry), m_original(entry)
+    template <class Function>
+    ScopedReplacement(Function& entry, std::type_identity_t<Function> replacement)
+        : m_putBack([&entry, original = std::exchange(entry, replacement)] { entry = original; })
     {
-        entry = replacement;
     }
     ScopedReplacement(const ScopedReplacement&) = delete;
     ScopedReplacement& operator=(const ScopedReplacement&) = delete;
-    ~ScopedReplacement() { m_entry = m_original; }
+    ~ScopedReplacement() { m_putBack(); }
 
 private:
-    Function& m_entry;
-    Function m_original;
+    std::function<void()> m_putBack;
 };
 
 /// While it lives, what would end the process throws ProcessEnded instead.
 struct ProcessEnded
 {
 };
-class ScopedProcessEnd
+struct ScopedProcessEnd
 {
-public:
-    ScopedProcessEnd()
-        : m_replacement(
-              platform::processCalls.endProcess, +[] { throw ProcessEnded(); })
-    {
-    }
-
-private:
-    ScopedReplacement<void (*)()> m_replacement;
+    ScopedReplacement replacement{platform::processCalls.endProcess, [] { throw ProcessEnded(); }};
 };
 
 /// Lets the program go on after lines of level Assert, from its construction on.

@@ -51,44 +51,51 @@ protected:
         client = capturing;
         programPath = folder.path("program.exe");
         appDataFolder = folder.path("");
-        shellCalls.commonAppDataFolder = [](char* buffer) {
-            std::strcpy(buffer, appDataFolder.c_str());
-            return 0;
-        };
-        dialogCalls.endDialog = [](DialogHandle, std::intptr_t result) {
-            calls += "end " + std::to_string(result) + ";";
-            return true;
-        };
-        dialogCalls.dialogItem = [](DialogHandle, int id) {
-            return reinterpret_cast<ControlHandle>(std::intptr_t{id});
-        };
-        dialogCalls.enableControl = [](ControlHandle control, bool enable) {
-            calls += (enable ? "enable " : "disable ") + std::to_string(reinterpret_cast<std::intptr_t>(control)) + ";";
-            return true;
-        };
-        dialogCalls.sendItemMessage = [](DialogHandle, int id, std::uint32_t message, std::uintptr_t wParam,
-                                         std::intptr_t lParam) -> std::intptr_t {
-            EXPECT_TRUE(id == 1002 && wParam == 0);
-            if (message == MESSAGE_EDIT_LINE_LENGTH)
-            {
-                return static_cast<std::intptr_t>(editText.size());
-            }
-            auto* const buffer = reinterpret_cast<char16_t*>(lParam);
-            return static_cast<std::intptr_t>(editText.copy(buffer, *buffer));
-        };
-        processCalls.moduleFileName = [](char* buffer, std::uint32_t size) {
-            EXPECT_EQ(260U, size);
-            std::strcpy(buffer, programPath.c_str());
-            return static_cast<std::uint32_t>(programPath.size());
-        };
-        processCalls.createProcess = [](std::u16string& commandLine) {
-            startedCommandLine = commandLine;
-            calls += "start;";
-            return ErrorNumber::FileNotFound;
-        };
     }
 
     ScratchFolder folder;
+    const ScopedReplacement replacements[7] = {
+        {shellCalls.commonAppDataFolder,
+         [](char* buffer) {
+             std::strcpy(buffer, appDataFolder.c_str());
+             return 0;
+         }},
+        {dialogCalls.endDialog,
+         [](DialogHandle, std::intptr_t result) {
+             calls += "end " + std::to_string(result) + ";";
+             return true;
+         }},
+        {dialogCalls.dialogItem,
+         [](DialogHandle, int id) { return reinterpret_cast<ControlHandle>(std::intptr_t{id}); }},
+        {dialogCalls.enableControl,
+         [](ControlHandle control, bool enable) {
+             calls +=
+                 (enable ? "enable " : "disable ") + std::to_string(reinterpret_cast<std::intptr_t>(control)) + ";";
+             return true;
+         }},
+        {dialogCalls.sendItemMessage,
+         [](DialogHandle, int id, std::uint32_t message, std::uintptr_t wParam, std::intptr_t lParam) -> std::intptr_t {
+             EXPECT_TRUE(id == 1002 && wParam == 0);
+             if (message == MESSAGE_EDIT_LINE_LENGTH)
+             {
+                 return static_cast<std::intptr_t>(editText.size());
+             }
+             auto* const buffer = reinterpret_cast<char16_t*>(lParam);
+             return static_cast<std::intptr_t>(editText.copy(buffer, *buffer));
+         }},
+        {processCalls.moduleFileName,
+         [](char* buffer, std::uint32_t size) {
+             EXPECT_EQ(260U, size);
+             std::strcpy(buffer, programPath.c_str());
+             return static_cast<std::uint32_t>(programPath.size());
+         }},
+        {processCalls.createProcess,
+         [](std::u16string& commandLine) {
+             startedCommandLine = commandLine;
+             calls += "start;";
+             return ErrorNumber::FileNotFound;
+         }},
+    };
 };
 
 TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
@@ -96,19 +103,20 @@ TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
     folder.write("tweaks_extension.txt", "T_ENABLEMEMSHIELD = Off\nt_fileLoggerEnabled = 1\n");
     folder.enter();
     folder.write("program.exe.conf", "\t10.0.0.1  80\r\npeer\n\n90 ignored\n");
-    dialogCalls.runDialog = [](ModuleHandle module, int dialogId, DialogProcedure procedure) -> std::intptr_t {
-        EXPECT_TRUE(module == client && dialogId == 101);
-        EXPECT_EQ(1, procedure(nullptr, MESSAGE_INIT_DIALOG, 0, 0));
-        EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, EDIT_CHANGED, 0));
-        editText = u"\u00e9 \U0001F600";
-        EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, EDIT_CHANGED, 0));
-        EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, 0x0100U << 16U | 1002U, 0)); // the edit got the focus
-        EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, 0x0300U << 16U | 1003U, 0)); // another control changed
-        EXPECT_EQ(0, procedure(nullptr, 0x000F, 0, 0));
-        EXPECT_EQ(1, procedure(nullptr, MESSAGE_COMMAND, CONTROL_OK, 0));
-        EXPECT_EQ("disable 1;enable 1;start;end 1;", calls);
-        return procedure(nullptr, MESSAGE_COMMAND, CONTROL_CANCEL, 0);
-    };
+    const ScopedReplacement dialog(
+        dialogCalls.runDialog, [](ModuleHandle module, int dialogId, DialogProcedure procedure) -> std::intptr_t {
+            EXPECT_TRUE(module == client && dialogId == 101);
+            EXPECT_EQ(1, procedure(nullptr, MESSAGE_INIT_DIALOG, 0, 0));
+            EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, EDIT_CHANGED, 0));
+            editText = u"\u00e9 \U0001F600";
+            EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, EDIT_CHANGED, 0));
+            EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, 0x0100U << 16U | 1002U, 0)); // the edit got the focus
+            EXPECT_EQ(0, procedure(nullptr, MESSAGE_COMMAND, 0x0300U << 16U | 1003U, 0)); // another control changed
+            EXPECT_EQ(0, procedure(nullptr, 0x000F, 0, 0));
+            EXPECT_EQ(1, procedure(nullptr, MESSAGE_COMMAND, CONTROL_OK, 0));
+            EXPECT_EQ("disable 1;enable 1;start;end 1;", calls);
+            return procedure(nullptr, MESSAGE_COMMAND, CONTROL_CANCEL, 0);
+        });
     EXPECT_EQ(0, wWinMain(client, nullptr, nullptr, 0));
     EXPECT_EQ(u"TavroVssAgent.exe -GUI 10.0.0.1 80 peer 90 \"\u00e9 \U0001F600\"", startedCommandLine);
     EXPECT_FALSE(MemShield::isEnabled());
@@ -163,13 +171,14 @@ TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
 TEST_F(CheckpointProgram, RunsWithoutALogWhereItsFolderCannotBe)
 {
     folder.enter();
-    dialogCalls.runDialog = [](ModuleHandle, int, DialogProcedure) -> std::intptr_t { return 0; };
+    const ScopedReplacement dialog(dialogCalls.runDialog,
+                                   [](ModuleHandle, int, DialogProcedure) -> std::intptr_t { return 0; });
     appDataFolder = folder.path("no\\such");
     testing::internal::CaptureStdout();
     EXPECT_EQ(0, wWinMain(nullptr, nullptr, nullptr, 0));
     EXPECT_EQ("failed to create directory lastError=3 \n", testing::internal::GetCapturedStdout());
 
-    shellCalls.commonAppDataFolder = [](char* /*buffer*/) { return -1; };
+    const ScopedReplacement noFolder(shellCalls.commonAppDataFolder, [](char*) { return -1; });
     testing::internal::CaptureStdout();
     EXPECT_EQ(0, wWinMain(nullptr, nullptr, nullptr, 0));
     EXPECT_EQ("", testing::internal::GetCapturedStdout());

@@ -164,9 +164,12 @@ TEST(DeadLockCheckerManager, LooksOnceAnInterval)
     const ScratchFolder folder;
     folder.enter();
     folder.write("tweaks_extension.txt", "t_deadlockCheckerIntervalSec=7\n");
-    realSleep = std::exchange(platform::threadCalls.sleepMs, sleepUntilCheck);
-    platform::timeCalls.performanceFrequency = [](std::int64_t& frequency) { return (frequency = 1'000) > 0; };
-    platform::timeCalls.performanceCounter = [](std::int64_t& ticks) { return (ticks = nowMs) > 0; };
+    realSleep = platform::threadCalls.sleepMs;
+    const ScopedReplacement sleep(platform::threadCalls.sleepMs, sleepUntilCheck);
+    const ScopedReplacement frequency(platform::timeCalls.performanceFrequency,
+                                      [](std::int64_t& value) { return (value = 1'000) > 0; });
+    const ScopedReplacement counter(platform::timeCalls.performanceCounter,
+                                    [](std::int64_t& value) { return (value = nowMs) > 0; });
     const auto* const client = new CapturingClient; // stays registered
     waitForOwnThreads();
     const DlcKeepalive stuck("Stuck");
@@ -176,14 +179,14 @@ TEST(DeadLockCheckerManager, LooksOnceAnInterval)
     EXPECT_EQ(7'000U, sleptMs);
     const std::vector<std::pair<const char*, std::uint32_t>> intervals = {
         {"7", 7'000}, {"8", 8'000}, {"2147483647", 4'294'967'294}, {"0", 1'000}, {"60", 60'000}};
-    for (const auto& [interval, sleep] : intervals)
+    for (const auto& [interval, sleepMs] : intervals)
     {
         Tweaks::instance().update("t_deadlockCheckerIntervalSec", interval);
         nowMs += 8'000;
         alive.setAlive();
         mayCheck.signal();
         hasChecked.wait();
-        EXPECT_EQ(sleep, sleptMs);
+        EXPECT_EQ(sleepMs, sleptMs);
     }
     Texts lines = client->messages();
     lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));

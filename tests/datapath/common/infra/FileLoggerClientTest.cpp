@@ -81,8 +81,7 @@ protected:
 
     ScratchFolder folder;
     std::string base = folder.path("app.log");
-    ScopedReplacement<decltype(platform::fileCalls.writeFile)> replacedDisk{platform::fileCalls.writeFile,
-                                                                            writeWhenAllowed};
+    ScopedReplacement replacedDisk{platform::fileCalls.writeFile, writeWhenAllowed};
 };
 
 TEST_F(FileLogger, EachRunBeginsWithItsHeaderAndContinuesTheFile)

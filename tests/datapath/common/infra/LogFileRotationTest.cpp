@@ -4,6 +4,7 @@
 #include "tests/support/Support.h"
 
 #include <algorithm>
+#include <optional>
 #include <system_error>
 
 #include <gtest/gtest.h>
@@ -19,11 +20,11 @@ constexpr std::uint64_t LIMIT = 10'485'760; // bytes
 class SynchronousLogger : public GenFileLogger
 {
 public:
-    SynchronousLogger(const std::string& path, bool isCompressed, std::uint32_t maxFiles)
+    SynchronousLogger(const std::string& path, bool isCompressed, std::optional<std::uint32_t> maxFiles = {})
         : GenFileLogger(path, 1, Writer::NotStarted)
     {
         m_compressOnRotate = isCompressed;
-        m_maxFiles = maxFiles;
+        m_maxFiles = maxFiles.value_or(m_maxFiles);
     }
 
     void writeText(const std::string& text) { write(text.data(), static_cast<std::uint32_t>(text.size())); }
@@ -46,7 +47,8 @@ protected:
     }
 
     /// The files beside the live one that a rotation leaves, each with the start of its name cut off.
-    std::string afterRotation(const std::vector<std::string>& before, std::uint32_t maxFiles, bool isCompressed = false)
+    std::string afterRotation(const std::vector<std::string>& before, std::optional<std::uint32_t> maxFiles = {},
+                              bool isCompressed = false)
     {
         for (const std::string& name : folder.files())
         {
@@ -113,10 +115,10 @@ TEST_F(LogFileRotation, TheDefaultKeepsAThousandFiles)
     {
         files.push_back("00" + std::to_string(number) + ".txt");
     }
-    const std::string all = afterRotation(files, 1000);
+    const std::string all = afterRotation(files);
     EXPECT_TRUE(all.starts_with("001001.txt ") && all.ends_with("002000.txt "));
     files.push_back("002000.txt");
-    EXPECT_TRUE(afterRotation(files, 1000).starts_with("001002.txt "));
+    EXPECT_TRUE(afterRotation(files).starts_with("001002.txt "));
 }
 
 TEST_F(LogFileRotation, WithoutABackslashTheWorkingFolderHoldsTheFilesAndTweaksLimitThem)

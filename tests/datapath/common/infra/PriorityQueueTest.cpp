@@ -18,13 +18,7 @@ std::int64_t nowMs = 20'000;
 
 struct PriorityQueueTest : testing::Test
 {
-    PriorityQueueTest()
-    {
-        folder.enter();
-        platform::timeCalls.tickCountMs = [] { return static_cast<std::uint64_t>(nowMs); };
-        platform::timeCalls.performanceFrequency = [](std::int64_t& frequency) { return (frequency = 1'000) > 0; };
-        platform::timeCalls.performanceCounter = [](std::int64_t& ticks) { return (ticks = nowMs) > 0; };
-    }
+    PriorityQueueTest() { folder.enter(); }
 
     /// What has been logged with that head, without it.
     Texts logged(const std::string& head) const
@@ -39,6 +33,12 @@ struct PriorityQueueTest : testing::Test
     const LettingGo lettingGo;
     CapturingClient* const client = new CapturingClient; // stays registered
     std::uint32_t priority = 0;
+    const ScopedReplacement tickCount{platform::timeCalls.tickCountMs,
+                                      [] { return static_cast<std::uint64_t>(nowMs); }};
+    const ScopedReplacement frequency{platform::timeCalls.performanceFrequency,
+                                      [](std::int64_t& value) { return (value = 1'000) > 0; }};
+    const ScopedReplacement counter{platform::timeCalls.performanceCounter,
+                                    [](std::int64_t& value) { return (value = nowMs) > 0; }};
 };
 
 TEST_F(PriorityQueueTest, PrioritiesOutOfRangeAreNamed)

@@ -19,19 +19,17 @@ std::int64_t counterTicks = 0;
 std::uint64_t tickCount = 0;
 
 /// A counter of 1000 ticks a millisecond that shows what the test says.
-void replaceClock(std::int64_t ticks)
+struct ReplacedClock
 {
-    counterTicks = ticks;
-    platform::timeCalls.performanceFrequency = [](std::int64_t& frequency) {
-        frequency = 1'000'999; // cut to 1000 a millisecond
-        return true;
-    };
-    platform::timeCalls.performanceCounter = [](std::int64_t& value) {
-        value = counterTicks;
-        return true;
-    };
-    platform::timeCalls.tickCountMs = [] { return tickCount; };
-}
+    explicit ReplacedClock(std::int64_t ticks) { counterTicks = ticks; }
+
+    const ScopedReplacement frequency{platform::timeCalls.performanceFrequency, [](std::int64_t& value) {
+                                          return (value = 1'000'999) > 0; // cut to 1000 a millisecond
+                                      }};
+    const ScopedReplacement counter{platform::timeCalls.performanceCounter,
+                                    [](std::int64_t& value) { return value = counterTicks, true; }};
+    const ScopedReplacement systemTicks{platform::timeCalls.tickCountMs, [] { return tickCount; }};
+};
 
 std::int64_t ticks()
 {
@@ -45,7 +43,7 @@ TEST(WindowsTimer, HoldsStillWhenTheCounterStepsBack)
     static CapturingClient client;
     static LettingGo lettingGo;
     const std::string method = "NON,WindowsTimer,getPerformanceCounter,";
-    replaceClock(-5'000);
+    const ReplacedClock clock(-5'000);
     EXPECT_EQ(-5'000, ticks()); // the first reading is taken whatever it is
     for (const std::int64_t later : {5'000, 5'000})
     {
@@ -82,7 +80,7 @@ TEST(WindowsTimer, AStepBackIsMeasuredAgainstWhatItsReaderSaw)
         }
         WindowsTimer* timer = nullptr;
     } readsOn; // moves the clock on while the Error line is written
-    replaceClock(1'000);
+    const ReplacedClock clock(1'000);
     WindowsTimer timer;
     readsOn.timer = &timer;
     std::int64_t value = 0;
@@ -100,11 +98,9 @@ TEST(WindowsTimer, FaultsOfTheCounterEndTheProcess)
     static CapturingClient client;
     const ScopedProcessEnd ending;
     static std::int64_t frequency; // 0: cannot be read
-    platform::timeCalls.performanceFrequency = [](std::int64_t& value) {
-        value = frequency;
-        return frequency > 0;
-    };
-    platform::timeCalls.performanceCounter = [](std::int64_t&) { return false; };
+    const ScopedReplacement frequencyCall(platform::timeCalls.performanceFrequency,
+                                          [](std::int64_t& value) { return (value = frequency) > 0; });
+    const ScopedReplacement counterCall(platform::timeCalls.performanceCounter, [](std::int64_t&) { return false; });
     const auto expectLast = [](const std::string& start) { EXPECT_EQ(0U, client.messages().back().find(start)); };
     const std::string path = ") failed datapath/common/infra/windows/WindowsTimer.cpp ";
     EXPECT_THROW(WindowsTimer(), ProcessEnded);
@@ -122,7 +118,7 @@ TEST(WindowsTimer, FaultsOfTheCounterEndTheProcess)
 TEST(Timer, TimeBasesStandOnTheCounter)
 {
     ITimer& timer = Timer::instance();
-    replaceClock(12'345'999);
+    const ReplacedClock clock(12'345'999);
     tickCount = 1'000;
     EXPECT_EQ(0, timer.getLastTimestampMs_Inaccurate(true));
     EXPECT_EQ(0, timer.getLastTimestampMs_Inaccurate(false)); // not more than a second since tick 0
@@ -144,7 +140,8 @@ TEST(Timer, TimeBasesStandOnTheCounter)
 TEST(Timer, CalendarAndCpuTimesComeFromTheSystem)
 {
     ITimer& timer = Timer::instance();
-    platform::timeCalls.utcNow = [] { return platform::UtcTime{2024, 2, 29, 23, 59, 58, 987}; };
+    const ScopedReplacement utc(platform::timeCalls.utcNow,
+                                [] { return platform::UtcTime{2024, 2, 29, 23, 59, 58, 987}; });
     EXPECT_EQ(1'709'251'198'987, timer.getUtcTimeMs());
     const auto steadyNs = [] { return std::chrono::steady_clock::now().time_since_epoch().count(); };
     const std::int64_t before = steadyNs();
@@ -152,15 +149,16 @@ TEST(Timer, CalendarAndCpuTimesComeFromTheSystem)
     const auto ns = static_cast<std::int64_t>(timer.getTimestampNs());
     const std::int64_t after = steadyNs();
     EXPECT_TRUE(before / 1'000 <= us && us <= ns / 1'000 && before <= ns && ns <= after);
-    platform::threadCalls.currentThreadCycles = [] { return std::uint64_t{4711}; };
+    const ScopedReplacement cycles(platform::threadCalls.currentThreadCycles, [] { return std::uint64_t{4711}; });
     EXPECT_EQ(4711U, timer.getThreadCycles());
 
-    platform::timeCalls.processCpuTime = [] { return std::optional(platform::CpuTime{.kernel = 400, .user = 80}); };
-    platform::timeCalls.processorCount = [] { return 4U; };
+    static std::optional cpuTime = platform::CpuTime{.kernel = 400, .user = 80};
+    const ScopedReplacement times(platform::timeCalls.processCpuTime, [] { return cpuTime; });
+    const ScopedReplacement processors(platform::timeCalls.processorCount, [] { return 4U; });
     EXPECT_EQ(48U, timer.getProcessCpuTimeUs());
     timer.start();
     EXPECT_EQ(12U, timer.getProcessCpuTimeUs());
-    platform::timeCalls.processCpuTime = []() -> std::optional<platform::CpuTime> { return std::nullopt; };
+    cpuTime.reset();
     EXPECT_EQ(0U, timer.getProcessCpuTimeUs());
 }
 

@@ -24,22 +24,7 @@ int opened = 0;
 
 struct CpuUsage : testing::Test
 {
-    CpuUsage()
-    {
-        folder.enter();
-        platform::counterCalls.openCpuCounter = [] { return platform::CpuCounter{++opened}; };
-        platform::counterCalls.closeCpuCounter = [](platform::CpuCounter) { --opened; };
-        platform::counterCalls.readCpuCounter = [](platform::CpuCounter, platform::CpuTicks& read) {
-            read = ticks;
-            return status;
-        };
-        platform::timeCalls.utcNow = [] {
-            static std::int32_t seconds = 0;
-            return platform::UtcTime{2024, 1, 1, 0, 0, seconds++, 0};
-        };
-        platform::randomCalls.nextRandom = [] { return draw; };
-        platform::timeCalls.performanceCounter = [](std::int64_t& counter) { return (counter = 1'000) > 0; };
-    }
+    CpuUsage() { folder.enter(); }
 
     /// Whether the last line but that many shows a fraction of its second.
     bool hasFraction(int line = 0) const
@@ -50,6 +35,19 @@ struct CpuUsage : testing::Test
     const ScratchFolder folder;
     const LettingGo lettingGo;
     const CapturingClient* const client = new CapturingClient; // stays registered
+    const ScopedReplacement opening{platform::counterCalls.openCpuCounter,
+                                    [] { return platform::CpuCounter{++opened}; }};
+    const ScopedReplacement closing{platform::counterCalls.closeCpuCounter, [](platform::CpuCounter) { --opened; }};
+    const ScopedReplacement reading{
+        platform::counterCalls.readCpuCounter,
+        [](platform::CpuCounter, platform::CpuTicks& read) { return read = ticks, status; }};
+    const ScopedReplacement clock{platform::timeCalls.utcNow, [] {
+                                      static std::atomic<std::int32_t> seconds = 0;
+                                      return platform::UtcTime{2024, 1, 1, 0, 0, seconds++, 0};
+                                  }};
+    const ScopedReplacement random{platform::randomCalls.nextRandom, [] { return draw; }};
+    const ScopedReplacement counter{platform::timeCalls.performanceCounter,
+                                    [](std::int64_t& value) { return (value = 1'000) > 0; }};
 };
 
 TEST_F(CpuUsage, IsWhatWasNotIdleSinceTheLastUpdate)
@@ -128,11 +126,12 @@ int openThreads = 0;
 TEST_F(CpuUsage, IsReportedForEachWatchedThread)
 {
     waitForOwnThreads();
-    platform::threadCalls.openThread = [](std::uint32_t id) {
+    const ScopedReplacement openingThreads(platform::threadCalls.openThread, [](std::uint32_t id) {
         return userTimes.contains(id) ? ++openThreads, Handle{static_cast<std::intptr_t>(id)} : Handle::Invalid;
-    };
-    platform::threadCalls.threadUserTime = [](Handle thread) { return userTimes[static_cast<std::uint32_t>(thread)]; };
-    platform::threadCalls.closeThread = [](Handle) { --openThreads; };
+    });
+    const ScopedReplacement timingThreads(platform::threadCalls.threadUserTime,
+                                          [](Handle thread) { return userTimes[static_cast<std::uint32_t>(thread)]; });
+    const ScopedReplacement closingThreads(platform::threadCalls.closeThread, [](Handle) { --openThreads; });
     const std::uint32_t self = platform::currentThreadId();
     const std::string own = std::to_string(self) + "[the test]";
     Logger::instance().setThreadName("the test");
@@ -205,20 +204,22 @@ TEST_F(CpuUsage, ReportsOfSeveralThreadsComeOneAfterTheOther)
 
 TEST_F(CpuUsage, ComesBehindTheMemoryOfTheProcess)
 {
-    platform::counterCalls.processMemory = [](platform::ProcessHandle, platform::ProcessMemory& memory) {
-        memory = {1, 2, 3, 4, 5, 6, 7, 18'446'744'073'709'551'615U};
-        return true;
-    };
+    static bool isReadable = true;
+    const ScopedReplacement use(platform::counterCalls.processMemory,
+                                [](platform::ProcessHandle, platform::ProcessMemory& memory) {
+                                    memory = {1, 2, 3, 4, 5, 6, 7, 18'446'744'073'709'551'615U};
+                                    return isReadable;
+                                });
     MemWatcher::printMem();
     EXPECT_EQ("Info,NON,MemWatcher,printMem,memory information: PWSS=1 WSS=2 QPPPU=3 QPU=4 QPNPPU=5 QNPPU=6 PFU=7 "
               "PPFileU=18446744073709551615",
               client->messages().back());
     EXPECT_FALSE(hasFraction());
-    platform::counterCalls.processMemory = [](platform::ProcessHandle, platform::ProcessMemory&) { return false; };
+    isReadable = false;
     MemWatcher::printMem();
     EXPECT_EQ(1U, client->messages().size());
     const ScopedProcessEnd ending;
-    platform::counterCalls.openOwnProcess = [] { return platform::ProcessHandle::Invalid; };
+    const ScopedReplacement own(platform::counterCalls.openOwnProcess, [] { return platform::ProcessHandle::Invalid; });
     EXPECT_THROW(MemWatcher::printMem(), ProcessEnded);
     EXPECT_PRED2(matches, client->messages().back(),
                  "Error,NON,MemWatcher,printMem,Assertion (NULL != hProcess) failed "

@@ -72,7 +72,7 @@ struct Gate : LoggerClient
 
 TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
 {
-    platform::timeCalls.utcNow = [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; };
+    const ScopedReplacement utc(platform::timeCalls.utcNow, [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
     waitForOwnThreads();                 // numbers 1 and 2
     auto& client = *new CapturingClient; // stays registered, as the next one
     auto& gate = *new Gate;
