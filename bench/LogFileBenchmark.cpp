@@ -132,7 +132,7 @@ void measureAsynchronous(FileLoggerClient& client, int threads)
 /// In its default, the synchronous mode.
 struct SynchronousLogger : GenFileLogger
 {
-    SynchronousLogger() : GenFileLogger(std::filesystem::current_path().string() + "\\sync.log", 1) {}
+    SynchronousLogger() : GenFileLogger((std::filesystem::current_path() / "sync.log").string(), 1) {}
 };
 
 /// Hands the lines that LogItem makes to the synchronous logger, as a client would.
@@ -186,7 +186,7 @@ void measureBytes()
 void measureRotation()
 {
     std::filesystem::create_directory("many");
-    const std::string base = std::filesystem::current_path().string() + "\\many\\log";
+    const std::string base = (std::filesystem::current_path() / "many/log").string();
     for (int i = 1; i <= 10'000; ++i)
     {
         std::ofstream("many/log" + std::to_string(1'000'000 + i) + ".txt");
@@ -213,7 +213,7 @@ void measureMemory()
     const std::string line = "2024-03-05 07:08:09.042,Info,471100,NON,,logLine,write took longer than expected, "
                              "waitedMs=123456 bytes=65536 queued=123456 retries=3\n";
     const auto allocated = [] { return static_cast<double>(mallinfo2().uordblks + mallinfo2().hblkhd); };
-    FileLoggerClient client(std::filesystem::current_path().string() + "\\still.log", BUDGET_MIB, "");
+    FileLoggerClient client((std::filesystem::current_path() / "still.log").string(), BUDGET_MIB, "");
     client.flush();
     const double before = allocated();
     isDiskStill = true;
@@ -239,7 +239,7 @@ int main()
         return writeFile(file, bytes, size);
     };
     constexpr std::uint32_t NEVER_FULL_MIB = 4095;
-    static FileLoggerClient client(std::filesystem::current_path().string() + "\\ours.log", NEVER_FULL_MIB, "");
+    static FileLoggerClient client((std::filesystem::current_path() / "ours.log").string(), NEVER_FULL_MIB, "");
     static SynchronousClient synchronous;
     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
     Logger::instance().registerClient(&synchronous, 0);

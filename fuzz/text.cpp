@@ -62,8 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
         {
             read += line + "\n";
         }
-        files["olm_tweaks\\\\tweaks.txt.1"] = text;
-        files["olm_tweaks\\\\tweaks.txt.1.sig"] = "1\n" + std::to_string(crc32Of(read)) + "\n";
+        files["olm_tweaks//tweaks.txt.1"] = text;
+        files["olm_tweaks//tweaks.txt.1.sig"] = "1\n" + std::to_string(crc32Of(read)) + "\n";
     }
     else
     {

@@ -1,7 +1,8 @@
 #pragma once
 
-// Files and folders, one system call a function. Paths are narrow and zero-terminated; a backslash
-// and a slash both separate. Bytes are passed as they are: text translation is the caller's.
+// Files and folders, one system call a function. Paths are narrow, zero-terminated and the system's own,
+// with PATH_SEPARATOR (Text.h) between their parts: they are passed as they are. So are bytes: text
+// translation is the caller's.
 // Every function may be called from any thread; a handle belongs to whoever opened it and must be
 // closed once. Opened handles are never inherited by started processes, and other programs may
 // read, rename and delete a file while it is open here.

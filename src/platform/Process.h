@@ -21,8 +21,8 @@ struct ProcessCalls
 /// The implementation in use. Tests replace single entries before other threads call them.
 extern ProcessCalls processCalls;
 
-/// GetModuleFileNameA; /proc/self/exe. Writes the running program's full path, backslashes between
-/// its parts, zero-terminated, and returns its length. A path that does not fit is cut to size - 1
+/// GetModuleFileNameA; /proc/self/exe. Writes the running program's full path, narrow, with the system's own
+/// separators and zero-terminated, and returns its length. A path that does not fit is cut to size - 1
 /// characters and size is returned. Returns 0 on failure, with an empty buffer.
 inline std::uint32_t moduleFileName(char* buffer, std::uint32_t size)
 {

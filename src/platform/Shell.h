@@ -22,12 +22,12 @@ struct ShellCalls
 extern ShellCalls shellCalls;
 
 /// SHGetFolderPathA of CSIDL_COMMON_APPDATA, created if missing; the environment's PROGRAMDATA,
-/// else /var/lib, neither of them created. Writes the narrow path into a buffer of PATH_BUFFER_SIZE. Returns 0, or the
-/// system's failure code.
+/// else /var/lib, neither of them created. Writes the narrow path, zero-terminated, into a buffer of PATH_BUFFER_SIZE.
+/// Returns 0, or the system's failure code.
 [[nodiscard]] inline std::int32_t commonAppDataFolder(char* buffer) { return shellCalls.commonAppDataFolder(buffer); }
 
-/// PathAppendA: joins with exactly one backslash, in place, in a buffer of PATH_BUFFER_SIZE. False
-/// when the result does not fit.
+/// PathAppendA: joins two paths with exactly one PATH_SEPARATOR (Text.h), in place, in a buffer of
+/// PATH_BUFFER_SIZE. False when the result does not fit.
 inline bool appendToPath(char* path, const char* more) { return shellCalls.appendToPath(path, more); }
 
 } // namespace platform

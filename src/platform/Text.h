@@ -1,5 +1,6 @@
 #pragma once
 
-// How this system's text files end a line: LINE_END, a constant of the folder that CMake chose.
+// How this system writes, constants of the folder that CMake chose: LINE_END ends a line of a text file,
+// PATH_SEPARATOR stands between the parts of a path.
 
 #include "NativeText.h"

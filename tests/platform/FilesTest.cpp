@@ -62,7 +62,7 @@ TEST(Files, FailuresCarryTheSystemsNumbers)
     const std::string missing = folder.path("missing");
     EXPECT_EQ(ErrorNumber::FileNotFound, openFile(missing.c_str(), OpenMode::Read).error);
     EXPECT_EQ(FileHandle::Invalid, openFile(missing.c_str(), OpenMode::Read).handle);
-    EXPECT_EQ(ErrorNumber::PathNotFound, openFile(folder.path("no\\such").c_str(), OpenMode::Read).error);
+    EXPECT_EQ(ErrorNumber::PathNotFound, openFile(folder.path("no/such").c_str(), OpenMode::Read).error);
     EXPECT_EQ(ErrorNumber::AccessDenied, openFile(folder.path("").c_str(), OpenMode::Append).error);
     EXPECT_EQ(ErrorNumber::AccessDenied, openFile(folder.path("").c_str(), OpenMode::Read).error);
     EXPECT_EQ(2, removeFile(missing.c_str()));
@@ -84,8 +84,8 @@ TEST(Files, RenamingNeverReplacesAndRemovingSparesFolders)
     EXPECT_NE(0, removeFile(sub.c_str()));
     EXPECT_EQ(17, makeFolder(sub.c_str()));
     EXPECT_EQ(ErrorNumber::AlreadyExists, createFolder(to.c_str()));
-    EXPECT_EQ(2, makeFolder(folder.path("no\\such").c_str()));
-    EXPECT_EQ(ErrorNumber::PathNotFound, createFolder(folder.path("no\\such").c_str()));
+    EXPECT_EQ(2, makeFolder(folder.path("no/such").c_str()));
+    EXPECT_EQ(ErrorNumber::PathNotFound, createFolder(folder.path("no/such").c_str()));
 }
 
 TEST(Files, AWalkMeetsEveryEntryOnceAndSaysWhichAreFolders)

@@ -2,6 +2,7 @@
 
 #include "platform/Counters.h"
 #include "platform/Shell.h"
+#include "platform/Text.h"
 #include "platform/Threads.h"
 #include "platform/Time.h"
 
@@ -70,20 +71,23 @@ TEST(Counters, OwnMemoryAndTheMachinesIdleTimeAreRead)
     closeCpuCounter(counter);
 }
 
-TEST(Shell, PathsAreJoinedWithOneBackslashAndNeverOverrunTheBuffer)
+TEST(Shell, PathsAreJoinedWithOneSeparatorAndNeverOverrunTheBuffer)
 {
     std::array<char, PATH_BUFFER_SIZE> path{};
-    const auto joined = [&path](const char* start, const std::string& more) {
-        std::strcpy(path.data(), start);
+    const auto joined = [&path](const std::string& start, const std::string& more) {
+        std::strcpy(path.data(), start.c_str());
         return appendToPath(path.data(), more.c_str()) ? std::string(path.data()) : "";
     };
-    EXPECT_EQ("C:\\data\\Tavro", joined("C:\\data", "Tavro"));
-    EXPECT_EQ("C:\\data\\Tavro", joined("C:\\data\\", "Tavro"));
-    EXPECT_EQ("C:\\data\\Tavro", joined("C:\\data", "\\Tavro"));
-    EXPECT_EQ("", joined("C:\\data", std::string(PATH_BUFFER_SIZE, 'x')));
+    const std::string separator(1, PATH_SEPARATOR);
+    const std::string data = separator + "data";
+    const std::string expected = data + separator + "Tavro";
+    EXPECT_EQ(expected, joined(data, "Tavro"));
+    EXPECT_EQ(expected, joined(data + separator, "Tavro"));
+    EXPECT_EQ(expected, joined(data, separator + "Tavro"));
+    EXPECT_EQ("", joined(data, std::string(PATH_BUFFER_SIZE, 'x')));
 
     ASSERT_EQ(0, commonAppDataFolder(path.data()));
-    EXPECT_NE(std::string::npos, std::string(path.data()).find('\\'));
+    EXPECT_NE(std::string::npos, std::string(path.data()).find(PATH_SEPARATOR));
 }
 
 } // namespace

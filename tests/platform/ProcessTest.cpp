@@ -2,6 +2,7 @@
 // drive the finished program.
 
 #include "platform/Process.h"
+#include "platform/Text.h"
 #include "tests/support/Support.h"
 
 #include <array>
@@ -21,7 +22,7 @@ TEST(Process, TheProgramsPathIsWholeOrCutToTheBuffer)
     const std::uint32_t length = moduleFileName(whole.data(), whole.size());
     const std::string path(whole.data());
     EXPECT_EQ(path.size(), length);
-    EXPECT_NE(std::string::npos, path.find("\\unit_tests"));
+    EXPECT_NE(std::string::npos, path.find(PATH_SEPARATOR + std::string("unit_tests")));
 
     std::array<char, 8> small{};
     EXPECT_EQ(small.size(), moduleFileName(small.data(), small.size()));
@@ -38,12 +39,12 @@ TEST(Process, ProgramsThatCannotBeStartedAreRefusedWithTheSystemsNumber)
     EXPECT_EQ(ErrorNumber::FileNotFound, start("no-such-program-anywhere.exe argument"));
     EXPECT_EQ(ErrorNumber::FileNotFound, start(folder.path("missing.exe")));
     // Wine does not tell these two from a missing file.
-    const ErrorNumber inMissingFolder = start(folder.path("missing\\program.exe"));
+    const ErrorNumber inMissingFolder = start(folder.path("missing/program.exe"));
     EXPECT_TRUE(inMissingFolder == ErrorNumber::PathNotFound || inMissingFolder == ErrorNumber::FileNotFound);
     const ErrorNumber ofFolder = start(folder.path(""));
     EXPECT_TRUE(ofFolder == ErrorNumber::AccessDenied || ofFolder == ErrorNumber::FileNotFound);
     const std::string text = folder.write("text.exe", "no program at all");
-    std::filesystem::permissions(folder.native("text.exe"), std::filesystem::perms::owner_all);
+    std::filesystem::permissions(folder.path("text.exe"), std::filesystem::perms::owner_all);
     EXPECT_EQ(ErrorNumber::BadExecutable, start(text));
 }
 

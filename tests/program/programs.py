@@ -77,7 +77,7 @@ class LinuxProgram(Program):
 
     def __init__(self, build, folder):
         super().__init__(build, folder, "TavroVssAgentGUI", folder)
-        self.agent_folder = str(folder)
+        self.agent_folder, self.separator = str(folder), "/"
 
     def run(self, text, **options):
         """Gives the text on standard input; returns the exit code."""
@@ -113,7 +113,7 @@ class WindowsProgram(Program):
 
     def __init__(self, build, folder, desktop):
         super().__init__(build, folder, "TavroVssAgentGUI.exe", desktop.wine.prefix / "drive_c" / "ProgramData")
-        self.agent_folder = "Z:" + str(folder).replace("/", "\\")
+        self.agent_folder, self.separator = "Z:" + str(folder).replace("/", "\\"), "\\"
         self.desktop = desktop
         self.process = None
 

@@ -26,7 +26,7 @@ def rows_of_a_run(program, settings="a b c d", name="nightly"):
 
 def test_each_run_is_appended_whole(program):
     launch = ("", "runAgent")
-    path = program.agent_folder.replace("/", "\\") + "\\" + program.path.name
+    path = program.agent_folder + program.separator + program.path.name
     expected = [
         ("Info", "", "wWinMain", "Invoked."), ("Info", "", "wWinMain", "Showing dialog..."),
         ("Info", "", "Checkpoint", "IDOK"),

@@ -150,10 +150,10 @@ TWICE = 'multiple definition for tweak "t_x"'
 @pytest.mark.parametrize(("files", "out", "explained"), [
     ({f"{CONSISTENT}.1": b""}, "Assert Tweaks,loadFromFiles, datapath/common/infra/Tweaks.cpp 160: false failed. "
                                "Could not load consistent tweak information", ["has no valid copy"]),
-    (slot(0, 1, b"t_x = word"), NUMBER, ['"t_x"', "'word'", r"(in olm_tweaks\\tweaks.txt)"]),
+    (slot(0, 1, b"t_x = word"), NUMBER, ['"t_x"', "'word'", "(in olm_tweaks//tweaks.txt)"]),
     ({EXTENSION: b"t_x = a = b"}, NUMBER, ['"t_x"', "'a = b'", f"(in {EXTENSION})"]),
     ({SURVIVING[0]: b"t_x=9223372036854775808"}, NUMBER, ['"t_x"', "'9223372036854775808'", f"(in {SURVIVING[0]})"]),
-    ({SURVIVING[1]: b'T_x="a;b"'}, QUOTES, ['"T_x"', """'"a'""", r"(in test_appdata\tweaks_extension_upgrade_sur"]),
+    ({SURVIVING[1]: b'T_x="a;b"'}, QUOTES, ['"T_x"', """'"a'""", f"(in {SURVIVING[1]})"]),
     ({EXTENSION: b't_x = "'}, QUOTES, ['"t_x"', """'"'""", f"(in {EXTENSION})"]),
     (slot(0, 1, b"t_x = 1\nword ; = 2"), ASSERTION.format("false", 602), ['without "=": word']),
     (slot(0, 1, b"t_x = 1\nt_x = 1"), TWICE + "\n" + ASSERTION.format("!strict", 244), ['"t_x"', "olm_tweaks"]),
@@ -164,7 +164,7 @@ def test_bad_file_ends_the_program(program, files, out, explained):
     put(program.folder, files)
     status, written, explanation = submit(program)
     assert (status, written) == (program.ABNORMAL_END, out)
-    assert bool(explanation) == bool(explained) and all(part in explanation for part in explained), explanation
+    assert all(part.replace("/", program.separator) in explanation for part in explained), explanation
     assert program.agent_record() is None
 
 
@@ -186,4 +186,4 @@ def test_folder_that_cannot_be_made(program):
     program.folder = Path("/proc")  # nothing can be created there, whoever asks
     assert submit(program) == (program.ABNORMAL_END, "Assert Directories,ensureExists, "
                                "datapath/common/infra/windows/Directories.cpp 48: (*_errno()) == 17 failed. "
-                               "mkdir failed for dir test_appdata\\ and it does not exist", "")
+                               f"mkdir failed for dir test_appdata{program.separator} and it does not exist", "")

@@ -14,17 +14,6 @@
 
 namespace fs = std::filesystem;
 
-namespace
-{
-
-fs::path toNative(std::string path)
-{
-    std::replace(path.begin(), path.end(), '\\', '/');
-    return path;
-}
-
-} // namespace
-
 CapturingClient::CapturingClient(std::uint32_t levelMask) { Logger::instance().registerClient(this, levelMask); }
 
 void CapturingClient::log(const std::string& line)
@@ -82,18 +71,16 @@ ScratchFolder::ScratchFolder()
     static std::atomic<int> count = 0;
     const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
     const std::string name = std::string("scratch-") + (test == nullptr ? "child" : test->name());
-    const fs::path folder = fs::current_path() / (name + std::to_string(count++));
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    m_path = folder.string();
-    std::replace(m_path.begin(), m_path.end(), '/', '\\');
+    m_path = fs::current_path() / (name + std::to_string(count++));
+    fs::remove_all(m_path);
+    fs::create_directories(m_path);
 }
 
 ScratchFolder::~ScratchFolder()
 {
     fs::current_path(m_workingFolder);
     // One by one: with a file that is still open, remove_all does not end on Windows.
-    std::vector<fs::path> paths{toNative(m_path)};
+    std::vector<fs::path> paths{m_path};
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(paths.front()))
     {
         paths.push_back(entry.path());
@@ -102,25 +89,23 @@ ScratchFolder::~ScratchFolder()
     std::for_each(paths.rbegin(), paths.rend(), [&](const fs::path& path) { fs::remove(path, ignored); });
 }
 
-std::filesystem::path ScratchFolder::native(const std::string& name) const { return toNative(path(name)); }
-
 std::string ScratchFolder::write(const std::string& name, const std::string& content) const
 {
-    std::ofstream(toNative(path(name)), std::ios::binary) << content;
+    std::ofstream(path(name), std::ios::binary) << content;
     return path(name);
 }
 
 std::string ScratchFolder::read(const std::string& path)
 {
     std::ostringstream content;
-    content << std::ifstream(toNative(path), std::ios::binary).rdbuf();
+    content << std::ifstream(path, std::ios::binary).rdbuf();
     return content.str();
 }
 
 std::vector<std::string> ScratchFolder::files() const
 {
     std::vector<std::string> names;
-    for (const fs::directory_entry& entry : fs::directory_iterator(native("")))
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_path))
     {
         if (entry.is_regular_file())
         {

@@ -88,7 +88,7 @@ void runInThreads(int count, const std::function<void(int)>& work);
 /// Returns when the infrastructure's own two threads run and have taken what they take of the guarded allocator.
 void waitForOwnThreads();
 
-/// A folder of its own that is removed with everything in it. Its path has backslashes.
+/// A folder of its own that is removed with everything in it. Names in it may have slashes; paths are the system's own.
 class ScratchFolder
 {
 public:
@@ -98,10 +98,9 @@ public:
     ~ScratchFolder();
 
     /// Makes it the working folder for as long as it exists.
-    void enter() const { std::filesystem::current_path(native("")); }
+    void enter() const { std::filesystem::current_path(m_path); }
 
-    [[nodiscard]] std::string path(const std::string& name) const { return m_path + "\\" + name; }
-    [[nodiscard]] std::filesystem::path native(const std::string& name) const;
+    [[nodiscard]] std::string path(const std::string& name) const { return (m_path / name).make_preferred().string(); }
     std::string write(const std::string& name, const std::string& content) const;
     [[nodiscard]] static std::string read(const std::string& path);
     /// The names of its files, sorted.
@@ -109,7 +108,7 @@ public:
 
 private:
     const std::filesystem::path m_workingFolder = std::filesystem::current_path();
-    std::string m_path;
+    std::filesystem::path m_path;
 };
 
 /// What a child process left behind.

@@ -8,7 +8,7 @@
 /// tweaks and so reads its files.
 void setAgentTweakDefaults();
 
-/// Makes the program's log client, whose files lie in the folder Tavro\logs of the machine's application data, and
+/// Makes the program's log client, whose files lie in Tavro/logs below the machine's folder for application data, and
 /// registers it for all levels. Without that folder the program runs without a log; only one that cannot be
 /// created is reported, on standard output. To be called after setAgentTweakDefaults.
 void initAgentLogger(const std::string& logFileName);

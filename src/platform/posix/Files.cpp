@@ -1,7 +1,6 @@
 #include "platform/Files.h"
 
 #include "platform/posix/Errors.h"
-#include "platform/posix/Paths.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -35,11 +34,10 @@ Transfer toTransfer(ssize_t result)
 OpenedFile openFile(const char* path, OpenMode mode)
 {
     const int flags = mode == OpenMode::Read ? O_RDONLY : O_WRONLY | O_APPEND | O_CREAT;
-    const std::string native = toNative(path);
-    const int descriptor = open(native.c_str(), flags | O_CLOEXEC, FILE_PERMISSIONS);
+    const int descriptor = open(path, flags | O_CLOEXEC, FILE_PERMISSIONS);
     if (descriptor < 0)
     {
-        return {FileHandle::Invalid, fromErrno(errno, native)};
+        return {FileHandle::Invalid, fromErrno(errno, path)};
     }
     struct stat status = {};
     if (fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode))
@@ -69,33 +67,31 @@ FileLength lengthOfFile(FileHandle file)
 
 ErrorNumber closeFile(FileHandle file) { return fromErrno(errnoOf(close(toDescriptor(file)))); }
 
-int makeFolder(const char* path) { return errnoOf(mkdir(toNative(path).c_str(), FOLDER_PERMISSIONS)); }
+int makeFolder(const char* path) { return errnoOf(mkdir(path, FOLDER_PERMISSIONS)); }
 
-ErrorNumber createFolder(const char* path) { return fromErrno(makeFolder(path), toNative(path)); }
+ErrorNumber createFolder(const char* path) { return fromErrno(makeFolder(path), path); }
 
 bool pathExists(const char* path)
 {
     struct stat status = {};
-    return stat(toNative(path).c_str(), &status) == 0;
+    return stat(path, &status) == 0;
 }
 
-int removeFile(const char* path) { return errnoOf(unlink(toNative(path).c_str())); }
+int removeFile(const char* path) { return errnoOf(unlink(path)); }
 
 int renameFile(const char* from, const char* to)
 {
-    const std::string nativeFrom = toNative(from);
-    const std::string nativeTo = toNative(to);
-    const int error = errnoOf(renameat2(AT_FDCWD, nativeFrom.c_str(), AT_FDCWD, nativeTo.c_str(), RENAME_NOREPLACE));
+    const int error = errnoOf(renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE));
     if (error != EINVAL && error != ENOSYS)
     {
         return error;
     }
     // The file system cannot refuse to replace while renaming; a second link cannot replace either.
-    if (link(nativeFrom.c_str(), nativeTo.c_str()) != 0)
+    if (link(from, to) != 0)
     {
         return errno;
     }
-    return errnoOf(unlink(nativeFrom.c_str()));
+    return errnoOf(unlink(from));
 }
 
 ErrorNumber readEntry(DIR* stream, FolderEntry& entry)
@@ -118,11 +114,10 @@ ErrorNumber readEntry(DIR* stream, FolderEntry& entry)
 
 OpenedFolder findFirstEntry(const char* folder, FolderEntry& entry)
 {
-    const std::string native = toNative(folder);
-    DIR* const stream = opendir(native.c_str());
+    DIR* const stream = opendir(folder);
     if (stream == nullptr)
     {
-        return {FolderHandle::Invalid, fromErrno(errno, native + "/*")};
+        return {FolderHandle::Invalid, fromErrno(errno, std::string(folder) + "/*")};
     }
     if (const ErrorNumber error = readEntry(stream, entry); error != ErrorNumber::Success)
     {

@@ -6,5 +6,6 @@ namespace platform
 {
 
 inline constexpr std::string_view LINE_END = "\n";
+inline constexpr char PATH_SEPARATOR = '/';
 
 } // namespace platform

@@ -3,7 +3,6 @@
 #include "platform/Utf.h"
 #include "platform/posix/CommandLine.h"
 #include "platform/posix/Errors.h"
-#include "platform/posix/Paths.h"
 
 #include <algorithm>
 #include <array>
@@ -46,7 +45,7 @@ std::uint32_t moduleFileName(char* buffer, std::uint32_t size)
     {
         return 0;
     }
-    const std::string path = fromNative(programPath());
+    const std::string path = programPath();
     const std::size_t copied = std::min<std::size_t>(path.size(), size - 1);
     std::memcpy(buffer, path.data(), copied);
     buffer[copied] = '\0';
@@ -127,7 +126,7 @@ void closeDescriptorsFrom(int first)
 ErrorNumber createProcess(std::u16string& commandLine)
 {
     std::vector<std::string> arguments = splitCommandLine(utf16ToUtf8(commandLine.c_str())); // a zero ends it
-    const std::string path = findProgram(toNative(arguments.front()));
+    const std::string path = findProgram(arguments.front());
     if (path.empty())
     {
         return ErrorNumber::FileNotFound;

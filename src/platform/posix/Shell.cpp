@@ -1,6 +1,6 @@
 #include "platform/Shell.h"
 
-#include "platform/posix/Paths.h"
+#include "platform/Text.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -28,19 +28,20 @@ std::int32_t commonAppDataFolder(char* buffer)
 {
     const char* const configured = std::getenv("PROGRAMDATA");
     const bool isConfigured = configured != nullptr && *configured != '\0';
-    return store(buffer, fromNative(isConfigured ? configured : "/var/lib")) ? 0 : FAILURE_PATH_TOO_LONG;
+    return store(buffer, isConfigured ? configured : "/var/lib") ? 0 : FAILURE_PATH_TOO_LONG;
 }
 
 bool appendToPath(char* path, const char* more)
 {
     std::string joined(path);
-    while (joined.ends_with('\\'))
+    while (joined.ends_with(PATH_SEPARATOR))
     {
         joined.pop_back();
     }
     const std::string_view part(more);
-    const std::size_t start = part.find_first_not_of('\\');
-    return store(path, joined.append("\\").append(part.substr(start == std::string_view::npos ? part.size() : start)));
+    const std::size_t start = part.find_first_not_of(PATH_SEPARATOR);
+    joined += PATH_SEPARATOR;
+    return store(path, joined.append(part.substr(start == std::string_view::npos ? part.size() : start)));
 }
 
 } // namespace

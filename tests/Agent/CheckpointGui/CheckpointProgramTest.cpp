@@ -148,7 +148,7 @@ TEST_F(CheckpointProgram, LogsEveryStepFromItsStartToItsEndAndFlushesLast)
               client->flushes()); // of the Error lines about two missing tweak files and the agent, and the last of all
 
     const std::string ownId = "," + std::to_string(currentThreadId()) + ",";
-    std::string logged = ScratchFolder::read(folder.path("Tavro\\logs\\TavroVssAgentGUI.exe.log.txt"));
+    std::string logged = ScratchFolder::read(folder.path("Tavro/logs/TavroVssAgentGUI.exe.log.txt"));
     std::erase(logged, '\r');
     std::istringstream stream(logged);
     std::string written;
@@ -173,7 +173,7 @@ TEST_F(CheckpointProgram, RunsWithoutALogWhereItsFolderCannotBe)
     folder.enter();
     const ScopedReplacement dialog(dialogCalls.runDialog,
                                    [](ModuleHandle, int, DialogProcedure) -> std::intptr_t { return 0; });
-    appDataFolder = folder.path("no\\such");
+    appDataFolder = folder.path("no/such");
     testing::internal::CaptureStdout();
     EXPECT_EQ(0, wWinMain(nullptr, nullptr, nullptr, 0));
     EXPECT_EQ("failed to create directory lastError=3 \n", testing::internal::GetCapturedStdout());

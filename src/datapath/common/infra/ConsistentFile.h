@@ -4,7 +4,7 @@
 // sequence number and the CRC-32 of the copy. Reading takes the newest copy whose signature matches,
 // so one that was being written when the machine stopped is never taken.
 //
-//     ConsistentFile file("folder\\settings.txt");
+//     ConsistentFile file("settings.txt");
 //     std::stringstream text;
 //     if (file.load(text) == RC_OK)
 //
@@ -25,7 +25,7 @@
 class ConsistentFile
 {
 public:
-    /// Looks at the copies once. The path is that of the file without the copy's number.
+    /// Looks at the copies once. The path, narrow and the system's own, is that of the file without the copy's number.
     explicit ConsistentFile(std::string path);
 
     /// Writes the lines of the newest valid copy to the stream, each followed by a line feed. RC_OK also

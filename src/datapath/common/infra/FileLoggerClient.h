@@ -13,8 +13,8 @@
 class FileLoggerClient final : public LoggerClient, public GenFileLogger
 {
 public:
-    /// basePath: of the files, without ".txt". maxMemoryMiB: budget of the lines that wait to be written.
-    /// startInfo: a text for the start line.
+    /// basePath: of the files, without ".txt", a path as GenFileLogger takes it. maxMemoryMiB: budget of the lines that
+    /// wait to be written. startInfo: a text for the start line.
     FileLoggerClient(const std::string& basePath, std::uint32_t maxMemoryMiB, const std::string& startInfo);
 
     /// Unregisters itself first, if it is registered. Everything that it took is in the file then.

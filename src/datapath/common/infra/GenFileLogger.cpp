@@ -2,6 +2,7 @@
 
 #include "datapath/common/infra/Tweaks.h"
 #include "datapath/common/infra/UtcTimestamp.h"
+#include "platform/Text.h"
 #include "platform/Threads.h"
 
 #include <algorithm>
@@ -22,13 +23,14 @@ constexpr std::size_t WAKING_BYTES = std::size_t{64} * 1024;
 
 std::string directoryOf(const std::string& path)
 {
-    const std::size_t backslash = path.rfind('\\');
-    if (backslash == std::string::npos)
+    const std::size_t separator = path.rfind(platform::PATH_SEPARATOR);
+    if (separator == std::string::npos)
     {
         return ".";
     }
-    const std::size_t slash = path.rfind('/');
-    return path.substr(0, slash == std::string::npos ? backslash : std::max(slash, backslash));
+    const std::size_t slash = path.rfind('/'); // separates on every system
+    const std::size_t length = slash == std::string::npos ? separator : std::max(slash, separator);
+    return length == 0 && slash == 0 ? "/" : path.substr(0, length);
 }
 
 HeapMemoryAllocationTracker* createTracker(std::uint32_t maxMemoryMiB, const std::string& name)

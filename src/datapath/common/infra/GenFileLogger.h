@@ -6,6 +6,9 @@
 //     GenFileLogger logger("C:\\logs\\app.log", 3);     // C:\logs\app.log.txt, at most 3 MiB wait in memory
 //     logger.write(line.data(), length);
 //
+// A path is narrow and the system's own: a backslash separates on Windows, a slash on Linux ("/var/log/app.log").
+// On Windows it must have no slashes and no ".\" before the name, or the numbered files are not found.
+//
 // In the asynchronous mode the caller's bytes are copied into a queue and a thread of the logger's own writes
 // them; when the queue has used up its budget one notice goes to the file and text is dropped until enough of it has
 // been written. With guarded memory each queued text is a block of its own. In the synchronous mode, the default, the
@@ -33,7 +36,7 @@
 class GenFileLogger : public ThreadWrapper
 {
 public:
-    /// Opens the live file, which is the path followed by ".txt", and starts the writer. The folder is created,
+    /// Opens the live file, which is the path followed by ".txt", and starts the writer. The path's folder is created,
     /// those above it are not. The budget of 4294967295 is 4 GiB; else it is taken modulo 4 GiB.
     GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB);
     ~GenFileLogger() override;

@@ -57,6 +57,7 @@ struct BufferBase
 class InputTextFile : private InputTextFileInternal::BufferBase, public std::istream
 {
 public:
+    /// The path is narrow and the system's own.
     explicit InputTextFile(const std::string& path);
 
     [[nodiscard]] bool isOpen() const { return buffer.isOpen(); }

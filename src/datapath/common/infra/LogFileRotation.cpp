@@ -2,6 +2,7 @@
 
 #include "datapath/common/infra/GenFileLogger.h"
 #include "datapath/common/infra/NumberText.h"
+#include "platform/Text.h"
 
 #include <algorithm>
 #include <iostream>
@@ -18,6 +19,16 @@ constexpr std::size_t FILLED_WIDTH = 6;
 std::string withSuffixes(std::string name, bool isCompressed)
 {
     return name.append(TEXT_SUFFIX).append(isCompressed ? COMPRESSED_SUFFIX : "");
+}
+
+/// What stands before a name of the folder to make it comparable with the base path.
+std::string prefixOf(const std::string& directory, const std::string& basePath)
+{
+    if (platform::PATH_SEPARATOR == '/')
+    {
+        return basePath.substr(0, basePath.rfind('/') + 1); // "./" or "/" as well
+    }
+    return directory == "." ? "" : directory + platform::PATH_SEPARATOR;
 }
 
 /// The C library's number and text.
@@ -124,7 +135,7 @@ bool GenFileLogger::listLogDirectory(std::vector<std::string>& files) const
         std::cerr << "FindFirstFile failed (" << static_cast<std::uint32_t>(firstError) << ")" << std::endl;
         return false;
     }
-    const std::string prefix = m_directory == "." ? "" : m_directory + "\\";
+    const std::string prefix = prefixOf(m_directory, m_basePath);
     ErrorNumber error = firstError;
     for (; error == ErrorNumber::Success; error = platform::findNextEntry(walk, entry))
     {

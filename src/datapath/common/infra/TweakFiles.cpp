@@ -5,6 +5,7 @@
 #include "datapath/common/infra/InputTextFile.h"
 #include "datapath/common/infra/TextLines.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "platform/Text.h"
 
 #include <algorithm>
 #include <functional>
@@ -27,11 +28,9 @@ constexpr SourcePlace PLACE_HAS_VALUE = SourcePlace::numbered(602, TWEAKS_UNIT);
 constexpr bool STRICT = true;
 constexpr bool LENIENT = false;
 
-constexpr const char* CONSISTENT_FILE = "olm_tweaks\\\\tweaks.txt";
 constexpr const char* EXTENSION_FILE = "tweaks_extension.txt";
-// An old mistake left the separator out of one of these paths. Files exist in both places.
-constexpr const char* SURVIVING_FILE = "test_appdatatweaks_extension_upgrade_surviving.txt";
-constexpr const char* SURVIVING_FILE_IN_FOLDER = "test_appdata\\tweaks_extension_upgrade_surviving.txt";
+constexpr const char* SURVIVING_FOLDER = "test_appdata";
+constexpr const char* SURVIVING_FILE = "tweaks_extension_upgrade_surviving.txt";
 
 std::string_view trimmed(std::string_view text)
 {
@@ -161,14 +160,16 @@ bool Tweaks::updateFromFile(const std::string& path)
 
 void Tweaks::loadFromFiles()
 {
+    // Two separators count as one, and messages show both.
+    const std::string consistentFile = "olm_tweaks" + std::string(2, platform::PATH_SEPARATOR) + "tweaks.txt";
     std::stringstream text;
-    if (ConsistentFile(CONSISTENT_FILE).load(text) != RC_OK)
+    if (ConsistentFile(consistentFile).load(text) != RC_OK)
     {
-        std::cerr << CONSISTENT_FILE << " has no valid copy" << std::endl;
+        std::cerr << consistentFile << " has no valid copy" << std::endl;
         CheckFailure(LoggerId::NON, THIS_METHOD, PLACE_LOADED, "false")
             << "Could not load consistent tweak information" << std::endl;
     }
-    m_fileName = CONSISTENT_FILE;
+    m_fileName = consistentFile;
     update(text, STRICT);
     m_fileName.clear();
 
@@ -177,8 +178,10 @@ void Tweaks::loadFromFiles()
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
             << "local tweaks file \"" << EXTENSION_FILE << "\" not found" << std::endl;
     }
-    for (const char* const path : {SURVIVING_FILE, SURVIVING_FILE_IN_FOLDER})
+    // An old mistake left the separator out of one of these paths. Files exist in both places.
+    for (const std::size_t separators : {0U, 1U})
     {
+        const std::string path = SURVIVING_FOLDER + std::string(separators, platform::PATH_SEPARATOR) + SURVIVING_FILE;
         if (!updateFromFile(path))
         {
             LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)

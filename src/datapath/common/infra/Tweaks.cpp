@@ -5,6 +5,7 @@
 #include "datapath/common/infra/NumberText.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/windows/Directories.h"
+#include "platform/Text.h"
 
 #include <algorithm>
 #include <array>
@@ -117,7 +118,7 @@ Tweaks& Tweaks::instance()
 Tweaks::Tweaks()
 {
     m_tweaks.max_load_factor(0.25F); // entries lie far apart: look at as few as possible
-    Directories::ensureExists("test_appdata\\");
+    Directories::ensureExists(std::string("test_appdata") + platform::PATH_SEPARATOR);
     loadFromFiles();
     m_isInitialized = true;
 }

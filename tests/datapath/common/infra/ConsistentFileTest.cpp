@@ -3,6 +3,7 @@
 #include "datapath/common/infra/Crc32.h"
 #include "datapath/common/infra/windows/Directories.h"
 #include "platform/Files.h"
+#include "platform/Text.h"
 #include "tests/support/Support.h"
 
 #include <random>
@@ -119,22 +120,22 @@ TEST(Directories, CreatesTheFolderAndItsParentButNoLongerChain)
     const ScratchFolder folder;
     const CapturingClient client;
     const LettingGo lettingGo;
-    Directories::ensureExists(folder.path("a\\b\\"));
-    Directories::ensureExists(folder.path("a\\b"));
-    Directories::ensureExists(folder.write("plain", "") + "\\");
-    EXPECT_TRUE(std::filesystem::is_directory(folder.native("a\\b")));
+    Directories::ensureExists(folder.path("a/b/"));
+    Directories::ensureExists(folder.path("a/b"));
+    Directories::ensureExists(folder.write("plain", "") + platform::PATH_SEPARATOR);
+    EXPECT_TRUE(std::filesystem::is_directory(folder.path("a/b")));
     EXPECT_TRUE(client.messages().empty());
 
     testing::internal::CaptureStderr();
-    const std::string path = folder.path("x\\y\\z");
+    const std::string path = folder.path("x/y/z");
     Directories::ensureExists(path);
-    EXPECT_EQ("mkdir failed for parent " + folder.path("x\\y") + " and it does not exist\n",
+    EXPECT_EQ("mkdir failed for parent " + folder.path("x/y") + " and it does not exist\n",
               testing::internal::GetCapturedStderr());
     EXPECT_EQ("Assert,NON,Directories,ensureExists, datapath/common/infra/windows/Directories.cpp 48: "
               "(*_errno()) == 17 failed. mkdir failed for dir " +
                   path + " and it does not exist",
               client.messages().at(0));
-    EXPECT_FALSE(std::filesystem::exists(folder.native("x")));
+    EXPECT_FALSE(std::filesystem::exists(folder.path("x")));
 }
 
 } // namespace

@@ -182,7 +182,7 @@ TEST_F(FileLogger, BudgetPausesOnceDropsAndResumes)
         EXPECT_TRUE(matches(written.substr(end), "~-~-~ ~:~:~.~," + base + "-pausing logger due to OOM\nresumed\n"));
         EXPECT_TRUE(end >= BUDGET - length && end < BUDGET + 200'000 && end % length == 0) << end;
         EXPECT_EQ(before, MemShield::systemHeapBytes());
-        std::filesystem::remove(folder.native("app.log.txt"));
+        std::filesystem::remove(folder.path("app.log.txt"));
     }
 }
 
@@ -302,10 +302,10 @@ TEST_F(FileLogger, SwitchedOffItOpensItsFileAndWritesNothing)
 TEST_F(FileLogger, WithoutAFileItGoesOn)
 {
     testing::internal::CaptureStdout();
-    FileLoggerClient client(folder.path("no\\such\\app.log"), 3, "");
+    FileLoggerClient client(folder.path("no/such/app.log"), 3, "");
     client.log("line\n");
     client.flush();
-    EXPECT_EQ("Error creating directory (" + folder.path("no\\such") +
+    EXPECT_EQ("Error creating directory (" + folder.path("no/such") +
                   ") for logs (rt=0)GetLastError 3\nfailed to open logger file. going to work without logger\n",
               testing::internal::GetCapturedStdout());
 }
@@ -341,7 +341,7 @@ void logToFile(bool isGuarded)
 {
     MemShield::setEnabled(isGuarded);
     waitForOwnThreads();
-    const std::string base = std::filesystem::current_path().string() + "\\app.log";
+    const std::string base = (std::filesystem::current_path() / "app.log").string();
     Logger::instance().registerClient(MemShield::create<FileLoggerClient>({"", SourcePlace::here()}, base, 4095U, ""),
                                       Logger::ALL_LEVELS);
 }
@@ -383,7 +383,7 @@ TEST_F(FileLogger, WhatEndsTheProcessIsInTheFileBehindAllLines)
     expectAbnormalEnd(runChild("assertBehindManyLines"));
     EXPECT_TRUE(matches(text().substr(text().find("i=10000 ")), "i=10000 end\n~,Assert,~ failed. the end\n"));
     EXPECT_EQ(10'000 + 5, std::ranges::count(text(), '\n'));
-    std::filesystem::remove(folder.native("app.log.txt"));
+    std::filesystem::remove(folder.path("app.log.txt"));
     expectAbnormalEnd(runChild("misuseBehindManyLines"));
     EXPECT_TRUE(matches(text().substr(text().find("i=10000 ")), "i=10000 end\n~,NON,MemShield,~\n")) << text();
 }
@@ -428,7 +428,7 @@ TEST_F(FileLogger, AKilledProcessLeavesWholeLines)
         }
         for (const std::string& file : folder.files())
         {
-            std::filesystem::remove(folder.native(file));
+            std::filesystem::remove(folder.path(file));
         }
     }
     EXPECT_LT(0, count);

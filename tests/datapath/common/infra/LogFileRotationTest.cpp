@@ -1,6 +1,7 @@
 // When and how the live file becomes a numbered one, over real folders and over failing system calls.
 
 #include "datapath/common/infra/GenFileLogger.h"
+#include "platform/Text.h"
 #include "tests/support/Support.h"
 
 #include <algorithm>
@@ -35,15 +36,15 @@ class LogFileRotation : public testing::Test
 protected:
     LogFileRotation()
     {
-        std::filesystem::create_directory(folder.native("configuration"));
-        std::filesystem::current_path(folder.native("configuration"));
+        std::filesystem::create_directory(folder.path("configuration"));
+        std::filesystem::current_path(folder.path("configuration"));
     }
 
     /// A live file of that length.
     void makeLiveFile(std::uint64_t length) const
     {
         folder.write("log.txt", "old\n");
-        std::filesystem::resize_file(folder.native("log.txt"), length);
+        std::filesystem::resize_file(folder.path("log.txt"), length);
     }
 
     /// The files beside the live one that a rotation leaves, each with the start of its name cut off.
@@ -52,7 +53,7 @@ protected:
     {
         for (const std::string& name : folder.files())
         {
-            std::filesystem::remove(folder.native(name));
+            std::filesystem::remove(folder.path(name));
         }
         for (const std::string& name : before)
         {
@@ -99,7 +100,7 @@ TEST_F(LogFileRotation, NamesThatOnlyLookLikeOursCountAsTheOldest)
     EXPECT_EQ("000004.txt 000005.txt ", afterRotation({".txt.old", "000004.txt"}, 2));
     EXPECT_EQ(" 12x.txt -3.txt 000013.txt ", afterRotation({"-3.txt", " 12x.txt"}, 3));
     EXPECT_EQ("000001.txt 99999999999.txt ", afterRotation({"99999999999.txt"}, 3));
-    std::filesystem::create_directory(folder.native("log000900.txt"));
+    std::filesystem::create_directory(folder.path("log000900.txt"));
     folder.write("LOG000950.txt", "");
     folder.write("lo", "");
     makeLiveFile(LIMIT + 1);
@@ -121,16 +122,32 @@ TEST_F(LogFileRotation, TheDefaultKeepsAThousandFiles)
     EXPECT_TRUE(afterRotation(files).starts_with("001002.txt "));
 }
 
-TEST_F(LogFileRotation, WithoutABackslashTheWorkingFolderHoldsTheFilesAndTweaksLimitThem)
+TEST_F(LogFileRotation, FilesAreFoundUnderAnyPathAndLimitedByTweaks)
 {
-    folder.write("tweaks_extension.txt", "t_GenFileLoggerMaxFiles = 7\nt_FileLoggerMaxFilesOverride = 2\n");
-    std::filesystem::current_path(folder.native(""));
-    folder.write("log000001.txt", "");
-    folder.write("log000002.txt", "");
-    makeLiveFile(LIMIT + 1);
-    GenFileLogger("log", 1).write("new\n", 4);
-    EXPECT_EQ((std::vector<std::string>{"log.txt", "log000002.txt", "log000003.txt", "tweaks_extension.txt"}),
-              folder.files());
+    folder.write("configuration/tweaks_extension.txt",
+                 "t_GenFileLoggerMaxFiles = 7\nt_FileLoggerMaxFilesOverride = 2\n");
+    std::vector<std::string> bases = {"log", folder.path("a\\b")}; // on Linux the backslash is a part of the name
+    if (PATH_SEPARATOR == '/')
+    {
+        bases.emplace_back("./dot");
+    }
+    testing::internal::CaptureStderr();
+    for (const std::string& base : bases)
+    {
+        SynchronousLogger logger(base, false);
+        std::string lines;
+        for (const char* const line : {"1\n", "2\n", "3\n", "4\n"})
+        {
+            logger.writeText(std::string(LIMIT, 'x') + line);
+        }
+        for (const char* const end : {"000002.txt", "000003.txt", ".txt"})
+        {
+            lines += ScratchFolder::read(base + end).substr(LIMIT, 1);
+        }
+        EXPECT_EQ("234", lines) << base;
+        EXPECT_FALSE(std::filesystem::exists(base + "000001.txt"));
+    }
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
 TEST_F(LogFileRotation, ALineThatTheDiskTookInPartStaysInItsFile)
@@ -171,7 +188,7 @@ TEST_F(LogFileRotation, WhateverFailsIsReportedAndTriedAgain)
     const std::string live = folder.path("log.txt");
     const auto lengthAfterWrite = [&](SynchronousLogger& logger) {
         logger.writeText("x");
-        return std::filesystem::file_size(folder.native("log.txt")) - LIMIT;
+        return std::filesystem::file_size(folder.path("log.txt")) - LIMIT;
     };
     folder.write("log000004.txt", "");
     makeLiveFile(LIMIT + 1);
@@ -211,9 +228,11 @@ TEST_F(LogFileRotation, WhateverFailsIsReportedAndTriedAgain)
                 return OpenedFile{FileHandle::Invalid, ErrorNumber::AccessDenied};
             });
         logger.writeText("lost\n");
+        SynchronousLogger("/log", false); // the root is a folder too
     }
     logger.writeText("lost too\n");
-    EXPECT_EQ("failed to open logger file. going to work without logger\n", testing::internal::GetCapturedStdout());
+    const std::string failure = "failed to open logger file. going to work without logger\n";
+    EXPECT_EQ(failure + failure, testing::internal::GetCapturedStdout());
     EXPECT_EQ(std::vector<std::string>{"log000005.txt"}, folder.files());
 }
 
@@ -221,7 +240,7 @@ TEST_F(LogFileRotation, AFileThatVanishesIsMadeAgainByTheNextRotation)
 {
     makeLiveFile(LIMIT + 1);
     SynchronousLogger logger(folder.path("log"), false, 1);
-    std::filesystem::remove(folder.native("log.txt"));
+    std::filesystem::remove(folder.path("log.txt"));
     logger.writeText("new\n");
     EXPECT_EQ("new", ScratchFolder::read(folder.path("log.txt")).substr(0, 3));
     EXPECT_EQ(std::vector<std::string>{"log.txt"}, folder.files());

@@ -2,6 +2,7 @@
 
 #include "datapath/common/infra/FatalCheck.h"
 #include "platform/Files.h"
+#include "platform/Text.h"
 
 #include <iostream>
 #include <optional>
@@ -21,8 +22,10 @@ bool makeFolder(const std::string& path)
 /// Up to the last separator that does not end the path.
 std::optional<std::string> parentOf(const std::string& path)
 {
-    const std::size_t separator = path.size() < 2 ? std::string::npos : path.rfind('\\', path.size() - 2);
-    return separator == std::string::npos ? std::nullopt : std::optional(path.substr(0, separator));
+    const std::size_t separator =
+        path.size() < 2 ? std::string::npos : path.rfind(platform::PATH_SEPARATOR, path.size() - 2);
+    const bool isNone = separator == std::string::npos || (separator == 0 && path[0] == '/'); // "/" is always there
+    return isNone ? std::nullopt : std::optional(path.substr(0, separator));
 }
 
 } // namespace
