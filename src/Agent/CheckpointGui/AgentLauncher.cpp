@@ -23,7 +23,14 @@ struct ConnectionSettings
 ConnectionSettings readSettings(const std::string& path)
 {
     ConnectionSettings settings;
-    InputTextFile(path) >> settings.localURL >> settings.localPort >> settings.peerURL >> settings.peerPort;
+    InputTextFile file(path);
+    for (std::string* const word : {&settings.localURL, &settings.localPort, &settings.peerURL, &settings.peerPort})
+    {
+        if (!(file >> *word))
+        {
+            word->clear(); // a read error may have left the beginning of the word
+        }
+    }
     return settings;
 }
 

@@ -8,4 +8,6 @@ namespace platform
 inline constexpr std::string_view LINE_END = "\n";
 inline constexpr char PATH_SEPARATOR = '/';
 
+constexpr bool endsText(char /*byte*/) noexcept { return false; }
+
 } // namespace platform

@@ -4,6 +4,7 @@
 #include "Agent/CheckpointGui/CheckpointDialog.h"
 #include "datapath/common/infra/MemShield.h"
 #include "platform/Entry.h"
+#include "platform/Files.h"
 #include "platform/Process.h"
 #include "platform/Shell.h"
 #include "platform/Threads.h"
@@ -191,6 +192,15 @@ TEST_F(CheckpointProgram, MissingSettingsStayEmptyAndBytesAreWidenedOneByOne)
     folder.write("program.exe.conf", "h\xC3\xB6st 80");
     runAgent(u"a\"b");
     EXPECT_EQ(u"TavroVssAgent.exe -GUI h\u00c3\u00b6st 80   \"a\"b\"", startedCommandLine);
+
+    static auto* const realRead = fileCalls.readFile;
+    static int reads = 0;
+    const ScopedReplacement secondReadFails(
+        fileCalls.readFile, +[](FileHandle file, void* buffer, std::size_t size) {
+            return ++reads == 1 ? realRead(file, buffer, size) : Transfer{0, ErrorNumber::IoDevice};
+        });
+    runAgent(u"torn");
+    EXPECT_EQ(u"TavroVssAgent.exe -GUI h\u00c3\u00b6st    \"torn\"", startedCommandLine);
 }
 
 TEST_F(CheckpointProgram, NamesArriveWholeUpToTheLengthThatOneWordHolds)

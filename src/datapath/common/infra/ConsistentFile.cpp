@@ -84,7 +84,7 @@ RcStatus ConsistentFile::findLatestValidFileIndex(std::int32_t& latestSlot)
                 << "Index " << slot << " is older than the current one" << std::endl;
             continue;
         }
-        if (crcOfLines(data) != signature.crc)
+        if (crcOfLines(data) != signature.crc || data.bad() || signatureFile.bad())
         {
             LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
                 << "Data and signature do not match for index " << slot << std::endl;
@@ -131,6 +131,11 @@ RcStatus ConsistentFile::load(std::ostream& text)
     for (TextLines lines(data); const auto line = lines.next();)
     {
         text << *line << '\n';
+    }
+    if (data.bad())
+    {
+        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "Error loading from disk" << std::endl;
+        return RC_ERROR;
     }
     m_nextSlot = (latestSlot + 1) % m_slotCount;
     return RC_OK;

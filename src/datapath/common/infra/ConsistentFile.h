@@ -30,7 +30,8 @@ public:
 
     /// Writes the lines of the newest valid copy to the stream, each followed by a line feed. RC_OK also
     /// when there is neither a copy nor a signature, with nothing written; RC_ERROR when there is no valid
-    /// copy among those that exist, or when it cannot be opened any more. Any thread may call.
+    /// copy among those that exist, when it cannot be opened any more, or when reading it fails, in which case
+    /// the stream has only its first lines. Any thread may call.
     [[nodiscard]] RcStatus load(std::ostream& text) EXCLUDES(m_mutex);
 
     /// Sets latestSlot to the number of the newest copy that matches its signature, or -1. RC_NOT_FOUND when

@@ -1,5 +1,9 @@
 #include "datapath/common/infra/InputTextFile.h"
 
+#include "platform/Text.h"
+
+#include <algorithm>
+
 namespace InputTextFileInternal
 {
 
@@ -20,7 +24,7 @@ Buffer::int_type Buffer::underflow()
     {
         const std::size_t held = m_holdsCarriageReturn ? 1 : 0;
         m_characters[0] = '\r'; // overwritten unless one is held
-        const std::size_t bytes = platform::readFile(m_file.handle, m_characters.data() + held, CHUNK).bytes;
+        const std::size_t bytes = readText(m_characters.data() + held);
         if (bytes == 0)
         {
             m_holdsCarriageReturn = false;
@@ -31,6 +35,22 @@ Buffer::int_type Buffer::underflow()
     }
     setg(m_characters.data(), m_characters.data(), m_characters.data() + length);
     return length == 0 ? traits_type::eof() : traits_type::to_int_type(m_characters[0]);
+}
+
+std::size_t Buffer::readText(char* characters)
+{
+    if (m_isEnded)
+    {
+        return 0;
+    }
+    const auto [bytes, error] = platform::readFile(m_file.handle, characters, CHUNK);
+    if (error != platform::ErrorNumber::Success)
+    {
+        throw std::ios_base::failure("read error"); // this is how a stream learns that it is not the end
+    }
+    const auto length = std::find_if(characters, characters + bytes, platform::endsText) - characters;
+    m_isEnded = length < static_cast<std::ptrdiff_t>(bytes);
+    return static_cast<std::size_t>(length);
 }
 
 std::size_t Buffer::dropCarriageReturns(std::size_t length)

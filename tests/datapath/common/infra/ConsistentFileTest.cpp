@@ -99,6 +99,32 @@ TEST_F(ConsistentFileTest, ACopyThatVanishesWhileItIsLoadedIsAnError)
               client->messages().back());
 }
 
+int readsBeforeTheError = 0;
+platform::Transfer (*realRead)(platform::FileHandle, void*, std::size_t) = nullptr;
+
+TEST_F(ConsistentFileTest, ATextThatCouldNotBeReadToItsEndIsNeverTakenForWhole)
+{
+    write(0, "1", "one\ntwo\n");
+    ConsistentFile file(folder.path("file"));
+    realRead = platform::fileCalls.readFile;
+    const ScopedReplacement oneByteReads(
+        platform::fileCalls.readFile, +[](platform::FileHandle handle, void* buffer, std::size_t) {
+            return readsBeforeTheError-- == 0 ? platform::Transfer{0, ErrorNumber::IoDevice}
+                                              : realRead(handle, buffer, 1);
+        });
+    int failures = 0;
+    for (bool isFaultMet = true; isFaultMet; ++failures)
+    {
+        readsBeforeTheError = failures;
+        std::ostringstream text;
+        const RcStatus status = file.load(text);
+        isFaultMet = readsBeforeTheError < 0;
+        EXPECT_EQ(isFaultMet ? RC_ERROR : RC_OK, status) << failures;
+    }
+    EXPECT_GT(failures, 20);
+    EXPECT_EQ("1:2", std::to_string(file.nextSlot()) + ":" + std::to_string(file.nextSequence()));
+}
+
 TEST_F(ConsistentFileTest, LoadsOfOneObjectDoNotMix)
 {
     std::string lines;

@@ -1,4 +1,5 @@
 #include "datapath/common/infra/InputTextFile.h"
+#include "platform/Text.h"
 #include "tests/support/Support.h"
 
 #include <sstream>
@@ -29,29 +30,36 @@ TEST(InputTextFile, CarriageReturnsBeforeLineFeedsDisappearWhereverAReadEnds)
     EXPECT_EQ("", readAll(folder.write("empty", "")));
     const std::string large(100'000, 'x'); // more than one read takes
     EXPECT_EQ(large + "\n", readAll(folder.write("large", large + "\r\n")));
+    const std::string marked = folder.write("marked", "a\r\n\r\x1A\nb");
+    const std::string expectedOfMarked = platform::LINE_END == "\r\n" ? "a\n\r" : "a\n\r\x1A\nb";
+    EXPECT_EQ(expectedOfMarked, readAll(marked));
 
     realRead = platform::fileCalls.readFile;
     const ScopedReplacement oneByteReads(
         platform::fileCalls.readFile,
         +[](FileHandle file, void* buffer, std::size_t) { return realRead(file, buffer, 1); });
     EXPECT_EQ(expected, readAll(path));
+    EXPECT_EQ(expectedOfMarked, readAll(marked));
 }
 
-TEST(InputTextFile, FailuresEndTheText)
+TEST(InputTextFile, FailuresAreNoEndOfAText)
 {
     const ScratchFolder folder;
     InputTextFile missing(folder.path("missing"));
     EXPECT_FALSE(missing.isOpen());
     EXPECT_TRUE(missing.fail());
 
-    const std::string path = folder.write("text", "one two");
-    const ScopedReplacement failingRead(
-        platform::fileCalls.readFile, +[](FileHandle, void*, std::size_t) {
-            return Transfer{0, ErrorNumber::IoDevice};
+    static int reads = 0;
+    realRead = platform::fileCalls.readFile;
+    const ScopedReplacement secondReadFails(
+        platform::fileCalls.readFile, +[](FileHandle file, void* buffer, std::size_t size) {
+            return ++reads == 1 ? realRead(file, buffer, size) : Transfer{0, ErrorNumber::IoDevice};
         });
-    InputTextFile broken(path);
+    InputTextFile broken(folder.write("text", "one two"));
     std::string word;
+    EXPECT_TRUE(broken >> word);
     EXPECT_FALSE(broken >> word);
+    EXPECT_TRUE(broken.bad());
 }
 
 } // namespace
