@@ -23,17 +23,18 @@ struct CpuTicks
     std::int64_t total;
 };
 
-/// Memory of this process in bytes.
+/// Memory of this process in bytes. For each figure: the member of PROCESS_MEMORY_COUNTERS; what POSIX has for it,
+/// from /proc/self/status.
 struct ProcessMemory
 {
-    std::uint64_t peakWorkingSet;
-    std::uint64_t workingSet;
-    std::uint64_t peakPagedPoolQuota;
-    std::uint64_t pagedPoolQuota;
-    std::uint64_t peakNonPagedPoolQuota;
-    std::uint64_t nonPagedPoolQuota;
-    std::uint64_t pageFile;
-    std::uint64_t peakPageFile;
+    std::uint64_t peakWorkingSet;        ///< PeakWorkingSetSize; VmHWM: the largest workingSet so far
+    std::uint64_t workingSet;            ///< WorkingSetSize; VmRSS: what is in physical memory, shared files included
+    std::uint64_t peakPagedPoolQuota;    ///< QuotaPeakPagedPoolUsage; 0
+    std::uint64_t pagedPoolQuota;        ///< QuotaPagedPoolUsage; 0
+    std::uint64_t peakNonPagedPoolQuota; ///< QuotaPeakNonPagedPoolUsage; 0
+    std::uint64_t nonPagedPoolQuota;     ///< QuotaNonPagedPoolUsage; 0
+    std::uint64_t pageFile;     ///< PagefileUsage; RssAnon + VmSwap: what no file backs, in physical memory or swapped
+    std::uint64_t peakPageFile; ///< PeakPagefileUsage; the largest pageFile that was given so far
 };
 
 /// An open handle of this process.

@@ -60,6 +60,8 @@ TEST(Counters, OwnMemoryAndTheMachinesIdleTimeAreRead)
     ASSERT_TRUE(processMemory(self, memory));
     EXPECT_GT(memory.workingSet, 100'000U);
     EXPECT_GE(memory.peakWorkingSet, memory.workingSet);
+    EXPECT_GT(memory.pageFile, 100'000U);
+    EXPECT_LT(memory.pageFile, memory.workingSet); // not the address space
     EXPECT_GE(memory.peakPageFile, memory.pageFile);
     closeProcess(self);
 
