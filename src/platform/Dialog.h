@@ -1,11 +1,20 @@
 #pragma once
 
-// A modal dialog: a real window on Windows, a dialogue in the terminal (or over standard input and
-// output) on POSIX. Both run the same dialog procedure with the same messages.
+// A modal dialog: a real window on Windows, a dialogue in the terminal (or over standard input) on POSIX. Both run
+// the same dialog procedure with the same messages.
 //
-// All functions belong to the thread that runs the dialog. Texts are UTF-16.
+// In a terminal a line is the text of the edit control, and its end presses OK if that is enabled and Cancel if not.
+// A line that ends with Esc, and the end of the input, cancel. A line with control characters, or one that is so long
+// that the terminal has cut it, is refused with the reason and asked for again. Where standard input is no terminal,
+// nothing is asked: the first line is the text, and if it is refused, for its control characters, the reason goes to
+// standard error and the dialog is cancelled.
+//
+// All functions but reportFailure belong to the thread that runs the dialog. Its texts are UTF-16.
+
+#include "platform/ErrorNumber.h"
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace platform
@@ -56,6 +65,7 @@ struct DialogCalls
     bool (*enableControl)(ControlHandle control, bool enable);
     std::intptr_t (*sendItemMessage)(DialogHandle dialog, int controlId, std::uint32_t message, std::uintptr_t wParam,
                                      std::intptr_t lParam);
+    void (*reportFailure)(const std::string& what, ErrorNumber error, const std::string& more);
 };
 
 /// The implementation in use. Tests replace single entries.
@@ -85,6 +95,14 @@ inline std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::ui
                                      std::intptr_t lParam)
 {
     return dialogCalls.sendItemMessage(dialog, controlId, message, wParam, lParam);
+}
+
+/// Tells the user of the dialog what has failed. On POSIX a line of UTF-8 on standard error, with the system's words
+/// for the error, and a line with what more there is to say, if it is not empty. Nothing on Windows, where the window
+/// closes without a word. Any thread may call.
+inline void reportFailure(const std::string& what, ErrorNumber error, const std::string& more)
+{
+    dialogCalls.reportFailure(what, error, more);
 }
 
 } // namespace platform

@@ -1,11 +1,13 @@
 """The dialogue that takes the window's place on Linux, and what the agent inherits there."""
 
+import contextlib
 import ctypes
 import os
 import pty
 import select
 import signal
 import subprocess
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -20,9 +22,31 @@ read -r line < gate
 """
 
 
-@pytest.mark.parametrize("text", ["", "\n", "\r\n"], ids=["end of input", "empty line", "empty DOS line"])
+def dialogue(program, *lines):
+    """Types each line when it is asked for in a terminal, and returns what is shown until the program has ended."""
+    controller, terminal = pty.openpty()
+    process = program.start(stdin=terminal, stdout=terminal, stderr=terminal)
+    os.close(terminal)
+    shown = b""
+    for number, line in enumerate(lines, 1):
+        while shown.count(b"Enter a name for a checkpoint: ") < number:
+            assert select.select([controller], [], [], DEADLINE_SEC)[0], shown
+            shown += os.read(controller, 1024)
+        os.write(controller, line)
+    assert process.wait(DEADLINE_SEC) == 0
+    with os.fdopen(controller, "rb", 0) as rest, contextlib.suppress(OSError):  # all is read
+        while True:
+            shown += rest.read(1024)
+    return shown.decode()
+
+
+@pytest.mark.parametrize("text", ["", "\n", "\r\n", "a\tb\nmore\n", "\x1b\n"],
+                         ids=["end of input", "empty line", "empty DOS line", "tab", "Esc"])
 def test_without_a_name_nothing_starts(linux_program, text):
-    assert linux_program.run(text) == 0
+    with tempfile.TemporaryFile() as err:
+        assert linux_program.run(text, stderr=err) == 0
+        err.seek(0)
+        assert (b"control characters" in err.read()) == bool(text.strip())
     assert linux_program.agent_record() is None
 
 
@@ -33,18 +57,25 @@ def test_one_line_is_the_name(linux_program, text):
 
 
 def test_dialogue_in_a_terminal(linux_program):
-    controller, terminal = pty.openpty()
-    process = linux_program.start(stdin=terminal, stdout=terminal)
-    os.close(terminal)
-    shown = b""
-    while not shown.endswith(b"Enter a name for a checkpoint: "):
-        assert select.select([controller], [], [], DEADLINE_SEC)[0], shown
-        shown += os.read(controller, 1024)
-    os.write(controller, b"typed\n")
-    assert process.wait(DEADLINE_SEC) == 0
-    os.close(controller)
-    assert shown.startswith(b"Add VSS Checkpoint\r\n")
+    shown = dialogue(linux_program, b"na\x1b[Dme\n", b"C1\xc2\x9b\n", b"x" * 4500 + b"\n", b"typed\n")
+    assert shown.startswith("Add VSS Checkpoint\r\nTo cancel: Return alone, Esc and Return, or Ctrl-D.\r\n")
+    assert shown.count("control characters") == 2 and shown.count("at most 4094 bytes") == 1
     assert linux_program.agent_record()["arguments"][-1] == "typed"
+
+
+@pytest.mark.parametrize("leave", [b"\n", b"\x1b\n", b"text\x1b\n", b"\x04", b"text\x04\x04"], ids=ascii)
+def test_leaving_the_dialogue_starts_nothing(linux_program, leave):
+    dialogue(linux_program, leave)
+    assert linux_program.agent_record() is None
+
+
+def test_agent_that_cannot_be_started_is_reported(linux_program):
+    linux_program.agent.unlink()
+    shown = dialogue(linux_program, b"name\n")
+    assert "TavroVssAgent.exe could not be started: No such file or directory\r\nThe log is " in shown
+    assert linux_program.log.name in shown
+    (linux_program.folder / "tweaks_extension.txt").write_text("t_FileLoggerEnabled = 0")
+    assert "The log" not in dialogue(linux_program, b"name\n")
 
 
 @pytest.mark.parametrize(("program_in", "agent_in"), [
@@ -59,16 +90,6 @@ def test_agent_is_found(linux_build, tmp_path, program_in, agent_in):
     program.mark["PATH"] = f"/nowhere::{tmp_path}/on path"
     assert program.run("name\n") == 0
     assert program.agent_record()["arguments"][-1] == "name"
-
-
-def test_terminal_line_too_long_is_refused(linux_program):
-    controller, terminal = pty.openpty()
-    process = linux_program.start(stdin=terminal, stdout=subprocess.PIPE)
-    os.write(controller, b"x" * 4500 + b"\nshort\n")
-    assert b"at most 4094 bytes" in process.communicate(timeout=DEADLINE_SEC)[0]
-    os.close(terminal)
-    os.close(controller)
-    assert linux_program.agent_record()["arguments"][-1] == "short"
 
 
 def test_hardened(linux_build):

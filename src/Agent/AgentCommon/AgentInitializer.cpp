@@ -30,6 +30,8 @@ constexpr std::array TWEAK_DEFAULTS = {
     TweakDefault{"t_WaitAsyncTimeoutMsec", "62000"},
 };
 
+const FileLoggerClient* logClient = nullptr; // of initAgentLogger
+
 } // namespace
 
 void setAgentTweakDefaults()
@@ -61,4 +63,7 @@ void initAgentLogger(const std::string& logFileName)
     auto* const client = MemShield::create<FileLoggerClient>(
         {"FileLoggerClient", SourcePlace::numbered(NUMBER_CLIENT_CREATED)}, path.data(), maxMemoryMiB, "");
     Logger::instance().registerClient(client, Logger::ALL_LEVELS);
+    logClient = client;
 }
+
+std::string agentLogFile() { return logClient == nullptr ? std::string() : logClient->liveFileName(); }

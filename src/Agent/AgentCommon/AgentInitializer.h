@@ -12,3 +12,7 @@ void setAgentTweakDefaults();
 /// registers it for all levels. Without that folder the program runs without a log; only one that cannot be
 /// created is reported, on standard output. To be called after setAgentTweakDefaults.
 void initAgentLogger(const std::string& logFileName);
+
+/// The path of the log file that initAgentLogger has set up; empty if there is none. Any thread may call at any time
+/// but during initAgentLogger.
+[[nodiscard]] std::string agentLogFile();

@@ -1,7 +1,9 @@
 #include "Agent/CheckpointGui/AgentLauncher.h"
 
+#include "Agent/AgentCommon/AgentInitializer.h"
 #include "datapath/common/infra/InputTextFile.h"
 #include "datapath/common/infra/LogItem.h"
+#include "platform/Dialog.h"
 #include "platform/Process.h"
 #include "platform/Shell.h"
 #include "platform/Utf.h"
@@ -11,6 +13,8 @@
 
 namespace
 {
+
+constexpr std::string_view AGENT = "TavroVssAgent.exe";
 
 struct ConnectionSettings
 {
@@ -47,7 +51,7 @@ std::u16string widened(std::string_view text)
 
 std::u16string composeCommandLine(const ConnectionSettings& settings, const std::u16string& checkpointName)
 {
-    return u"TavroVssAgent.exe -GUI " + widened(settings.localURL) + u" " + widened(settings.localPort) + u" " +
+    return widened(AGENT) + u" -GUI " + widened(settings.localURL) + u" " + widened(settings.localPort) + u" " +
            widened(settings.peerURL) + u" " + widened(settings.peerPort) + u" \"" + checkpointName + u"\"";
 }
 
@@ -75,5 +79,8 @@ void runAgent(const std::u16string& checkpointName)
     {
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
             << "Error " << platform::toNumber(error) << " in CreateProcessW." << std::endl;
+        const std::string logFile = agentLogFile();
+        platform::reportFailure(std::string(AGENT) + " could not be started", error,
+                                logFile.empty() ? "" : "The log is " + logFile);
     }
 }

@@ -8,5 +8,6 @@
 #include <string>
 
 /// Starts the agent for a checkpoint of that name (UTF-16) and does not wait for it. What it does
-/// and what fails is logged; missing settings are passed on as empty. Any thread may call.
+/// and what fails is logged; missing settings are passed on as empty. On POSIX the user is also told on standard
+/// error that the agent could not be started, why, and where the log is. Any thread may call.
 void runAgent(const std::u16string& checkpointName);

@@ -1,11 +1,14 @@
 #include "platform/Dialog.h"
 
 #include "platform/Utf.h"
+#include "platform/posix/Errors.h"
 
+#include <algorithm>
 #include <iostream>
 #include <optional>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 namespace platform
 {
@@ -45,30 +48,78 @@ void sendCommand(DialogBox& dialog, std::uint16_t notification, DialogControl& c
 /// The longest line that a terminal certainly passes on whole, in bytes; what goes beyond is dropped.
 constexpr std::size_t TERMINAL_LINE_LIMIT = 4094;
 
-/// One line is what the user types into the edit control, its end is the Return key.
-std::intptr_t converse(DialogBox& dialog)
+constexpr char ESCAPE = '\x1B';
+constexpr std::string_view HOW_TO_CANCEL = "To cancel: Return alone, Esc and Return, or Ctrl-D.";
+
+bool isTerminal() { return isatty(STDIN_FILENO) == 1; }
+
+/// C0, which has the tab and Esc, DEL and C1.
+bool isControlCharacter(char16_t unit) { return unit < 0x20 || (unit >= 0x7F && unit < 0xA0); }
+
+/// Why a line cannot be what the user wants to have in the edit control; empty if it can.
+std::string refusal(std::string_view line, std::u16string_view text)
 {
-    dialog.procedure(&dialog, MESSAGE_INIT_DIALOG, 0, 0);
-    std::string line;
-    while (!dialog.result && std::getline(std::cin, line))
+    if (isTerminal() && line.size() > TERMINAL_LINE_LIMIT)
     {
+        return "Refused: the terminal passes on at most " + std::to_string(TERMINAL_LINE_LIMIT) +
+               " bytes of a line. Longer text goes through standard input.";
+    }
+    if (std::ranges::any_of(text, isControlCharacter))
+    {
+        return "Refused: the text has control characters, such as a tab or what an arrow key sends.";
+    }
+    return {};
+}
+
+/// The text of the next line, without a value if the user cancels. What is refused can be typed again in a terminal.
+std::optional<std::u16string> nextText(const std::string& prompt)
+{
+    for (;;)
+    {
+        if (isTerminal())
+        {
+            std::cout << prompt << std::flush;
+        }
+        std::string line;
+        const bool isRead = static_cast<bool>(std::getline(std::cin, line));
+        if (!isRead || (isTerminal() && (std::cin.eof() || line.ends_with(ESCAPE))))
+        {
+            return std::nullopt;
+        }
         if (line.ends_with('\r'))
         {
             line.pop_back();
         }
-        if (line.size() > TERMINAL_LINE_LIMIT && isatty(STDIN_FILENO) == 1)
+        std::u16string text = utf8ToUtf16(line);
+        const std::string reason = refusal(line, text);
+        if (reason.empty())
         {
-            std::cout << "The terminal passes on at most " << TERMINAL_LINE_LIMIT
-                      << " bytes of a line. Type less, or pass the text through standard input: " << std::flush;
-            continue;
+            return text;
         }
-        dialog.text = utf8ToUtf16(line);
+        if (!isTerminal())
+        {
+            std::cerr << reason << std::endl;
+            return std::nullopt;
+        }
+        std::cout << reason << '\n';
+    }
+}
+
+/// One line is what the user types into the edit control, its end is the Return key.
+std::intptr_t converse(DialogBox& dialog, const std::string& prompt)
+{
+    dialog.procedure(&dialog, MESSAGE_INIT_DIALOG, 0, 0);
+    while (!dialog.result)
+    {
+        std::optional<std::u16string> text = nextText(prompt);
+        if (!text)
+        {
+            sendCommand(dialog, 0, dialog.cancel);
+            break;
+        }
+        dialog.text = std::move(*text);
         sendCommand(dialog, NOTIFICATION_EDIT_CHANGED, dialog.edit);
         sendCommand(dialog, 0, dialog.ok.isEnabled ? dialog.ok : dialog.cancel);
-    }
-    if (!dialog.result)
-    {
-        sendCommand(dialog, 0, dialog.cancel);
     }
     return dialog.result.value_or(FAILED);
 }
@@ -80,12 +131,12 @@ std::intptr_t runDialog(ModuleHandle module, int dialogId, DialogProcedure proce
     {
         return FAILED;
     }
-    if (isatty(STDIN_FILENO) == 1)
+    if (isTerminal())
     {
-        std::cout << resources->dialog.title << '\n' << resources->dialog.prompt << ": " << std::flush;
+        std::cout << resources->dialog.title << '\n';
     }
     DialogBox dialog{.procedure = procedure, .edit = {resources->dialog.editControl, true}, .text = {}, .result = {}};
-    return converse(dialog);
+    return converse(dialog, std::string(HOW_TO_CANCEL) + "\n" + std::string(resources->dialog.prompt) + ": ");
 }
 
 bool endDialog(DialogHandle dialog, std::intptr_t result)
@@ -137,6 +188,11 @@ std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::uint32_t 
     return 0;
 }
 
+void reportFailure(const std::string& what, ErrorNumber error, const std::string& more)
+{
+    std::cerr << what << ": " << errorText(error) << '\n' << more << (more.empty() ? "" : "\n") << std::flush;
+}
+
 } // namespace
 
 } // namespace platform::posix
@@ -147,4 +203,5 @@ platform::DialogCalls platform::dialogCalls = {
     .dialogItem = posix::dialogItem,
     .enableControl = posix::enableControl,
     .sendItemMessage = posix::sendItemMessage,
+    .reportFailure = posix::reportFailure,
 };

@@ -1,63 +1,65 @@
 #include "platform/posix/Errors.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <system_error>
 #include <unistd.h>
 
 namespace platform::posix
 {
 
+namespace
+{
+
+struct Meaning
+{
+    int error; // errno
+    ErrorNumber number;
+};
+
+/// Of several with the same number the first one has the words for it.
+constexpr std::array MEANINGS = {
+    Meaning{0, ErrorNumber::Success},
+    Meaning{ENOENT, ErrorNumber::FileNotFound},
+    Meaning{ENOTDIR, ErrorNumber::PathNotFound},
+    Meaning{EMFILE, ErrorNumber::TooManyOpenFiles},
+    Meaning{ENFILE, ErrorNumber::TooManyOpenFiles},
+    Meaning{EACCES, ErrorNumber::AccessDenied},
+    Meaning{EPERM, ErrorNumber::AccessDenied},
+    Meaning{EISDIR, ErrorNumber::AccessDenied},
+    Meaning{EBADF, ErrorNumber::InvalidHandle},
+    Meaning{ENOMEM, ErrorNumber::NotEnoughMemory},
+    Meaning{EAGAIN, ErrorNumber::NotEnoughMemory}, // no room for another process or thread
+    Meaning{EXDEV, ErrorNumber::NotSameDevice},
+    Meaning{EROFS, ErrorNumber::WriteProtect},
+    Meaning{ETXTBSY, ErrorNumber::SharingViolation},
+    Meaning{ENOSYS, ErrorNumber::NotSupported},
+    Meaning{EOPNOTSUPP, ErrorNumber::NotSupported},
+    Meaning{EINVAL, ErrorNumber::InvalidParameter},
+    Meaning{ENOSPC, ErrorNumber::DiskFull},
+    Meaning{EDQUOT, ErrorNumber::DiskFull},
+    Meaning{ENOTEMPTY, ErrorNumber::FolderNotEmpty},
+    Meaning{EBUSY, ErrorNumber::Busy},
+    Meaning{EEXIST, ErrorNumber::AlreadyExists},
+    Meaning{ENOEXEC, ErrorNumber::BadExecutable},
+    Meaning{ELOOP, ErrorNumber::CannotResolveName},
+    Meaning{E2BIG, ErrorNumber::NameTooLong},
+    Meaning{ENAMETOOLONG, ErrorNumber::NameTooLong},
+};
+
+} // namespace
+
 ErrorNumber fromErrno(int error)
 {
-    switch (error)
-    {
-    case 0:
-        return ErrorNumber::Success;
-    case ENOENT:
-        return ErrorNumber::FileNotFound;
-    case ENOTDIR:
-        return ErrorNumber::PathNotFound;
-    case EMFILE:
-    case ENFILE:
-        return ErrorNumber::TooManyOpenFiles;
-    case EACCES:
-    case EPERM:
-    case EISDIR:
-        return ErrorNumber::AccessDenied;
-    case EBADF:
-        return ErrorNumber::InvalidHandle;
-    case ENOMEM:
-    case EAGAIN: // no room for another process or thread
-        return ErrorNumber::NotEnoughMemory;
-    case EXDEV:
-        return ErrorNumber::NotSameDevice;
-    case EROFS:
-        return ErrorNumber::WriteProtect;
-    case ETXTBSY:
-        return ErrorNumber::SharingViolation;
-    case ENOSYS:
-    case EOPNOTSUPP:
-        return ErrorNumber::NotSupported;
-    case EINVAL:
-        return ErrorNumber::InvalidParameter;
-    case ENOSPC:
-    case EDQUOT:
-        return ErrorNumber::DiskFull;
-    case ENOTEMPTY:
-        return ErrorNumber::FolderNotEmpty;
-    case EBUSY:
-        return ErrorNumber::Busy;
-    case EEXIST:
-        return ErrorNumber::AlreadyExists;
-    case ENOEXEC:
-        return ErrorNumber::BadExecutable;
-    case ELOOP:
-        return ErrorNumber::CannotResolveName;
-    case E2BIG:
-    case ENAMETOOLONG:
-        return ErrorNumber::NameTooLong;
-    default:
-        return ErrorNumber::IoDevice;
-    }
+    const auto* const meaning = std::ranges::find(MEANINGS, error, &Meaning::error);
+    return meaning == MEANINGS.end() ? ErrorNumber::IoDevice : meaning->number;
+}
+
+std::string errorText(ErrorNumber number)
+{
+    const auto* const meaning = std::ranges::find(MEANINGS, number, &Meaning::number);
+    return std::generic_category().message(meaning == MEANINGS.end() ? EIO : meaning->error);
 }
 
 ErrorNumber fromErrno(int error, const std::string& path)

@@ -46,6 +46,8 @@ std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::uint32_t 
     return SendDlgItemMessageW(toWindow(dialog), controlId, message, wParam, lParam);
 }
 
+void reportFailure(const std::string& /*what*/, ErrorNumber /*error*/, const std::string& /*more*/) {}
+
 } // namespace
 
 } // namespace platform::windows
@@ -56,4 +58,5 @@ platform::DialogCalls platform::dialogCalls = {
     .dialogItem = windows::dialogItem,
     .enableControl = windows::enableControl,
     .sendItemMessage = windows::sendItemMessage,
+    .reportFailure = windows::reportFailure,
 };

@@ -44,6 +44,9 @@ public:
     /// Null asks for a flush that nobody waits for. Nothing happens while the logger is not enabled, or for 0 bytes.
     void write(const char* data, std::uint32_t length) EXCLUDES(m_fileMutex, m_queueMutex);
 
+    /// The path of the live file; empty while the logger is not enabled, or if there is no such file any more.
+    [[nodiscard]] std::string liveFileName() const;
+
 protected:
     /// What the writer is to do: write the bytes, or without any, flush.
     using LogItem = LogQueue::Block;

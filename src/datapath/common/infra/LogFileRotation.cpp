@@ -77,6 +77,12 @@ bool GenFileLogger::openLogFile()
     return false;
 }
 
+std::string GenFileLogger::liveFileName() const
+{
+    const std::string name = withSuffixes(m_basePath, false);
+    return m_enabled && platform::pathExists(name.c_str()) ? name : "";
+}
+
 void GenFileLogger::rotate()
 {
     std::vector<std::string> files;
