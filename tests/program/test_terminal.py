@@ -78,6 +78,20 @@ def test_agent_that_cannot_be_started_is_reported(linux_program):
     assert "The log" not in dialogue(linux_program, b"name\n")
 
 
+@pytest.mark.parametrize("closed", [[0], [1], [2], [0, 1, 2]], ids=str)
+def test_log_does_not_take_the_place_of_a_closed_stream(linux_program, closed):
+    linux_program.agent.unlink()  # this is told on standard error, after the prompt on standard output
+    controller, terminal = pty.openpty()
+    os.write(controller, b"name\n")
+    process = linux_program.start(stdin=terminal, preexec_fn=lambda: list(map(os.close, closed)))
+    assert process.wait(DEADLINE_SEC) == 0
+    os.close(terminal)
+    os.close(controller)
+    text = linux_program.log.read_text()
+    assert ("IDCANCEL" if 0 in closed else "IDOK") in text and "Done." in text
+    assert "Enter a name" not in text and "could not" not in text
+
+
 @pytest.mark.parametrize(("program_in", "agent_in"), [
     ("own:folder", "own:folder"), ("elsewhere", "work"), ("elsewhere", "on path")],
     ids=["program's folder", "current folder", "PATH"])
