@@ -46,11 +46,6 @@ def test_agent_gets_our_environment_and_folder(program, monkeypatch):
     assert record["workingFolder"] == program.agent_folder
 
 
-def test_missing_agent_is_no_failure(program):
-    program.agent.unlink()
-    assert program.submit("name") == 0
-
-
 def test_longest_name(program):
     name = "n" * LONGEST_NAME
     assert program.submit(name) == 0
