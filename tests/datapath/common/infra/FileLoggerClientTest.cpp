@@ -391,7 +391,7 @@ TEST_F(FileLogger, WhatEndsTheProcessIsInTheFileBehindAllLines)
 CHILD_SCENARIO(clientsThatEnd)
 {
     MemShield::setEnabled(false);
-    const std::string folder = std::filesystem::current_path().string() + "\\";
+    const std::string folder = (std::filesystem::current_path() / "").string();
     static FileLoggerClient lasting(folder + "static", 4095U, "");
     FileLoggerClient local(folder + "local", 4095U, "");
     Logger::instance().registerClient(&lasting, Logger::ALL_LEVELS);
