@@ -33,7 +33,7 @@ public:
     /// Reports also show what the owner has not enqueued yet, if it counts that where numArriving points.
     PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats,
                   const std::atomic<std::uint64_t>* numArriving = nullptr)
-        : MemWatchedContainer(std::move(name), 0, 0), m_queues(numPriorities), m_printStats(printStats),
+        : MemWatchedContainer(std::move(name), ITEM_SIZE, 0), m_queues(numPriorities), m_printStats(printStats),
           m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name()), m_numArriving(numArriving)
     {
         MemWatchedContainerDatabase::instance().registerContainer(this);
@@ -156,6 +156,8 @@ private:
         std::uint64_t highWatermark = 0; // the most items since the last line
         std::uint64_t lowWatermark = 0;  // the fewest
     };
+
+    static constexpr std::uint32_t ITEM_SIZE = sizeof(void*); // what reports count for each item
 
     static std::uint32_t printIntervalMs()
     {

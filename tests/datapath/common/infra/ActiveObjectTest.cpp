@@ -320,7 +320,8 @@ TEST_F(ActiveObjectTest, FeedsItsRateMonitorWithThePeriodsInWhichActionsAreQueue
     enqueueAt(2'000, waiting);
     MemWatchedContainerDatabase::instance().printWatchedContainers();
     EXPECT_EQ(1, std::ranges::count_if(client->messages(), [](const std::string& line) {
-                  return line.ends_with(",printWatchedContainers,ContainerName = Disk items = 2");
+                  return line.ends_with(
+                      ",printWatchedContainers,ContainerName = Disk items = 2 memory = 16 (max = 16)");
               }));
     nowUs = 3'000'000;
     open(object, 1);

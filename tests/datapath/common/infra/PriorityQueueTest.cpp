@@ -90,7 +90,6 @@ TEST_F(PriorityQueueTest, WatermarksAreLoggedOnceAnInterval)
 
 TEST_F(PriorityQueueTest, TakesTheOldestOfTheHighestPriorityWhateverCameBefore)
 {
-    const auto report = [] { MemWatchedContainerDatabase::instance().printWatchedContainers(); };
     auto queue = std::make_unique<PriorityQueue<int>>(5, "Items", true);
     std::set<std::pair<std::int64_t, int>> model; // negative priorities and ages
     std::mt19937 random(4711);
@@ -110,13 +109,16 @@ TEST_F(PriorityQueueTest, TakesTheOldestOfTheHighestPriorityWhateverCameBefore)
         }
         ASSERT_TRUE(queue->checkInvariants() && queue->itemCount() == model.size());
     }
-    const std::string items =
-        "Info,NON,MemWatchedContainerDatabase,printWatchedContainers,ContainerName = Items items = ";
-    const Texts counts = {std::to_string(queue->size())};
-    report();
+    const std::string memory = std::to_string(8 * model.size());
+    MemWatchedContainerDatabase::instance().printWatchedContainers();
     queue.reset();
-    report();
-    EXPECT_EQ(counts, logged(items));
+    MemWatchedContainerDatabase::instance().printWatchedContainers();
+    const Texts report = logged("Info,NON,MemWatchedContainerDatabase,printWatchedContainers,");
+    const std::string head = "ContainerName = Items items = " + std::to_string(model.size());
+    EXPECT_EQ(1, std::ranges::count(report, head + " memory = " + memory + " (max = " + memory + ")"));
+    EXPECT_EQ(1, std::ranges::count_if(report, [&](const std::string& line) {
+                  return line.starts_with(" estimatedTotal=" + memory + " in ");
+              }));
 }
 
 } // namespace
