@@ -21,6 +21,44 @@ static_assert(std::endian::native == std::endian::little);
 
 void* futexOf(std::atomic<std::uint64_t>& state) { return &state; }
 
+timespec nowPlus(std::uint32_t durationMs)
+{
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    time.tv_sec += static_cast<time_t>(durationMs / 1000);
+    time.tv_nsec += static_cast<long>(durationMs % 1000) * 1'000'000;
+    time.tv_sec += time.tv_nsec / NS_PER_SECOND;
+    time.tv_nsec %= NS_PER_SECOND;
+    return time;
+}
+
+bool isBefore(const timespec& left, const timespec& right)
+{
+    return left.tv_sec != right.tv_sec ? left.tv_sec < right.tv_sec : left.tv_nsec < right.tv_nsec;
+}
+
+/// Returns when it is worth while to look at the count again; true if the deadline has passed.
+bool sleepWhileZero(std::atomic<std::uint64_t>& state, const timespec* deadline)
+{
+    if (syscall(SYS_futex, futexOf(state), FUTEX_WAIT_BITSET_PRIVATE, 0, deadline, nullptr, FUTEX_BITSET_MATCH_ANY) ==
+            0 ||
+        errno == EAGAIN || errno == EINTR)
+    {
+        return false;
+    }
+    if (errno == ETIMEDOUT)
+    {
+        return true;
+    }
+    timespec until = nowPlus(1); // the system refuses to wait here: look from time to time
+    if (deadline != nullptr && isBefore(*deadline, until))
+    {
+        until = *deadline;
+    }
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
+    return deadline != nullptr && !isBefore(nowPlus(0), *deadline);
+}
+
 } // namespace
 
 void NativeSemaphore::wakeOne() noexcept
@@ -57,12 +95,7 @@ bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
     {
         return tryTake();
     }
-    timespec deadline = {};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += static_cast<time_t>(durationMs / 1000);
-    deadline.tv_nsec += static_cast<long>(durationMs % 1000) * 1'000'000;
-    deadline.tv_sec += deadline.tv_nsec / NS_PER_SECOND;
-    deadline.tv_nsec %= NS_PER_SECOND;
+    const timespec deadline = nowPlus(durationMs);
     return takeBefore(&deadline);
 }
 
@@ -89,33 +122,27 @@ bool NativeSemaphore::takeBefore(const timespec* deadline) noexcept
     std::uint64_t state = m_state.fetch_add(WAITER, std::memory_order_relaxed) + WAITER;
     for (bool isLate = false;;)
     {
-        while ((state & COUNT_MASK) != 0)
+        // Whoever is late leaves only when there is nothing to take: what has let it go must not be left behind by it.
+        while (isLate || (state & COUNT_MASK) != 0)
         {
-            if (m_state.compare_exchange_weak(state, state - 1 - WAITER, std::memory_order_acquire,
+            const std::uint64_t taken = std::min<std::uint64_t>(state & COUNT_MASK, 1);
+            if (m_state.compare_exchange_weak(state, state - taken - WAITER, std::memory_order_acquire,
                                               std::memory_order_relaxed))
             {
-                return true;
+                return taken != 0;
             }
         }
-        if (isLate)
-        {
-            m_state.fetch_sub(WAITER, std::memory_order_relaxed);
-            return false;
-        }
-        isLate = syscall(SYS_futex, futexOf(m_state), FUTEX_WAIT_BITSET_PRIVATE, 0, deadline, nullptr,
-                         FUTEX_BITSET_MATCH_ANY) != 0 &&
-                 errno == ETIMEDOUT;
+        isLate = sleepWhileZero(m_state, deadline);
         state = m_state.load(std::memory_order_relaxed);
     }
 }
 
 void NativeEvent::set() noexcept
 {
-    // Each sleeper can be let go by a set of its own; with none, one set stays for the next wait. The
-    // word is written in any case, so that whoever passes sees what came before this call.
+    // Each sleeper can be let go by a set of its own, and one more set stays for the next wait. The word is
+    // written in any case, so that whoever passes sees what came before this call.
     const auto afterSet = [](std::uint64_t state) {
-        const std::uint64_t sleepers = state / WAITER;
-        return (state & ~COUNT_MASK) | std::min((state & COUNT_MASK) + 1, std::max<std::uint64_t>(sleepers, 1));
+        return (state & ~COUNT_MASK) | std::min((state & COUNT_MASK) + 1, state / WAITER + 1);
     };
     std::uint64_t state = m_state.load(std::memory_order_relaxed);
     while (!m_state.compare_exchange_weak(state, afterSet(state), std::memory_order_release, std::memory_order_relaxed))

@@ -9,39 +9,84 @@
 namespace platform
 {
 
-void NativeSemaphore::post()
+namespace
 {
-    const std::lock_guard guard(m_mutex);
-    ++m_count;
-    m_posted.notify_one(); // inside: the waiter may destroy this object
+
+using Clock = std::chrono::steady_clock;
+
+// The header holds them as what they consist of.
+SRWLOCK& lockIn(void*& storage) { return reinterpret_cast<SRWLOCK&>(storage); }
+CONDITION_VARIABLE& conditionIn(void*& storage) { return reinterpret_cast<CONDITION_VARIABLE&>(storage); }
+static_assert(sizeof(SRWLOCK) == sizeof(void*) && sizeof(CONDITION_VARIABLE) == sizeof(void*));
+
+class ExclusiveGuard
+{
+public:
+    explicit ExclusiveGuard(SRWLOCK& lock) : m_lock(lock) { AcquireSRWLockExclusive(&m_lock); }
+    ExclusiveGuard(const ExclusiveGuard&) = delete;
+    ExclusiveGuard& operator=(const ExclusiveGuard&) = delete;
+    ~ExclusiveGuard() { ReleaseSRWLockExclusive(&m_lock); }
+
+private:
+    SRWLOCK& m_lock;
+};
+
+/// In milliseconds, rounded up; 0 when the deadline has passed.
+DWORD timeUntil(Clock::time_point deadline)
+{
+    const std::int64_t left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<DWORD>(std::clamp<std::int64_t>(left, 0, INFINITE - 1));
 }
 
-void NativeSemaphore::wait()
+/// Between two looks, where the system refuses to wait.
+void rest() { Sleep(1); }
+
+} // namespace
+
+void NativeSemaphore::post() noexcept
 {
-    std::unique_lock guard(m_mutex);
-    m_posted.wait(guard, [this] { return m_count != 0; });
+    const ExclusiveGuard guard(lockIn(m_lock));
+    ++m_count;
+    WakeConditionVariable(&conditionIn(m_posted)); // inside: the waiter may destroy this object
+}
+
+void NativeSemaphore::wait() noexcept
+{
+    const ExclusiveGuard guard(lockIn(m_lock));
+    while (m_count == 0)
+    {
+        sleep(INFINITE);
+    }
     --m_count;
 }
 
-bool NativeSemaphore::waitFor(std::uint32_t durationMs)
+bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
 {
-    using Clock = std::chrono::steady_clock;
-    // The library sleeps on the calendar clock here. In short slices a clock that is set back cannot
-    // lengthen the wait.
-    constexpr Clock::duration SLICE = std::chrono::seconds(1);
-    std::unique_lock guard(m_mutex);
+    const ExclusiveGuard guard(lockIn(m_lock));
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(durationMs);
     while (m_count == 0)
     {
-        const Clock::time_point now = Clock::now();
-        if (now >= deadline)
+        const DWORD leftMs = timeUntil(deadline);
+        if (leftMs == 0)
         {
             return false;
         }
-        m_posted.wait_for(guard, std::min(deadline - now, SLICE));
+        sleep(leftMs);
     }
     --m_count;
     return true;
+}
+
+/// Returns when it is worth while to look at the count again, which is unlocked meanwhile.
+void NativeSemaphore::sleep(std::uint32_t durationMs) noexcept
+{
+    if (SleepConditionVariableSRW(&conditionIn(m_posted), &lockIn(m_lock), durationMs, 0) == FALSE &&
+        GetLastError() != ERROR_TIMEOUT)
+    {
+        ReleaseSRWLockExclusive(&lockIn(m_lock));
+        rest();
+        AcquireSRWLockExclusive(&lockIn(m_lock));
+    }
 }
 
 NativeEvent::NativeEvent() : m_handle(CreateEventA(nullptr, FALSE, FALSE, nullptr))
@@ -56,11 +101,30 @@ NativeEvent::~NativeEvent() { CloseHandle(m_handle); }
 
 void NativeEvent::set() noexcept { SetEvent(m_handle); }
 
-void NativeEvent::wait() noexcept { WaitForSingleObject(m_handle, INFINITE); }
+void NativeEvent::wait() noexcept
+{
+    while (WaitForSingleObject(m_handle, INFINITE) != WAIT_OBJECT_0)
+    {
+        rest();
+    }
+}
 
 bool NativeEvent::waitFor(std::uint32_t durationMs) noexcept
 {
-    return WaitForSingleObject(m_handle, durationMs) == WAIT_OBJECT_0;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(durationMs);
+    for (DWORD leftMs = durationMs;; rest())
+    {
+        const DWORD result = WaitForSingleObject(m_handle, leftMs);
+        if (result != WAIT_FAILED)
+        {
+            return result == WAIT_OBJECT_0;
+        }
+        leftMs = timeUntil(deadline);
+        if (leftMs == 0)
+        {
+            return false;
+        }
+    }
 }
 
 } // namespace platform

@@ -1,26 +1,30 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 namespace platform
 {
 
+/// Over a lock and a condition variable of the system, which need no handle and so cannot run out.
 class NativeSemaphore
 {
 public:
-    explicit NativeSemaphore(std::uint32_t count) : m_count(count) {}
+    explicit NativeSemaphore(std::uint32_t count) noexcept : m_count(count) {}
+    NativeSemaphore(const NativeSemaphore&) = delete;
+    NativeSemaphore& operator=(const NativeSemaphore&) = delete;
+    ~NativeSemaphore() = default;
 
-    void post();
-    void wait();
+    void post() noexcept;
+    void wait() noexcept;
 
     /// Waits at most durationMs, 0 for not at all. Returns whether it took one.
-    [[nodiscard]] bool waitFor(std::uint32_t durationMs);
+    [[nodiscard]] bool waitFor(std::uint32_t durationMs) noexcept;
 
 private:
-    std::mutex m_mutex; // guards the count
-    std::condition_variable m_posted;
+    void sleep(std::uint32_t durationMs) noexcept;
+
+    void* m_lock = nullptr;   // an SRWLOCK; guards the count
+    void* m_posted = nullptr; // a CONDITION_VARIABLE
     std::uint32_t m_count;
 };
 

@@ -94,17 +94,25 @@ TEST(Trigger, LetsOneWaitPassForEachTurn)
     ping.set();
     ping.set();
     ping.wait(); // takes both
-    std::atomic<bool> isSet = false;
-    runInThreads(2, [&](int index) {
-        if (index == 1)
-        {
-            isSet = true;
-            ping.set();
-            return;
-        }
-        ping.wait();
-        EXPECT_TRUE(isSet);
-    });
+    int both = 0;
+    for (int round = 0; round < 20; ++round)
+    {
+        std::atomic<bool> isSet = false;
+        runInThreads(2, [&](int index) {
+            if (index == 1)
+            {
+                platform::sleepMs(5); // the other one sleeps then
+                isSet = true;
+                ping.set(); // for the other one
+                ping.set(); // for the next wait
+                return;
+            }
+            ping.wait();
+            EXPECT_TRUE(isSet);
+            both += ping.waitFor(20) ? 1 : 0;
+        });
+    }
+    EXPECT_LT(10, both); // it was not always asleep in time
 }
 
 TEST(UnownedMutex, OneThreadUnlocksWhatAnotherLocked)
