@@ -21,13 +21,8 @@ DynamicTweaks& DynamicTweaks::instance()
 
 void DynamicTweaks::refresh()
 {
-    ++m_refreshes;
-    std::uint32_t covered = 0;
-    do
-    {
-        covered = m_refreshes;
-        readMembers();
-    } while (covered != m_refreshes); // else a refresh that began meanwhile may have written newer values before
+    const MutexGuard guard(m_refreshMutex); // each reads what the one before read, or something newer
+    readMembers();
 }
 
 void DynamicTweaks::readMembers()

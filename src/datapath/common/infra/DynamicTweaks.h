@@ -5,9 +5,11 @@
 //     if (DynamicTweaks::instance().t_IOVerboseLogs)
 //
 // The members hold what the table of tweaks holds, or their default: a change of the table refreshes them
-// before it returns, and whichever of several changes at once comes last leaves them right. They never
-// move, so pointers to them may be kept. Any thread may read; each member is consistent in itself, not
-// with the others while a refresh runs.
+// before it returns, and of several changes at once the last one wins in each member. They never move, so
+// pointers to them may be kept. Any thread may read; each member is consistent in itself, not with the
+// others while a refresh runs.
+
+#include "datapath/common/infra/Mutex.h"
 
 #include <atomic>
 #include <cstdint>
@@ -37,9 +39,9 @@ public:
     /// Made on first use and never destroyed.
     [[nodiscard]] static DynamicTweaks& instance();
 
-    /// Reads every member from the table again. The table calls this after each change. Any thread may
-    /// call.
-    void refresh();
+    /// Reads every member from the table again, when refreshes on other threads are over. The table calls this
+    /// after each change. Any thread may call, but log clients must not.
+    void refresh() EXCLUDES(m_refreshMutex);
 
     DynamicTweak<bool> t_ActiveObjectVerboseLogs;
     DynamicTweak<bool> t_BatchIOVerboseLogs;
@@ -62,8 +64,8 @@ public:
     DynamicTweak<bool> batchIoOrCloudOrIoVerbose;
 
 private:
-    DynamicTweaks() { refresh(); }
+    DynamicTweaks() { readMembers(); }
     void readMembers();
 
-    std::atomic<std::uint32_t> m_refreshes = 0; // begun so far
+    Mutex m_refreshMutex; // held while members are written, once others know the object
 };
