@@ -32,7 +32,7 @@ const char* checkedName(const char* name)
 } // namespace
 
 ActiveObject::ActiveObject(const char* name, const std::atomic<bool>* forceVerbose)
-    : m_forceVerbose(forceVerbose), m_name(checkedName(name)), m_pq(1, m_name, false, &m_numArriving)
+    : m_forceVerbose(forceVerbose), m_name(checkedName(name)), m_pq(1, m_name, false, &m_numArrived)
 {
     const bool isVerbose = DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
@@ -70,10 +70,14 @@ void ActiveObject::addArrival(Action* action)
     bool isWorkerReserved = false;
     {
         const MutexGuard guard(m_arrivalsMutex);
+        if (m_isDrained) [[unlikely]]
+        {
+            return;
+        }
         action->m_next = nullptr;
         (m_firstArrival == nullptr ? m_firstArrival : m_lastArrival->m_next) = action;
         m_lastArrival = action;
-        m_numArriving.fetch_add(1, std::memory_order_release);
+        m_numArrived.store(m_numArrived.load(std::memory_order_relaxed) + 1, std::memory_order_release);
         isWorkerReserved = reserveWorker();
     }
     if (isWorkerReserved)
@@ -196,20 +200,17 @@ bool ActiveObject::waitUntilQueued()
 /// Queues the oldest of what has arrived.
 void ActiveObject::importArrivals(std::uint64_t most)
 {
-    while (most != 0 && m_numArriving != 0)
+    while (most != 0 && m_pq.size() != m_pq.itemCount())
     {
         if (m_nextArrival == nullptr)
         {
             const MutexGuard guard(m_arrivalsMutex);
             m_nextArrival = std::exchange(m_firstArrival, nullptr);
         }
-        std::uint64_t numQueued = 0;
-        for (; m_nextArrival != nullptr && numQueued != most; ++numQueued)
+        for (; m_nextArrival != nullptr && most != 0; --most)
         {
             m_pq.enqueue(std::exchange(m_nextArrival, m_nextArrival->m_next), 0);
         }
-        m_numArriving.fetch_sub(numQueued, std::memory_order_release);
-        most -= numQueued;
     }
 }
 
@@ -265,20 +266,22 @@ void ActiveObject::sleep()
 
 void ActiveObject::logFailedExtraction() const
 {
+    const std::uint64_t numQueued = m_pq.itemCount();
     LogItem(LoggerId::NON, LogLevel::Error, WORKER)
-        << "!bExtracted, m_pq.size " << m_pq.itemCount() << " m_pq.empty " << (m_pq.itemCount() == 0)
-        << "  m_pq Priority " << m_pq.highestPriority() << std::endl;
+        << "!bExtracted, m_pq.size " << numQueued << " m_pq.empty " << (numQueued == 0) << "  m_pq Priority "
+        << m_pq.highestPriority() << std::endl;
 }
 
 void ActiveObject::logTimedOutWait()
 {
     const MutexGuard guard(m_mutex);
-    if (isVerbose() && (m_pq.itemCount() != 0 || !m_enabled))
+    const std::uint64_t numQueued = m_pq.itemCount();
+    if (isVerbose() && (numQueued != 0 || !m_enabled))
     {
         LogItem(LoggerId::NON, LogLevel::Info, WORKER)
             << "AO<" << m_name << "> " << m_name
-            << " !m_pq.empty() || !m_enabled, and wait timed out, unlikely, m_pq.size " << m_pq.itemCount()
-            << " m_pq.empty " << (m_pq.itemCount() == 0) << "  m_pq Priority " << m_pq.highestPriority() << std::endl;
+            << " !m_pq.empty() || !m_enabled, and wait timed out, unlikely, m_pq.size " << numQueued << " m_pq.empty "
+            << (numQueued == 0) << "  m_pq Priority " << m_pq.highestPriority() << std::endl;
     }
 }
 
@@ -314,7 +317,7 @@ void ActiveObject::terminateAllThreads()
     {
         m_left.wait();
     }
-    if (isFirst) // what has come since then is left alone
+    if (isFirst)
     {
         std::ranges::for_each(drain(), release);
     }
@@ -324,20 +327,15 @@ std::vector<ActiveObject::Action*> ActiveObject::drain()
 {
     std::vector<Action*> actions;
     const MutexGuard guard(m_mutex);
+    {
+        const MutexGuard arrivalsGuard(m_arrivalsMutex);
+        m_isDrained = true;
+    }
     m_isMonitored = false;
     importArrivals(m_pq.itemCount());
-    if (m_pq.empty())
+    if (!m_pq.empty())
     {
-        return actions;
-    }
-    LogItem(LoggerId::NON, LogLevel::Warn, TERMINATION)
-        << "ActiveObject queue was not empty during shutdown: " << m_pq.size() << " items, details follow."
-        << std::endl;
-    for (std::uint32_t priority = 0; priority <= m_pq.highestPriority(); ++priority)
-    {
-        LogItem(LoggerId::NON, LogLevel::Warn, TERMINATION)
-            << "priority " << priority << ": " << m_pq.size(priority) << " items, " << m_pq.sizeBytes(priority)
-            << " bytes" << std::endl;
+        logRemaining();
     }
     while (!m_pq.empty())
     {
@@ -350,14 +348,32 @@ std::vector<ActiveObject::Action*> ActiveObject::drain()
         }
         actions.push_back(extracted.action);
     }
+    if (m_rateMonitor)
+    {
+        monitorEmptyQueue();
+    }
     return actions;
+}
+
+void ActiveObject::logRemaining() const
+{
+    LogItem(LoggerId::NON, LogLevel::Warn, TERMINATION)
+        << "ActiveObject queue was not empty during shutdown: " << m_pq.size() << " items, details follow."
+        << std::endl;
+    for (std::uint32_t priority = 0; priority <= m_pq.highestPriority(); ++priority)
+    {
+        LogItem(LoggerId::NON, LogLevel::Warn, TERMINATION)
+            << "priority " << priority << ": " << m_pq.size(priority) << " items, " << m_pq.sizeBytes(priority)
+            << " bytes" << std::endl;
+    }
 }
 
 void ActiveObject::attachRateMonitor(GuardedPtr<RateMonitor> monitor)
 {
     const MutexGuard guard(m_mutex);
     m_rateMonitor = std::move(monitor);
-    m_isMonitored = m_rateMonitor != nullptr;
+    const MutexGuard arrivalsGuard(m_arrivalsMutex);
+    m_isMonitored = m_rateMonitor != nullptr && !m_isDrained;
 }
 
 void ActiveObject::monitorEnqueue()

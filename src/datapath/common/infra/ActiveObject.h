@@ -74,16 +74,17 @@ public:
     /// Called once by each worker before it looks for work.
     virtual void onThreadStart(std::uint32_t /*threadIndex*/) {}
 
-    /// The action belongs to the object from now on, which destroys it after it was executed, or at shutdown. One
-    /// that comes when the shutdown is over is neither executed nor destroyed.
+    /// The action belongs to the object from now on, which destroys it after it was executed, or at shutdown, when the
+    /// last worker has left. One that comes after that is left alone: it is neither executed nor destroyed nor written
+    /// to, and stays the caller's.
     [[gnu::hot]] void enqueue(Action* action) EXCLUDES(m_mutex);
 
     /// Waits until each worker has finished what it executes and has left, then logs and destroys what is still
-    /// queued.
+    /// queued, also what has come meanwhile.
     void terminateAllThreads() EXCLUDES(m_mutex);
 
     /// From now on the monitor, which belongs to the object, counts each action as an item, and each period in which
-    /// actions are queued as a task.
+    /// actions are queued as a task, until the shutdown is over.
     void attachRateMonitor(GuardedPtr<RateMonitor> monitor) EXCLUDES(m_mutex);
 
 protected:
@@ -117,6 +118,7 @@ private:
     void monitorEnqueue() REQUIRES(m_mutex);
     void monitorEmptyQueue() REQUIRES(m_mutex);
     [[nodiscard]] std::vector<Action*> drain() EXCLUDES(m_mutex);
+    void logRemaining() const REQUIRES(m_mutex);
 
     // What producers share, apart from what workers share: a worker comes here only when it has nothing else to do, and
     // takes all that has arrived. Together in as few cache lines as can be: after a rest each one has to be fetched.
@@ -130,7 +132,8 @@ private:
     platform::NativeSemaphore m_wake{0};
     Action* m_firstArrival GUARDED_BY(m_arrivalsMutex) = nullptr;
     Action* m_lastArrival GUARDED_BY(m_arrivalsMutex) = nullptr;
-    std::atomic<std::uint64_t> m_numArriving = 0; // that no worker has queued yet
+    std::atomic<std::uint64_t> m_numArrived = 0;          // ever; written under m_arrivalsMutex
+    bool m_isDrained GUARDED_BY(m_arrivalsMutex) = false; // what comes is left alone; written under both locks
     std::atomic<bool> m_isMonitored = false;
     std::atomic<bool> m_enabled = true; // until shutdown; written under both locks
 

@@ -30,11 +30,13 @@ template <class T> class PriorityQueue final : public MemWatchedContainer
 {
 public:
     /// Priorities go from 0 to numPriorities - 1. With printStats, a line of watermarks is logged from time to time.
-    /// Reports also show what the owner has not enqueued yet, if it counts that where numArriving points.
+    /// Reports also show what the owner has not enqueued yet, if it counts all that has ever come where numArrived
+    /// points: an item before it is enqueued.
     PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats,
-                  const std::atomic<std::uint64_t>* numArriving = nullptr)
-        : MemWatchedContainer(std::move(name), ITEM_SIZE, 0), m_queues(numPriorities), m_printStats(printStats),
-          m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name()), m_numArriving(numArriving)
+                  const std::atomic<std::uint64_t>* numArrived = nullptr)
+        : MemWatchedContainer(std::move(name), ITEM_SIZE, 0),
+          m_numArrived(numArrived == nullptr ? m_numEnqueued : *numArrived), m_queues(numPriorities),
+          m_printStats(printStats), m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name())
     {
         MemWatchedContainerDatabase::instance().registerContainer(this);
     }
@@ -56,7 +58,7 @@ public:
         printStatsIfNeeded();
         Queue& queue = m_queues[priority];
         queue.items.push_back(std::move(item));
-        setItemCount(size() + 1);
+        add1(m_numEnqueued);
         m_highestPriority = std::max(m_highestPriority, priority);
         queue.highWatermark = std::max<std::uint64_t>(queue.highWatermark, queue.items.size());
     }
@@ -77,14 +79,17 @@ public:
         Queue& queue = m_queues[m_highestPriority];
         item = std::move(queue.items.front());
         queue.items.pop_front();
-        setItemCount(size() - 1);
+        add1(m_numTaken);
         priority = m_highestPriority;
         queue.lowWatermark = std::min<std::uint64_t>(queue.lowWatermark, queue.items.size());
         printStatsIfNeeded();
         return true;
     }
 
-    [[nodiscard]] std::uint64_t size() const { return m_itemCount.load(std::memory_order_relaxed); }
+    [[nodiscard]] std::uint64_t size() const
+    {
+        return m_numEnqueued.load(std::memory_order_relaxed) - m_numTaken.load(std::memory_order_relaxed);
+    }
     [[nodiscard]] bool empty() const { return size() == 0; }
 
     /// Items of one priority. One out of range ends the process.
@@ -125,11 +130,19 @@ public:
     /// The name in the line of watermarks. The one that the queue is watched under stays.
     void setName(std::string name) { m_name = std::move(name); }
 
-    /// What reports show.
+    /// What reports show: a number that was true at a moment during the call.
     [[nodiscard]] std::uint64_t itemCount() const override
     {
-        // What arrives is counted here before it is not counted there any more: never too little.
-        return (m_numArriving == nullptr ? 0 : m_numArriving->load(std::memory_order_acquire)) + size();
+        std::uint64_t numTaken = m_numTaken.load(std::memory_order_acquire);
+        while (true)
+        {
+            const std::uint64_t numArrived = m_numArrived.load(std::memory_order_acquire);
+            const std::uint64_t numTakenBefore = std::exchange(numTaken, m_numTaken.load(std::memory_order_acquire));
+            if (numTaken == numTakenBefore) // as it also was when the other was read
+            {
+                return numArrived - numTaken;
+            }
+        }
     }
 
     /// For tests: whether the counts, the mark and the watermarks fit the lists.
@@ -169,7 +182,10 @@ private:
     }
 
     /// The owner's lock makes this thread the only one that writes.
-    void setItemCount(std::uint64_t count) { m_itemCount.store(count, std::memory_order_relaxed); }
+    static void add1(std::atomic<std::uint64_t>& count)
+    {
+        count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    }
 
     void printStatsIfNeeded()
     {
@@ -199,12 +215,13 @@ private:
         line << std::endl;
     }
 
-    std::atomic<std::uint64_t> m_itemCount = 0;
+    std::atomic<std::uint64_t> m_numEnqueued = 0; // ever
+    std::atomic<std::uint64_t> m_numTaken = 0;    // ever
+    const std::atomic<std::uint64_t>& m_numArrived;
     std::vector<Queue> m_queues;         // by priority
     std::uint32_t m_highestPriority = 0; // above it every list is empty
     const bool m_printStats;
     const std::uint32_t m_printIntervalMs;
     std::int64_t m_lastPrintMs = 0;
     std::string m_name;
-    const std::atomic<std::uint64_t>* const m_numArriving;
 };

@@ -197,6 +197,24 @@ TEST_F(ActiveObjectTest, IdleWorkersExecuteWhatComesWhileOthersAreBusy)
     }
 }
 
+/// Does something before a line with that text is over.
+struct OnLine : LoggerClient
+{
+    OnLine(const char* text, std::function<void()> content) : part(text), work(std::move(content))
+    {
+        Logger::instance().registerClient(this, Logger::ALL_LEVELS); // and stays
+    }
+    void log(const std::string& line) override
+    {
+        if (line.find(part) != std::string::npos)
+        {
+            work();
+        }
+    }
+    const std::string part;
+    const std::function<void()> work;
+};
+
 TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
 {
     std::optional<ActiveObject> object;
@@ -213,6 +231,12 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     {
         enqueue(*object, [](Work&) { ADD_FAILURE() << "executed"; });
     }
+    std::array<Work*, 2> late{};
+    for (Work*& work : late)
+    {
+        work = MemShield::create<Work>({"Work", SourcePlace::here()}, [&](Work&) { started.signal(); });
+    }
+    new OnLine("queue was not empty", [&] { object->enqueue(late[0]); });
     std::thread letting([&] {
         platform::sleepMs(20);
         EXPECT_FALSE(isExecuted);
@@ -221,51 +245,31 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     object->terminateAllThreads();
     letting.join();
     EXPECT_TRUE(isExecuted);
-    EXPECT_EQ(0, living);
+    EXPECT_EQ(2, living);
     const Texts lines = client->messages();
     const auto warning = std::ranges::find_if(lines, [](const auto& line) { return line.starts_with("Warn,"); });
     ASSERT_LE(2, lines.end() - warning);
     const std::string head = "Warn,NON,ActiveObject,terminateAllThreads,";
     EXPECT_EQ(head + "ActiveObject queue was not empty during shutdown: 3 items, details follow.", warning[0]);
     EXPECT_EQ(head + "priority 0: 3 items, 0 bytes", warning[1]);
-    std::array<Work*, 2> late{};
-    for (Work*& work : late)
-    {
-        work = MemShield::create<Work>({"Work", SourcePlace::here()}, [&](Work&) { started.signal(); });
-        object->enqueue(work);
-    }
     object->open(); // leaves at once
-    object.reset();
-    EXPECT_EQ(2, living);
-    object.emplace("Next", &forceVerbose);
-    open(*object, 1);
-    for (Work* const work : late)
-    {
-        object->enqueue(work);
-        started.wait();
-    }
+    ActiveObject next("Next", &forceVerbose);
+    next.enqueue(late[0]);
+    object->enqueue(late[1]);
+    open(next, 1);
+    started.wait();
+    next.terminateAllThreads();
+    EXPECT_EQ(1, living);
+    MemShield::destroy(late[1], SourcePlace::here());
     object.reset();
     EXPECT_EQ(0,
               std::ranges::count_if(client->messages(), [](const auto& line) { return line.starts_with("Assert,"); }));
 }
 
-/// Holds threads at the line that they start with, before they have registered.
-struct Gate : LoggerClient
-{
-    void log(const std::string& line) override
-    {
-        if (line.find("Starting ThreadWrapper of type Slow ") != std::string::npos)
-        {
-            mayPass.wait();
-        }
-    }
-    Semaphore mayPass{0};
-};
-
 TEST_F(ActiveObjectTest, ShutdownWaitsForWorkersThatHaveNotStartedYet)
 {
-    auto* const gate = new Gate; // stays registered
-    Logger::instance().registerClient(gate, Logger::ALL_LEVELS);
+    Semaphore mayRegister(0);
+    new OnLine("Starting ThreadWrapper of type Slow ", [&] { mayRegister.wait(); });
     auto object = std::make_unique<ActiveObject>("Slow", &forceVerbose);
     object->open();
     object->open();
@@ -278,10 +282,10 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForWorkersThatHaveNotStartedYet)
         isGone = true;
     });
     platform::sleepMs(20);
-    gate->mayPass.signal();
+    mayRegister.signal();
     platform::sleepMs(20);
     EXPECT_FALSE(isGone);
-    gate->mayPass.signal();
+    mayRegister.signal();
     destroying.join();
     EXPECT_TRUE(isExecuted); // by the worker that was there when the shutdown had not begun
 }
