@@ -84,6 +84,7 @@ std::optional<std::u16string> nextText(const std::string& prompt)
         const bool isRead = static_cast<bool>(std::getline(std::cin, line));
         if (!isRead || (isTerminal() && (std::cin.eof() || line.ends_with(ESCAPE))))
         {
+            std::cout << (isTerminal() && std::cin.eof() ? "\n" : "") << std::flush; // Ctrl-D leaves the line open
             return std::nullopt;
         }
         if (line.ends_with('\r'))
