@@ -18,6 +18,9 @@ constexpr MethodText WORKER = {.text = "ActiveObject::run", .fields = "ActiveObj
 constexpr MethodText TERMINATION = {.text = "ActiveObject::terminateAllThreads",
                                     .fields = "ActiveObject,terminateAllThreads"};
 
+/// Where the object begins that the action, which lives, is a part of: other bases may stand before it.
+void* wholeOf(ActiveObject::Action* action) { return dynamic_cast<void*>(action); }
+
 /// A missing name is reported before anything uses it.
 const char* checkedName(const char* name)
 {
@@ -124,8 +127,9 @@ void ActiveObject::run()
         onThreadStart(threadIndex);
         for (Extracted next = waitForAction(); next.action != nullptr; next = waitForAction())
         {
+            void* const memory = wholeOf(next.action);
             execute(*next.action, next.priority, threadIndex, keepalive);
-            release(next.action);
+            release(next.action, memory);
         }
     }
     m_left.signal();
@@ -143,7 +147,7 @@ void ActiveObject::execute(Action& action, std::uint32_t priority, std::uint32_t
     keepalive.disarm();
 }
 
-void ActiveObject::release(Action* action) { MemShield::destroy(action, SourcePlace::here()); }
+void ActiveObject::release(Action* action, void* memory) { MemShield::destroy(action, memory, SourcePlace::here()); }
 
 /// The next action, or none when the worker is to leave.
 ActiveObject::Extracted ActiveObject::waitForAction()
@@ -319,7 +323,10 @@ void ActiveObject::terminateAllThreads()
     }
     if (isFirst)
     {
-        std::ranges::for_each(drain(), release);
+        for (Action* const action : drain())
+        {
+            release(action, wholeOf(action));
+        }
     }
 }
 

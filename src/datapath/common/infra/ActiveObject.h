@@ -110,7 +110,7 @@ private:
     [[nodiscard, gnu::hot]] bool reserveHelp() REQUIRES(m_mutex) EXCLUDES(m_arrivalsMutex);
     [[gnu::hot]] static void execute(Action& action, std::uint32_t priority, std::uint32_t threadIndex,
                                      DlcKeepalive& keepalive);
-    [[gnu::hot]] static void release(Action* action);
+    [[gnu::hot]] static void release(Action* action, void* memory);
 
     [[nodiscard]] bool isVerbose() const;
     void logTimedOutWait() EXCLUDES(m_mutex);

@@ -130,6 +130,7 @@ TEST_F(FileLogger, LinesOfManyThreadsAreAllWrittenInEachThreadsOrder)
 TEST_F(FileLogger, GuardedTextsAreBlocksOfTheirOwn)
 {
     MemShield::setEnabled(true);
+    waitForOwnThreads();
     const CapturingClient report;
     FileLoggerClient client(base, 1, "");
     client.flush();
