@@ -47,7 +47,7 @@ class Program:
             return list(csv.reader(text))
 
     def last_run(self):
-        """The lines behind the header of the log's last run: those of the main thread, those of the others."""
+        """The lines after the header of the log's last run: those of the main thread, those of the others."""
         lines = self.log_lines()
         lines = lines[len(lines) - lines[::-1].index(LOG_COLUMNS):]
         main = next(line[2] for line in lines if line[6] == "Invoked.")

@@ -12,7 +12,7 @@ START = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}, -+Log Start-+  -+\r?
 
 
 def rows_of_a_run(program, settings="a b c d", name="nightly"):
-    """Level, class, method and message of each line of the main thread behind the listing."""
+    """Level, class, method and message of each line of the main thread after the listing."""
     program.settings.write_text(settings)
     assert program.submit(name) == 0
     program.agent_record()  # waits for its end

@@ -10,7 +10,7 @@ namespace platform::posix
 {
 
 /// The arguments of a command line, the program first. In the program's token a quote toggles
-/// quoting and nothing is escaped. In the arguments behind it, 2n backslashes before a quote are n
+/// quoting and nothing is escaped. In the arguments after it, 2n backslashes before a quote are n
 /// backslashes and the quote is special; 2n+1 are n backslashes and a literal quote; two quotes
 /// inside a quoted part are one literal quote. Source: the argument parsing rules of Microsoft's C
 /// runtime (2008 and later).

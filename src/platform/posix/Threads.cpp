@@ -98,7 +98,7 @@ std::optional<std::uint64_t> threadUserTime(ThreadHandle thread)
     const ssize_t length = read(file, buffer.data(), buffer.size());
     close(file);
     std::string_view text(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
-    // The thread's name, in parentheses, may hold anything; user time is the 12th field behind it.
+    // The thread's name, in parentheses, may hold anything; user time is the 12th field after it.
     text.remove_prefix(std::min(text.rfind(')') + 1, text.size()));
     for (int field = 0; field < 12 && !text.empty(); ++field)
     {

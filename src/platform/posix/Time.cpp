@@ -18,7 +18,7 @@ UtcTime utcNow()
     using namespace std::chrono;
     const auto now = floor<milliseconds>(system_clock::now());
     const auto day = floor<days>(now);
-    // The date is the dear part and changes once a day.
+    // The date is the expensive part and changes once a day.
     thread_local sys_days dateOf{};
     thread_local year_month_day date{dateOf};
     if (day != dateOf)

@@ -218,7 +218,7 @@ void ActiveObject::importArrivals(std::uint64_t most)
     }
 }
 
-/// The next action is often near, and falling asleep is dear.
+/// The next action is often near, and falling asleep is expensive.
 void ActiveObject::look() const
 {
     constexpr int LOOKS = 200;
@@ -251,7 +251,7 @@ bool ActiveObject::isVerbose() const
 void ActiveObject::sleep()
 {
     constexpr std::uint32_t TIMEOUT_MS = 5'000;
-    if (!isVerbose()) // a wait that can time out is dearer to end, and only serves the verbose line
+    if (!isVerbose()) // a wait with a limit costs more to end, and only serves the verbose line
     {
         m_wake.wait();
     }

@@ -145,7 +145,7 @@ private:
 
     Mutex m_mutex;               // of the workers; free while an action is executed or destroyed
     PriorityQueue<Action*> m_pq; // guarded by m_mutex, but for the number of items
-    Action* m_nextArrival GUARDED_BY(m_mutex) = nullptr; // of those that a worker has fetched, and the rest behind it
+    Action* m_nextArrival GUARDED_BY(m_mutex) = nullptr; // of those that a worker has fetched, and the rest after it
     GuardedPtr<RateMonitor> m_rateMonitor GUARDED_BY(m_mutex);
     std::uint32_t m_numStarted GUARDED_BY(m_mutex) = 0; // workers that have entered run
     std::uint32_t m_numRunning GUARDED_BY(m_mutex) = 0; // workers inside run

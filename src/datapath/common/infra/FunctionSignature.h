@@ -361,7 +361,7 @@ constexpr std::size_t takePiece(SignatureText& name, std::string_view rest, std:
         return 1;
     case '(':
     {
-        // Parameters. A name goes on behind those of the function that encloses a lambda or a class.
+        // Parameters. A name goes on after those of the function that encloses a lambda or a class.
         const std::string_view behind = withoutQualifiers(rest.substr(leadingGroup(rest).size()));
         return behind.starts_with("::") ? rest.size() - behind.size() : 0;
     }

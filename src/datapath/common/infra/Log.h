@@ -124,7 +124,7 @@ public:
     /// The name of a thread, empty if it has none.
     [[nodiscard]] std::string getThreadName(std::int32_t threadId) const EXCLUDES(m_mutex);
 
-    /// Lets the thread column of the calling thread's lines show this name behind the thread's id;
+    /// Lets the thread column of the calling thread's lines show this name after the thread's id;
     /// an empty name takes it away.
     void setAsyncThreadName(const std::string& name) EXCLUDES(m_mutex);
 

@@ -25,7 +25,7 @@
 
 class LogQueue
 {
-    using Header = std::uint16_t; // the length of a piece, and whether its text goes on behind it
+    using Header = std::uint16_t; // the length of a piece, and whether its text goes on after it
     static constexpr std::size_t HEADER_SIZE = sizeof(Header);
     static constexpr Header CONTINUES = 0x8000;
     static constexpr Header MOST_LENGTH = 0x7FFF;

@@ -9,7 +9,7 @@
 // thread and before main; the texts it names live as long as the program.
 //
 // A lambda is written as its enclosing function followed by "::<lambda>". The arguments of a class
-// template are part of the class name, user-defined types among them behind the keyword "class"
+// template are part of the class name, user-defined types among them after the keyword "class"
 // ("PriorityQueue<class ActiveObject::Action *>::enqueue"); those of a function template and
 // unnamed namespaces are left out.
 

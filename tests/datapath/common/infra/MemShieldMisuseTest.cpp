@@ -30,7 +30,7 @@ const DynamicTweak<bool> NOT_DISABLED;
 class AllocatingClient : public LoggerClient
 {
 public:
-    /// Writes that many bytes behind the end of each copy.
+    /// Writes that many bytes after the end of each copy.
     explicit AllocatingClient(std::size_t overrun) : m_overrun(overrun) { usedTracker = &m_tracker; }
 
     void log(const std::string& line) override
