@@ -72,7 +72,9 @@ struct Gate : LoggerClient
 
 TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
 {
-    const ScopedReplacement utc(platform::timeCalls.utcNow, [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
+    // Stays, because the library's own threads use it to the end.
+    [[maybe_unused]] static const auto& utc =
+        *new ScopedReplacement(platform::timeCalls.utcNow, [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
     waitForOwnThreads();                 // numbers 1 and 2
     auto& client = *new CapturingClient; // stays registered, as the next one
     auto& gate = *new Gate;
