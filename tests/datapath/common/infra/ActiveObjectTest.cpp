@@ -80,7 +80,7 @@ struct ActiveObjectTest : testing::Test
     };
 };
 
-TEST_F(ActiveObjectTest, IsNamedInTheLogAndWatched)
+TEST_F(ActiveObjectTest, IsNamedInTheLog)
 {
     Tweaks::instance().update("t_ActiveObjectVerboseLogs", "on");
     forceVerbose = true;
@@ -89,10 +89,6 @@ TEST_F(ActiveObjectTest, IsNamedInTheLogAndWatched)
               "DynamicTweaks::instance()->t_ActiveObjectVerboseLogs=1 ",
               client->messages().back());
     EXPECT_EQ("Disk", object.getTypeName());
-    MemWatchedContainerDatabase::instance().printWatchedContainers();
-    const std::string watched =
-        "Info,NON,MemWatchedContainerDatabase,printWatchedContainers,ContainerName = Disk items = 0";
-    EXPECT_EQ(1, std::ranges::count(client->messages(), watched));
     const std::size_t before = client->messages().size();
     const ActiveObject nameless(nullptr, &forceVerbose);
     EXPECT_PRED2(matches, client->messages().at(before),
@@ -239,7 +235,6 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     new OnLine("queue was not empty", [&] { object->enqueue(late[0]); });
     std::thread letting([&] {
         platform::sleepMs(20);
-        EXPECT_FALSE(isExecuted);
         mayEnd.signal();
     });
     object->terminateAllThreads();
