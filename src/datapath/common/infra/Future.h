@@ -35,6 +35,14 @@ public:
     virtual void update(const T& value) = 0;
 };
 
+[[noreturn]] inline void failSetTwice()
+{
+    // Spelled out: a signature does not tell enumerations from classes.
+    static constexpr MethodText METHOD = {.text = "FutureInternal::Future<enum RcStatus>::set",
+                                          .fields = "FutureInternal::Future<enum RcStatus>,set"};
+    failAssertion(LoggerId::NON, METHOD, SourcePlace::here(), "!tempSmartPtr->m_bSet");
+}
+
 /// What the copies of a future share.
 template <class T> class FutureRep
 {
@@ -49,10 +57,7 @@ public:
         const MutexGuard guard(m_mutex);
         if (m_bSet.load(std::memory_order_relaxed))
         {
-            // Spelled out: a signature does not tell enumerations from classes.
-            static constexpr MethodText METHOD = {.text = "FutureInternal::Future<enum RcStatus>::set",
-                                                  .fields = "FutureInternal::Future<enum RcStatus>,set"};
-            failAssertion(LoggerId::NON, METHOD, SourcePlace::here(), "!tempSmartPtr->m_bSet");
+            failSetTwice();
         }
         m_value = value;
         m_bSet.store(true, std::memory_order_release);
@@ -128,29 +133,46 @@ public:
     /// A future of its own, not set yet.
     Future() : m_rep(std::allocate_shared<FutureRep<T>>(RepAllocator<FutureRep<T>>())) {}
 
+    /// One that is set already. It needs no state that copies share, and no memory.
+    [[nodiscard]] static Future ready(const T& value) { return Future(value); }
+
     /// Lets every waiting thread go and calls the observers, in the order in which they were added. A second call,
     /// on any copy, ends the process.
     void set(const T& value)
     {
         const std::shared_ptr<FutureRep<T>> rep = m_rep; // an observer may release the last copy, this one too
+        if (rep == nullptr)
+        {
+            failSetTwice();
+        }
         rep->set(value);
     }
 
-    [[nodiscard]] bool isSet() const { return m_rep->isSet(); }
+    [[nodiscard]] bool isSet() const { return m_rep == nullptr || m_rep->isSet(); }
 
     /// Waits until the result is set, then returns it. As often as wanted.
-    [[nodiscard]] T get() const { return m_rep->get(); }
+    [[nodiscard]] T get() const { return m_rep == nullptr ? m_value : m_rep->get(); }
 
     /// The observer, not owned, must live until it was called. Observers of a future that is never set are never
     /// called.
     void addObserver(FutureObserver<T>* observer)
     {
         const std::shared_ptr<FutureRep<T>> rep = m_rep; // as in set
-        rep->addObserver(observer);
+        if (rep == nullptr)
+        {
+            observer->update(T(m_value));
+        }
+        else
+        {
+            rep->addObserver(observer);
+        }
     }
 
 private:
-    std::shared_ptr<FutureRep<T>> m_rep;
+    explicit Future(const T& value) : m_value(value) {}
+
+    std::shared_ptr<FutureRep<T>> m_rep; // null if the future was made with its result
+    T m_value{};                         // that result
 };
 
 } // namespace FutureInternal

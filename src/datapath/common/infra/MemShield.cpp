@@ -1,6 +1,7 @@
 #include "datapath/common/infra/MemShield.h"
 
 #include "datapath/common/infra/MemShieldAO.h"
+#include "datapath/common/infra/MemoryReport.h"
 #include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
@@ -306,9 +307,7 @@ void MemShield::printAllocations()
             << " maxAllocationInCodeLine=" << limit << " "
             << " maxAllocationsFound=" << largestCount << " " << std::endl;
     }
-    MemWatchedContainerDatabase::instance().printWatchedContainers();
-    MemWatcher::printMem();
-    MemWatcher::instance().printCpu();
+    MemoryReport::printOthers();
 }
 
 void MemShield::sortByAddress(std::vector<Record>& records) { std::ranges::sort(records, std::less(), &Record::first); }

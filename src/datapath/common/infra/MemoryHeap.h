@@ -1,0 +1,53 @@
+#pragma once
+
+// The process-wide account of memory segments that modules take from the ordinary heap instead of from a pool. Each
+// segment counts as one chunk of 4096 bytes gross, whatever its size, and as its own size net.
+//
+//     HeapModuleMemoryInformation* const module = MemoryHeap::instance().registerModule("Index", nullptr);
+//     MemorySegment segment = MemoryHeap::instance().takeSegment(*module, 100);
+//     MemoryHeap::instance().freeSegment(segment);
+//
+// Made on first use and never destroyed; so are the modules. Any thread may call. Memory comes from MemShield; it is
+// released without the heap's lock, so that a memory report can be written when misuse is found.
+
+#include "datapath/common/infra/MemWatchedContainer.h"
+#include "datapath/common/infra/MemoryAllocatorInterface.h"
+#include "datapath/common/infra/ModuleMemoryInformation.h"
+#include "datapath/common/infra/Mutex.h"
+#include "datapath/common/infra/Singleton.h"
+
+#include <map>
+#include <string>
+
+class MemoryHeap final : public Singleton<MemoryHeap, MemoryHeap>, public MemoryAllocatorInterface
+{
+public:
+    /// Null, with an Error line, if the name is taken. What a module uses counts for its parent, too, and so on up.
+    HeapModuleMemoryInformation* registerModule(const std::string& name, HeapModuleMemoryInformation* parent)
+        EXCLUDES(m_mutex);
+
+    /// A segment of that many bytes, which are not initialized. One of 0 bytes is refused with an Error line: it has no
+    /// buffer and no owner. Throws std::bad_alloc, and nothing is counted then.
+    [[nodiscard]] MemorySegment takeSegment(HeapModuleMemoryInformation& module, std::uint64_t bytes) EXCLUDES(m_mutex);
+
+    void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) override EXCLUDES(m_mutex);
+    void freeSegment(MemorySegment& segment) override EXCLUDES(m_mutex);
+    void addUsedMemoryNet(std::int32_t bytes) override EXCLUDES(m_mutex);
+    [[nodiscard]] std::uint32_t getChunkSize() const override { return CHUNK_SIZE; }
+
+    /// Logs both totals, and what each module uses.
+    void printMemoryUsage() EXCLUDES(m_mutex);
+
+private:
+    friend Singleton;
+
+    static constexpr std::uint32_t CHUNK_SIZE = 4096;
+
+    MemoryHeap() = default;
+    void countFreed(MemorySegment& segment) EXCLUDES(m_mutex);
+
+    Mutex m_mutex; // guards the members below and the modules' figures; nothing is taken inside it
+    StlMemShiledContainer<std::map<std::string, HeapModuleMemoryInformation*>> m_modules GUARDED_BY(m_mutex){"mmis"};
+    std::uint64_t m_usedMemoryGross GUARDED_BY(m_mutex) = 0; // whole chunks
+    std::uint64_t m_usedMemoryNet GUARDED_BY(m_mutex) = 0;   // as the modules asked for it
+};

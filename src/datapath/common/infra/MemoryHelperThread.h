@@ -1,0 +1,29 @@
+#pragma once
+
+// The active object that finishes the growth of memory pools whose memory came late. Made and started on first use, and
+// never destroyed.
+
+#include "datapath/common/infra/ActiveObject.h"
+#include "datapath/common/infra/Singleton.h"
+
+class MemoryHelperThread final : public Singleton<MemoryHelperThread, MemoryHelperThread>, public ActiveObject
+{
+public:
+    /// Executes an action that stays somebody else's.
+    class ActionWrapper final : public Action
+    {
+    public:
+        explicit ActionWrapper(Action& action) : m_action(action) {}
+        void execute() override { m_action.execute(); }
+
+    private:
+        Action& m_action;
+    };
+
+private:
+    friend Singleton;
+
+    MemoryHelperThread() : ActiveObject("MemoryHelperThread", &s_forceVerbose) { open(); }
+
+    static constinit inline std::atomic<bool> s_forceVerbose = false;
+};

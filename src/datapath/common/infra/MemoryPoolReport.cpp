@@ -1,0 +1,251 @@
+// What a memory pool tells: its usage, what waits for too long, and, for tests, whether its figures agree.
+
+#include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/MemoryPoolRequest.h"
+#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/Tweaks.h"
+
+#include <algorithm>
+#include <functional>
+#include <sstream>
+#include <utility>
+
+using WaitingRequestsQueue_Internal::CONTINUE_ITERATION;
+using WaitingRequestsQueue_Internal::FunctorSequentialHandler;
+using WaitingRequestsQueue_Internal::PostIterationFlags;
+
+namespace
+{
+
+constexpr std::int64_t MONITORING_INTERVAL_MS = 1000;
+constexpr std::int64_t MS_PER_SECOND = 1000;
+constexpr int NO_FRACTION = 0;
+constexpr MethodText USAGE = {.text = "MemoryPoolImpl::printMemoryUsage", .fields = "MemoryPoolImpl,printMemoryUsage"};
+
+/// Two pools that become each other's sub-pools at the same moment would be a circle.
+Mutex& topologyLock() { return creationLock<struct PoolTopology>(); }
+
+} // namespace
+
+// Lines are logged without the pool's lock: a log client may find misuse of memory, which is reported through here.
+
+MemoryPoolImpl::Usage MemoryPoolImpl::usage()
+{
+    const MutexGuard guard(m_mutex);
+    return {.gross = m_usedMemoryGross, .net = m_usedMemoryNet, .free = freeBytesLocked()};
+}
+
+void MemoryPoolImpl::printMemoryUsage()
+{
+    printModules();
+    const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
+    bool isDue = false;
+    {
+        const MutexGuard guard(m_mutex);
+        isDue = nowMs - m_lastMonitoringMs >= MONITORING_INTERVAL_MS;
+        m_lastMonitoringMs = isDue ? nowMs : m_lastMonitoringMs;
+    }
+    if (isDue)
+    {
+        monitorPendingMemoryAllocations();
+    }
+    if (!m_subPoolsMutex.isMine()) // else a line of the report below has led here
+    {
+        printSubPools();
+    }
+}
+
+void MemoryPoolImpl::printModules()
+{
+    Usage pool{};
+    std::vector<std::string> modules;
+    {
+        const MutexGuard guard(m_mutex);
+        pool = {.gross = m_usedMemoryGross, .net = m_usedMemoryNet, .free = freeBytesLocked()};
+        for (const auto& [name, module] : m_modules)
+        {
+            std::ostringstream line;
+            const auto printUnless = [&line](std::uint64_t without, const char* label, std::uint64_t value) {
+                if (value != without)
+                {
+                    line << label << value;
+                }
+            };
+            line << name << ":";
+            printUnless(0, " reserved=", module->reservedBytes());
+            printUnless(ModuleMemoryInformation::NO_LIMIT, " limit=", module->limitBytes());
+            line << " used=" << module->getCurrentlyUsedBytes();
+            printUnless(0, " pending=", getMmiPendingRequestsLocked(*module));
+            printUnless(0, " NAs=", module->numNAs());
+            modules.push_back(line.str());
+        }
+    }
+    LogItem(LoggerId::OLM, LogLevel::Info, USAGE, NO_FRACTION) << "Memory POOL: "
+                                                               << " m_usedMemoryGross=" << pool.gross << " "
+                                                               << " m_usedMemoryNet=" << pool.net << " "
+                                                               << " free=" << pool.free << std::endl;
+    for (const std::string& module : modules)
+    {
+        LogItem(LoggerId::OLM, LogLevel::Info, USAGE, NO_FRACTION) << module << std::endl;
+    }
+}
+
+void MemoryPoolImpl::printSubPools()
+{
+    std::uint64_t totalFree = 0;
+    std::uint64_t totalUsed = 0;
+    std::uint64_t totalFrag = 0;
+    std::uint64_t maxFree = 0;
+    std::uint64_t maxUsed = 0;
+    const MutexGuard guard(m_subPoolsMutex);
+    for (MemoryPoolImpl* const pool : m_subPools)
+    {
+        pool->printMemoryUsage();
+        const Usage used = pool->usage();
+        totalFree += used.free;
+        totalUsed += used.gross;
+        totalFrag += used.gross - used.net;
+        maxFree = std::max(maxFree, used.free);
+        maxUsed = std::max(maxUsed, used.gross);
+    }
+    LogItem(LoggerId::OLM, LogLevel::Info, USAGE, NO_FRACTION) << "subMemPools:"
+                                                               << " totalFree=" << totalFree << " "
+                                                               << " totalUsed=" << totalUsed << " "
+                                                               << " totalFrag=" << totalFrag << " "
+                                                               << " maxFree=" << maxFree << " "
+                                                               << " maxUsed=" << maxUsed << " " << std::endl;
+}
+
+void MemoryPoolImpl::monitorPendingMemoryAllocations()
+{
+    const Tweaks& tweaks = Tweaks::instance();
+    const std::uint32_t infoSec = tweaks.uintVal("t_OlmWaitTimeAfterMemAllocRequestInfoThresholdSec", 60);
+    const std::uint32_t errorSec = tweaks.uintVal("t_OlmWaitTimeAfterMemAllocRequestErrorThresholdSec", 1800);
+    const std::int64_t nowMs = Timer::instance().getTimestampMs();
+    struct Waiting
+    {
+        std::int64_t waitedMs;
+        std::string text;
+    };
+    std::vector<Waiting> waiting;
+    {
+        const MutexGuard guard(m_mutex);
+        m_waitingList.iterateAll(
+            FunctorSequentialHandler([&](PostIterationFlags& flags, WaitingRequestsQueue::Request* visited) {
+                const auto& request = static_cast<const Request&>(*visited);
+                const std::int64_t waitedMs = nowMs - request.m_startMs;
+                std::ostringstream text;
+                text << " (" << request.m_clientTraceId << "," << request.m_module.name() << ","
+                     << request.m_requestedBytes << "," << waitedMs / MS_PER_SECOND << ")";
+                waiting.push_back({waitedMs, text.str()});
+                flags.reset().set(CONTINUE_ITERATION);
+            }));
+    }
+    const auto print = [&](LogLevel level, std::uint32_t thresholdSec) {
+        std::string clients;
+        for (const auto& [waitedMs, text] : waiting)
+        {
+            clients += waitedMs > thresholdSec * MS_PER_SECOND ? text : "";
+        }
+        if (!clients.empty())
+        {
+            static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::monitorPendingMemoryAllocations",
+                                                  .fields = "MemoryPoolImpl,monitorPendingMemoryAllocations"};
+            LogItem(LoggerId::OLM, level, METHOD)
+                << "Memory allocation pending time reaches threshold of " << thresholdSec
+                << " sec for clients: (clientTraceId,name,requestedBytes,pendingTime)" << clients << std::endl;
+        }
+    };
+    print(LogLevel::Info, infoSec);
+    print(LogLevel::Error, errorSec);
+}
+
+bool MemoryPoolImpl::canReach(const MemoryPoolImpl& pool)
+{
+    const MutexGuard guard(m_subPoolsMutex);
+    return std::ranges::any_of(m_subPools,
+                               [&](MemoryPoolImpl* subPool) { return subPool == &pool || subPool->canReach(pool); });
+}
+
+bool MemoryPoolImpl::attachSubPool(MemoryPoolImpl& pool)
+{
+    const char* refusal = nullptr;
+    {
+        const MutexGuard topologyGuard(topologyLock());
+        if (&pool == this || pool.canReach(*this))
+        {
+            refusal = "a pool cannot be attached to itself or to one that is attached to it";
+        }
+        else
+        {
+            const MutexGuard guard(m_subPoolsMutex);
+            refusal = m_subPools.insert(&pool).second ? nullptr : "the pool is attached already";
+        }
+    }
+    if (refusal != nullptr)
+    {
+        LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD) << refusal << std::endl;
+    }
+    return refusal == nullptr;
+}
+
+bool MemoryPoolImpl::detachSubPool(MemoryPoolImpl& pool)
+{
+    bool isDetached = false;
+    {
+        const MutexGuard guard(m_subPoolsMutex);
+        isDetached = m_subPools.erase(&pool) != 0;
+    }
+    if (!isDetached)
+    {
+        LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD) << "the pool is not attached" << std::endl;
+    }
+    return isDetached;
+}
+
+bool MemoryPoolImpl::areFreeChunksSoundLocked() const
+{
+    const auto isInABlock = [this](const char* chunk) {
+        return std::ranges::any_of(m_singleAllocations, [&](const SingleAllocation& block) {
+            return !std::less<const char*>()(chunk, block.memory) && chunk < block.memory + block.size &&
+                   (chunk - block.memory) % m_chunkSize == 0;
+        });
+    };
+    std::set<const FreeChunk*> seen;
+    const FreeChunk* previous = nullptr;
+    for (const FreeChunk* chunk = m_firstFree; chunk != nullptr; previous = std::exchange(chunk, chunk->next))
+    {
+        if (!isInABlock(reinterpret_cast<const char*>(chunk)) || chunk->previous != previous ||
+            !seen.insert(chunk).second)
+        {
+            return false;
+        }
+    }
+    return seen.size() * m_chunkSize + m_usedMemoryGross == m_totalPollSize;
+}
+
+bool MemoryPoolImpl::checkInvariants()
+{
+    const MutexGuard guard(m_mutex);
+    std::map<const ModuleMemoryInformation*, std::uint64_t> usedByChildren;
+    std::uint64_t reserved = 0;
+    std::uint64_t used = 0; // by those without parents, and so by all
+    std::uint64_t pending = 0;
+    for (const auto& [name, module] : m_modules)
+    {
+        usedByChildren[module->parent()] += module->getCurrentlyUsedBytes();
+        reserved += module->unusedReservation();
+        used += module->parent() == nullptr ? module->getCurrentlyUsedBytes() : 0;
+        pending += getMmiPendingRequestsLocked(*module);
+    }
+    const auto isSound = [&](const auto& entry) {
+        const ModuleMemoryInformation& module = *entry.second;
+        const std::uint64_t usedByItself = module.getCurrentlyUsedBytes() - usedByChildren[&module];
+        return usedByItself <= module.getCurrentlyUsedBytes() && usedByItself % m_chunkSize == 0 &&
+               usedByItself <= module.limitBytes();
+    };
+    return areFreeChunksSoundLocked() && m_reservedFree == reserved &&
+           m_reservedFree <= m_totalPollSize - m_usedMemoryGross && used == m_usedMemoryGross &&
+           m_usedMemoryNet <= m_usedMemoryGross && pending == m_numPending && std::ranges::all_of(m_modules, isSound) &&
+           m_waitingList.checkInvariants();
+}
