@@ -1,16 +1,17 @@
 #include "tests/support/Support.h"
 
 #include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/SystemHeapBytes.h"
 #include "datapath/common/infra/windows/MemWatcher.h"
 #include "platform/Threads.h"
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 namespace fs = std::filesystem;
 
@@ -28,15 +29,15 @@ void CapturingClient::flush()
     ++m_flushes;
 }
 
-std::vector<std::string> CapturingClient::lines() const
+Texts CapturingClient::lines() const
 {
     const std::lock_guard guard(m_mutex);
     return m_lines;
 }
 
-std::vector<std::string> CapturingClient::messages() const
+Texts CapturingClient::messages() const
 {
-    std::vector<std::string> messages;
+    Texts messages;
     for (const std::string& line : lines())
     {
         const std::size_t level = line.find(',') + 1;
@@ -47,10 +48,39 @@ std::vector<std::string> CapturingClient::messages() const
     return messages;
 }
 
+Texts CapturingClient::newMessages()
+{
+    Texts messages = CapturingClient::messages();
+    messages.erase(messages.begin(), messages.begin() + static_cast<std::ptrdiff_t>(m_known));
+    m_known += messages.size();
+    return messages;
+}
+
+Texts CapturingClient::messagesAfter(const std::string& start) const
+{
+    Texts rests = messages();
+    std::erase_if(rests, [&](const std::string& message) { return !message.starts_with(start); });
+    std::ranges::for_each(rests, [&](std::string& message) { message.erase(0, start.size()); });
+    return rests;
+}
+
+std::ptrdiff_t CapturingClient::count(std::string_view pattern) const
+{
+    return std::ranges::count_if(messages(), [=](const std::string& message) { return matches(message, pattern); });
+}
+
 int CapturingClient::flushes() const
 {
     const std::lock_guard guard(m_mutex);
     return m_flushes;
+}
+
+void repeat(int times, const std::function<void()>& work)
+{
+    while (times-- > 0)
+    {
+        work();
+    }
 }
 
 void runInThreads(int count, const std::function<void(int)>& work)
@@ -66,6 +96,64 @@ void runInThreads(int count, const std::function<void(int)>& work)
     }
 }
 
+void exchangeInThreads(int threads, int rounds, const std::function<char*(std::uint32_t random)>& make,
+                       const std::function<void(char*)>& release)
+{
+    std::vector<std::atomic<char*>> buffers(1'000); // released by whichever thread comes by
+    const auto put = [&](std::size_t place, char* fresh) {
+        if (char* const old = buffers[place].exchange(fresh))
+        {
+            release(old);
+        }
+    };
+    runInThreads(threads, [&](int index) {
+        std::mt19937 random(static_cast<unsigned>(index));
+        for (int i = 0; i < rounds; ++i)
+        {
+            put(random() % buffers.size(), make(static_cast<std::uint32_t>(random())));
+        }
+        SystemHeapBytes::leaveShare();
+    });
+    for (std::size_t place = 0; place < buffers.size(); ++place)
+    {
+        put(place, nullptr);
+    }
+}
+
+void waitUntil(const std::function<bool()>& condition)
+{
+    while (!condition())
+    {
+        platform::sleepMs(1);
+    }
+}
+
+void OrderOfThreads::operator()(const std::string& line)
+{
+    int thread = -1;
+    int number = -1;
+    int length = -1;
+    const std::size_t start = std::min(line.find("thread="), line.size());
+    ASSERT_EQ(2, std::sscanf(line.c_str() + start, "thread=%d i=%d end%n", &thread, &number, &length)) << line;
+    ASSERT_TRUE(matches(line.substr(0, start), head) && line.size() == start + static_cast<std::size_t>(length))
+        << line;
+    ASSERT_EQ(next[thread]++, number) << line;
+}
+
+std::string stdoutOf(const std::function<void()>& work)
+{
+    testing::internal::CaptureStdout();
+    work();
+    return testing::internal::GetCapturedStdout();
+}
+
+std::string stderrOf(const std::function<void()>& work)
+{
+    testing::internal::CaptureStderr();
+    work();
+    return testing::internal::GetCapturedStderr();
+}
+
 ScratchFolder::ScratchFolder()
 {
     static std::atomic<int> count = 0;
@@ -74,6 +162,7 @@ ScratchFolder::ScratchFolder()
     m_path = fs::current_path() / (name + std::to_string(count++));
     fs::remove_all(m_path);
     fs::create_directories(m_path);
+    fs::current_path(m_path);
 }
 
 ScratchFolder::~ScratchFolder()
@@ -102,9 +191,24 @@ std::string ScratchFolder::read(const std::string& path)
     return content.str();
 }
 
-std::vector<std::string> ScratchFolder::files() const
+std::string ScratchFolder::readText(const std::string& path)
 {
-    std::vector<std::string> names;
+    std::string text = read(path);
+    std::erase(text, '\r');
+    return text;
+}
+
+void ScratchFolder::removeFiles() const
+{
+    for (const std::string& name : files())
+    {
+        fs::remove(path(name));
+    }
+}
+
+Texts ScratchFolder::files() const
+{
+    Texts names;
     for (const fs::directory_entry& entry : fs::directory_iterator(m_path))
     {
         if (entry.is_regular_file())
@@ -126,8 +230,7 @@ ChildResult runChild(const std::string& scenario)
 {
     const std::string output = (fs::current_path() / (scenario + "-output.txt")).string();
     const int status = runProgram(testing::internal::GetArgvs().front(), {"--child", scenario, output});
-    std::string text = ScratchFolder::read(output);
-    std::erase(text, '\r');
+    const std::string text = ScratchFolder::readText(output);
     fs::remove(output);
     return {status, text};
 }
@@ -135,16 +238,21 @@ ChildResult runChild(const std::string& scenario)
 void waitForOwnThreads()
 {
     static_cast<void>(MemShield::instance()); // starts them
-    for (int threads = 0; threads < 2; platform::sleepMs(1))
-    {
-        threads = 0;
+    waitUntil([] {
+        int threads = 0;
         MemWatcher::instance().iterateThreads([&](std::uint32_t, std::uint64_t) { ++threads; });
-    }
+        return threads >= 2;
+    });
 }
 
 void expectAbnormalEnd(const ChildResult& child)
 {
     EXPECT_TRUE(child.status == ABNORMAL_END_WINDOWS || child.status == ABNORMAL_END_POSIX) << child.status;
+}
+
+void expectMatches(const Texts& patterns, const Texts& texts)
+{
+    EXPECT_TRUE(std::ranges::equal(texts, patterns, matches)) << testing::PrintToString(texts);
 }
 
 bool matches(std::string_view text, std::string_view pattern)

@@ -14,6 +14,10 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+using Texts = std::vector<std::string>;
+
 /// Keeps every line it is given; safe for several threads.
 class CapturingClient : public LoggerClient
 {
@@ -25,14 +29,22 @@ public:
     void log(const std::string& line) override;
     void flush() override;
 
-    [[nodiscard]] std::vector<std::string> lines() const;
+    [[nodiscard]] Texts lines() const;
     /// The lines without their time and thread: "Info,NON,Logger,registerClient,message".
-    [[nodiscard]] std::vector<std::string> messages() const;
+    [[nodiscard]] Texts messages() const;
+    /// The messages since the last call.
+    Texts newMessages();
+    /// The rest of each message that starts so.
+    [[nodiscard]] Texts messagesAfter(const std::string& start) const;
+    /// How many messages are as the pattern says.
+    [[nodiscard]] std::ptrdiff_t count(std::string_view pattern) const;
+    [[nodiscard]] std::string last() const { return messages().back(); }
     [[nodiscard]] int flushes() const;
 
 private:
     mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
+    Texts m_lines;
+    std::size_t m_known = 0; // messages
     int m_flushes = 0;
 };
 
@@ -82,13 +94,38 @@ struct LettingGo : LogAssertHook
     bool onAssert(const std::string& /*line*/) override { return true; }
 };
 
+void repeat(int times, const std::function<void()>& work);
+
 /// Runs the work in that many threads, each with its index, and waits for all.
 void runInThreads(int count, const std::function<void(int)>& work);
+
+/// In each of that many threads, puts that many buffers, or none, in place of others, which it releases; then releases
+/// the rest.
+void exchangeInThreads(int threads, int rounds, const std::function<char*(std::uint32_t random)>& make,
+                       const std::function<void(char*)>& release);
+
+/// Looks each millisecond until it is so.
+void waitUntil(const std::function<bool()>& condition);
+
+/// Expects lines of a head, which is a pattern, and "thread=1 i=0 end", and the numbers of each thread one after the
+/// other, from 0 on.
+struct OrderOfThreads
+{
+    void operator()(const std::string& line);
+
+    const std::string_view head;
+    std::map<int, int> next{}; // of each thread
+};
+
+/// What the work writes to standard output, or to standard error.
+std::string stdoutOf(const std::function<void()>& work);
+std::string stderrOf(const std::function<void()>& work);
 
 /// Returns when the infrastructure's own two threads run and have taken what they take of the guarded allocator.
 void waitForOwnThreads();
 
-/// A folder of its own that is removed with everything in it. Names in it may have slashes; paths are the system's own.
+/// The working folder for as long as it exists, removed with everything in it. Names in it may have slashes; paths are
+/// the system's own.
 class ScratchFolder
 {
 public:
@@ -97,18 +134,28 @@ public:
     ScratchFolder& operator=(const ScratchFolder&) = delete;
     ~ScratchFolder();
 
-    /// Makes it the working folder for as long as it exists.
-    void enter() const { std::filesystem::current_path(m_path); }
+    void enter() const {}
 
     [[nodiscard]] std::string path(const std::string& name) const { return (m_path / name).make_preferred().string(); }
     std::string write(const std::string& name, const std::string& content) const;
     [[nodiscard]] static std::string read(const std::string& path);
+    /// With line feeds only.
+    [[nodiscard]] static std::string readText(const std::string& path);
     /// The names of its files, sorted.
-    [[nodiscard]] std::vector<std::string> files() const;
+    [[nodiscard]] Texts files() const;
+    void removeFiles() const;
 
 private:
     const std::filesystem::path m_workingFolder = std::filesystem::current_path();
     std::filesystem::path m_path;
+};
+
+/// In a folder of its own, with all lines at hand; the program goes on after those of level Assert.
+struct LogTest : testing::Test
+{
+    const ScratchFolder folder;
+    const LettingGo lettingGo;
+    CapturingClient client;
 };
 
 /// What a child process left behind.
@@ -129,6 +176,9 @@ void expectAbnormalEnd(const ChildResult& child);
 /// Whether a text is as the pattern says, in which ~ stands for any text and # for a positive number.
 bool matches(std::string_view text, std::string_view pattern);
 
+/// One pattern for each text.
+void expectMatches(const Texts& patterns, const Texts& texts);
+
 /// A scenario for runChild: CHILD_SCENARIO(name) { ... }
 #define CHILD_SCENARIO(name)                                                                                           \
     static void name();                                                                                                \
@@ -141,4 +191,4 @@ std::map<std::string, std::function<void()>>& childScenarios();
 int openHandles();
 
 /// Starts a program, waits for it and returns its status as ChildResult has it.
-int runProgram(const std::string& path, const std::vector<std::string>& arguments);
+int runProgram(const std::string& path, const Texts& arguments);
