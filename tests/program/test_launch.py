@@ -29,7 +29,7 @@ def test_name_arrives(program, name, argument):
 
 @pytest.mark.parametrize(("text", "settings"), [
     (b"\t host.a\t8080\r\n\r\nhost.b \n 9090\r\nfifth", ["host.a", "8080", "host.b", "9090"]),
-    (b"host.a 8080\r\n", ["host.a", "8080", "", ""]),
+    (b"h\xc3\xb6st 80\r\n", ["h\u00c3\u00b6st", "80", "", ""]),  # bytes are widened one by one
     (None, ["", "", "", ""]),
 ], ids=["any whitespace", "too few", "no file"])
 def test_settings(program, text, settings):

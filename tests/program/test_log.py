@@ -34,14 +34,14 @@ def test_each_run_is_appended_whole(program):
         ("Info", *launch, f"Configuration file name: {path}.conf"),
         ("Info", *launch, "localURL: a"), ("Info", *launch, "localPort: b"),
         ("Info", *launch, "peerURL: c"), ("Info", *launch, "peerPort: d"),
-        ("Info", *launch, 'cmdline: TavroVssAgent.exe -GUI a b c d "année"'),
+        ("Info", *launch, 'cmdline: TavroVssAgent.exe -GUI a b c d "année 😀"'),
         ("Info", "", "wWinMain", "Done."),
     ]
-    assert rows_of_a_run(program, name="année") == expected
+    assert rows_of_a_run(program, name="année 😀") == expected
     first = program.log.read_bytes()
     program.agent.unlink()
     failure = ("Error", *launch, "Error 2 in CreateProcessW.")
-    assert rows_of_a_run(program, name="année") == expected[:-1] + [failure, expected[-1]]
+    assert rows_of_a_run(program, name="année 😀") == expected[:-1] + [failure, expected[-1]]
 
     both = program.log.read_bytes()
     assert both.startswith(first)
