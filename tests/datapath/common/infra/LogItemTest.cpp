@@ -14,10 +14,7 @@
 namespace
 {
 
-platform::UtcTime sampleTime()
-{
-    return {.year = 2024, .month = 3, .day = 5, .hour = 7, .minute = 8, .second = 9, .millisecond = 987};
-}
+platform::UtcTime now{.year = 2024, .month = 3, .day = 5, .hour = 7, .minute = 8, .second = 9, .millisecond = 987};
 
 std::string formatted(int fractionDigits)
 {
@@ -27,39 +24,32 @@ std::string formatted(int fractionDigits)
     return stream.str();
 }
 
-TEST(UtcTimestamp, CutsTheFractionToTheDigitsAskedFor)
+TEST(UtcTimestamp, CutsTheFractionToTheDigitsAskedForAndYearsAreAtLeastFourWide)
 {
-    const ScopedReplacement clock(platform::timeCalls.utcNow, sampleTime);
+    const ScopedReplacement clock(platform::timeCalls.utcNow, [] { return now; });
     EXPECT_EQ("2024-03-05 07:08:09", formatted(0));
     EXPECT_EQ("2024-03-05 07:08:09.9", formatted(1));
     EXPECT_EQ("2024-03-05 07:08:09.98", formatted(2));
     EXPECT_EQ("2024-03-05 07:08:09.987", formatted(3));
-}
-
-TEST(UtcTimestamp, YearsAreAtLeastFourWide)
-{
-    const ScopedReplacement clock(
-        platform::timeCalls.utcNow, +[] {
-            platform::UtcTime time = sampleTime();
-            static int calls = 0;
-            time.year = calls++ == 0 ? 987 : 12345;
-            time.millisecond = 4;
-            return time;
-        });
+    now.year = 987;
+    now.millisecond = 4;
     EXPECT_EQ("0987-03-05 07:08:09.004", formatted(3));
+    now.year = 12345;
     EXPECT_EQ("12345-03-05 07:08:09.00", formatted(2));
 }
 
 TEST(LogItem, WritesTheHeadThenTheMessageUnchanged)
 {
-    static CapturingClient client;
-    const ScopedReplacement clock(platform::timeCalls.utcNow, sampleTime);
+    const CapturingClient client;
+    const ScopedReplacement clock(platform::timeCalls.utcNow, [] { return now; });
     const ScopedReplacement thread(
         platform::threadCalls.currentThreadId, +[] { return 0xFFFFFFFEU; });
     LogItem(LoggerId::NON, LogLevel::Info, "wWinMain") << "Invoked." << std::endl;
     LogItem(LoggerId::OLM, LogLevel::Warn, "Tweaks::Tweak::longVal", 0) << "a,\"b\"\nc" << std::endl;
-    EXPECT_EQ("2024-03-05 07:08:09.987,Info,-2,NON,,wWinMain,Invoked.\n", client.lines().at(0));
-    EXPECT_EQ("2024-03-05 07:08:09,Warn,-2,OLM,Tweaks::Tweak,longVal,a,\"b\"\nc\n", client.lines().at(1));
+    LogItem(LoggerId::NON, LogLevel::Info, "f") << "lost without its end";
+    EXPECT_EQ((Texts{"2024-03-05 07:08:09.987,Info,-2,NON,,wWinMain,Invoked.\n",
+                     "2024-03-05 07:08:09,Warn,-2,OLM,Tweaks::Tweak,longVal,a,\"b\"\nc\n"}),
+              client.lines());
 }
 
 enum Plain : int
@@ -76,12 +66,12 @@ std::ostream& operator<<(std::ostream& stream, const Own&) { return stream << "o
 
 TEST(LogItem, StreamsLikeAnyNarrowStream)
 {
-    static CapturingClient client;
-    const auto logged = [](auto&& stream) {
+    const CapturingClient client;
+    const auto logged = [&](auto&& stream) {
         LogItem item(LoggerId::NON, LogLevel::Info, "f");
         stream(item);
         item << std::endl;
-        return client.messages().back().substr(std::string("Info,NON,,f,").size());
+        return client.last().substr(std::string("Info,NON,,f,").size());
     };
     std::ostringstream reference;
     const auto pieces = [](auto& out) {
@@ -101,13 +91,6 @@ TEST(LogItem, StreamsLikeAnyNarrowStream)
     const std::string longText(100'000, 'y');
     EXPECT_EQ(longText + "z", logged([&](std::ostream& stream) { stream << longText << 'z'; }));
     EXPECT_EQ(longText + "z" + longText, logged([&](LogItem& item) { item << longText << 'z' << longText; }));
-}
-
-TEST(LogItem, AnItemWithoutItsEndSendsNothing)
-{
-    static CapturingClient client;
-    LogItem(LoggerId::NON, LogLevel::Info, "f") << "lost";
-    EXPECT_TRUE(client.lines().empty());
 }
 
 } // namespace

@@ -60,18 +60,19 @@ TEST(MethodText, FunctionsOfThisCompilerAreNamedAsTheLogWritesThem)
 
 TEST(MethodText, UnusualSignaturesAreUnderstood)
 {
-    using MethodTextInternal::methodNameOf;
-    EXPECT_EQ("C::operator<", methodNameOf("bool C::operator<(int) const").view());
-    EXPECT_EQ("C::operator[]", methodNameOf("int& C::operator[](int)").view());
-    EXPECT_EQ("f", methodNameOf("decltype ((a + b)) f(A, B) [with A = int; B = int]").view());
-    EXPECT_EQ("C::f", methodNameOf("int (& C::f())[3]").view());
-    EXPECT_EQ("f", methodNameOf("void (M::* f(int))(char)").view());
-    EXPECT_EQ("<unnamed struct>::f", methodNameOf("void<unnamed struct>::f()").view());
-    EXPECT_EQ("G<int>::operator int", methodNameOf("G<T>::operator T() [with T = int]").view());
-    EXPECT_EQ("P<int,char *>::f", methodNameOf("static void P<T>::f() [with T = {int, char*}]").view());
-    EXPECT_EQ("P<class A const &&,'x'>::f",
-              methodNameOf("void P<T, C>::f() [with T = const {anonymous}::A&&; char C = 'x']").view());
-    EXPECT_EQ("P<class f::<lambda> >::g", methodNameOf("void P<T>::g() [with T = f(int)::<lambda(char)>]").view());
+    const auto name = [](const char* signature) {
+        return std::string(MethodTextInternal::methodNameOf(signature).view());
+    };
+    EXPECT_EQ("C::operator<", name("bool C::operator<(int) const"));
+    EXPECT_EQ("C::operator[]", name("int& C::operator[](int)"));
+    EXPECT_EQ("f", name("decltype ((a + b)) f(A, B) [with A = int; B = int]"));
+    EXPECT_EQ("C::f", name("int (& C::f())[3]"));
+    EXPECT_EQ("f", name("void (M::* f(int))(char)"));
+    EXPECT_EQ("<unnamed struct>::f", name("void<unnamed struct>::f()"));
+    EXPECT_EQ("G<int>::operator int", name("G<T>::operator T() [with T = int]"));
+    EXPECT_EQ("P<int,char *>::f", name("static void P<T>::f() [with T = {int, char*}]"));
+    EXPECT_EQ("P<class A const &&,'x'>::f", name("void P<T, C>::f() [with T = const {anonymous}::A&&; char C = 'x']"));
+    EXPECT_EQ("P<class f::<lambda> >::g", name("void P<T>::g() [with T = f(int)::<lambda(char)>]"));
 }
 
 TEST(MethodText, CleaningSplitsAtTheLastColonsAndCutsLambdas)
