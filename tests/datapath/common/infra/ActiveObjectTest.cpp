@@ -12,8 +12,6 @@
 namespace
 {
 
-using Texts = std::vector<std::string>;
-
 std::atomic<bool> forceVerbose = false;
 std::atomic<int> living = 0;
 
@@ -48,10 +46,7 @@ void enqueue(ActiveObject& object, const std::function<void(Work&)>& work, std::
 
 void open(ActiveObject& object, int workers)
 {
-    while (workers-- > 0)
-    {
-        object.open();
-    }
+    repeat(workers, [&] { object.open(); });
     object.waitUntilRunning();
 }
 
@@ -61,17 +56,10 @@ GuardedPtr<RateMonitor> makeMonitor(const RateMonitor::Settings& settings)
             {SourcePlace::here()}};
 }
 
-struct ActiveObjectTest : testing::Test
+struct ActiveObjectTest : LogTest
 {
-    ActiveObjectTest()
-    {
-        folder.enter();
-        waitForOwnThreads();
-    }
+    ActiveObjectTest() { waitForOwnThreads(); }
 
-    const ScratchFolder folder;
-    const LettingGo lettingGo;
-    const CapturingClient* const client = new CapturingClient; // stays registered
     Semaphore started{0};
     Semaphore mayEnd{0};
     const std::function<void(Work&)> waiting = [this](Work&) {
@@ -87,11 +75,11 @@ TEST_F(ActiveObjectTest, IsNamedInTheLog)
     const ActiveObject object("Disk", &forceVerbose);
     EXPECT_EQ("Info,NON,ActiveObject,ActiveObject,AO<Disk>  m_name=Disk  m_forceVerbose=1  "
               "DynamicTweaks::instance()->t_ActiveObjectVerboseLogs=1 ",
-              client->messages().back());
+              client.last());
     EXPECT_EQ("Disk", object.getTypeName());
-    const std::size_t before = client->messages().size();
+    client.newMessages();
     const ActiveObject nameless(nullptr, &forceVerbose);
-    EXPECT_PRED2(matches, client->messages().at(before),
+    EXPECT_PRED2(matches, client.newMessages().at(0),
                  "Assert,NON,ActiveObject,ActiveObject, datapath/common/infra/ActiveObject.cpp #: name != 0 failed. ");
 }
 
@@ -100,28 +88,21 @@ TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
     ActiveObject object("Disk", &forceVerbose);
     EXPECT_EQ(1U, object.getIdleEstimate());
     open(object, 2);
-    while (object.getIdleEstimate() != 3)
-    {
-        platform::sleepMs(1);
-    }
+    waitUntil([&] { return object.getIdleEstimate() == 3; });
     std::array<Work*, 2> both{};
-    std::array<std::uint32_t, 2> timeouts{};
+    std::atomic<std::uint32_t> timeouts = 0;
     for (const std::uint32_t timeoutSec : {7U, 0U})
     {
-        enqueue(
-            object,
-            [&](Work& work) {
-                both.at(work.threadIndex() - 1) = &work;
-                timeouts.at(work.threadIndex() - 1) = work.keepalive().timeoutSec();
-                EXPECT_EQ(0U, work.priority());
-                EXPECT_TRUE(work.keepalive().isArmed());
-                EXPECT_EQ("pid=" + std::to_string(platform::currentThreadId()), work.keepalive().name());
-                waiting(work);
-            },
-            timeoutSec);
+        const auto work = [&](Work& self) {
+            both.at(self.threadIndex() - 1) = &self;
+            timeouts += self.keepalive().timeoutSec();
+            EXPECT_TRUE(self.priority() == 0 && self.keepalive().isArmed());
+            EXPECT_EQ("pid=" + std::to_string(platform::currentThreadId()), self.keepalive().name());
+            waiting(self);
+        };
+        enqueue(object, work, timeoutSec);
     }
-    started.wait();
-    started.wait(); // both at the same time
+    repeat(2, [&] { started.wait(); }); // both at the same time
     std::vector<int> order;
     for (int i = 0; i < 5; ++i)
     {
@@ -131,32 +112,22 @@ TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
     ASSERT_TRUE(both[0] != nullptr && both[1] != nullptr);
     DlcKeepalive& keepalive = both[1]->keepalive();
     EXPECT_NE(&both[0]->keepalive(), &keepalive);
-    EXPECT_EQ(907U, timeouts[0] + timeouts[1]); // its own, and the default
-    enqueue(object, waiting);                   // holds the first worker when it has executed the others
+    EXPECT_EQ(907U, timeouts); // its own, and the default
+    enqueue(object, waiting);  // holds the first worker when it has executed the others
     enqueue(object, waiting);
-    mayEnd.signal();
-    started.wait();
-    mayEnd.signal();
-    started.wait();
+    repeat(2, [&] { mayEnd.signal(), started.wait(); });
     EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4}), order);
-    mayEnd.signal();
-    mayEnd.signal();
-    while (keepalive.isArmed())
-    {
-        platform::sleepMs(1);
-    }
-    Texts lines = client->messages();
+    repeat(2, [&] { mayEnd.signal(); });
+    waitUntil([&] { return !keepalive.isArmed(); });
+    EXPECT_EQ(2, client.count("Info,NON,ThreadWrapper,threadCallback,Starting ThreadWrapper of type Disk ~"));
     object.terminateAllThreads();
     EXPECT_EQ(0, living);
-    EXPECT_EQ(2, std::ranges::count_if(lines, [](const std::string& line) {
-                  return matches(line, "Info,NON,ThreadWrapper,threadCallback,Starting ThreadWrapper of type Disk ~");
-              }));
 }
 
 /// Notes how its workers start.
 struct NotingObject : ActiveObject
 {
-    NotingObject() : ActiveObject("Noting", &forceVerbose) {}
+    using ActiveObject::ActiveObject;
     ~NotingObject() override { terminateAllThreads(); }
     void onThreadStart(std::uint32_t threadIndex) override { started += threadIndex; }
     std::atomic<std::uint32_t> started = 0;
@@ -165,21 +136,17 @@ struct NotingObject : ActiveObject
 TEST_F(ActiveObjectTest, IdleWorkersExecuteWhatComesWhileOthersAreBusy)
 {
     Tweaks::instance().update("t_defaultDlcTimeoutSec", "800");
-    NotingObject object;
+    NotingObject object("Noting", &forceVerbose);
     open(object, 4);
     for (int busy = 0; busy < 4; ++busy)
     {
         for (int i = 0; i < 300; ++i)
         {
-            const bool isDefault = i % 3 != 0;
-            const std::uint32_t timeoutSec = i % 3 == 1 ? NO_TIMEOUT : isDefault ? 0 : 7;
-            enqueue(
-                object,
-                [&](Work& work) {
-                    EXPECT_EQ(isDefault ? 800U : 7U, work.keepalive().timeoutSec());
-                    started.signal();
-                },
-                timeoutSec);
+            const auto work = [&](Work& self) {
+                EXPECT_EQ(i % 3 == 0 ? 7U : 800U, self.keepalive().timeoutSec());
+                started.signal();
+            };
+            enqueue(object, work, std::array<std::uint32_t, 3>{7, NO_TIMEOUT, 0}.at(static_cast<std::size_t>(i % 3)));
             ASSERT_TRUE(started.waitFor(30'000));
             platform::sleepMs(i % 50 == 0 ? 1 : 0);
         }
@@ -187,34 +154,12 @@ TEST_F(ActiveObjectTest, IdleWorkersExecuteWhatComesWhileOthersAreBusy)
         started.wait();
     }
     EXPECT_EQ(1U + 2 + 3 + 4, object.started);
-    for (int busy = 0; busy < 4; ++busy)
-    {
-        mayEnd.signal();
-    }
+    repeat(4, [&] { mayEnd.signal(); });
 }
-
-/// Does something before a line with that text is over.
-struct OnLine : LoggerClient
-{
-    OnLine(const char* text, std::function<void()> content) : part(text), work(std::move(content))
-    {
-        Logger::instance().registerClient(this, Logger::ALL_LEVELS); // and stays
-    }
-    void log(const std::string& line) override
-    {
-        if (line.find(part) != std::string::npos)
-        {
-            work();
-        }
-    }
-    const std::string part;
-    const std::function<void()> work;
-};
 
 TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
 {
-    std::optional<ActiveObject> object;
-    object.emplace("Disk", &forceVerbose);
+    auto object = std::make_unique<ActiveObject>("Disk", &forceVerbose);
     object->attachRateMonitor(makeMonitor({}));
     open(*object, 1);
     bool isExecuted = false;
@@ -223,30 +168,23 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
         isExecuted = true;
     });
     started.wait();
-    for (int i = 0; i < 3; ++i)
-    {
-        enqueue(*object, [](Work&) { ADD_FAILURE() << "executed"; });
-    }
+    repeat(3, [&] { enqueue(*object, [](Work&) { ADD_FAILURE() << "executed"; }); });
     std::array<Work*, 2> late{};
     for (Work*& work : late)
     {
         work = MemShield::create<Work>({"Work", SourcePlace::here()}, [&](Work&) { started.signal(); });
     }
-    new OnLine("queue was not empty", [&] { object->enqueue(late[0]); });
-    std::thread letting([&] {
-        platform::sleepMs(20);
-        mayEnd.signal();
+    const HookedClient hook([&](const std::string& line) {
+        line.find("queue was not empty") != std::string::npos ? object->enqueue(late[0]) : void();
     });
+    std::thread letting([&] { platform::sleepMs(20), mayEnd.signal(); });
     object->terminateAllThreads();
     letting.join();
     EXPECT_TRUE(isExecuted);
     EXPECT_EQ(2, living);
-    const Texts lines = client->messages();
-    const auto warning = std::ranges::find_if(lines, [](const auto& line) { return line.starts_with("Warn,"); });
-    ASSERT_LE(2, lines.end() - warning);
-    const std::string head = "Warn,NON,ActiveObject,terminateAllThreads,";
-    EXPECT_EQ(head + "ActiveObject queue was not empty during shutdown: 3 items, details follow.", warning[0]);
-    EXPECT_EQ(head + "priority 0: 3 items, 0 bytes", warning[1]);
+    EXPECT_EQ((Texts{"ActiveObject queue was not empty during shutdown: 3 items, details follow.",
+                     "priority 0: 3 items, 0 bytes"}),
+              client.messagesAfter("Warn,NON,ActiveObject,terminateAllThreads,"));
     object->open(); // leaves at once
     ActiveObject next("Next", &forceVerbose);
     next.enqueue(late[0]);
@@ -257,25 +195,22 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     EXPECT_EQ(1, living);
     MemShield::destroy(late[1], SourcePlace::here());
     object.reset();
-    EXPECT_EQ(0,
-              std::ranges::count_if(client->messages(), [](const auto& line) { return line.starts_with("Assert,"); }));
+    EXPECT_EQ(0, client.count("Assert,~"));
 }
 
 TEST_F(ActiveObjectTest, ShutdownWaitsForWorkersThatHaveNotStartedYet)
 {
     Semaphore mayRegister(0);
-    new OnLine("Starting ThreadWrapper of type Slow ", [&] { mayRegister.wait(); });
+    const HookedClient hook([&](const std::string& line) {
+        line.find("Starting ThreadWrapper of type Slow ") != std::string::npos ? mayRegister.wait() : void();
+    });
     auto object = std::make_unique<ActiveObject>("Slow", &forceVerbose);
     object->open();
     object->open();
     std::atomic<bool> isExecuted = false;
     std::atomic<bool> isGone = false;
     enqueue(*object, [&](Work&) { isExecuted = true; });
-    std::thread destroying([&] {
-        platform::sleepMs(5);
-        object.reset();
-        isGone = true;
-    });
+    std::thread destroying([&] { platform::sleepMs(5), object.reset(), isGone = true; });
     platform::sleepMs(20);
     mayRegister.signal();
     platform::sleepMs(20);
@@ -296,13 +231,9 @@ TEST_F(ActiveObjectTest, AWorkerThatHasWaitedForLongStillTakesActions)
     started.wait();
     enqueue(object, waiting);
     enqueue(object, waiting);
-    started.wait();
-    started.wait();
-    mayEnd.signal();
-    mayEnd.signal();
-    EXPECT_EQ(0, std::ranges::count_if(client->messages(), [](const std::string& line) {
-                  return line.find("wait timed out") != std::string::npos;
-              }));
+    repeat(2, [&] { started.wait(); });
+    repeat(2, [&] { mayEnd.signal(); });
+    EXPECT_EQ(0, client.count("~wait timed out~"));
 }
 
 std::atomic<std::int64_t> nowUs = 0;
@@ -318,10 +249,7 @@ TEST_F(ActiveObjectTest, FeedsItsRateMonitorWithThePeriodsInWhichActionsAreQueue
     enqueueAt(1'000, [](Work&) {}); // no worker yet: stays queued
     enqueueAt(2'000, waiting);
     MemWatchedContainerDatabase::instance().printWatchedContainers();
-    EXPECT_EQ(1, std::ranges::count_if(client->messages(), [](const std::string& line) {
-                  return line.ends_with(
-                      ",printWatchedContainers,ContainerName = Disk items = 2 memory = 16 (max = 16)");
-              }));
+    EXPECT_EQ(1, client.count("~,printWatchedContainers,ContainerName = Disk items = 2 memory = 16 (max = 16)"));
     nowUs = 3'000'000;
     open(object, 1);
     started.wait();
@@ -332,7 +260,7 @@ TEST_F(ActiveObjectTest, FeedsItsRateMonitorWithThePeriodsInWhichActionsAreQueue
     mayEnd.signal();
     started.wait();
     EXPECT_EQ("Info,NON,RateMonitor,update,rate time=4000 (3000) rate=1<bw=1> latency=[Avg: 1500 Max: 2000]",
-              client->messages().back());
+              client.last());
     mayEnd.signal();
 }
 
@@ -361,10 +289,7 @@ TEST_F(ActiveObjectTest, StartsAndStopsUnderLoad)
     }
     EXPECT_EQ(0, living);
     EXPECT_LT(100 * 100, executed);
-    while (MemShield::systemHeapBytes() != before) // the last workers are still leaving
-    {
-        platform::sleepMs(1);
-    }
+    waitUntil([&] { return MemShield::systemHeapBytes() == before; }); // the last workers are still leaving
 }
 
 } // namespace

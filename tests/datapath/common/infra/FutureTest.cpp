@@ -32,7 +32,6 @@ struct Observer : FutureInternal::FutureObserver<RcStatus>
 TEST(Future, EveryCopyWaitsForTheOneResult)
 {
     const ScratchFolder folder;
-    folder.enter();
     for (int round = 0; round < 300; ++round)
     {
         Future future;
@@ -53,7 +52,6 @@ TEST(Future, EveryCopyWaitsForTheOneResult)
 TEST(Future, ObserversAreCalledOnceInTheirOrder)
 {
     const ScratchFolder folder;
-    folder.enter();
     waitForOwnThreads();
     const std::uint64_t before = MemShield::systemHeapBytes();
     std::vector<Observer*> calls;
@@ -87,13 +85,13 @@ TEST(Future, ObserversAreCalledOnceInTheirOrder)
 
 TEST(Future, ASecondResultEndsTheProcess)
 {
-    const auto* const client = new CapturingClient; // stays registered
+    const CapturingClient client;
     const ScopedProcessEnd ending;
     waitForOwnThreads();
     Future future;
     future.set(RC_OK);
     EXPECT_THROW(Future(future).set(RC_OK), ProcessEnded);
-    EXPECT_PRED2(matches, client->messages().back(),
+    EXPECT_PRED2(matches, client.last(),
                  "Error,NON,FutureInternal::Future<enum RcStatus>,set,Assertion (!tempSmartPtr->m_bSet) failed "
                  "datapath/common/infra/Future.h #");
 }

@@ -12,26 +12,11 @@
 namespace
 {
 
-using Texts = std::vector<std::string>;
 const std::string STATS = "Info,NON,PriorityQueue,printStatsIfNeeded,";
 std::int64_t nowMs = 20'000;
 
-struct PriorityQueueTest : testing::Test
+struct PriorityQueueTest : LogTest
 {
-    PriorityQueueTest() { folder.enter(); }
-
-    /// What has been logged with that head, without it.
-    Texts logged(const std::string& head) const
-    {
-        Texts messages = client->messages();
-        std::erase_if(messages, [&](const std::string& message) { return !message.starts_with(head); });
-        std::ranges::for_each(messages, [&](std::string& message) { message.erase(0, head.size()); });
-        return messages;
-    }
-
-    const ScratchFolder folder;
-    const LettingGo lettingGo;
-    CapturingClient* const client = new CapturingClient; // stays registered
     std::uint32_t priority = 0;
     const ScopedReplacement tickCount{platform::timeCalls.tickCountMs,
                                       [] { return static_cast<std::uint64_t>(nowMs); }};
@@ -49,13 +34,12 @@ TEST_F(PriorityQueueTest, PrioritiesOutOfRangeAreNamed)
     EXPECT_FALSE(queue.dequeue(action, priority));
     queue.enqueue(action, 1);
     EXPECT_EQ(0U, queue.size(2) + queue.sizeBytes(2) + queue.sizeBytes(1));
-    const Texts lines = logged("Assert,NON,PriorityQueue<class ActiveObject::Action *>,");
+    const Texts lines = client.messagesAfter("Assert,NON,PriorityQueue<class ActiveObject::Action *>,");
     const std::string check = ", datapath/common/infra/PriorityQueue.h #: priority < m_queue";
-    const std::string values = " priority=2  m_queues.size()=2 ";
-    ASSERT_EQ(3U, lines.size());
-    EXPECT_PRED2(matches, lines[0], "enqueue" + check + "s.size() failed. priority too high" + values);
-    EXPECT_PRED2(matches, lines[1], "size" + check + "s.size() failed. invalid priority");
-    EXPECT_PRED2(matches, lines[2], "sizeBytes" + check + "Stats.size() failed. invalid priority");
+    expectMatches({"enqueue" + check + "s.size() failed. priority too high priority=2  m_queues.size()=2 ",
+                   "size" + check + "s.size() failed. invalid priority",
+                   "sizeBytes" + check + "Stats.size() failed. invalid priority"},
+                  lines);
 }
 
 TEST_F(PriorityQueueTest, WatermarksAreLoggedOnceAnInterval)
@@ -70,21 +54,22 @@ TEST_F(PriorityQueueTest, WatermarksAreLoggedOnceAnInterval)
     queue.setName("Renamed");
     nowMs = 29'999;
     EXPECT_TRUE(queue.dequeue(item, priority) && queue.dequeue(item, priority));
-    EXPECT_EQ(Texts{"(Bytes)Q1:0 (0 B WM-H0 L0) Q0:0 (0 B WM-H0 L0) "}, logged(STATS));
+    EXPECT_EQ(1U, client.messagesAfter(STATS).size());
     nowMs = Timer::instance().getLastTimestampMs_Inaccurate(true) + 1;
     static_cast<void>(Timer::instance().getTimestampMs());
     queue.enqueue('d', 1);
     nowMs = 60'000; // nobody else reads the clock
     EXPECT_TRUE(queue.dequeue(item, priority));
-    ASSERT_EQ(3U, logged(STATS).size());
-    EXPECT_EQ("(Renamed)Q1:0 (0 B WM-H1 L0) Q0:1 (1 B WM-H2 L0) ", logged(STATS)[1]);
-    EXPECT_EQ("(Renamed)Q1:0 (0 B WM-H1 L0) Q0:1 (1 B WM-H1 L1) ", logged(STATS)[2]); // since the line before
+    EXPECT_EQ(
+        (Texts{"(Bytes)Q1:0 (0 B WM-H0 L0) Q0:0 (0 B WM-H0 L0) ", "(Renamed)Q1:0 (0 B WM-H1 L0) Q0:1 (1 B WM-H2 L0) ",
+               "(Renamed)Q1:0 (0 B WM-H1 L0) Q0:1 (1 B WM-H1 L1) "}), // since the line before
+        client.messagesAfter(STATS));
     for (const std::int64_t laterMs : {0, 499, 1})
     {
         nowMs += laterMs;
         static_cast<void>(Timer::instance().getTimestampMs());
         verbose.enqueue('e', 0);
-        EXPECT_EQ(laterMs == 1 ? 5U : 4U, logged(STATS).size());
+        EXPECT_EQ(laterMs == 1 ? 5U : 4U, client.messagesAfter(STATS).size());
     }
 }
 
@@ -116,7 +101,8 @@ TEST_F(PriorityQueueTest, TakesTheOldestOfTheHighestPriorityWhateverCameBefore)
     queue.reset();
     MemWatchedContainerDatabase::instance().printWatchedContainers();
     EXPECT_EQ(Texts{std::to_string(model.size() + 7) + " memory = " + memory + " (max = " + memory + ")"},
-              logged("Info,NON,MemWatchedContainerDatabase,printWatchedContainers,ContainerName = Items items = "));
+              client.messagesAfter(
+                  "Info,NON,MemWatchedContainerDatabase,printWatchedContainers,ContainerName = Items items = "));
 }
 
 } // namespace

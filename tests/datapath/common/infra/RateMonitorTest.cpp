@@ -2,6 +2,7 @@
 
 #include "tests/support/Support.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -15,11 +16,10 @@ const auto readClock = [] { return nowMs * 1'000; };
 /// Expects the lines of a monitor that is made at 1000 ms. A step is the time in ms, then "1 items bytes" (a task
 /// starts), "-1 latency 0" (one ends, ms) or "0 0 0" (the line is asked for).
 void expectLines(const RateMonitor::Settings& settings, const std::string& name, const std::string& steps,
-                 const std::vector<std::string>& patterns)
+                 Texts patterns)
 {
-    static const LettingGo lettingGo;
-    static auto* const client = new CapturingClient; // stays registered
-    std::size_t line = client->messages().size();
+    const LettingGo lettingGo;
+    const CapturingClient client;
     nowMs = 1'000;
     {
         RateMonitor monitor(name, settings);
@@ -36,13 +36,10 @@ void expectLines(const RateMonitor::Settings& settings, const std::string& name,
                      : monitor.incActiveTasksLocked(c);
         }
     }
-    ASSERT_EQ(line + patterns.size(), client->messages().size());
-    for (const std::string& pattern : patterns)
-    {
-        const std::string head =
-            pattern.starts_with("Disk") ? "Info,NON,RateMonitor,update," : "Assert,NON,RateMonitor,";
-        EXPECT_PRED2(matches, client->messages()[line++], head + pattern);
-    }
+    std::ranges::for_each(patterns, [](std::string& pattern) {
+        pattern.insert(0, pattern.starts_with("Disk") ? "Info,NON,RateMonitor,update," : "Assert,NON,RateMonitor,");
+    });
+    expectMatches(patterns, client.messages());
 }
 
 TEST(RateMonitor, LinesTellBusyAndIdleTimeConcurrencyAndLatencies)
