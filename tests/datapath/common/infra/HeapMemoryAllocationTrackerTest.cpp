@@ -3,9 +3,6 @@
 #include "datapath/common/infra/MemShield.h"
 #include "tests/support/Support.h"
 
-#include <atomic>
-#include <random>
-
 #include <gtest/gtest.h>
 
 namespace
@@ -13,25 +10,23 @@ namespace
 
 const DynamicTweak<bool> NOT_DISABLED;
 
-TEST(HeapMemoryAllocationTracker, PausesAtTheBudgetUntilUsageIsDown)
+using HeapMemoryAllocationTrackerTest = LogTest;
+
+TEST_F(HeapMemoryAllocationTrackerTest, PausesAtTheBudgetUntilUsageIsDown)
 {
-    const ScratchFolder folder;
-    folder.enter();
     MemShield::setEnabled(false);
-    const LettingGo lettingGo;
     HeapMemoryAllocationTracker tracker(100, 80, NOT_DISABLED, "log");
     waitForOwnThreads();
-    const auto& client = *new CapturingClient; // stays registered
+    client.newMessages();
     bool justPaused = true;
     char* const sixty = tracker.allocate(60, justPaused);
     char* const forty = tracker.allocate(40, justPaused);
     EXPECT_TRUE(sixty != nullptr && forty != nullptr && !justPaused);
-    EXPECT_EQ(nullptr, tracker.allocate(0, justPaused));
-    EXPECT_FALSE(justPaused);
-    EXPECT_EQ(nullptr, tracker.allocate(1, justPaused));
-    EXPECT_TRUE(justPaused);
-    EXPECT_EQ(nullptr, tracker.allocate(1, justPaused));
-    EXPECT_FALSE(justPaused);
+    for (const std::uint32_t length : {0U, 1U, 2U}) // only the one that is too many is told
+    {
+        EXPECT_EQ(nullptr, tracker.allocate(length, justPaused));
+        EXPECT_EQ(length == 1, justPaused);
+    }
     char* const beyond = tracker.allocateIgnoringLimit(50);
     EXPECT_TRUE(beyond != nullptr);
     tracker.free(forty, 40);
@@ -40,47 +35,32 @@ TEST(HeapMemoryAllocationTracker, PausesAtTheBudgetUntilUsageIsDown)
     tracker.free(tracker.allocateIgnoringLimit(1), 2);
     char* const twenty = tracker.allocate(20, justPaused);
     EXPECT_TRUE(twenty != nullptr);
-    EXPECT_TRUE(client.messages().empty());
+    EXPECT_TRUE(client.newMessages().empty());
     tracker.free(sixty, 60);
     tracker.free(twenty, 41);
     EXPECT_EQ("Assert,NON,HeapMemoryAllocationTracker,free, datapath/common/infra/HeapMemoryAllocationTracker.cpp 39: "
               "usedBytesBeforeFree >= (u32)lengthBytes failed. <log> trying to free more than allocated "
               "usedBytesBeforeFree=40  lengthBytes=41 ",
-              client.messages().at(0));
+              client.last());
 }
 
-TEST(HeapMemoryAllocationTracker, ThreadsReturnEachOthersBuffers)
+TEST_F(HeapMemoryAllocationTrackerTest, ThreadsReturnEachOthersBuffers)
 {
-    const ScratchFolder folder;
-    folder.enter();
     waitForOwnThreads();
-    HeapMemoryAllocationTracker tracker(4000, 2000, NOT_DISABLED, "log");
+    HeapMemoryAllocationTracker tracker(40'000, 20'000, NOT_DISABLED, "log");
     const std::uint64_t before = MemShield::systemHeapBytes();
-    std::vector<std::atomic<char*>> buffers(100);
-    runInThreads(4, [&](int index) {
-        std::minstd_rand random(static_cast<unsigned>(index + 1));
-        for (int i = 0; i < 20'000; ++i)
-        {
+    exchangeInThreads(
+        4, 20'000,
+        [&](std::uint32_t random) {
             bool justPaused = false;
-            char* const fresh = i % 10 == 0 ? tracker.allocateIgnoringLimit(50) : tracker.allocate(50, justPaused);
-            if (char* const old = buffers[random() % buffers.size()].exchange(fresh))
-            {
-                tracker.free(old, 50);
-            }
-        }
-    });
-    for (const std::atomic<char*>& buffer : buffers)
-    {
-        if (buffer != nullptr)
-        {
-            tracker.free(buffer, 50);
-        }
-    }
+            return random % 10 == 0 ? tracker.allocateIgnoringLimit(50) : tracker.allocate(50, justPaused);
+        },
+        [&](const char* old) { tracker.free(old, 50); });
     EXPECT_EQ(before, MemShield::systemHeapBytes());
     bool justPaused = false;
-    char* const all = tracker.allocate(4000, justPaused); // nothing is counted any more
+    char* const all = tracker.allocate(40'000, justPaused); // nothing is counted any more
     ASSERT_TRUE(all != nullptr);
-    tracker.free(all, 4000);
+    tracker.free(all, 40'000);
 }
 
 } // namespace

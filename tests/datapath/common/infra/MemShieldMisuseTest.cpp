@@ -7,6 +7,7 @@
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "datapath/common/infra/windows/MemWatcher.h"
+#include "tests/support/MemShieldSites.h"
 #include "tests/support/Support.h"
 
 #include <atomic>
@@ -20,48 +21,25 @@
 namespace
 {
 
-constexpr AllocationSite SITE{"Thing", {"maker.cpp", 11}};
-constexpr AllocationSite ARRAY_SITE{"s8", {"maker.cpp", 12}};
-constexpr SourcePlace PLACE{"user.cpp", 22};
-
 const DynamicTweak<bool> NOT_DISABLED;
 
-/// As the log file does, it allocates for each line.
-class AllocatingClient : public LoggerClient
-{
-public:
-    /// Writes that many bytes after the end of each copy.
-    explicit AllocatingClient(std::size_t overrun) : m_overrun(overrun) { usedTracker = &m_tracker; }
+HeapMemoryAllocationTracker tracker(1'000'000, 1'000'000, NOT_DISABLED, "client");
 
-    void log(const std::string& line) override
-    {
-        const std::string message = line.substr(std::min(line.find(",NON,") + 5, line.size()));
-        const auto length = static_cast<std::uint32_t>(message.size());
-        char* const copy = m_tracker.allocateIgnoringLimit(length);
-        std::memcpy(copy, message.c_str(), length + m_overrun);
-        std::cout.write(copy, length);
-        m_tracker.free(copy, length);
-    }
-    void flush() override { std::cout.flush(); }
-
-    static constinit inline HeapMemoryAllocationTracker* usedTracker = nullptr;
-
-private:
-    HeapMemoryAllocationTracker m_tracker{1'000'000, 1'000'000, NOT_DISABLED, "client"};
-    std::size_t m_overrun;
-};
-
+/// As the log file does, allocates for each line; writes that many bytes after the end of each copy.
 void logThroughTheAllocator(bool isGuarded, std::size_t overrun)
 {
     MemShield::setEnabled(isGuarded);
     waitForOwnThreads();
     Timer::instance().getTimestampMs();
-    Logger::instance().registerClient(new AllocatingClient(overrun), Logger::ALL_LEVELS);
+    new HookedClient([=](const std::string& line) {
+        const std::string message = line.substr(std::min(line.find(",NON,") + 5, line.size()));
+        const auto length = static_cast<std::uint32_t>(message.size());
+        char* const copy = tracker.allocateIgnoringLimit(length);
+        std::memcpy(copy, message.c_str(), length + overrun);
+        std::cout.write(copy, length).flush();
+        tracker.free(copy, length);
+    });
 }
-
-using Bytes = unsigned char*;
-
-Bytes makeObject(std::uint64_t size = 100) { return static_cast<Bytes>(MemShield::allocateObject(size, SITE)); }
 
 struct Shape
 {
@@ -71,6 +49,12 @@ struct Shape
 bool has(const std::string& line, std::string_view text) { return line.find(text) != std::string::npos; }
 
 void releaseWhatIsNoBlock() { MemShield::releaseObject(&childScenarios(), PLACE); }
+
+template <class Byte> Byte* written(Byte* bytes, std::size_t offset, int value)
+{
+    bytes[offset] = static_cast<Byte>(value);
+    return bytes;
+}
 
 /// While a misuse is reported, two threads find more: under the lock of the tweaks, and in a CPU report.
 void misuseUnderLocks()
@@ -87,10 +71,7 @@ void misuseUnderLocks()
         {
             std::thread([] { isOther = true, Tweaks::instance().update("t_a", "1"); }).detach();
             std::thread([] { isOther = true, MemWatcher::instance().printCpu(); }).detach();
-            while (misuses != 2)
-            {
-                std::this_thread::yield();
-            }
+            waitUntil([] { return misuses == 2; });
         }
     });
     releaseWhatIsNoBlock();
@@ -155,19 +136,10 @@ struct Misuse
 };
 
 const std::vector<Misuse> MISUSES = {
-    {"objectReleasedTwice",
-     [] {
-         Bytes const object = makeObject();
-         MemShield::releaseObject(object, PLACE);
-         MemShield::releaseObject(object, PLACE);
-     },
+    {"objectReleasedTwice", [] { repeat(2, [object = makeObject()] { MemShield::releaseObject(object, PLACE); }); },
      unallocated("")},
     {"shapeDestroyedTwice",
-     [] {
-         auto* const shape = MemShield::create<Shape>(SITE);
-         MemShield::destroy(shape, PLACE);
-         MemShield::destroy(shape, PLACE);
-     },
+     [] { repeat(2, [shape = MemShield::create<Shape>(SITE)] { MemShield::destroy(shape, PLACE); }); },
      unallocated("")},
     {"shapeInTheMiddleOfABlock", [] { MemShield::destroy(reinterpret_cast<Shape*>(makeObject() + 8), PLACE); },
      unallocated("maker.cpp 11")},
@@ -179,33 +151,18 @@ const std::vector<Misuse> MISUSES = {
      unallocated("")},
     {"arrayReleasedTwice",
      [] {
-         char* const array = MemShield::createArray<char>(ARRAY_SITE, 5);
-         MemShield::destroyArray(array, PLACE);
-         MemShield::destroyArray(array, PLACE);
+         repeat(2, [array = MemShield::createArray<char>(ARRAY_SITE, 5)] { MemShield::destroyArray(array, PLACE); });
      },
      "MemShield,freeAndUnregister,trying to free un-allocated memory file=user.cpp  line=22 \n" + report("", "")},
-    {"overrunAtOnce",
-     [] {
-         Bytes const object = makeObject();
-         object[100] = 65;
-         MemShield::releaseObject(object, PLACE);
-     },
+    {"overrunAtOnce", [] { MemShield::releaseObject(written(makeObject(), 100, 65), PLACE); },
      overrun("Thing", "maker.cpp", "11", "0->65", "0", "user.cpp  line=22")},
     {"overrunAtTheEnd",
      [] {
-         auto* const array = MemShield::createArray<unsigned char>(ARRAY_SITE, 100);
-         array[100] = 0xFF; // not noticed
-         array[163] = 0;
-         MemShield::releaseArray(array, PLACE);
+         Bytes const array = MemShield::createArray<unsigned char>(ARRAY_SITE, 100);
+         MemShield::releaseArray(written(written(array, 100, 0xFF), 163, 0), PLACE); // the first is not noticed
      },
      overrun("s8", "maker.cpp", "12", "63->0", "100", "user.cpp  line=22")},
-    {"overrunOfABuffer",
-     [] {
-         HeapMemoryAllocationTracker& tracker = *AllocatingClient::usedTracker;
-         char* const buffer = tracker.allocateIgnoringLimit(100);
-         buffer[100] = 65;
-         tracker.free(buffer, 100);
-     },
+    {"overrunOfABuffer", [] { tracker.free(written(tracker.allocateIgnoringLimit(100), 100, 65), 100); },
      overrun("s8", TRACKER, "47", "0->65", "100", TRACKER + "  line=30")},
     {"overrunByTheClientItself", [] { MemShield::releaseArray(makeObject() + 1, PLACE); },
      "~Assertion (false) failed " + UNIT + "342, misuse of memory while one is reported\n", true, 1},
@@ -246,21 +203,16 @@ const std::vector<Misuse> MISUSES = {
      false},
 };
 
-[[maybe_unused]] const bool areRegistered = [] {
-    for (const Misuse& misuse : MISUSES)
-    {
-        childScenarios()[misuse.name] = [&misuse] {
-            logThroughTheAllocator(misuse.isGuarded, misuse.clientOverrun);
-            misuse.work();
-        };
-    }
-    return true;
-}();
+const auto areRegistered = std::ranges::for_each(MISUSES, [](const Misuse& misuse) {
+    childScenarios()[misuse.name] = [&] {
+        logThroughTheAllocator(misuse.isGuarded, misuse.clientOverrun);
+        misuse.work();
+    };
+});
 
 TEST(MemShieldMisuse, IsReportedWithItsPlacesAndEndsTheProcess)
 {
     const ScratchFolder folder;
-    folder.enter();
     for (const Misuse& misuse : MISUSES)
     {
         const ChildResult child = runChild(misuse.name);
@@ -291,7 +243,6 @@ CHILD_SCENARIO(corruptionUnderLoad)
 TEST(MemShieldMisuse, IsReportedWhileOtherThreadsAllocateAndMisuseMemoryToo)
 {
     const ScratchFolder folder;
-    folder.enter();
     for (int i = 0; i < 3; ++i)
     {
         const ChildResult child = runChild("corruptionUnderLoad");

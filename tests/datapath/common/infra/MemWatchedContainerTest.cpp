@@ -12,29 +12,20 @@
 namespace
 {
 
-/// The report without what the Logger itself keeps.
-std::vector<std::string> report(const CapturingClient& client)
+/// Expects these lines in a report, and before them those of what the Logger itself keeps.
+void expectReport(Texts lines)
 {
-    const std::size_t before = client.messages().size();
+    lines.insert(lines.begin(),
+                 {"ContainerName = LoggerAsyncThreadNames items = 0", "ContainerName = LoggerThreadNames items = 0"});
+    const CapturingClient client;
     MemWatchedContainerDatabase::instance().printWatchedContainers();
-    std::vector<std::string> lines = client.messages();
-    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
-    for (std::string& line : lines)
-    {
-        const std::string head = "Info,NON,MemWatchedContainerDatabase,printWatchedContainers,";
-        EXPECT_TRUE(line.starts_with(head));
-        line = line.substr(head.size());
-    }
-    EXPECT_EQ("ContainerName = LoggerAsyncThreadNames items = 0", lines.at(0));
-    EXPECT_EQ("ContainerName = LoggerThreadNames items = 0", lines.at(1));
-    lines.erase(lines.begin(), lines.begin() + 2);
-    return lines;
+    EXPECT_EQ(lines, client.messagesAfter("Info,NON,MemWatchedContainerDatabase,printWatchedContainers,"));
+    EXPECT_PRED2(matches, client.lines().back().substr(0, 20), "2~,"); // no fraction of a second
 }
 
 TEST(MemWatchedContainers, AReportSumsByNameAndEstimatesMemory)
 {
-    static CapturingClient client;
-    EXPECT_EQ(std::vector<std::string>{" estimatedTotal=0 in 2 containers"}, report(client));
+    expectReport({" estimatedTotal=0 in 2 containers"});
     {
         StlMemShiledContainer<std::map<int, int>> timers("Timers");
         StlMemShiledContainer<std::set<int>> moreTimers("Timers");
@@ -47,18 +38,15 @@ TEST(MemWatchedContainers, AReportSumsByNameAndEstimatesMemory)
             first.push(nullptr);
         }
         second.resize(7);
-        EXPECT_EQ((std::vector<std::string>{"ContainerName = Queue items = 12 memory = 54 (max = 40)",
-                                            "ContainerName = Timers items = 7", " estimatedTotal=54 in 6 containers"}),
-                  report(client));
+        expectReport({"ContainerName = Queue items = 12 memory = 54 (max = 40)", "ContainerName = Timers items = 7",
+                      " estimatedTotal=54 in 6 containers"});
     }
-    EXPECT_EQ(std::vector<std::string>{" estimatedTotal=0 in 2 containers"}, report(client));
-    EXPECT_EQ('2', client.lines().back()[0]);
-    EXPECT_EQ(',', client.lines().back()[19]); // no fraction of a second
+    expectReport({" estimatedTotal=0 in 2 containers"});
 }
 
 TEST(MemWatchedContainers, MisuseEndsTheProcess)
 {
-    static CapturingClient client;
+    const CapturingClient client;
     const ScopedProcessEnd ending;
     auto& database = MemWatchedContainerDatabase::instance();
     StlMemShiledContainer<std::set<int>> container("Container");
@@ -68,10 +56,9 @@ TEST(MemWatchedContainers, MisuseEndsTheProcess)
     database.registerContainer(&container);
     const std::string head = "Error,NON,MemWatchedContainerDatabase,";
     const std::string path = ") failed datapath/common/infra/MemWatchedContainer.cpp ";
-    EXPECT_EQ(
-        (std::vector<std::string>{head + "registerContainer,Assertion (rt" + path + "31",
-                                  head + "unregisterContainer,Assertion (iter != m_containers.end()" + path + "39"}),
-        client.messages());
+    EXPECT_EQ((Texts{head + "registerContainer,Assertion (rt" + path + "31",
+                     head + "unregisterContainer,Assertion (iter != m_containers.end()" + path + "39"}),
+              client.messages());
 }
 
 TEST(MemWatchedContainers, ManyThreadsMayComeAndGoWhileServicesAreMade)
@@ -85,8 +72,7 @@ TEST(MemWatchedContainers, ManyThreadsMayComeAndGoWhileServicesAreMade)
             Logger::instance().removeThreadName();
         }
     });
-    static CapturingClient client;
-    EXPECT_EQ(std::vector<std::string>{" estimatedTotal=0 in 2 containers"}, report(client));
+    expectReport({" estimatedTotal=0 in 2 containers"});
 }
 
 } // namespace
