@@ -11,33 +11,16 @@
 namespace
 {
 
-using Texts = std::vector<std::string>;
-
 const std::string LEASE = ",NON,DlcKeepalive,checkLease,";
 constexpr std::uint32_t SILENT = DlcKeepalive::NOTHING_DUE;
 
-struct DeadLockChecker : testing::Test
+struct DeadLockChecker : LogTest
 {
     DeadLockChecker()
     {
-        folder.enter();
         waitForOwnThreads();
-        logged();
+        client.newMessages();
     }
-
-    /// What has been logged since the last call.
-    Texts logged()
-    {
-        Texts messages = client->messages();
-        messages.erase(messages.begin(), messages.begin() + static_cast<std::ptrdiff_t>(known));
-        known += messages.size();
-        return messages;
-    }
-
-    const ScratchFolder folder;
-    const LettingGo lettingGo;
-    CapturingClient* const client = new CapturingClient; // stays registered
-    std::size_t known = 0;
 };
 
 TEST_F(DeadLockChecker, ReportsWhatIsWithoutProgressForMoreThanAnInterval)
@@ -47,12 +30,12 @@ TEST_F(DeadLockChecker, ReportsWhatIsWithoutProgressForMoreThanAnInterval)
         return keepalive.checkLease(now += static_cast<std::uint64_t>(laterMs), 60);
     };
     const auto expectStuck = [&](const std::string& seconds) {
-        EXPECT_EQ(Texts{"Error" + LEASE + "Writer is stuck for " + seconds + " sec"}, logged());
+        EXPECT_EQ(Texts{"Error" + LEASE + "Writer is stuck for " + seconds + " sec"}, client.newMessages());
     };
     keepalive.setTimeoutSec(180);
     EXPECT_EQ(SILENT, check(0)); // made alive
     EXPECT_EQ(SILENT, check(60'999));
-    EXPECT_EQ(Texts(), logged());
+    EXPECT_EQ(Texts(), client.newMessages());
     EXPECT_EQ(119U, check(1));
     expectStuck("61");
     EXPECT_EQ(0U, check(119'999));
@@ -67,7 +50,7 @@ TEST_F(DeadLockChecker, ReportsWhatIsWithoutProgressForMoreThanAnInterval)
     keepalive.arm();
     EXPECT_EQ(SILENT, check(1'000'000));
     EXPECT_EQ(SILENT, check(60'000));
-    EXPECT_EQ(Texts(), logged());
+    EXPECT_EQ(Texts(), client.newMessages());
 }
 
 TEST_F(DeadLockChecker, ATimeOutEndsTheProcessBehindTheBackTraces)
@@ -78,9 +61,9 @@ TEST_F(DeadLockChecker, ATimeOutEndsTheProcessBehindTheBackTraces)
     EXPECT_EQ(100U, keepalive.timeoutSec());
     EXPECT_EQ(SILENT, keepalive.checkLease(0, 60));
     const auto timeOut = [&] {
-        logged();
+        client.newMessages();
         EXPECT_EQ(0U - 1, keepalive.checkLease(101'000, 60));
-        return logged();
+        return client.newMessages();
     };
     const std::string stuck = "Error" + LEASE + name + " is stuck for 101 sec";
     const std::string tooLong = "Control" + LEASE + name +
@@ -88,13 +71,9 @@ TEST_F(DeadLockChecker, ATimeOutEndsTheProcessBehindTheBackTraces)
                                 "checking custom behavior";
     const std::string end =
         "Assert" + LEASE + " datapath/common/infra/DeadLockChecker.cpp #: false failed. " + name + " waited too long";
-    const auto expect = [](const Texts& patterns, const Texts& lines) {
-        EXPECT_EQ(patterns.size(), lines.size());
-        EXPECT_TRUE(std::ranges::equal(lines, patterns, matches)) << testing::PrintToString(lines);
-    };
     Tweaks::instance().update("t_disableBtPrint", "1");
-    expect({stuck, tooLong, "Info,NON,DlcKeepalive,printThreadsBackTrace,backtrace printing is disabled", end},
-           timeOut());
+    expectMatches({stuck, tooLong, "Info,NON,DlcKeepalive,printThreadsBackTrace,backtrace printing is disabled", end},
+                  timeOut());
     Tweaks::instance().update("t_disableBtPrint", "0");
     Texts patterns = {stuck, tooLong, "Info,NON,MemWatcher,iterateThreads,start"};
     for (int thread = 0; thread < 2; ++thread)
@@ -104,16 +83,13 @@ TEST_F(DeadLockChecker, ATimeOutEndsTheProcessBehindTheBackTraces)
                               "threadData=0  threadName=~ ");
     }
     patterns.insert(patterns.end(), {"Info,NON,MemWatcher,iterateThreads,done", end});
-    const Texts lines = timeOut();
-    expect(patterns, lines);
-    EXPECT_EQ(2, std::ranges::count_if(lines, [](const std::string& line) {
-                  return matches(line, "~ threadName=MemShieldAO pid=#") ||
-                         matches(line, "~ threadName=class DeadLockCheckerManager pid=#");
-              }));
+    expectMatches(patterns, timeOut());
+    EXPECT_EQ(2, client.count("~ threadName=MemShieldAO pid=#") +
+                     client.count("~ threadName=class DeadLockCheckerManager pid=#"));
     Tweaks::instance().update("t_disableBtPrint", "");
     const ScopedProcessEnd ending;
     EXPECT_THROW(keepalive.checkLease(101'000, 60), ProcessEnded);
-    EXPECT_PRED2(matches, client->messages().back(), "Error,NON,Tweaks,longVal,Assertion (false) failed ~Tweaks.cpp #");
+    EXPECT_PRED2(matches, client.last(), "Error,NON,Tweaks,longVal,Assertion (false) failed ~Tweaks.cpp #");
 }
 
 TEST_F(DeadLockChecker, KeepalivesAreRegisteredOnce)
@@ -121,7 +97,7 @@ TEST_F(DeadLockChecker, KeepalivesAreRegisteredOnce)
     FutureInternal::Future<RcStatus> done;
     const std::uint64_t before = MemShield::systemHeapBytes();
     auto* const keepalive = MemShield::create<DlcKeepalive>({"DlcKeepalive", SourcePlace::here()}, "Request");
-    logged();
+    client.newMessages();
     DeadLockCheckerManager::instance().registerChecker(keepalive);
     done.addObserver(keepalive);
     done.set(RC_OK);
@@ -129,15 +105,11 @@ TEST_F(DeadLockChecker, KeepalivesAreRegisteredOnce)
     DeadLockCheckerManager::instance().unregisterChecker(keepalive);
     std::ostringstream address;
     address << std::hex << reinterpret_cast<std::uintptr_t>(keepalive);
-    const auto failure = [&](const std::string& function, const std::string& text) {
-        return "Assert,NON,DeadLockCheckerManager," + function +
-               ", datapath/common/infra/DeadLockChecker.cpp #: ret failed.  checker=" + address.str() + " checker " +
-               text;
-    };
-    const Texts lines = logged();
-    ASSERT_EQ(2U, lines.size());
-    EXPECT_PRED2(matches, lines[0], failure("registerChecker", "already registered"));
-    EXPECT_PRED2(matches, lines[1], failure("unregisterChecker", "not found"));
+    const std::string failure = ", datapath/common/infra/DeadLockChecker.cpp #: ret failed.  checker=" + address.str();
+    const std::string manager = "Assert,NON,DeadLockCheckerManager,";
+    expectMatches({manager + "registerChecker" + failure + " checker already registered",
+                   manager + "unregisterChecker" + failure + " checker not found"},
+                  client.newMessages());
 }
 
 // The manager's thread waits here instead of sleeping.
@@ -159,10 +131,10 @@ void sleepUntilCheck(std::uint32_t durationMs)
     mayCheck.wait();
 }
 
-TEST(DeadLockCheckerManager, LooksOnceAnInterval)
+using DeadLockCheckerManagerTest = LogTest;
+
+TEST_F(DeadLockCheckerManagerTest, LooksOnceAnInterval)
 {
-    const ScratchFolder folder;
-    folder.enter();
     folder.write("tweaks_extension.txt", "t_deadlockCheckerIntervalSec=7\n");
     realSleep = platform::threadCalls.sleepMs;
     const ScopedReplacement sleep(platform::threadCalls.sleepMs, sleepUntilCheck);
@@ -170,16 +142,15 @@ TEST(DeadLockCheckerManager, LooksOnceAnInterval)
                                       [](std::int64_t& value) { return (value = 1'000) > 0; });
     const ScopedReplacement counter(platform::timeCalls.performanceCounter,
                                     [](std::int64_t& value) { return (value = nowMs) > 0; });
-    const auto* const client = new CapturingClient; // stays registered
     waitForOwnThreads();
     const DlcKeepalive stuck("Stuck");
     DlcKeepalive alive("Alive");
     hasChecked.wait();
-    const std::size_t before = client->messages().size();
+    client.newMessages();
     EXPECT_EQ(7'000U, sleptMs);
-    const std::vector<std::pair<const char*, std::uint32_t>> intervals = {
-        {"7", 7'000}, {"8", 8'000}, {"2147483647", 4'294'967'294}, {"0", 1'000}, {"60", 60'000}};
-    for (const auto& [interval, sleepMs] : intervals)
+    using Interval = std::pair<const char*, std::uint32_t>;
+    for (const auto& [interval, sleepMs] :
+         {Interval{"7", 7'000}, {"8", 8'000}, {"2147483647", 4'294'967'294}, {"0", 1'000}, {"60", 60'000}})
     {
         Tweaks::instance().update("t_deadlockCheckerIntervalSec", interval);
         nowMs += 8'000;
@@ -188,8 +159,7 @@ TEST(DeadLockCheckerManager, LooksOnceAnInterval)
         hasChecked.wait();
         EXPECT_EQ(sleepMs, sleptMs);
     }
-    Texts lines = client->messages();
-    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
+    Texts lines = client.newMessages();
     std::erase_if(lines, [](const std::string& line) {
         return line.find("DeadLockCheckerManager,run") == std::string::npos && line.find(LEASE) == std::string::npos;
     });
