@@ -27,7 +27,6 @@ CHILD_SCENARIO(misuseFirst) { MemWatchedContainerDatabase::instance().unregister
 TEST(StartOrder, AnyServiceMayBeTheFirst)
 {
     const ScratchFolder folder;
-    folder.enter();
     for (const char* const scenario : {"loggerFirst", "lineFirst", "clockFirst", "reportFirst", "containerFirst",
                                        "tweaksFirst", "logFileFirst", "memShieldFirst", "dynamicTweaksFirst"})
     {

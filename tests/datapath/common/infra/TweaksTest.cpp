@@ -18,15 +18,12 @@ struct FreshTweaks : Tweaks
 {
 };
 
-class TweaksTest : public testing::Test
+struct TweaksTest : LogTest
 {
-protected:
-    TweaksTest() { folder.enter(); }
-
     /// What the work logs, up to the end of the process if it comes to that.
-    std::vector<std::string> messagesOf(const std::function<void()>& work) const
+    Texts messagesOf(const std::function<void()>& work)
     {
-        const auto before = static_cast<std::ptrdiff_t>(client->messages().size());
+        client.newMessages();
         try
         {
             work();
@@ -34,41 +31,21 @@ protected:
         catch (const ProcessEnded&)
         {
         }
-        const std::vector<std::string> messages = client->messages();
-        return {messages.begin() + before, messages.end()};
+        return client.newMessages();
     }
 
-    void expectAssertion(const std::string& methodAndCondition, int number, const std::function<void()>& work) const
+    void expectAssertion(const std::string& methodAndCondition, int number, const std::function<void()>& work)
     {
         EXPECT_EQ("Error,NON," + methodAndCondition + ") failed datapath/common/infra/Tweaks.cpp " +
                       std::to_string(number),
                   messagesOf(work).back());
     }
 
-    const ScratchFolder folder;
     const ScopedProcessEnd throwing;
-    CapturingClient* const client = new CapturingClient; // stays registered
 };
 
-using Messages = std::vector<std::string>;
-
-TEST_F(TweaksTest, ValueTextsBecomeIntegersOrStrings)
+TEST_F(TweaksTest, ValueTextsAreNumbersBooleanWordsOrBetweenQuotes)
 {
-    const auto printed = [](const char* text) { return Tweaks::Tweak(text).toString(); };
-    for (const char* const text : {"true", "Yes", "ON", "\"Enabled\"", "oK", "1", "0x1", "+1", "1.9", " \t01 2"})
-    {
-        EXPECT_EQ("1", printed(text)) << text;
-    }
-    for (const char* const text : {"FALSE", "no", "oFF", "\"disabled\"", "-0x10", "00x1"})
-    {
-        EXPECT_EQ("0", printed(text)) << text;
-    }
-    EXPECT_EQ("9223372036854775807", printed("0X7fffFFFFffffFFFF"));
-    EXPECT_EQ("-9223372036854775808", printed("-9223372036854775808"));
-    EXPECT_EQ("\"\"", printed("\"\""));
-    EXPECT_EQ("\"12\"", printed("\"12\""));
-    EXPECT_EQ("\" yes \"", printed("\" yes \""));
-    EXPECT_EQ("\"a\"b\"", printed("\"a\"b\""));
     for (const char* const text : {"", " ", "yes!", "a = b", "0x", "0x0x", "--1", "9223372036854775808", "\x80"})
     {
         expectAssertion("Tweaks::Tweak,Tweak,Assertion (false", 71, [=] { Tweaks::Tweak tweak(text); });
@@ -84,24 +61,26 @@ TEST_F(TweaksTest, UpdatesReplaceTheSpellingTellTheOldValueAndAreLogged)
 {
     Tweaks& tweaks = Tweaks::instance();
     DynamicTweaks::instance().refresh();
-    EXPECT_EQ((Messages{"Info,NON,Tweaks,update,Updating tweak:  name=t_a  val=5  ret= "}),
-              messagesOf([&] { EXPECT_EQ("", tweaks.update("t_a", "5")); }));
-    EXPECT_EQ((Messages{"Info,NON,Tweaks,update,Updating tweak:  name=T_A  val=\"x\"  ret=5 "}),
-              messagesOf([&] { EXPECT_EQ("5", tweaks.update("T_A", "\"x\"")); }));
-    EXPECT_EQ((Messages{"Info,NON,Tweaks,setDefaultValIfNotSet,default tweak added:  name=t_B  val=on  ret= "}),
-              messagesOf([&] { EXPECT_TRUE(tweaks.setDefaultValIfNotSet("t_B", "on")); }));
-    EXPECT_TRUE(messagesOf([&] { EXPECT_FALSE(tweaks.setDefaultValIfNotSet("t_a", "no value")); }).empty());
+    client.newMessages();
+    EXPECT_EQ("", tweaks.update("t_a", "5"));
+    EXPECT_EQ("5", tweaks.update("T_A", "\"x\""));
+    EXPECT_TRUE(tweaks.setDefaultValIfNotSet("t_B", "on"));
+    EXPECT_FALSE(tweaks.setDefaultValIfNotSet("t_a", "no value"));
+    EXPECT_EQ((Texts{"Info,NON,Tweaks,update,Updating tweak:  name=t_a  val=5  ret= ",
+                     "Info,NON,Tweaks,update,Updating tweak:  name=T_A  val=\"x\"  ret=5 ",
+                     "Info,NON,Tweaks,setDefaultValIfNotSet,default tweak added:  name=t_B  val=on  ret= "}),
+              client.newMessages());
     tweaks.update("t_aa", "0x10");
     tweaks.update("t_", "1");
-    EXPECT_EQ((Messages{"Control,NON,Tweaks,print,t_=1", "Control,NON,Tweaks,print,T_A=\"x\"",
-                        "Control,NON,Tweaks,print,t_aa=16", "Control,NON,Tweaks,print,t_B=1"}),
+    EXPECT_EQ((Texts{"Control,NON,Tweaks,print,t_=1", "Control,NON,Tweaks,print,T_A=\"x\"",
+                     "Control,NON,Tweaks,print,t_aa=16", "Control,NON,Tweaks,print,t_B=1"}),
               messagesOf([&] { tweaks.print(); }));
     for (const char* const name : {"T_", "t_a", "T_AA", "T_b"})
     {
         EXPECT_NE("", tweaks.update(name, ""));
         EXPECT_EQ(9, tweaks.longVal(name, 9));
     }
-    EXPECT_EQ(Messages{"Control,NON,Tweaks,print,tweaks are empty"}, messagesOf([&] { tweaks.print(); }));
+    EXPECT_EQ(Texts{"Control,NON,Tweaks,print,tweaks are empty"}, messagesOf([&] { tweaks.print(); }));
     expectAssertion("Tweaks::Tweak,Tweak,Assertion (false", 71, [&] { tweaks.setDefaultValIfNotSet("t_e", ""); });
 }
 
@@ -118,20 +97,18 @@ TEST_F(TweaksTest, GettersCheckKindAndRange)
     EXPECT_EQ(4294967295, tweaks.uintVal("t_missing", 4294967295));
     EXPECT_TRUE(tweaks.boolVal("t_missing", true));
 
-    expectAssertion("Tweaks,intVal,Assertion (ival <= ((u32)-1) / 2", 524,
-                    [&] { return set("2147483648").intVal("t_x"); });
-    expectAssertion("Tweaks,intVal,Assertion (-1 * ival <= ((u32)-1) / 2", 525,
-                    [&] { return set("-2147483648").intVal("t_x"); });
+    const std::string check = "Tweaks,intVal,Assertion (";
+    expectAssertion(check + "ival <= ((u32)-1) / 2", 524, [&] { return set("2147483648").intVal("t_x"); });
+    expectAssertion(check + "-1 * ival <= ((u32)-1) / 2", 525, [&] { return set("-2147483648").intVal("t_x"); });
     expectAssertion("Tweaks,uintVal,Assertion (ival >= 0", 535, [&] { return set("-1").uintVal("t_x"); });
     expectAssertion("Tweaks,uintVal,Assertion (ival <= ((u32)-1)", 536,
                     [&] { return set("4294967296").uintVal("t_x"); });
     set("\"s\"");
-    EXPECT_EQ(
-        (Messages{"Error,NON,Tweaks::Tweak,longVal,value is not int",
-                  "Error,NON,Tweaks::Tweak,longVal,Assertion (false) failed datapath/common/infra/Tweaks.cpp 123"}),
-        messagesOf([&] { EXPECT_TRUE(tweaks.boolVal("t_x")); }));
-    EXPECT_EQ((Messages{"Error,NON,Tweaks,longVal,tweak \"T_none\" not found",
-                        "Error,NON,Tweaks,longVal,Assertion (false) failed datapath/common/infra/Tweaks.cpp 497"}),
+    EXPECT_EQ((Texts{"Error,NON,Tweaks::Tweak,longVal,value is not int",
+                     "Error,NON,Tweaks::Tweak,longVal,Assertion (false) failed datapath/common/infra/Tweaks.cpp 123"}),
+              messagesOf([&] { EXPECT_TRUE(tweaks.boolVal("t_x")); }));
+    EXPECT_EQ((Texts{"Error,NON,Tweaks,longVal,tweak \"T_none\" not found",
+                     "Error,NON,Tweaks,longVal,Assertion (false) failed datapath/common/infra/Tweaks.cpp 497"}),
               messagesOf([&] { EXPECT_EQ(0U, tweaks.uintVal("T_none")); }));
 }
 
@@ -140,10 +117,9 @@ TEST_F(TweaksTest, ATextLeavesItsLinesAndIsAppliedOnlyWhileTheTableIsMade)
     folder.write("tweaks_extension.txt", "t_a = 3");
     FreshTweaks tweaks;
     EXPECT_EQ(3, tweaks.longVal("t_a"));
-    LettingGo lettingGo;
     std::istringstream text("t_a = 1 ; first\nT_A=2;;\nno value\n t_a\t=\t1 \r\n;\n = x = y ;\r\n");
     std::deque<TweakLine> lines;
-    const Messages messages = messagesOf([&] { tweaks.Tweaks::update(text, lines, false); });
+    const Texts messages = messagesOf([&] { tweaks.Tweaks::update(text, lines, false); });
     EXPECT_EQ("Assert,NON,Tweaks,update, datapath/common/infra/Tweaks.cpp 228: isPeriodicUpdate || !m_isInitialized "
               "failed. Trying to update non-periodically after initialization",
               messages.at(0));
@@ -157,12 +133,6 @@ TEST_F(TweaksTest, ATextLeavesItsLinesAndIsAppliedOnlyWhileTheTableIsMade)
     EXPECT_EQ("T_A|2|;", fields(1));
     EXPECT_EQ("t_a|1|Multiple definitions of this tweak, pick one.", fields(2));
     EXPECT_EQ("|x = y|", fields(3));
-
-    std::istringstream twice("t_b=1\nt_b=1\n");
-    expectAssertion("Tweaks,update,Assertion (!strict", 244, [&] { tweaks.Tweaks::update(twice, true); });
-    std::istringstream bare("t_b\n");
-    expectAssertion("Tweaks,getTweaksFromStream,Assertion (false", 602,
-                    [&] { EXPECT_TRUE(Tweaks::getTweaksFromStream(bare, true).empty()); });
 }
 
 TEST_F(TweaksTest, DynamicMembersFollowTheTable)
@@ -183,16 +153,16 @@ TEST_F(TweaksTest, DynamicMembersFollowTheTable)
                                    dynamic.batchIoOrCloudOrIoVerbose};
     };
     tweaks.update("t_KrnRestoreVerboseLogs", "off");
-    const std::vector<std::pair<const char*, std::array<bool, 5>>> effects = {
-        {"t_IOVerboseLogs", {false, true, true, true, true}},
-        {"t_KrnBackupVerboseLogs", {true, false, false, false, false}},
-        {"t_httpCurlVerbose", {false, true, false, false, false}},
-        {"t_StreamReaderVerboseLogs", {false, false, true, false, false}},
-        {"t_KrnPorterVerboseLogs", {false, false, false, true, false}},
-        {"t_BatchIOVerboseLogs", {false, false, false, false, true}},
-        {"t_CloudVerboseLogs", {false, false, false, false, true}},
-    };
-    for (const auto& [name, effect] : effects)
+    using Effect = std::pair<const char*, std::array<bool, 5>>;
+    for (const auto& [name, effect] : std::vector<Effect>{
+             {"t_IOVerboseLogs", {false, true, true, true, true}},
+             {"t_KrnBackupVerboseLogs", {true, false, false, false, false}},
+             {"t_httpCurlVerbose", {false, true, false, false, false}},
+             {"t_StreamReaderVerboseLogs", {false, false, true, false, false}},
+             {"t_KrnPorterVerboseLogs", {false, false, false, true, false}},
+             {"t_BatchIOVerboseLogs", {false, false, false, false, true}},
+             {"t_CloudVerboseLogs", {false, false, false, false, true}},
+         })
     {
         tweaks.update(name, "on");
         EXPECT_EQ(effect, derived()) << name;
