@@ -48,17 +48,11 @@ protected:
     }
 
     /// The files beside the live one that a rotation leaves, each with the start of its name cut off.
-    std::string afterRotation(const std::vector<std::string>& before, std::optional<std::uint32_t> maxFiles = {},
+    std::string afterRotation(const Texts& before, std::optional<std::uint32_t> maxFiles = {},
                               bool isCompressed = false)
     {
-        for (const std::string& name : folder.files())
-        {
-            std::filesystem::remove(folder.path(name));
-        }
-        for (const std::string& name : before)
-        {
-            folder.write("log" + name, "numbered");
-        }
+        folder.removeFiles();
+        std::ranges::for_each(before, [&](const std::string& name) { folder.write("log" + name, "numbered"); });
         makeLiveFile(LIMIT + 1);
         SynchronousLogger(folder.path("log"), isCompressed, maxFiles).writeText("new\n");
         EXPECT_EQ("new", ScratchFolder::read(folder.path("log.txt")).substr(0, 3));
@@ -105,13 +99,12 @@ TEST_F(LogFileRotation, NamesThatOnlyLookLikeOursCountAsTheOldest)
     folder.write("lo", "");
     makeLiveFile(LIMIT + 1);
     SynchronousLogger(folder.path("log"), false, 1).writeText("new\n");
-    const std::vector<std::string> files = folder.files();
-    EXPECT_TRUE(std::ranges::count(files, "log000001.txt") == 1 && std::ranges::count(files, "lo") == 1);
+    EXPECT_TRUE(std::filesystem::exists(folder.path("log000001.txt")) && std::filesystem::exists(folder.path("lo")));
 }
 
 TEST_F(LogFileRotation, TheDefaultKeepsAThousandFiles)
 {
-    std::vector<std::string> files;
+    Texts files;
     for (int number = 1001; number < 2000; ++number)
     {
         files.push_back("00" + std::to_string(number) + ".txt");
@@ -126,7 +119,7 @@ TEST_F(LogFileRotation, FilesAreFoundUnderAnyPathAndLimitedByTweaks)
 {
     folder.write("configuration/tweaks_extension.txt",
                  "t_GenFileLoggerMaxFiles = 7\nt_FileLoggerMaxFilesOverride = 2\n");
-    std::vector<std::string> bases = {"log", folder.path("a\\b")}; // on Linux the backslash is a part of the name
+    Texts bases = {"log", folder.path("a\\b")}; // on Linux the backslash is a part of the name
     if (PATH_SEPARATOR == '/')
     {
         bases.emplace_back("./dot");
@@ -135,16 +128,12 @@ TEST_F(LogFileRotation, FilesAreFoundUnderAnyPathAndLimitedByTweaks)
     for (const std::string& base : bases)
     {
         SynchronousLogger logger(base, false);
-        std::string lines;
         for (const char* const line : {"1\n", "2\n", "3\n", "4\n"})
         {
             logger.writeText(std::string(LIMIT, 'x') + line);
         }
-        for (const char* const end : {"000002.txt", "000003.txt", ".txt"})
-        {
-            lines += ScratchFolder::read(base + end).substr(LIMIT, 1);
-        }
-        EXPECT_EQ("234", lines) << base;
+        const auto line = [&](const char* end) { return ScratchFolder::read(base + end).substr(LIMIT, 1); };
+        EXPECT_EQ("234", line("000002.txt") + line("000003.txt") + line(".txt")) << base;
         EXPECT_FALSE(std::filesystem::exists(base + "000001.txt"));
     }
     EXPECT_EQ("", testing::internal::GetCapturedStderr());
@@ -167,9 +156,7 @@ TEST_F(LogFileRotation, ALineThatTheDiskTookInPartStaysInItsFile)
         logger.writeText("kept\n");
     }
     logger.writeText("new\n");
-    std::string full = ScratchFolder::read(folder.path("log000001.txt"));
-    std::erase(full, '\r');
-    EXPECT_TRUE(full.ends_with("cut in two\nkept\n"));
+    EXPECT_TRUE(ScratchFolder::readText(folder.path("log000001.txt")).ends_with("cut in two\nkept\n"));
 }
 
 TEST_F(LogFileRotation, AFileIsFullWhenItHasPassedTheLimit)
@@ -177,63 +164,50 @@ TEST_F(LogFileRotation, AFileIsFullWhenItHasPassedTheLimit)
     makeLiveFile(LIMIT);
     SynchronousLogger logger(folder.path("log"), false, 1000);
     logger.writeText("appended\n");
-    EXPECT_EQ(std::vector<std::string>{"log.txt"}, folder.files());
+    EXPECT_EQ(Texts{"log.txt"}, folder.files());
     logger.writeText("new\n");
-    EXPECT_EQ((std::vector<std::string>{"log.txt", "log000001.txt"}), folder.files());
-    EXPECT_TRUE(ScratchFolder::read(folder.path("log000001.txt")).find("appended") != std::string::npos);
+    EXPECT_EQ((Texts{"log.txt", "log000001.txt"}), folder.files());
+    EXPECT_PRED2(matches, ScratchFolder::read(folder.path("log000001.txt")).substr(LIMIT), "appended~");
 }
 
 TEST_F(LogFileRotation, WhateverFailsIsReportedAndTriedAgain)
 {
     const std::string live = folder.path("log.txt");
-    const auto lengthAfterWrite = [&](SynchronousLogger& logger) {
-        logger.writeText("x");
-        return std::filesystem::file_size(folder.path("log.txt")) - LIMIT;
-    };
     folder.write("log000004.txt", "");
     makeLiveFile(LIMIT + 1);
     SynchronousLogger logger(folder.path("log"), false, 1);
+    const auto expectLonger = [&](std::uint64_t bytes, auto& entry, auto broken) {
+        const ScopedReplacement replacement(entry, broken);
+        logger.writeText("x");
+        EXPECT_EQ(bytes, std::filesystem::file_size(live) - LIMIT);
+    };
     testing::internal::CaptureStderr();
+    expectLonger(2, fileCalls.findFirstEntry, [](const char*, FolderEntry&) {
+        return OpenedFolder{FolderHandle::Invalid, ErrorNumber::AccessDenied};
+    });
+    expectLonger(3, fileCalls.findNextEntry, [](FolderHandle, FolderEntry&) { return ErrorNumber::AccessDenied; });
     {
-        const ScopedReplacement broken(
-            fileCalls.findFirstEntry, +[](const char*, FolderEntry&) {
-                return OpenedFolder{FolderHandle::Invalid, ErrorNumber::AccessDenied};
-            });
-        EXPECT_EQ(2U, lengthAfterWrite(logger));
+        const ScopedReplacement removeFails(fileCalls.removeFile, [](const char*) { return 13; });
+        expectLonger(4, fileCalls.renameFile, [](const char*, const char*) { return 17; });
     }
-    {
-        const ScopedReplacement broken(
-            fileCalls.findNextEntry, +[](FolderHandle, FolderEntry&) { return ErrorNumber::AccessDenied; });
-        EXPECT_EQ(3U, lengthAfterWrite(logger));
-    }
-    {
-        const ScopedReplacement renameFails(
-            fileCalls.renameFile, +[](const char*, const char*) { return 17; });
-        const ScopedReplacement removeFails(
-            fileCalls.removeFile, +[](const char*) { return 13; });
-        EXPECT_EQ(4U, lengthAfterWrite(logger));
-    }
-    const std::string exists = std::generic_category().message(17);
-    const std::string denied = std::generic_category().message(13);
+    const auto message = [](int error) { return "(" + std::generic_category().message(error) + ")\n"; };
     EXPECT_EQ("FindFirstFile failed (5)\nfailed to enumerate files\nfailed to enumerate files\n"
               "Error renaming file orig=" +
-                  live + " target=" + folder.path("log000005.txt") + " err=17(" + exists +
-                  ")\nError removing file name=" + folder.path("log000004.txt") + " err=13(" + denied + ")\n",
+                  live + " target=" + folder.path("log000005.txt") + " err=17" + message(17) +
+                  "Error removing file name=" + folder.path("log000004.txt") + " err=13" + message(13),
               testing::internal::GetCapturedStderr());
 
-    testing::internal::CaptureStdout();
-    {
-        const ScopedReplacement openFails(
-            fileCalls.openFile, +[](const char*, OpenMode) {
-                return OpenedFile{FileHandle::Invalid, ErrorNumber::AccessDenied};
-            });
-        logger.writeText("lost\n");
-        SynchronousLogger("/log", false); // the root is a folder too
-    }
-    logger.writeText("lost too\n");
     const std::string failure = "failed to open logger file. going to work without logger\n";
-    EXPECT_EQ(failure + failure, testing::internal::GetCapturedStdout());
-    EXPECT_EQ(std::vector<std::string>{"log000005.txt"}, folder.files());
+    EXPECT_EQ(failure + failure, stdoutOf([&] {
+                  const ScopedReplacement openFails(
+                      fileCalls.openFile, +[](const char*, OpenMode) {
+                          return OpenedFile{FileHandle::Invalid, ErrorNumber::AccessDenied};
+                      });
+                  logger.writeText("lost\n");
+                  SynchronousLogger("/log", false); // the root is a folder too
+              }));
+    logger.writeText("lost too\n");
+    EXPECT_EQ(Texts{"log000005.txt"}, folder.files());
 }
 
 TEST_F(LogFileRotation, AFileThatVanishesIsMadeAgainByTheNextRotation)
@@ -243,7 +217,7 @@ TEST_F(LogFileRotation, AFileThatVanishesIsMadeAgainByTheNextRotation)
     std::filesystem::remove(folder.path("log.txt"));
     logger.writeText("new\n");
     EXPECT_EQ("new", ScratchFolder::read(folder.path("log.txt")).substr(0, 3));
-    EXPECT_EQ(std::vector<std::string>{"log.txt"}, folder.files());
+    EXPECT_EQ(Texts{"log.txt"}, folder.files());
 }
 
 } // namespace
