@@ -16,30 +16,8 @@ namespace
 
 using platform::ErrorNumber;
 
-TEST(Crc32, IsTheOneOfIeee8023HoweverTheBytesArrive)
+struct ConsistentFileTest : LogTest
 {
-    const auto crcOf = [](std::string_view bytes, std::size_t pieceSize) {
-        Crc32 crc;
-        for (; !bytes.empty(); bytes.remove_prefix(std::min(pieceSize, bytes.size())))
-        {
-            crc.update(bytes.substr(0, pieceSize));
-        }
-        return crc.value();
-    };
-    const std::string bytes32(32, '\xFF');
-    for (const std::size_t pieceSize : {1U, 3U, 8U, 9U, 100U})
-    {
-        EXPECT_EQ(0U, crcOf("", pieceSize));
-        EXPECT_EQ(0xE8B7'BE43U, crcOf("a", pieceSize));
-        EXPECT_EQ(0xCBF4'3926U, crcOf("123456789", pieceSize));
-        EXPECT_EQ(0x414F'A339U, crcOf("The quick brown fox jumps over the lazy dog", pieceSize));
-        EXPECT_EQ(0xFF6C'AB0BU, crcOf(bytes32, pieceSize));
-    }
-}
-
-class ConsistentFileTest : public testing::Test
-{
-protected:
     /// Both files of a copy, the signature right for lines that each end with a line feed.
     void write(int slot, const std::string& sequence, const std::string& text) const
     {
@@ -49,9 +27,6 @@ protected:
         folder.write(name, text);
         folder.write(name + ".sig", sequence + "\n" + std::to_string(crc.value()) + "\n");
     }
-
-    const ScratchFolder folder;
-    CapturingClient* const client = new CapturingClient; // stays registered
 };
 
 TEST_F(ConsistentFileTest, TellsWhereTheNextCopyGoes)
@@ -74,19 +49,14 @@ TEST_F(ConsistentFileTest, TellsWhereTheNextCopyGoes)
     write(0, "x", "no number\n");
     EXPECT_EQ(RC_OK, file.load(text));
     EXPECT_EQ("newest\none\n", text.str());
-    EXPECT_EQ(path + ".1", file.dataFileName(1));
-    EXPECT_EQ(path + ".0.sig", file.signatureFileName(0));
 }
-
-int openings = 0;
-platform::OpenedFile (*realOpen)(const char*, platform::OpenMode) = nullptr;
 
 TEST_F(ConsistentFileTest, ACopyThatVanishesWhileItIsLoadedIsAnError)
 {
     write(1, "1", "text\n");
     ConsistentFile file(folder.path("file"));
-    realOpen = platform::fileCalls.openFile;
-    openings = 0;
+    static const auto realOpen = platform::fileCalls.openFile;
+    static int openings = 0;
     const ScopedReplacement fifthOpeningFails(
         platform::fileCalls.openFile, +[](const char* path, platform::OpenMode mode) {
             return ++openings < 5 ? realOpen(path, mode)
@@ -95,18 +65,15 @@ TEST_F(ConsistentFileTest, ACopyThatVanishesWhileItIsLoadedIsAnError)
     std::ostringstream text;
     EXPECT_EQ(RC_ERROR, file.load(text));
     EXPECT_EQ("", text.str());
-    EXPECT_EQ("Error,NON,ConsistentFile,load,Could not open file for read: " + folder.path("file.1"),
-              client->messages().back());
+    EXPECT_EQ("Error,NON,ConsistentFile,load,Could not open file for read: " + folder.path("file.1"), client.last());
 }
-
-int readsBeforeTheError = 0;
-platform::Transfer (*realRead)(platform::FileHandle, void*, std::size_t) = nullptr;
 
 TEST_F(ConsistentFileTest, ATextThatCouldNotBeReadToItsEndIsNeverTakenForWhole)
 {
     write(0, "1", "one\ntwo\n");
     ConsistentFile file(folder.path("file"));
-    realRead = platform::fileCalls.readFile;
+    static const auto realRead = platform::fileCalls.readFile;
+    static int readsBeforeTheError = 0;
     const ScopedReplacement oneByteReads(
         platform::fileCalls.readFile, +[](platform::FileHandle handle, void* buffer, std::size_t) {
             return readsBeforeTheError-- == 0 ? platform::Transfer{0, ErrorNumber::IoDevice}
@@ -141,22 +108,19 @@ TEST_F(ConsistentFileTest, LoadsOfOneObjectDoNotMix)
     });
 }
 
-TEST(Directories, CreatesTheFolderAndItsParentButNoLongerChain)
+using DirectoriesTest = LogTest;
+
+TEST_F(DirectoriesTest, CreatesTheFolderAndItsParentButNoLongerChain)
 {
-    const ScratchFolder folder;
-    const CapturingClient client;
-    const LettingGo lettingGo;
     Directories::ensureExists(folder.path("a/b/"));
     Directories::ensureExists(folder.path("a/b"));
     Directories::ensureExists(folder.write("plain", "") + platform::PATH_SEPARATOR);
     EXPECT_TRUE(std::filesystem::is_directory(folder.path("a/b")));
     EXPECT_TRUE(client.messages().empty());
 
-    testing::internal::CaptureStderr();
     const std::string path = folder.path("x/y/z");
-    Directories::ensureExists(path);
     EXPECT_EQ("mkdir failed for parent " + folder.path("x/y") + " and it does not exist\n",
-              testing::internal::GetCapturedStderr());
+              stderrOf([&] { Directories::ensureExists(path); }));
     EXPECT_EQ("Assert,NON,Directories,ensureExists, datapath/common/infra/windows/Directories.cpp 48: "
               "(*_errno()) == 17 failed. mkdir failed for dir " +
                   path + " and it does not exist",

@@ -9,17 +9,11 @@
 namespace
 {
 
-using platform::ErrorNumber;
-using platform::FileHandle;
-using platform::Transfer;
-
 std::string readAll(const std::string& path)
 {
     InputTextFile file(path);
     return {std::istreambuf_iterator<char>(file), {}};
 }
-
-Transfer (*realRead)(FileHandle, void*, std::size_t) = platform::fileCalls.readFile;
 
 TEST(InputTextFile, CarriageReturnsBeforeLineFeedsDisappearWhereverAReadEnds)
 {
@@ -34,32 +28,12 @@ TEST(InputTextFile, CarriageReturnsBeforeLineFeedsDisappearWhereverAReadEnds)
     const std::string expectedOfMarked = platform::LINE_END == "\r\n" ? "a\n\r" : "a\n\r\x1A\nb";
     EXPECT_EQ(expectedOfMarked, readAll(marked));
 
-    realRead = platform::fileCalls.readFile;
+    static const auto realRead = platform::fileCalls.readFile;
     const ScopedReplacement oneByteReads(
         platform::fileCalls.readFile,
-        +[](FileHandle file, void* buffer, std::size_t) { return realRead(file, buffer, 1); });
+        +[](platform::FileHandle file, void* buffer, std::size_t) { return realRead(file, buffer, 1); });
     EXPECT_EQ(expected, readAll(path));
     EXPECT_EQ(expectedOfMarked, readAll(marked));
-}
-
-TEST(InputTextFile, FailuresAreNoEndOfAText)
-{
-    const ScratchFolder folder;
-    InputTextFile missing(folder.path("missing"));
-    EXPECT_FALSE(missing.isOpen());
-    EXPECT_TRUE(missing.fail());
-
-    static int reads = 0;
-    realRead = platform::fileCalls.readFile;
-    const ScopedReplacement secondReadFails(
-        platform::fileCalls.readFile, +[](FileHandle file, void* buffer, std::size_t size) {
-            return ++reads == 1 ? realRead(file, buffer, size) : Transfer{0, ErrorNumber::IoDevice};
-        });
-    InputTextFile broken(folder.write("text", "one two"));
-    std::string word;
-    EXPECT_TRUE(broken >> word);
-    EXPECT_FALSE(broken >> word);
-    EXPECT_TRUE(broken.bad());
 }
 
 } // namespace
