@@ -92,11 +92,9 @@ TEST(Files, AWalkMeetsEveryEntryOnceAndSaysWhichAreFolders)
 {
     const ScratchFolder folder;
     EXPECT_EQ(0, makeFolder(folder.path("sub").c_str()));
-    for (const char* const name : {"a.txt", "b.txt"})
-    {
-        folder.write(name, "");
-    }
-    std::vector<std::string> seen;
+    folder.write("a.txt", "");
+    folder.write("b.txt", "");
+    Texts seen;
     FolderEntry entry;
     const OpenedFolder walk = findFirstEntry(folder.path("").c_str(), entry);
     ASSERT_EQ(ErrorNumber::Success, walk.error);
@@ -108,7 +106,7 @@ TEST(Files, AWalkMeetsEveryEntryOnceAndSaysWhichAreFolders)
     closeFolder(walk.handle);
     std::sort(seen.begin(), seen.end());
     EXPECT_EQ(ErrorNumber::NoMoreFiles, error);
-    EXPECT_EQ((std::vector<std::string>{"../", "./", "a.txt", "b.txt", "sub/"}), seen);
+    EXPECT_EQ((Texts{"../", "./", "a.txt", "b.txt", "sub/"}), seen);
 
     EXPECT_EQ(ErrorNumber::PathNotFound, findFirstEntry(folder.path("missing").c_str(), entry).error);
 }

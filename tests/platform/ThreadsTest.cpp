@@ -11,30 +11,23 @@ namespace
 
 using namespace platform;
 
-struct Visit
-{
-    std::promise<std::uint32_t> threadId;
-    std::promise<void> mayLeave;
-};
-
-void visit(void* argument)
-{
-    Visit& self = *static_cast<Visit*>(argument);
-    self.threadId.set_value(currentThreadId());
-    self.mayLeave.get_future().wait();
-}
-
 TEST(Threads, AStartedThreadHasAnIdOfItsOwnWhoseTimesCanBeRead)
 {
-    static Visit visited;
-    ASSERT_EQ(ErrorNumber::Success, startThread(visit, &visited, ThreadPriority::TimeCritical));
-    const std::uint32_t id = visited.threadId.get_future().get();
+    static std::promise<std::uint32_t> threadId;
+    static std::promise<void> mayLeave;
+    const auto visit = [](void* argument) {
+        threadId.set_value(argument == &mayLeave ? currentThreadId() : 0);
+        mayLeave.get_future().wait();
+    };
+    ASSERT_EQ(ErrorNumber::Success, startThread(visit, &mayLeave, ThreadPriority::TimeCritical));
+    const std::uint32_t id = threadId.get_future().get();
+    EXPECT_NE(0U, id);
     EXPECT_NE(currentThreadId(), id);
     const ThreadHandle opened = openThread(id);
     ASSERT_NE(ThreadHandle::Invalid, opened);
     EXPECT_TRUE(threadUserTime(opened).has_value());
     closeThread(opened);
-    visited.mayLeave.set_value();
+    mayLeave.set_value();
 }
 
 TEST(Threads, TimesGrowWithWorkAndUnknownThreadsHaveNone)

@@ -36,10 +36,7 @@ TEST(ProcessEnd, AnAssertLineIsFlushedWrittenToStandardOutputAndTheLast)
     const std::string message =
         ",NON,,assertLine, tests/datapath/common/infra/ProcessEndTest.cpp 17: a == b failed.  a=1 \n";
     const std::string taken = "took " + message + "flushed\n"; // by each client, then all are flushed again
-    const std::string expected = taken + taken + "flushed\nflushed\n";
-    EXPECT_EQ(expected, child.output.substr(0, expected.size()));
-    const std::string last = child.output.substr(expected.size());
-    EXPECT_EQ(message + "\n", last.substr(std::min(last.find(",NON"), last.size()))) << last;
+    EXPECT_PRED2(matches, child.output, taken + taken + "flushed\nflushed\n~-~-~ ~:~:~,Assert,#" + message + "\n");
 }
 
 CHILD_SCENARIO(assertLineWithoutClients)
@@ -52,8 +49,7 @@ TEST(ProcessEnd, AnAssertLineEndsTheProcessWithoutClientsToo)
 {
     const ChildResult child = runChild("assertLineWithoutClients");
     expectAbnormalEnd(child);
-    EXPECT_TRUE(child.output.starts_with("handled\n"));
-    EXPECT_TRUE(child.output.ends_with(",OLM,,assertLineWithoutClients,alone\n\n")) << child.output;
+    EXPECT_PRED2(matches, child.output, "handled\n~,OLM,,assertLineWithoutClients,alone\n\n");
 }
 
 CHILD_SCENARIO(assertion)
@@ -73,13 +69,13 @@ TEST(ProcessEnd, AFailedAssertionIsAFlushedErrorLineAndTheEnd)
 
 TEST(ProcessEnd, AFifthClientEndsTheProcess)
 {
-    static CapturingClient clients[4];
-    static LettingGo lettingGo;
-    static CapturingClient fifth;
+    const CapturingClient clients[4];
+    const LettingGo lettingGo;
+    const CapturingClient fifth;
     EXPECT_TRUE(fifth.messages().empty());
     EXPECT_EQ("Assert,NON,Logger,registerClient, datapath/common/infra/Log.cpp 204: m_clientsCnt < 4 failed.  "
               "m_clientsCnt=4 ",
-              clients[3].messages().at(0));
+              clients[3].last());
 }
 
 CHILD_SCENARIO(severeLines)
