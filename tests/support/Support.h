@@ -134,8 +134,6 @@ public:
     ScratchFolder& operator=(const ScratchFolder&) = delete;
     ~ScratchFolder();
 
-    void enter() const {}
-
     [[nodiscard]] std::string path(const std::string& name) const { return (m_path / name).make_preferred().string(); }
     std::string write(const std::string& name, const std::string& content) const;
     [[nodiscard]] static std::string read(const std::string& path);
