@@ -134,7 +134,6 @@ class WindowsProgram(Program):
         return self.desktop
 
     def open_dialog(self):
-        """Returns what leaves the dialog without a name, waits for the end and gives the exit code."""
         desktop = self.start()
         return lambda: desktop.click_control(CANCEL) or self.exit_code()
 

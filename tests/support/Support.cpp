@@ -75,6 +75,12 @@ int CapturingClient::flushes() const
     return m_flushes;
 }
 
+HookedClient::HookedClient(std::string part, std::function<void(const std::string&)> hook)
+    : m_part(std::move(part)), m_hook(std::move(hook))
+{
+    Logger::instance().registerClient(this, Logger::ALL_LEVELS);
+}
+
 void repeat(int times, const std::function<void()>& work)
 {
     while (times-- > 0)
@@ -90,34 +96,23 @@ void runInThreads(int count, const std::function<void(int)>& work)
     {
         threads.emplace_back(work, index);
     }
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
+    std::ranges::for_each(threads, &std::thread::join);
 }
 
 void exchangeInThreads(int threads, int rounds, const std::function<char*(std::uint32_t random)>& make,
                        const std::function<void(char*)>& release)
 {
     std::vector<std::atomic<char*>> buffers(1'000); // released by whichever thread comes by
-    const auto put = [&](std::size_t place, char* fresh) {
-        if (char* const old = buffers[place].exchange(fresh))
-        {
-            release(old);
-        }
+    const auto put = [&](std::atomic<char*>& buffer, char* fresh) {
+        char* const old = buffer.exchange(fresh);
+        old != nullptr ? release(old) : void();
     };
     runInThreads(threads, [&](int index) {
         std::mt19937 random(static_cast<unsigned>(index));
-        for (int i = 0; i < rounds; ++i)
-        {
-            put(random() % buffers.size(), make(static_cast<std::uint32_t>(random())));
-        }
+        repeat(rounds, [&] { put(buffers[random() % buffers.size()], make(static_cast<std::uint32_t>(random()))); });
         SystemHeapBytes::leaveShare();
     });
-    for (std::size_t place = 0; place < buffers.size(); ++place)
-    {
-        put(place, nullptr);
-    }
+    std::ranges::for_each(buffers, [&](std::atomic<char*>& buffer) { put(buffer, nullptr); });
 }
 
 void waitUntil(const std::function<bool()>& condition)
@@ -138,6 +133,11 @@ void OrderOfThreads::operator()(const std::string& line)
     ASSERT_TRUE(matches(line.substr(0, start), head) && line.size() == start + static_cast<std::size_t>(length))
         << line;
     ASSERT_EQ(next[thread]++, number) << line;
+}
+
+void logNumbered(LogLevel level, int thread, int number)
+{
+    LogItem(LoggerId::NON, level, THIS_METHOD) << "thread=" << thread << " i=" << number << " end" << std::endl;
 }
 
 std::string stdoutOf(const std::function<void()>& work)
@@ -200,10 +200,7 @@ std::string ScratchFolder::readText(const std::string& path)
 
 void ScratchFolder::removeFiles() const
 {
-    for (const std::string& name : files())
-    {
-        fs::remove(path(name));
-    }
+    std::ranges::for_each(files(), [&](const std::string& name) { fs::remove(path(name)); });
 }
 
 Texts ScratchFolder::files() const
@@ -229,7 +226,9 @@ std::map<std::string, std::function<void()>>& childScenarios()
 ChildResult runChild(const std::string& scenario)
 {
     const std::string output = (fs::current_path() / (scenario + "-output.txt")).string();
-    const int status = runProgram(testing::internal::GetArgvs().front(), {"--child", scenario, output});
+    const std::string program = testing::internal::GetArgvs().front();
+    const char* const arguments[] = {program.c_str(), "--child", scenario.c_str(), output.c_str(), nullptr};
+    const int status = runProgram(arguments);
     const std::string text = ScratchFolder::readText(output);
     fs::remove(output);
     return {status, text};
@@ -245,9 +244,12 @@ void waitForOwnThreads()
     });
 }
 
-void expectAbnormalEnd(const ChildResult& child)
+std::string expectAbnormalEnd(const std::string& scenario, std::string_view pattern)
 {
-    EXPECT_TRUE(child.status == ABNORMAL_END_WINDOWS || child.status == ABNORMAL_END_POSIX) << child.status;
+    const auto [status, output] = runChild(scenario);
+    EXPECT_TRUE(status == ABNORMAL_END_WINDOWS || status == ABNORMAL_END_POSIX) << status;
+    EXPECT_TRUE(matches(output, pattern)) << scenario << "\n" << output;
+    return output;
 }
 
 void expectMatches(const Texts& patterns, const Texts& texts)

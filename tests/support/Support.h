@@ -48,16 +48,14 @@ private:
     int m_flushes = 0;
 };
 
-/// Calls a function with each line, for as long as it exists.
+/// Calls a function with each line that has that part, for as long as it exists.
 struct HookedClient : LoggerClient
 {
-    explicit HookedClient(std::function<void(const std::string&)> hook) : m_hook(std::move(hook))
-    {
-        Logger::instance().registerClient(this, Logger::ALL_LEVELS);
-    }
+    HookedClient(std::string part, std::function<void(const std::string&)> hook);
     ~HookedClient() override { Logger::instance().unregisterClient(this); }
-    void log(const std::string& line) override { m_hook(line); }
+    void log(const std::string& line) override { line.find(m_part) != std::string::npos ? m_hook(line) : void(); }
 
+    const std::string m_part;
     const std::function<void(const std::string&)> m_hook;
 };
 
@@ -116,6 +114,8 @@ struct OrderOfThreads
     const std::string_view head;
     std::map<int, int> next{}; // of each thread
 };
+/// Logs such a line.
+void logNumbered(LogLevel level, int thread, int number);
 
 /// What the work writes to standard output, or to standard error.
 std::string stdoutOf(const std::function<void()>& work);
@@ -169,7 +169,9 @@ inline constexpr int ABNORMAL_END_POSIX = 128 + 6; // SIGABRT
 /// Runs a scenario, declared with CHILD_SCENARIO, in a fresh process.
 ChildResult runChild(const std::string& scenario);
 
-void expectAbnormalEnd(const ChildResult& child);
+/// Expects that the scenario ends its process as the program does on errors; returns its output, which is as the
+/// pattern says.
+std::string expectAbnormalEnd(const std::string& scenario, std::string_view pattern = "~");
 
 /// Whether a text is as the pattern says, in which ~ stands for any text and # for a positive number.
 bool matches(std::string_view text, std::string_view pattern);
@@ -188,5 +190,6 @@ std::map<std::string, std::function<void()>>& childScenarios();
 /// How many handles or descriptors this process has open.
 int openHandles();
 
-/// Starts a program, waits for it and returns its status as ChildResult has it.
-int runProgram(const std::string& path, const Texts& arguments);
+/// Starts a program, waits for it and returns its status as ChildResult has it. The path is the first argument, and a
+/// null pointer ends them.
+int runProgram(const char* const* arguments);

@@ -6,18 +6,12 @@
 
 int openHandles() { return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})); }
 
-int runProgram(const std::string& path, const std::vector<std::string>& arguments)
+int runProgram(const char* const* arguments)
 {
-    std::vector<const char*> pointers{path.c_str()};
-    for (const std::string& argument : arguments)
-    {
-        pointers.push_back(argument.c_str());
-    }
-    pointers.push_back(nullptr);
     const pid_t child = fork();
     if (child == 0)
     {
-        execv(path.c_str(), const_cast<char* const*>(pointers.data()));
+        execv(arguments[0], const_cast<char* const*>(arguments));
         _exit(127);
     }
     int status = 0;
