@@ -30,28 +30,21 @@ platform::Transfer writeWhenAllowed(platform::FileHandle file, const void* bytes
 {
     ++diskWrites;
     tornWrites += static_cast<const char*>(bytes)[size - 1] != '\n' ? 1 : 0;
-    while (isDiskHeldBack)
-    {
-        std::this_thread::yield();
-    }
+    waitUntil([] { return !isDiskHeldBack; });
     const std::size_t taken = std::min(size, diskRoom.load());
-    if (taken == 0)
-    {
-        return {0, platform::ErrorNumber::AccessDenied};
-    }
     diskRoom -= diskRoom == SIZE_MAX ? 0 : taken;
-    return writeFile(file, bytes, taken);
+    return taken == 0 ? platform::Transfer{0, platform::ErrorNumber::AccessDenied} : writeFile(file, bytes, taken);
 }
 
-struct HeldBackDisk
+void whileDiskIsHeldBack(const std::function<void()>& work)
 {
-    HeldBackDisk() { isDiskHeldBack = true; }
-    ~HeldBackDisk() { isDiskHeldBack = false; }
-};
+    isDiskHeldBack = true;
+    work();
+    isDiskHeldBack = false;
+}
 
-class FileLogger : public testing::Test
+struct FileLogger : testing::Test
 {
-protected:
     FileLogger() { MemShield::setEnabled(false); }
 
     std::string text(const std::string& file = "app.log.txt") const
@@ -130,20 +123,17 @@ TEST_F(FileLogger, GuardedTextsAreBlocksOfTheirOwn)
     FileLoggerClient client(base, 1, "");
     client.flush();
     const std::uint64_t before = MemShield::systemHeapBytes();
-    {
-        const HeldBackDisk disk;
-        const auto isBlockLive = [&] {
-            MemShield::instance().memShieldDumpLocked();
-            return report.count("~dumpalloc: ~m_class=s8 ~infra/HeapMemoryAllocationTracker.cpp ~m_line=47 ~m_size=9 ~"
-                                "m_arrayLength=9 ") != 0;
-        };
+    whileDiskIsHeldBack([&] {
         client.log(std::string(300'000, 'x') + "\n"); // keeps the writer
         client.log(" line...\n");
         client.log("anything\n");
-        EXPECT_TRUE(isBlockLive());
+        MemShield::instance().memShieldDumpLocked();
+        EXPECT_LE(1,
+                  report.count("~dumpalloc: ~m_class=s8 ~infra/HeapMemoryAllocationTracker.cpp ~m_line=47 ~m_size=9 ~"
+                               "m_arrayLength=9 "));
         EXPECT_EQ(before + 300'001 + 9 + 9 + 3 * 80, MemShield::systemHeapBytes());
         client.log(std::string(1U << 20U, 'y')); // pauses
-    }
+    });
     client.flush();
     EXPECT_PRED2(matches, text(), "~x\n line...\nanything\n~,~-pausing logger due to OOM\n");
     EXPECT_EQ(before, MemShield::systemHeapBytes());
@@ -159,14 +149,10 @@ TEST_F(FileLogger, BudgetPausesOnceDropsAndResumes)
         FileLoggerClient client(base, 3, "");
         client.flush();
         const std::uint64_t before = MemShield::systemHeapBytes();
-        {
-            const HeldBackDisk disk;
-            for (std::size_t bytes = 0; bytes < 2 * BUDGET; bytes += length)
-            {
-                client.log(line);
-            }
+        whileDiskIsHeldBack([&] {
+            repeat(static_cast<int>(2 * BUDGET / length), [&] { client.log(line); });
             EXPECT_GE(BUDGET / 10 * 11, MemShield::systemHeapBytes() - before) << length;
-        }
+        });
         client.flush();
         logAndFlush(client, {"resumed\n"});
         const std::string written = text().substr(text().find("xxx"));
@@ -196,18 +182,15 @@ TEST_F(FileLogger, FlushGivesUpAfterItsLimitAndLeavesItsSignalToTheNext)
     FileLoggerClient client(base, 3, "");
     client.flush();
     const std::string report = "Flush is not completed t_OlmFlushFileMaxPeriodMs=50 \n";
-    const auto logAndGiveUp = [&] {
-        const HeldBackDisk disk;
-        logAndFlush(client, {"line\n"});
-    };
-    EXPECT_EQ(report, stderrOf(logAndGiveUp));
+    whileDiskIsHeldBack([&] { EXPECT_EQ(report, stderrOf([&] { logAndFlush(client, {"line\n"}); })); });
     waitUntil([&] {
         MemWatchedContainerDatabase::instance().printWatchedContainers();
         return reports.count("~ContainerName = FileLogger items = 0~") != 0;
     });
-    const HeldBackDisk disk;
-    EXPECT_EQ("", stderrOf([&] { logAndFlush(client, {"next\n"}); }));
-    EXPECT_EQ(report, stderrOf([&] { client.flush(); }));
+    whileDiskIsHeldBack([&] {
+        EXPECT_EQ("", stderrOf([&] { logAndFlush(client, {"next\n"}); }));
+        EXPECT_EQ(report, stderrOf([&] { client.flush(); }));
+    });
 }
 
 TEST_F(FileLogger, ErrorsOfManyThreadsAreInTheFileWhenTheCallReturns)
@@ -241,13 +224,12 @@ TEST_F(FileLogger, WriterCanHandOverLineByLineAndAFlushWaitWithoutLimit)
     FileLoggerClient client(base, 3, "");
     client.flush();
     diskWrites = 0;
-    {
-        const HeldBackDisk disk;
+    whileDiskIsHeldBack([&] {
         client.log("a\n");
         client.log(std::string(100'000, 'x') + "\n"); // longer than what the queue has in one piece
         client.log("b\n");
         client.write(nullptr, 0);
-    }
+    });
     client.flush();
     EXPECT_LE(3, diskWrites);
     EXPECT_TRUE(text().ends_with(HEADER + "a\n" + std::string(100'000, 'x') + "\nb\n"));
@@ -288,10 +270,7 @@ TEST_F(FileLogger, AfterAFullDiskLinesAreWholeAgain)
     client.flush();
     diskRoom = 100'000;
     Texts lines;
-    for (int i = 0; i < 10'000; ++i)
-    {
-        lines.push_back("a line of twenty\n" + std::to_string(i) + "\n");
-    }
+    repeat(10'000, [&] { lines.push_back("a line of twenty\n" + std::to_string(lines.size()) + "\n"); });
     logAndFlush(client, lines);
     diskRoom = SIZE_MAX;
     logAndFlush(client, {"room again\n"});
@@ -317,11 +296,8 @@ void logToFile(bool isGuarded)
 
 void logNumbers(int count)
 {
-    for (int i = 0; i <= count; ++i)
-    {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
-            << "thread=" << platform::currentThreadId() << " i=" << i << " end" << std::endl;
-    }
+    const auto thread = static_cast<int>(platform::currentThreadId());
+    repeat(count + 1, [=, i = 0]() mutable { logNumbered(LogLevel::Info, thread, i++); });
 }
 
 CHILD_SCENARIO(assertBehindManyLines)
@@ -350,11 +326,11 @@ CHILD_SCENARIO(killedWhileLogging)
 
 TEST_F(FileLogger, WhatEndsTheProcessIsInTheFileBehindAllLines)
 {
-    expectAbnormalEnd(runChild("assertBehindManyLines"));
+    expectAbnormalEnd("assertBehindManyLines");
     EXPECT_TRUE(matches(text().substr(text().find("i=10000 ")), "i=10000 end\n~,Assert,~ failed. the end\n"));
     EXPECT_EQ(10'001 + 5, std::ranges::count(text(), '\n'));
     folder.removeFiles();
-    expectAbnormalEnd(runChild("misuseBehindManyLines"));
+    expectAbnormalEnd("misuseBehindManyLines");
     EXPECT_TRUE(matches(text().substr(text().find("i=10000 ")), "i=10000 end\n~,NON,MemShield,~\n")) << text();
 }
 
@@ -371,24 +347,22 @@ CHILD_SCENARIO(clientsThatEnd)
 
 TEST_F(FileLogger, AClientOfAnyLifetimeEndsWithEverythingInItsFile)
 {
-    for (int round = 0; round < 5; ++round)
-    {
+    repeat(5, [&] {
         EXPECT_EQ(0, runChild("clientsThatEnd").status);
         EXPECT_NE(std::string::npos, text("local.txt").find("i=20000 end\n"));
         EXPECT_NE(std::string::npos, text("static.txt").find("i=20000 end\n"));
-    }
+    });
 }
 
 TEST_F(FileLogger, AKilledProcessLeavesWholeLines)
 {
     int count = 0;
-    for (int round = 0; round < 5; ++round)
-    {
-        expectAbnormalEnd(runChild("killedWhileLogging"));
-        const std::map<int, int> counts = expectOrder("~-~-~ ~:~:~.~,Info,#,NON,,logNumbers,");
+    repeat(5, [&] {
+        expectAbnormalEnd("killedWhileLogging");
+        const std::map<int, int> counts = expectOrder("~-~-~ ~:~:~.~,Info,#,NON,,logNumbered,");
         count += counts.empty() ? 0 : counts.begin()->second;
         folder.removeFiles();
-    }
+    });
     EXPECT_LT(0, count);
 }
 

@@ -31,15 +31,8 @@ public:
     void writeText(const std::string& text) { write(text.data(), static_cast<std::uint32_t>(text.size())); }
 };
 
-class LogFileRotation : public testing::Test
+struct LogFileRotation : testing::Test
 {
-protected:
-    LogFileRotation()
-    {
-        std::filesystem::create_directory(folder.path("configuration"));
-        std::filesystem::current_path(folder.path("configuration"));
-    }
-
     /// A live file of that length.
     void makeLiveFile(std::uint64_t length) const
     {
@@ -105,10 +98,7 @@ TEST_F(LogFileRotation, NamesThatOnlyLookLikeOursCountAsTheOldest)
 TEST_F(LogFileRotation, TheDefaultKeepsAThousandFiles)
 {
     Texts files;
-    for (int number = 1001; number < 2000; ++number)
-    {
-        files.push_back("00" + std::to_string(number) + ".txt");
-    }
+    repeat(999, [&] { files.push_back("00" + std::to_string(1001 + files.size()) + ".txt"); });
     const std::string all = afterRotation(files);
     EXPECT_TRUE(all.starts_with("001001.txt ") && all.ends_with("002000.txt "));
     files.push_back("002000.txt");
@@ -117,8 +107,7 @@ TEST_F(LogFileRotation, TheDefaultKeepsAThousandFiles)
 
 TEST_F(LogFileRotation, FilesAreFoundUnderAnyPathAndLimitedByTweaks)
 {
-    folder.write("configuration/tweaks_extension.txt",
-                 "t_GenFileLoggerMaxFiles = 7\nt_FileLoggerMaxFilesOverride = 2\n");
+    folder.write("tweaks_extension.txt", "t_GenFileLoggerMaxFiles = 7\nt_FileLoggerMaxFilesOverride = 2\n");
     Texts bases = {"log", folder.path("a\\b")}; // on Linux the backslash is a part of the name
     if (PATH_SEPARATOR == '/')
     {

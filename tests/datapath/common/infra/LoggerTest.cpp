@@ -97,14 +97,10 @@ TEST(Logger, LinesOfManyThreadsArriveWholeAndInTheirThreadsOrder)
     const CapturingClient client;
     runInThreads(THREADS, [](int thread) {
         Logger::instance().setAsyncThreadName("racer");
-        for (int line = 0; line < LINES; ++line)
-        {
-            LogItem(LoggerId::NON, LogLevel::Info, "race")
-                << "thread=" << thread << " i=" << line << " end" << std::endl;
-        }
+        repeat(LINES, [&, line = 0]() mutable { logNumbered(LogLevel::Info, thread, line++); });
         Logger::instance().setAsyncThreadName("");
     });
-    OrderOfThreads order{"Info,NON,,race,"};
+    OrderOfThreads order{"Info,NON,,logNumbered,"};
     std::ranges::for_each(client.messages(), std::ref(order));
     EXPECT_EQ(THREADS, std::ranges::count(order.next, LINES, &std::pair<const int, int>::second));
 }
@@ -114,35 +110,31 @@ TEST(Logger, AnUnregisteredClientIsLeftAloneAndTheOthersMissNothing)
     const CapturingClient staying;
     std::atomic<bool> isDone = false;
     std::thread passing([&] {
-        for (int i = 0; i < 300; ++i)
-        {
-            const CapturingClient client; // gone while others log
-        }
+        repeat(300, [] { const CapturingClient client; }); // gone while others log
         isDone = true;
     });
     runInThreads(2, [&](int thread) {
         for (int line = 0; !isDone; ++line)
         {
-            LogItem(LoggerId::NON, LogLevel::Error, "race")
-                << "thread=" << thread << " i=" << line << " end" << std::endl;
+            logNumbered(LogLevel::Error, thread, line);
         }
     });
     passing.join();
-    std::ranges::for_each(staying.messages(), OrderOfThreads{"Error,NON,,race,"});
+    std::ranges::for_each(staying.messages(), OrderOfThreads{"Error,NON,,logNumbered,"});
 }
 
 TEST(Logger, ClientsKeepTheirOrderWhenOneLeavesAndItsPlaceIsTakenAgain)
 {
     std::string order;
     const auto adding = [&](char name) { return [&order, name](const std::string&) { order += name; }; };
-    const HookedClient first(adding('a'));
-    auto second = std::make_unique<HookedClient>(adding('b'));
-    const HookedClient third(adding('c'));
+    const HookedClient first("", adding('a'));
+    auto second = std::make_unique<HookedClient>("", adding('b'));
+    const HookedClient third("", adding('c'));
     second.reset();
-    const HookedClient fourth(adding('d'));
+    const HookedClient fourth("", adding('d'));
     std::string complaint;
     HookedClient* own = nullptr;
-    HookedClient fifth([&](const std::string& line) {
+    HookedClient fifth("", [&](const std::string& line) {
         complaint = line;
         Logger::instance().unregisterClient(own); // refused, once for each line from outside
     });
