@@ -62,10 +62,7 @@ struct ActiveObjectTest : LogTest
 
     Semaphore started{0};
     Semaphore mayEnd{0};
-    const std::function<void(Work&)> waiting = [this](Work&) {
-        started.signal();
-        mayEnd.wait();
-    };
+    const std::function<void(Work&)> waiting = [this](Work&) { started.signal(), mayEnd.wait(); };
 };
 
 TEST_F(ActiveObjectTest, IsNamedInTheLog)
@@ -104,10 +101,7 @@ TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
     }
     repeat(2, [&] { started.wait(); }); // both at the same time
     std::vector<int> order;
-    for (int i = 0; i < 5; ++i)
-    {
-        enqueue(object, [&order, i](Work&) { order.push_back(i); });
-    }
+    repeat(5, [&, i = 0]() mutable { enqueue(object, [&order, own = i++](Work&) { order.push_back(own); }); });
     EXPECT_EQ(0U, object.getIdleEstimate());
     ASSERT_TRUE(both[0] != nullptr && both[1] != nullptr);
     DlcKeepalive& keepalive = both[1]->keepalive();
@@ -163,10 +157,7 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     object->attachRateMonitor(makeMonitor({}));
     open(*object, 1);
     bool isExecuted = false;
-    enqueue(*object, [&](Work& work) {
-        waiting(work);
-        isExecuted = true;
-    });
+    enqueue(*object, [&](Work& work) { waiting(work), isExecuted = true; });
     started.wait();
     repeat(3, [&] { enqueue(*object, [](Work&) { ADD_FAILURE() << "executed"; }); });
     std::array<Work*, 2> late{};
@@ -174,9 +165,7 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     {
         work = MemShield::create<Work>({"Work", SourcePlace::here()}, [&](Work&) { started.signal(); });
     }
-    const HookedClient hook([&](const std::string& line) {
-        line.find("queue was not empty") != std::string::npos ? object->enqueue(late[0]) : void();
-    });
+    const HookedClient hook("queue was not empty", [&](const std::string&) { object->enqueue(late[0]); });
     std::thread letting([&] { platform::sleepMs(20), mayEnd.signal(); });
     object->terminateAllThreads();
     letting.join();
@@ -201,9 +190,7 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
 TEST_F(ActiveObjectTest, ShutdownWaitsForWorkersThatHaveNotStartedYet)
 {
     Semaphore mayRegister(0);
-    const HookedClient hook([&](const std::string& line) {
-        line.find("Starting ThreadWrapper of type Slow ") != std::string::npos ? mayRegister.wait() : void();
-    });
+    const HookedClient hook("Starting ThreadWrapper of type Slow ", [&](const std::string&) { mayRegister.wait(); });
     auto object = std::make_unique<ActiveObject>("Slow", &forceVerbose);
     object->open();
     object->open();

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <memory>
 #include <new>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -48,17 +49,11 @@ TEST(Semaphore, EachSignalLetsOneWaiterPass)
     Semaphore semaphore(0);
     std::atomic<int> passed = 0;
     runInThreads(2 * THREADS, [&](int index) {
-        for (int round = 0; round < ROUNDS; ++round)
-        {
-            if (index < THREADS)
-            {
-                semaphore.signal();
-            }
-            else
-            {
-                passed += index % 2 == 0 ? (semaphore.wait(), 1) : static_cast<int>(semaphore.waitFor(60'000));
-            }
-        }
+        repeat(ROUNDS, [&] {
+            index < THREADS  ? semaphore.signal()
+            : index % 2 == 0 ? (semaphore.wait(), void(++passed))
+                             : void(passed += semaphore.waitFor(60'000) ? 1 : 0);
+        });
     });
     EXPECT_EQ(THREADS * ROUNDS, passed);
     EXPECT_FALSE(semaphore.waitFor(0));
@@ -66,24 +61,17 @@ TEST(Semaphore, EachSignalLetsOneWaiterPass)
 
 TEST(UnownedMutex, OneThreadUnlocksWhatAnotherLockedAndWhoeverPassesMayDestroyIt)
 {
-    for (int round = 0; round < 2'000; ++round)
-    {
+    repeat(2'000, [] {
         auto mutex = std::make_unique<UnownedMutex>();
         UnownedMutex* const locked = mutex.get();
         locked->lock();
         int guarded = 1;
-        runInThreads(2, [&](int index) {
-            if (index == 0)
-            {
-                guarded = 2;
-                locked->unlock();
-                return;
-            }
-            locked->lock();
-            EXPECT_EQ(2, guarded);
-            mutex.reset();
-        });
-    }
+        std::thread unlocking([&] { guarded = 2, locked->unlock(); });
+        locked->lock();
+        EXPECT_EQ(2, guarded);
+        mutex.reset();
+        unlocking.join();
+    });
 }
 
 TEST(Trigger, LetsOneWaitPassForEachTurn)
@@ -92,43 +80,28 @@ TEST(Trigger, LetsOneWaitPassForEachTurn)
     Trigger ping;
     Trigger pong;
     int turns = 0; // handed over by the triggers
-    runInThreads(2, [&](int index) {
-        for (int round = 0; round < ROUNDS; ++round)
-        {
-            if (index == 0)
-            {
-                ping.set();
-                pong.wait();
-                continue;
-            }
-            ping.wait();
-            ++turns;
-            pong.set();
-        }
-    });
+    std::thread other([&] { repeat(ROUNDS, [&] { ping.set(), pong.wait(); }); });
+    repeat(ROUNDS, [&] { ping.wait(), ++turns, pong.set(); });
+    other.join();
     EXPECT_EQ(ROUNDS, turns);
 
     ping.set();
     ping.set();
     ping.wait(); // takes both
     int both = 0;
-    for (int round = 0; round < 20; ++round)
-    {
+    repeat(20, [&] {
         std::atomic<bool> isSet = false;
-        runInThreads(2, [&](int index) {
-            if (index == 1)
-            {
-                platform::sleepMs(5); // the other one sleeps then
-                isSet = true;
-                ping.set(); // for the other one
-                ping.set(); // for the next wait
-                return;
-            }
-            ping.wait();
-            EXPECT_TRUE(isSet);
-            both += ping.waitFor(20) ? 1 : 0;
+        std::thread setting([&] {
+            platform::sleepMs(5); // the other one sleeps then
+            isSet = true;
+            ping.set(); // for the other one
+            ping.set(); // for the next wait
         });
-    }
+        ping.wait();
+        EXPECT_TRUE(isSet);
+        both += ping.waitFor(20) ? 1 : 0;
+        setting.join();
+    });
     EXPECT_LT(10, both); // it was not always asleep in time
 }
 

@@ -95,17 +95,9 @@ TEST_F(CpuUsage, IsDrawnWhenItIsSimulated)
     set("t_midCpuUsageProbabilityPercent", "22");
     set("t_highCpuUsageProbabilityPercent", "21");
     using Draw = std::pair<std::uint32_t, std::uint32_t>;
-    for (const auto& [next, usage] : {Draw{99, 100},
-                                      {100, 100},
-                                      {29, 100},
-                                      {30, 0},
-                                      {129, 0},
-                                      {56, 0},
-                                      {57, 89},
-                                      {78, 89},
-                                      {0, 89},
-                                      {79, 100},
-                                      {1079, 100}})
+    const std::vector<Draw> draws = {{99, 100}, {100, 100}, {29, 100}, {30, 0},   {129, 0},   {56, 0},
+                                     {57, 89},  {78, 89},   {0, 89},   {79, 100}, {1079, 100}};
+    for (const auto& [next, usage] : draws)
     {
         draw = next;
         EXPECT_EQ(0, monitor.update());
@@ -135,10 +127,8 @@ TEST_F(CpuUsage, IsReportedForEachWatchedThread)
     Logger::instance().setThreadName("the test");
     MemWatcher& watcher = MemWatcher::instance();
     const std::uint64_t before = MemShield::systemHeapBytes();
-    for (const std::uint32_t id : {self, 2'000'000'001U, 2'000'000'003U, 2'000'000'002U, self, 2'000'000'004U})
-    {
-        watcher.AddThread(id);
-    }
+    const auto added = {self, 2'000'000'001U, 2'000'000'003U, 2'000'000'002U, self, 2'000'000'004U};
+    std::ranges::for_each(added, [&](std::uint32_t id) { watcher.AddThread(id); });
     EXPECT_EQ(2 + 5, client.count("Info,NON,MemWatcher,AddThread,added  pid=# "));
     const auto visited = [&] {
         std::vector<std::uint32_t> ids;
@@ -183,8 +173,8 @@ TEST_F(CpuUsage, ReportsOfSeveralThreadsComeOneAfterTheOther)
 {
     waitForOwnThreads();
     std::thread other;
-    const HookedClient hook([&](const std::string& line) {
-        if (line.find("cpu ticks in") != std::string::npos && !other.joinable())
+    const HookedClient hook("cpu ticks in", [&](const std::string&) {
+        if (!other.joinable())
         {
             other = std::thread([] { MemWatcher::instance().printCpu(); });
             MemWatcher::instance().printCpu(); // leads to no report within a report

@@ -56,13 +56,11 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
     Semaphore hasArrived(0);
     Semaphore mayPass(0);
     Semaphore hasPassed(0);
-    const HookedClient gate([&](const std::string& line) { // holds each worker at the line that it starts with
-        if (line.find("Starting ThreadWrapper of type class WaitingWorker") != std::string::npos)
-        {
-            hasArrived.signal();
-            mayPass.wait();
-            hasPassed.signal();
-        }
+    // Holds each worker at the line that it starts with.
+    const HookedClient gate("Starting ThreadWrapper of type class WaitingWorker", [&](const std::string&) {
+        hasArrived.signal();
+        mayPass.wait();
+        hasPassed.signal();
     });
     static WaitingWorker worker;
     Logger& logger = Logger::instance();
