@@ -42,11 +42,7 @@ TEST_P(MemShieldTest, CountsEveryByteThatItTakes)
     {
         virtual ~Base() = default;
     };
-    struct OtherBase
-    {
-        virtual ~OtherBase() = default;
-    };
-    struct Derived : OtherBase, Base
+    struct Derived : std::exception, Base
     {
         explicit Derived(bool& destroyed) : isDestroyed(destroyed) {}
         ~Derived() override { isDestroyed = true; }
