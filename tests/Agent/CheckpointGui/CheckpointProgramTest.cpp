@@ -36,23 +36,15 @@ struct CheckpointProgram : testing::Test
     const ScratchFolder folder;
     const CapturingClient client;
     const ScopedReplacement replacements[7] = {
-        {shellCalls.commonAppDataFolder,
-         [](char* buffer) {
-             std::strcpy(buffer, appDataFolder.c_str());
-             return 0;
-         }},
+        {shellCalls.commonAppDataFolder, [](char* buffer) { return std::strcpy(buffer, appDataFolder.c_str()), 0; }},
         {dialogCalls.endDialog,
-         [](DialogHandle, std::intptr_t result) {
-             calls += "end " + std::to_string(result) + ";";
-             return true;
-         }},
+         [](DialogHandle, std::intptr_t result) { return calls += "end " + std::to_string(result) + ";", true; }},
         {dialogCalls.dialogItem,
          [](DialogHandle, int id) { return reinterpret_cast<ControlHandle>(std::intptr_t{id}); }},
         {dialogCalls.enableControl,
          [](ControlHandle control, bool enable) {
-             calls +=
-                 (enable ? "enable " : "disable ") + std::to_string(reinterpret_cast<std::intptr_t>(control)) + ";";
-             return true;
+             EXPECT_EQ(1, reinterpret_cast<std::intptr_t>(control));
+             return calls += enable ? "enable 1;" : "disable 1;", true;
          }},
         {dialogCalls.sendItemMessage,
          [](DialogHandle, int id, std::uint32_t message, std::uintptr_t wParam, std::intptr_t lParam) -> std::intptr_t {
@@ -72,9 +64,7 @@ struct CheckpointProgram : testing::Test
          }},
         {processCalls.createProcess,
          [](std::u16string& commandLine) {
-             startedCommandLine = commandLine;
-             calls += "start;";
-             return ErrorNumber::FileNotFound;
+             return startedCommandLine = commandLine, calls += "start;", ErrorNumber::FileNotFound;
          }},
     };
 };

@@ -95,10 +95,7 @@ TEST_F(ConsistentFileTest, ATextThatCouldNotBeReadToItsEndIsNeverTakenForWhole)
 TEST_F(ConsistentFileTest, LoadsOfOneObjectDoNotMix)
 {
     std::string lines;
-    for (int i = 0; i < 1000; ++i)
-    {
-        lines += std::to_string(i) + "\n";
-    }
+    repeat(1000, [&, i = 0]() mutable { lines += std::to_string(i++) + "\n"; });
     write(0, "1", lines);
     ConsistentFile file(folder.path("file"));
     runInThreads(4, [&](int) {

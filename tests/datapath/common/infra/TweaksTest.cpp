@@ -20,25 +20,12 @@ struct FreshTweaks : Tweaks
 
 struct TweaksTest : LogTest
 {
-    /// What the work logs, up to the end of the process if it comes to that.
-    Texts messagesOf(const std::function<void()>& work)
-    {
-        client.newMessages();
-        try
-        {
-            work();
-        }
-        catch (const ProcessEnded&)
-        {
-        }
-        return client.newMessages();
-    }
-
     void expectAssertion(const std::string& methodAndCondition, int number, const std::function<void()>& work)
     {
+        EXPECT_THROW(work(), ProcessEnded);
         EXPECT_EQ("Error,NON," + methodAndCondition + ") failed datapath/common/infra/Tweaks.cpp " +
                       std::to_string(number),
-                  messagesOf(work).back());
+                  client.last());
     }
 
     const ScopedProcessEnd throwing;
@@ -72,15 +59,15 @@ TEST_F(TweaksTest, UpdatesReplaceTheSpellingTellTheOldValueAndAreLogged)
               client.newMessages());
     tweaks.update("t_aa", "0x10");
     tweaks.update("t_", "1");
-    EXPECT_EQ((Texts{"Control,NON,Tweaks,print,t_=1", "Control,NON,Tweaks,print,T_A=\"x\"",
-                     "Control,NON,Tweaks,print,t_aa=16", "Control,NON,Tweaks,print,t_B=1"}),
-              messagesOf([&] { tweaks.print(); }));
+    tweaks.print();
+    EXPECT_EQ((Texts{"t_=1", "T_A=\"x\"", "t_aa=16", "t_B=1"}), client.messagesAfter("Control,NON,Tweaks,print,"));
     for (const char* const name : {"T_", "t_a", "T_AA", "T_b"})
     {
         EXPECT_NE("", tweaks.update(name, ""));
         EXPECT_EQ(9, tweaks.longVal(name, 9));
     }
-    EXPECT_EQ(Texts{"Control,NON,Tweaks,print,tweaks are empty"}, messagesOf([&] { tweaks.print(); }));
+    tweaks.print();
+    EXPECT_EQ("Control,NON,Tweaks,print,tweaks are empty", client.last());
     expectAssertion("Tweaks::Tweak,Tweak,Assertion (false", 71, [&] { tweaks.setDefaultValIfNotSet("t_e", ""); });
 }
 
@@ -104,12 +91,10 @@ TEST_F(TweaksTest, GettersCheckKindAndRange)
     expectAssertion("Tweaks,uintVal,Assertion (ival <= ((u32)-1)", 536,
                     [&] { return set("4294967296").uintVal("t_x"); });
     set("\"s\"");
-    EXPECT_EQ((Texts{"Error,NON,Tweaks::Tweak,longVal,value is not int",
-                     "Error,NON,Tweaks::Tweak,longVal,Assertion (false) failed datapath/common/infra/Tweaks.cpp 123"}),
-              messagesOf([&] { EXPECT_TRUE(tweaks.boolVal("t_x")); }));
-    EXPECT_EQ((Texts{"Error,NON,Tweaks,longVal,tweak \"T_none\" not found",
-                     "Error,NON,Tweaks,longVal,Assertion (false) failed datapath/common/infra/Tweaks.cpp 497"}),
-              messagesOf([&] { EXPECT_EQ(0U, tweaks.uintVal("T_none")); }));
+    expectAssertion("Tweaks::Tweak,longVal,Assertion (false", 123, [&] { return tweaks.boolVal("t_x"); });
+    EXPECT_EQ(1, client.count("Error,NON,Tweaks::Tweak,longVal,value is not int"));
+    expectAssertion("Tweaks,longVal,Assertion (false", 497, [&] { return tweaks.uintVal("T_none"); });
+    EXPECT_EQ(1, client.count("Error,NON,Tweaks,longVal,tweak \"T_none\" not found"));
 }
 
 TEST_F(TweaksTest, ATextLeavesItsLinesAndIsAppliedOnlyWhileTheTableIsMade)
@@ -119,20 +104,21 @@ TEST_F(TweaksTest, ATextLeavesItsLinesAndIsAppliedOnlyWhileTheTableIsMade)
     EXPECT_EQ(3, tweaks.longVal("t_a"));
     std::istringstream text("t_a = 1 ; first\nT_A=2;;\nno value\n t_a\t=\t1 \r\n;\n = x = y ;\r\n");
     std::deque<TweakLine> lines;
-    const Texts messages = messagesOf([&] { tweaks.Tweaks::update(text, lines, false); });
+    client.newMessages();
+    EXPECT_THROW(tweaks.Tweaks::update(text, lines, false), ProcessEnded); // by the last line
+    const Texts messages = client.newMessages();
     EXPECT_EQ("Assert,NON,Tweaks,update, datapath/common/infra/Tweaks.cpp 228: isPeriodicUpdate || !m_isInitialized "
               "failed. Trying to update non-periodically after initialization",
               messages.at(0));
     EXPECT_EQ("Error,NON,Tweaks,update,multiple definition for tweak \"t_a\"", messages.at(1));
     EXPECT_EQ(2, tweaks.longVal("t_a"));
-    const auto fields = [&](std::size_t i) {
-        return lines[i].name + "|" + lines[i].valueText + "|" + lines[i].comment;
-    };
-    ASSERT_EQ(4U, lines.size());
-    EXPECT_EQ("t_a|1|Multiple definitions of this tweak, pick one.", fields(0));
-    EXPECT_EQ("T_A|2|;", fields(1));
-    EXPECT_EQ("t_a|1|Multiple definitions of this tweak, pick one.", fields(2));
-    EXPECT_EQ("|x = y|", fields(3));
+    Texts fields;
+    for (const TweakLine& line : lines)
+    {
+        fields.push_back(line.name + "|" + line.valueText + "|" + line.comment);
+    }
+    const std::string repeated = "t_a|1|Multiple definitions of this tweak, pick one.";
+    EXPECT_EQ((Texts{repeated, "T_A|2|;", repeated, "|x = y|"}), fields);
 }
 
 TEST_F(TweaksTest, DynamicMembersFollowTheTable)
