@@ -22,10 +22,17 @@ struct CalendarRecord
     std::int32_t daylightSaving;
 };
 
+/// Called with the context that was given to addTimer.
+using TimerCallback = void (*)(void* context);
+
+/// Names a timer; 0 means no timer.
+using TimerHandle = std::uint32_t;
+
 class ITimer
 {
 public:
-    /// Records the number of processors.
+    /// Records the number of processors and starts the timer thread, which calls the timers and never ends; without
+    /// it they are never called. For once in a process. Ends the process if the system refuses the thread.
     virtual void start() = 0;
 
     /// The steady clock, in ns and µs.
@@ -41,6 +48,13 @@ public:
     /// What getTimestampMs last returned to any thread: for hot paths. Unless noRefresh, it is brought
     /// up to date when the last refresh here is more than a second old. 0 before the first reading.
     [[nodiscard]] virtual std::int64_t getLastTimestampMs_Inaccurate(bool noRefresh) = 0;
+
+    /// Has the callback called intervalMs from now, and again and again with that much between unless oneShot; an
+    /// interval of 0 is called once in any case. A call comes in the first look of the timer thread, which looks
+    /// every 100 ms, that is later than the due time, and the next interval counts from that look. Calls come one
+    /// after another on that thread: a slow callback delays the others, and what it throws ends the process. It may
+    /// add timers. The context, not owned, must live until the last call. Returns the timer's handle.
+    virtual TimerHandle addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot) = 0;
 
     /// CPU cycles of the calling thread.
     [[nodiscard]] virtual std::uint64_t getThreadCycles() = 0;

@@ -1,5 +1,6 @@
 #include "datapath/common/infra/Timer.h"
 
+#include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/windows/WindowsTimer.h"
 #include "platform/Threads.h"
 #include "platform/Time.h"
@@ -11,7 +12,15 @@
 
 std::uint32_t ITimer::getTimestamp10Ms() { return static_cast<std::uint32_t>(getTimestampMs() / 10); }
 
-void Timer::start() { m_numProcessors = platform::processorCount(); }
+void Timer::start()
+{
+    m_numProcessors = platform::processorCount();
+    if (platform::startThread(WindowsTimer::timerThread, &WindowsTimer::instance(),
+                              platform::ThreadPriority::TimeCritical) != platform::ErrorNumber::Success)
+    {
+        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
+    }
+}
 
 std::uint64_t Timer::getTimestampNs()
 {
@@ -53,6 +62,11 @@ std::int64_t Timer::getLastTimestampMs_Inaccurate(bool noRefresh)
         }
     }
     return m_lastTimestampMs.load(std::memory_order_relaxed);
+}
+
+TimerHandle Timer::addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot)
+{
+    return WindowsTimer::instance().addTimer(callback, context, intervalMs, oneShot, 0);
 }
 
 std::uint64_t Timer::getThreadCycles() { return platform::currentThreadCycles(); }

@@ -16,6 +16,7 @@ public:
     std::int64_t getTimestampMs() override;
     std::int64_t getUtcTimeMs() override;
     std::int64_t getLastTimestampMs_Inaccurate(bool noRefresh) override;
+    TimerHandle addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot) override;
     std::uint64_t getThreadCycles() override;
     std::uint64_t getProcessCpuTimeUs() override;
     void setRelativeTimeMs(std::int64_t value) override;

@@ -1,12 +1,16 @@
 #include "datapath/common/infra/windows/WindowsTimer.h"
 
+#include "datapath/common/infra/DeadLockChecker.h"
 #include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/Timer.h"
+#include "platform/Random.h"
+#include "platform/Threads.h"
 #include "platform/Time.h"
 
 #include <algorithm>
 #include <limits>
 
-WindowsTimer::WindowsTimer()
+WindowsTimer::WindowsTimer(TimerHandle firstHandle) : m_lastHandle(firstHandle - 1)
 {
     constexpr std::int64_t MS_PER_SECOND = 1000;
     std::int64_t ticksPerSecond = 0;
@@ -66,4 +70,171 @@ std::int64_t WindowsTimer::getTimestampMs()
     std::int64_t ticks = 0;
     getPerformanceCounter(ticks);
     return ticks / m_ticksPerMs;
+}
+
+TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot,
+                                   TimerHandle handleToReplace)
+{
+    Completion completion; // not under the lock: it may be what makes the guarded allocator
+    const MutexGuard guard(m_timersMutex);
+    const auto nowMs = static_cast<std::uint64_t>(getTimestampMs());
+    const auto replaced = handleToReplace == 0 ? m_timers.end() : m_timers.find(handleToReplace);
+    if (replaced != m_timers.end())
+    {
+        cancel(replaced);
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+            << "replacing existing timer handle=" << handleToReplace << std::endl;
+    }
+    const TimerHandle handle = ++m_lastHandle;
+    insert(handle, {.dueMs = nowMs + intervalMs,
+                    .periodMs = oneShot ? 0 : intervalMs,
+                    .callback = callback,
+                    .context = context,
+                    .cancelled = false,
+                    .completion = std::move(completion)});
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        << "added timer old=" << handleToReplace << " new=" << handle << std::endl;
+    return handle;
+}
+
+/// Where a timer stands in the order: at the first timestamp whose pass takes it. Any pass takes a cancelled one.
+WindowsTimer::Order::Entry WindowsTimer::orderOf(Timers::iterator timer)
+{
+    return {.timeMs = timer->second.cancelled ? 0 : timer->second.dueMs + 1, .item = timer};
+}
+
+void WindowsTimer::insert(TimerHandle handle, WindowsTimerInfo&& info)
+{
+    const std::size_t count = m_timers.size();
+    const auto timer = m_timers.try_emplace(m_timers.end(), handle, std::move(info));
+    if (m_timers.size() == count)
+    {
+        return;
+    }
+    try
+    {
+        m_order.insert(orderOf(timer));
+    }
+    catch (...)
+    {
+        m_timers.erase(timer);
+        throw;
+    }
+}
+
+void WindowsTimer::cancel(Timers::iterator timer)
+{
+    if (timer->second.cancelled)
+    {
+        return;
+    }
+    const Order::Entry first = {.timeMs = 0, .item = timer};
+    m_order.insert(first);
+    if (!m_order.erase(orderOf(timer)))
+    {
+        m_order.erase(first); // a pass has taken it, and will see that it is cancelled
+    }
+    timer->second.cancelled = true;
+}
+
+std::optional<WindowsTimer::Completion> WindowsTimer::completionOf(TimerHandle handle)
+{
+    const MutexGuard guard(m_timersMutex);
+    const auto timer = m_timers.find(handle);
+    return timer == m_timers.end() ? std::nullopt : std::optional(timer->second.completion);
+}
+
+void WindowsTimer::activateTimers()
+{
+    constexpr std::int64_t LONGEST_CALL_MS = 2'000;
+    const MutexGuard guard(m_activationMutex);
+    const auto nowMs = static_cast<std::uint64_t>(getTimestampMs());
+    takeTimers(nowMs);
+    while (!m_taken.empty())
+    {
+        if (!m_taken.back().wasCancelled)
+        {
+            const WindowsTimerInfo& info = m_taken.back().timer->second; // what is read of it never changes
+            const std::int64_t startMs = getTimestampMs();
+            info.callback(info.context);
+            if (getTimestampMs() - startMs > LONGEST_CALL_MS)
+            {
+                LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+                    << "timer invocation took more than 1 seconds!" << std::endl;
+            }
+        }
+        endOrReschedule(nowMs);
+    }
+}
+
+void WindowsTimer::takeTimers(std::uint64_t nowMs)
+{
+    const MutexGuard guard(m_timersMutex);
+    for (TakenTimer& left : m_taken) // when a callback has thrown
+    {
+        left.wasCancelled = left.timer->second.cancelled;
+    }
+    m_order.takeUntil(nowMs, m_taken);
+    std::ranges::sort(m_taken, std::ranges::greater(), &TakenTimer::handle);
+}
+
+/// Does what follows a call, or a cancellation, of the timer that is next among those taken.
+void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
+{
+    Timers::node_type ended;
+    {
+        const MutexGuard guard(m_timersMutex);
+        const auto timer = m_taken.back().timer;
+        WindowsTimerInfo& info = timer->second;
+        if (info.cancelled || info.periodMs == 0)
+        {
+            ended = m_timers.extract(timer);
+        }
+        else
+        {
+            info.dueMs = nowMs + info.periodMs;
+            m_order.insert(orderOf(timer));
+        }
+        m_taken.pop_back();
+    }
+    // The lock is free: observers of the completion may add timers.
+    if (!ended.empty() && ended.mapped().cancelled)
+    {
+        ended.mapped().completion.set(RC_OK);
+    }
+}
+
+void WindowsTimer::timerThread(void* windowsTimer)
+{
+    constexpr std::uint32_t REST_MS = 100;
+    DlcKeepalive keepalive("timer");
+    platform::seedRandom(static_cast<std::uint32_t>(Timer::instance().getTimestampMs()));
+    for (;;)
+    {
+        platform::sleepMs(REST_MS);
+        static_cast<WindowsTimer*>(windowsTimer)->activateTimers();
+        keepalive.setAlive();
+    }
+}
+
+bool WindowsTimer::checkInvariants()
+{
+    const MutexGuard activation(m_activationMutex);
+    const MutexGuard guard(m_timersMutex);
+    for (auto timer = m_timers.begin(); timer != m_timers.end(); ++timer)
+    {
+        const bool isTaken = std::ranges::find(m_taken, timer->first, &TakenTimer::handle) != m_taken.end();
+        if (m_order.contains(orderOf(timer)) == isTaken)
+        {
+            return false;
+        }
+    }
+    const std::size_t count = m_order.size() + m_taken.size();
+    return m_order.checkInvariants() && count == m_timers.size() && m_timers.itemCount() == count;
+}
+
+void WindowsTimer::setNextHandle(TimerHandle handle)
+{
+    const MutexGuard guard(m_timersMutex);
+    m_lastHandle = handle - 1;
 }

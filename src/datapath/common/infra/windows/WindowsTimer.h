@@ -1,23 +1,54 @@
 #pragma once
 
-// The performance counter as a clock that never goes back. Everything else of the clock stands on it;
-// see ITimer. Any thread may call.
+// The performance counter as a clock that never goes back, and the timers that stand on it. Everything else
+// of the clock stands on it too; see ITimer. Any thread may call.
 //
 // A reading below one that was handed out before is a fault of the machine: it is logged, and the
 // clock holds still. More than MINIMUM_ACCEPTABLE_TICKS_DIFF below, it ends the process.
+//
+// Timers are called in passes:
+//
+//     const TimerHandle handle = timer.addTimer(callback, context, 250, false, 0);   // calls in about 300 ms
+//     timer.activateTimers();                                                        // the timer thread, every 100 ms
+//
+// A pass reads the clock once. It takes the timers that are due before that moment and those that were
+// cancelled before it began, and goes through them in ascending order of their handles: it calls the due ones,
+// sets the completion of those that are cancelled by then, and erases them and the one-shot ones. So a timer that a
+// callback adds waits for the next pass, and one that is due and replaced in the same pass may still be called once.
+// A pass costs what it takes, whatever else is registered.
 
+#include "datapath/common/infra/DueOrder.h"
+#include "datapath/common/infra/Future.h"
+#include "datapath/common/infra/ITimer.h"
+#include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
+#include "datapath/common/infra/RcStatus.h"
 #include "datapath/common/infra/Singleton.h"
 
 #include <atomic>
 #include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
 
 class WindowsTimer : public Singleton<WindowsTimer, WindowsTimer>
 {
 public:
+    using Completion = FutureInternal::Future<RcStatus>;
+
+    struct WindowsTimerInfo
+    {
+        std::uint64_t dueMs;    ///< the timestamp after which the callback is due
+        std::uint32_t periodMs; ///< 0: one-shot
+        TimerCallback callback;
+        void* context;  ///< not owned
+        bool cancelled; ///< was replaced
+        Completion completion;
+    };
+
     /// Ends the process if the counter's frequency cannot be read or has more than 32 bits of ticks a
-    /// millisecond.
-    WindowsTimer();
+    /// millisecond. Tests choose the first handle.
+    explicit WindowsTimer(TimerHandle firstHandle = 1);
     WindowsTimer(const WindowsTimer&) = delete;
     WindowsTimer& operator=(const WindowsTimer&) = delete;
     virtual ~WindowsTimer() = default;
@@ -28,12 +59,68 @@ public:
     /// The same in ms, cut.
     [[nodiscard]] std::int64_t getTimestampMs();
 
+    /// See ITimer. The timer that the new one replaces, unless it is 0 or gone, is cancelled: it is not called in
+    /// any pass that starts afterwards. Handles ascend; after 2^32 - 1 comes 0, and a timer whose handle is still
+    /// taken then is not added. Lines are logged under the lock of the timers, so log clients must not call this.
+    TimerHandle addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot,
+                         TimerHandle handleToReplace) EXCLUDES(m_timersMutex);
+
+    /// The future of a timer that was not erased yet. It is set, to RC_OK, when a timer that was replaced is erased,
+    /// and never otherwise. Observers are called in the pass, with the lock of the timers free: they may do what
+    /// callbacks may.
+    [[nodiscard]] std::optional<Completion> completionOf(TimerHandle handle) EXCLUDES(m_timersMutex);
+
+    /// One pass. Waits while another one is under way, so a callback must not call this. Callbacks may add timers;
+    /// one that takes more than 2,000 ms is reported. What a callback throws passes through: its timer and those
+    /// that the pass has not come to stay due.
+    void activateTimers() EXCLUDES(m_activationMutex, m_timersMutex);
+
+    /// The timer thread, of the given WindowsTimer: a pass every 100 ms, for ever.
+    static void timerThread(void* windowsTimer);
+
+    /// Whether the order of the due times fits the table. For tests.
+    [[nodiscard]] bool checkInvariants() EXCLUDES(m_activationMutex, m_timersMutex);
+
+protected:
+    /// For tests of what happens after 2^32 timers.
+    void setNextHandle(TimerHandle handle) EXCLUDES(m_timersMutex);
+
 private:
+    using Timers = StlMemShiledContainer<std::map<TimerHandle, WindowsTimerInfo>>;
+    using Order = DueOrder<Timers::iterator>;
+
+    /// A timer that a pass has taken and not come to yet.
+    struct TakenTimer
+    {
+        explicit TakenTimer(Timers::iterator taken)
+            : handle(taken->first), wasCancelled(taken->second.cancelled), timer(taken)
+        {
+        }
+
+        TimerHandle handle;
+        bool wasCancelled; // when the pass began
+        Timers::iterator timer;
+    };
+
     static constexpr std::int64_t MINIMUM_ACCEPTABLE_TICKS_DIFF = 100;
 
     static constexpr std::size_t CACHE_LINE = 64;
 
+    [[nodiscard]] static Order::Entry orderOf(Timers::iterator timer);
+    void insert(TimerHandle handle, WindowsTimerInfo&& info) REQUIRES(m_timersMutex);
+    void cancel(Timers::iterator timer) REQUIRES(m_timersMutex);
+    void takeTimers(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
+    void endOrReschedule(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
+
     std::uint32_t m_ticksPerMs = 0;
+    // Guards the table, its order and the counter. m_counterMutex, and what log clients take, is taken inside it.
+    Mutex m_timersMutex;
+    Mutex m_activationMutex; // held during a pass; m_timersMutex, and what callbacks take, is taken inside it
+    Timers m_timers GUARDED_BY(m_timersMutex){"Timers"};
+    Order m_order GUARDED_BY(m_timersMutex); // of every timer that is not among m_taken; see orderOf
+    TimerHandle m_lastHandle GUARDED_BY(m_timersMutex);
+    // In descending order of the handles: the last one is next. Empty between passes, unless a callback has thrown.
+    std::vector<TakenTimer> m_taken GUARDED_BY(m_activationMutex);
     Mutex m_counterMutex; // held while a backward step is logged, so that its lines stand together
     // Ticks; 0: no reading yet. Written at every reading, so on a line of its own.
     alignas(CACHE_LINE) std::atomic<std::int64_t> m_lastTimestamp = 0;

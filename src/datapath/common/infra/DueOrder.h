@@ -1,0 +1,167 @@
+#pragma once
+
+// Many items in the order of a time each, so that those which come first can be taken from the front. Taking costs what
+// is taken, and looking that there is nothing to take costs the same whatever waits.
+//
+//     DueOrder<Timers::iterator> order;
+//     order.insert({.timeMs = 1'500, .item = timer});
+//     order.takeUntil(nowMs, taken);
+//
+// An item is a pointer or an iterator that stays valid while it is here. Nothing is locked: the owner does that.
+//
+//     runs:  [ 3 3 7 9 ]  [ 12 12 15 ]  [ 20 31 ]      sorted, each of 1 to RUN_LENGTH entries
+//
+// Two binary searches find an entry. Timers come and go by the thousand, and moving a piece of a run is cheaper than
+// the nodes of a tree, which lie scattered in memory.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <iterator>
+#include <vector>
+
+template <class Item> class DueOrder
+{
+public:
+    struct Entry
+    {
+        std::uint64_t timeMs;
+        Item item;
+
+        /// Items of the same time are told apart by what they point to, so that each is found quickly.
+        friend bool operator<(const Entry& left, const Entry& right)
+        {
+            return left.timeMs != right.timeMs ? left.timeMs < right.timeMs
+                                               : std::less<const void*>()(&*left.item, &*right.item);
+        }
+    };
+
+    [[nodiscard]] std::size_t size() const { return m_size; }
+
+    /// The entry must not be here already. Lack of memory is a std::bad_alloc and changes nothing.
+    void insert(const Entry& entry)
+    {
+        if (m_runs.empty())
+        {
+            m_runs.push_back(emptyRun());
+        }
+        auto run = runOf(entry);
+        if (run->size() == RUN_LENGTH)
+        {
+            run = split(run);
+            run -= entry < run->front() ? 1 : 0;
+        }
+        run->insert(std::lower_bound(run->begin(), run->end(), entry), entry);
+        ++m_size;
+    }
+
+    /// False if it is not here.
+    bool erase(const Entry& entry) noexcept
+    {
+        if (!contains(entry))
+        {
+            return false;
+        }
+        const auto run = runOf(entry);
+        run->erase(std::lower_bound(run->begin(), run->end(), entry));
+        --m_size;
+        const auto next = std::next(run);
+        if (run->empty())
+        {
+            m_runs.erase(run);
+        }
+        else if (next != m_runs.end() && run->size() + next->size() <= RUN_LENGTH / 2)
+        {
+            run->insert(run->end(), next->begin(), next->end()); // few entries do not keep many runs
+            m_runs.erase(next);
+        }
+        return true;
+    }
+
+    [[nodiscard]] bool contains(const Entry& entry)
+    {
+        const auto run = runOf(entry);
+        return run != m_runs.end() && std::binary_search(run->begin(), run->end(), entry);
+    }
+
+    /// Moves the items up to that time, it included, to the end of what is taken, which is made of items. Lack of
+    /// memory is a std::bad_alloc and changes nothing.
+    template <class Taken> void takeUntil(std::uint64_t timeMs, std::vector<Taken>& taken)
+    {
+        std::size_t most = 0;
+        auto end = m_runs.begin();
+        for (; end != m_runs.end() && end->front().timeMs <= timeMs; ++end)
+        {
+            most += end->size();
+        }
+        if (most == 0)
+        {
+            return;
+        }
+        taken.reserve(taken.size() + most); // nothing below allocates
+        const auto last = std::prev(end);
+        const auto rest = std::partition_point(last->begin(), last->end(),
+                                               [=](const Entry& entry) { return entry.timeMs <= timeMs; });
+        for (auto run = m_runs.begin(); run != end; ++run)
+        {
+            for (auto entry = run->begin(); entry != (run == last ? rest : run->end()); ++entry)
+            {
+                taken.emplace_back(entry->item);
+                --m_size;
+            }
+        }
+        const bool isLastTaken = rest == last->end();
+        last->erase(last->begin(), rest);
+        m_runs.erase(m_runs.begin(), isLastTaken ? end : last);
+    }
+
+    /// Whether everything is as the picture has it. For tests.
+    [[nodiscard]] bool checkInvariants() const
+    {
+        std::vector<Entry> all;
+        for (const Run& run : m_runs)
+        {
+            if (run.empty() || run.size() > RUN_LENGTH)
+            {
+                return false;
+            }
+            all.insert(all.end(), run.begin(), run.end());
+        }
+        const auto isUnordered = [](const Entry& left, const Entry& right) { return !(left < right); };
+        return all.size() == m_size && std::adjacent_find(all.begin(), all.end(), isUnordered) == all.end();
+    }
+
+private:
+    static constexpr std::size_t RUN_LENGTH = 128;
+
+    using Run = std::vector<Entry>;
+
+    [[nodiscard]] static Run emptyRun()
+    {
+        Run run;
+        run.reserve(RUN_LENGTH);
+        return run;
+    }
+
+    /// Where the entry is, or belongs: the last run that begins with it or before it, else the first.
+    [[nodiscard]] auto runOf(const Entry& entry)
+    {
+        const auto next = std::upper_bound(m_runs.begin(), m_runs.end(), entry,
+                                           [](const Entry& left, const Run& right) { return left < right.front(); });
+        return next == m_runs.begin() ? next : std::prev(next);
+    }
+
+    /// Moves the upper half into a run of its own and returns that.
+    [[nodiscard]] auto split(typename std::vector<Run>::iterator run)
+    {
+        Run upper = emptyRun();
+        upper.assign(run->begin() + RUN_LENGTH / 2, run->end());
+        const auto added = m_runs.insert(std::next(run), std::move(upper));
+        std::prev(added)->resize(RUN_LENGTH / 2);
+        return added;
+    }
+
+    std::vector<Run> m_runs;
+    std::size_t m_size = 0;
+};
