@@ -42,12 +42,12 @@ public:
     /// The entry must not be here already. Lack of memory is a std::bad_alloc and changes nothing.
     void insert(const Entry& entry)
     {
-        if (m_runs.empty())
-        {
-            m_runs.push_back(emptyRun());
-        }
         auto run = runOf(entry);
-        if (run->size() == RUN_LENGTH)
+        if (run == m_runs.end())
+        {
+            run = m_runs.insert(run, emptyRun());
+        }
+        else if (run->size() == RUN_LENGTH)
         {
             run = split(run);
             run -= entry < run->front() ? 1 : 0;
@@ -158,7 +158,7 @@ private:
         Run upper = emptyRun();
         upper.assign(run->begin() + RUN_LENGTH / 2, run->end());
         const auto added = m_runs.insert(std::next(run), std::move(upper));
-        std::prev(added)->resize(RUN_LENGTH / 2);
+        std::prev(added)->erase(std::prev(added)->begin() + RUN_LENGTH / 2, std::prev(added)->end());
         return added;
     }
 

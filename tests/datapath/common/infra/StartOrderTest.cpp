@@ -16,6 +16,7 @@ namespace
 CHILD_SCENARIO(loggerFirst) { Logger::instance().flushClients(); }
 CHILD_SCENARIO(lineFirst) { LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << std::endl; }
 CHILD_SCENARIO(clockFirst) { Timer::instance().getTimestampMs(); }
+CHILD_SCENARIO(timerFirst) { Timer::instance().addTimer(nullptr, nullptr, 1'000, true); }
 CHILD_SCENARIO(reportFirst) { MemWatchedContainerDatabase::instance().printWatchedContainers(); }
 CHILD_SCENARIO(containerFirst) { const StlMemShiledContainer<std::set<int>> first("first"); }
 CHILD_SCENARIO(tweaksFirst) { Tweaks::instance().print(); }
@@ -27,8 +28,9 @@ CHILD_SCENARIO(misuseFirst) { MemWatchedContainerDatabase::instance().unregister
 TEST(StartOrder, AnyServiceMayBeTheFirst)
 {
     const ScratchFolder folder;
-    for (const char* const scenario : {"loggerFirst", "lineFirst", "clockFirst", "reportFirst", "containerFirst",
-                                       "tweaksFirst", "logFileFirst", "memShieldFirst", "dynamicTweaksFirst"})
+    for (const char* const scenario :
+         {"loggerFirst", "lineFirst", "clockFirst", "timerFirst", "reportFirst", "containerFirst", "tweaksFirst",
+          "logFileFirst", "memShieldFirst", "dynamicTweaksFirst"})
     {
         EXPECT_EQ(0, runChild(scenario).status) << scenario;
     }

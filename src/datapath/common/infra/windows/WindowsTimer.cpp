@@ -81,7 +81,7 @@ TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::u
     const auto replaced = handleToReplace == 0 ? m_timers.end() : m_timers.find(handleToReplace);
     if (replaced != m_timers.end())
     {
-        cancel(replaced);
+        cancel(*replaced);
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
             << "replacing existing timer handle=" << handleToReplace << std::endl;
     }
@@ -98,22 +98,21 @@ TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::u
 }
 
 /// Where a timer stands in the order: at the first timestamp whose pass takes it. Any pass takes a cancelled one.
-WindowsTimer::Order::Entry WindowsTimer::orderOf(Timers::iterator timer)
+WindowsTimer::Order::Entry WindowsTimer::orderOf(Timer& timer)
 {
-    return {.timeMs = timer->second.cancelled ? 0 : timer->second.dueMs + 1, .item = timer};
+    return {.timeMs = timer.second.cancelled ? 0 : timer.second.dueMs + 1, .item = &timer};
 }
 
 void WindowsTimer::insert(TimerHandle handle, WindowsTimerInfo&& info)
 {
-    const std::size_t count = m_timers.size();
-    const auto timer = m_timers.try_emplace(m_timers.end(), handle, std::move(info));
-    if (m_timers.size() == count)
+    const auto [timer, isNew] = m_timers.try_emplace(handle, std::move(info));
+    if (!isNew)
     {
         return;
     }
     try
     {
-        m_order.insert(orderOf(timer));
+        m_order.insert(orderOf(*timer));
     }
     catch (...)
     {
@@ -122,19 +121,19 @@ void WindowsTimer::insert(TimerHandle handle, WindowsTimerInfo&& info)
     }
 }
 
-void WindowsTimer::cancel(Timers::iterator timer)
+void WindowsTimer::cancel(Timer& timer)
 {
-    if (timer->second.cancelled)
+    if (timer.second.cancelled)
     {
         return;
     }
-    const Order::Entry first = {.timeMs = 0, .item = timer};
+    const Order::Entry first = {.timeMs = 0, .item = &timer};
     m_order.insert(first);
     if (!m_order.erase(orderOf(timer)))
     {
         m_order.erase(first); // a pass has taken it, and will see that it is cancelled
     }
-    timer->second.cancelled = true;
+    timer.second.cancelled = true;
 }
 
 std::optional<WindowsTimer::Completion> WindowsTimer::completionOf(TimerHandle handle)
@@ -184,11 +183,11 @@ void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
     Timers::node_type ended;
     {
         const MutexGuard guard(m_timersMutex);
-        const auto timer = m_taken.back().timer;
-        WindowsTimerInfo& info = timer->second;
+        Timer& timer = *m_taken.back().timer;
+        WindowsTimerInfo& info = timer.second;
         if (info.cancelled || info.periodMs == 0)
         {
-            ended = m_timers.extract(timer);
+            ended = m_timers.extract(timer.first);
         }
         else
         {
@@ -208,7 +207,7 @@ void WindowsTimer::timerThread(void* windowsTimer)
 {
     constexpr std::uint32_t REST_MS = 100;
     DlcKeepalive keepalive("timer");
-    platform::seedRandom(static_cast<std::uint32_t>(Timer::instance().getTimestampMs()));
+    platform::seedRandom(static_cast<std::uint32_t>(::Timer::instance().getTimestampMs()));
     for (;;)
     {
         platform::sleepMs(REST_MS);
@@ -221,9 +220,9 @@ bool WindowsTimer::checkInvariants()
 {
     const MutexGuard activation(m_activationMutex);
     const MutexGuard guard(m_timersMutex);
-    for (auto timer = m_timers.begin(); timer != m_timers.end(); ++timer)
+    for (Timer& timer : m_timers)
     {
-        const bool isTaken = std::ranges::find(m_taken, timer->first, &TakenTimer::handle) != m_taken.end();
+        const bool isTaken = std::ranges::find(m_taken, timer.first, &TakenTimer::handle) != m_taken.end();
         if (m_order.contains(orderOf(timer)) == isTaken)
         {
             return false;

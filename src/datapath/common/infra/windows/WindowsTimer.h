@@ -27,8 +27,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 class WindowsTimer : public Singleton<WindowsTimer, WindowsTimer>
@@ -86,29 +86,31 @@ protected:
     void setNextHandle(TimerHandle handle) EXCLUDES(m_timersMutex);
 
 private:
-    using Timers = StlMemShiledContainer<std::map<TimerHandle, WindowsTimerInfo>>;
-    using Order = DueOrder<Timers::iterator>;
+    // By hash: the cost of one timer must not grow with the number of others. Each stays where it is in memory.
+    using Timers = StlMemShiledContainer<std::unordered_map<TimerHandle, WindowsTimerInfo>>;
+    using Timer = Timers::value_type;
+    using Order = DueOrder<Timer*>;
 
     /// A timer that a pass has taken and not come to yet.
     struct TakenTimer
     {
-        explicit TakenTimer(Timers::iterator taken)
+        explicit TakenTimer(Timer* taken)
             : handle(taken->first), wasCancelled(taken->second.cancelled), timer(taken)
         {
         }
 
         TimerHandle handle;
         bool wasCancelled; // when the pass began
-        Timers::iterator timer;
+        Timer* timer;
     };
 
     static constexpr std::int64_t MINIMUM_ACCEPTABLE_TICKS_DIFF = 100;
 
     static constexpr std::size_t CACHE_LINE = 64;
 
-    [[nodiscard]] static Order::Entry orderOf(Timers::iterator timer);
+    [[nodiscard]] static Order::Entry orderOf(Timer& timer);
     void insert(TimerHandle handle, WindowsTimerInfo&& info) REQUIRES(m_timersMutex);
-    void cancel(Timers::iterator timer) REQUIRES(m_timersMutex);
+    void cancel(Timer& timer) REQUIRES(m_timersMutex);
     void takeTimers(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
     void endOrReschedule(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
 
