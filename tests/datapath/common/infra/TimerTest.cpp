@@ -1,7 +1,9 @@
 // The clock over a replaced performance counter.
 
 #include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/windows/WindowsTimer.h"
+#include "platform/Random.h"
 #include "platform/Threads.h"
 #include "platform/Time.h"
 #include "tests/support/Support.h"
@@ -14,6 +16,8 @@
 
 namespace
 {
+
+using Texts = std::vector<std::string>;
 
 std::int64_t counterTicks = 0;
 std::uint64_t tickCount = 0;
@@ -50,7 +54,7 @@ TEST(WindowsTimer, HoldsStillWhenTheCounterStepsBack)
         counterTicks = later;
         EXPECT_EQ(later, ticks());
     }
-    EXPECT_EQ(std::vector<std::string>{"Info,NON,WindowsTimer,WindowsTimer, m_ticksPerMs=1000 "}, client.messages());
+    EXPECT_EQ(Texts{"Info,NON,WindowsTimer,WindowsTimer, m_ticksPerMs=1000 "}, client.messages());
     for (const std::int64_t step : {1, 100, 101})
     {
         counterTicks = 5'000 - step;
@@ -164,6 +168,87 @@ TEST(Timer, CalendarAndCpuTimesComeFromTheSystem)
     EXPECT_EQ(12U, timer.getProcessCpuTimeUs());
     cpuTime.reset();
     EXPECT_EQ(0U, timer.getProcessCpuTimeUs());
+}
+
+std::atomic<std::int64_t> nowMs = 20'000;
+Semaphore mayCheck(0); // the deadlock checker's thread waits for it instead of sleeping
+Semaphore hasChecked(0);
+int rests = -1; // of the timer thread; -1: not started
+void (*realSleep)(std::uint32_t) = nullptr;
+void restOrWait(std::uint32_t durationMs)
+{
+    if (Logger::instance().getThreadName(static_cast<std::int32_t>(platform::currentThreadId())) ==
+        "class DeadLockCheckerManager")
+    {
+        hasChecked.signal();
+        return mayCheck.wait();
+    }
+    if (rests < 0)
+    {
+        return realSleep(durationMs);
+    }
+    EXPECT_EQ(100U, durationMs);
+    if (++nowMs, ++rests == 3)
+    {
+        throw ProcessEnded();
+    }
+}
+
+TEST(Timer, ItsThreadCallsTimersAndIsWatchedForDeadlocksOnly)
+{
+    static void (*procedure)(void*) = nullptr;
+    static void* argument = nullptr;
+    static std::uint32_t seed = 0;
+    static int calls = 0;
+    realSleep = platform::threadCalls.sleepMs;
+    const ScopedReplacement sleep(platform::threadCalls.sleepMs, restOrWait);
+    const ScopedReplacement frequency(platform::timeCalls.performanceFrequency,
+                                      [](std::int64_t& value) { return (value = 1'000) > 0; });
+    const ScopedReplacement counter(platform::timeCalls.performanceCounter,
+                                    [](std::int64_t& value) { return (value = nowMs) > 0; });
+    const ScopedReplacement random(platform::randomCalls.seedRandom, [](std::uint32_t value) { seed = value; });
+    const ScratchFolder folder;
+    folder.enter();
+    waitForOwnThreads();
+    hasChecked.wait();
+    const auto* const client = new CapturingClient; // stays registered
+    const ScopedReplacement threads(platform::threadCalls.startThread,
+                                    [](platform::ThreadProcedure body, void* value, platform::ThreadPriority priority) {
+                                        EXPECT_EQ(platform::ThreadPriority::TimeCritical, priority);
+                                        procedure = body;
+                                        argument = value;
+                                        return platform::ErrorNumber::Success;
+                                    });
+    Timer::instance().start();
+    EXPECT_EQ(&WindowsTimer::instance(), argument);
+    const auto check = [](void*) {
+        for (int checks = calls++ == 0 ? 2 : 1; checks > 0; --checks) // two without progress, then one after a pass
+        {
+            nowMs += 61'000;
+            mayCheck.signal();
+            hasChecked.wait();
+        }
+    };
+    EXPECT_EQ(1U, Timer::instance().addTimer(check, nullptr, 0, true));
+    Timer::instance().addTimer(check, nullptr, 1, true);
+    rests = 0;
+    EXPECT_THROW(procedure(argument), ProcessEnded);
+    EXPECT_EQ(2, calls);
+    EXPECT_EQ(20'000U, seed);
+    Texts lines = client->messages();
+    std::erase_if(lines, [](const std::string& line) { // what is left would tell of a lease, or of a thread by name
+        return !matches(line, "~,DlcKeepalive,~") && !matches(line, "~,ThreadWrapper,~") &&
+               !matches(line, "~,MemWatcher,~");
+    });
+    EXPECT_EQ(Texts{"Error,NON,DlcKeepalive,checkLease,timer is stuck for 61 sec"}, lines);
+
+    const ScopedReplacement refusing(platform::threadCalls.startThread,
+                                     [](platform::ThreadProcedure, void*, platform::ThreadPriority) {
+                                         return platform::ErrorNumber::NotEnoughMemory;
+                                     });
+    const ScopedProcessEnd ending;
+    EXPECT_THROW(Timer::instance().start(), ProcessEnded);
+    EXPECT_PRED2(matches, client->messages().back(), "Error,NON,Timer,start,Assertion (h != NULL) failed ~Timer.cpp #");
 }
 
 TEST(Timer, UtcTextsAreScanned)
