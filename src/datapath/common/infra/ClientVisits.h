@@ -10,6 +10,8 @@
 // writes, and takes no lock. The count is raised before the look and read after the removal, both sequentially
 // consistent: either the visitor sees that the client is gone, or the remover sees the visitor. Any thread may call.
 
+#include "platform/ThreadValue.h"
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -60,22 +62,19 @@ private:
     };
 
     /// Leaves the slot of a thread that ends to the next thread.
-    struct Leaver
+    struct SlotOwner
     {
-        ~Leaver();
+        static void release(void* slot) { static_cast<Slot*>(slot)->isOwned.store(false, std::memory_order_release); }
     };
+    using OwnSlot = platform::ThreadValue<SlotOwner>;
 
     [[nodiscard]] static Slot& ofThisThread()
     {
-        if (s_slot == nullptr) [[unlikely]]
-        {
-            claimSlot();
-        }
-        return *s_slot;
+        void* const slot = OwnSlot::get();
+        return slot != nullptr ? *static_cast<Slot*>(slot) : claimSlot();
     }
-    static void claimSlot();
-    [[nodiscard]] static Slot* unownedSlot();
+    [[gnu::noinline]] static Slot& claimSlot();
+    [[nodiscard]] static Slot& unownedSlot();
 
     static constinit inline std::atomic<Slot*> s_slots = nullptr; // all that there ever were
-    static constinit inline thread_local Slot* s_slot = nullptr;  // of the calling thread
 };

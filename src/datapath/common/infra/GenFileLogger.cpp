@@ -113,49 +113,33 @@ void GenFileLogger::write(const char* data, std::uint32_t length)
         m_stream.flush();
         return;
     }
-    bool justPaused = false;
-    if (data == nullptr)
+    try
     {
-        enqueue({});
+        bool justPaused = false;
+        if (data == nullptr)
+        {
+            enqueue({});
+        }
+        else if (length != 0 && !enqueueText({data, length}, !m_memoryTracker->isTrackingDisabled(), justPaused) &&
+                 justPaused)
+        {
+            pauseForMemory();
+        }
     }
-    else if (length != 0 && !enqueueText({data, length}, !m_memoryTracker->isTrackingDisabled(), justPaused) &&
-             justPaused)
+    catch (const std::bad_alloc&)
     {
-        pauseForMemory();
+        // Dropped, as text is for which the budget has no room.
     }
 }
 
 /// Returns false if the budget refuses.
 bool GenFileLogger::enqueueText(std::string_view text, bool isLimited, bool& justPaused)
 {
-    HeapMemoryAllocationTracker& tracker = *m_memoryTracker;
-    const auto length = static_cast<std::uint32_t>(text.size());
-    if (m_isGuarded)
-    {
-        char* const buffer = isLimited ? tracker.allocate(length, justPaused) : tracker.allocateIgnoringLimit(length);
-        if (buffer == nullptr)
-        {
-            return false;
-        }
-        text.copy(buffer, length);
-        enqueueOrFree({buffer, length});
-        return true;
-    }
-    if (!isLimited)
-    {
-        tracker.reserveIgnoringLimit(length);
-    }
-    else if (!tracker.reserve(length, justPaused))
+    LogItem item{.data = text.data(), .length = static_cast<std::uint32_t>(text.size())};
+    if (!takeBudget(item, isLimited, justPaused))
     {
         return false;
     }
-    enqueueOrFree({text.data(), length});
-    return true;
-}
-
-/// Text for which the heap has no room is dropped, as text is for which the budget has none.
-void GenFileLogger::enqueueOrFree(const LogItem& item)
-{
     try
     {
         enqueue(item);
@@ -163,7 +147,33 @@ void GenFileLogger::enqueueOrFree(const LogItem& item)
     catch (const std::bad_alloc&)
     {
         free(item);
+        throw;
     }
+    return true;
+}
+
+/// With guarded memory the item's data becomes a copy of its own.
+bool GenFileLogger::takeBudget(LogItem& item, bool isLimited, bool& justPaused)
+{
+    HeapMemoryAllocationTracker& tracker = *m_memoryTracker;
+    if (m_isGuarded)
+    {
+        char* const buffer =
+            isLimited ? tracker.allocate(item.length, justPaused) : tracker.allocateIgnoringLimit(item.length);
+        if (buffer == nullptr)
+        {
+            return false;
+        }
+        std::copy_n(item.data, item.length, buffer);
+        item.data = buffer;
+        return true;
+    }
+    if (isLimited)
+    {
+        return tracker.reserve(item.length, justPaused);
+    }
+    tracker.reserveIgnoringLimit(item.length);
+    return true;
 }
 
 void GenFileLogger::free(const LogItem& item)
@@ -231,7 +241,14 @@ void GenFileLogger::addFlush(Semaphore* waiter)
 bool GenFileLogger::flushAndWait()
 {
     Semaphore flushDone(0);
-    enqueue({}, &flushDone);
+    try
+    {
+        enqueue({}, &flushDone);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return false;
+    }
     if (m_flushMaxPeriodMs == 0)
     {
         flushDone.wait();

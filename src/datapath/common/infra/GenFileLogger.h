@@ -71,7 +71,7 @@ protected:
 
     /// Waits until everything queued so far is with the system, at most m_flushMaxPeriodMs unless that is 0.
     /// Returns false if that was too short. The flush is done later then, and the wait of one later call ends at
-    /// once for it.
+    /// once for it. Also false, without a flush, if there is no memory to ask for one.
     [[nodiscard]] bool flushAndWait() EXCLUDES(m_queueMutex);
 
     /// Writes and flushes everything queued, on the writer's thread.
@@ -115,7 +115,7 @@ private:
     };
 
     [[nodiscard]] bool enqueueText(std::string_view text, bool isLimited, bool& justPaused);
-    void enqueueOrFree(const LogItem& item) EXCLUDES(m_queueMutex);
+    [[nodiscard]] bool takeBudget(LogItem& item, bool isLimited, bool& justPaused);
     void free(const LogItem& item);
     void pauseForMemory();
     void addFlush(Semaphore* waiter) REQUIRES(m_queueMutex);

@@ -3,6 +3,8 @@
 // Owns an object of the guarded allocator and releases it with the place that the owner was given.
 //
 //     const GuardedPtr<Thing> thing(MemShield::create<Thing>(SITE), {RELEASE_PLACE});
+//
+// It must point to where the object begins: a GuardedPtr to a base class that does not stand first is misuse.
 
 #include "datapath/common/infra/MemShield.h"
 

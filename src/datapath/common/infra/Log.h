@@ -96,7 +96,8 @@ public:
 
     /// Takes a client away and returns when no other thread is inside it any more: it may be destroyed then. Lines that
     /// others log meanwhile go to the clients that remain. Does nothing for a client that is not there, and nothing but
-    /// an Error line when it is called from inside the client's own log or flush.
+    /// an Error line when it is called from inside the client's own log or flush. The caller must not hold a lock that
+    /// the client takes there, and two clients must not unregister each other from inside.
     void unregisterClient(LoggerClient* client) EXCLUDES(m_clientsMutex);
 
     [[nodiscard]] bool hasClients() const { return m_order.load(std::memory_order_relaxed) != 0; }

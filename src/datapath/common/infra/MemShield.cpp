@@ -228,6 +228,7 @@ void MemShield::beginReport()
     std::uint32_t first = 0;
     if (reportingThread.compare_exchange_strong(first, thisThread))
     {
+        Tweaks::instance().unlockForGood(); // whoever has what the report waits for may wait for the tweaks
         return;
     }
     if (first == thisThread)

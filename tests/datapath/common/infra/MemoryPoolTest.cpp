@@ -15,11 +15,7 @@ using Sizes = std::vector<std::uint64_t>;
 
 struct MemoryPool : testing::Test
 {
-    MemoryPool()
-    {
-        folder.enter();
-        MemShield::setEnabled(false);
-    }
+    MemoryPool() { MemShield::setEnabled(false); }
 
     static Sizes sizesOf(const ScatteredBuf& buffer)
     {

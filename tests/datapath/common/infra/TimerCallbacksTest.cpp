@@ -159,8 +159,8 @@ struct Real : Timers
     const ScopedReplacement counter{platform::timeCalls.performanceCounter,
                                     [](std::int64_t& value) { return (value = nowMs) > 0; }};
     const ScratchFolder folder;
-    Timer timer{(folder.enter(), waitForOwnThreads(), TimerHandle{1})};
-    const HookedClient client{[this](const std::string& line) {
+    Timer timer{(waitForOwnThreads(), TimerHandle{1})};
+    const HookedClient client{"WindowsTimer", [this](const std::string& line) {
         const std::size_t level = line.find(',') + 1;
         const std::size_t thread = line.find(',', level) + 1;
         if (const std::size_t rest = line.find(',', thread) + 1; line.find("WindowsTimer", rest) != std::string::npos)

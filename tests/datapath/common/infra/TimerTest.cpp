@@ -208,7 +208,6 @@ TEST(Timer, ItsThreadCallsTimersAndIsWatchedForDeadlocksOnly)
                                     [](std::int64_t& value) { return (value = nowMs) > 0; });
     const ScopedReplacement random(platform::randomCalls.seedRandom, [](std::uint32_t value) { seed = value; });
     const ScratchFolder folder;
-    folder.enter();
     waitForOwnThreads();
     hasChecked.wait();
     const auto* const client = new CapturingClient; // stays registered

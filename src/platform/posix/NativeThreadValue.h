@@ -1,0 +1,37 @@
+#pragma once
+
+#include <pthread.h>
+
+namespace platform
+{
+
+template <class Owner> class ThreadValue
+{
+public:
+    [[nodiscard]] static void* get() noexcept { return s_value; }
+
+    static void set(void* value)
+    {
+        s_value = value;
+        pthread_setspecific(key(), value);
+    }
+
+private:
+    /// Keys are released after every thread_local object, so nothing of those comes later.
+    static pthread_key_t key()
+    {
+        static const pthread_key_t KEY = [] {
+            pthread_key_t created = 0;
+            pthread_key_create(&created, [](void* value) {
+                s_value = nullptr;
+                Owner::release(value);
+            });
+            return created;
+        }();
+        return KEY;
+    }
+
+    static constinit inline thread_local void* s_value = nullptr; // cheaper to read than the key
+};
+
+} // namespace platform
