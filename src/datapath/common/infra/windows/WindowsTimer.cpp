@@ -78,8 +78,8 @@ TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::u
     Completion completion; // not under the lock: it may be what makes the guarded allocator
     const MutexGuard guard(m_timersMutex);
     const auto nowMs = static_cast<std::uint64_t>(getTimestampMs());
-    const auto replaced = handleToReplace == 0 ? m_timers.end() : m_timers.find(handleToReplace);
-    if (replaced != m_timers.end())
+    Timer* const replaced = handleToReplace == 0 ? nullptr : m_timers.find(handleToReplace);
+    if (replaced != nullptr)
     {
         cancel(*replaced);
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
@@ -116,7 +116,7 @@ void WindowsTimer::insert(TimerHandle handle, WindowsTimerInfo&& info)
     }
     catch (...)
     {
-        m_timers.erase(timer);
+        m_timers.extract(*timer);
         throw;
     }
 }
@@ -139,8 +139,8 @@ void WindowsTimer::cancel(Timer& timer)
 std::optional<WindowsTimer::Completion> WindowsTimer::completionOf(TimerHandle handle)
 {
     const MutexGuard guard(m_timersMutex);
-    const auto timer = m_timers.find(handle);
-    return timer == m_timers.end() ? std::nullopt : std::optional(timer->second.completion);
+    const Timer* const timer = m_timers.find(handle);
+    return timer == nullptr ? std::nullopt : std::optional(timer->second.completion);
 }
 
 void WindowsTimer::activateTimers()
@@ -180,14 +180,14 @@ void WindowsTimer::takeTimers(std::uint64_t nowMs)
 /// Does what follows a call, or a cancellation, of the timer that is next among those taken.
 void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
 {
-    Timers::node_type ended;
+    std::optional<WindowsTimerInfo> ended;
     {
         const MutexGuard guard(m_timersMutex);
         Timer& timer = *m_taken.back().timer;
         WindowsTimerInfo& info = timer.second;
         if (info.cancelled || info.periodMs == 0)
         {
-            ended = m_timers.extract(timer.first);
+            ended = m_timers.extract(timer);
         }
         else
         {
@@ -197,9 +197,9 @@ void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
         m_taken.pop_back();
     }
     // The lock is free: observers of the completion may add timers.
-    if (!ended.empty() && ended.mapped().cancelled)
+    if (ended && ended->cancelled)
     {
-        ended.mapped().completion.set(RC_OK);
+        ended->completion.set(RC_OK);
     }
 }
 
@@ -220,16 +220,13 @@ bool WindowsTimer::checkInvariants()
 {
     const MutexGuard activation(m_activationMutex);
     const MutexGuard guard(m_timersMutex);
-    for (Timer& timer : m_timers)
-    {
+    std::size_t found = 0;
+    m_timers.forEach([&](Timer& timer) {
         const bool isTaken = std::ranges::find(m_taken, timer.first, &TakenTimer::handle) != m_taken.end();
-        if (m_order.contains(orderOf(timer)) == isTaken)
-        {
-            return false;
-        }
-    }
+        found += m_order.contains(orderOf(timer)) != isTaken ? 1U : 0U;
+    });
     const std::size_t count = m_order.size() + m_taken.size();
-    return m_order.checkInvariants() && count == m_timers.size() && m_timers.itemCount() == count;
+    return found == count && m_order.checkInvariants() && count == m_timers.size() && m_timers.itemCount() == count;
 }
 
 void WindowsTimer::setNextHandle(TimerHandle handle)

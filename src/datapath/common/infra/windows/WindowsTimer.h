@@ -19,6 +19,7 @@
 
 #include "datapath/common/infra/DueOrder.h"
 #include "datapath/common/infra/Future.h"
+#include "datapath/common/infra/HandleMap.h"
 #include "datapath/common/infra/ITimer.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
@@ -28,7 +29,6 @@
 #include <atomic>
 #include <cstdint>
 #include <optional>
-#include <unordered_map>
 #include <vector>
 
 class WindowsTimer : public Singleton<WindowsTimer, WindowsTimer>
@@ -86,18 +86,14 @@ protected:
     void setNextHandle(TimerHandle handle) EXCLUDES(m_timersMutex);
 
 private:
-    // By hash: the cost of one timer must not grow with the number of others. Each stays where it is in memory.
-    using Timers = StlMemShiledContainer<std::unordered_map<TimerHandle, WindowsTimerInfo>>;
-    using Timer = Timers::value_type;
+    using Timers = StlMemShiledContainer<HandleMap<WindowsTimerInfo>>;
+    using Timer = Timers::Entry;
     using Order = DueOrder<Timer*>;
 
     /// A timer that a pass has taken and not come to yet.
     struct TakenTimer
     {
-        explicit TakenTimer(Timer* taken)
-            : handle(taken->first), wasCancelled(taken->second.cancelled), timer(taken)
-        {
-        }
+        explicit TakenTimer(Timer* taken) : handle(taken->first), wasCancelled(taken->second.cancelled), timer(taken) {}
 
         TimerHandle handle;
         bool wasCancelled; // when the pass began

@@ -1,0 +1,115 @@
+#pragma once
+
+// Values by handle, for handles that are handed out in ascending order. Entries stay where they are in memory.
+//
+//     HandleMap<Info> map;
+//     const auto [entry, isNew] = map.try_emplace(handle, Info{...});
+//     Info info = map.extract(*entry);
+//
+// Nothing is locked: the owner does that. Neighbours share a block, so that a value is no allocation of its own and
+// one that comes or goes touches no other; a block lasts as long as there is a value in it.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <utility>
+
+template <class Value> class HandleMap
+{
+    struct Block;
+
+public:
+    using Handle = std::uint32_t;
+
+    class Entry
+    {
+    public:
+        Entry(Handle handle, Value&& value, Block& block) : first(handle), second(std::move(value)), m_block(block) {}
+
+        const Handle first;
+        Value second;
+
+    private:
+        friend HandleMap;
+        Block& m_block;
+    };
+
+    [[nodiscard]] std::size_t size() const { return m_size; }
+
+    [[nodiscard]] Entry* find(Handle handle)
+    {
+        const auto block = m_blocks.find(handle / BLOCK_LENGTH);
+        return block != m_blocks.end() && placeOf(block->second, handle) ? &*placeOf(block->second, handle) : nullptr;
+    }
+
+    /// The entry, and whether it is new; one that is there already stays as it is. Lack of memory is a std::bad_alloc
+    /// and changes nothing.
+    std::pair<Entry*, bool> try_emplace(Handle handle, Value&& value)
+    {
+        if (m_newest == m_blocks.end() || m_newest->first != handle / BLOCK_LENGTH)
+        {
+            m_newest = m_blocks.try_emplace(handle / BLOCK_LENGTH).first;
+        }
+        Block& block = m_newest->second;
+        std::optional<Entry>& place = placeOf(block, handle);
+        const bool isNew = !place;
+        if (isNew)
+        {
+            place.emplace(handle, std::move(value), block);
+            ++block.count;
+            ++m_size;
+        }
+        return {&*place, isNew};
+    }
+
+    Value extract(Entry& entry)
+    {
+        const Handle handle = entry.first;
+        Block& block = entry.m_block;
+        Value value = std::move(entry.second);
+        placeOf(block, handle).reset();
+        --m_size;
+        if (--block.count == 0)
+        {
+            const auto empty = m_blocks.find(handle / BLOCK_LENGTH);
+            m_newest = m_newest == empty ? m_blocks.end() : m_newest;
+            m_blocks.erase(empty);
+        }
+        return value;
+    }
+
+    /// In ascending order of the handles.
+    template <class Visit> void forEach(Visit visit)
+    {
+        for (auto& [number, block] : m_blocks)
+        {
+            for (std::optional<Entry>& place : block.places)
+            {
+                if (place)
+                {
+                    visit(*place);
+                }
+            }
+        }
+    }
+
+private:
+    static constexpr Handle BLOCK_LENGTH = 16;
+
+    struct Block
+    {
+        std::array<std::optional<Entry>, BLOCK_LENGTH> places;
+        Handle count = 0; // of values
+    };
+
+    [[nodiscard]] static std::optional<Entry>& placeOf(Block& block, Handle handle)
+    {
+        return block.places[handle % BLOCK_LENGTH];
+    }
+
+    std::map<Handle, Block> m_blocks;                                     // by handle / BLOCK_LENGTH; none is empty
+    typename std::map<Handle, Block>::iterator m_newest = m_blocks.end(); // the one that was added to last
+    std::size_t m_size = 0;
+};
