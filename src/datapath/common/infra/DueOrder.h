@@ -32,8 +32,7 @@ public:
         /// Items of the same time are told apart by what they point to, so that each is found quickly.
         friend bool operator<(const Entry& left, const Entry& right)
         {
-            return left.timeMs != right.timeMs ? left.timeMs < right.timeMs
-                                               : std::less<const void*>()(&*left.item, &*right.item);
+            return left.timeMs != right.timeMs ? left.timeMs < right.timeMs : std::less<>()(&*left.item, &*right.item);
         }
     };
 

@@ -86,7 +86,8 @@ struct Model : Timers
             table.at(replaced).cancelled = true;
             texts.push_back(ADD_TIMER + "replacing existing timer handle=" + std::to_string(replaced));
         }
-        table.try_emplace(++last, static_cast<std::uint64_t>(nowMs) + intervalMs, oneShot ? 0 : intervalMs, &context);
+        const std::uint64_t dueMs = static_cast<std::uint64_t>(nowMs) + intervalMs;
+        table.try_emplace(++last, Entry{dueMs, oneShot ? 0 : intervalMs, &context});
         texts.push_back(addedText(replaced, last));
         return last;
     }

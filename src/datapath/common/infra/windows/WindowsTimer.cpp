@@ -220,11 +220,14 @@ bool WindowsTimer::checkInvariants()
 {
     const MutexGuard activation(m_activationMutex);
     const MutexGuard guard(m_timersMutex);
+    std::vector<Timer*> timers;
+    m_timers.forEach([&](Timer& timer) { timers.push_back(&timer); });
     std::size_t found = 0;
-    m_timers.forEach([&](Timer& timer) {
-        const bool isTaken = std::ranges::find(m_taken, timer.first, &TakenTimer::handle) != m_taken.end();
-        found += m_order.contains(orderOf(timer)) != isTaken ? 1U : 0U;
-    });
+    for (Timer* const timer : timers)
+    {
+        const bool isTaken = std::ranges::find(m_taken, timer->first, &TakenTimer::handle) != m_taken.end();
+        found += m_order.contains(orderOf(*timer)) != isTaken ? 1U : 0U;
+    }
     const std::size_t count = m_order.size() + m_taken.size();
     return found == count && m_order.checkInvariants() && count == m_timers.size() && m_timers.itemCount() == count;
 }
