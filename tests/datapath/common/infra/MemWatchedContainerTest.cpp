@@ -72,7 +72,7 @@ TEST(MemWatchedContainers, ManyThreadsMayComeAndGoWhileServicesAreMade)
             Logger::instance().removeThreadName();
         }
     });
-    expectReport({" estimatedTotal=0 in 2 containers"});
+    expectReport({"ContainerName = Timers items = 0", " estimatedTotal=0 in 3 containers"});
 }
 
 } // namespace
