@@ -262,7 +262,7 @@ TEST(TimerCallbacks, BehaveAsIfEachPassCopiedTheTable)
         };
     }
     std::minstd_rand random(1);
-    for (int step = 0; step < 6'000; ++step)
+    for (int step = 0; step < 3'000; ++step)
     {
         const auto action = random() % 8;
         nowMs += action < 2 ? static_cast<std::int64_t>(random() % 100) : 0;
