@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <iostream>
-#include <ranges>
 #include <utility>
 
 namespace
@@ -144,10 +143,7 @@ std::vector<Logger::Ticket> Logger::ticketsOf(std::uint64_t order)
 void Logger::setOrder(const std::vector<Ticket>& tickets)
 {
     std::uint64_t order = 0;
-    for (const Ticket ticket : tickets | std::views::reverse)
-    {
-        order = order << TICKET_BITS | ticket;
-    }
+    std::for_each(tickets.rbegin(), tickets.rend(), [&](Ticket ticket) { order = order << TICKET_BITS | ticket; });
     m_order = order;
 }
 
