@@ -1,6 +1,7 @@
 #include "datapath/common/infra/MemShield.h"
 
 #include "datapath/common/infra/MemShieldAO.h"
+#include "datapath/common/infra/MemoryPool.h"
 #include "datapath/common/infra/MemoryReport.h"
 #include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/Timer.h"
@@ -250,6 +251,7 @@ void MemShield::waitForEnd()
 {
     Tweaks::instance().unlockForGood();
     MemWatcher::instance().endReportForGood();
+    MemoryPoolImpl::endReportsForGood();
     Semaphore never(0);
     never.wait();
 }

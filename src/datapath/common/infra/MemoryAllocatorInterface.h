@@ -3,7 +3,9 @@
 // What the memory pool and the memory heap have in common: whoever holds a segment can give it back without knowing
 // where it came from. Any thread may call. Sizes are in bytes.
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <list>
 
 class ModuleMemoryInformation;
@@ -31,7 +33,8 @@ public:
     MemoryAllocatorInterface& operator=(const MemoryAllocatorInterface&) = delete;
     virtual ~MemoryAllocatorInterface() = default;
 
-    /// Gives every segment from that position to the end back; their buffers are null then. Not for segments that were
+    /// Gives every segment from that position to the end back; their buffers are null then. Nothing for a position that
+    /// is not in the list. Not for segments that were
     /// given back already, nor for those of another allocator: that ends the process.
     virtual void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) = 0;
     virtual void freeSegment(MemorySegment& segment) = 0;
@@ -41,4 +44,12 @@ public:
 
     /// In bytes.
     [[nodiscard]] virtual std::uint32_t getChunkSize() const = 0;
+
+protected:
+    [[nodiscard]] static std::list<MemorySegment>::iterator positionOf(std::list<MemorySegment>& segments,
+                                                                       std::int32_t index)
+    {
+        const bool isInside = index >= 0 && static_cast<std::size_t>(index) < segments.size();
+        return isInside ? std::next(segments.begin(), index) : segments.end();
+    }
 };

@@ -2,7 +2,6 @@
 
 #include "datapath/common/infra/MemShield.h"
 
-#include <iterator>
 #include <vector>
 
 namespace
@@ -67,7 +66,7 @@ MemorySegment MemoryHeap::takeSegment(HeapModuleMemoryInformation& module, std::
 
 void MemoryHeap::freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex)
 {
-    for (auto segment = std::next(segments.begin(), fromIndex); segment != segments.end(); ++segment)
+    for (auto segment = positionOf(segments, fromIndex); segment != segments.end(); ++segment)
     {
         freeSegment(*segment);
     }

@@ -74,6 +74,17 @@ std::uint32_t checkedChunkSize(std::uint32_t chunkSize)
     return chunkSize;
 }
 
+/// Of a segment that is given back.
+void check(bool holds, const SourcePlace& place, const char* condition)
+{
+    if (!holds)
+    {
+        static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::freeSegmentContentLocked",
+                                              .fields = "MemoryPoolImpl,freeSegmentContentLocked"};
+        CheckFailure(LoggerId::OLM, METHOD, place, condition) << std::endl;
+    }
+}
+
 /// To a whole number of units; the largest there is if that is too much.
 std::uint64_t roundedUp(std::uint64_t bytes, std::uint64_t unit)
 {
@@ -107,6 +118,8 @@ public:
 
     char* memory = nullptr; // of the new block
     const std::uint32_t size;
+    // Kept here: the last copy is released without the pool's lock.
+    FutureInternal::Future<RcStatus> future = FutureInternal::Future<RcStatus>::ready(RC_ERROR);
 
 private:
     MemoryPoolImpl& m_pool;
@@ -214,6 +227,7 @@ MemoryPoolImpl::~MemoryPoolImpl()
     for (const auto& [name, module] : m_modules)
     {
         m_waitingList.unsubscribe(&module->waiting());
+        abortRequestsLocked(*module);
         MemShield::destroy(module, SourcePlace::here());
     }
 }
@@ -392,8 +406,8 @@ FutureInternal::Future<RcStatus> MemoryPoolImpl::requestMemory(ModuleMemoryInfor
     std::uint32_t missingBytes = bytes;
     std::uint32_t numSegments = 0;
     const Guard guard(*this);
-    // While others wait there is nothing but the module's own reservation, so nobody is overtaken.
-    if (getMmiPendingRequestsLocked(module) == 0 &&
+    // While others wait, growth that has failed is tried for them first.
+    if (getMmiPendingRequestsLocked(module) == 0 && !m_waitingList.hasWaiting() &&
         takeSegmentsLocked(module, missingBytes, buffer, numSegments).isAbleToGetMemory)
     {
         return Future::ready(RC_OK);
@@ -427,6 +441,10 @@ void MemoryPoolImpl::serveLocked(const std::vector<ModuleMemoryInformation*>& af
             giveMemoryToModuleLocked(*module);
         }
     }
+    if (m_waitingList.hasWaiting() && freeBytesLocked() != 0) // growth succeeded after it had failed for these
+    {
+        giveMemoryToWaiterLocked();
+    }
 }
 
 // Giving back
@@ -435,7 +453,7 @@ void MemoryPoolImpl::freeSegments(std::list<MemorySegment>& segments, std::int32
 {
     std::vector<char*> unowned;
     {
-        const auto first = std::next(segments.begin(), fromIndex);
+        const auto first = positionOf(segments, fromIndex);
         const Guard guard(*this);
         std::for_each(first, segments.end(), [&](MemorySegment& segment) {
             assertLocked();
@@ -477,19 +495,12 @@ void MemoryPoolImpl::freeSegment(MemorySegment& segment)
 /// Of a segment that never was a module's.
 void MemoryPoolImpl::releaseUnowned(char* buffer)
 {
+    check(buffer != nullptr, SourcePlace::here(), "segment->buffer != 0"); // given back already
     MemShield::destroyArray(buffer, SourcePlace::numbered(NUMBER_UNOWNED_RELEASED));
 }
 
 void MemoryPoolImpl::freeSegmentContentLocked(MemorySegment& segment)
 {
-    const auto check = [](bool holds, const SourcePlace& place, const char* condition) {
-        if (!holds)
-        {
-            static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::freeSegmentContentLocked",
-                                                  .fields = "MemoryPoolImpl,freeSegmentContentLocked"};
-            CheckFailure(LoggerId::OLM, METHOD, place, condition) << std::endl;
-        }
-    };
     check(segment.owner != MemorySegment::NoOwner, SourcePlace::numbered(NUMBER_NO_OWNER),
           "mmi != MemorySegment::NoOwner");
     check(!segment.owner->isHeapMemory(), SourcePlace::numbered(NUMBER_OF_THE_HEAP), "!info->isHeapMemory()");
@@ -551,6 +562,7 @@ std::uint64_t MemoryPoolImpl::releaseUnused()
         const auto isBefore = std::less<const char*>();
         std::ranges::sort(m_singleAllocations, isBefore, &SingleAllocation::memory);
         const auto blockOf = [&](const FreeChunk* chunk) {
+            assertLocked();
             const auto after = std::ranges::upper_bound(m_singleAllocations, reinterpret_cast<const char*>(chunk),
                                                         isBefore, &SingleAllocation::memory);
             return static_cast<std::size_t>(after - m_singleAllocations.begin()) - 1;
@@ -811,13 +823,14 @@ void MemoryPoolImpl::requestForMoreAllocationLocked()
             return Future::ready(RC_ABORTED);
         }
     };
-    if (Future future = allocate(); future.isSet())
+    helper->future = allocate();
+    if (helper->future.isSet())
     {
-        requestForMoreAllocationDoneLocked(future.get());
+        requestForMoreAllocationDoneLocked(helper->future.get());
     }
     else
     {
-        future.addObserver(helper);
+        helper->future.addObserver(helper);
     }
 }
 

@@ -76,7 +76,8 @@ public:
     MemoryPoolImpl() : MemoryPoolImpl(Settings()) {}
     explicit MemoryPoolImpl(const Settings& settings);
 
-    /// Waits for growth in flight. Ends the process if there is memory left: call releaseUnused before. Detach the pool
+    /// Waits for growth in flight; what still waits is completed with RC_ABORTED. Ends the process if there is memory
+    /// left: call releaseUnused before. Detach the pool
     /// from others, and others from it, first. A derived class whose growth answers late has to wait for that itself.
     ~MemoryPoolImpl() override;
 
@@ -115,6 +116,9 @@ public:
     /// one that is attached already, and for one from which this pool can be reached.
     bool attachSubPool(MemoryPoolImpl& pool) EXCLUDES(m_subPoolsMutex);
     bool detachSubPool(MemoryPoolImpl& pool) EXCLUDES(m_subPoolsMutex);
+
+    /// For a thread that never goes on: lets reports of other threads pass those of the calling one.
+    static void endReportsForGood();
 
     /// For tests: whether figures, free chunks, modules and what waits agree.
     [[nodiscard]] bool checkInvariants() EXCLUDES(m_mutex);

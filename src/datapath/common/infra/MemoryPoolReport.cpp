@@ -22,6 +22,14 @@ constexpr std::int64_t MS_PER_SECOND = 1000;
 constexpr int NO_FRACTION = 0;
 constexpr MethodText USAGE = {.text = "MemoryPoolImpl::printMemoryUsage", .fields = "MemoryPoolImpl,printMemoryUsage"};
 
+/// A report of sub-pools that the calling thread is writing, and the one that it is part of.
+struct SubPoolReport
+{
+    OwnedMutex& mutex;
+    const SubPoolReport* outer;
+};
+constinit thread_local const SubPoolReport* innermostReport = nullptr;
+
 /// Two pools that become each other's sub-pools at the same moment would be a circle.
 Mutex& topologyLock() { return creationLock<struct PoolTopology>(); }
 
@@ -98,6 +106,8 @@ void MemoryPoolImpl::printSubPools()
     std::uint64_t maxFree = 0;
     std::uint64_t maxUsed = 0;
     const MutexGuard guard(m_subPoolsMutex);
+    const SubPoolReport report{m_subPoolsMutex, innermostReport};
+    innermostReport = &report;
     for (MemoryPoolImpl* const pool : m_subPools)
     {
         pool->printMemoryUsage();
@@ -114,6 +124,16 @@ void MemoryPoolImpl::printSubPools()
                                                                << " totalFrag=" << totalFrag << " "
                                                                << " maxFree=" << maxFree << " "
                                                                << " maxUsed=" << maxUsed << " " << std::endl;
+    innermostReport = report.outer;
+}
+
+void MemoryPoolImpl::endReportsForGood()
+{
+    for (; innermostReport != nullptr; innermostReport = innermostReport->outer)
+    {
+        innermostReport->mutex.assertLocked();
+        innermostReport->mutex.unlock();
+    }
 }
 
 void MemoryPoolImpl::monitorPendingMemoryAllocations()
@@ -206,6 +226,7 @@ bool MemoryPoolImpl::detachSubPool(MemoryPoolImpl& pool)
 bool MemoryPoolImpl::areFreeChunksSoundLocked() const
 {
     const auto isInABlock = [this](const char* chunk) {
+        assertLocked();
         return std::ranges::any_of(m_singleAllocations, [&](const SingleAllocation& block) {
             return !std::less<const char*>()(chunk, block.memory) && chunk < block.memory + block.size &&
                    (chunk - block.memory) % m_chunkSize == 0;
