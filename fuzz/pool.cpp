@@ -1,0 +1,11 @@
+// Operations of memory pools from bytes, compared with a plain model after each one.
+
+#include "fuzz/PoolOperations.h"
+#include "fuzz/Support.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
+{
+    const std::string fault = poolFaultOf({data, size});
+    require(fault.empty(), fault.c_str());
+    return 0;
+}
