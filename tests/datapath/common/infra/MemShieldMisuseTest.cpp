@@ -3,6 +3,8 @@
 #include "datapath/common/infra/MemShield.h"
 
 #include "datapath/common/infra/HeapMemoryAllocationTracker.h"
+#include "datapath/common/infra/MemoryHeap.h"
+#include "datapath/common/infra/MemoryPool.h"
 #include "datapath/common/infra/SystemHeapBytes.h"
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
@@ -54,18 +56,22 @@ template <class Byte> Byte* written(Byte* bytes, std::size_t offset, int value)
     return bytes;
 }
 
-/// While a misuse is reported, two threads find more: under the lock of the tweaks, and in a CPU report.
+/// While a misuse is reported, threads find more: under the lock of the tweaks, in a CPU report and in one of
+/// sub-pools.
 void misuseUnderLocks()
 {
     static std::atomic<int> misuses = 0;
     static thread_local bool isOther = false;
-    const auto misuse = [](const std::string&) { isOther ? ++misuses, releaseWhatIsNoBlock() : void(); };
-    new HookedClient("Updating tweak", misuse);
-    new HookedClient("cpu ticks in", misuse);
+    new HookedClient("", [](const std::string& line) {
+        const auto has = [&](const char* text) { return line.find(text) != std::string::npos; };
+        isOther && (has("Updating tweak") || has("cpu ticks in") || has("subMemPools")) ? ++misuses,
+            releaseWhatIsNoBlock()                                                      : void();
+    });
     new HookedClient("un-allocated", [](const std::string&) {
         std::thread([] { isOther = true, Tweaks::instance().update("t_a", "1"); }).detach();
         std::thread([] { isOther = true, MemWatcher::instance().printCpu(); }).detach();
-        waitUntil([] { return misuses == 2; });
+        std::thread([] { isOther = true, MemoryPoolImpl::instance().printMemoryUsage(); }).detach();
+        waitUntil([] { return misuses == 3; });
     });
     releaseWhatIsNoBlock();
 }
@@ -82,6 +88,40 @@ void misuseOnANeededThread()
     });
     releaseWhatIsNoBlock();
 }
+
+/// In the report with the process-wide pool, whose lock is therefore free.
+template <class Pool> Pool& reportedPool()
+{
+    auto& pool = *new Pool({.chunkSize = 65'536, .maxPoolSize = 1});
+    MemoryPoolImpl::instance().attachSubPool(pool);
+    return pool;
+}
+
+/// The pool destroys it when it is served: as one of those that wait, or out of its module's reservation.
+void overrunRequestThatWaited(std::uint64_t reservedBytes)
+{
+    auto& pool = reportedPool<MemoryPoolImpl>();
+    ModuleMemoryInformation& hungry = *pool.registerModule({.name = "hungry"});
+    ModuleMemoryInformation& module = *pool.registerModule({.name = "module", .reservedBytes = reservedBytes});
+    std::array<ScatteredBuf, 3> buffers;
+    static_cast<void>(pool.requestMemory(module, 1, buffers[0], 1));
+    reservedBytes == 0 ? void() : static_cast<void>(pool.requestMemory(hungry, 3U << 20U, buffers[1], 2));
+    static_cast<void>(pool.requestMemory(module, 2U << 20U, buffers[2], 3));
+    auto* const request = reinterpret_cast<char*>(module.waiting().queue().front().request);
+    request[100] = 65; // in the margin
+    pool.freeSegments(buffers[0].getSegments(), 0);
+}
+
+/// Growth that writes after the end of what describes it, and fails.
+struct OverrunningPool : MemoryPoolImpl
+{
+    using MemoryPoolImpl::MemoryPoolImpl;
+    FutureInternal::Future<RcStatus> allocateSingleAllocation(std::uint32_t /*size*/, char*& memory) override
+    {
+        (reinterpret_cast<char*>(&memory))[80] = 65; // in the margin
+        return FutureInternal::Future<RcStatus>::ready(RC_ABORTED);
+    }
+};
 
 const std::string END = "MemShield,memshieldError,Assertion (false) failed datapath/common/infra/MemShield.cpp 342\n";
 
@@ -114,6 +154,23 @@ std::string overrun(const std::string& type, const std::string& file, const std:
                                          "  it->second.m_file=" + file + "  it->second.m_line=" + line +
                                          "  it->second.m_size=100  it->second.m_arrayLength=" + arrayLength + " \n");
 }
+
+/// The report of an overrun in what a pool or the heap released, with the usage of both where it belongs.
+std::string overrunIn(const std::string& unit, const std::string& line, const std::string& pool,
+                      const std::string& heap)
+{
+    const std::string usage = "~,OLM,MemoryPoolImpl,printMemoryUsage,";
+    return "~MemShield,freeAndUnregister,memory overrun (during free)!~->65,]~freed at file=datapath/common/infra/" +
+           unit + ".cpp  line=" + line + " \n~MemWatchedContainerDatabase,printWatchedContainers," + usage +
+           "Memory POOL:  m_usedMemoryGross=0  m_usedMemoryNet=0  free=0\n" + usage + pool +
+           "\nMemoryHeap,printMemoryUsage,Memory HEAP:  " + heap + "MemWatcher,printMem,~" + END;
+}
+
+const std::string NO_SUB_POOLS = "subMemPools: totalFree=0  totalUsed=0  totalFrag=0  maxFree=0  maxUsed=0 ";
+const std::string NO_HEAP = "m_usedMemoryGross=0  m_usedMemoryNet=0 \n";
+
+/// The line of a failed check, from the log client and from the end of the process.
+std::string failedCheck(const std::string& check) { return "~ datapath/common/infra/" + check + "~,Assert,~"; }
 
 const std::string UNIT = "datapath/common/infra/MemShield.cpp ";
 const std::string TRACKER = "datapath/common/infra/HeapMemoryAllocationTracker.cpp";
@@ -167,6 +224,65 @@ const std::vector<Misuse> MISUSES = {
      "Tweaks,update,Updating tweak:~" + unallocated("")},
     {"misusesUnderLocks", misuseUnderLocks, UNALLOCATED + "~" + report("", "")},
     {"misuseOnANeededThread", misuseOnANeededThread, UNALLOCATED + UNALLOCATED + END},
+    {"heapSegmentOverrun",
+     [] {
+         MemorySegment segment =
+             MemoryHeap::instance().takeSegment(*MemoryHeap::instance().registerModule("Index", nullptr), 100);
+         segment.buffer[100] = 65;
+         MemoryHeap::instance().freeSegment(segment);
+     },
+     overrunIn("MemoryHeap", "67", NO_SUB_POOLS,
+               "m_usedMemoryGross=4096  m_usedMemoryNet=100 \nMemoryHeap,printMemoryUsage,Index: used=4096\n")},
+    {"segmentWithoutOwnerOverrun",
+     [] {
+         std::list<MemorySegment> segments{{.sizeBytes = 5, .buffer = MemShield::createArray<char>(ARRAY_SITE, 5)}};
+         segments.front().buffer[5] = 65;
+         reportedPool<MemoryPoolImpl>().freeSegments(segments, 0);
+     },
+     overrunIn("MemoryPool", "311", "Memory POOL: ~" + NO_SUB_POOLS + "~" + NO_SUB_POOLS, NO_HEAP)},
+    {"requestThatWaitedOverrun", [] { overrunRequestThatWaited(0); },
+     overrunIn("WaitingRequestsQueue", "37",
+               "Memory POOL:  m_usedMemoryGross=2097152  m_usedMemoryNet=2097152  free=0\n~", NO_HEAP)},
+    {"requestServedFromItsReservationOverrun", [] { overrunRequestThatWaited(2U << 20U); },
+     overrunIn("WaitingRequestsQueue", "87",
+               "Memory POOL:  m_usedMemoryGross=2097152  m_usedMemoryNet=2097152  free=0\n~", NO_HEAP)},
+    {"growthOverrun",
+     [] {
+         auto& pool = reportedPool<OverrunningPool>();
+         ScatteredBuf buffer;
+         static_cast<void>(pool.requestMemory(*pool.registerModule({.name = "module"}), 1, buffer, 1));
+     },
+     overrunIn("MemoryPool", "208", "Memory POOL: ~module: used=0 pending=1\n~", NO_HEAP)},
+    {"segmentOfNoOwner",
+     [] {
+         MemorySegment segment{.owner = MemorySegment::NoOwner};
+         MemoryPoolImpl::instance().freeSegment(segment);
+     },
+     failedCheck("MemoryPool.cpp 303: mmi != MemorySegment::NoOwner failed. \n")},
+    {"segmentGivenBackTwice",
+     [] {
+         MemorySegment segment;
+         MemoryPoolImpl::instance().freeSegment(segment);
+     },
+     failedCheck("MemoryPool.cpp #: segment->buffer != 0 failed. \n")},
+    {"heapSegmentOfNoOwner",
+     [] {
+         MemorySegment segment{.owner = MemorySegment::NoOwner};
+         MemoryHeap::instance().freeSegment(segment);
+     },
+     failedCheck("MemoryHeap.cpp 64: mmi != MemorySegment::NoOwner failed. \n")},
+    {"heapSegmentOfNobody",
+     [] {
+         MemorySegment segment;
+         MemoryHeap::instance().freeSegment(segment);
+     },
+     failedCheck("MemoryHeap.cpp 65: mmi != 0 failed. \n")},
+    {"heapSegmentOfAPool",
+     [] {
+         MemorySegment segment{.owner = reportedPool<MemoryPoolImpl>().registerModule({.name = "module"})};
+         MemoryHeap::instance().freeSegment(segment);
+     },
+     failedCheck("MemoryHeap.cpp 66: mmi->isHeapMemory() failed. \n")},
     {"sizeZero", [] { makeObject(0); }, ALLOCATION + "Assertion (size > 0) failed " + UNIT + "119\n"},
     {"sizeTooLarge",
      [] {

@@ -2,56 +2,422 @@
 
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/MemoryHeap.h"
+#include "datapath/common/infra/Timer.h"
+#include "fuzz/PoolOperations.h"
+#include "platform/Threads.h"
+#include "platform/Time.h"
 #include "tests/support/Support.h"
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <thread>
 
 #include <gtest/gtest.h>
 
 namespace
 {
 
+constexpr std::uint32_t BLOCK = 2U << 20U;
 constexpr std::uint32_t CHUNK = 65'536;
 
-using Sizes = std::vector<std::uint64_t>;
+using Future = FutureInternal::Future<RcStatus>;
+using Texts = std::vector<std::string>;
+std::int64_t nowMs = 20'000;
 
 struct MemoryPool : testing::Test
 {
     MemoryPool() { MemShield::setEnabled(false); }
 
-    static Sizes sizesOf(const ScatteredBuf& buffer)
+    /// Compares the messages of a level and logger since the last call.
+    void expectMessages(const std::string& head, const Texts& expected)
     {
-        Sizes sizes;
-        for (const MemorySegment& segment : buffer.getSegments())
+        Texts messages = client.messages();
+        messages.erase(messages.begin(), messages.begin() + std::exchange(numSeen, std::ssize(messages)));
+        std::erase_if(messages, [&](const std::string& message) { return !message.starts_with(head); });
+        EXPECT_EQ(expected.size(), messages.size());
+        for (std::size_t i = 0; i < std::min(messages.size(), expected.size()); ++i)
         {
-            sizes.push_back(segment.getSizeBytes());
+            EXPECT_PRED2(matches, messages[i], head + expected[i]);
         }
-        return sizes;
     }
 
     const ScratchFolder folder;
     const CapturingClient client;
+    std::ptrdiff_t numSeen = 0;
 };
+
+/// Growth that somebody else answers, also while the pool is being destroyed.
+struct LateGrowth
+{
+    void fail(RcStatus status)
+    {
+        asked.wait();
+        Future(future).set(status);
+    }
+    char** memory = nullptr;
+    Future future = Future::ready(RC_OK);
+    Semaphore asked{0};
+};
+
+struct LatePool : MemoryPoolImpl
+{
+    LatePool(const Settings& settings, LateGrowth& itsGrowth) : MemoryPoolImpl(settings), growth(itsGrowth) {}
+    Future allocateSingleAllocation(std::uint32_t /*size*/, char*& memory) override
+    {
+        growth.memory = &memory;
+        Future future;
+        growth.future = future;
+        growth.asked.signal();
+        return future;
+    }
+    void succeed()
+    {
+        growth.asked.wait();
+        Future future = growth.future;
+        static_cast<void>(MemoryPoolImpl::allocateSingleAllocation(BLOCK, *growth.memory));
+        future.set(RC_OK);
+    }
+    LateGrowth& growth;
+};
+
+/// A segment of a request that can be served at once.
+MemorySegment take(MemoryPoolImpl& pool, ModuleMemoryInformation& module, std::uint32_t bytes = 1)
+{
+    ScatteredBuf buffer;
+    EXPECT_EQ(RC_OK, pool.requestMemory(module, bytes, buffer, 0).get());
+    return buffer.getSegments().front();
+}
 
 TEST_F(MemoryPool, ARequestBeyondItsModulesLimitWaitsWithWhatItHas)
 {
     MemoryPoolImpl pool({.chunkSize = CHUNK, .maxPoolSize = 1});
     ModuleMemoryInformation& module = *pool.registerModule({.name = "limited", .limitBytes = 3 * CHUNK + 1});
     ScatteredBuf buffer;
-    const auto future = pool.requestMemory(module, 200'000, buffer, 7);
-    EXPECT_FALSE(future.isSet());
-    EXPECT_EQ((Sizes{CHUNK, CHUNK, CHUNK}), sizesOf(buffer));
+    const Future future = pool.requestMemory(module, 200'000, buffer, 7);
+    ScatteredBuf later;
+    const Future laterFuture = pool.requestMemory(module, 1, later, 8);
     pool.printMemoryUsage();
-    const std::vector<std::string> report = client.messages();
-    EXPECT_EQ("Info,OLM,MemoryPoolImpl,printMemoryUsage,limited: limit=196608 used=196608 pending=1", report.end()[-2]);
-    char* const first = buffer.getSegments().front().buffer;
-    EXPECT_EQ('\xFE', first[100]);
-    pool.freeSegment(buffer.getSegments().front());
-    EXPECT_EQ(RC_OK, future.get());
-    EXPECT_EQ(3'392U, buffer.getSegments().back().getSizeBytes());
-    EXPECT_EQ(first, buffer.getSegments().back().buffer); // given back last, handed out first
-    pool.freeSegments(buffer.getSegments(), 1);
-    EXPECT_TRUE(pool.checkInvariants());
+    expectMessages("Info,OLM,MemoryPoolImpl,",
+                   {"allocatePagesFromSingleAllocationLocked,allocated 2097152 bytes",
+                    "printMemoryUsage,Memory POOL:  m_usedMemoryGross=196608  m_usedMemoryNet=196608  free=1900544",
+                    "printMemoryUsage,limited: limit=196608 used=196608 pending=2",
+                    "printMemoryUsage,subMemPools: totalFree=0  totalUsed=0  totalFrag=0  maxFree=0  maxUsed=0 "});
+    EXPECT_TRUE(!future.isSet() && !laterFuture.isSet() && buffer.isUniform() && buffer.owner() == &module);
+    EXPECT_EQ((std::pair<std::uint64_t, std::size_t>(3 * CHUNK, 3)),
+              std::pair(buffer.totalBytes(), buffer.getSegments().size()));
+    char* const last = buffer.getSegments().back().buffer;
     EXPECT_TRUE(pool.unregisterModule(module));
-    EXPECT_EQ(2U << 20U, pool.releaseUnused());
+    EXPECT_TRUE(future.get() == RC_ABORTED && laterFuture.get() == RC_ABORTED && buffer.getSegments().empty());
+    ModuleMemoryInformation& next = *pool.registerModule({.name = "limited"});
+    MemorySegment segment = take(pool, next);
+    EXPECT_EQ(last, segment.buffer); // given back last, handed out first
+    std::list<MemorySegment> segments{segment};
+    pool.freeSegments(segments, 1);
+    pool.freeSegments(segments, 2);
+    pool.freeSegments(segments, -1);
+    EXPECT_EQ(CHUNK, pool.usage().gross);
+    pool.freeSegments(segments, 0);
+    EXPECT_TRUE(pool.unregisterModule(next) && pool.checkInvariants());
+    EXPECT_EQ(BLOCK, pool.releaseUnused());
 }
+
+void expectFillings(bool isGuarded)
+{
+    MemShield::setEnabled(isGuarded);
+    waitForOwnThreads();
+    const std::uint64_t heapBytes = MemShield::systemHeapBytes();
+    MemoryPoolImpl pool({.chunkSize = CHUNK, .maxPoolSize = 1});
+    ModuleMemoryInformation& module = *pool.registerModule({.name = "m"});
+    for (const char filling : {'\xFE', isGuarded ? '\xEE' : 'x'})
+    {
+        MemorySegment segment = take(pool, module);
+        const auto isFilling = [filling](char byte) { return byte == filling; };
+        EXPECT_TRUE(std::all_of(segment.buffer + 16, segment.buffer + CHUNK, isFilling)); // after the links
+        std::memset(segment.buffer, 'x', CHUNK);
+        pool.freeSegment(segment);
+    }
+    EXPECT_GT(heapBytes + CHUNK, MemShield::systemHeapBytes()); // blocks of pools are not counted
+    EXPECT_TRUE(pool.unregisterModule(module));
+    pool.releaseUnused();
+    EXPECT_EQ(heapBytes, MemShield::systemHeapBytes());
+}
+
+TEST_F(MemoryPool, FillsFreshChunks) { expectFillings(false); }
+TEST_F(MemoryPool, FillsFreshAndReturnedChunksWhileMemoryIsGuarded) { expectFillings(true); }
+
+TEST_F(MemoryPool, BrokenFiguresEndTheProcess)
+{
+    static const LettingGo lettingGo;
+    struct OddPool : MemoryPoolImpl
+    {
+        using MemoryPoolImpl::MemoryPoolImpl;
+        std::uint32_t singleAllocationSize() const override { return CHUNK + 16; }
+    };
+    const auto expectChecks = [&](const std::string& method, const Texts& checks) {
+        Texts expected;
+        for (const std::string& check : checks)
+        {
+            expected.push_back(method + ", datapath/common/infra/MemoryPool.cpp " + check);
+        }
+        expectMessages("Assert,OLM,", expected);
+    };
+    for (const auto& [free, isAble, isEmpty] : {std::tuple(5, true, true), {5, false, false}, {0, true, false}})
+    {
+        MemoryPoolImpl::FreeBytesInfo(static_cast<std::uint64_t>(free), isAble, isEmpty);
+    }
+    expectChecks(
+        "MemoryPoolImpl::FreeBytesInfo,FreeBytesInfo",
+        {"56: m_free == 0 failed. ambiguity related to the question: is mmi able to get memory m_free=5",
+         "51: freeInMmi == true failed. trying to give memory to a full mmi",
+         "69: false failed. unknown getFreeBytesLocked result:isAbleToGetMemory=1isEmptyMemPool=0isFullMmi=0"});
+    auto& pool = *new MemoryPoolImpl({.chunkSize = CHUNK, .maxPoolSize = BLOCK});
+    auto& odd = *new OddPool({.chunkSize = CHUNK, .maxPoolSize = 1});
+    ModuleMemoryInformation& module = *pool.registerModule({.name = "m"});
+    MemorySegment segment = take(pool, module, 7);
+    pool.addUsedMemoryNet(5);
+    pool.freeSegment(segment);
+    pool.addUsedMemoryNet(-5);
+    expectChecks("MemoryPoolImpl,freeChunkFromMmiLocked", {"327: m_usedMemoryNet == 0 failed. "});
+    segment = take(pool, module, 7);
+    ModuleMemoryInformation& other = *odd.registerModule({.name = "other"});
+    segment.owner = &other; // of another pool
+    odd.freeSegment(segment);
+    expectChecks("MemoryPoolImpl,freeChunkFromMmiLocked",
+                 {"319: m_usedMemoryGross >= m_chunkSize failed.  m_usedMemoryGross=0",
+                  "321: m_usedMemoryNet >= netBytes failed.  m_usedMemoryNet=0segment size = 7",
+                  "334: mmi->getCurrentlyUsedBytes() >= m_chunkSize failed.  mmi->getCurrentlyUsedBytes()=0 "
+                  "m_chunkSize=65536"});
+    segment = take(pool, module, 7);
+    HeapModuleMemoryInformation heapModule("heap", nullptr);
+    heapModule.addUsedBytes(CHUNK);
+    segment.owner = &heapModule;
+    pool.freeSegment(segment);
+    expectChecks("MemoryPoolImpl,freeSegmentContentLocked", {"343: !info->isHeapMemory() failed. "});
+    auto& grown = *new OddPool({.chunkSize = CHUNK, .maxPoolSize = 1});
+    static_cast<void>(take(grown, *grown.registerModule({.name = "m"})));
+    expectChecks("MemoryPoolImpl,allocatePagesFromSingleAllocationLocked",
+                 {"188: allocationSize % m_chunkSize == 0 failed.  allocationSize=65552 m_chunkSize=65536"});
+    pool.~MemoryPoolImpl();
+    expectChecks("MemoryPoolImpl,~MemoryPoolImpl", {"95: m_totalPollSize == 0 failed.  m_totalPollSize=2097152"});
+    LateGrowth growth;
+    auto& late = *new LatePool({.chunkSize = CHUNK, .maxPoolSize = 1}, growth);
+    ScatteredBuf buffer;
+    static_cast<void>(late.requestMemory(*late.registerModule({.name = "m"}), 1, buffer, 0));
+    growth.fail(RC_ERROR);
+    expectChecks("MemoryAllocationHelper,update",
+                 {"1245: a_val == RC_ABORTED || a_val == RC_TIME_OUT failed.  a_val=1"});
+}
+
+TEST_F(MemoryPool, WhatCannotBeMetIsRefusedByName)
+{
+    MemoryPoolImpl pool({.chunkSize = CHUNK, .maxPoolSize = BLOCK - 1});
+    MemoryPoolImpl sub({.chunkSize = 24});
+    const MemoryPoolImpl tooSmall({.chunkSize = 8});
+    EXPECT_EQ(0U, sub.getChunkSize() + tooSmall.getChunkSize() + MemoryPoolImpl::instance().getChunkSize());
+    const std::string chunks = " bytes is below 16 or no divisor of 2097152, the pool has no chunks";
+    expectMessages("Error,OLM,MemoryPoolImpl,MemoryPoolImpl,a chunk size of ", {"24" + chunks, "8" + chunks});
+    ModuleMemoryInformation* const parent = pool.registerModule({.name = "parent"});
+    ModuleMemoryInformation* const child = pool.registerModule(
+        {.name = "child", .reservedBytes = BLOCK / 2 + 1, .limitBytes = BLOCK - 1, .parent = parent});
+    for (const MemoryPoolImpl::ModuleSettings& settings :
+         {MemoryPoolImpl::ModuleSettings{.name = "child"},
+          {.name = "a", .limitBytes = CHUNK - 1},
+          {.name = "b", .reservedBytes = CHUNK + 1, .limitBytes = 2 * CHUNK - 1},
+          {.name = "c", .reservedBytes = BLOCK / 2},
+          {.name = "d", .reservedBytes = ~std::uint64_t{}},
+          {.name = "e", .parent = child}})
+    {
+        EXPECT_EQ(nullptr, pool.registerModule(settings));
+    }
+    EXPECT_EQ(nullptr, sub.registerModule({.name = "f"}));
+    EXPECT_EQ(nullptr,
+              MemoryPoolImpl({.chunkSize = 16, .maxPoolSize = 1}).registerModule({.name = "g", .parent = parent}));
+    const std::string covered = " bytes cannot be covered beside 1114112 bytes that are in use or reserved, of 2097152";
+    expectMessages("Error,OLM,MemoryPoolImpl,registerModule,module ",
+                   {"\"child\" is not registered: the name is taken",
+                    "\"a\" is not registered: a limit of 65535 bytes is no whole chunk of 65536",
+                    "\"b\" is not registered: a reservation of 65537 bytes takes more chunks than the limit of 131071",
+                    "\"c\" is not registered: a reservation of 1048576" + covered,
+                    "\"d\" is not registered: a reservation of 18446744073709551615" + covered,
+                    "\"e\" is not registered: its parent \"child\" has a reservation or a limit",
+                    "\"f\" is not registered: the pool has no chunks",
+                    "\"g\" is not registered: its parent is not of this pool"});
+    MemorySegment segment = take(pool, *child);
+    EXPECT_FALSE(pool.unregisterModule(*parent) || pool.unregisterModule(*child) || sub.unregisterModule(*child));
+    expectMessages("Error,OLM,MemoryPoolImpl,unregisterModule,cannot unregister ",
+                   {"module \"parent\", which has 1 children", "module \"child\", of which 65536 bytes are in use",
+                    "a module that is not of this pool"});
+    EXPECT_TRUE(sub.attachSubPool(pool));
+    EXPECT_FALSE(sub.attachSubPool(pool) || pool.attachSubPool(sub) || pool.attachSubPool(pool));
+    EXPECT_TRUE(sub.detachSubPool(pool) && !sub.detachSubPool(pool));
+    expectMessages("Error,OLM,MemoryPoolImpl,",
+                   {"attachSubPool,the pool is attached already",
+                    "attachSubPool,a pool cannot be attached to itself or to one that is attached to it",
+                    "attachSubPool,a pool cannot be attached to itself or to one that is attached to it",
+                    "detachSubPool,the pool is not attached"});
+    pool.freeSegment(segment);
+    EXPECT_TRUE(pool.releaseUnused() == 0 && pool.unregisterModule(*child) && pool.unregisterModule(*parent));
+    EXPECT_EQ(BLOCK, pool.releaseUnused());
+}
+
+TEST_F(MemoryPool, GrowthAndLongWaitsAreToldAtMostOnceASecond)
+{
+    const ScopedReplacement tickCount{platform::timeCalls.tickCountMs,
+                                      [] { return static_cast<std::uint64_t>(nowMs); }};
+    const ScopedReplacement frequency{platform::timeCalls.performanceFrequency,
+                                      [](std::int64_t& value) { return (value = 1'000) > 0; }};
+    const ScopedReplacement counter{platform::timeCalls.performanceCounter,
+                                    [](std::int64_t& value) { return (value = nowMs) > 0; }};
+    const auto passMs = [](std::int64_t ms) {
+        nowMs += ms;
+        static_cast<void>(Timer::instance().getTimestampMs());
+    };
+    MemoryPoolImpl pool({.chunkSize = BLOCK, .maxPoolSize = 4 * BLOCK});
+    ModuleMemoryInformation& module = *pool.registerModule({.name = "m"});
+    std::list<MemorySegment> segments;
+    for (const int laterMs : {0, 0, 999, 1})
+    {
+        passMs(laterMs);
+        segments.push_back(take(pool, module));
+    }
+    expectMessages("Info,OLM,MemoryPoolImpl,allocatePagesFromSingleAllocationLocked,",
+                   {"allocated 2097152 bytes", "allocated 8388608 bytes"});
+    ScatteredBuf first;
+    ScatteredBuf second;
+    const Future firstFuture = pool.requestMemory(module, 7, first, 4711);
+    passMs(1);
+    const Future secondFuture = pool.requestMemory(module, BLOCK + 1, second, 4712);
+    for (const int laterMs : {59'999, 999, 1, 1'739'001, 1'000})
+    {
+        passMs(laterMs);
+        pool.printMemoryUsage();
+    }
+    const std::string text = " sec for clients: (clientTraceId,name,requestedBytes,pendingTime)";
+    const std::string info = "Info,OLM,MemoryPoolImpl,monitorPendingMemoryAllocations,Memory allocation pending time "
+                             "reaches threshold of 60" +
+                             text;
+    const std::string error = "Error,OLM,MemoryPoolImpl,monitorPendingMemoryAllocations,Memory allocation pending time "
+                              "reaches threshold of 1800" +
+                              text;
+    Texts lines = client.messages();
+    std::erase_if(lines, [](const std::string& line) { return line.find("pendingTime") == std::string::npos; });
+    EXPECT_EQ((Texts{info + " (4711,m,7,61) (4712,m,2097153,60)", info + " (4711,m,7,1800) (4712,m,2097153,1800)",
+                     error + " (4711,m,7,1800)", info + " (4711,m,7,1801) (4712,m,2097153,1801)",
+                     error + " (4711,m,7,1801) (4712,m,2097153,1801)"}),
+              lines);
+    pool.freeSegments(segments, 1);
+    pool.freeSegments(first.getSegments(), 0);
+    pool.freeSegments(second.getSegments(), 0);
+    pool.freeSegment(segments.front());
+    EXPECT_TRUE(secondFuture.get() == RC_OK && pool.unregisterModule(module));
+    EXPECT_EQ(4 * BLOCK, pool.releaseUnused());
+}
+
+TEST_F(MemoryPool, GrowthThatAnswersLateIsWaitedFor)
+{
+    LateGrowth growth;
+    auto pool =
+        std::make_unique<LatePool>(MemoryPoolImpl::Settings{.chunkSize = CHUNK, .maxPoolSize = 9 * BLOCK}, growth);
+    std::thread answers([&] {
+        pool->succeed();
+        pool->succeed();
+        growth.fail(RC_ABORTED);
+    });
+    ModuleMemoryInformation* const module = pool->registerModule({.name = "a", .reservedBytes = BLOCK + 1});
+    ASSERT_NE(nullptr, module);
+    EXPECT_EQ(nullptr, pool->registerModule({.name = "b", .reservedBytes = BLOCK}));
+    answers.join();
+    expectMessages("Error,OLM,MemoryPoolImpl,registerModule,",
+                   {"module \"b\" is not registered: the pool could not grow for a reservation of 2097152 bytes"});
+    EXPECT_EQ(BLOCK - CHUNK, pool->usage().free);
+    EXPECT_TRUE(pool->unregisterModule(*module));
+    EXPECT_EQ(2 * BLOCK, pool->releaseUnused());
+    ScatteredBuf buffer;
+    const Future future = pool->requestMemory(*pool->registerModule({.name = "c"}), 1, buffer, 0);
+    std::atomic<bool> isAnswered = false;
+    std::thread lateAnswer([&] {
+        platform::sleepMs(20);
+        isAnswered = true;
+        growth.fail(RC_TIME_OUT);
+    });
+    pool.reset();
+    EXPECT_TRUE(isAnswered && future.get() == RC_ABORTED);
+    lateAnswer.join();
+    expectMessages("Assert,", {});
+}
+
+TEST_F(MemoryPool, ServesSeveralThreadsThatWaitForEachOther)
+{
+    MemoryPoolImpl pool({.chunkSize = BLOCK / 4, .maxPoolSize = 1});
+    ModuleMemoryInformation* const parent = pool.registerModule({.name = "parent"});
+    std::vector<ModuleMemoryInformation*> modules;
+    for (const std::uint32_t reserved : {1U, 0U, 0U, 0U})
+    {
+        modules.push_back(
+            pool.registerModule({.name = std::to_string(modules.size()), .reservedBytes = reserved, .parent = parent}));
+    }
+    runInThreads(4, [&](int index) {
+        ModuleMemoryInformation* const module = modules[static_cast<std::size_t>(index)];
+        for (unsigned i = 0; i < 300; ++i)
+        {
+            ScatteredBuf buffer;
+            EXPECT_EQ(RC_OK, pool.requestMemory(*module, (i % 3 + 1) * BLOCK / 4, buffer, i).get());
+            std::memset(buffer.getSegments().back().buffer, index, BLOCK / 4);
+            pool.freeSegments(buffer.getSegments(), 1);
+            pool.freeSegment(buffer.getSegments().front());
+            i % 50 == 0 ? pool.printMemoryUsage() : static_cast<void>(pool.releaseUnused());
+        }
+        EXPECT_TRUE(pool.checkInvariants() && pool.unregisterModule(*module));
+    });
+    EXPECT_TRUE(pool.unregisterModule(*parent));
+    pool.releaseUnused();
+}
+
+TEST_F(MemoryPool, TheHeapCountsAChunkForEachSegment)
+{
+    static const LettingGo lettingGo;
+    MemoryHeap& heap = MemoryHeap::instance();
+    HeapModuleMemoryInformation* const parent = heap.registerModule("parent", nullptr);
+    HeapModuleMemoryInformation* const child = heap.registerModule("child", parent);
+    EXPECT_EQ(nullptr, heap.registerModule("child", nullptr));
+    EXPECT_EQ(nullptr, heap.takeSegment(*child, 0).buffer);
+    expectMessages("Error,NON,MemoryHeap,", {"registerModule,a module named \"child\" is registered already",
+                                             "takeSegment,a segment of 0 bytes was asked for by module \"child\""});
+    MemorySegment own = heap.takeSegment(*parent, 5'000);
+    std::list<MemorySegment> segments{heap.takeSegment(*child, 100), heap.takeSegment(*child, 1)};
+    heap.freeSegments(segments, 2);
+    heap.freeSegments(segments, 1);
+    EXPECT_TRUE(segments.back().buffer == nullptr && segments.front().buffer != nullptr);
+    heap.printMemoryUsage();
+    heap.freeSegment(segments.front());
+    heap.freeSegment(own);
+    heap.printMemoryUsage();
+    expectMessages("Info,NON,MemoryHeap,printMemoryUsage,",
+                   {"Memory HEAP:  m_usedMemoryGross=8192  m_usedMemoryNet=5100 ", "child: used=4096",
+                    "parent: used=8192", "Memory HEAP:  m_usedMemoryGross=0  m_usedMemoryNet=0 ", "child: used=0",
+                    "parent: used=0"});
+    own = {.sizeBytes = 1, .buffer = MemShield::createArray<char>({"s8", SourcePlace::here()}, 1), .owner = child};
+    heap.freeSegment(own); // which nobody has taken
+    expectMessages("Assert,NON,MemoryHeap,freeSegmentContentLocked, datapath/common/infra/MemoryHeap.cpp ",
+                   {"69: m_usedMemoryGross >= getChunkSize() failed. ",
+                    "72: mmi->getCurrentlyUsedBytes() >= getChunkSize() failed. ",
+                    "75: m_usedMemoryNet >= segment->getSizeBytes() failed. "});
+}
+
+void expectNoFaultOfRandomOperations(bool isGuarded)
+{
+    MemShield::setEnabled(isGuarded);
+    for (unsigned seed = 1; seed <= 6; ++seed)
+    {
+        std::mt19937 random(seed);
+        std::string bytes(2'000, '\0');
+        std::ranges::generate(bytes, [&] { return static_cast<char>(random()); });
+        EXPECT_EQ("", poolFaultOf(bytes)) << seed;
+    }
+}
+
+TEST_F(MemoryPool, DoesWhatAPlainModelDoes) { expectNoFaultOfRandomOperations(false); }
+TEST_F(MemoryPool, DoesWhatAPlainModelDoesWhileMemoryIsGuarded) { expectNoFaultOfRandomOperations(true); }
 
 } // namespace
