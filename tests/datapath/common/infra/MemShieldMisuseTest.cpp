@@ -90,26 +90,31 @@ void misuseOnANeededThread()
 }
 
 /// In the report with the process-wide pool, whose lock is therefore free.
-template <class Pool> Pool& reportedPool()
+template <class Pool = MemoryPoolImpl> Pool& reportedPool()
 {
     auto& pool = *new Pool({.chunkSize = 65'536, .maxPoolSize = 1});
     MemoryPoolImpl::instance().attachSubPool(pool);
     return pool;
 }
 
-/// The pool destroys it when it is served: as one of those that wait, or out of its module's reservation.
-void overrunRequestThatWaited(std::uint64_t reservedBytes)
+void giveBack(MemoryAllocatorInterface& allocator, ModuleMemoryInformation* owner)
 {
-    auto& pool = reportedPool<MemoryPoolImpl>();
+    MemorySegment segment{.owner = owner};
+    allocator.freeSegment(segment);
+}
+
+/// The pool destroys it when it is served out of its module's reservation.
+void overrunRequestThatWaited()
+{
+    auto& pool = reportedPool<>();
     ModuleMemoryInformation& hungry = *pool.registerModule({.name = "hungry"});
-    ModuleMemoryInformation& module = *pool.registerModule({.name = "module", .reservedBytes = reservedBytes});
+    ModuleMemoryInformation& module = *pool.registerModule({.name = "module", .reservedBytes = 2U << 20U});
     std::array<ScatteredBuf, 3> buffers;
-    static_cast<void>(pool.requestMemory(module, 1, buffers[0], 1));
-    reservedBytes == 0 ? void() : static_cast<void>(pool.requestMemory(hungry, 3U << 20U, buffers[1], 2));
-    static_cast<void>(pool.requestMemory(module, 2U << 20U, buffers[2], 3));
-    auto* const request = reinterpret_cast<char*>(module.waiting().queue().front().request);
-    request[100] = 65; // in the margin
-    pool.freeSegments(buffers[0].getSegments(), 0);
+    static_cast<void>(pool.requestMemory(module, 2U << 20U, buffers[0], 1));
+    static_cast<void>(pool.requestMemory(hungry, 1, buffers[1], 2));
+    static_cast<void>(pool.requestMemory(module, 1, buffers[2], 3));
+    reinterpret_cast<char*>(module.waiting().queue().front().request)[100] = 65; // in the margin
+    pool.freeSegments(buffers[0].getSegments(), 31);
 }
 
 /// Growth that writes after the end of what describes it, and fails.
@@ -170,7 +175,10 @@ const std::string NO_SUB_POOLS = "subMemPools: totalFree=0  totalUsed=0  totalFr
 const std::string NO_HEAP = "m_usedMemoryGross=0  m_usedMemoryNet=0 \n";
 
 /// The line of a failed check, from the log client and from the end of the process.
-std::string failedCheck(const std::string& check) { return "~ datapath/common/infra/" + check + "~,Assert,~"; }
+std::string failedCheck(const std::string& check)
+{
+    return "~ datapath/common/infra/" + check + " failed. \n~,Assert,~";
+}
 
 const std::string UNIT = "datapath/common/infra/MemShield.cpp ";
 const std::string TRACKER = "datapath/common/infra/HeapMemoryAllocationTracker.cpp";
@@ -237,15 +245,12 @@ const std::vector<Misuse> MISUSES = {
      [] {
          std::list<MemorySegment> segments{{.sizeBytes = 5, .buffer = MemShield::createArray<char>(ARRAY_SITE, 5)}};
          segments.front().buffer[5] = 65;
-         reportedPool<MemoryPoolImpl>().freeSegments(segments, 0);
+         reportedPool<>().freeSegments(segments, 0);
      },
      overrunIn("MemoryPool", "311", "Memory POOL: ~" + NO_SUB_POOLS + "~" + NO_SUB_POOLS, NO_HEAP)},
-    {"requestThatWaitedOverrun", [] { overrunRequestThatWaited(0); },
-     overrunIn("WaitingRequestsQueue", "37",
-               "Memory POOL:  m_usedMemoryGross=2097152  m_usedMemoryNet=2097152  free=0\n~", NO_HEAP)},
-    {"requestServedFromItsReservationOverrun", [] { overrunRequestThatWaited(2U << 20U); },
+    {"requestThatWaitedOverrun", overrunRequestThatWaited,
      overrunIn("WaitingRequestsQueue", "87",
-               "Memory POOL:  m_usedMemoryGross=2097152  m_usedMemoryNet=2097152  free=0\n~", NO_HEAP)},
+               "Memory POOL:  m_usedMemoryGross=2097152  m_usedMemoryNet=2031617  free=0\n~", NO_HEAP)},
     {"growthOverrun",
      [] {
          auto& pool = reportedPool<OverrunningPool>();
@@ -253,36 +258,16 @@ const std::vector<Misuse> MISUSES = {
          static_cast<void>(pool.requestMemory(*pool.registerModule({.name = "module"}), 1, buffer, 1));
      },
      overrunIn("MemoryPool", "208", "Memory POOL: ~module: used=0 pending=1\n~", NO_HEAP)},
-    {"segmentOfNoOwner",
-     [] {
-         MemorySegment segment{.owner = MemorySegment::NoOwner};
-         MemoryPoolImpl::instance().freeSegment(segment);
-     },
-     failedCheck("MemoryPool.cpp 303: mmi != MemorySegment::NoOwner failed. \n")},
-    {"segmentGivenBackTwice",
-     [] {
-         MemorySegment segment;
-         MemoryPoolImpl::instance().freeSegment(segment);
-     },
-     failedCheck("MemoryPool.cpp #: segment->buffer != 0 failed. \n")},
-    {"heapSegmentOfNoOwner",
-     [] {
-         MemorySegment segment{.owner = MemorySegment::NoOwner};
-         MemoryHeap::instance().freeSegment(segment);
-     },
-     failedCheck("MemoryHeap.cpp 64: mmi != MemorySegment::NoOwner failed. \n")},
-    {"heapSegmentOfNobody",
-     [] {
-         MemorySegment segment;
-         MemoryHeap::instance().freeSegment(segment);
-     },
-     failedCheck("MemoryHeap.cpp 65: mmi != 0 failed. \n")},
-    {"heapSegmentOfAPool",
-     [] {
-         MemorySegment segment{.owner = reportedPool<MemoryPoolImpl>().registerModule({.name = "module"})};
-         MemoryHeap::instance().freeSegment(segment);
-     },
-     failedCheck("MemoryHeap.cpp 66: mmi->isHeapMemory() failed. \n")},
+    {"segmentOfNoOwner", [] { giveBack(MemoryPoolImpl::instance(), MemorySegment::NoOwner); },
+     failedCheck("MemoryPool.cpp 303: mmi != MemorySegment::NoOwner")},
+    {"segmentWithoutBuffer", [] { giveBack(MemoryPoolImpl::instance(), nullptr); },
+     failedCheck("MemoryPool.cpp #: segment->buffer != 0")},
+    {"heapSegmentOfNoOwner", [] { giveBack(MemoryHeap::instance(), MemorySegment::NoOwner); },
+     failedCheck("MemoryHeap.cpp 64: mmi != MemorySegment::NoOwner")},
+    {"heapSegmentOfNobody", [] { giveBack(MemoryHeap::instance(), nullptr); },
+     failedCheck("MemoryHeap.cpp 65: mmi != 0")},
+    {"heapSegmentOfAPool", [] { giveBack(MemoryHeap::instance(), reportedPool<>().registerModule({.name = "m"})); },
+     failedCheck("MemoryHeap.cpp 66: mmi->isHeapMemory()")},
     {"sizeZero", [] { makeObject(0); }, ALLOCATION + "Assertion (size > 0) failed " + UNIT + "119\n"},
     {"sizeTooLarge",
      [] {

@@ -31,19 +31,8 @@ struct SequentialRequests : testing::Test
     SequentialRequests()
     {
         MemShield::setEnabled(false);
-        for (SequentialRequestsManager::ModuleInformation& module : modules)
-        {
-            manager.subscribe(&module);
-        }
+        std::ranges::for_each(modules, [this](auto& module) { manager.subscribe(&module); });
     }
-    ~SequentialRequests() override
-    {
-        for (SequentialRequestsManager::ModuleInformation& module : modules)
-        {
-            manager.unsubscribe(&module);
-        }
-    }
-
     static void push(SequentialRequestsManager::ModuleInformation& module, const Keys& keys)
     {
         for (const std::uint64_t key : keys)
@@ -101,19 +90,6 @@ TEST_F(SequentialRequests, WrongAnswersAndStatesEndTheProcess)
 {
     static const LettingGo lettingGo;
     const CapturingClient client(1); // of level Assert
-    const auto expectLines = [&](const std::vector<std::string>& expected) {
-        static std::size_t numSeen = 0;
-        std::vector<std::string> lines = client.messages();
-        lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(std::exchange(numSeen, lines.size())));
-        ASSERT_EQ(expected.size(), lines.size());
-        for (std::size_t i = 0; i < lines.size(); ++i)
-        {
-            EXPECT_PRED2(matches, lines[i], "Assert,OLM," + expected[i]);
-        }
-    };
-    const std::string manages = ", datapath/common/infra/SequentialRequestsManager.cpp ";
-    const std::string waits = "SequentialRequestsManager,iterateWaiting" + manages;
-    const std::string queues = ", datapath/common/infra/WaitingRequestsQueue.cpp ";
     modules[0].queue().popRequest();
     push(modules[0], {1, 2, 3, 4, 5, 6});
     manager.importRequestReferenceInternal(&modules[0]);
@@ -126,42 +102,45 @@ TEST_F(SequentialRequests, WrongAnswersAndStatesEndTheProcess)
     modules[0].queue().popRequest(); // where the manager does not know of it
     manager.iterateWaiting(answering({}));
     modules[0].queue().iterateRequests(answering({0b001}));
-    expectLines(
-        {"WaitingRequestsQueue,popRequest" + queues +
-             "35: !empty() failed. trying to remove request from an empty waiting list",
-         "SequentialRequestsManager,importRequestReferenceInternal" + manages +
-             "175: mmi->getIsRequestInWaitingModules() == false failed. trying to import request ref for mmi that "
-             "already has request ref in waiting modules",
-         waits + "133: postIterationFlags.count()==0 failed. wrong postIterationFlags info postIterationFlags=011 ",
-         waits + "127: false failed. wrong flags data  postIterationFlags[NextIterationData::COMPLETED_REQUEST]=0  "
-                 "postIterationFlags[NextIterationData::MMI_STILL_WAITING]=1 ",
-         waits + "121: postIterationFlags[NextIterationData::COMPLETED_REQUEST] == false failed. removing completed "
-                 "request without importing a new request reference is not supported",
-         waits + "109: sequentialRequest.getKey() == key failed. out of order- current request in WaitingModules  is "
-                 "not the same as the request in waitingRequestsQueue front key=1  sequentialRequest.getKey()=2 ",
-         "WaitingRequestsQueue,iterateRequests" + queues +
-             "97: postIterationFlags.count() == 0 failed. wrong postIterationFlags info postIterationFlags=001 "});
-
     manager.iterateAll(answering({COMPLETED}), &modules[0]);
     modules[0].setIsRequestInWaitingModules(false);
     push(modules[1], {1}); // a key that is in use
     manager.iterateAll(answering({COMPLETED}), &modules[1]);
     SequentialRequestsManager::ModuleInformation unknown;
     manager.importRequestReferenceInternal(&unknown);
-    unknown.setIsRequestInWaitingModules(false);
     manager.iterateAll(answering({}), &unknown);
-    expectLines({"SequentialRequestsManager,iterateAll" + manages +
-                     "221: isRequestRefInWaitingModules==false failed. ambiguity related to request ref existence in "
-                     "WaitingModules isRequestRefInWaitingModules=1  firstRequestKey=2 ",
-                 "SequentialRequestsManager,removeRequestReference" + manages +
-                     "156: waitingModulesIter->second == mmi failed. trying to remove request reference of wrong mmi",
-                 "SequentialRequestsManager,removeRequestReference" + manages +
-                     "157: mmi->getIsRequestInWaitingModules() == true failed. wrong IsRequestInWaitingModules flag "
-                     "info mmi->getIsRequestInWaitingModules()=0 ",
-                 "SequentialRequestsManager,importRequestReferenceInternal" + manages +
-                     "174: itWaitingModule != m_modulesInfo.end() failed. unsubscribed mmi",
-                 "SequentialRequestsManager,iterateAll" + manages +
-                     "201: it != m_modulesInfo.end() failed. mmi doesn't exist in WaitingRequests container"});
+    const std::string manages = ", datapath/common/infra/SequentialRequestsManager.cpp ";
+    const std::string waits = "iterateWaiting" + manages;
+    const std::string queues = ", datapath/common/infra/WaitingRequestsQueue.cpp ";
+    const std::vector<std::string> expected = {
+        "popRequest" + queues + "35: !empty() failed. trying to remove request from an empty waiting list",
+        "importRequestReferenceInternal" + manages +
+            "175: mmi->getIsRequestInWaitingModules() == false failed. trying to import request ref for mmi that "
+            "already has request ref in waiting modules",
+        waits + "133: postIterationFlags.count()==0 failed. wrong postIterationFlags info postIterationFlags=011 ",
+        waits + "127: false failed. wrong flags data  postIterationFlags[NextIterationData::COMPLETED_REQUEST]=0  "
+                "postIterationFlags[NextIterationData::MMI_STILL_WAITING]=1 ",
+        waits + "121: postIterationFlags[NextIterationData::COMPLETED_REQUEST] == false failed. removing completed "
+                "request without importing a new request reference is not supported",
+        waits + "109: sequentialRequest.getKey() == key failed. out of order- current request in WaitingModules  is "
+                "not the same as the request in waitingRequestsQueue front key=1  sequentialRequest.getKey()=2 ",
+        "iterateRequests" + queues +
+            "97: postIterationFlags.count() == 0 failed. wrong postIterationFlags info postIterationFlags=001 ",
+        "iterateAll" + manages +
+            "221: isRequestRefInWaitingModules==false failed. ambiguity related to request ref "
+            "existence in WaitingModules isRequestRefInWaitingModules=1  firstRequestKey=2 ",
+        "removeRequestReference" + manages +
+            "156: waitingModulesIter->second == mmi failed. trying to remove request reference of wrong mmi",
+        "removeRequestReference" + manages +
+            "157: mmi->getIsRequestInWaitingModules() == true failed. wrong IsRequestInWaitingModules flag info "
+            "mmi->getIsRequestInWaitingModules()=0 ",
+        "importRequestReferenceInternal" + manages +
+            "174: itWaitingModule != m_modulesInfo.end() failed. unsubscribed mmi",
+        "iterateAll" + manages +
+            "201: it != m_modulesInfo.end() failed. mmi doesn't exist in WaitingRequests container"};
+    std::vector<std::string> lines = client.messages();
+    std::ranges::for_each(lines, [](std::string& line) { line.erase(0, line.find(',', line.find("LM,") + 3) + 1); });
+    EXPECT_EQ(expected, lines);
 }
 
 } // namespace
