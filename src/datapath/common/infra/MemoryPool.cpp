@@ -55,9 +55,19 @@ constexpr std::uint32_t BLOCK_SIZE = 2U << 20U;
 constexpr unsigned char FRESH_FILLING = 0xFE;
 constexpr unsigned char RETURNED_FILLING = 0xEE;
 constexpr std::int64_t REPORT_INTERVAL_MS = 1000;
+constexpr std::uint32_t MOST_SPARE_SEGMENTS = 64;
 constexpr int NO_FRACTION = 0;
 
 constinit std::atomic<MemoryPoolImpl*> thePool = nullptr;
+
+/// Ends the process. Kept out of the way of what is called for each request.
+template <class... Explanation>
+[[gnu::cold, gnu::noinline]] void fail(const MethodText& method, std::uint32_t number, const char* condition,
+                                       const Explanation&... explanation)
+{
+    CheckFailure failure(LoggerId::OLM, method, SourcePlace::numbered(number), condition);
+    (failure << ... << explanation) << std::endl;
+}
 
 /// The chunk size of a pool for which that one was asked.
 std::uint32_t checkedChunkSize(std::uint32_t chunkSize)
@@ -138,8 +148,16 @@ public:
         if (m_pool.m_removedRequests.empty() && m_pool.m_finishedHelpers.empty()) [[likely]]
         {
             m_pool.m_mutex.unlock();
-            return;
         }
+        else
+        {
+            unlockAndRelease();
+        }
+    }
+
+private:
+    void unlockAndRelease() RELEASES(m_pool.m_mutex)
+    {
         RemovedRequests requests;
         requests.swap(m_pool.m_removedRequests);
         const std::vector<MemoryAllocationHelper*> helpers = std::exchange(m_pool.m_finishedHelpers, {});
@@ -159,40 +177,30 @@ public:
         }
     }
 
-private:
     MemoryPoolImpl& m_pool;
 };
 
-MemoryPoolImpl::FreeBytesInfo::FreeBytesInfo(std::uint64_t freeBytes, bool isAble, bool isEmpty) : m_free(freeBytes)
+/// Ends the process: the figures of a module contradict each other.
+void MemoryPoolImpl::FreeBytesInfo::fail(bool isAble, bool isEmpty) const
 {
-    if (freeBytes != 0)
+    static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::FreeBytesInfo::FreeBytesInfo",
+                                          .fields = "MemoryPoolImpl::FreeBytesInfo,FreeBytesInfo"};
+    if (isAbleToGetMemory && isEmpty)
     {
-        if (isEmpty)
-        {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_FREE_OF_EMPTY), "m_free == 0")
-                << "ambiguity related to the question: is mmi able to get memory"
-                << " m_free=" << m_free << std::endl;
-        }
-        if (!isAble)
-        {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_FREE_OF_FULL), "freeInMmi == true")
-                << "trying to give memory to a full mmi" << std::endl;
-        }
-        isAbleToGetMemory = true;
+        CheckFailure(LoggerId::OLM, METHOD, SourcePlace::numbered(NUMBER_FREE_OF_EMPTY), "m_free == 0")
+            << "ambiguity related to the question: is mmi able to get memory"
+            << " m_free=" << m_free << std::endl;
     }
-    else if (isEmpty)
+    if (isAbleToGetMemory && !isAble)
     {
-        isEmptyMemPool = true;
+        CheckFailure(LoggerId::OLM, METHOD, SourcePlace::numbered(NUMBER_FREE_OF_FULL), "freeInMmi == true")
+            << "trying to give memory to a full mmi" << std::endl;
     }
-    else
+    if (isFullMmi && isAble)
     {
-        if (isAble)
-        {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_UNKNOWN_FREE), "false")
-                << "unknown getFreeBytesLocked result:"
-                << "isAbleToGetMemory=" << isAble << "isEmptyMemPool=" << isEmpty << "isFullMmi=" << 0 << std::endl;
-        }
-        isFullMmi = true;
+        CheckFailure(LoggerId::OLM, METHOD, SourcePlace::numbered(NUMBER_UNKNOWN_FREE), "false")
+            << "unknown getFreeBytesLocked result:"
+            << "isAbleToGetMemory=" << isAble << "isEmptyMemPool=" << isEmpty << "isFullMmi=" << 0 << std::endl;
     }
 }
 
@@ -286,43 +294,47 @@ MemoryPoolImpl::FreeBytesInfo MemoryPoolImpl::getFreeBytesLocked(const ModuleMem
     return classifyLocked(module);
 }
 
-MemorySegment MemoryPoolImpl::getMemorySegmentLocked(std::uint32_t bytes, ModuleMemoryInformation& module)
+void MemoryPoolImpl::getMemorySegmentLocked(std::uint32_t bytes, ModuleMemoryInformation& module,
+                                            MemorySegment& segment)
 {
-    if (isEmptyLocked())
+    if (isEmptyLocked()) [[unlikely]]
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_NO_FREE_CHUNK), "!isEmptyLocked()")
-            << std::endl;
+        fail(THIS_METHOD, NUMBER_NO_FREE_CHUNK, "!isEmptyLocked()");
     }
-    const MemorySegment segment{
-        .sizeBytes = std::min(bytes, m_chunkSize), .buffer = takeChunkLocked(), .owner = &module};
+    segment.sizeBytes = std::min(bytes, m_chunkSize);
+    segment.buffer = takeChunkLocked();
+    segment.owner = &module;
     m_usedMemoryGross += m_chunkSize;
     m_usedMemoryNet += segment.sizeBytes;
     if (module.unusedReservation() != 0)
     {
-        if (m_reservedFree < m_chunkSize)
+        if (m_reservedFree < m_chunkSize) [[unlikely]]
         {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_RESERVATION_TOO_SMALL),
-                         "m_reservedFree >= m_chunkSize")
-                << " m_reservedFree=" << m_reservedFree << " m_chunkSize=" << m_chunkSize << std::endl;
+            fail(THIS_METHOD, NUMBER_RESERVATION_TOO_SMALL, "m_reservedFree >= m_chunkSize",
+                 " m_reservedFree=", m_reservedFree, " m_chunkSize=", m_chunkSize);
         }
         m_reservedFree -= m_chunkSize;
     }
     module.addUsedBytes(m_chunkSize);
-    return segment;
 }
 
-/// Appends segments for what is missing, as far as there is memory for the module.
+/// Appends segments for what is missing, as far as there is memory for the module. The spare ones are used up first.
 MemoryPoolImpl::FreeBytesInfo MemoryPoolImpl::takeSegmentsLocked(ModuleMemoryInformation& module,
                                                                  std::uint32_t& missingBytes, ScatteredBuf& buffer,
-                                                                 std::uint32_t& numSegments)
+                                                                 std::uint32_t& numSegments,
+                                                                 std::list<MemorySegment>& spare)
 {
     FreeBytesInfo info = getFreeBytesLocked(module);
     while (info.isAbleToGetMemory)
     {
-        const MemorySegment segment = getMemorySegmentLocked(missingBytes, module);
-        buffer.append(segment);
+        if (spare.empty())
+        {
+            spare.emplace_back();
+        }
+        getMemorySegmentLocked(missingBytes, module, spare.front());
+        missingBytes -= static_cast<std::uint32_t>(spare.front().sizeBytes);
+        buffer.appendFirst(spare);
         ++numSegments;
-        missingBytes -= static_cast<std::uint32_t>(segment.sizeBytes);
         if (missingBytes == 0)
         {
             break;
@@ -335,8 +347,9 @@ MemoryPoolImpl::FreeBytesInfo MemoryPoolImpl::takeSegmentsLocked(ModuleMemoryInf
 MemoryPoolImpl::FreeBytesInfo MemoryPoolImpl::giveMemoryIfPreparedToTakeLocked(ModuleMemoryInformation& module,
                                                                                Request& request)
 {
+    std::list<MemorySegment> spare;
     const FreeBytesInfo info =
-        takeSegmentsLocked(module, request.m_missingBytes, request.m_buffer, request.m_numSegments);
+        takeSegmentsLocked(module, request.m_missingBytes, request.m_buffer, request.m_numSegments, spare);
     if (info.isAbleToGetMemory) // so nothing is missing any more
     {
         if (getMmiPendingRequestsLocked(module) == 0)
@@ -405,10 +418,12 @@ FutureInternal::Future<RcStatus> MemoryPoolImpl::requestMemory(ModuleMemoryInfor
     }
     std::uint32_t missingBytes = bytes;
     std::uint32_t numSegments = 0;
+    // Made while the lock is free, but for those of large requests.
+    std::list<MemorySegment> spare(std::min((bytes - 1) / m_chunkSize + 1, MOST_SPARE_SEGMENTS));
     const Guard guard(*this);
     // While others wait, growth that has failed is tried for them first.
-    if (getMmiPendingRequestsLocked(module) == 0 && !m_waitingList.hasWaiting() &&
-        takeSegmentsLocked(module, missingBytes, buffer, numSegments).isAbleToGetMemory)
+    if (module.waiting().queue().empty() && !m_waitingList.hasWaiting() &&
+        takeSegmentsLocked(module, missingBytes, buffer, numSegments, spare).isAbleToGetMemory)
     {
         return Future::ready(RC_OK);
     }
@@ -515,35 +530,30 @@ void MemoryPoolImpl::freeSegmentContentLocked(MemorySegment& segment)
 
 void MemoryPoolImpl::freeChunkFromMmiLocked(std::uint64_t netBytes, ModuleMemoryInformation& module)
 {
-    if (m_usedMemoryGross < m_chunkSize)
+    if (m_usedMemoryGross < m_chunkSize) [[unlikely]]
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_GROSS_TOO_SMALL),
-                     "m_usedMemoryGross >= m_chunkSize")
-            << " m_usedMemoryGross=" << m_usedMemoryGross << std::endl;
+        fail(THIS_METHOD, NUMBER_GROSS_TOO_SMALL, "m_usedMemoryGross >= m_chunkSize",
+             " m_usedMemoryGross=", m_usedMemoryGross);
     }
     m_usedMemoryGross -= m_chunkSize;
-    if (m_usedMemoryNet < netBytes)
+    if (m_usedMemoryNet < netBytes) [[unlikely]]
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_NET_TOO_SMALL),
-                     "m_usedMemoryNet >= netBytes")
-            << " m_usedMemoryNet=" << m_usedMemoryNet << "segment size = " << netBytes << std::endl;
+        fail(THIS_METHOD, NUMBER_NET_TOO_SMALL, "m_usedMemoryNet >= netBytes", " m_usedMemoryNet=", m_usedMemoryNet,
+             "segment size = ", netBytes);
     }
     m_usedMemoryNet -= netBytes;
-    if (m_usedMemoryGross == 0 && m_usedMemoryNet != 0)
+    if (m_usedMemoryGross == 0 && m_usedMemoryNet != 0) [[unlikely]]
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_NET_LEFT), "m_usedMemoryNet == 0")
-            << std::endl;
+        fail(THIS_METHOD, NUMBER_NET_LEFT, "m_usedMemoryNet == 0");
     }
     if (module.getCurrentlyUsedBytes() <= module.reservedBytes())
     {
         m_reservedFree += m_chunkSize;
     }
-    if (module.getCurrentlyUsedBytes() < m_chunkSize)
+    if (module.getCurrentlyUsedBytes() < m_chunkSize) [[unlikely]]
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_MODULE_TOO_SMALL),
-                     "mmi->getCurrentlyUsedBytes() >= m_chunkSize")
-            << " mmi->getCurrentlyUsedBytes()=" << module.getCurrentlyUsedBytes() << " m_chunkSize=" << m_chunkSize
-            << std::endl;
+        fail(THIS_METHOD, NUMBER_MODULE_TOO_SMALL, "mmi->getCurrentlyUsedBytes() >= m_chunkSize",
+             " mmi->getCurrentlyUsedBytes()=", module.getCurrentlyUsedBytes(), " m_chunkSize=", m_chunkSize);
     }
     module.subtractUsedBytes(m_chunkSize);
 }

@@ -57,12 +57,23 @@ public:
     /// Whether and how much memory a module can get.
     struct FreeBytesInfo
     {
-        FreeBytesInfo(std::uint64_t freeBytes, bool isAble, bool isEmpty);
+        FreeBytesInfo(std::uint64_t freeBytes, bool isAble, bool isEmpty)
+            : m_free(freeBytes), isAbleToGetMemory(freeBytes != 0), isEmptyMemPool(freeBytes == 0 && isEmpty),
+              isFullMmi(freeBytes == 0 && !isEmpty)
+        {
+            if (isAbleToGetMemory ? isEmpty || !isAble : isFullMmi && isAble) [[unlikely]]
+            {
+                fail(isAble, isEmpty);
+            }
+        }
 
         std::uint64_t m_free;
-        bool isAbleToGetMemory = false;
-        bool isEmptyMemPool = false; ///< the pool has nothing for it
-        bool isFullMmi = false;      ///< its limit is reached
+        bool isAbleToGetMemory;
+        bool isEmptyMemPool; ///< the pool has nothing for it
+        bool isFullMmi;      ///< its limit is reached
+
+    private:
+        void fail(bool isAble, bool isEmpty) const;
     };
 
     /// Figures of one moment.
@@ -135,6 +146,7 @@ private:
     friend MemoryAllocationHelper;
 
     static constexpr std::uint32_t SINGLE_ALLOCATION_SIZE = 2U << 20U;
+    static constexpr std::size_t CACHE_LINE = 64;
 
     /// What a free chunk begins with.
     struct FreeChunk
@@ -161,21 +173,22 @@ private:
 
     // Free chunks.
     [[nodiscard]] bool isEmptyLocked() const REQUIRES(m_mutex) { return m_firstFree == nullptr; }
-    void putChunkLocked(char* memory) REQUIRES(m_mutex);
-    [[nodiscard]] char* takeChunkLocked() REQUIRES(m_mutex);
-    void unlinkChunkLocked(FreeChunk* chunk) REQUIRES(m_mutex);
+    inline void putChunkLocked(char* memory) REQUIRES(m_mutex);
+    [[nodiscard]] inline char* takeChunkLocked() REQUIRES(m_mutex);
+    inline void unlinkChunkLocked(FreeChunk* chunk) REQUIRES(m_mutex);
     [[nodiscard]] std::uint64_t freeBytesLocked() const REQUIRES(m_mutex)
     {
         return m_totalPollSize - m_usedMemoryGross - m_reservedFree;
     }
 
     // Serving.
-    [[nodiscard]] FreeBytesInfo classifyLocked(const ModuleMemoryInformation& module) const REQUIRES(m_mutex);
-    [[nodiscard]] FreeBytesInfo getFreeBytesLocked(const ModuleMemoryInformation& module) REQUIRES(m_mutex);
-    [[nodiscard]] MemorySegment getMemorySegmentLocked(std::uint32_t bytes, ModuleMemoryInformation& module)
+    [[nodiscard]] inline FreeBytesInfo classifyLocked(const ModuleMemoryInformation& module) const REQUIRES(m_mutex);
+    [[nodiscard]] inline FreeBytesInfo getFreeBytesLocked(const ModuleMemoryInformation& module) REQUIRES(m_mutex);
+    inline void getMemorySegmentLocked(std::uint32_t bytes, ModuleMemoryInformation& module, MemorySegment& segment)
         REQUIRES(m_mutex);
-    FreeBytesInfo takeSegmentsLocked(ModuleMemoryInformation& module, std::uint32_t& missingBytes, ScatteredBuf& buffer,
-                                     std::uint32_t& numSegments) REQUIRES(m_mutex);
+    inline FreeBytesInfo takeSegmentsLocked(ModuleMemoryInformation& module, std::uint32_t& missingBytes,
+                                            ScatteredBuf& buffer, std::uint32_t& numSegments,
+                                            std::list<MemorySegment>& spare) REQUIRES(m_mutex);
     FreeBytesInfo giveMemoryIfPreparedToTakeLocked(ModuleMemoryInformation& module, Request& request) REQUIRES(m_mutex);
     void giveMemoryToWaiterLocked() REQUIRES(m_mutex);
     void giveMemoryToModuleLocked(ModuleMemoryInformation& module) REQUIRES(m_mutex);
@@ -186,8 +199,8 @@ private:
     }
 
     // Giving back.
-    void freeSegmentContentLocked(MemorySegment& segment) REQUIRES(m_mutex);
-    void freeChunkFromMmiLocked(std::uint64_t netBytes, ModuleMemoryInformation& module) REQUIRES(m_mutex);
+    inline void freeSegmentContentLocked(MemorySegment& segment) REQUIRES(m_mutex);
+    inline void freeChunkFromMmiLocked(std::uint64_t netBytes, ModuleMemoryInformation& module) REQUIRES(m_mutex);
     static void releaseUnowned(char* buffer);
 
     // Modules.
@@ -216,29 +229,34 @@ private:
     void assertLocked() const ASSERTS_HELD(m_mutex) {}
 
     const std::uint32_t m_chunkSize;
-    Mutex m_mutex; // guards all but the sub-pools; what futures' observers take is taken inside it
-    // Guards the sub-pools, and keeps them there during a report. Their locks, and what log clients take, are taken
-    // inside it.
-    OwnedMutex m_subPoolsMutex;
-    FreeChunk* m_firstFree GUARDED_BY(m_mutex) = nullptr; // the one put there last
-    std::vector<SingleAllocation> m_singleAllocations GUARDED_BY(m_mutex);
-    StlMemShiledContainer<std::map<std::string, ModuleMemoryInformation*>> m_modules GUARDED_BY(m_mutex){"mmis"};
-    StlMemShiledContainer<std::set<MemoryPoolImpl*>> m_subPools GUARDED_BY(m_subPoolsMutex){"subPools"};
+    const std::uint64_t m_maxPoolSize;
+
+    // What each request and each return writes shares one cache line with the words of the lock that locking writes,
+    // which are its first ones: threads that use the pool at the same time take that line from each other, and what
+    // follows they only read.
+    alignas(CACHE_LINE) FreeChunk* m_firstFree GUARDED_BY(m_mutex) = nullptr; // the one put there last
     std::uint64_t m_usedMemoryGross GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_usedMemoryNet GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_reservedFree GUARDED_BY(m_mutex) = 0;  // for the unused part of all reservations
+    std::uint64_t m_reservedFree GUARDED_BY(m_mutex) = 0; // for the unused part of all reservations
+    Mutex m_mutex; // guards all but the sub-pools; what futures' observers take is taken inside it
     std::uint64_t m_totalPollSize GUARDED_BY(m_mutex) = 0; // of all blocks
-    const std::uint64_t m_maxPoolSize;
-    MemoryAllocationHelper* m_requestForMoreAllocationHelper GUARDED_BY(m_mutex) = nullptr; // growth in flight
-    std::vector<GrowthWaiter*> m_growthWaiters GUARDED_BY(m_mutex);
-    std::int64_t m_lastGrowthReportMs GUARDED_BY(m_mutex) = 0;
-    std::int64_t m_lastMonitoringMs GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_lastKey GUARDED_BY(m_mutex) = 0;    // of a request
-    std::uint64_t m_numPending GUARDED_BY(m_mutex) = 0; // requests of all modules that wait
-    SequentialRequestsManager m_waitingList GUARDED_BY(m_mutex){"memoryWaitingList"};
+    std::uint64_t m_numPending GUARDED_BY(m_mutex) = 0;    // requests of all modules that wait
 
     // What is to be released, and logged, when the lock is free again.
     WaitingRequestsQueue_Internal::RemovedRequests m_removedRequests GUARDED_BY(m_mutex);
     std::vector<MemoryAllocationHelper*> m_finishedHelpers GUARDED_BY(m_mutex);
     std::uint64_t m_sizeToReport GUARDED_BY(m_mutex) = 0; // of the pool after growth; 0 for none
+
+    // Guards the sub-pools, and keeps them there during a report. Their locks, and what log clients take, are taken
+    // inside it.
+    alignas(CACHE_LINE) OwnedMutex m_subPoolsMutex;
+    std::vector<SingleAllocation> m_singleAllocations GUARDED_BY(m_mutex);
+    StlMemShiledContainer<std::map<std::string, ModuleMemoryInformation*>> m_modules GUARDED_BY(m_mutex){"mmis"};
+    StlMemShiledContainer<std::set<MemoryPoolImpl*>> m_subPools GUARDED_BY(m_subPoolsMutex){"subPools"};
+    MemoryAllocationHelper* m_requestForMoreAllocationHelper GUARDED_BY(m_mutex) = nullptr; // growth in flight
+    std::vector<GrowthWaiter*> m_growthWaiters GUARDED_BY(m_mutex);
+    std::int64_t m_lastGrowthReportMs GUARDED_BY(m_mutex) = 0;
+    std::int64_t m_lastMonitoringMs GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_lastKey GUARDED_BY(m_mutex) = 0; // of a request
+    SequentialRequestsManager m_waitingList GUARDED_BY(m_mutex){"memoryWaitingList"};
 };

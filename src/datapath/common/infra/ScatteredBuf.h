@@ -27,6 +27,14 @@ public:
 
     void append(const MemorySegment& segment)
     {
+        std::list<MemorySegment> made{segment};
+        appendFirst(made);
+    }
+
+    /// Moves the first segment of the list, which was made somewhere else, so that this takes no memory.
+    void appendFirst(std::list<MemorySegment>& made)
+    {
+        const MemorySegment& segment = made.front();
         if (m_segments.empty())
         {
             m_firstSize = segment.sizeBytes;
@@ -38,7 +46,7 @@ public:
             m_owner = m_owner == segment.owner ? m_owner : MemorySegment::NoOwner;
         }
         m_totalBytes += segment.sizeBytes;
-        m_segments.push_back(segment);
+        m_segments.splice(m_segments.end(), made, made.begin());
     }
 
     /// Forgets the segments, whose memory has gone back.
