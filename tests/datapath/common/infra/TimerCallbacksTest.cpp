@@ -162,13 +162,15 @@ struct Real : Timers
     const ScratchFolder folder;
     Timer timer{(waitForOwnThreads(), TimerHandle{1})};
     const HookedClient client{"WindowsTimer", [this](const std::string& line) {
-        const std::size_t level = line.find(',') + 1;
-        const std::size_t thread = line.find(',', level) + 1;
-        if (const std::size_t rest = line.find(',', thread) + 1; line.find("WindowsTimer", rest) != std::string::npos)
-        {
-            texts.push_back(line.substr(level, thread - level) + line.substr(rest, line.size() - rest - 1));
-        }
-    }};
+                                  const std::size_t level = line.find(',') + 1;
+                                  const std::size_t thread = line.find(',', level) + 1;
+                                  if (const std::size_t rest = line.find(',', thread) + 1;
+                                      line.find("WindowsTimer", rest) != std::string::npos)
+                                  {
+                                      texts.push_back(line.substr(level, thread - level) +
+                                                      line.substr(rest, line.size() - rest - 1));
+                                  }
+                              }};
 };
 
 TEST(TimerCallbacks, AreCalledInThePassesAfterTheyAreDue)
