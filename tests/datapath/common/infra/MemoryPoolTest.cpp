@@ -8,6 +8,7 @@
 #include "tests/support/Support.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -283,9 +284,13 @@ TEST_F(MemoryPool, GrowthThatFailsLateIsWaitedFor)
 {
     LateGrowth growth;
     auto pool = std::make_unique<LatePool>(growth);
+    std::atomic<bool> isOver = false;
     std::thread answers([&] {
         growth.fail(RC_ABORTED);
-        growth.fail(RC_TIME_OUT);
+        do // a failure that comes at once makes the same call ask again
+        {
+            growth.fail(RC_TIME_OUT);
+        } while (!isOver);
     });
     EXPECT_EQ(nullptr, pool->registerModule({.name = "m", .reservedBytes = BLOCK}));
     expectMessages("Error,OLM,MemoryPoolImpl,registerModule,module \"m\" is not registered: ",
@@ -295,6 +300,9 @@ TEST_F(MemoryPool, GrowthThatFailsLateIsWaitedFor)
     pool.reset();
     EXPECT_EQ(RC_ABORTED, future.get());
     EXPECT_EQ(RC_TIME_OUT, growth.future.get());
+    isOver = true;
+    growth.future = Future();
+    growth.asked.signal();
     answers.join();
 }
 
