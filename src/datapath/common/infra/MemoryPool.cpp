@@ -247,7 +247,7 @@ MemoryPoolImpl& MemoryPoolImpl::instance()
 
 // Free chunks
 
-void MemoryPoolImpl::putChunkLocked(char* memory)
+void MemoryPoolImpl::putChunkLocked(void* memory)
 {
     auto* const chunk = ::new (memory) FreeChunk{.previous = nullptr, .next = m_firstFree};
     if (m_firstFree != nullptr)
@@ -431,7 +431,7 @@ FutureInternal::Future<RcStatus> MemoryPoolImpl::requestMemory(ModuleMemoryInfor
         MemShield::create<Request>({"Request", SourcePlace::here()}, module, bytes, buffer, clientTraceId);
     request->m_missingBytes = missingBytes;
     request->m_numSegments = numSegments;
-    const Future future = request->m_future;
+    Future future = request->m_future;
     module.waiting().queue().push(request, ++m_lastKey);
     ++m_numPending;
     serveLocked({&module});
@@ -569,7 +569,7 @@ std::uint64_t MemoryPoolImpl::releaseUnused()
     std::vector<SingleAllocation> released;
     {
         const Guard guard(*this);
-        const auto isBefore = std::less<const char*>();
+        const auto isBefore = std::ranges::less();
         std::ranges::sort(m_singleAllocations, isBefore, &SingleAllocation::memory);
         const auto blockOf = [&](const FreeChunk* chunk) {
             assertLocked();
@@ -648,7 +648,8 @@ std::string MemoryPoolImpl::refusalLocked(const ModuleSettings& settings, std::u
     {
         reason << "its parent is not of this pool";
     }
-    else if (parent != nullptr && (parent->reservedBytes() != 0 || parent->limitBytes() != parent->NO_LIMIT))
+    else if (parent != nullptr &&
+             (parent->reservedBytes() != 0 || parent->limitBytes() != ModuleMemoryInformation::NO_LIMIT))
     {
         reason << "its parent \"" << parent->name() << "\" has a reservation or a limit";
     }

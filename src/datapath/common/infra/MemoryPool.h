@@ -173,7 +173,7 @@ private:
 
     // Free chunks.
     [[nodiscard]] bool isEmptyLocked() const REQUIRES(m_mutex) { return m_firstFree == nullptr; }
-    inline void putChunkLocked(char* memory) REQUIRES(m_mutex);
+    inline void putChunkLocked(void* memory) REQUIRES(m_mutex);
     [[nodiscard]] inline char* takeChunkLocked() REQUIRES(m_mutex);
     inline void unlinkChunkLocked(FreeChunk* chunk) REQUIRES(m_mutex);
     [[nodiscard]] std::uint64_t freeBytesLocked() const REQUIRES(m_mutex)

@@ -228,7 +228,7 @@ bool MemoryPoolImpl::areFreeChunksSoundLocked() const
     const auto isInABlock = [this](const char* chunk) {
         assertLocked();
         return std::ranges::any_of(m_singleAllocations, [&](const SingleAllocation& block) {
-            return !std::less<const char*>()(chunk, block.memory) && chunk < block.memory + block.size &&
+            return !std::ranges::less()(chunk, block.memory) && chunk < block.memory + block.size &&
                    (chunk - block.memory) % m_chunkSize == 0;
         });
     };

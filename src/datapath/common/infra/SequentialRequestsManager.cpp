@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-using SequentialRequestsManager_Internal::ModuleInformation;
 using WaitingRequestsQueue_Internal::CONTINUE_ITERATION;
 using WaitingRequestsQueue_Internal::NextIterationData;
 using WaitingRequestsQueue_Internal::PostIterationFlags;

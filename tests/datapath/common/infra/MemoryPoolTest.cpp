@@ -146,7 +146,7 @@ TEST_F(MemoryPool, BrokenFiguresEndTheProcess)
     {
         MemoryPoolImpl::FreeBytesInfo(free, isAble, isEmpty);
     }
-    auto& pool = *new MemoryPoolImpl({.chunkSize = CHUNK, .maxPoolSize = BLOCK});
+    static auto& pool = *new MemoryPoolImpl({.chunkSize = CHUNK, .maxPoolSize = BLOCK});
     auto& odd = *new OddPool({.chunkSize = CHUNK, .maxPoolSize = 1});
     ModuleMemoryInformation& module = *pool.registerModule({.name = "m"});
     ModuleMemoryInformation& other = *odd.registerModule({.name = "other"});
