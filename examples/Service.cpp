@@ -1,8 +1,9 @@
 // A small service from its start to its end: a log on the console, a pool of two worker threads, memory in chunks that
-// two modules share, a result that is waited for, and a report of the memory in use.
+// two modules share, results that are waited for, a timer, and a report of the memory in use.
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/MemoryPool.h"
+#include "datapath/common/infra/Timer.h"
 
 #include <iostream>
 
@@ -36,6 +37,13 @@ private:
     FutureInternal::Future<RcStatus> m_done; // all copies share one state
 };
 
+/// On the timer's thread, as long as the process lives: what it uses is never destroyed.
+void tick(void* context)
+{
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "tick" << std::endl;
+    static_cast<Semaphore*>(context)->signal();
+}
+
 int main()
 {
     MemShield::setEnabled(false); // memory is counted, not guarded; before anything is allocated
@@ -66,6 +74,12 @@ int main()
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
             << "writer segments=" << written.getSegments().size() << std::endl;
     }
+
+    static auto& ticks = *new Semaphore(0);
+    Timer::instance().addTimer(tick, &ticks, 100, false); // every 100 ms or a little later, not only once
+    Timer::instance().start();                            // the thread that calls it
+    ticks.wait();
+    ticks.wait();
     MemShield::instance().printAllocations();
 
     // The end, in reverse: nobody works, nobody holds memory, nobody reports.
