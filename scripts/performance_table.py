@@ -25,6 +25,12 @@ ROWS = [
     ("expireTimer", "call and erase a due timer among 10,000", "peerExpireAsio"),
     ("guardedReplace", "replace one of {} guarded blocks", "peerReplace"),
 ]
+POOL_ROWS = [
+    ("poolPairs", "a chunk, requested and given back", "peerListPairs"),
+    ("poolPairs", "a chunk, requested and given back", "peerBoostPairs"),
+    ("poolBursts", "the same in bursts of 16", "peerListBursts"),
+    ("poolBursts", "the same in bursts of 16", "peerBoostBursts"),
+]
 PEERS = {
     "peerOstringstream": "the same text in a std::ostringstream",
     "peerMutex": "std::mutex",
@@ -43,6 +49,10 @@ PEERS = {
     "peerExpireMultimap": "std::multimap under std::mutex, a future each",
     "peerExpireSmall": "std::multimap under std::mutex, without futures",
     "peerExpireAsio": "boost::asio::steady_timer",
+    "peerListPairs": "a list of free chunks under a std::mutex",
+    "peerListBursts": "a list of free chunks under a std::mutex",
+    "peerBoostPairs": "boost::pool under a std::mutex",
+    "peerBoostBursts": "boost::pool under a std::mutex",
 }
 
 results = json.load(open(sys.argv[1]))
@@ -61,13 +71,19 @@ for row in results["benchmarks"]:
 print("# Performance\n")
 print("Written by `scripts/bench`: medians of 5 interleaved repetitions, ns of wall time an item, all threads together.\n")
 print(f"Machine: {model}, {results['context']['num_cpus']} processors, {platform.system()} {platform.machine()}.\n")
-print("| what | threads | ns | peer | ns | ratio |\n|---|---|---|---|---|---|")
-for name, title, peer in ROWS:
-    for (measured, size, threads), time in sorted(medians.items()):
-        if measured == name:
-            peer_time = medians[peer, size, threads]
-            what = title.format(f"{size:,}")
-            print(f"| {what} | {threads} | {time:.1f} | {PEERS[peer]} | {peer_time:.1f} | {time / peer_time:.2f} |")
+
+
+def table(rows):
+    print("| what | threads | ns | peer | ns | ratio |\n|---|---|---|---|---|---|")
+    for name, title, peer in rows:
+        for (measured, size, threads), time in sorted(medians.items()):
+            if measured == name:
+                peer_time = medians[peer, size, threads]
+                what = title.format(f"{size:,}")
+                print(f"| {what} | {threads} | {time:.1f} | {PEERS[peer]} | {peer_time:.1f} | {time / peer_time:.2f} |")
+
+
+table(ROWS)
 small, large = sorted(size for name, size in least if name == "loadTweaks")
 growth, peer_growth = (least[name, large] / least[name, small] for name in ("loadTweaks", "peerIniLoad"))
 print(f"\nLoading {large // small} times as many lines takes {growth:.1f} times as long "
@@ -80,6 +96,13 @@ print(f"\nA guarded block that comes and goes costs {small:.0f} ns beside 1,000 
       "1,000,000.")
 none, many = (medians["idlePass", size, 1] for size in (0, 100_000))
 print(f"\nA pass over 100,000 timers of which none is due costs {many:.0f} ns, one over none {none:.0f} ns.")
+
+print("\n## The memory pool\n")
+print("Chunks of 65,536 bytes that are there, each thread with a module of its own, ns a chunk.\n")
+table(POOL_ROWS)
+few, many = (medians["serveWaiting", size, 1] for size in (1000, 10_000))
+print(f"\nGiving back what serves a request that waits takes {few:.0f} ns beside 1,000 requests of 100 modules and "
+      f"{many:.0f} ns beside 10,000 of 1,000.")
 
 log = json.load(open(sys.argv[2]))
 print("\n## The log file\n")

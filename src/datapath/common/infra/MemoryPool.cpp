@@ -207,6 +207,12 @@ void MemoryPoolImpl::FreeBytesInfo::fail(bool isAble, bool isEmpty) const
 MemoryPoolImpl::MemoryPoolImpl(const Settings& settings)
     : m_chunkSize(checkedChunkSize(settings.chunkSize)), m_maxPoolSize(settings.maxPoolSize)
 {
+    if (m_chunkSize != 0)
+    {
+        // Used under the lock, and they log when they are made: a log client may need the lock.
+        static_cast<void>(MemShield::instance());
+        static_cast<void>(Timer::instance().getTimestampMs());
+    }
 }
 
 MemoryPoolImpl::~MemoryPoolImpl()
