@@ -58,7 +58,7 @@ int main()
     MemoryPoolImpl pool({.chunkSize = 65'536, .maxPoolSize = 2U << 20U}); // one block of 32 chunks
     MemoryPoolImpl::instance().attachSubPool(pool);                       // so that reports show it
     ModuleMemoryInformation* const reader = pool.registerModule({.name = "Reader"});
-    ModuleMemoryInformation* const writer = pool.registerModule({.name = "Writer", .limitBytes = 4U * 65'536});
+    ModuleMemoryInformation* const writer = pool.registerModule({.name = "Writer", .limitBytes = 262'144});
 
     ScatteredBuf read;
     ScatteredBuf written;

@@ -87,7 +87,7 @@ std::uint32_t checkedChunkSize(std::uint32_t chunkSize)
 /// Of a segment that is given back.
 void check(bool holds, const SourcePlace& place, const char* condition)
 {
-    if (!holds)
+    if (!holds) [[unlikely]]
     {
         static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::freeSegmentContentLocked",
                                               .fields = "MemoryPoolImpl,freeSegmentContentLocked"};
