@@ -28,7 +28,7 @@ struct TweaksTest : LogTest
                   client.last());
     }
 
-    const ScopedProcessEnd throwing;
+    ScopedProcessEnd throwing;
 };
 
 TEST_F(TweaksTest, ValueTextsAreNumbersBooleanWordsOrBetweenQuotes)

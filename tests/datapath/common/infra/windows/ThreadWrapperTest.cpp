@@ -48,9 +48,9 @@ namespace
 
 TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
 {
-    // Stays, because the library's own threads use it to the end.
-    [[maybe_unused]] static const auto& utc =
-        *new ScopedReplacement(platform::timeCalls.utcNow, [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
+    // Stays, because the library's own threads use it to the end; volatile, so that it counts as reachable.
+    [[maybe_unused]] static ScopedReplacement* volatile utc =
+        new ScopedReplacement(platform::timeCalls.utcNow, [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
     waitForOwnThreads(); // numbers 1 and 2
     const CapturingClient client;
     Semaphore hasArrived(0);
