@@ -16,10 +16,8 @@ namespace
 
 constexpr long NS_PER_SECOND = 1'000'000'000;
 
-// The count is the half of the word that futexes look at.
+// Futexes look at the first half of a semaphore's word, the count.
 static_assert(std::endian::native == std::endian::little);
-
-void* futexOf(std::atomic<std::uint64_t>& state) { return &state; }
 
 timespec nowPlus(std::uint32_t durationMs)
 {
@@ -37,11 +35,12 @@ bool isBefore(const timespec& left, const timespec& right)
     return left.tv_sec != right.tv_sec ? left.tv_sec < right.tv_sec : left.tv_nsec < right.tv_nsec;
 }
 
-/// Returns when it is worth while to look at the count again; true if the deadline has passed.
-bool sleepWhileZero(std::atomic<std::uint64_t>& state, const timespec* deadline)
+void wakeOneAt(void* futex) { syscall(SYS_futex, futex, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0); }
+
+/// Returns when it is worth while to look at the state again; true if the deadline has passed.
+bool sleepWhile(std::uint32_t state, void* futex, const timespec* deadline)
 {
-    if (syscall(SYS_futex, futexOf(state), FUTEX_WAIT_BITSET_PRIVATE, 0, deadline, nullptr, FUTEX_BITSET_MATCH_ANY) ==
-            0 ||
+    if (syscall(SYS_futex, futex, FUTEX_WAIT_BITSET_PRIVATE, state, deadline, nullptr, FUTEX_BITSET_MATCH_ANY) == 0 ||
         errno == EAGAIN || errno == EINTR)
     {
         return false;
@@ -61,10 +60,21 @@ bool sleepWhileZero(std::atomic<std::uint64_t>& state, const timespec* deadline)
 
 } // namespace
 
-void NativeSemaphore::wakeOne() noexcept
+#ifndef __SANITIZE_THREAD__
+
+void NativeMutex::sleepUntilLocked() noexcept
 {
-    syscall(SYS_futex, futexOf(m_state), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    while (m_state.exchange(LOCKED_AND_WAITED_FOR, std::memory_order_acquire) != FREE)
+    {
+        sleepWhile(LOCKED_AND_WAITED_FOR, &m_state, nullptr);
+    }
 }
+
+void NativeMutex::wakeOne() noexcept { wakeOneAt(&m_state); }
+
+#endif
+
+void NativeSemaphore::wakeOne() noexcept { wakeOneAt(&m_state); }
 
 void NativeSemaphore::post() noexcept
 {
@@ -132,7 +142,7 @@ bool NativeSemaphore::takeBefore(const timespec* deadline) noexcept
                 return taken != 0;
             }
         }
-        isLate = sleepWhileZero(m_state, deadline);
+        isLate = sleepWhile(0, &m_state, deadline); // looks at the half of the word that counts
         state = m_state.load(std::memory_order_relaxed);
     }
 }

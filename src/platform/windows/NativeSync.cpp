@@ -43,6 +43,10 @@ void rest() { Sleep(1); }
 
 } // namespace
 
+void NativeMutex::lock() noexcept { AcquireSRWLockExclusive(&lockIn(m_lock)); }
+bool NativeMutex::tryLock() noexcept { return TryAcquireSRWLockExclusive(&lockIn(m_lock)) != FALSE; }
+void NativeMutex::unlock() noexcept { ReleaseSRWLockExclusive(&lockIn(m_lock)); }
+
 void NativeSemaphore::post() noexcept
 {
     const ExclusiveGuard guard(lockIn(m_lock));

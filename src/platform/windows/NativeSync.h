@@ -5,6 +5,23 @@
 namespace platform
 {
 
+/// Over a lock of the system that needs no handle.
+class NativeMutex
+{
+public:
+    NativeMutex() = default;
+    NativeMutex(const NativeMutex&) = delete;
+    NativeMutex& operator=(const NativeMutex&) = delete;
+    ~NativeMutex() = default;
+
+    void lock() noexcept;
+    [[nodiscard]] bool tryLock() noexcept;
+    void unlock() noexcept;
+
+private:
+    void* m_lock = nullptr; // an SRWLOCK
+};
+
 /// Over a lock and a condition variable of the system, which need no handle and so cannot run out.
 class NativeSemaphore
 {

@@ -8,11 +8,11 @@
 // it again before it has unlocked it.
 
 #include "datapath/common/infra/ThreadSafety.h"
+#include "platform/Sync.h"
 #include "platform/Threads.h"
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 
 class CAPABILITY("mutex") IMutex
 {
@@ -22,7 +22,7 @@ public:
     virtual ~IMutex() = default;
 };
 
-/// A non-recursive mutex of the standard library.
+/// A non-recursive mutex.
 class CAPABILITY("mutex") Mutex final : public IMutex
 {
 public:
@@ -30,10 +30,9 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    /// Waits for the mutex. Throws std::system_error if the system refuses.
     void lock() ACQUIRES() override
     {
-        if (!m_mutex.try_lock())
+        if (!m_mutex.tryLock())
         {
             lockContended();
         }
@@ -52,7 +51,7 @@ private:
             {
                 platform::relax();
             }
-            if (m_mutex.try_lock())
+            if (m_mutex.tryLock())
             {
                 return;
             }
@@ -60,7 +59,7 @@ private:
         m_mutex.lock();
     }
 
-    std::mutex m_mutex;
+    platform::NativeMutex m_mutex;
 };
 
 /// A Mutex that knows who has it: for a lock under which lines are logged, since what a log client does may lead back

@@ -59,6 +59,27 @@ TEST(Semaphore, EachSignalLetsOneWaiterPass)
     EXPECT_FALSE(semaphore.waitFor(0));
 }
 
+TEST(Mutex, LetsOneThreadInAtATimeAndWakesWhoeverSleeps)
+{
+    constexpr int ROUNDS = 2'000;
+    Mutex mutex;
+    int inside = 0;
+    int passed = 0;
+    runInThreads(4, [&](int /*index*/) {
+        for (int i = 0; i < ROUNDS; ++i)
+        {
+            const MutexGuard guard(mutex);
+            EXPECT_EQ(1, ++inside);
+            if (++passed % 100 == 0)
+            {
+                platform::sleepMs(1); // the others fall asleep
+            }
+            --inside;
+        }
+    });
+    EXPECT_EQ(4 * ROUNDS, passed);
+}
+
 TEST(UnownedMutex, OneThreadUnlocksWhatAnotherLockedAndWhoeverPassesMayDestroyIt)
 {
     repeat(2'000, [] {
