@@ -50,7 +50,7 @@ constexpr std::uint32_t NUMBER_WRONG_INFO = 950;
 constexpr std::uint32_t NUMBER_WRAPPER_CREATED = 1221;
 constexpr std::uint32_t NUMBER_WRONG_STATUS = 1245;
 
-constexpr std::uint32_t SMALLEST_CHUNK = 16; // the links of the list of free ones
+constexpr std::uint32_t SMALLEST_CHUNK = 16; // a free one holds a link
 constexpr std::uint32_t BLOCK_SIZE = 2U << 20U;
 constexpr unsigned char FRESH_FILLING = 0xFE;
 constexpr unsigned char RETURNED_FILLING = 0xEE;
@@ -253,30 +253,11 @@ MemoryPoolImpl& MemoryPoolImpl::instance()
 
 // Free chunks
 
-void MemoryPoolImpl::putChunkLocked(void* memory)
-{
-    auto* const chunk = ::new (memory) FreeChunk{.previous = nullptr, .next = m_firstFree};
-    if (m_firstFree != nullptr)
-    {
-        m_firstFree->previous = chunk;
-    }
-    m_firstFree = chunk;
-}
-
-void MemoryPoolImpl::unlinkChunkLocked(FreeChunk* chunk)
-{
-    (chunk->previous != nullptr ? chunk->previous->next : m_firstFree) = chunk->next;
-    if (chunk->next != nullptr)
-    {
-        chunk->next->previous = chunk->previous;
-    }
-}
+void MemoryPoolImpl::putChunkLocked(void* memory) { m_firstFree = ::new (memory) FreeChunk{.next = m_firstFree}; }
 
 char* MemoryPoolImpl::takeChunkLocked()
 {
-    FreeChunk* const chunk = m_firstFree;
-    unlinkChunkLocked(chunk);
-    return reinterpret_cast<char*>(chunk);
+    return reinterpret_cast<char*>(std::exchange(m_firstFree, m_firstFree->next));
 }
 
 // Serving
@@ -599,14 +580,16 @@ std::uint64_t MemoryPoolImpl::releaseUnused()
                 m_totalPollSize -= size;
             }
         }
-        for (FreeChunk* chunk = m_firstFree; chunk != nullptr;)
+        for (FreeChunk** link = &m_firstFree; *link != nullptr;)
         {
-            FreeChunk* const next = chunk->next;
-            if (isReleased[blockOf(chunk)])
+            if (isReleased[blockOf(*link)])
             {
-                unlinkChunkLocked(chunk);
+                *link = (*link)->next;
             }
-            chunk = next;
+            else
+            {
+                link = &(*link)->next;
+            }
         }
         std::erase_if(m_singleAllocations, [&](const SingleAllocation& allocation) {
             return std::ranges::find(released, allocation.memory, &SingleAllocation::memory) != released.end();

@@ -148,10 +148,9 @@ private:
     static constexpr std::uint32_t SINGLE_ALLOCATION_SIZE = 2U << 20U;
     static constexpr std::size_t CACHE_LINE = 64;
 
-    /// What a free chunk begins with.
+    /// What a free chunk begins with. A second link would make each use touch the chunk after it, too.
     struct FreeChunk
     {
-        FreeChunk* previous;
         FreeChunk* next;
     };
 
@@ -175,7 +174,6 @@ private:
     [[nodiscard]] bool isEmptyLocked() const REQUIRES(m_mutex) { return m_firstFree == nullptr; }
     inline void putChunkLocked(void* memory) REQUIRES(m_mutex);
     [[nodiscard]] inline char* takeChunkLocked() REQUIRES(m_mutex);
-    inline void unlinkChunkLocked(FreeChunk* chunk) REQUIRES(m_mutex);
     [[nodiscard]] std::uint64_t freeBytesLocked() const REQUIRES(m_mutex)
     {
         return m_totalPollSize - m_usedMemoryGross - m_reservedFree;

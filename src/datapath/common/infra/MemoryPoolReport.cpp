@@ -233,11 +233,9 @@ bool MemoryPoolImpl::areFreeChunksSoundLocked() const
         });
     };
     std::set<const FreeChunk*> seen;
-    const FreeChunk* previous = nullptr;
-    for (const FreeChunk* chunk = m_firstFree; chunk != nullptr; previous = std::exchange(chunk, chunk->next))
+    for (const FreeChunk* chunk = m_firstFree; chunk != nullptr; chunk = chunk->next)
     {
-        if (!isInABlock(reinterpret_cast<const char*>(chunk)) || chunk->previous != previous ||
-            !seen.insert(chunk).second)
+        if (!isInABlock(reinterpret_cast<const char*>(chunk)) || !seen.insert(chunk).second)
         {
             return false;
         }
