@@ -1,26 +1,18 @@
 #include "datapath/common/infra/MemoryPool.h"
 
 #include "datapath/common/infra/MemShield.h"
-#include "datapath/common/infra/MemoryHelperThread.h"
-#include "datapath/common/infra/MemoryPoolRequest.h"
-#include "datapath/common/infra/SystemHeapBytes.h"
+#include "datapath/common/infra/MemoryPoolInternal.h"
 #include "datapath/common/infra/Timer.h"
-#include "datapath/common/infra/Tweaks.h"
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <iterator>
-#include <limits>
-#include <new>
-#include <sstream>
 #include <utility>
 
 using WaitingRequestsQueue_Internal::CONTINUE_ITERATION;
 using WaitingRequestsQueue_Internal::FunctorSequentialHandler;
 using WaitingRequestsQueue_Internal::NextIterationData;
 using WaitingRequestsQueue_Internal::PostIterationFlags;
-using WaitingRequestsQueue_Internal::RemovedRequests;
 
 namespace
 {
@@ -29,13 +21,6 @@ constexpr std::uint32_t NUMBER_FREE_OF_FULL = 51;
 constexpr std::uint32_t NUMBER_FREE_OF_EMPTY = 56;
 constexpr std::uint32_t NUMBER_UNKNOWN_FREE = 69;
 constexpr std::uint32_t NUMBER_MEMORY_LEFT = 95;
-constexpr std::uint32_t NUMBER_BLOCK_RELEASED = 100;
-constexpr std::uint32_t NUMBER_BLOCK_ALLOCATED = 106;
-constexpr std::uint32_t NUMBER_NOT_WHOLE_CHUNKS = 188;
-constexpr std::uint32_t NUMBER_NO_GROWTH = 202;
-constexpr std::uint32_t NUMBER_HELPER_RELEASED = 208;
-constexpr std::uint32_t NUMBER_GROWTH_TWICE = 232;
-constexpr std::uint32_t NUMBER_HELPER_CREATED = 233;
 constexpr std::uint32_t NUMBER_NO_OWNER = 303;
 constexpr std::uint32_t NUMBER_UNOWNED_RELEASED = 311;
 constexpr std::uint32_t NUMBER_GROSS_TOO_SMALL = 319;
@@ -47,16 +32,11 @@ constexpr std::uint32_t NUMBER_NO_FREE_CHUNK = 365;
 constexpr std::uint32_t NUMBER_RESERVATION_TOO_SMALL = 378;
 constexpr std::uint32_t NUMBER_NOTHING_PENDING = 877;
 constexpr std::uint32_t NUMBER_WRONG_INFO = 950;
-constexpr std::uint32_t NUMBER_WRAPPER_CREATED = 1221;
-constexpr std::uint32_t NUMBER_WRONG_STATUS = 1245;
 
 constexpr std::uint32_t SMALLEST_CHUNK = 16; // a free one holds a link
 constexpr std::uint32_t BLOCK_SIZE = 2U << 20U;
-constexpr unsigned char FRESH_FILLING = 0xFE;
 constexpr unsigned char RETURNED_FILLING = 0xEE;
-constexpr std::int64_t REPORT_INTERVAL_MS = 1000;
 constexpr std::uint32_t MOST_SPARE_SEGMENTS = 64;
-constexpr int NO_FRACTION = 0;
 
 constinit std::atomic<MemoryPoolImpl*> thePool = nullptr;
 
@@ -95,90 +75,7 @@ void check(bool holds, const SourcePlace& place, const char* condition)
     }
 }
 
-/// To a whole number of units; the largest there is if that is too much.
-std::uint64_t roundedUp(std::uint64_t bytes, std::uint64_t unit)
-{
-    constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
-    const std::uint64_t units = bytes / unit + (bytes % unit != 0 ? 1 : 0);
-    return units > MOST / unit ? MOST / unit * unit : units * unit;
-}
-
 } // namespace
-
-/// Growth in flight: told of its end, on whatever thread that is, it goes to the MemoryHelperThread.
-class MemoryAllocationHelper final : public FutureInternal::FutureObserver<RcStatus>, public ActiveObject::Action
-{
-public:
-    MemoryAllocationHelper(MemoryPoolImpl& pool, std::uint32_t allocationSize) : size(allocationSize), m_pool(pool) {}
-
-    void update(const RcStatus& value) override
-    {
-        if (value != RC_OK && value != RC_ABORTED && value != RC_TIME_OUT)
-        {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_WRONG_STATUS),
-                         "a_val == RC_ABORTED || a_val == RC_TIME_OUT")
-                << " a_val=" << static_cast<std::int32_t>(value) << std::endl;
-        }
-        m_status = value;
-        MemoryHelperThread::instance().enqueue(MemShield::create<MemoryHelperThread::ActionWrapper>(
-            {"ActionWrapper", SourcePlace::numbered(NUMBER_WRAPPER_CREATED)}, *this));
-    }
-
-    void execute() override { m_pool.finishGrowth(m_status); } // which destroys this object
-
-    char* memory = nullptr; // of the new block
-    const std::uint32_t size;
-    // Kept here: the last copy is released without the pool's lock.
-    FutureInternal::Future<RcStatus> future = FutureInternal::Future<RcStatus>::ready(RC_ERROR);
-
-private:
-    MemoryPoolImpl& m_pool;
-    RcStatus m_status = RC_ERROR;
-};
-
-/// Locks the pool. What was removed under the lock is released, and growth logged, when it is free again.
-class SCOPED_CAPABILITY MemoryPoolImpl::Guard
-{
-public:
-    explicit Guard(MemoryPoolImpl& pool) ACQUIRES(pool.m_mutex) : m_pool(pool) { m_pool.m_mutex.lock(); }
-    Guard(const Guard&) = delete;
-    Guard& operator=(const Guard&) = delete;
-    ~Guard() noexcept(false) RELEASES()
-    {
-        if (m_pool.m_removedRequests.empty() && m_pool.m_finishedHelpers.empty()) [[likely]]
-        {
-            m_pool.m_mutex.unlock();
-        }
-        else
-        {
-            unlockAndRelease();
-        }
-    }
-
-private:
-    void unlockAndRelease() RELEASES(m_pool.m_mutex)
-    {
-        RemovedRequests requests;
-        requests.swap(m_pool.m_removedRequests);
-        const std::vector<MemoryAllocationHelper*> helpers = std::exchange(m_pool.m_finishedHelpers, {});
-        const std::uint64_t sizeToReport = std::exchange(m_pool.m_sizeToReport, 0);
-        m_pool.m_mutex.unlock();
-        if (sizeToReport != 0)
-        {
-            static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::allocatePagesFromSingleAllocationLocked",
-                                                  .fields = "MemoryPoolImpl,allocatePagesFromSingleAllocationLocked"};
-            LogItem(LoggerId::OLM, LogLevel::Info, METHOD, NO_FRACTION)
-                << "allocated " << sizeToReport << " bytes" << std::endl;
-        }
-        requests.destroyAll();
-        for (MemoryAllocationHelper* const helper : helpers)
-        {
-            MemShield::destroy(helper, SourcePlace::numbered(NUMBER_HELPER_RELEASED));
-        }
-    }
-
-    MemoryPoolImpl& m_pool;
-};
 
 /// Ends the process: the figures of a module contradict each other.
 void MemoryPoolImpl::FreeBytesInfo::fail(bool isAble, bool isEmpty) const
@@ -252,8 +149,6 @@ MemoryPoolImpl& MemoryPoolImpl::instance()
 }
 
 // Free chunks
-
-void MemoryPoolImpl::putChunkLocked(void* memory) { m_firstFree = ::new (memory) FreeChunk{.next = m_firstFree}; }
 
 char* MemoryPoolImpl::takeChunkLocked()
 {
@@ -551,224 +446,6 @@ void MemoryPoolImpl::addUsedMemoryNet(std::int32_t bytes)
     m_usedMemoryNet += static_cast<std::uint64_t>(std::int64_t{bytes});
 }
 
-std::uint64_t MemoryPoolImpl::releaseUnused()
-{
-    std::vector<SingleAllocation> released;
-    {
-        const Guard guard(*this);
-        const auto isBefore = std::ranges::less();
-        std::ranges::sort(m_singleAllocations, isBefore, &SingleAllocation::memory);
-        const auto blockOf = [&](const FreeChunk* chunk) {
-            assertLocked();
-            const auto after = std::ranges::upper_bound(m_singleAllocations, reinterpret_cast<const char*>(chunk),
-                                                        isBefore, &SingleAllocation::memory);
-            return static_cast<std::size_t>(after - m_singleAllocations.begin()) - 1;
-        };
-        std::vector<std::uint64_t> freeBytes(m_singleAllocations.size());
-        for (const FreeChunk* chunk = m_firstFree; chunk != nullptr; chunk = chunk->next)
-        {
-            freeBytes[blockOf(chunk)] += m_chunkSize;
-        }
-        std::vector<bool> isReleased(m_singleAllocations.size());
-        for (std::size_t block = 0; block < freeBytes.size(); ++block)
-        {
-            const std::uint32_t size = m_singleAllocations[block].size;
-            if (freeBytes[block] == size && freeBytesLocked() >= size)
-            {
-                isReleased[block] = true;
-                released.push_back(m_singleAllocations[block]);
-                m_totalPollSize -= size;
-            }
-        }
-        for (FreeChunk** link = &m_firstFree; *link != nullptr;)
-        {
-            if (isReleased[blockOf(*link)])
-            {
-                *link = (*link)->next;
-            }
-            else
-            {
-                link = &(*link)->next;
-            }
-        }
-        std::erase_if(m_singleAllocations, [&](const SingleAllocation& allocation) {
-            return std::ranges::find(released, allocation.memory, &SingleAllocation::memory) != released.end();
-        });
-    }
-    std::uint64_t bytes = 0;
-    for (const auto& [memory, size] : released)
-    {
-        releaseSingleAllocation(memory, size);
-        bytes += size;
-    }
-    return bytes;
-}
-
-// Modules
-
-std::uint64_t MemoryPoolImpl::largestPoolSize() const { return roundedUp(m_maxPoolSize, singleAllocationSize()); }
-
-/// Why a module cannot be registered; empty if it can, as far as the pool can grow.
-std::string MemoryPoolImpl::refusalLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
-                                          std::uint64_t limitBytes) const
-{
-    std::ostringstream reason;
-    const ModuleMemoryInformation* const parent = settings.parent;
-    const bool isLimited = settings.limitBytes != ModuleMemoryInformation::NO_LIMIT;
-    const auto isHere = [parent](const auto& entry) { return entry.second == parent; };
-    if (m_chunkSize == 0)
-    {
-        reason << "the pool has no chunks";
-    }
-    else if (m_modules.contains(settings.name))
-    {
-        reason << "the name is taken";
-    }
-    else if (isLimited && limitBytes == 0)
-    {
-        reason << "a limit of " << settings.limitBytes << " bytes is no whole chunk of " << m_chunkSize;
-    }
-    else if (reservedBytes > limitBytes)
-    {
-        reason << "a reservation of " << settings.reservedBytes << " bytes takes more chunks than the limit of "
-               << settings.limitBytes;
-    }
-    else if (parent != nullptr && std::ranges::none_of(m_modules, isHere))
-    {
-        reason << "its parent is not of this pool";
-    }
-    else if (parent != nullptr &&
-             (parent->reservedBytes() != 0 || parent->limitBytes() != ModuleMemoryInformation::NO_LIMIT))
-    {
-        reason << "its parent \"" << parent->name() << "\" has a reservation or a limit";
-    }
-    else if (const std::uint64_t taken = m_usedMemoryGross + m_reservedFree;
-             reservedBytes != 0 && (taken > largestPoolSize() || reservedBytes > largestPoolSize() - taken))
-    {
-        reason << "a reservation of " << settings.reservedBytes << " bytes cannot be covered beside " << taken
-               << " bytes that are in use or reserved, of " << largestPoolSize();
-    }
-    return reason.str();
-}
-
-ModuleMemoryInformation* MemoryPoolImpl::registerModule(const ModuleSettings& settings)
-{
-    const std::uint64_t unit = std::max(m_chunkSize, 1U);
-    const std::uint64_t reservedBytes = roundedUp(settings.reservedBytes, unit);
-    const bool isLimited = settings.limitBytes != ModuleMemoryInformation::NO_LIMIT;
-    const std::uint64_t limitBytes = isLimited ? settings.limitBytes / unit * unit : settings.limitBytes;
-    const std::string noGrowth =
-        "the pool could not grow for a reservation of " + std::to_string(settings.reservedBytes) + " bytes";
-    std::string refusal;
-    while (refusal.empty())
-    {
-        GrowthWaiter waiter;
-        {
-            const Guard guard(*this);
-            refusal = refusalLocked(settings, reservedBytes, limitBytes);
-            if (refusal.empty())
-            {
-                if (growForReservationLocked(reservedBytes))
-                {
-                    return addModuleLocked(settings, reservedBytes, limitBytes);
-                }
-                giveMemoryToWaiterLocked(); // as far as the pool has grown
-                if (m_requestForMoreAllocationHelper == nullptr)
-                {
-                    refusal = noGrowth;
-                }
-                else
-                {
-                    m_growthWaiters.push_back(&waiter);
-                }
-            }
-        }
-        if (refusal.empty())
-        {
-            waiter.done.wait();
-            refusal = waiter.status == RC_OK ? "" : noGrowth;
-        }
-    }
-    LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD)
-        << "module \"" << settings.name << "\" is not registered: " << refusal << std::endl;
-    return nullptr;
-}
-
-ModuleMemoryInformation* MemoryPoolImpl::addModuleLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
-                                                         std::uint64_t limitBytes)
-{
-    auto* const module =
-        MemShield::create<ModuleMemoryInformation>({"ModuleMemoryInformation", SourcePlace::here()}, settings.name,
-                                                   reservedBytes, limitBytes, settings.parent, &m_removedRequests);
-    m_modules.emplace(settings.name, module);
-    m_waitingList.subscribe(&module->waiting());
-    module->addToParent();
-    m_reservedFree += reservedBytes;
-    giveMemoryToWaiterLocked(); // of what the pool has grown beyond the reservation
-    return module;
-}
-
-/// Returns whether there is enough. If not, growth is in flight, or it has failed.
-bool MemoryPoolImpl::growForReservationLocked(std::uint64_t reservedBytes)
-{
-    for (std::uint64_t sizeBefore = ~m_totalPollSize;
-         freeBytesLocked() < reservedBytes && m_totalPollSize < m_maxPoolSize && sizeBefore != m_totalPollSize &&
-         m_requestForMoreAllocationHelper == nullptr;)
-    {
-        sizeBefore = m_totalPollSize;
-        requestForMoreAllocationLocked();
-    }
-    return freeBytesLocked() >= reservedBytes;
-}
-
-/// Why a module cannot be unregistered; empty if it can.
-std::string MemoryPoolImpl::abandonmentLocked(const ModuleMemoryInformation& module) const
-{
-    if (std::ranges::none_of(m_modules, [&](const auto& entry) { return entry.second == &module; }))
-    {
-        return "a module that is not of this pool";
-    }
-    const std::string name = "module \"" + module.name() + "\"";
-    if (module.numChildren() != 0)
-    {
-        return name + ", which has " + std::to_string(module.numChildren()) + " children";
-    }
-    std::uint64_t heldBytes = 0; // by what waits
-    for (const WaitingRequestsQueue::Item& item : module.waiting().queue().items())
-    {
-        heldBytes += std::uint64_t{m_chunkSize} * static_cast<const Request&>(*item.request).m_numSegments;
-    }
-    return heldBytes == module.getCurrentlyUsedBytes()
-               ? std::string()
-               : name + ", of which " + std::to_string(module.getCurrentlyUsedBytes() - heldBytes) +
-                     " bytes are in use";
-}
-
-bool MemoryPoolImpl::unregisterModule(ModuleMemoryInformation& module)
-{
-    std::string refusal;
-    {
-        const Guard guard(*this);
-        refusal = abandonmentLocked(module);
-        if (refusal.empty())
-        {
-            m_waitingList.unsubscribe(&module.waiting());
-            abortRequestsLocked(module);
-            m_modules.erase(module.name());
-            m_reservedFree -= module.reservedBytes();
-            module.removeFromParent();
-            giveMemoryToWaiterLocked();
-        }
-    }
-    if (!refusal.empty())
-    {
-        LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD) << "cannot unregister " << refusal << std::endl;
-        return false;
-    }
-    MemShield::destroy(&module, SourcePlace::here());
-    return true;
-}
-
 void MemoryPoolImpl::abortRequestsLocked(ModuleMemoryInformation& module)
 {
     WaitingRequestsQueue& queue = module.waiting().queue();
@@ -783,107 +460,5 @@ void MemoryPoolImpl::abortRequestsLocked(ModuleMemoryInformation& module)
         request.m_buffer.removeLast(request.m_numSegments);
         --m_numPending;
         request.m_future.set(RC_ABORTED);
-    }
-}
-
-// Growing
-
-void MemoryPoolImpl::releaseSingleAllocation(char* memory, std::uint32_t size)
-{
-    SystemHeapBytes::take(std::uint64_t{size} + sizeof(std::uint64_t));
-    MemShield::destroyArray(memory, SourcePlace::numbered(NUMBER_BLOCK_RELEASED));
-}
-
-FutureInternal::Future<RcStatus> MemoryPoolImpl::allocateSingleAllocation(std::uint32_t size, char*& memory)
-{
-    memory = MemShield::createArray<char>({"u8", SourcePlace::numbered(NUMBER_BLOCK_ALLOCATED)}, size);
-    SystemHeapBytes::giveBack(std::uint64_t{size} + sizeof(std::uint64_t)); // it is not counted there
-    return FutureInternal::Future<RcStatus>::ready(RC_OK);
-}
-
-void MemoryPoolImpl::requestForMoreAllocationLocked()
-{
-    if (m_requestForMoreAllocationHelper != nullptr)
-    {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_GROWTH_TWICE),
-                     "m_requestForMoreAllocationHelper == 0")
-            << std::endl;
-    }
-    using Future = FutureInternal::Future<RcStatus>;
-    auto* const helper = MemShield::create<MemoryAllocationHelper>(
-        {"MemoryAllocationHelper", SourcePlace::numbered(NUMBER_HELPER_CREATED)}, *this, singleAllocationSize());
-    m_requestForMoreAllocationHelper = helper;
-    const auto allocate = [&]() -> Future {
-        try
-        {
-            return allocateSingleAllocation(helper->size, helper->memory);
-        }
-        catch (const std::bad_alloc&)
-        {
-            return Future::ready(RC_ABORTED);
-        }
-    };
-    helper->future = allocate();
-    if (helper->future.isSet())
-    {
-        requestForMoreAllocationDoneLocked(helper->future.get());
-    }
-    else
-    {
-        helper->future.addObserver(helper);
-    }
-}
-
-void MemoryPoolImpl::requestForMoreAllocationDoneLocked(RcStatus status)
-{
-    if (m_requestForMoreAllocationHelper == nullptr)
-    {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_NO_GROWTH),
-                     "m_requestForMoreAllocationHelper != 0")
-            << std::endl;
-    }
-    MemoryAllocationHelper* const helper = std::exchange(m_requestForMoreAllocationHelper, nullptr);
-    if (status == RC_OK)
-    {
-        allocatePagesFromSingleAllocationLocked(helper->memory, helper->size);
-    }
-    m_finishedHelpers.push_back(helper);
-    for (GrowthWaiter* const waiter : std::exchange(m_growthWaiters, {}))
-    {
-        waiter->status = status;
-        waiter->done.signal();
-    }
-}
-
-void MemoryPoolImpl::allocatePagesFromSingleAllocationLocked(char* memory, std::uint32_t size)
-{
-    if (size % m_chunkSize != 0)
-    {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_NOT_WHOLE_CHUNKS),
-                     "allocationSize % m_chunkSize == 0")
-            << " allocationSize=" << size << " m_chunkSize=" << m_chunkSize << std::endl;
-    }
-    std::memset(memory, FRESH_FILLING, size);
-    for (std::uint32_t offset = 0; offset + m_chunkSize <= size; offset += m_chunkSize)
-    {
-        putChunkLocked(memory + offset);
-    }
-    m_totalPollSize += size;
-    m_singleAllocations.push_back({memory, size});
-    const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
-    if (nowMs - m_lastGrowthReportMs >= REPORT_INTERVAL_MS)
-    {
-        m_lastGrowthReportMs = nowMs;
-        m_sizeToReport = m_totalPollSize;
-    }
-}
-
-void MemoryPoolImpl::finishGrowth(RcStatus status)
-{
-    const Guard guard(*this);
-    requestForMoreAllocationDoneLocked(status);
-    if (status == RC_OK)
-    {
-        giveMemoryToWaiterLocked();
     }
 }

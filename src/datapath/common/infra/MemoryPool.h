@@ -172,7 +172,7 @@ private:
 
     // Free chunks.
     [[nodiscard]] bool isEmptyLocked() const REQUIRES(m_mutex) { return m_firstFree == nullptr; }
-    inline void putChunkLocked(void* memory) REQUIRES(m_mutex);
+    void putChunkLocked(void* memory) REQUIRES(m_mutex) { m_firstFree = ::new (memory) FreeChunk{.next = m_firstFree}; }
     [[nodiscard]] inline char* takeChunkLocked() REQUIRES(m_mutex);
     [[nodiscard]] std::uint64_t freeBytesLocked() const REQUIRES(m_mutex)
     {

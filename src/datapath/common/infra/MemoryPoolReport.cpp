@@ -1,7 +1,7 @@
 // What a memory pool tells: its usage, what waits for too long, and, for tests, whether its figures agree.
 
 #include "datapath/common/infra/LogItem.h"
-#include "datapath/common/infra/MemoryPoolRequest.h"
+#include "datapath/common/infra/MemoryPoolInternal.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Tweaks.h"
 

@@ -1,10 +1,11 @@
 #pragma once
 
-// A request for memory that waits in a pool. Only the pool's own units use it.
+// What the units of the memory pool share. Nobody else uses it.
 
 #include "datapath/common/infra/MemoryPool.h"
 #include "datapath/common/infra/Timer.h"
 
+/// A request for memory that waits.
 class MemoryPoolImpl::Request final : public WaitingRequestsQueue_Internal::Request
 {
 public:
@@ -21,4 +22,29 @@ public:
     ModuleMemoryInformation& m_module;
     FutureInternal::Future<RcStatus> m_future;
     const std::int64_t m_startMs = Timer::instance().getTimestampMs();
+};
+
+/// Locks the pool. What was removed under the lock is released, and growth logged, when it is free again.
+class SCOPED_CAPABILITY MemoryPoolImpl::Guard
+{
+public:
+    explicit Guard(MemoryPoolImpl& pool) ACQUIRES(pool.m_mutex) : m_pool(pool) { m_pool.m_mutex.lock(); }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+    ~Guard() noexcept(false) RELEASES()
+    {
+        if (m_pool.m_removedRequests.empty() && m_pool.m_finishedHelpers.empty()) [[likely]]
+        {
+            m_pool.m_mutex.unlock();
+        }
+        else
+        {
+            unlockAndRelease();
+        }
+    }
+
+private:
+    void unlockAndRelease() RELEASES(m_pool.m_mutex);
+
+    MemoryPoolImpl& m_pool;
 };

@@ -1,0 +1,234 @@
+// The part of the memory pool that takes memory from the guarded allocator, in blocks, and gives it back.
+
+#include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/MemoryHelperThread.h"
+#include "datapath/common/infra/MemoryPoolInternal.h"
+#include "datapath/common/infra/SystemHeapBytes.h"
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <utility>
+
+namespace
+{
+
+// The unit under which support knows all checks of the pool.
+constexpr const char* POOL_UNIT = "datapath/common/infra/MemoryPool.cpp";
+constexpr SourcePlace PLACE_BLOCK_RELEASED = SourcePlace::numbered(100, POOL_UNIT);
+constexpr SourcePlace PLACE_BLOCK_ALLOCATED = SourcePlace::numbered(106, POOL_UNIT);
+constexpr SourcePlace PLACE_NOT_WHOLE_CHUNKS = SourcePlace::numbered(188, POOL_UNIT);
+constexpr SourcePlace PLACE_NO_GROWTH = SourcePlace::numbered(202, POOL_UNIT);
+constexpr SourcePlace PLACE_HELPER_RELEASED = SourcePlace::numbered(208, POOL_UNIT);
+constexpr SourcePlace PLACE_GROWTH_TWICE = SourcePlace::numbered(232, POOL_UNIT);
+constexpr SourcePlace PLACE_HELPER_CREATED = SourcePlace::numbered(233, POOL_UNIT);
+constexpr SourcePlace PLACE_WRAPPER_CREATED = SourcePlace::numbered(1221, POOL_UNIT);
+constexpr SourcePlace PLACE_WRONG_STATUS = SourcePlace::numbered(1245, POOL_UNIT);
+
+constexpr unsigned char FRESH_FILLING = 0xFE;
+constexpr std::int64_t REPORT_INTERVAL_MS = 1000;
+constexpr int NO_FRACTION = 0;
+
+} // namespace
+
+/// Growth in flight: told of its end, on whatever thread that is, it goes to the MemoryHelperThread.
+class MemoryAllocationHelper final : public FutureInternal::FutureObserver<RcStatus>, public ActiveObject::Action
+{
+public:
+    MemoryAllocationHelper(MemoryPoolImpl& pool, std::uint32_t allocationSize) : size(allocationSize), m_pool(pool) {}
+
+    void update(const RcStatus& value) override
+    {
+        if (value != RC_OK && value != RC_ABORTED && value != RC_TIME_OUT)
+        {
+            CheckFailure(LoggerId::OLM, THIS_METHOD, PLACE_WRONG_STATUS, "a_val == RC_ABORTED || a_val == RC_TIME_OUT")
+                << " a_val=" << static_cast<std::int32_t>(value) << std::endl;
+        }
+        m_status = value;
+        MemoryHelperThread::instance().enqueue(
+            MemShield::create<MemoryHelperThread::ActionWrapper>({"ActionWrapper", PLACE_WRAPPER_CREATED}, *this));
+    }
+
+    void execute() override { m_pool.finishGrowth(m_status); } // which destroys this object
+
+    char* memory = nullptr; // of the new block
+    const std::uint32_t size;
+    // Kept here: the last copy is released without the pool's lock.
+    FutureInternal::Future<RcStatus> future = FutureInternal::Future<RcStatus>::ready(RC_ERROR);
+
+private:
+    MemoryPoolImpl& m_pool;
+    RcStatus m_status = RC_ERROR;
+};
+
+void MemoryPoolImpl::Guard::unlockAndRelease()
+{
+    WaitingRequestsQueue_Internal::RemovedRequests requests;
+    requests.swap(m_pool.m_removedRequests);
+    const std::vector<MemoryAllocationHelper*> helpers = std::exchange(m_pool.m_finishedHelpers, {});
+    const std::uint64_t sizeToReport = std::exchange(m_pool.m_sizeToReport, 0);
+    m_pool.m_mutex.unlock();
+    if (sizeToReport != 0)
+    {
+        static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::allocatePagesFromSingleAllocationLocked",
+                                              .fields = "MemoryPoolImpl,allocatePagesFromSingleAllocationLocked"};
+        LogItem(LoggerId::OLM, LogLevel::Info, METHOD, NO_FRACTION)
+            << "allocated " << sizeToReport << " bytes" << std::endl;
+    }
+    requests.destroyAll();
+    for (MemoryAllocationHelper* const helper : helpers)
+    {
+        MemShield::destroy(helper, PLACE_HELPER_RELEASED);
+    }
+}
+
+void MemoryPoolImpl::releaseSingleAllocation(char* memory, std::uint32_t size)
+{
+    SystemHeapBytes::take(std::uint64_t{size} + sizeof(std::uint64_t));
+    MemShield::destroyArray(memory, PLACE_BLOCK_RELEASED);
+}
+
+FutureInternal::Future<RcStatus> MemoryPoolImpl::allocateSingleAllocation(std::uint32_t size, char*& memory)
+{
+    memory = MemShield::createArray<char>({"u8", PLACE_BLOCK_ALLOCATED}, size);
+    SystemHeapBytes::giveBack(std::uint64_t{size} + sizeof(std::uint64_t)); // it is not counted there
+    return FutureInternal::Future<RcStatus>::ready(RC_OK);
+}
+
+void MemoryPoolImpl::requestForMoreAllocationLocked()
+{
+    if (m_requestForMoreAllocationHelper != nullptr)
+    {
+        CheckFailure(LoggerId::OLM, THIS_METHOD, PLACE_GROWTH_TWICE, "m_requestForMoreAllocationHelper == 0")
+            << std::endl;
+    }
+    using Future = FutureInternal::Future<RcStatus>;
+    auto* const helper = MemShield::create<MemoryAllocationHelper>({"MemoryAllocationHelper", PLACE_HELPER_CREATED},
+                                                                   *this, singleAllocationSize());
+    m_requestForMoreAllocationHelper = helper;
+    const auto allocate = [&]() -> Future {
+        try
+        {
+            return allocateSingleAllocation(helper->size, helper->memory);
+        }
+        catch (const std::bad_alloc&)
+        {
+            return Future::ready(RC_ABORTED);
+        }
+    };
+    helper->future = allocate();
+    if (helper->future.isSet())
+    {
+        requestForMoreAllocationDoneLocked(helper->future.get());
+    }
+    else
+    {
+        helper->future.addObserver(helper);
+    }
+}
+
+void MemoryPoolImpl::requestForMoreAllocationDoneLocked(RcStatus status)
+{
+    if (m_requestForMoreAllocationHelper == nullptr)
+    {
+        CheckFailure(LoggerId::OLM, THIS_METHOD, PLACE_NO_GROWTH, "m_requestForMoreAllocationHelper != 0") << std::endl;
+    }
+    MemoryAllocationHelper* const helper = std::exchange(m_requestForMoreAllocationHelper, nullptr);
+    if (status == RC_OK)
+    {
+        allocatePagesFromSingleAllocationLocked(helper->memory, helper->size);
+    }
+    m_finishedHelpers.push_back(helper);
+    for (GrowthWaiter* const waiter : std::exchange(m_growthWaiters, {}))
+    {
+        waiter->status = status;
+        waiter->done.signal();
+    }
+}
+
+void MemoryPoolImpl::allocatePagesFromSingleAllocationLocked(char* memory, std::uint32_t size)
+{
+    if (size % m_chunkSize != 0)
+    {
+        CheckFailure(LoggerId::OLM, THIS_METHOD, PLACE_NOT_WHOLE_CHUNKS, "allocationSize % m_chunkSize == 0")
+            << " allocationSize=" << size << " m_chunkSize=" << m_chunkSize << std::endl;
+    }
+    std::memset(memory, FRESH_FILLING, size);
+    for (std::uint32_t offset = 0; offset + m_chunkSize <= size; offset += m_chunkSize)
+    {
+        putChunkLocked(memory + offset);
+    }
+    m_totalPollSize += size;
+    m_singleAllocations.push_back({memory, size});
+    const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
+    if (nowMs - m_lastGrowthReportMs >= REPORT_INTERVAL_MS)
+    {
+        m_lastGrowthReportMs = nowMs;
+        m_sizeToReport = m_totalPollSize;
+    }
+}
+
+void MemoryPoolImpl::finishGrowth(RcStatus status)
+{
+    const Guard guard(*this);
+    requestForMoreAllocationDoneLocked(status);
+    if (status == RC_OK)
+    {
+        giveMemoryToWaiterLocked();
+    }
+}
+
+std::uint64_t MemoryPoolImpl::releaseUnused()
+{
+    std::vector<SingleAllocation> released;
+    {
+        const Guard guard(*this);
+        const auto isBefore = std::ranges::less();
+        std::ranges::sort(m_singleAllocations, isBefore, &SingleAllocation::memory);
+        const auto blockOf = [&](const FreeChunk* chunk) {
+            assertLocked();
+            const auto after = std::ranges::upper_bound(m_singleAllocations, reinterpret_cast<const char*>(chunk),
+                                                        isBefore, &SingleAllocation::memory);
+            return static_cast<std::size_t>(after - m_singleAllocations.begin()) - 1;
+        };
+        std::vector<std::uint64_t> freeBytes(m_singleAllocations.size());
+        for (const FreeChunk* chunk = m_firstFree; chunk != nullptr; chunk = chunk->next)
+        {
+            freeBytes[blockOf(chunk)] += m_chunkSize;
+        }
+        std::vector<bool> isReleased(m_singleAllocations.size());
+        for (std::size_t block = 0; block < freeBytes.size(); ++block)
+        {
+            const std::uint32_t size = m_singleAllocations[block].size;
+            if (freeBytes[block] == size && freeBytesLocked() >= size)
+            {
+                isReleased[block] = true;
+                released.push_back(m_singleAllocations[block]);
+                m_totalPollSize -= size;
+            }
+        }
+        for (FreeChunk** link = &m_firstFree; *link != nullptr;)
+        {
+            if (isReleased[blockOf(*link)])
+            {
+                *link = (*link)->next;
+            }
+            else
+            {
+                link = &(*link)->next;
+            }
+        }
+        std::erase_if(m_singleAllocations, [&](const SingleAllocation& allocation) {
+            return std::ranges::find(released, allocation.memory, &SingleAllocation::memory) != released.end();
+        });
+    }
+    std::uint64_t bytes = 0;
+    for (const auto& [memory, size] : released)
+    {
+        releaseSingleAllocation(memory, size);
+        bytes += size;
+    }
+    return bytes;
+}

@@ -1,0 +1,185 @@
+// The part of the memory pool that registers its modules.
+
+#include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/MemoryPoolInternal.h"
+
+#include <algorithm>
+#include <limits>
+#include <sstream>
+
+namespace
+{
+
+/// To a whole number of units; the largest there is if that is too much.
+std::uint64_t roundedUp(std::uint64_t bytes, std::uint64_t unit)
+{
+    constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
+    const std::uint64_t units = bytes / unit + (bytes % unit != 0 ? 1 : 0);
+    return units > MOST / unit ? MOST / unit * unit : units * unit;
+}
+
+} // namespace
+
+std::uint64_t MemoryPoolImpl::largestPoolSize() const { return roundedUp(m_maxPoolSize, singleAllocationSize()); }
+
+/// Why a module cannot be registered; empty if it can, as far as the pool can grow.
+std::string MemoryPoolImpl::refusalLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
+                                          std::uint64_t limitBytes) const
+{
+    std::ostringstream reason;
+    const ModuleMemoryInformation* const parent = settings.parent;
+    const bool isLimited = settings.limitBytes != ModuleMemoryInformation::NO_LIMIT;
+    const auto isHere = [parent](const auto& entry) { return entry.second == parent; };
+    if (m_chunkSize == 0)
+    {
+        reason << "the pool has no chunks";
+    }
+    else if (m_modules.contains(settings.name))
+    {
+        reason << "the name is taken";
+    }
+    else if (isLimited && limitBytes == 0)
+    {
+        reason << "a limit of " << settings.limitBytes << " bytes is no whole chunk of " << m_chunkSize;
+    }
+    else if (reservedBytes > limitBytes)
+    {
+        reason << "a reservation of " << settings.reservedBytes << " bytes takes more chunks than the limit of "
+               << settings.limitBytes;
+    }
+    else if (parent != nullptr && std::ranges::none_of(m_modules, isHere))
+    {
+        reason << "its parent is not of this pool";
+    }
+    else if (parent != nullptr &&
+             (parent->reservedBytes() != 0 || parent->limitBytes() != ModuleMemoryInformation::NO_LIMIT))
+    {
+        reason << "its parent \"" << parent->name() << "\" has a reservation or a limit";
+    }
+    else if (const std::uint64_t taken = m_usedMemoryGross + m_reservedFree;
+             reservedBytes != 0 && (taken > largestPoolSize() || reservedBytes > largestPoolSize() - taken))
+    {
+        reason << "a reservation of " << settings.reservedBytes << " bytes cannot be covered beside " << taken
+               << " bytes that are in use or reserved, of " << largestPoolSize();
+    }
+    return reason.str();
+}
+
+ModuleMemoryInformation* MemoryPoolImpl::registerModule(const ModuleSettings& settings)
+{
+    const std::uint64_t unit = std::max(m_chunkSize, 1U);
+    const std::uint64_t reservedBytes = roundedUp(settings.reservedBytes, unit);
+    const bool isLimited = settings.limitBytes != ModuleMemoryInformation::NO_LIMIT;
+    const std::uint64_t limitBytes = isLimited ? settings.limitBytes / unit * unit : settings.limitBytes;
+    const std::string noGrowth =
+        "the pool could not grow for a reservation of " + std::to_string(settings.reservedBytes) + " bytes";
+    std::string refusal;
+    while (refusal.empty())
+    {
+        GrowthWaiter waiter;
+        {
+            const Guard guard(*this);
+            refusal = refusalLocked(settings, reservedBytes, limitBytes);
+            if (refusal.empty())
+            {
+                if (growForReservationLocked(reservedBytes))
+                {
+                    return addModuleLocked(settings, reservedBytes, limitBytes);
+                }
+                giveMemoryToWaiterLocked(); // as far as the pool has grown
+                if (m_requestForMoreAllocationHelper == nullptr)
+                {
+                    refusal = noGrowth;
+                }
+                else
+                {
+                    m_growthWaiters.push_back(&waiter);
+                }
+            }
+        }
+        if (refusal.empty())
+        {
+            waiter.done.wait();
+            refusal = waiter.status == RC_OK ? "" : noGrowth;
+        }
+    }
+    LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD)
+        << "module \"" << settings.name << "\" is not registered: " << refusal << std::endl;
+    return nullptr;
+}
+
+ModuleMemoryInformation* MemoryPoolImpl::addModuleLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
+                                                         std::uint64_t limitBytes)
+{
+    auto* const module =
+        MemShield::create<ModuleMemoryInformation>({"ModuleMemoryInformation", SourcePlace::here()}, settings.name,
+                                                   reservedBytes, limitBytes, settings.parent, &m_removedRequests);
+    m_modules.emplace(settings.name, module);
+    m_waitingList.subscribe(&module->waiting());
+    module->addToParent();
+    m_reservedFree += reservedBytes;
+    giveMemoryToWaiterLocked(); // of what the pool has grown beyond the reservation
+    return module;
+}
+
+/// Returns whether there is enough. If not, growth is in flight, or it has failed.
+bool MemoryPoolImpl::growForReservationLocked(std::uint64_t reservedBytes)
+{
+    for (std::uint64_t sizeBefore = ~m_totalPollSize;
+         freeBytesLocked() < reservedBytes && m_totalPollSize < m_maxPoolSize && sizeBefore != m_totalPollSize &&
+         m_requestForMoreAllocationHelper == nullptr;)
+    {
+        sizeBefore = m_totalPollSize;
+        requestForMoreAllocationLocked();
+    }
+    return freeBytesLocked() >= reservedBytes;
+}
+
+/// Why a module cannot be unregistered; empty if it can.
+std::string MemoryPoolImpl::abandonmentLocked(const ModuleMemoryInformation& module) const
+{
+    if (std::ranges::none_of(m_modules, [&](const auto& entry) { return entry.second == &module; }))
+    {
+        return "a module that is not of this pool";
+    }
+    const std::string name = "module \"" + module.name() + "\"";
+    if (module.numChildren() != 0)
+    {
+        return name + ", which has " + std::to_string(module.numChildren()) + " children";
+    }
+    std::uint64_t heldBytes = 0; // by what waits
+    for (const WaitingRequestsQueue::Item& item : module.waiting().queue().items())
+    {
+        heldBytes += std::uint64_t{m_chunkSize} * static_cast<const Request&>(*item.request).m_numSegments;
+    }
+    return heldBytes == module.getCurrentlyUsedBytes()
+               ? std::string()
+               : name + ", of which " + std::to_string(module.getCurrentlyUsedBytes() - heldBytes) +
+                     " bytes are in use";
+}
+
+bool MemoryPoolImpl::unregisterModule(ModuleMemoryInformation& module)
+{
+    std::string refusal;
+    {
+        const Guard guard(*this);
+        refusal = abandonmentLocked(module);
+        if (refusal.empty())
+        {
+            m_waitingList.unsubscribe(&module.waiting());
+            abortRequestsLocked(module);
+            m_modules.erase(module.name());
+            m_reservedFree -= module.reservedBytes();
+            module.removeFromParent();
+            giveMemoryToWaiterLocked();
+        }
+    }
+    if (!refusal.empty())
+    {
+        LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD) << "cannot unregister " << refusal << std::endl;
+        return false;
+    }
+    MemShield::destroy(&module, SourcePlace::here());
+    return true;
+}
