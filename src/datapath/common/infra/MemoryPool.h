@@ -8,7 +8,7 @@
 //     MemoryPoolImpl pool({.chunkSize = 65'536, .maxPoolSize = 64U << 20U});
 //     ModuleMemoryInformation* const cache = pool.registerModule({.name = "Cache", .reservedBytes = 1U << 20U});
 //     ScatteredBuf buffer;
-//     pool.requestMemory(*cache, 200'000, buffer, traceId).get();
+//     const RcStatus status = pool.requestMemory(*cache, 200'000, buffer, traceId).get(); // waits
 //     pool.freeSegments(buffer.getSegments(), 0);
 //
 // Any thread may call. Modules belong to the pool, segments to whoever asked for them, until they are given back. All

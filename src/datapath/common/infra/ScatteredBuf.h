@@ -5,7 +5,7 @@
 // back through the allocator that it came from.
 //
 //     ScatteredBuf buffer;
-//     pool.requestMemory(module, 200'000, buffer, traceId).get();
+//     const RcStatus status = pool.requestMemory(module, 200'000, buffer, traceId).get(); // waits
 //     pool.freeSegments(buffer.getSegments(), 0);
 
 #include "datapath/common/infra/MemoryAllocatorInterface.h"
