@@ -35,9 +35,11 @@ public:
     void appendFirst(std::list<MemorySegment>& made)
     {
         const MemorySegment& segment = made.front();
-        if (m_segments.empty())
+        if (m_segments.empty()) // which it may be after others were taken out of it
         {
+            m_totalBytes = 0;
             m_firstSize = segment.sizeBytes;
+            m_isUniform = true;
             m_owner = segment.owner;
         }
         else
@@ -58,9 +60,9 @@ public:
         std::list<MemorySegment> kept = std::move(m_segments);
         kept.resize(kept.size() - count);
         clear();
-        for (const MemorySegment& segment : kept)
+        while (!kept.empty())
         {
-            append(segment);
+            appendFirst(kept);
         }
     }
 
