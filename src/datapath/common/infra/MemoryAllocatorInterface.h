@@ -34,8 +34,8 @@ public:
     virtual ~MemoryAllocatorInterface() = default;
 
     /// Gives every segment from that position to the end back; their buffers are null then. Nothing for a position that
-    /// is not in the list. Not for segments that were
-    /// given back already, nor for those of another allocator: that ends the process.
+    /// is not in the list. Not for segments that were given back already, nor for those of another allocator: that ends
+    /// the process.
     virtual void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) = 0;
     virtual void freeSegment(MemorySegment& segment) = 0;
 

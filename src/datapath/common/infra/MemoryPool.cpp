@@ -301,10 +301,10 @@ FutureInternal::Future<RcStatus> MemoryPoolImpl::requestMemory(ModuleMemoryInfor
     std::uint32_t missingBytes = bytes;
     std::uint32_t numSegments = 0;
     // Made while the lock is free, but for those of large requests.
-    std::list<MemorySegment> spare(std::min((bytes - 1) / m_chunkSize + 1, MOST_SPARE_SEGMENTS));
+    std::list<MemorySegment> spare(std::min((bytes - 1) / std::max(m_chunkSize, 1U) + 1, MOST_SPARE_SEGMENTS));
     const Guard guard(*this);
     // While others wait, growth that has failed is tried for them first.
-    if (module.waiting().queue().empty() && !m_waitingList.hasWaiting() &&
+    if (isOwnLocked(module) && module.waiting().queue().empty() && !m_waitingList.hasWaiting() &&
         takeSegmentsLocked(module, missingBytes, buffer, numSegments, spare).isAbleToGetMemory)
     {
         return Future::ready(RC_OK);
@@ -352,6 +352,7 @@ void MemoryPoolImpl::freeSegments(std::list<MemorySegment>& segments, std::int32
     {
         const auto first = positionOf(segments, fromIndex);
         const Guard guard(*this);
+        bool isServing = false; // what came back may be somebody else's
         std::for_each(first, segments.end(), [&](MemorySegment& segment) {
             assertLocked();
             if (segment.owner == nullptr)
@@ -361,9 +362,10 @@ void MemoryPoolImpl::freeSegments(std::list<MemorySegment>& segments, std::int32
             else
             {
                 freeSegmentContentLocked(segment);
+                isServing = isServing || m_numPending != 0 || !isOwnLocked(*segment.owner);
             }
         });
-        if (m_numPending != 0)
+        if (isServing)
         {
             std::set<ModuleMemoryInformation*> affected;
             std::for_each(first, segments.end(), [&](const MemorySegment& segment) { affected.insert(segment.owner); });
@@ -383,7 +385,7 @@ void MemoryPoolImpl::freeSegment(MemorySegment& segment)
     }
     const Guard guard(*this);
     freeSegmentContentLocked(segment);
-    if (m_numPending != 0)
+    if (m_numPending != 0 || !isOwnLocked(*segment.owner))
     {
         serveLocked({segment.owner});
     }

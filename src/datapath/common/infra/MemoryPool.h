@@ -196,6 +196,12 @@ private:
         return module.waiting().queue().size();
     }
 
+    /// A module of another pool is not, and serving it ends the process.
+    [[nodiscard]] bool isOwnLocked(const ModuleMemoryInformation& module) const REQUIRES(m_mutex)
+    {
+        return module.waiting().isSubscribedTo(m_waitingList);
+    }
+
     // Giving back.
     inline void freeSegmentContentLocked(MemorySegment& segment) REQUIRES(m_mutex);
     inline void freeChunkFromMmiLocked(std::uint64_t netBytes, ModuleMemoryInformation& module) REQUIRES(m_mutex);

@@ -29,6 +29,12 @@ SequentialRequestsManager::SequentialRequestsManager(const std::string& name)
 {
 }
 
+void SequentialRequestsManager::subscribe(ModuleInformation* module)
+{
+    m_modulesInfo.insert(module);
+    module->setManager(this);
+}
+
 void SequentialRequestsManager::unsubscribe(ModuleInformation* module)
 {
     if (module->getIsRequestInWaitingModules())
@@ -36,6 +42,7 @@ void SequentialRequestsManager::unsubscribe(ModuleInformation* module)
         removeRequestReference(m_waitingModules.find(module->queue().front().key), module);
     }
     m_modulesInfo.erase(module);
+    module->setManager(nullptr);
 }
 
 void SequentialRequestsManager::iterateWaiting(const Handler& visitor)
@@ -114,7 +121,7 @@ void SequentialRequestsManager::removeRequestReference(WaitingModules::iterator 
 
 void SequentialRequestsManager::importRequestReferenceInternal(ModuleInformation* module)
 {
-    if (!m_modulesInfo.contains(module))
+    if (!module->isSubscribedTo(*this))
     {
         CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_UNSUBSCRIBED),
                      "itWaitingModule != m_modulesInfo.end()")
@@ -143,7 +150,7 @@ void SequentialRequestsManager::iterateAll(const Handler& visitor)
 
 void SequentialRequestsManager::iterateAll(const Handler& visitor, ModuleInformation* module)
 {
-    if (!m_modulesInfo.contains(module))
+    if (!module->isSubscribedTo(*this))
     {
         CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_UNKNOWN_MODULE),
                      "it != m_modulesInfo.end()")

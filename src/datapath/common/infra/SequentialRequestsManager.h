@@ -21,6 +21,8 @@
 #include <set>
 #include <string>
 
+class SequentialRequestsManager;
+
 namespace SequentialRequestsManager_Internal
 {
 
@@ -36,12 +38,16 @@ public:
     /// Whether the module is among those that wait.
     [[nodiscard]] bool getIsRequestInWaitingModules() const { return m_isRequestInWaitingModules; }
 
-    /// The manager's own.
+    [[nodiscard]] bool isSubscribedTo(const SequentialRequestsManager& manager) const { return m_manager == &manager; }
+
+    // The manager's own.
     void setIsRequestInWaitingModules(bool isWaiting) { m_isRequestInWaitingModules = isWaiting; }
+    void setManager(const SequentialRequestsManager* manager) { m_manager = manager; }
 
 private:
     WaitingRequestsQueue m_queue;
     bool m_isRequestInWaitingModules = false;
+    const SequentialRequestsManager* m_manager = nullptr; // that it is subscribed to
 };
 
 } // namespace SequentialRequestsManager_Internal
@@ -56,7 +62,7 @@ public:
     explicit SequentialRequestsManager(const std::string& name);
 
     /// The module, which stays its owner's, must be unsubscribed before it is destroyed.
-    void subscribe(ModuleInformation* module) { m_modulesInfo.insert(module); }
+    void subscribe(ModuleInformation* module);
 
     /// The module does not wait any more. Its requests stay in its queue.
     void unsubscribe(ModuleInformation* module);

@@ -184,6 +184,9 @@ TEST_F(MemoryPool, BrokenFiguresEndTheProcess)
          free + "334: mmi->getCurrentlyUsedBytes() >= m_chunkSize failed.  mmi->getCurrentlyUsedBytes()=0 "
                 "m_chunkSize=65536",
          "MemoryPoolImpl,freeSegmentContentLocked" + place + "343: !info->isHeapMemory() failed. ",
+         "SequentialRequestsManager,importRequestReferenceInternal, "
+         "datapath/common/infra/SequentialRequestsManager.cpp "
+         "174: itWaitingModule != m_modulesInfo.end() failed. unsubscribed mmi",
          "MemoryPoolImpl,allocatePagesFromSingleAllocationLocked" + place +
              "188: allocationSize % m_chunkSize == 0 failed.  allocationSize=65552 m_chunkSize=65536",
          "MemoryPoolImpl,~MemoryPoolImpl" + place + "95: m_totalPollSize == 0 failed.  m_totalPollSize=2097152",
