@@ -390,9 +390,16 @@ public:
     void check()
     {
         std::set<const Module*> waiting;
+        bool isAnyWaiting = false; // for what all may have; growth that alternates serves who comes second
         for (Holding& holding : m_holdings)
         {
+            const bool wasComplete = holding.isComplete;
             checkHolding(holding, waiting);
+            const Module& module = *holding.module;
+            isAnyWaiting = isAnyWaiting || (!holding.isComplete && ownBytes(module) != module.limit);
+            expect(wasComplete || !holding.isComplete || holding.segments.empty() || module.reserved != 0 ||
+                       !isAnyWaiting || m_pool.m_growth == Growth::Alternates,
+                   "a request overtakes that of another module");
         }
         std::erase_if(m_holdings,
                       [](const Holding& holding) { return holding.isComplete && holding.segments.empty(); });

@@ -370,7 +370,7 @@ TEST_F(MemoryPool, TheHeapCountsAChunkForEachSegment)
 void expectNoFaultOfRandomOperations(bool isGuarded)
 {
     MemShield::setEnabled(isGuarded);
-    for (unsigned seed = 1; seed <= 6; ++seed)
+    for (const unsigned seed : {1U, 2U, 3U, 15U, 38U, 120U}) // some reach growth that fails and then succeeds
     {
         std::mt19937 random(seed);
         std::string bytes(2'000, '\0');
