@@ -112,7 +112,7 @@ MemoryPoolImpl::MemoryPoolImpl(const Settings& settings)
     }
 }
 
-MemoryPoolImpl::~MemoryPoolImpl()
+void MemoryPoolImpl::waitForGrowth()
 {
     for (bool isGrowing = true; isGrowing;)
     {
@@ -130,6 +130,11 @@ MemoryPoolImpl::~MemoryPoolImpl()
             waiter.done.wait();
         }
     }
+}
+
+MemoryPoolImpl::~MemoryPoolImpl()
+{
+    waitForGrowth();
     if (m_totalPollSize != 0)
     {
         CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_MEMORY_LEFT), "m_totalPollSize == 0")

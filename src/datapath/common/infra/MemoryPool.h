@@ -88,8 +88,8 @@ public:
     explicit MemoryPoolImpl(const Settings& settings);
 
     /// Waits for growth in flight; what still waits is completed with RC_ABORTED. Ends the process if there is memory
-    /// left: call releaseUnused before. Detach the pool
-    /// from others, and others from it, first. A derived class whose growth answers late has to wait for that itself.
+    /// left: call releaseUnused before. Detach the pool from others, and others from it, first. A derived class whose
+    /// growth answers late has to wait for that itself, with waitForGrowth, before it releases what is unused.
     ~MemoryPoolImpl() override;
 
     /// The one in memory reports, without chunks. Made on first use and never destroyed.
@@ -119,6 +119,9 @@ public:
     virtual void printMemoryUsage() EXCLUDES(m_mutex, m_subPoolsMutex);
 
     [[nodiscard]] Usage usage() EXCLUDES(m_mutex);
+
+    /// Returns when no growth is in flight. Never to be called by the MemoryHelperThread.
+    void waitForGrowth() EXCLUDES(m_mutex);
 
     /// Gives back blocks of which every chunk is free, as far as the reservations do not need them. Returns the bytes.
     std::uint64_t releaseUnused() EXCLUDES(m_mutex);
