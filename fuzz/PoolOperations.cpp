@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <system_error>
 #include <thread>
 
 namespace
@@ -129,7 +130,7 @@ private:
                             (m_growth == Growth::Alternates && !m_hasGrowthFailed);
         if (m_growth == Growth::Throws)
         {
-            throw std::bad_alloc();
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         }
         if (m_hasGrowthFailed)
         {

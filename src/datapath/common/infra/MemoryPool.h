@@ -139,7 +139,8 @@ public:
 
 protected:
     // Where blocks come from and go to. Derived classes may answer later, on another thread, with RC_OK, RC_ABORTED or
-    // RC_TIME_OUT; the pointer is set by then. Called with the lock held (allocate) and without it (release).
+    // RC_TIME_OUT; the pointer is set by then. What is thrown counts as RC_ABORTED. Called with the lock held
+    // (allocate) and without it (release).
     virtual void releaseSingleAllocation(char* memory, std::uint32_t size);
     virtual FutureInternal::Future<RcStatus> allocateSingleAllocation(std::uint32_t size, char*& memory);
     [[nodiscard]] virtual bool hasExternalMemory() const { return false; }

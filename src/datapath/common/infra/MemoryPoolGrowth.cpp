@@ -8,8 +8,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <functional>
-#include <new>
 #include <utility>
 
 namespace
@@ -113,7 +113,7 @@ void MemoryPoolImpl::requestForMoreAllocationLocked()
         {
             return allocateSingleAllocation(helper->size, helper->memory);
         }
-        catch (const std::bad_alloc&)
+        catch (const std::exception&) // no memory, or no thread that would bring it
         {
             return Future::ready(RC_ABORTED);
         }
