@@ -5,6 +5,7 @@
 #include "datapath/common/infra/Timer.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <iterator>
 #include <utility>
@@ -109,26 +110,6 @@ MemoryPoolImpl::MemoryPoolImpl(const Settings& settings)
         // Used under the lock, and they log when they are made: a log client may need the lock.
         static_cast<void>(MemShield::instance());
         static_cast<void>(Timer::instance().getTimestampMs());
-    }
-}
-
-void MemoryPoolImpl::waitForGrowth()
-{
-    for (bool isGrowing = true; isGrowing;)
-    {
-        GrowthWaiter waiter;
-        {
-            const Guard guard(*this);
-            isGrowing = m_requestForMoreAllocationHelper != nullptr;
-            if (isGrowing)
-            {
-                m_growthWaiters.push_back(&waiter);
-            }
-        }
-        if (isGrowing)
-        {
-            waiter.done.wait();
-        }
     }
 }
 
@@ -321,12 +302,12 @@ FutureInternal::Future<RcStatus> MemoryPoolImpl::requestMemory(ModuleMemoryInfor
     Future future = request->m_future;
     module.waiting().queue().push(request, ++m_lastKey);
     ++m_numPending;
-    serveLocked({&module});
+    serveLocked(std::array{&module});
     return future;
 }
 
 /// Offers memory to all that wait, the given modules among them.
-void MemoryPoolImpl::serveLocked(const std::vector<ModuleMemoryInformation*>& affected)
+void MemoryPoolImpl::serveLocked(std::span<ModuleMemoryInformation* const> affected)
 {
     for (ModuleMemoryInformation* const module : affected)
     {
@@ -372,10 +353,10 @@ void MemoryPoolImpl::freeSegments(std::list<MemorySegment>& segments, std::int32
         });
         if (isServing)
         {
-            std::set<ModuleMemoryInformation*> affected;
-            std::for_each(first, segments.end(), [&](const MemorySegment& segment) { affected.insert(segment.owner); });
-            affected.erase(nullptr);
-            serveLocked({affected.begin(), affected.end()});
+            std::set<ModuleMemoryInformation*> owners;
+            std::for_each(first, segments.end(), [&](const MemorySegment& segment) { owners.insert(segment.owner); });
+            owners.erase(nullptr);
+            serveLocked(std::vector(owners.begin(), owners.end()));
         }
     }
     std::ranges::for_each(unowned, releaseUnowned);
@@ -392,7 +373,7 @@ void MemoryPoolImpl::freeSegment(MemorySegment& segment)
     freeSegmentContentLocked(segment);
     if (m_numPending != 0 || !isOwnLocked(*segment.owner))
     {
-        serveLocked({segment.owner});
+        serveLocked(std::array{segment.owner});
     }
 }
 

@@ -25,12 +25,13 @@
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/RcStatus.h"
 #include "datapath/common/infra/ScatteredBuf.h"
-#include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/SequentialRequestsManager.h"
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -158,17 +159,12 @@ private:
         FreeChunk* next;
     };
 
+    /// A block from which chunks were cut.
     struct SingleAllocation
     {
-        char* memory;
         std::uint32_t size;
-    };
-
-    /// A thread that waits for growth to succeed or to fail.
-    struct GrowthWaiter
-    {
-        RcStatus status = RC_ERROR;
-        Semaphore done{0};
+        std::uint64_t freeBytes = 0; // as releaseUnused has counted them
+        bool isReleased = false;     // by it
     };
 
     class Request;
@@ -194,7 +190,7 @@ private:
     FreeBytesInfo giveMemoryIfPreparedToTakeLocked(ModuleMemoryInformation& module, Request& request) REQUIRES(m_mutex);
     void giveMemoryToWaiterLocked() REQUIRES(m_mutex);
     void giveMemoryToModuleLocked(ModuleMemoryInformation& module) REQUIRES(m_mutex);
-    void serveLocked(const std::vector<ModuleMemoryInformation*>& affected) REQUIRES(m_mutex);
+    void serveLocked(std::span<ModuleMemoryInformation* const> affected) REQUIRES(m_mutex);
     [[nodiscard]] static std::size_t getMmiPendingRequestsLocked(const ModuleMemoryInformation& module)
     {
         return module.waiting().queue().size();
@@ -226,6 +222,8 @@ private:
     void requestForMoreAllocationDoneLocked(RcStatus status) REQUIRES(m_mutex);
     void allocatePagesFromSingleAllocationLocked(char* memory, std::uint32_t size) REQUIRES(m_mutex);
     void finishGrowth(RcStatus status) EXCLUDES(m_mutex);
+    /// Of the growth in flight, if there is one: set when it is over.
+    [[nodiscard]] std::optional<FutureInternal::Future<RcStatus>> growthLocked() const REQUIRES(m_mutex);
 
     // Reports.
     void printModules() EXCLUDES(m_mutex);
@@ -258,11 +256,10 @@ private:
     // Guards the sub-pools, and keeps them there during a report. Their locks, and what log clients take, are taken
     // inside it.
     alignas(CACHE_LINE) OwnedMutex m_subPoolsMutex;
-    std::vector<SingleAllocation> m_singleAllocations GUARDED_BY(m_mutex);
+    std::map<char*, SingleAllocation> m_singleAllocations GUARDED_BY(m_mutex);
     StlMemShiledContainer<std::map<std::string, ModuleMemoryInformation*>> m_modules GUARDED_BY(m_mutex){"mmis"};
     StlMemShiledContainer<std::set<MemoryPoolImpl*>> m_subPools GUARDED_BY(m_subPoolsMutex){"subPools"};
     MemoryAllocationHelper* m_requestForMoreAllocationHelper GUARDED_BY(m_mutex) = nullptr; // growth in flight
-    std::vector<GrowthWaiter*> m_growthWaiters GUARDED_BY(m_mutex);
     std::int64_t m_lastGrowthReportMs GUARDED_BY(m_mutex) = 0;
     std::int64_t m_lastMonitoringMs GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_lastKey GUARDED_BY(m_mutex) = 0; // of a request

@@ -6,10 +6,9 @@
 #include "datapath/common/infra/MemoryPoolInternal.h"
 #include "datapath/common/infra/SystemHeapBytes.h"
 
-#include <algorithm>
 #include <cstring>
 #include <exception>
-#include <functional>
+#include <iterator>
 #include <utility>
 
 namespace
@@ -57,6 +56,7 @@ public:
     const std::uint32_t size;
     // Kept here: the last copy is released without the pool's lock.
     FutureInternal::Future<RcStatus> future = FutureInternal::Future<RcStatus>::ready(RC_ERROR);
+    FutureInternal::Future<RcStatus> over; // set when the pool has what there is of it
 
 private:
     MemoryPoolImpl& m_pool;
@@ -141,11 +141,7 @@ void MemoryPoolImpl::requestForMoreAllocationDoneLocked(RcStatus status)
         allocatePagesFromSingleAllocationLocked(helper->memory, helper->size);
     }
     m_finishedHelpers.push_back(helper);
-    for (GrowthWaiter* const waiter : std::exchange(m_growthWaiters, {}))
-    {
-        waiter->status = status;
-        waiter->done.signal();
-    }
+    helper->over.set(status);
 }
 
 void MemoryPoolImpl::allocatePagesFromSingleAllocationLocked(char* memory, std::uint32_t size)
@@ -161,7 +157,7 @@ void MemoryPoolImpl::allocatePagesFromSingleAllocationLocked(char* memory, std::
         putChunkLocked(memory + offset);
     }
     m_totalPollSize += size;
-    m_singleAllocations.push_back({memory, size});
+    m_singleAllocations.emplace(memory, SingleAllocation{.size = size});
     const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
     if (nowMs - m_lastGrowthReportMs >= REPORT_INTERVAL_MS)
     {
@@ -180,38 +176,49 @@ void MemoryPoolImpl::finishGrowth(RcStatus status)
     }
 }
 
+std::optional<FutureInternal::Future<RcStatus>> MemoryPoolImpl::growthLocked() const
+{
+    return m_requestForMoreAllocationHelper == nullptr ? std::nullopt
+                                                       : std::optional(m_requestForMoreAllocationHelper->over);
+}
+
+void MemoryPoolImpl::waitForGrowth()
+{
+    const auto growth = [this] {
+        const Guard guard(*this);
+        return growthLocked();
+    };
+    for (auto inFlight = growth(); inFlight; inFlight = growth())
+    {
+        static_cast<void>(inFlight->get());
+    }
+}
+
 std::uint64_t MemoryPoolImpl::releaseUnused()
 {
-    std::vector<SingleAllocation> released;
+    std::map<char*, SingleAllocation> released;
     {
         const Guard guard(*this);
-        const auto isBefore = std::ranges::less();
-        std::ranges::sort(m_singleAllocations, isBefore, &SingleAllocation::memory);
-        const auto blockOf = [&](const FreeChunk* chunk) {
+        const auto blockOf = [this](FreeChunk* chunk) -> SingleAllocation& {
             assertLocked();
-            const auto after = std::ranges::upper_bound(m_singleAllocations, reinterpret_cast<const char*>(chunk),
-                                                        isBefore, &SingleAllocation::memory);
-            return static_cast<std::size_t>(after - m_singleAllocations.begin()) - 1;
+            return std::prev(m_singleAllocations.upper_bound(reinterpret_cast<char*>(chunk)))->second;
         };
-        std::vector<std::uint64_t> freeBytes(m_singleAllocations.size());
-        for (const FreeChunk* chunk = m_firstFree; chunk != nullptr; chunk = chunk->next)
+        for (auto& [memory, block] : m_singleAllocations)
         {
-            freeBytes[blockOf(chunk)] += m_chunkSize;
+            block.freeBytes = 0;
         }
-        std::vector<bool> isReleased(m_singleAllocations.size());
-        for (std::size_t block = 0; block < freeBytes.size(); ++block)
+        for (FreeChunk* chunk = m_firstFree; chunk != nullptr; chunk = chunk->next)
         {
-            const std::uint32_t size = m_singleAllocations[block].size;
-            if (freeBytes[block] == size && freeBytesLocked() >= size)
-            {
-                isReleased[block] = true;
-                released.push_back(m_singleAllocations[block]);
-                m_totalPollSize -= size;
-            }
+            blockOf(chunk).freeBytes += m_chunkSize;
+        }
+        for (auto& [memory, block] : m_singleAllocations)
+        {
+            block.isReleased = block.freeBytes == block.size && freeBytesLocked() >= block.size;
+            m_totalPollSize -= block.isReleased ? block.size : 0;
         }
         for (FreeChunk** link = &m_firstFree; *link != nullptr;)
         {
-            if (isReleased[blockOf(*link)])
+            if (blockOf(*link).isReleased)
             {
                 *link = (*link)->next;
             }
@@ -220,15 +227,21 @@ std::uint64_t MemoryPoolImpl::releaseUnused()
                 link = &(*link)->next;
             }
         }
-        std::erase_if(m_singleAllocations, [&](const SingleAllocation& allocation) {
-            return std::ranges::find(released, allocation.memory, &SingleAllocation::memory) != released.end();
-        });
+        for (auto block = m_singleAllocations.begin(); block != m_singleAllocations.end();)
+        {
+            const auto next = std::next(block);
+            if (block->second.isReleased)
+            {
+                released.insert(m_singleAllocations.extract(block));
+            }
+            block = next;
+        }
     }
     std::uint64_t bytes = 0;
-    for (const auto& [memory, size] : released)
+    for (const auto& [memory, block] : released)
     {
-        releaseSingleAllocation(memory, size);
-        bytes += size;
+        releaseSingleAllocation(memory, block.size);
+        bytes += block.size;
     }
     return bytes;
 }

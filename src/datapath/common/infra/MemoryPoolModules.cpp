@@ -72,12 +72,10 @@ ModuleMemoryInformation* MemoryPoolImpl::registerModule(const ModuleSettings& se
     const std::uint64_t reservedBytes = roundedUp(settings.reservedBytes, unit);
     const bool isLimited = settings.limitBytes != ModuleMemoryInformation::NO_LIMIT;
     const std::uint64_t limitBytes = isLimited ? settings.limitBytes / unit * unit : settings.limitBytes;
-    const std::string noGrowth =
-        "the pool could not grow for a reservation of " + std::to_string(settings.reservedBytes) + " bytes";
     std::string refusal;
     while (refusal.empty())
     {
-        GrowthWaiter waiter;
+        std::optional<FutureInternal::Future<RcStatus>> growth;
         {
             const Guard guard(*this);
             refusal = refusalLocked(settings, reservedBytes, limitBytes);
@@ -88,20 +86,13 @@ ModuleMemoryInformation* MemoryPoolImpl::registerModule(const ModuleSettings& se
                     return addModuleLocked(settings, reservedBytes, limitBytes);
                 }
                 giveMemoryToWaiterLocked(); // as far as the pool has grown
-                if (m_requestForMoreAllocationHelper == nullptr)
-                {
-                    refusal = noGrowth;
-                }
-                else
-                {
-                    m_growthWaiters.push_back(&waiter);
-                }
+                growth = growthLocked();
             }
         }
-        if (refusal.empty())
+        if (refusal.empty() && (!growth || growth->get() != RC_OK))
         {
-            waiter.done.wait();
-            refusal = waiter.status == RC_OK ? "" : noGrowth;
+            refusal =
+                "the pool could not grow for a reservation of " + std::to_string(settings.reservedBytes) + " bytes";
         }
     }
     LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD)
@@ -126,12 +117,15 @@ ModuleMemoryInformation* MemoryPoolImpl::addModuleLocked(const ModuleSettings& s
 /// Returns whether there is enough. If not, growth is in flight, or it has failed.
 bool MemoryPoolImpl::growForReservationLocked(std::uint64_t reservedBytes)
 {
-    for (std::uint64_t sizeBefore = ~m_totalPollSize;
-         freeBytesLocked() < reservedBytes && m_totalPollSize < m_maxPoolSize && sizeBefore != m_totalPollSize &&
-         m_requestForMoreAllocationHelper == nullptr;)
+    while (freeBytesLocked() < reservedBytes && m_totalPollSize < m_maxPoolSize &&
+           m_requestForMoreAllocationHelper == nullptr)
     {
-        sizeBefore = m_totalPollSize;
+        const std::uint64_t sizeBefore = m_totalPollSize;
         requestForMoreAllocationLocked();
+        if (m_totalPollSize == sizeBefore)
+        {
+            break;
+        }
     }
     return freeBytesLocked() >= reservedBytes;
 }

@@ -225,17 +225,17 @@ bool MemoryPoolImpl::detachSubPool(MemoryPoolImpl& pool)
 
 bool MemoryPoolImpl::areFreeChunksSoundLocked() const
 {
-    const auto isInABlock = [this](const char* chunk) {
+    const auto isInABlock = [this](char* chunk) {
         assertLocked();
-        return std::ranges::any_of(m_singleAllocations, [&](const SingleAllocation& block) {
-            return !std::ranges::less()(chunk, block.memory) && chunk < block.memory + block.size &&
-                   (chunk - block.memory) % m_chunkSize == 0;
-        });
+        const auto after = m_singleAllocations.upper_bound(chunk);
+        return after != m_singleAllocations.begin() &&
+               chunk < std::prev(after)->first + std::prev(after)->second.size &&
+               (chunk - std::prev(after)->first) % m_chunkSize == 0;
     };
     std::set<const FreeChunk*> seen;
-    for (const FreeChunk* chunk = m_firstFree; chunk != nullptr; chunk = chunk->next)
+    for (FreeChunk* chunk = m_firstFree; chunk != nullptr; chunk = chunk->next)
     {
-        if (!isInABlock(reinterpret_cast<const char*>(chunk)) || !seen.insert(chunk).second)
+        if (!isInABlock(reinterpret_cast<char*>(chunk)) || !seen.insert(chunk).second)
         {
             return false;
         }
