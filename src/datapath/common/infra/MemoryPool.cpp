@@ -226,10 +226,16 @@ MemoryPoolImpl::FreeBytesInfo MemoryPoolImpl::giveMemoryIfPreparedToTakeLocked(M
                          "getMmiPendingRequestsLocked(mmi) > 0")
                 << std::endl;
         }
-        --m_numPending;
-        request.m_future.set(RC_OK);
+        completeLocked(request, RC_OK);
     }
     return info;
+}
+
+void MemoryPoolImpl::completeLocked(Request& request, RcStatus status)
+{
+    --m_numPending;
+    const ForeignCode observers(*this);
+    request.m_future.set(status);
 }
 
 /// Offers memory to the waiting modules in the order of their keys, until the pool is empty.
@@ -446,7 +452,6 @@ void MemoryPoolImpl::abortRequestsLocked(ModuleMemoryInformation& module)
             freeSegmentContentLocked(*own);
         }
         request.m_buffer.removeLast(request.m_numSegments);
-        --m_numPending;
-        request.m_future.set(RC_ABORTED);
+        completeLocked(request, RC_ABORTED);
     }
 }

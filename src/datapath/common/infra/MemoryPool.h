@@ -168,6 +168,7 @@ private:
     };
 
     class Request;
+    class ForeignCode;
     class Guard;
 
     // Free chunks.
@@ -190,6 +191,7 @@ private:
     FreeBytesInfo giveMemoryIfPreparedToTakeLocked(ModuleMemoryInformation& module, Request& request) REQUIRES(m_mutex);
     void giveMemoryToWaiterLocked() REQUIRES(m_mutex);
     void giveMemoryToModuleLocked(ModuleMemoryInformation& module) REQUIRES(m_mutex);
+    void completeLocked(Request& request, RcStatus status) REQUIRES(m_mutex);
     void serveLocked(std::span<ModuleMemoryInformation* const> affected) REQUIRES(m_mutex);
     [[nodiscard]] static std::size_t getMmiPendingRequestsLocked(const ModuleMemoryInformation& module)
     {
@@ -226,6 +228,7 @@ private:
     [[nodiscard]] std::optional<FutureInternal::Future<RcStatus>> growthLocked() const REQUIRES(m_mutex);
 
     // Reports.
+    [[nodiscard]] IMutex& reportMutex() RETURNS_CAPABILITY(m_mutex);
     void printModules() EXCLUDES(m_mutex);
     void monitorPendingMemoryAllocations() EXCLUDES(m_mutex);
     void printSubPools() EXCLUDES(m_subPoolsMutex);

@@ -111,6 +111,7 @@ void MemoryPoolImpl::requestForMoreAllocationLocked()
     const auto allocate = [&]() -> Future {
         try
         {
+            const ForeignCode derived(*this);
             return allocateSingleAllocation(helper->size, helper->memory);
         }
         catch (const std::exception&) // no memory, or no thread that would bring it

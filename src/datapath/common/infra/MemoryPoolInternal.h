@@ -24,6 +24,25 @@ public:
     const std::int64_t m_startMs = Timer::instance().getTimestampMs();
 };
 
+/// While code that is not the pool's own runs under its lock, on the same thread: misuse of memory that is found in it
+/// is reported with the pool's usage, without taking the lock once more.
+class MemoryPoolImpl::ForeignCode
+{
+public:
+    explicit ForeignCode(const MemoryPoolImpl& pool);
+    ForeignCode(const ForeignCode&) = delete;
+    ForeignCode& operator=(const ForeignCode&) = delete;
+    ~ForeignCode();
+
+private:
+    friend MemoryPoolImpl;
+
+    static thread_local const ForeignCode* innermost; // of this thread
+
+    const MemoryPoolImpl& m_pool;
+    const ForeignCode* const m_outer; // for another pool
+};
+
 /// Locks the pool. What was removed under the lock is released, and growth logged, when it is free again.
 class SCOPED_CAPABILITY MemoryPoolImpl::Guard
 {

@@ -30,6 +30,13 @@ struct SubPoolReport
 };
 constinit thread_local const SubPoolReport* innermostReport = nullptr;
 
+class NoMutex final : public IMutex
+{
+public:
+    void lock() override {}
+    void unlock() override {}
+};
+
 /// Two pools that become each other's sub-pools at the same moment would be a circle.
 Mutex& topologyLock() { return creationLock<struct PoolTopology>(); }
 
@@ -37,9 +44,29 @@ Mutex& topologyLock() { return creationLock<struct PoolTopology>(); }
 
 // Lines are logged without the pool's lock: a log client may find misuse of memory, which is reported through here.
 
+constinit thread_local const MemoryPoolImpl::ForeignCode* MemoryPoolImpl::ForeignCode::innermost = nullptr;
+
+MemoryPoolImpl::ForeignCode::ForeignCode(const MemoryPoolImpl& pool)
+    : m_pool(pool), m_outer(std::exchange(innermost, this))
+{
+}
+
+MemoryPoolImpl::ForeignCode::~ForeignCode() { innermost = m_outer; }
+
+IMutex& MemoryPoolImpl::reportMutex()
+{
+    static NoMutex held;
+    const ForeignCode* running = ForeignCode::innermost;
+    while (running != nullptr && &running->m_pool != this)
+    {
+        running = running->m_outer;
+    }
+    return running == nullptr ? static_cast<IMutex&>(m_mutex) : held;
+}
+
 MemoryPoolImpl::Usage MemoryPoolImpl::usage()
 {
-    const MutexGuard guard(m_mutex);
+    const MutexGuard guard(reportMutex());
     return {.gross = m_usedMemoryGross, .net = m_usedMemoryNet, .free = freeBytesLocked()};
 }
 
@@ -49,7 +76,7 @@ void MemoryPoolImpl::printMemoryUsage()
     const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
     bool isDue = false;
     {
-        const MutexGuard guard(m_mutex);
+        const MutexGuard guard(reportMutex());
         isDue = nowMs - m_lastMonitoringMs >= MONITORING_INTERVAL_MS;
         m_lastMonitoringMs = isDue ? nowMs : m_lastMonitoringMs;
     }
@@ -68,7 +95,7 @@ void MemoryPoolImpl::printModules()
     Usage pool{};
     std::vector<std::string> modules;
     {
-        const MutexGuard guard(m_mutex);
+        const MutexGuard guard(reportMutex());
         pool = {.gross = m_usedMemoryGross, .net = m_usedMemoryNet, .free = freeBytesLocked()};
         for (const auto& [name, module] : m_modules)
         {
@@ -149,7 +176,7 @@ void MemoryPoolImpl::monitorPendingMemoryAllocations()
     };
     std::vector<Waiting> waiting;
     {
-        const MutexGuard guard(m_mutex);
+        const MutexGuard guard(reportMutex());
         m_waitingList.iterateAll(
             FunctorSequentialHandler([&](PostIterationFlags& flags, WaitingRequestsQueue::Request* visited) {
                 const auto& request = static_cast<const Request&>(*visited);

@@ -17,4 +17,5 @@
 #define RELEASES(...) TAVRO_ANNOTATION(release_capability(__VA_ARGS__))
 #define EXCLUDES(...) TAVRO_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define ASSERTS_HELD(...) TAVRO_ANNOTATION(assert_capability(__VA_ARGS__))
+#define RETURNS_CAPABILITY(lock) TAVRO_ANNOTATION(lock_returned(lock))
 #define REQUIRES(...) TAVRO_ANNOTATION(requires_capability(__VA_ARGS__))

@@ -117,13 +117,21 @@ void overrunRequestThatWaited()
     pool.freeSegments(buffers[0].getSegments(), 31);
 }
 
+/// Releases, when its request is served, a block that was overrun.
+struct OverrunReleasingObserver : FutureInternal::FutureObserver<RcStatus>
+{
+    void update(const RcStatus& /*value*/) override { MemShield::destroyArray(overrun, SourcePlace::here()); }
+
+    char* const overrun = written(MemShield::createArray<char>(ARRAY_SITE, 5), 5, 65);
+};
+
 /// Growth that writes after the end of what describes it, and fails.
 struct OverrunningPool : MemoryPoolImpl
 {
     using MemoryPoolImpl::MemoryPoolImpl;
     FutureInternal::Future<RcStatus> allocateSingleAllocation(std::uint32_t /*size*/, char*& memory) override
     {
-        (reinterpret_cast<char*>(&memory))[80] = 65; // in the margin
+        (reinterpret_cast<char*>(&memory))[100] = 65; // in the margin
         return FutureInternal::Future<RcStatus>::ready(RC_ABORTED);
     }
 };
@@ -251,6 +259,17 @@ const std::vector<Misuse> MISUSES = {
     {"requestThatWaitedOverrun", overrunRequestThatWaited,
      overrunIn("WaitingRequestsQueue", "87",
                "Memory POOL:  m_usedMemoryGross=2097152  m_usedMemoryNet=2031617  free=0\n~", NO_HEAP)},
+    {"overrunFoundByAnObserver",
+     [] {
+         auto& pool = reportedPool<>();
+         ModuleMemoryInformation& module = *pool.registerModule({.name = "module"});
+         std::array<ScatteredBuf, 2> buffers;
+         OverrunReleasingObserver observer;
+         static_cast<void>(pool.requestMemory(module, 2U << 20U, buffers[0], 1));
+         pool.requestMemory(module, 1, buffers[1], 2).addObserver(&observer);
+         pool.freeSegments(buffers[0].getSegments(), 0);
+     },
+     "~MemoryPoolImpl,printMemoryUsage,Memory POOL:  m_usedMemoryGross=65536~" + END},
     {"growthOverrun",
      [] {
          auto& pool = reportedPool<OverrunningPool>();
