@@ -16,7 +16,7 @@ using ThreadProcedure = void (*)(void* argument);
 enum class ThreadPriority
 {
     Normal,
-    TimeCritical ///< as high as the system lets this process go; where it refuses, normal
+    TimeCritical ///< as high as the system lets this process go; where it refuses, normal. Not for what it starts.
 };
 
 /// An open thread, for its times.

@@ -32,13 +32,16 @@ struct ThreadStart
     ThreadPriority priority;
 };
 
+/// Of the calling thread alone: the threads and programs that it starts are of normal priority, as on Windows.
 void raisePriority()
 {
     sched_param parameter = {};
     parameter.sched_priority = sched_get_priority_min(SCHED_RR);
-    if (pthread_setschedparam(pthread_self(), SCHED_RR, &parameter) != 0)
+    if (sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameter) != 0)
     {
         constexpr int HIGHEST_NICENESS = -20;
+        parameter.sched_priority = 0;
+        sched_setscheduler(0, SCHED_OTHER | SCHED_RESET_ON_FORK, &parameter);
         setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), HIGHEST_NICENESS);
     }
 }
