@@ -17,9 +17,7 @@
 namespace
 {
 
-using Texts = std::vector<std::string>;
-
-std::int64_t counterTicks = 0;
+std::atomic<std::int64_t> counterTicks = 0;
 std::uint64_t tickCount = 0;
 
 /// A counter of 1000 ticks a millisecond that shows what the test says.
@@ -64,7 +62,7 @@ TEST(WindowsTimer, HoldsStillWhenTheCounterStepsBack)
                   client.messages().at(step > 100 ? 3 : client.messages().size() - 1));
     }
     ASSERT_EQ(5U, client.messages().size());
-    const std::string assertLine = client.messages().back();
+    const std::string assertLine = client.last();
     EXPECT_TRUE(assertLine.starts_with("Assert," + method + " datapath/common/infra/windows/WindowsTimer.cpp "));
     EXPECT_TRUE(assertLine.ends_with(": diff >= -MINIMUM_ACCEPTABLE_TICKS_DIFF failed. New timestamp is more than 100 "
                                      "ticks before last timestamp"));
@@ -105,7 +103,7 @@ TEST(WindowsTimer, FaultsOfTheCounterEndTheProcess)
     const ScopedReplacement frequencyCall(platform::timeCalls.performanceFrequency,
                                           [](std::int64_t& value) { return (value = frequency) > 0; });
     const ScopedReplacement counterCall(platform::timeCalls.performanceCounter, [](std::int64_t&) { return false; });
-    const auto expectLast = [](const std::string& start) { EXPECT_EQ(0U, client.messages().back().find(start)); };
+    const auto expectLast = [](const std::string& start) { EXPECT_EQ(0U, client.last().find(start)); };
     const std::string path = ") failed datapath/common/infra/windows/WindowsTimer.cpp ";
     EXPECT_THROW(WindowsTimer(), ProcessEnded);
     expectLast("Error,NON,WindowsTimer,WindowsTimer,Assertion (bSuccess" + path);
@@ -158,22 +156,14 @@ TEST(Timer, CalendarAndCpuTimesComeFromTheSystem)
 
     static std::optional cpuTime = platform::CpuTime{.kernel = 400, .user = 80};
     const ScopedReplacement times(platform::timeCalls.processCpuTime, [] { return cpuTime; });
-    const ScopedReplacement processors(platform::timeCalls.processorCount, [] { return 4U; });
     EXPECT_EQ(48U, timer.getProcessCpuTimeUs());
-    const ScopedReplacement threads(platform::threadCalls.startThread,
-                                    [](platform::ThreadProcedure, void*, platform::ThreadPriority) {
-                                        return platform::ErrorNumber::Success; // the clock is about to be put back
-                                    });
-    timer.start();
-    EXPECT_EQ(12U, timer.getProcessCpuTimeUs());
     cpuTime.reset();
     EXPECT_EQ(0U, timer.getProcessCpuTimeUs());
 }
 
-std::atomic<std::int64_t> nowMs = 20'000;
 Semaphore mayCheck(0); // the deadlock checker's thread waits for it instead of sleeping
 Semaphore hasChecked(0);
-int rests = -1; // of the timer thread; -1: not started
+std::atomic<int> rests = -1; // of the timer thread; -1: not started
 void (*realSleep)(std::uint32_t) = nullptr;
 void restOrWait(std::uint32_t durationMs)
 {
@@ -188,7 +178,8 @@ void restOrWait(std::uint32_t durationMs)
         return realSleep(durationMs);
     }
     EXPECT_EQ(100U, durationMs);
-    if (++nowMs, ++rests == 3)
+    counterTicks += 1'000;
+    if (++rests == 3)
     {
         throw ProcessEnded();
     }
@@ -196,58 +187,51 @@ void restOrWait(std::uint32_t durationMs)
 
 TEST(Timer, ItsThreadCallsTimersAndIsWatchedForDeadlocksOnly)
 {
-    static void (*procedure)(void*) = nullptr;
-    static void* argument = nullptr;
+    static platform::ThreadProcedure procedure = nullptr; // once it is there, no more threads can be started
     static std::uint32_t seed = 0;
     static int calls = 0;
     realSleep = platform::threadCalls.sleepMs;
     const ScopedReplacement sleep(platform::threadCalls.sleepMs, restOrWait);
-    const ScopedReplacement frequency(platform::timeCalls.performanceFrequency,
-                                      [](std::int64_t& value) { return (value = 1'000) > 0; });
-    const ScopedReplacement counter(platform::timeCalls.performanceCounter,
-                                    [](std::int64_t& value) { return (value = nowMs) > 0; });
+    const ReplacedClock clock(20'000'000);
     const ScopedReplacement random(platform::randomCalls.seedRandom, [](std::uint32_t value) { seed = value; });
+    const ScopedReplacement processors(platform::timeCalls.processorCount, [] { return 4U; });
+    const ScopedReplacement cpuTime(platform::timeCalls.processCpuTime,
+                                    [] { return std::optional(platform::CpuTime{.kernel = 400, .user = 80}); });
     const ScratchFolder folder;
     waitForOwnThreads();
     hasChecked.wait();
     const auto* const client = new CapturingClient; // stays registered
-    const ScopedReplacement threads(platform::threadCalls.startThread,
-                                    [](platform::ThreadProcedure body, void* value, platform::ThreadPriority priority) {
-                                        EXPECT_EQ(platform::ThreadPriority::TimeCritical, priority);
-                                        procedure = body;
-                                        argument = value;
-                                        return platform::ErrorNumber::Success;
-                                    });
-    Timer::instance().start();
-    EXPECT_EQ(&WindowsTimer::instance(), argument);
+    const ScopedReplacement threads(
+        platform::threadCalls.startThread,
+        [](platform::ThreadProcedure body, void* argument, platform::ThreadPriority priority) {
+            const bool isFirst = std::exchange(procedure, body) == nullptr;
+            EXPECT_EQ(&WindowsTimer::instance(), argument);
+            EXPECT_EQ(platform::ThreadPriority::TimeCritical, priority);
+            return isFirst ? platform::ErrorNumber::Success : platform::ErrorNumber::NotEnoughMemory;
+        });
+    ITimer& timer = Timer::instance();
+    timer.start();
+    EXPECT_EQ(12U, timer.getProcessCpuTimeUs());
     const auto check = [](void*) {
         for (int checks = calls++ == 0 ? 2 : 1; checks > 0; --checks) // two without progress, then one after a pass
         {
-            nowMs += 61'000;
+            counterTicks += 61'000'000;
             mayCheck.signal();
             hasChecked.wait();
         }
     };
-    EXPECT_EQ(1U, Timer::instance().addTimer(check, nullptr, 0, true));
-    Timer::instance().addTimer(check, nullptr, 1, true);
+    EXPECT_EQ(1U, timer.addTimer(check, nullptr, 0, true));
+    timer.addTimer(check, nullptr, 1, true);
     rests = 0;
-    EXPECT_THROW(procedure(argument), ProcessEnded);
+    EXPECT_THROW(procedure(&WindowsTimer::instance()), ProcessEnded);
     EXPECT_EQ(2, calls);
     EXPECT_EQ(20'000U, seed);
-    Texts lines = client->messages();
-    std::erase_if(lines, [](const std::string& line) { // what is left would tell of a lease, or of a thread by name
-        return !matches(line, "~,DlcKeepalive,~") && !matches(line, "~,ThreadWrapper,~") &&
-               !matches(line, "~,MemWatcher,~");
-    });
-    EXPECT_EQ(Texts{"Error,NON,DlcKeepalive,checkLease,timer is stuck for 61 sec"}, lines);
+    EXPECT_EQ(Texts{"timer is stuck for 61 sec"}, client->messagesAfter("Error,NON,DlcKeepalive,checkLease,"));
+    EXPECT_EQ(0, client->count("~,ThreadWrapper,~") + client->count("~,MemWatcher,~")); // no thread by name
 
-    const ScopedReplacement refusing(platform::threadCalls.startThread,
-                                     [](platform::ThreadProcedure, void*, platform::ThreadPriority) {
-                                         return platform::ErrorNumber::NotEnoughMemory;
-                                     });
     const ScopedProcessEnd ending;
-    EXPECT_THROW(Timer::instance().start(), ProcessEnded);
-    EXPECT_PRED2(matches, client->messages().back(), "Error,NON,Timer,start,Assertion (h != NULL) failed ~Timer.cpp #");
+    EXPECT_THROW(timer.start(), ProcessEnded);
+    EXPECT_PRED2(matches, client->last(), "Error,NON,Timer,start,Assertion (h != NULL) failed ~Timer.cpp #");
 }
 
 TEST(Timer, UtcTextsAreScanned)
