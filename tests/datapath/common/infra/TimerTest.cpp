@@ -179,7 +179,7 @@ void restOrWait(std::uint32_t durationMs)
     }
     EXPECT_EQ(100U, durationMs);
     counterTicks += 1'000;
-    if (++rests == 3)
+    if (++rests == 4)
     {
         throw ProcessEnded();
     }
@@ -213,6 +213,8 @@ TEST(Timer, ItsThreadCallsTimersAndIsWatchedForDeadlocksOnly)
     timer.start();
     EXPECT_EQ(12U, timer.getProcessCpuTimeUs());
     const auto check = [](void*) {
+        EXPECT_EQ(calls + 1, rests); // the first pass comes after the first rest
+        EXPECT_EQ("", Logger::instance().getThreadName(static_cast<std::int32_t>(platform::currentThreadId())));
         for (int checks = calls++ == 0 ? 2 : 1; checks > 0; --checks) // two without progress, then one after a pass
         {
             counterTicks += 61'000'000;
@@ -221,13 +223,14 @@ TEST(Timer, ItsThreadCallsTimersAndIsWatchedForDeadlocksOnly)
         }
     };
     EXPECT_EQ(1U, timer.addTimer(check, nullptr, 0, true));
-    timer.addTimer(check, nullptr, 1, true);
+    timer.addTimer(check, nullptr, 2, true);
+    counterTicks += 1'000;
     rests = 0;
     EXPECT_THROW(procedure(&WindowsTimer::instance()), ProcessEnded);
     EXPECT_EQ(2, calls);
-    EXPECT_EQ(20'000U, seed);
+    EXPECT_EQ(20'001U, seed);
     EXPECT_EQ(Texts{"timer is stuck for 61 sec"}, client->messagesAfter("Error,NON,DlcKeepalive,checkLease,"));
-    EXPECT_EQ(0, client->count("~,ThreadWrapper,~") + client->count("~,MemWatcher,~")); // no thread by name
+    EXPECT_EQ(0, client->count("~,ThreadWrapper,~") + client->count("~,MemWatcher,~"));
 
     const ScopedProcessEnd ending;
     EXPECT_THROW(timer.start(), ProcessEnded);
