@@ -40,14 +40,15 @@ public:
     void unlock() RELEASES() override { m_mutex.unlock(); }
 
 private:
-    /// Most locks are held for less time than falling asleep takes.
+    /// Most locks are held for less time than falling asleep takes. The rests are long: each look takes the lock's
+    /// cache line from whoever holds it, and who is not looked at gets several turns done.
     void lockContended()
     {
-        // With longer and longer rests: each look takes the lock's cache line from whoever holds it.
-        constexpr int LONGEST_REST = 64;
-        for (int rest = 2; rest <= LONGEST_REST; rest *= 2)
+        constexpr int FIRST_REST = 64;
+        constexpr int LOOKS = 2;
+        for (int look = 0; look < LOOKS; ++look)
         {
-            for (int i = 0; i < rest; ++i)
+            for (int i = 0; i < FIRST_REST << look; ++i)
             {
                 platform::relax();
             }

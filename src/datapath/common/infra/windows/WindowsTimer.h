@@ -28,6 +28,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -38,12 +39,12 @@ public:
 
     struct WindowsTimerInfo
     {
-        std::uint64_t dueMs;    ///< the timestamp after which the callback is due
-        std::uint32_t periodMs; ///< 0: one-shot
+        std::uint64_t dueMs; ///< the timestamp after which the callback is due
         TimerCallback callback;
-        void* context;  ///< not owned
-        bool cancelled; ///< was replaced
-        Completion completion;
+        void* context;                          ///< not owned
+        std::unique_ptr<Completion> completion; ///< made for the first who asks
+        std::uint32_t periodMs;                 ///< 0: one-shot
+        bool cancelled;                         ///< was replaced
     };
 
     /// Ends the process if the counter's frequency cannot be read or has more than 32 bits of ticks a
@@ -107,6 +108,7 @@ private:
     [[nodiscard]] static Order::Entry orderOf(Timer& timer);
     void insert(TimerHandle handle, WindowsTimerInfo&& info) REQUIRES(m_timersMutex);
     void cancel(Timer& timer) REQUIRES(m_timersMutex);
+    void sortTaken() REQUIRES(m_activationMutex);
     void takeTimers(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
     void endOrReschedule(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
 
@@ -119,6 +121,7 @@ private:
     TimerHandle m_lastHandle GUARDED_BY(m_timersMutex);
     // In descending order of the handles: the last one is next. Empty between passes, unless a callback has thrown.
     std::vector<TakenTimer> m_taken GUARDED_BY(m_activationMutex);
+    std::vector<TakenTimer> m_sorted GUARDED_BY(m_activationMutex); // room for sorting them
     Mutex m_counterMutex; // held while a backward step is logged, so that its lines stand together
     // Ticks; 0: no reading yet. Written at every reading, so on a line of its own.
     alignas(CACHE_LINE) std::atomic<std::int64_t> m_lastTimestamp = 0;
