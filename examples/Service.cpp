@@ -4,6 +4,7 @@
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/MemoryPool.h"
 #include "datapath/common/infra/Timer.h"
+#include "platform/Atomic.h"
 
 #include <iostream>
 
@@ -28,7 +29,7 @@ int main()
     MemShield::setEnabled(false); // memory is counted, not guarded; before anything is allocated
     ConsoleClient client;
     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
-    static constinit std::atomic<bool> isVerbose = false;
+    static constinit platform::Atomic<bool> isVerbose = false;
     ActiveObject workers("Worker", &isVerbose);
     workers.open();                                                       // one thread
     workers.open();                                                       // and another one

@@ -34,7 +34,7 @@ const char* checkedName(const char* name)
 
 } // namespace
 
-ActiveObject::ActiveObject(const char* name, const std::atomic<bool>* forceVerbose)
+ActiveObject::ActiveObject(const char* name, const platform::Atomic<bool>* forceVerbose)
     : m_forceVerbose(forceVerbose), m_name(checkedName(name)), m_pq(1, m_name, false, &m_numArrived)
 {
     const bool isVerbose = DynamicTweaks::instance().t_ActiveObjectVerboseLogs;

@@ -19,9 +19,9 @@
 #include "datapath/common/infra/RateMonitor.h"
 #include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/windows/ThreadWrapper.h"
+#include "platform/Atomic.h"
 #include "platform/Sync.h"
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -60,7 +60,7 @@ public:
 
     /// The flag, which must outlive the object, turns on the verbose lines of all objects of one kind. A missing name
     /// ends the process.
-    ActiveObject(const char* name, const std::atomic<bool>* forceVerbose);
+    ActiveObject(const char* name, const platform::Atomic<bool>* forceVerbose);
 
     /// The name: what the log calls the workers.
     [[nodiscard]] std::string getTypeName() const override { return m_name; }
@@ -127,18 +127,18 @@ private:
     // Workers without work. Whoever needs one takes it from those that sleep and posts m_wake, which is one worker's to
     // take. While one is looking, no other is needed: it does not fall asleep without a last look under both locks.
     // More fall asleep only under both locks, so that under m_mutex alone it is certain when none sleeps.
-    std::atomic<std::uint32_t> m_numSleeping = 0; // written under m_arrivalsMutex
-    std::atomic<std::uint32_t> m_numLooking = 0;
+    platform::Atomic<std::uint32_t> m_numSleeping = 0; // written under m_arrivalsMutex
+    platform::Atomic<std::uint32_t> m_numLooking = 0;
     platform::NativeSemaphore m_wake{0};
     Action* m_firstArrival GUARDED_BY(m_arrivalsMutex) = nullptr;
     Action* m_lastArrival GUARDED_BY(m_arrivalsMutex) = nullptr;
-    std::atomic<std::uint64_t> m_numArrived = 0;          // ever; written under m_arrivalsMutex
+    platform::Atomic<std::uint64_t> m_numArrived = 0;     // ever; written under m_arrivalsMutex
     bool m_isDrained GUARDED_BY(m_arrivalsMutex) = false; // what comes is left alone; written under both locks
-    std::atomic<bool> m_isMonitored = false;
-    std::atomic<bool> m_enabled = true; // until shutdown; written under both locks
+    platform::Atomic<bool> m_isMonitored = false;
+    platform::Atomic<bool> m_enabled = true; // until shutdown; written under both locks
 
     // Seldom used: these keep the two sides out of each other's cache lines.
-    const std::atomic<bool>* const m_forceVerbose;
+    const platform::Atomic<bool>* const m_forceVerbose;
     const std::string m_name;
     std::uint32_t m_numLeft = 0; // of the workers, as terminateAllThreads knows
     Semaphore m_left{0};         // signalled by each worker as the last thing that it does with the object

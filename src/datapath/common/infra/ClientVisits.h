@@ -10,10 +10,10 @@
 // writes, and takes no lock. The count is raised before the look and read after the removal, both sequentially
 // consistent: either the visitor sees that the client is gone, or the remover sees the visitor. Any thread may call.
 
+#include "platform/Atomic.h"
 #include "platform/ThreadValue.h"
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -38,7 +38,7 @@ public:
         ~Visit() { m_count.store(m_countBefore, std::memory_order_release); }
 
     private:
-        std::atomic<std::uint32_t>& m_count;
+        platform::Atomic<std::uint32_t>& m_count;
         const std::uint32_t m_countBefore;
     };
 
@@ -56,8 +56,8 @@ private:
     /// Of one thread, on a cache line of its own.
     struct alignas(64) Slot
     {
-        std::array<std::atomic<std::uint32_t>, PLACES> visits{};
-        std::atomic<bool> isOwned = true;
+        std::array<platform::Atomic<std::uint32_t>, PLACES> visits{};
+        platform::Atomic<bool> isOwned = true;
         Slot* next = nullptr;
     };
 
@@ -76,5 +76,5 @@ private:
     [[gnu::noinline]] static Slot& claimSlot();
     [[nodiscard]] static Slot& unownedSlot();
 
-    static constinit inline std::atomic<Slot*> s_slots = nullptr; // all that there ever were
+    static constinit inline platform::Atomic<Slot*> s_slots = nullptr; // all that there ever were
 };

@@ -18,8 +18,8 @@
 #include "datapath/common/infra/RcStatus.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/windows/ThreadWrapper.h"
+#include "platform/Atomic.h"
 
-#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <set>
@@ -66,11 +66,11 @@ public:
 private:
     static void printThreadsBackTrace();
 
-    std::atomic<bool> m_armed = true;
-    std::atomic<bool> m_alive = true; // until the next check
-    std::uint64_t m_lastAliveMs = 0;  // the last check that found it alive or disarmed
+    platform::Atomic<bool> m_armed = true;
+    platform::Atomic<bool> m_alive = true; // until the next check
+    std::uint64_t m_lastAliveMs = 0;       // the last check that found it alive or disarmed
     const std::string m_name;
-    std::atomic<std::uint32_t> m_timeoutSec;
+    platform::Atomic<std::uint32_t> m_timeoutSec;
     DlcTimeoutListener* const m_listener;
 };
 

@@ -8,7 +8,7 @@
 namespace
 {
 
-constinit std::atomic<DynamicTweaks*> theDynamicTweaks = nullptr;
+constinit platform::Atomic<DynamicTweaks*> theDynamicTweaks = nullptr;
 
 bool flag(std::string_view name) { return Tweaks::instance().longVal(name, 0) != 0; }
 

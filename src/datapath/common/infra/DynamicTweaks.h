@@ -10,8 +10,8 @@
 // others while a refresh runs.
 
 #include "datapath/common/infra/Mutex.h"
+#include "platform/Atomic.h"
 
-#include <atomic>
 #include <cstdint>
 
 /// A member that a refresh writes while others read it.
@@ -30,7 +30,7 @@ private:
 
     void operator=(T value) noexcept { m_value.store(value, std::memory_order_relaxed); }
 
-    std::atomic<T> m_value{};
+    platform::Atomic<T> m_value{};
 };
 
 class DynamicTweaks

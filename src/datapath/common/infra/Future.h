@@ -14,9 +14,9 @@
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/UnownedMutex.h"
+#include "platform/Atomic.h"
 #include "platform/Threads.h"
 
-#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -106,7 +106,7 @@ private:
     UnownedMutex m_gate; // locked until the result is there
     Mutex m_mutex;       // held while observers are called
     T m_value{};         // written once, before the gate opens; read by whoever knows that it is set
-    std::atomic<bool> m_bSet = false;
+    platform::Atomic<bool> m_bSet = false;
     std::vector<FutureObserver<T>*> m_observers GUARDED_BY(m_mutex); // in the order in which they came; not owned
 };
 

@@ -25,8 +25,8 @@
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/windows/ThreadWrapper.h"
+#include "platform/Atomic.h"
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -90,8 +90,8 @@ protected:
 
     void run() override;
 
-    std::uint32_t m_maxFiles = 0;       // numbered files that are kept
-    std::atomic<bool> m_enabled = true; // false: writes are ignored
+    std::uint32_t m_maxFiles = 0;            // numbered files that are kept
+    platform::Atomic<bool> m_enabled = true; // false: writes are ignored
     LogFileStream m_stream GUARDED_BY(m_fileMutex);
     const std::string m_basePath;       // of all files, without ".txt"
     const std::string m_directory;      // of all files
@@ -145,9 +145,9 @@ private:
     std::uint64_t m_flushesDone GUARDED_BY(m_queueMutex) = 0;
     std::deque<FlushWaiter> m_flushWaiters GUARDED_BY(m_queueMutex); // in the order of their requests
     std::uint32_t m_unclaimedFlushes GUARDED_BY(m_queueMutex) = 0;   // done after their waiters had given up
-    bool m_isInsideText = false;               // its first parts were written; of the thread that writes the queue
-    std::atomic<std::uint32_t> m_writerId = 0; // the writer's thread, 0 while there is none
-    std::atomic<bool> m_isStopping = false;
+    bool m_isInsideText = false;                    // its first parts were written; of the thread that writes the queue
+    platform::Atomic<std::uint32_t> m_writerId = 0; // the writer's thread, 0 while there is none
+    platform::Atomic<bool> m_isStopping = false;
     bool m_isStarted = false;
     Semaphore m_writerStarted{0};
     Semaphore m_writerEnded{0};

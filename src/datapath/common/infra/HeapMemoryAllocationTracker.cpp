@@ -21,7 +21,7 @@ HeapMemoryAllocationTracker::HeapMemoryAllocationTracker(std::uint32_t maxBytes,
 
 bool HeapMemoryAllocationTracker::reserve(std::uint32_t length, bool& justPaused)
 {
-    static_assert(std::atomic<Usage>::is_always_lock_free);
+    static_assert(platform::Atomic<Usage>::is_always_lock_free);
     Usage before = m_usage;
     Usage after;
     do

@@ -12,8 +12,8 @@
 // are in bytes. Buffers come from MemShield and belong to the caller; std::bad_alloc leaves nothing counted.
 
 #include "datapath/common/infra/DynamicTweaks.h"
+#include "platform/Atomic.h"
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -51,7 +51,7 @@ private:
 
     char* newBuffer(std::uint32_t length);
 
-    std::atomic<Usage> m_usage;
+    platform::Atomic<Usage> m_usage;
     const std::uint32_t m_maxBytes;
     const std::uint32_t m_resumeBytes;
     const DynamicTweak<bool>& m_trackingDisabled;

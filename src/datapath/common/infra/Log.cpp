@@ -22,7 +22,7 @@ constexpr bool mustFlush(LogLevel level) { return level <= LogLevel::Error; }
 
 std::int32_t currentThreadKey() { return static_cast<std::int32_t>(platform::currentThreadId()); }
 
-constinit std::atomic<Logger*> theLogger = nullptr;
+constinit platform::Atomic<Logger*> theLogger = nullptr;
 
 } // namespace
 

@@ -13,9 +13,9 @@
 #include "datapath/common/infra/ClientVisits.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
+#include "platform/Atomic.h"
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -145,8 +145,8 @@ private:
     /// Where a client is. Others look at it only during a visit, and if the ticket is the one they came for.
     struct Place
     {
-        LoggerClient* client = nullptr; // also while the last visitors of an unregistered one leave
-        std::atomic<Ticket> ticket = 0; // 0: nobody may come in
+        LoggerClient* client = nullptr;      // also while the last visitors of an unregistered one leave
+        platform::Atomic<Ticket> ticket = 0; // 0: nobody may come in
     };
 
     Logger() = default;
@@ -160,12 +160,12 @@ private:
 
     ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex){"LoggerAsyncThreadNames"};
     // How many there are, so that lines take the lock only in programs that use such names.
-    std::atomic<std::size_t> m_asyncThreadNamesCnt = 0;
+    platform::Atomic<std::size_t> m_asyncThreadNamesCnt = 0;
     ThreadNames m_threadNames GUARDED_BY(m_mutex){"LoggerThreadNames"};
     mutable Mutex m_mutex; // guards the two tables of names; nothing is taken inside it
     Mutex m_clientsMutex;  // of whoever changes the places and their order; nothing is taken inside it
     std::array<Place, MAX_CLIENTS> m_places{};
-    std::atomic<std::uint64_t> m_order = 0; // the tickets of those registered, the first one's in the lowest bits
+    platform::Atomic<std::uint64_t> m_order = 0; // the tickets of those registered, the first one's in the lowest bits
     std::uint32_t m_registrations GUARDED_BY(m_clientsMutex) = 0;
     LogAssertHook* m_assertHook = nullptr;
     std::array<AssertHandler, LOGGER_COUNT> m_assertHandlers;

@@ -224,7 +224,7 @@ std::string MemShield::corruptionOf(const std::byte* memory, const AllocInfo& in
 
 void MemShield::beginReport()
 {
-    static constinit std::atomic<std::uint32_t> reportingThread = 0;
+    static constinit platform::Atomic<std::uint32_t> reportingThread = 0;
     const std::uint32_t thisThread = platform::currentThreadId();
     std::uint32_t first = 0;
     if (reportingThread.compare_exchange_strong(first, thisThread))

@@ -4,6 +4,7 @@
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/Singleton.h"
+#include "platform/Atomic.h"
 
 class MemShieldAO final : public Singleton<MemShieldAO, MemShieldAO>, public ActiveObject
 {
@@ -12,5 +13,5 @@ private:
 
     MemShieldAO() : ActiveObject("MemShieldAO", &s_forceVerbose) {}
 
-    static constinit inline std::atomic<bool> s_forceVerbose = false;
+    static constinit inline platform::Atomic<bool> s_forceVerbose = false;
 };

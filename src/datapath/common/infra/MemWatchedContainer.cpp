@@ -20,7 +20,7 @@ struct Sums
     std::uint64_t largestMemory = 0; // of a single container
 };
 
-constinit std::atomic<MemWatchedContainerDatabase*> theDatabase = nullptr;
+constinit platform::Atomic<MemWatchedContainerDatabase*> theDatabase = nullptr;
 
 } // namespace
 

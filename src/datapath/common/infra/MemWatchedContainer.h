@@ -10,8 +10,8 @@
 // reads item counts without that lock: each change leaves the count where any thread can read it.
 
 #include "datapath/common/infra/Mutex.h"
+#include "platform/Atomic.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -163,5 +163,5 @@ private:
         StlMemShiledContainer& m_container;
     };
 
-    std::atomic<std::uint64_t> m_itemCount = 0;
+    platform::Atomic<std::uint64_t> m_itemCount = 0;
 };

@@ -5,6 +5,7 @@
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/Singleton.h"
+#include "platform/Atomic.h"
 
 class MemoryHelperThread final : public Singleton<MemoryHelperThread, MemoryHelperThread>, public ActiveObject
 {
@@ -25,5 +26,5 @@ private:
 
     MemoryHelperThread() : ActiveObject("MemoryHelperThread", &s_forceVerbose) { open(); }
 
-    static constinit inline std::atomic<bool> s_forceVerbose = false;
+    static constinit inline platform::Atomic<bool> s_forceVerbose = false;
 };

@@ -39,7 +39,7 @@ constexpr std::uint32_t BLOCK_SIZE = 2U << 20U;
 constexpr unsigned char RETURNED_FILLING = 0xEE;
 constexpr std::uint32_t MOST_SPARE_SEGMENTS = 64;
 
-constinit std::atomic<MemoryPoolImpl*> thePool = nullptr;
+constinit platform::Atomic<MemoryPoolImpl*> thePool = nullptr;
 
 /// Ends the process. Kept out of the way of what is called for each request.
 template <class... Explanation>

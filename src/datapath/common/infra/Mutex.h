@@ -8,10 +8,10 @@
 // it again before it has unlocked it.
 
 #include "datapath/common/infra/ThreadSafety.h"
+#include "platform/Atomic.h"
 #include "platform/Sync.h"
 #include "platform/Threads.h"
 
-#include <atomic>
 #include <cstdint>
 
 class CAPABILITY("mutex") IMutex
@@ -94,7 +94,7 @@ public:
 
 private:
     Mutex m_mutex;
-    std::atomic<std::uint32_t> m_owner = 0; // the thread that has the lock
+    platform::Atomic<std::uint32_t> m_owner = 0; // the thread that has the lock
 };
 
 /// Locks for its own lifetime. Over an IMutex it calls what is behind it; over a known class it calls

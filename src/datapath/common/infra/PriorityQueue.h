@@ -15,9 +15,9 @@
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "platform/Atomic.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -33,7 +33,7 @@ public:
     /// Reports also show what the owner has not enqueued yet, if it counts all that has ever come where numArrived
     /// points: an item before it is enqueued.
     PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats,
-                  const std::atomic<std::uint64_t>* numArrived = nullptr)
+                  const platform::Atomic<std::uint64_t>* numArrived = nullptr)
         : MemWatchedContainer(std::move(name), ITEM_SIZE, 0),
           m_numArrived(numArrived == nullptr ? m_numEnqueued : *numArrived), m_queues(numPriorities),
           m_printStats(printStats), m_printIntervalMs(printIntervalMs()), m_name(MemWatchedContainer::name())
@@ -182,7 +182,7 @@ private:
     }
 
     /// The owner's lock makes this thread the only one that writes.
-    static void add1(std::atomic<std::uint64_t>& count)
+    static void add1(platform::Atomic<std::uint64_t>& count)
     {
         count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
@@ -215,9 +215,9 @@ private:
         line << std::endl;
     }
 
-    std::atomic<std::uint64_t> m_numEnqueued = 0; // ever
-    std::atomic<std::uint64_t> m_numTaken = 0;    // ever
-    const std::atomic<std::uint64_t>& m_numArrived;
+    platform::Atomic<std::uint64_t> m_numEnqueued = 0; // ever
+    platform::Atomic<std::uint64_t> m_numTaken = 0;    // ever
+    const platform::Atomic<std::uint64_t>& m_numArrived;
     std::vector<Queue> m_queues;         // by priority
     std::uint32_t m_highestPriority = 0; // above it every list is empty
     const bool m_printStats;

@@ -9,8 +9,7 @@
 // other is drawn in docs/design.md.
 
 #include "datapath/common/infra/Mutex.h"
-
-#include <atomic>
+#include "platform/Atomic.h"
 
 /// A creation lock of its own for each Tag. Usable before main and, as it is never destroyed, after.
 template <class Tag> Mutex& creationLock()
@@ -21,7 +20,7 @@ template <class Tag> Mutex& creationLock()
 
 /// Returns the published object, made by make() under the lock if there is none yet. What make did is
 /// visible to whoever gets the object.
-template <class T, class Make> T& createOnce(std::atomic<T*>& published, Mutex& lock, Make make)
+template <class T, class Make> T& createOnce(platform::Atomic<T*>& published, Mutex& lock, Make make)
 {
     T* object = published.load(std::memory_order_acquire);
     if (object == nullptr)
@@ -43,7 +42,7 @@ template <class Interface, class Implementation> class Singleton
 public:
     [[nodiscard]] static Interface& instance()
     {
-        static constinit std::atomic<Interface*> published = nullptr;
+        static constinit platform::Atomic<Interface*> published = nullptr;
         return createOnce(published, creationLock<Singleton>(), []() -> Interface* { return new Implementation; });
     }
 };

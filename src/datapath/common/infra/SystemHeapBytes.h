@@ -6,6 +6,8 @@
 // reading sums the shares. What is read while others count may be a little more than there is at any single
 // moment, never less than nothing. Any thread may call.
 
+#include "platform/Atomic.h"
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -19,7 +21,7 @@ struct alignas(64) Share
 {
     std::atomic<std::uint64_t> taken = 0;
     std::atomic<std::uint64_t> returned = 0; // also of what other threads have taken
-    std::atomic<bool> isOwned = false;
+    platform::Atomic<bool> isOwned = false;
 };
 
 } // namespace SystemHeapBytesInternal

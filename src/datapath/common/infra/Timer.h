@@ -4,8 +4,7 @@
 
 #include "datapath/common/infra/ITimer.h"
 #include "datapath/common/infra/Singleton.h"
-
-#include <atomic>
+#include "platform/Atomic.h"
 
 class Timer final : public Singleton<ITimer, Timer>, public ITimer
 {
@@ -26,8 +25,8 @@ public:
 
 private:
     // Only the values matter, so all of these are read and written without an order.
-    std::atomic<std::int64_t> m_lastTimestampMs = 0;
-    std::atomic<std::int64_t> m_relativeBaseMs = 0;
-    std::atomic<std::uint32_t> m_numProcessors = 0;
-    std::atomic<std::uint64_t> m_lastRefreshTick = 0; // of the system's tick count, in ms
+    platform::Atomic<std::int64_t> m_lastTimestampMs = 0;
+    platform::Atomic<std::int64_t> m_relativeBaseMs = 0;
+    platform::Atomic<std::uint32_t> m_numProcessors = 0;
+    platform::Atomic<std::uint64_t> m_lastRefreshTick = 0; // of the system's tick count, in ms
 };

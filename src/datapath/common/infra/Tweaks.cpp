@@ -5,11 +5,11 @@
 #include "datapath/common/infra/NumberText.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/windows/Directories.h"
+#include "platform/Atomic.h"
 #include "platform/Text.h"
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <iostream>
 #include <limits>
 #include <sstream>
@@ -31,7 +31,7 @@ constexpr char QUOTE = '"';
 constexpr std::array<std::string_view, 5> TRUE_WORDS = {"true", "yes", "on", "enabled", "ok"};
 constexpr std::array<std::string_view, 4> FALSE_WORDS = {"false", "no", "off", "disabled"};
 
-constinit std::atomic<Tweaks*> theTweaks = nullptr;
+constinit platform::Atomic<Tweaks*> theTweaks = nullptr;
 
 bool isOneOf(std::string_view text, const auto& words)
 {

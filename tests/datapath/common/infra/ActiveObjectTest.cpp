@@ -12,7 +12,7 @@
 namespace
 {
 
-std::atomic<bool> forceVerbose = false;
+platform::Atomic<bool> forceVerbose = false;
 std::atomic<int> living = 0;
 
 constexpr std::uint32_t NO_TIMEOUT = 1;

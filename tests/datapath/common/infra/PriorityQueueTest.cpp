@@ -75,7 +75,7 @@ TEST_F(PriorityQueueTest, WatermarksAreLoggedOnceAnInterval)
 
 TEST_F(PriorityQueueTest, TakesTheOldestOfTheHighestPriorityWhateverCameBefore)
 {
-    std::atomic<std::uint64_t> numArrived = 7; // more than are enqueued
+    platform::Atomic<std::uint64_t> numArrived = 7; // more than are enqueued
     auto queue = std::make_unique<PriorityQueue<int>>(5, "Items", true, &numArrived);
     std::set<std::pair<std::int64_t, int>> model; // negative priorities and ages
     std::mt19937 random(4711);

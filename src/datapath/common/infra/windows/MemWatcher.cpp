@@ -11,7 +11,7 @@
 
 MemWatcher& MemWatcher::instance()
 {
-    static constinit std::atomic<MemWatcher*> published = nullptr;
+    static constinit platform::Atomic<MemWatcher*> published = nullptr;
     return createOnce(published, creationLock<MemWatcher>(), [] { return new MemWatcher; });
 }
 

@@ -16,7 +16,7 @@ namespace
 {
 
 /// Numbers all threads of the process in the order of their start, from 1 on.
-constinit std::atomic<std::uint32_t> lastInternalId = 0;
+constinit platform::Atomic<std::uint32_t> lastInternalId = 0;
 
 } // namespace
 

@@ -13,8 +13,8 @@
 
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Trigger.h"
+#include "platform/Atomic.h"
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -54,5 +54,5 @@ private:
     Trigger m_trigger;                                                   // set when all opened threads have registered
     std::vector<std::uint32_t> m_threadIds GUARDED_BY(m_threadIdsMutex); // of all threads that ever started
     Mutex m_threadIdsMutex;                                              // nothing is taken inside it
-    std::atomic<std::uint32_t> m_numOpened = 0;
+    platform::Atomic<std::uint32_t> m_numOpened = 0;
 };

@@ -25,8 +25,8 @@
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/RcStatus.h"
 #include "datapath/common/infra/Singleton.h"
+#include "platform/Atomic.h"
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -124,5 +124,5 @@ private:
     std::vector<TakenTimer> m_sorted GUARDED_BY(m_activationMutex); // room for sorting them
     Mutex m_counterMutex; // held while a backward step is logged, so that its lines stand together
     // Ticks; 0: no reading yet. Written at every reading, so on a line of its own.
-    alignas(CACHE_LINE) std::atomic<std::int64_t> m_lastTimestamp = 0;
+    alignas(CACHE_LINE) platform::Atomic<std::int64_t> m_lastTimestamp = 0;
 };
