@@ -2,8 +2,17 @@
 
 // Threads as the system gives them. Every function may be called from any thread. Thread ids are
 // the system's own (GetCurrentThreadId; gettid) and can be used again once a thread has ended.
+//
+// Two functions are chosen at link time and not in the table:
+//
+//   relax()           a moment's rest of a processor that looks again and again at what another one will change
+//                     (x86's PAUSE)
+//   looks(wanted)     how often to look so before falling asleep: as often as wanted, where processors run at the same
+//                     time; fewer where one thread runs at a time
 
 #include "platform/ErrorNumber.h"
+
+#include "NativeRelax.h"
 
 #include <cstdint>
 #include <optional>
@@ -65,9 +74,6 @@ inline void closeThread(ThreadHandle thread) { threadCalls.closeThread(thread); 
 /// QueryThreadCycleTime; the thread's CPU clock in ns. Never goes back within one thread; 0 where the
 /// system does not count.
 [[nodiscard]] inline std::uint64_t currentThreadCycles() { return threadCalls.currentThreadCycles(); }
-
-/// A moment's rest of a processor that looks again and again at what another one will change (x86's PAUSE).
-inline void relax() noexcept { __builtin_ia32_pause(); }
 
 /// Sleep; nanosleep. Not shortened by signals.
 inline void sleepMs(std::uint32_t durationMs) { threadCalls.sleepMs(durationMs); }

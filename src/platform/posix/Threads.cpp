@@ -1,4 +1,4 @@
-#include "platform/Threads.h"
+#include "platform/posix/ThreadFunctions.h"
 
 #include "platform/posix/Errors.h"
 
@@ -58,6 +58,10 @@ void* threadMain(void* argument)
     return nullptr;
 }
 
+std::string statPath(std::uint32_t threadId) { return "/proc/self/task/" + std::to_string(threadId) + "/stat"; }
+
+} // namespace
+
 ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriority priority)
 {
     pthread_attr_t attributes;
@@ -82,8 +86,6 @@ std::uint32_t currentThreadId()
     thread_local const auto ID = static_cast<std::uint32_t>(gettid());
     return ID;
 }
-
-std::string statPath(std::uint32_t threadId) { return "/proc/self/task/" + std::to_string(threadId) + "/stat"; }
 
 ThreadHandle openThread(std::uint32_t threadId)
 {
@@ -133,16 +135,4 @@ void sleepMs(std::uint32_t durationMs)
     }
 }
 
-} // namespace
-
 } // namespace platform::posix
-
-platform::ThreadCalls platform::threadCalls = {
-    .startThread = posix::startThread,
-    .currentThreadId = posix::currentThreadId,
-    .openThread = posix::openThread,
-    .threadUserTime = posix::threadUserTime,
-    .closeThread = posix::closeThread,
-    .currentThreadCycles = posix::currentThreadCycles,
-    .sleepMs = posix::sleepMs,
-};

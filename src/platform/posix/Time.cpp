@@ -1,6 +1,5 @@
-#include "platform/Time.h"
+#include "platform/posix/TimeFunctions.h"
 
-#include <chrono>
 #include <ctime>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -13,10 +12,19 @@ namespace
 
 constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 
-UtcTime utcNow()
+std::uint64_t toTicks(const timeval& time)
+{
+    return static_cast<std::uint64_t>(time.tv_sec) * 10'000'000 + static_cast<std::uint64_t>(time.tv_usec) * 10;
+}
+
+} // namespace
+
+UtcTime utcNow() { return utcAt(std::chrono::system_clock::now()); }
+
+UtcTime utcAt(std::chrono::system_clock::time_point moment)
 {
     using namespace std::chrono;
-    const auto now = floor<milliseconds>(system_clock::now());
+    const auto now = floor<milliseconds>(moment);
     const auto day = floor<days>(now);
     // The date is the expensive part and changes once a day.
     thread_local sys_days dateOf{};
@@ -66,11 +74,6 @@ std::uint32_t processorCount()
     return count < 1 ? 1 : static_cast<std::uint32_t>(count);
 }
 
-std::uint64_t toTicks(const timeval& time)
-{
-    return static_cast<std::uint64_t>(time.tv_sec) * 10'000'000 + static_cast<std::uint64_t>(time.tv_usec) * 10;
-}
-
 std::optional<CpuTime> processCpuTime()
 {
     rusage usage = {};
@@ -81,15 +84,4 @@ std::optional<CpuTime> processCpuTime()
     return CpuTime{.kernel = toTicks(usage.ru_stime), .user = toTicks(usage.ru_utime)};
 }
 
-} // namespace
-
 } // namespace platform::posix
-
-platform::TimeCalls platform::timeCalls = {
-    .utcNow = posix::utcNow,
-    .performanceCounter = posix::performanceCounter,
-    .performanceFrequency = posix::performanceFrequency,
-    .tickCountMs = posix::tickCountMs,
-    .processorCount = posix::processorCount,
-    .processCpuTime = posix::processCpuTime,
-};

@@ -221,7 +221,7 @@ void ActiveObject::importArrivals(std::uint64_t most)
 /// The next action is often near, and falling asleep is expensive.
 void ActiveObject::look() const
 {
-    constexpr int LOOKS = 200;
+    constexpr int LOOKS = platform::looks(200);
     for (int look = 0; look < LOOKS && m_enabled.load(std::memory_order_relaxed) && m_pq.itemCount() == 0; ++look)
     {
         platform::relax();

@@ -77,7 +77,8 @@ public:
     [[nodiscard]] T get()
     {
         // What is waited for is often near: a few looks are cheaper than falling asleep.
-        for (int looks = 0; looks < 100 && !m_bSet.load(std::memory_order_acquire); ++looks)
+        constexpr int LOOKS = platform::looks(100);
+        for (int look = 0; look < LOOKS && !m_bSet.load(std::memory_order_acquire); ++look)
         {
             platform::relax();
         }

@@ -45,7 +45,7 @@ private:
     void lockContended()
     {
         constexpr int FIRST_REST = 64;
-        constexpr int LOOKS = 2;
+        constexpr int LOOKS = platform::looks(2);
         for (int look = 0; look < LOOKS; ++look)
         {
             for (int i = 0; i < FIRST_REST << look; ++i)

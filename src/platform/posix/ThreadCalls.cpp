@@ -1,0 +1,11 @@
+#include "platform/posix/ThreadFunctions.h"
+
+platform::ThreadCalls platform::threadCalls = {
+    .startThread = posix::startThread,
+    .currentThreadId = posix::currentThreadId,
+    .openThread = posix::openThread,
+    .threadUserTime = posix::threadUserTime,
+    .closeThread = posix::closeThread,
+    .currentThreadCycles = posix::currentThreadCycles,
+    .sleepMs = posix::sleepMs,
+};
