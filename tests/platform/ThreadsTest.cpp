@@ -1,8 +1,7 @@
 // The contract of threads.
 
 #include "platform/Threads.h"
-
-#include <future>
+#include "platform/Sync.h"
 
 #include <gtest/gtest.h>
 
@@ -13,21 +12,23 @@ using namespace platform;
 
 TEST(Threads, AStartedThreadHasAnIdOfItsOwnWhoseTimesCanBeRead)
 {
-    static std::promise<std::uint32_t> threadId;
-    static std::promise<void> mayLeave;
+    static std::uint32_t id = 0;
+    static NativeSemaphore hasStarted(0);
+    static NativeSemaphore mayLeave(0);
     const auto visit = [](void* argument) {
-        threadId.set_value(argument == &mayLeave ? currentThreadId() : 0);
-        mayLeave.get_future().wait();
+        id = argument == &mayLeave ? currentThreadId() : 0;
+        hasStarted.post();
+        mayLeave.wait();
     };
     ASSERT_EQ(ErrorNumber::Success, startThread(visit, &mayLeave, ThreadPriority::TimeCritical));
-    const std::uint32_t id = threadId.get_future().get();
+    hasStarted.wait();
     EXPECT_NE(0U, id);
     EXPECT_NE(currentThreadId(), id);
     const ThreadHandle opened = openThread(id);
     ASSERT_NE(ThreadHandle::Invalid, opened);
     EXPECT_TRUE(threadUserTime(opened).has_value());
     closeThread(opened);
-    mayLeave.set_value();
+    mayLeave.post();
 }
 
 TEST(Threads, TimesGrowWithWorkAndUnknownThreadsHaveNone)

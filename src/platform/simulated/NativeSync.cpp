@@ -1,0 +1,100 @@
+#include "platform/Sync.h"
+
+#include "platform/simulated/Scheduler.h"
+
+#include <algorithm>
+
+namespace platform
+{
+
+using simulated::Scheduler;
+using simulated::switchPoint;
+
+void NativeMutex::lock() noexcept
+{
+    switchPoint();
+    while (m_owner != 0)
+    {
+        static_cast<void>(Scheduler::instance().waitAt(this, {"a mutex", m_owner}, nullptr));
+    }
+    m_owner = Scheduler::instance().ownNumber();
+}
+
+bool NativeMutex::tryLock() noexcept
+{
+    switchPoint();
+    if (m_owner != 0)
+    {
+        return false;
+    }
+    m_owner = Scheduler::instance().ownNumber();
+    return true;
+}
+
+void NativeMutex::unlock() noexcept
+{
+    switchPoint();
+    m_owner = 0;
+    Scheduler::instance().wakeAt(this);
+}
+
+void NativeSemaphore::post() noexcept
+{
+    switchPoint();
+    ++m_count;
+    Scheduler::instance().wakeAt(this);
+}
+
+void NativeSemaphore::wait() noexcept
+{
+    switchPoint();
+    while (m_count == 0)
+    {
+        static_cast<void>(Scheduler::instance().waitAt(this, {"a semaphore"}, nullptr));
+    }
+    --m_count;
+}
+
+bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
+{
+    switchPoint();
+    const std::int64_t deadlineNs = Scheduler::instance().nowPlus(durationMs);
+    for (bool isLate = durationMs == 0; m_count == 0 && !isLate;)
+    {
+        isLate = !Scheduler::instance().waitAt(this, {"a semaphore"}, &deadlineNs);
+    }
+    const bool isTaken = m_count != 0;
+    m_count -= isTaken ? 1 : 0;
+    return isTaken;
+}
+
+void NativeEvent::set() noexcept
+{
+    switchPoint();
+    m_passes = std::min(m_passes + 1, m_waiters + 1);
+    Scheduler::instance().wakeAt(this);
+}
+
+void NativeEvent::wait() noexcept { static_cast<void>(passBefore(nullptr)); }
+
+bool NativeEvent::waitFor(std::uint32_t durationMs) noexcept
+{
+    const std::int64_t deadlineNs = Scheduler::instance().nowPlus(durationMs);
+    return passBefore(&deadlineNs);
+}
+
+bool NativeEvent::passBefore(const std::int64_t* deadlineNs) noexcept
+{
+    switchPoint();
+    ++m_waiters;
+    for (bool isLate = false; m_passes == 0 && !isLate;)
+    {
+        isLate = !Scheduler::instance().waitAt(this, {"an event"}, deadlineNs);
+    }
+    --m_waiters;
+    const bool isLetPass = m_passes != 0;
+    m_passes -= isLetPass ? 1 : 0;
+    return isLetPass;
+}
+
+} // namespace platform

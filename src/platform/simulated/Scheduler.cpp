@@ -1,0 +1,435 @@
+#include "platform/simulated/Scheduler.h"
+
+#include "platform/Threads.h"
+
+#include <algorithm>
+#include <chrono>
+#include <pthread.h>
+#include <utility>
+
+namespace platform
+{
+
+void relax() noexcept { simulated::Scheduler::instance().pass(true); }
+
+} // namespace platform
+
+namespace platform::simulated
+{
+
+namespace
+{
+
+constexpr std::int64_t READING_NS = 100;
+constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
+constexpr std::int64_t UTC_OF_SCHEDULES_NS = 1'767'225'600 * NS_PER_SECOND; // the first moment of 2026
+
+constinit thread_local Scheduler::Thread* ownThread = nullptr;
+constinit thread_local bool hasEnded = false; // what the system still runs on it makes no switch points
+
+} // namespace
+
+struct Scheduler::Thread
+{
+    const int number;
+    std::string name{};
+    std::condition_variable turn{};
+    const void* waitsFor = nullptr; // null: it can run
+    WaitReason reason{""};
+    std::int64_t waitNs = 0;                  // from the start of the wait to its deadline
+    std::optional<std::int64_t> deadlineNs{}; // of a wait
+    bool isLate = false;                      // the last wait ended at its deadline
+    bool isStopped = false;                   // for ever: its schedule failed, or it has ended
+    bool areValuesReleased = false;
+
+    [[nodiscard]] bool canRun() const { return waitsFor == nullptr && !isStopped; }
+};
+
+void switchPoint() noexcept { Scheduler::instance().pass(false); }
+
+Scheduler& Scheduler::instance()
+{
+    static Scheduler& scheduler = *new Scheduler;
+    return scheduler;
+}
+
+/// The calling thread, which has the turn on return.
+Scheduler::Thread& Scheduler::adopted(Lock& lock)
+{
+    if (ownThread == nullptr)
+    {
+        auto* const thread = new Thread{.number = --m_lastNumberOfOthers};
+        m_threads.push_back(thread);
+        if (m_running == nullptr)
+        {
+            m_running = thread;
+        }
+        lock.unlock();
+        enter(thread);
+        lock.lock();
+        if (m_explorer != nullptr)
+        {
+            thread->isStopped = true;
+            giveTurnTo(endSchedule("a thread that the floor has not started takes part in the schedule"));
+            awaitTurn(lock, *thread);
+        }
+    }
+    return *ownThread;
+}
+
+Scheduler::Thread* Scheduler::announce()
+{
+    pass(false);
+    const Lock lock(m_lock);
+    auto* const thread = new Thread{.number = m_explorer != nullptr ? ++m_lastNumber : --m_lastNumberOfOthers};
+    m_threads.push_back(thread);
+    return thread;
+}
+
+void Scheduler::enter(Thread* thread)
+{
+    static const pthread_key_t KEY = [] {
+        pthread_key_t key = 0;
+        pthread_key_create(&key, onThreadEnd);
+        return key;
+    }();
+    ownThread = thread;
+    pthread_setspecific(KEY, thread);
+    Lock lock(m_lock);
+    awaitTurn(lock, *thread);
+}
+
+void Scheduler::forget(Thread* thread)
+{
+    const Lock lock(m_lock);
+    std::erase(m_threads, thread);
+    delete thread;
+}
+
+void Scheduler::onThreadEnd(void* thread)
+{
+    auto* const self = static_cast<Thread*>(thread);
+    if (!std::exchange(self->areValuesReleased, true))
+    {
+        instance().enter(self); // called again after the other values were released
+        return;
+    }
+    instance().leave(self);
+}
+
+void Scheduler::leave(Thread* thread)
+{
+    hasEnded = true;
+    const Lock lock(m_lock);
+    thread->isStopped = true;
+    Thread* const next = chooseNext(*thread, false);
+    std::erase(m_threads, thread);
+    delete thread;
+    giveTurnTo(next);
+}
+
+void Scheduler::awaitTurn(Lock& lock, Thread& self)
+{
+    self.turn.wait(lock, [&] { return m_running == &self; });
+}
+
+void Scheduler::giveTurnTo(Thread* thread)
+{
+    if (thread != nullptr && thread != m_running)
+    {
+        thread->turn.notify_one();
+    }
+    m_running = thread;
+}
+
+void Scheduler::handOn(Lock& lock, Thread& self, bool isResting)
+{
+    giveTurnTo(chooseNext(self, isResting));
+    awaitTurn(lock, self);
+}
+
+void Scheduler::pass(bool isResting)
+{
+    if (hasEnded)
+    {
+        return;
+    }
+    constexpr std::uint32_t MOST_IN_A_ROW = 1'000;
+    Lock lock(m_lock);
+    Thread& self = adopted(lock);
+    if (&self == m_explorer)
+    {
+        return;
+    }
+    if (isResting)
+    {
+        setTime(m_nowNs + READING_NS);
+    }
+    if (m_explorer == nullptr)
+    {
+        const bool isLong = ++m_passesInARow >= MOST_IN_A_ROW;
+        if (isResting || isLong)
+        {
+            m_passesInARow = 0;
+            handOn(lock, self, true);
+        }
+        return;
+    }
+    if (++m_steps > m_maxSteps)
+    {
+        lock.unlock();
+        fail("not over after " + std::to_string(m_maxSteps) + " switch points");
+        return;
+    }
+    handOn(lock, self, isResting);
+}
+
+bool Scheduler::waitAt(const void* object, WaitReason reason, const std::int64_t* deadlineNs)
+{
+    Lock lock(m_lock);
+    Thread& self = adopted(lock);
+    self.waitsFor = object;
+    self.reason = reason;
+    self.isLate = false;
+    self.deadlineNs.reset();
+    if (deadlineNs != nullptr)
+    {
+        self.deadlineNs = *deadlineNs;
+        self.waitNs = *deadlineNs - m_nowNs;
+    }
+    handOn(lock, self, false);
+    return !self.isLate;
+}
+
+void Scheduler::wakeAt(const void* object)
+{
+    const Lock lock(m_lock);
+    for (Thread* const thread : m_threads)
+    {
+        if (thread->waitsFor == object)
+        {
+            thread->waitsFor = nullptr;
+        }
+    }
+}
+
+int Scheduler::ownNumber()
+{
+    Lock lock(m_lock);
+    return adopted(lock).number;
+}
+
+void Scheduler::setOwnName(std::string name)
+{
+    Lock lock(m_lock);
+    adopted(lock).name = std::move(name);
+}
+
+/// Self first if it can go on, last if it rests; the others in the order of their start, from self on.
+std::vector<Scheduler::Thread*> Scheduler::thoseWhoCanRun(const Thread& self, bool isResting)
+{
+    std::vector<Thread*> threads = m_threads;
+    std::ranges::rotate(threads, std::ranges::find(threads, &self));
+    if (isResting)
+    {
+        std::ranges::rotate(threads, threads.begin() + 1);
+    }
+    std::erase_if(threads, [](const Thread* thread) { return !thread->canRun(); });
+    return threads;
+}
+
+Scheduler::Thread* Scheduler::chooseNext(const Thread& self, bool isResting)
+{
+    std::vector<Thread*> threads = thoseWhoCanRun(self, isResting);
+    while (threads.empty())
+    {
+        Thread* const other = whenNobodyCanRun();
+        if (other == nullptr || other == m_explorer)
+        {
+            return other;
+        }
+        threads = thoseWhoCanRun(self, isResting);
+    }
+    std::size_t chosen = 0;
+    if (m_strategy != nullptr && threads.size() > 1)
+    {
+        Options options{.threads = {}, .firstCostly = threads.size(), .rester = {}, .step = m_steps};
+        std::ranges::transform(threads, std::back_inserter(options.threads), &Thread::number);
+        if (self.canRun())
+        {
+            options.firstCostly = isResting ? threads.size() - 1 : 1;
+            options.rester = isResting ? std::optional(self.number) : std::nullopt;
+        }
+        chosen = m_strategy->choose(options);
+    }
+    m_idleMoves = threads[chosen]->number > 0 ? 0 : m_idleMoves;
+    return threads[chosen];
+}
+
+bool Scheduler::isScheduleDone() const
+{
+    return std::ranges::none_of(m_threads,
+                                [](const Thread* thread) { return thread->number > 0 && !thread->isStopped; });
+}
+
+/// Moves the time, and returns a thread that has a deadline then; or the explorer, if the schedule is over; or null.
+Scheduler::Thread* Scheduler::whenNobodyCanRun()
+{
+    constexpr std::uint32_t MOST_IDLE_MOVES = 1'000; // others get that many chances to free the schedule's threads
+    if (m_explorer != nullptr && isScheduleDone())
+    {
+        return endSchedule("");
+    }
+    Thread* earliest = nullptr;
+    bool isScheduleWaitingForTime = false;
+    for (Thread* const thread : m_threads)
+    {
+        if (!thread->isStopped && thread->deadlineNs)
+        {
+            earliest = earliest == nullptr || *thread->deadlineNs < *earliest->deadlineNs ? thread : earliest;
+            isScheduleWaitingForTime = isScheduleWaitingForTime || thread->number > 0;
+        }
+    }
+    if (m_explorer != nullptr && !isScheduleWaitingForTime && (earliest == nullptr || ++m_idleMoves > MOST_IDLE_MOVES))
+    {
+        return endSchedule(describeDeadlock());
+    }
+    if (earliest != nullptr)
+    {
+        setTime(*earliest->deadlineNs);
+    }
+    return earliest;
+}
+
+void Scheduler::setTime(std::int64_t nowNs)
+{
+    m_nowNs = std::max(m_nowNs, nowNs);
+    for (Thread* const thread : m_threads)
+    {
+        if (thread->waitsFor != nullptr && thread->deadlineNs && *thread->deadlineNs <= m_nowNs)
+        {
+            thread->waitsFor = nullptr;
+            thread->isLate = true;
+        }
+    }
+}
+
+std::int64_t Scheduler::now()
+{
+    const Lock lock(m_lock);
+    return m_nowNs;
+}
+
+std::int64_t Scheduler::readClock()
+{
+    const Lock lock(m_lock);
+    setTime(m_nowNs + READING_NS);
+    return m_nowNs;
+}
+
+std::int64_t Scheduler::nowPlus(std::uint32_t durationMs) { return now() + std::int64_t{durationMs} * 1'000'000; }
+
+void Scheduler::advance(std::int64_t durationNs)
+{
+    Lock lock(m_lock);
+    Thread& self = adopted(lock);
+    setTime(m_nowNs + durationNs);
+    handOn(lock, self, false);
+}
+
+std::int64_t Scheduler::readUtc()
+{
+    const std::int64_t nowNs = readClock();
+    const Lock lock(m_lock);
+    if (!m_utcOffsetNs)
+    {
+        using namespace std::chrono;
+        m_utcOffsetNs = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count() - nowNs;
+    }
+    return *m_utcOffsetNs + nowNs;
+}
+
+void Scheduler::beginSchedule(std::uint64_t maxSteps)
+{
+    Lock lock(m_lock);
+    Thread& self = adopted(lock);
+    m_explorer = &self;
+    m_failure.reset();
+    m_steps = 0;
+    m_maxSteps = UINT64_MAX;
+    m_lastNumber = 0;
+    self.waitsFor = this;
+    self.reason = {"the schedule"};
+    self.deadlineNs.reset();
+    handOn(lock, self, false); // until the others rest
+    m_steps = 0;
+    m_maxSteps = maxSteps;
+    m_nowNs = (m_nowNs / NS_PER_SECOND + 1) * NS_PER_SECOND;
+    m_utcOffsetNs = UTC_OF_SCHEDULES_NS - m_nowNs;
+    for (Thread* const thread : m_threads)
+    {
+        if (thread->deadlineNs)
+        {
+            thread->deadlineNs = m_nowNs + thread->waitNs; // begun afresh, as in every schedule
+        }
+    }
+}
+
+std::optional<std::string> Scheduler::waitForEnd(Strategy& strategy)
+{
+    Lock lock(m_lock);
+    m_strategy = &strategy;
+    m_explorer->waitsFor = this;
+    handOn(lock, *m_explorer, false);
+    m_strategy = nullptr;
+    m_explorer = nullptr;
+    return m_failure;
+}
+
+Scheduler::Thread* Scheduler::endSchedule(std::string failure)
+{
+    if (!failure.empty())
+    {
+        m_failure = std::move(failure);
+        for (Thread* const thread : m_threads)
+        {
+            thread->isStopped = thread->isStopped || thread->number > 0;
+        }
+    }
+    m_explorer->waitsFor = nullptr;
+    return m_explorer;
+}
+
+void Scheduler::fail(const std::string& text)
+{
+    Lock lock(m_lock);
+    Thread& self = adopted(lock);
+    if (m_explorer == nullptr)
+    {
+        return;
+    }
+    self.isStopped = true;
+    giveTurnTo(endSchedule(text));
+    awaitTurn(lock, self); // for ever
+}
+
+std::string Scheduler::describeDeadlock() const
+{
+    const auto nameOf = [this](int number) {
+        const auto thread = std::ranges::find(m_threads, number, &Thread::number);
+        const bool isNamed = thread != m_threads.end() && !(*thread)->name.empty();
+        return isNamed ? (*thread)->name : "thread " + std::to_string(number);
+    };
+    std::string text = "deadlock";
+    for (const Thread* const thread : m_threads)
+    {
+        if (thread->number > 0 && !thread->isStopped)
+        {
+            text += (text == "deadlock" ? ": " : ", ") + nameOf(thread->number) + " waits for " + thread->reason.what;
+            text += thread->reason.owner != 0 ? " that " + nameOf(thread->reason.owner) + " has" : "";
+        }
+    }
+    return text;
+}
+
+} // namespace platform::simulated

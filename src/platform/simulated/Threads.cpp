@@ -1,0 +1,61 @@
+#include "platform/Threads.h"
+
+#include "platform/posix/ThreadFunctions.h"
+#include "platform/simulated/Scheduler.h"
+
+#include <memory>
+
+namespace platform::simulated
+{
+
+namespace
+{
+
+struct ThreadStart
+{
+    ThreadProcedure procedure;
+    void* argument;
+    Scheduler::Thread* thread;
+};
+
+void threadMain(void* argument)
+{
+    const std::unique_ptr<ThreadStart> owned(static_cast<ThreadStart*>(argument));
+    const ThreadStart start = *owned;
+    Scheduler::instance().enter(start.thread);
+    start.procedure(start.argument);
+}
+
+/// The priority is left out: who goes on is the scheduler's choice.
+ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriority /*priority*/)
+{
+    auto start = std::make_unique<ThreadStart>(ThreadStart{procedure, argument, Scheduler::instance().announce()});
+    const ErrorNumber error = posix::startThread(threadMain, start.get(), ThreadPriority::Normal);
+    if (error != ErrorNumber::Success)
+    {
+        Scheduler::instance().forget(start->thread);
+        return error;
+    }
+    static_cast<void>(start.release()); // the new thread owns it
+    return error;
+}
+
+void sleepMs(std::uint32_t durationMs)
+{
+    const std::int64_t deadlineNs = Scheduler::instance().nowPlus(durationMs);
+    static_cast<void>(Scheduler::instance().waitAt(&deadlineNs, {"time to pass"}, &deadlineNs));
+}
+
+} // namespace
+
+} // namespace platform::simulated
+
+platform::ThreadCalls platform::threadCalls = {
+    .startThread = simulated::startThread,
+    .currentThreadId = posix::currentThreadId,
+    .openThread = posix::openThread,
+    .threadUserTime = posix::threadUserTime,
+    .closeThread = posix::closeThread,
+    .currentThreadCycles = posix::currentThreadCycles,
+    .sleepMs = simulated::sleepMs,
+};

@@ -1,0 +1,38 @@
+#include "platform/Time.h"
+
+#include "platform/posix/TimeFunctions.h"
+#include "platform/simulated/Scheduler.h"
+
+namespace platform::simulated
+{
+
+namespace
+{
+
+UtcTime utcNow()
+{
+    using namespace std::chrono;
+    return posix::utcAt(system_clock::time_point(nanoseconds(Scheduler::instance().readUtc())));
+}
+
+/// Virtual time in ns.
+bool performanceCounter(std::int64_t& ticks)
+{
+    ticks = Scheduler::instance().readClock();
+    return true;
+}
+
+std::uint64_t tickCountMs() { return static_cast<std::uint64_t>(Scheduler::instance().readClock()) / 1'000'000; }
+
+} // namespace
+
+} // namespace platform::simulated
+
+platform::TimeCalls platform::timeCalls = {
+    .utcNow = simulated::utcNow,
+    .performanceCounter = simulated::performanceCounter,
+    .performanceFrequency = posix::performanceFrequency,
+    .tickCountMs = simulated::tickCountMs,
+    .processorCount = posix::processorCount,
+    .processCpuTime = posix::processCpuTime,
+};

@@ -1,0 +1,155 @@
+// What exploring finds, and the library's smallest parts under every schedule.
+
+#include "platform/simulated/Schedule.h"
+#include "datapath/common/infra/Semaphore.h"
+#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/Trigger.h"
+#include "platform/Threads.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace platform::simulated;
+
+void expectFound(const std::string& failure, const Scenario& scenario, const ExploreOptions& options = {})
+{
+    const Exploration found = explore(scenario, options);
+    EXPECT_EQ(failure, found.failure);
+    EXPECT_EQ(failure, replay(found.schedule, scenario, options.maxSteps).failure);
+}
+
+void expectNothingWrong(const Scenario& scenario, const ExploreOptions& options = {})
+{
+    const Exploration seen = explore(scenario, options);
+    EXPECT_EQ("", seen.failure) << seen.schedule;
+    EXPECT_EQ(!options.seed, seen.isComplete);
+    testing::Test::RecordProperty("schedules", std::to_string(seen.schedules));
+}
+
+void countWithoutLock()
+{
+    platform::Atomic<int> count = 0;
+    const auto add = [&] { count.store(count.load() + 1); };
+    runTogether({{"one", add}, {"other", add}});
+    check(count == 2, "both are counted");
+}
+
+TEST(Schedule, FindsALostUpdateInOrderAndAtRandom)
+{
+    expectFound("not so: both are counted", countWithoutLock);
+    expectFound("not so: both are counted", countWithoutLock, {.maxSchedules = 1'000, .seed = 7});
+    EXPECT_EQ("", explore(countWithoutLock, {.preemptions = 0}).failure);
+}
+
+TEST(Schedule, FindsLocksThatAreTakenInTwoOrders)
+{
+    expectFound("deadlock: scenario waits for a semaphore, up waits for a mutex that down has, "
+                "down waits for a mutex that up has",
+                [] {
+                    Mutex first;
+                    Mutex second;
+                    const auto lockBoth = [](Mutex& outer, Mutex& inner) {
+                        const MutexGuard outerGuard(outer);
+                        const MutexGuard innerGuard(inner);
+                    };
+                    runTogether({{"up", [&] { lockBoth(first, second); }}, {"down", [&] { lockBoth(second, first); }}});
+                });
+}
+
+TEST(Schedule, ALoopThatWaitsForNothingUsesUpItsSteps)
+{
+    expectFound("not over after 100 switch points",
+                [] {
+                    const platform::Atomic<bool> isNever = false;
+                    while (!isNever)
+                    {
+                    }
+                },
+                {.maxSteps = 100});
+}
+
+TEST(Schedule, RefusesATextThatDoesNotFit)
+{
+    EXPECT_EQ("not a schedule: x", replay("1:2 x", countWithoutLock).failure);
+    EXPECT_EQ("the schedule does not fit: thread 9 cannot go on at choice 0", replay("0:9", countWithoutLock).failure);
+    EXPECT_EQ("the schedule does not fit: the scenario makes fewer choices",
+              replay("99999:1", countWithoutLock).failure);
+}
+
+TEST(Schedule, TimeMovesToWhatIsWaitedForNext)
+{
+    expectNothingWrong([] {
+        const std::int64_t start = now();
+        constexpr std::int64_t MS = 1'000'000;
+        Trigger never;
+        int order = 0;
+        runTogether({{"day", [&] { platform::sleepMs(86'400'000), check(++order == 3, "last"); }},
+                     {"second", [&] { check(!never.waitFor(1'000) && ++order == 2, "second"); }},
+                     {"moved", [&] {
+                          platform::sleepMs(10), check(++order == 1 && now() >= start + 10 * MS, "first");
+                          advance(500 * MS);
+                      }}});
+        check(now() >= start + 86'400'000 * MS && now() < start + 86'401'000 * MS, "a day is over");
+    });
+}
+
+TEST(Mutex, LetsOneThreadInAtATime)
+{
+    expectNothingWrong([] {
+        Mutex mutex;
+        platform::Atomic<int> inside = 0;
+        const auto visit = [&] {
+            const MutexGuard guard(mutex);
+            check(++inside == 1, "one is inside");
+            --inside;
+        };
+        runTogether({{"one", visit}, {"two", visit}, {"three", visit}});
+    });
+}
+
+TEST(Semaphore, EachSignalLetsOneWaitPass)
+{
+    expectNothingWrong([] {
+        Semaphore semaphore(1);
+        int passed = 0; // by waits without a limit
+        runTogether({{"signal", [&] { semaphore.signal(); }},
+                     {"wait", [&] { semaphore.wait(), ++passed; }},
+                     {"limited", [&] { passed += semaphore.waitFor(5) ? 1 : 0; }}});
+        check(passed == 2 && !semaphore.waitFor(0), "as many waits as signals");
+    });
+}
+
+TEST(Trigger, LetsEachOfTwoWaitsPassForASetOfItsOwn)
+{
+    expectNothingWrong([] {
+        Trigger ping;
+        Trigger pong;
+        int turns = 0; // handed over by the triggers
+        runTogether({{"ping", [&] { ++turns, ping.set(), pong.wait(), ping.set(); }},
+                     {"pong", [&] { ping.wait(), check(++turns == 2, "two turns"), pong.set(), ping.wait(); }}});
+    });
+}
+
+TEST(CreateOnce, ThreeThreadsGetOneObject)
+{
+    expectNothingWrong([] {
+        platform::Atomic<int*> published = nullptr;
+        Mutex lock;
+        platform::Atomic<int> numMade = 0;
+        int object = 0;
+        const auto get = [&] {
+            const int& got = createOnce(published, lock, [&] {
+                ++numMade;
+                object = 7;
+                return &object;
+            });
+            check(got == 7, "the object is finished");
+        };
+        runTogether({{"one", get}, {"two", get}, {"three", get}});
+        check(numMade == 1, "it is made once");
+    });
+}
+
+} // namespace
