@@ -17,7 +17,7 @@ void expectFound(const std::string& failure, const Scenario& scenario, const Exp
 {
     const Exploration found = explore(scenario, options);
     EXPECT_EQ(failure, found.failure);
-    EXPECT_EQ(failure, replay(found.schedule, scenario, options.maxSteps).failure);
+    EXPECT_EQ(failure, replay(found.schedule, scenario, options).failure);
 }
 
 void expectNothingWrong(const Scenario& scenario, const ExploreOptions& options = {})

@@ -297,12 +297,13 @@ void exploreDepthFirst(const Scenario& scenario, const ExploreOptions& options, 
     exploration.isComplete = true;
 }
 
-void exploreAtRandom(const Scenario& scenario, const ExploreOptions& options, Exploration& exploration)
+void exploreAtRandom(const Scenario& scenario, const ExploreOptions& options, std::uint64_t seed, std::uint64_t most,
+                     Exploration& exploration)
 {
     constexpr std::uint64_t FIRST_GUESS = 100; // of how many steps a schedule has
-    std::mt19937_64 seeds(*options.seed);
+    std::mt19937_64 seeds(seed);
     std::uint64_t usualSteps = FIRST_GUESS;
-    while (exploration.schedules != options.maxSchedules && exploration.failure.empty())
+    while (exploration.schedules != most && exploration.failure.empty())
     {
         AtRandom strategy(seeds(), usualSteps, options.priorityChanges);
         exploration.failure = runSchedule(scenario, strategy, options.maxSteps);
@@ -312,29 +313,46 @@ void exploreAtRandom(const Scenario& scenario, const ExploreOptions& options, Ex
     }
 }
 
+/// Counts only the schedules until a failure.
+Exploration warmUp(const Scenario& scenario, const ExploreOptions& options)
+{
+    constexpr std::uint64_t SEED = 0;
+    Exploration exploration;
+    exploreAtRandom(scenario, options, SEED, options.warmUps, exploration);
+    exploration.schedules = exploration.failure.empty() ? 0 : exploration.schedules;
+    return exploration;
+}
+
 } // namespace
 
 Exploration explore(const Scenario& scenario, const ExploreOptions& options)
 {
-    Exploration exploration;
-    options.seed ? exploreAtRandom(scenario, options, exploration) : exploreDepthFirst(scenario, options, exploration);
+    Exploration exploration = warmUp(scenario, options);
+    if (exploration.failure.empty())
+    {
+        options.seed ? exploreAtRandom(scenario, options, *options.seed, options.maxSchedules, exploration)
+                     : exploreDepthFirst(scenario, options, exploration);
+    }
     report(exploration);
     return exploration;
 }
 
-Exploration replay(std::string_view schedule, const Scenario& scenario, std::uint64_t maxSteps)
+Exploration replay(std::string_view schedule, const Scenario& scenario, const ExploreOptions& options)
 {
     Repeating strategy(schedule);
-    Exploration exploration;
-    exploration.failure = strategy.mismatch();
+    Exploration exploration{.failure = strategy.mismatch(), .schedule = std::string(schedule)};
     if (exploration.failure.empty())
     {
-        exploration.failure = runSchedule(scenario, strategy, maxSteps);
+        exploration = warmUp(scenario, options);
+    }
+    if (exploration.failure.empty())
+    {
         exploration.schedules = 1;
+        exploration.schedule = schedule;
+        exploration.failure = runSchedule(scenario, strategy, options.maxSteps);
         strategy.expectAllUsed();
         exploration.failure = strategy.mismatch().empty() ? exploration.failure : strategy.mismatch();
     }
-    exploration.schedule = schedule;
     report(exploration);
     return exploration;
 }

@@ -47,6 +47,9 @@ struct ExploreOptions
     /// schedules. Source: Burckhardt et al., "A Randomized Scheduler with Probabilistic Guarantees of Finding Bugs".
     std::optional<std::uint64_t> seed{};
     std::uint32_t priorityChanges = 3; ///< at random: in one schedule
+    /// Schedules at random before the first one that is counted, always the same ones. For what the library keeps from
+    /// one schedule to the next, such as a place for each thread that there ever was at one time: it has grown then.
+    std::uint32_t warmUps = 0;
 };
 
 struct Exploration
@@ -63,9 +66,8 @@ using Scenario = std::function<void()>;
 /// and after how many.
 Exploration explore(const Scenario& scenario, const ExploreOptions& options = {});
 
-/// Runs one schedule. A text that does not fit the scenario is a failure too.
-Exploration replay(std::string_view schedule, const Scenario& scenario,
-                   std::uint64_t maxSteps = ExploreOptions{}.maxSteps);
+/// Runs one schedule, after the warm-ups. A text that does not fit the scenario is a failure too.
+Exploration replay(std::string_view schedule, const Scenario& scenario, const ExploreOptions& options = {});
 
 // For scenarios.
 
