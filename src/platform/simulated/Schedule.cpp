@@ -268,9 +268,9 @@ void report(const Exploration& exploration)
 {
     if (!exploration.failure.empty())
     {
-        std::fprintf(stderr, "schedule %llu: %s\nto replay: \"%s\"\n",
-                     static_cast<unsigned long long>(exploration.schedules), exploration.failure.c_str(),
-                     exploration.schedule.c_str());
+        static_cast<void>(std::fprintf(stderr, "schedule %llu: %s\nto replay: \"%s\"\n",
+                                       static_cast<unsigned long long>(exploration.schedules),
+                                       exploration.failure.c_str(), exploration.schedule.c_str()));
     }
 }
 
@@ -362,7 +362,7 @@ void check(bool isSo, const std::string& what)
     if (!isSo)
     {
         Scheduler::instance().fail("not so: " + what);
-        std::fprintf(stderr, "outside of schedules, not so: %s\n", what.c_str());
+        static_cast<void>(std::fprintf(stderr, "outside of schedules, not so: %s\n", what.c_str()));
         std::abort();
     }
 }
@@ -376,6 +376,7 @@ void runTogether(const std::vector<NamedWork>& works)
     };
     NativeSemaphore done(0);
     std::vector<Start> starts;
+    starts.reserve(works.size());
     for (const NamedWork& named : works)
     {
         starts.push_back({named, done});

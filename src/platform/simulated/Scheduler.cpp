@@ -229,10 +229,10 @@ void Scheduler::setOwnName(std::string name)
 std::vector<Scheduler::Thread*> Scheduler::thoseWhoCanRun(const Thread& self, bool isResting)
 {
     std::vector<Thread*> threads = m_threads;
-    std::ranges::rotate(threads, std::ranges::find(threads, &self));
+    std::rotate(threads.begin(), std::ranges::find(threads, &self), threads.end());
     if (isResting)
     {
-        std::ranges::rotate(threads, threads.begin() + 1);
+        std::rotate(threads.begin(), threads.begin() + 1, threads.end());
     }
     std::erase_if(threads, [](const Thread* thread) { return !thread->canRun(); });
     return threads;
