@@ -4,80 +4,73 @@
 #include "tests/simulated/Scenarios.h"
 #include "tests/support/Support.h"
 
-#include <array>
-
 namespace
 {
 
-const platform::Atomic<bool> isVerbose = false;
+const platform::Atomic<bool> forceVerbose = false;
 
-/// Counts itself when it is executed and when it is destroyed.
+/// Names its workers for reports.
+struct Disk : ActiveObject
+{
+    explicit Disk(int workers) : ActiveObject("Disk", &forceVerbose)
+    {
+        repeat(workers, [this] { open(); });
+    }
+    ~Disk() override { terminateAllThreads(); }
+    void onThreadStart(std::uint32_t threadIndex) override { nameThread("worker " + std::to_string(threadIndex)); }
+};
+
+/// What became of the actions; one thread runs at a time.
+struct Counts
+{
+    int executed = 0;
+    int destroyed = 0;
+    Semaphore destructions{0};
+};
+
 struct Counted : ActiveObject::Action
 {
-    Counted(int& executedCount, int& destroyedCount) : executed(executedCount), destroyed(destroyedCount) {}
-    ~Counted() override { ++destroyed; }
-    void execute() override { ++executed; }
+    explicit Counted(Counts& owner) : counts(owner) {}
+    ~Counted() override { ++counts.destroyed, counts.destructions.signal(); }
+    void execute() override { ++counts.executed; }
 
-    int& executed;
-    int& destroyed;
+    Counts& counts;
 };
+
+Counted* make(Counts& counts) { return MemShield::create<Counted>({"Counted", SourcePlace::here()}, counts); }
 
 struct ActiveObjectSchedules : testing::Test
 {
     ActiveObjectSchedules() { waitForOwnThreads(); }
 };
 
-TEST_F(ActiveObjectSchedules, EachActionThatCameIsExecutedOnceByTheTwoWorkers)
+TEST_F(ActiveObjectSchedules, EachActionIsExecutedOnceAndNoWorkerSleepsMeanwhile)
 {
     exploreBothWays([] {
-        int executed = 0; // the schedule has one thread run at a time
-        int destroyed = 0;
-        Semaphore done(0);
-        struct Signalling : Counted
-        {
-            using Counted::Counted;
-            ~Signalling() override { signalled->signal(); }
-            Semaphore* signalled = nullptr;
-        };
-        ActiveObject object("Disk", &isVerbose);
-        object.open();
-        object.open();
-        const auto produce = [&] {
-            auto* const action = MemShield::create<Signalling>({"Work", SourcePlace::here()}, executed, destroyed);
-            action->signalled = &done;
-            object.enqueue(action);
-        };
+        Counts counts;
+        Disk object(2);
+        const auto produce = [&] { object.enqueue(make(counts)); };
         runWorkers({{"one", produce}, {"two", produce}});
-        done.wait(); // for ever, if a worker sleeps while there is work
-        done.wait();
-        check(executed == 2, "each is executed once");
+        counts.destructions.wait(); // for ever, if a worker sleeps while there is work
+        counts.destructions.wait();
+        check(counts.executed == 2 && counts.destroyed == 2, "each is executed and destroyed once");
     });
 }
 
 TEST_F(ActiveObjectSchedules, WhatCameBeforeTheDrainIsDestroyedOnceAndTheRestIsLeftAlone)
 {
     exploreBothWays([] {
-        int executed = 0;
-        int destroyed = 0;
-        std::array<Counted*, 2> actions = {};
-        ActiveObject object("Disk", &isVerbose);
-        object.open();
-        runWorkers({{"producer",
-                     [&] {
-                         for (Counted*& action : actions)
-                         {
-                             action = MemShield::create<Counted>({"Work", SourcePlace::here()}, executed, destroyed);
-                             object.enqueue(action);
-                         }
-                     }},
+        Counts counts;
+        std::vector<Counted*> actions{make(counts), make(counts)};
+        Disk object(1);
+        runWorkers({{"producer", [&] { std::ranges::for_each(actions, [&](Counted* each) { object.enqueue(each); }); }},
                     {"owner", [&] { object.terminateAllThreads(); }}});
-        check(executed <= destroyed && destroyed <= 2, "what is executed is destroyed");
-        for (int i = destroyed; i < 2; ++i) // those that came after the drain, in their order
+        check(counts.executed <= counts.destroyed, "what is executed is destroyed");
+        for (std::size_t left = static_cast<std::size_t>(counts.destroyed); left < actions.size(); ++left)
         {
-            MemShield::destroy(actions.at(static_cast<std::size_t>(i)), actions.at(static_cast<std::size_t>(i)),
-                               SourcePlace::here());
+            MemShield::destroy(actions[left], actions[left], SourcePlace::here()); // came after the drain
         }
-        check(destroyed == 2, "the rest was left alone");
+        check(counts.destroyed == 2, "no other is destroyed");
     });
 }
 

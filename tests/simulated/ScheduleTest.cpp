@@ -4,7 +4,10 @@
 #include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Trigger.h"
+#include "platform/Process.h"
 #include "platform/Threads.h"
+
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -68,6 +71,32 @@ TEST(Schedule, ALoopThatWaitsForNothingUsesUpItsSteps)
                     }
                 },
                 {.maxSteps = 100});
+}
+
+TEST(Schedule, TheEndOfTheProcessAndAnExceptionAreFailures)
+{
+    expectFound("the process was to end while scenario waits for a semaphore", [] {
+        runTogether({{"ender", [] { platform::endProcess(); }}});
+    });
+    expectFound("exception: thrown", [] { throw std::runtime_error("thrown"); });
+}
+
+TEST(Schedule, ServicesRunForEverAndBeginTheirWaitsAfresh)
+{
+    static platform::Atomic<int> beats = 0;
+    const auto beat = [](void* /*argument*/) {
+        for (;; ++beats)
+        {
+            platform::sleepMs(1'000);
+        }
+    };
+    ASSERT_EQ(platform::ErrorNumber::Success, platform::startThread(beat, nullptr));
+    expectNothingWrong([] {
+        const int before = beats;
+        platform::sleepMs(2'500);
+        check(beats == before + 2, "two beats");
+    });
+    expectFound("deadlock: scenario waits for a semaphore", [] { Semaphore(0).wait(); });
 }
 
 TEST(Schedule, RefusesATextThatDoesNotFit)

@@ -16,7 +16,7 @@ public:
     static constexpr bool is_always_lock_free = std::atomic<T>::is_always_lock_free;
 
     constexpr Atomic() noexcept = default;
-    constexpr Atomic(T value) noexcept : m_value(value) {} // NOLINT(google-explicit-constructor): as std::atomic
+    constexpr Atomic(T value) noexcept : m_value(value) {}
     Atomic(const Atomic&) = delete;
     Atomic& operator=(const Atomic&) = delete;
     ~Atomic() = default;
@@ -58,8 +58,8 @@ public:
         return m_value.fetch_sub(value, order);
     }
 
-    operator T() const noexcept { return load(); } // NOLINT(google-explicit-constructor): as std::atomic
-    T operator=(T value) noexcept                  // NOLINT: as std::atomic
+    operator T() const noexcept { return load(); }
+    T operator=(T value) noexcept // NOLINT: as std::atomic
     {
         store(value);
         return value;

@@ -43,8 +43,9 @@ struct ExploreOptions
     std::uint32_t preemptions = 2;
     std::uint64_t maxSchedules = 1'000'000;
     std::uint64_t maxSteps = 100'000; ///< switch points of one schedule
-    /// At random instead: each thread has a priority, and the highest that can run does. The same seed gives the same
-    /// schedules. Source: Burckhardt et al., "A Randomized Scheduler with Probabilistic Guarantees of Finding Bugs".
+    /// At random instead, maxSchedules of them: each thread has a priority, and the highest that can run does. The same
+    /// seed gives the same schedules. Source: Burckhardt et al., "A Randomized Scheduler with Probabilistic Guarantees
+    /// of Finding Bugs".
     std::optional<std::uint64_t> seed{};
     std::uint32_t priorityChanges = 3; ///< at random: in one schedule
     /// Schedules at random before the first one that is counted, always the same ones. For what the library keeps from
@@ -82,6 +83,9 @@ struct NamedWork
 
 /// Runs each in a thread of its own; returns when all are done.
 void runTogether(const std::vector<NamedWork>& works);
+
+/// What reports call the calling thread; otherwise "thread" and its number, in the order in which they were started.
+void nameThread(std::string name);
 
 /// Virtual time in ns; does not move it.
 [[nodiscard]] std::int64_t now();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <pthread.h>
 #include <utility>
 
@@ -25,7 +26,8 @@ constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 constexpr std::int64_t UTC_OF_SCHEDULES_NS = 1'767'225'600 * NS_PER_SECOND; // the first moment of 2026
 
 constinit thread_local Scheduler::Thread* ownThread = nullptr;
-constinit thread_local bool hasEnded = false; // what the system still runs on it makes no switch points
+constinit thread_local bool hasEnded = false; // what the system may still run on it makes no switch points
+constexpr int ENDED_NUMBER = std::numeric_limits<int>::min();
 
 } // namespace
 
@@ -40,7 +42,7 @@ struct Scheduler::Thread
     std::optional<std::int64_t> deadlineNs{}; // of a wait
     bool isLate = false;                      // the last wait ended at its deadline
     bool isStopped = false;                   // for ever: its schedule failed, or it has ended
-    bool areValuesReleased = false;
+    int numReleases = 0;                      // of the system's values of the thread, for its end
 
     [[nodiscard]] bool canRun() const { return waitsFor == nullptr && !isStopped; }
 };
@@ -108,10 +110,13 @@ void Scheduler::forget(Thread* thread)
 
 void Scheduler::onThreadEnd(void* thread)
 {
+    // The system releases a thread's values in rounds, four at most, for as long as releasing sets others. The last
+    // round but one is late enough.
+    constexpr int ROUNDS = 3;
     auto* const self = static_cast<Thread*>(thread);
-    if (!std::exchange(self->areValuesReleased, true))
+    if (++self->numReleases < ROUNDS)
     {
-        instance().enter(self); // called again after the other values were released
+        instance().enter(self); // called again in the next round
         return;
     }
     instance().leave(self);
@@ -216,7 +221,7 @@ void Scheduler::wakeAt(const void* object)
 int Scheduler::ownNumber()
 {
     Lock lock(m_lock);
-    return adopted(lock).number;
+    return hasEnded ? ENDED_NUMBER : adopted(lock).number;
 }
 
 void Scheduler::setOwnName(std::string name)
@@ -292,7 +297,7 @@ Scheduler::Thread* Scheduler::whenNobodyCanRun()
     }
     if (m_explorer != nullptr && !isScheduleWaitingForTime && (earliest == nullptr || ++m_idleMoves > MOST_IDLE_MOVES))
     {
-        return endSchedule(describeDeadlock());
+        return endSchedule("deadlock: " + waits());
     }
     if (earliest != nullptr)
     {
@@ -413,19 +418,27 @@ void Scheduler::fail(const std::string& text)
     awaitTurn(lock, self); // for ever
 }
 
-std::string Scheduler::describeDeadlock() const
+std::string Scheduler::describeWaits()
+{
+    const Lock lock(m_lock);
+    return waits();
+}
+
+std::string Scheduler::waits() const
 {
     const auto nameOf = [this](int number) {
-        const auto thread = std::ranges::find(m_threads, number, &Thread::number);
+        const auto thread = std::ranges::find_if(m_threads, [number](const Thread* other) {
+            return other->number == number && !other->isStopped; // those of a failed schedule had such numbers too
+        });
         const bool isNamed = thread != m_threads.end() && !(*thread)->name.empty();
         return isNamed ? (*thread)->name : "thread " + std::to_string(number);
     };
-    std::string text = "deadlock";
+    std::string text;
     for (const Thread* const thread : m_threads)
     {
-        if (thread->number > 0 && !thread->isStopped)
+        if (thread->number > 0 && !thread->canRun() && !thread->isStopped)
         {
-            text += (text == "deadlock" ? ": " : ", ") + nameOf(thread->number) + " waits for " + thread->reason.what;
+            text += (text.empty() ? "" : ", ") + nameOf(thread->number) + " waits for " + thread->reason.what;
             text += thread->reason.owner != 0 ? " that " + nameOf(thread->reason.owner) + " has" : "";
         }
     }

@@ -95,6 +95,9 @@ public:
 
     [[nodiscard]] std::uint64_t stepsOfSchedule() const { return m_steps; } ///< by the thread that has run it
 
+    /// What each thread of the schedule waits for that waits; empty if none does.
+    [[nodiscard]] std::string describeWaits();
+
     /// The schedule ends here with this failure. Returns only if there is none.
     void fail(const std::string& text);
 
@@ -114,7 +117,7 @@ private:
     [[nodiscard]] std::vector<Thread*> thoseWhoCanRun(const Thread& self, bool isResting);
     void setTime(std::int64_t nowNs);
     [[nodiscard]] Thread* endSchedule(std::string failure);
-    [[nodiscard]] std::string describeDeadlock() const;
+    [[nodiscard]] std::string waits() const;
     [[nodiscard]] bool isScheduleDone() const;
 
     std::mutex m_lock; // guards everything

@@ -29,7 +29,8 @@ void threadMain(void* argument)
 /// The priority is left out: who goes on is the scheduler's choice.
 ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriority /*priority*/)
 {
-    auto start = std::make_unique<ThreadStart>(ThreadStart{procedure, argument, Scheduler::instance().announce()});
+    auto start = std::make_unique<ThreadStart>(ThreadStart{procedure, argument, nullptr});
+    start->thread = Scheduler::instance().announce();
     const ErrorNumber error = posix::startThread(threadMain, start.get(), ThreadPriority::Normal);
     if (error != ErrorNumber::Success)
     {

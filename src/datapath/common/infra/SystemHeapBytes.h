@@ -16,7 +16,7 @@
 namespace SystemHeapBytesInternal
 {
 
-/// Of one thread, on a cache line of its own.
+/// Of one thread, on a cache line of its own. No thread acts upon what others count, so the counts synchronise nothing.
 struct alignas(64) Share
 {
     std::atomic<std::uint64_t> taken = 0;

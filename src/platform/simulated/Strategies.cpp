@@ -1,0 +1,141 @@
+#include "platform/simulated/Strategies.h"
+
+#include <algorithm>
+#include <charconv>
+#include <functional>
+#include <utility>
+
+namespace platform::simulated
+{
+
+std::size_t Recording::choose(const Options& options)
+{
+    const std::size_t chosen = pick(options);
+    if (chosen != 0)
+    {
+        m_text +=
+            (m_text.empty() ? "" : " ") + std::to_string(m_numChoices) + ":" + std::to_string(options.threads[chosen]);
+    }
+    ++m_numChoices;
+    return chosen;
+}
+
+void Recording::restart()
+{
+    m_numChoices = 0;
+    m_text.clear();
+}
+
+void Recording::setMismatch(std::string text) { m_mismatch = std::move(text); }
+
+bool DepthFirst::next()
+{
+    restart();
+    while (!m_path.empty())
+    {
+        Node& last = m_path.back();
+        m_cost -= last.cost();
+        ++last.chosen;
+        if (last.chosen < last.numOptions && m_cost + last.cost() <= m_bound)
+        {
+            m_cost += last.cost();
+            return true;
+        }
+        m_path.pop_back();
+    }
+    return false;
+}
+
+std::size_t DepthFirst::pick(const Options& options)
+{
+    if (numChoices() == m_path.size())
+    {
+        m_path.push_back({.numOptions = options.threads.size(), .firstCostly = options.firstCostly});
+    }
+    const Node& node = m_path[numChoices()];
+    if (node.numOptions != options.threads.size() || node.firstCostly != options.firstCostly)
+    {
+        setMismatch("the scenario is not the same in every schedule");
+    }
+    return std::min(node.chosen, options.threads.size() - 1);
+}
+
+AtRandom::AtRandom(std::uint64_t seed, std::uint64_t usualSteps, std::uint32_t numChanges) : m_random(seed)
+{
+    while (numChanges-- != 0)
+    {
+        m_changes.push_back(1 + m_random() % usualSteps);
+    }
+    std::ranges::sort(m_changes, std::greater<>());
+}
+
+std::size_t AtRandom::pick(const Options& options)
+{
+    if (options.rester)
+    {
+        m_priorities[*options.rester] = --m_lowest;
+    }
+    std::size_t chosen = highest(options);
+    while (!m_changes.empty() && options.step >= m_changes.back())
+    {
+        m_changes.pop_back();
+        m_priorities[options.threads[chosen]] = --m_lowest;
+        chosen = highest(options);
+    }
+    return chosen;
+}
+
+std::size_t AtRandom::highest(const Options& options)
+{
+    const auto priority = [this](int thread) {
+        return m_priorities.try_emplace(thread, static_cast<std::int64_t>(m_random() >> 1U)).first->second;
+    };
+    return static_cast<std::size_t>(std::ranges::max_element(options.threads, {}, priority) - options.threads.begin());
+}
+
+Repeating::Repeating(std::string_view text)
+{
+    while (!text.empty())
+    {
+        std::uint64_t choice = 0;
+        int thread = 0;
+        const char* const end = text.data() + text.size();
+        const auto [colon, error] = std::from_chars(text.data(), end, choice);
+        const bool hasThread = error == std::errc() && colon != end && *colon == ':';
+        const auto [rest, threadError] = std::from_chars(hasThread ? colon + 1 : end, end, thread);
+        if (threadError != std::errc() || (rest != end && *rest != ' '))
+        {
+            setMismatch("not a schedule: " + std::string(text));
+            return;
+        }
+        m_threads[choice] = thread;
+        text.remove_prefix(static_cast<std::size_t>(rest - text.data()) + (rest != end ? 1 : 0));
+    }
+}
+
+void Repeating::expectAllUsed()
+{
+    if (!m_threads.empty() && mismatch().empty())
+    {
+        setMismatch("the schedule does not fit: the scenario makes fewer choices");
+    }
+}
+
+std::size_t Repeating::pick(const Options& options)
+{
+    const auto entry = m_threads.extract(numChoices());
+    if (entry.empty())
+    {
+        return 0;
+    }
+    const auto chosen = std::ranges::find(options.threads, entry.mapped());
+    if (chosen == options.threads.end())
+    {
+        setMismatch("the schedule does not fit: thread " + std::to_string(entry.mapped()) + " cannot go on at choice " +
+                    std::to_string(numChoices()));
+        return 0;
+    }
+    return static_cast<std::size_t>(chosen - options.threads.begin());
+}
+
+} // namespace platform::simulated

@@ -1,0 +1,63 @@
+// The future under many schedules.
+
+#include "datapath/common/infra/Future.h"
+#include "tests/simulated/Scenarios.h"
+#include "tests/support/Support.h"
+
+#include <optional>
+
+namespace
+{
+
+using Result = FutureInternal::Future<int>;
+
+/// May hold a copy, which it releases when it is called.
+struct Observer : FutureInternal::FutureObserver<int>
+{
+    void update(const int& value) override
+    {
+        sum += value;
+        copy.reset();
+    }
+
+    int sum = 0; // of the values that it was called with
+    std::optional<Result> copy{};
+};
+
+struct FutureSchedules : testing::Test
+{
+    FutureSchedules() { waitForOwnThreads(); }
+};
+
+TEST_F(FutureSchedules, ReachesEveryWaiterAndEachObserverOnce)
+{
+    exploreBothWays([] {
+        Result result;
+        Observer early;
+        Observer late;
+        result.addObserver(&early);
+        const auto get = [&] { check(result.get() == 7, "the result is got"); };
+        runWorkers({{"setter", [&] { result.set(7); }},
+                    {"adder", [&] { result.addObserver(&late); }},
+                    {"getter", get},
+                    {"other getter", get}});
+        check(early.sum == 7 && late.sum == 7, "each observer is called once");
+    });
+}
+
+TEST_F(FutureSchedules, AnObserverMayReleaseTheLastCopyWhileItIsSetOrObserved)
+{
+    exploreBothWays([] {
+        const std::uint64_t before = MemShield::systemHeapBytes();
+        Observer observer;
+        observer.copy.emplace();
+        std::optional<Result> setters = observer.copy;
+        std::optional<Result> adders = observer.copy;
+        runWorkers({{"setter", [&] { setters->set(7), setters.reset(); }},
+                    {"adder", [&] { adders->addObserver(&observer), adders.reset(); }}});
+        check(observer.sum == 7, "the observer is called once");
+        check(MemShield::systemHeapBytes() == before, "the state went with the last copy");
+    });
+}
+
+} // namespace
