@@ -44,7 +44,7 @@ private:
     /// cache line from whoever holds it, and who is not looked at gets several turns done.
     void lockContended()
     {
-        constexpr int FIRST_REST = 64;
+        constexpr int FIRST_REST = platform::looks(64);
         constexpr int LOOKS = platform::looks(2);
         for (int look = 0; look < LOOKS; ++look)
         {
