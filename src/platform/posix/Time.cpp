@@ -17,11 +17,8 @@ std::uint64_t toTicks(const timeval& time)
     return static_cast<std::uint64_t>(time.tv_sec) * 10'000'000 + static_cast<std::uint64_t>(time.tv_usec) * 10;
 }
 
-} // namespace
-
-UtcTime utcNow() { return utcAt(std::chrono::system_clock::now()); }
-
-UtcTime utcAt(std::chrono::system_clock::time_point moment)
+/// Inline in any case: each line of a log reads the clock.
+[[gnu::always_inline]] inline UtcTime onCalendar(std::chrono::system_clock::time_point moment)
 {
     using namespace std::chrono;
     const auto now = floor<milliseconds>(moment);
@@ -43,6 +40,12 @@ UtcTime utcAt(std::chrono::system_clock::time_point moment)
             .second = static_cast<int>(time.seconds().count()),
             .millisecond = static_cast<int>(time.subseconds().count())};
 }
+
+} // namespace
+
+UtcTime utcNow() { return onCalendar(std::chrono::system_clock::now()); }
+
+UtcTime utcAt(std::chrono::system_clock::time_point moment) { return onCalendar(moment); }
 
 bool performanceCounter(std::int64_t& ticks)
 {

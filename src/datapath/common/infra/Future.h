@@ -77,8 +77,7 @@ public:
     [[nodiscard]] T get()
     {
         // What is waited for is often near: a few looks are cheaper than falling asleep.
-        constexpr int LOOKS = platform::looks(100);
-        for (int look = 0; look < LOOKS && !m_bSet.load(std::memory_order_acquire); ++look)
+        for (int look = 0; look < platform::looks(100) && !m_bSet.load(std::memory_order_acquire); ++look)
         {
             platform::relax();
         }
