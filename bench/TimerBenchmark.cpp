@@ -75,7 +75,7 @@ struct SmallRecord
     void* context;
 };
 
-/// The same with a future, as our timers have one each.
+/// The same with a future that tells when a replaced timer is gone. Ours is made for whoever asks for it.
 struct FullRecord : SmallRecord
 {
     WindowsTimer::Completion completion;
