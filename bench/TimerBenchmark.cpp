@@ -5,6 +5,7 @@
 #include "datapath/common/infra/windows/WindowsTimer.h"
 #include "platform/Time.h"
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -28,28 +29,28 @@ constexpr std::uint32_t LONGEST_MS = 10'000;
 constexpr std::uint32_t PASS_MS = 100;
 constexpr int A_ROUND = 200; // 2 a ms, and each waits for 5,000 ms on average
 
-std::int64_t passedTicks = 0;
+std::atomic<std::int64_t> passedTicks = 0;
 bool (*realCounter)(std::int64_t& ticks) = nullptr;
 
-/// While it lives, the real counter with what the benchmark lets pass.
+/// From the first one on, the real counter with what the benchmark lets pass. It stays: other threads may have read the
+/// process-wide clock meanwhile, which must not step back.
 struct PassingTime
 {
     PassingTime()
     {
         MemShield::setEnabled(false); // before the first block
-        realCounter = std::exchange(platform::timeCalls.performanceCounter, [](std::int64_t& ticks) {
-            const bool isRead = realCounter(ticks);
-            ticks += passedTicks;
-            return isRead;
-        });
+        if (realCounter == nullptr)
+        {
+            realCounter = std::exchange(platform::timeCalls.performanceCounter, [](std::int64_t& ticks) {
+                const bool isRead = realCounter(ticks);
+                ticks += passedTicks.load(std::memory_order_relaxed);
+                return isRead;
+            });
+        }
         std::int64_t ticksPerSecond = 0;
         static_cast<void>(platform::performanceFrequency(ticksPerSecond));
         m_ticksPerMs = ticksPerSecond / 1'000;
     }
-    PassingTime(const PassingTime&) = delete;
-    PassingTime& operator=(const PassingTime&) = delete;
-    ~PassingTime() { platform::timeCalls.performanceCounter = realCounter; }
-
     void pass() const { passedTicks += PASS_MS * m_ticksPerMs; }
 
     std::int64_t m_ticksPerMs;
