@@ -24,8 +24,16 @@ void Timer::start()
 
 std::uint64_t Timer::getTimestampNs()
 {
-    using namespace std::chrono;
-    return static_cast<std::uint64_t>(duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count());
+    constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
+    constexpr std::int64_t USUAL_TICKS_PER_SECOND = 10'000'000; // needs no division
+    std::int64_t ticks = 0;
+    std::int64_t ticksPerSecond = USUAL_TICKS_PER_SECOND;
+    static_cast<void>(platform::performanceCounter(ticks) && platform::performanceFrequency(ticksPerSecond));
+    const std::int64_t timestampNs =
+        ticksPerSecond == USUAL_TICKS_PER_SECOND
+            ? ticks * (NS_PER_SECOND / USUAL_TICKS_PER_SECOND)
+            : ticks / ticksPerSecond * NS_PER_SECOND + ticks % ticksPerSecond * NS_PER_SECOND / ticksPerSecond;
+    return static_cast<std::uint64_t>(timestampNs);
 }
 
 std::int64_t Timer::getTimestampUs() { return static_cast<std::int64_t>(getTimestampNs() / 1000); }

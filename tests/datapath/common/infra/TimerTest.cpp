@@ -9,7 +9,6 @@
 #include "tests/support/Support.h"
 
 #include <array>
-#include <chrono>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -145,12 +144,15 @@ TEST(Timer, CalendarAndCpuTimesComeFromTheSystem)
     const ScopedReplacement utc(platform::timeCalls.utcNow,
                                 [] { return platform::UtcTime{2024, 2, 29, 23, 59, 58, 987}; });
     EXPECT_EQ(1'709'251'198'987, timer.getUtcTimeMs());
-    const auto steadyNs = [] { return std::chrono::steady_clock::now().time_since_epoch().count(); };
-    const std::int64_t before = steadyNs();
-    const std::int64_t us = timer.getTimestampUs();
-    const auto ns = static_cast<std::int64_t>(timer.getTimestampNs());
-    const std::int64_t after = steadyNs();
-    EXPECT_TRUE(before / 1'000 <= us && us <= ns / 1'000 && before <= ns && ns <= after);
+    static std::int64_t frequencyHz = 10'000'000;
+    const ScopedReplacement counter(platform::timeCalls.performanceCounter,
+                                    [](std::int64_t& value) { return (value = 90'000'000'000'012'347) > 0; });
+    const ScopedReplacement frequency(platform::timeCalls.performanceFrequency,
+                                      [](std::int64_t& value) { return (value = frequencyHz) > 0; });
+    EXPECT_EQ(9'000'000'000'001'234'700U, timer.getTimestampNs());
+    frequencyHz = 24'000'000; // a product of all ticks and a thousand million would not fit
+    EXPECT_EQ(3'750'000'000'000'514'458U, timer.getTimestampNs());
+    EXPECT_EQ(3'750'000'000'000'514, timer.getTimestampUs());
     const ScopedReplacement cycles(platform::threadCalls.currentThreadCycles, [] { return std::uint64_t{4711}; });
     EXPECT_EQ(4711U, timer.getThreadCycles());
 
