@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace platform
 {
@@ -38,6 +39,7 @@ struct ThreadCalls
 {
     ErrorNumber (*startThread)(ThreadProcedure procedure, void* argument, ThreadPriority priority);
     std::uint32_t (*currentThreadId)();
+    void (*nameThread)(const std::string& name);
     ThreadHandle (*openThread)(std::uint32_t threadId);
     std::optional<std::uint64_t> (*threadUserTime)(ThreadHandle thread);
     void (*closeThread)(ThreadHandle thread);
@@ -58,6 +60,10 @@ extern ThreadCalls threadCalls;
 
 /// GetCurrentThreadId; gettid.
 [[nodiscard]] inline std::uint32_t currentThreadId() { return threadCalls.currentThreadId(); }
+
+/// SetThreadDescription, where the system has it; pthread_setname_np. What debuggers and lists of threads call the
+/// calling thread; the first 15 bytes of it on Linux.
+inline void nameThread(const std::string& name) { threadCalls.nameThread(name); }
 
 /// OpenThread with query access; a look at /proc. Invalid if this process has no such thread.
 [[nodiscard]] inline ThreadHandle openThread(std::uint32_t threadId) { return threadCalls.openThread(threadId); }

@@ -3,6 +3,7 @@
 platform::ThreadCalls platform::threadCalls = {
     .startThread = posix::startThread,
     .currentThreadId = posix::currentThreadId,
+    .nameThread = posix::nameThread,
     .openThread = posix::openThread,
     .threadUserTime = posix::threadUserTime,
     .closeThread = posix::closeThread,

@@ -9,6 +9,7 @@ namespace platform::posix
 
 ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriority priority);
 std::uint32_t currentThreadId();
+void nameThread(const std::string& name);
 ThreadHandle openThread(std::uint32_t threadId);
 std::optional<std::uint64_t> threadUserTime(ThreadHandle thread);
 void closeThread(ThreadHandle thread);

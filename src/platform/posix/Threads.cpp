@@ -87,6 +87,12 @@ std::uint32_t currentThreadId()
     return ID;
 }
 
+void nameThread(const std::string& name)
+{
+    constexpr std::size_t LONGEST = 15;
+    pthread_setname_np(pthread_self(), name.substr(0, LONGEST).c_str());
+}
+
 ThreadHandle openThread(std::uint32_t threadId)
 {
     return ThreadHandle{access(statPath(threadId).c_str(), R_OK) == 0 ? static_cast<std::intptr_t>(threadId) : 0};

@@ -41,6 +41,12 @@ ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriorit
     return error;
 }
 
+/// With its number, because several threads may have that name.
+void nameOwn(const std::string& name)
+{
+    Scheduler::instance().setOwnName(name + " (thread " + std::to_string(Scheduler::instance().ownNumber()) + ")");
+}
+
 void sleepMs(std::uint32_t durationMs)
 {
     const std::int64_t deadlineNs = Scheduler::instance().nowPlus(durationMs);
@@ -54,6 +60,7 @@ void sleepMs(std::uint32_t durationMs)
 platform::ThreadCalls platform::threadCalls = {
     .startThread = simulated::startThread,
     .currentThreadId = posix::currentThreadId,
+    .nameThread = simulated::nameOwn,
     .openThread = posix::openThread,
     .threadUserTime = posix::threadUserTime,
     .closeThread = posix::closeThread,

@@ -1,5 +1,6 @@
 #include "platform/Threads.h"
 
+#include "platform/Utf.h"
 #include "platform/windows/System.h"
 
 #include <memory>
@@ -43,6 +44,17 @@ ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriorit
 
 std::uint32_t currentThreadId() { return GetCurrentThreadId(); }
 
+void nameThread(const std::string& name)
+{
+    using SetDescription = HRESULT(WINAPI*)(HANDLE, PCWSTR);
+    static const auto setDescription = reinterpret_cast<SetDescription>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleW(L"kernelbase.dll"), "SetThreadDescription"))); // from Windows 10 on
+    if (setDescription != nullptr)
+    {
+        setDescription(GetCurrentThread(), reinterpret_cast<PCWSTR>(utf8ToUtf16(name).c_str()));
+    }
+}
+
 ThreadHandle openThread(std::uint32_t threadId)
 {
     return ThreadHandle{reinterpret_cast<std::intptr_t>(OpenThread(THREAD_QUERY_INFORMATION, FALSE, threadId))};
@@ -79,6 +91,7 @@ void sleepMs(std::uint32_t durationMs) { Sleep(durationMs); }
 platform::ThreadCalls platform::threadCalls = {
     .startThread = windows::startThread,
     .currentThreadId = windows::currentThreadId,
+    .nameThread = windows::nameThread,
     .openThread = windows::openThread,
     .threadUserTime = windows::threadUserTime,
     .closeThread = windows::closeThread,

@@ -43,6 +43,7 @@ void ThreadWrapper::threadCallback(void* wrapper)
     const std::uint32_t internalId = ++lastInternalId;
     const std::string typeName = self.getTypeName(); // the object may be gone when run has returned
     Logger::instance().setThreadName(typeName);
+    platform::nameThread(typeName.substr(typeName.find(' ') + 1));
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "Starting ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
     self.registerThread();
