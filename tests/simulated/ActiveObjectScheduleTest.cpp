@@ -50,7 +50,7 @@ TEST_F(ActiveObjectSchedules, EachActionIsExecutedOnceAndNoWorkerSleepsMeanwhile
         Counts counts;
         Disk object(2);
         const auto produce = [&] { object.enqueue(make(counts)); };
-        runWorkers({{"one", produce}, {"two", produce}});
+        runTogether({{"one", produce}, {"two", produce}});
         counts.destructions.wait(); // for ever, if a worker sleeps while there is work
         counts.destructions.wait();
         check(counts.executed == 2 && counts.destroyed == 2, "each is executed and destroyed once");
@@ -63,8 +63,9 @@ TEST_F(ActiveObjectSchedules, WhatCameBeforeTheDrainIsDestroyedOnceAndTheRestIsL
         Counts counts;
         std::vector<Counted*> actions{make(counts), make(counts)};
         Disk object(1);
-        runWorkers({{"producer", [&] { std::ranges::for_each(actions, [&](Counted* each) { object.enqueue(each); }); }},
-                    {"owner", [&] { object.terminateAllThreads(); }}});
+        runTogether(
+            {{"producer", [&] { std::ranges::for_each(actions, [&](Counted* each) { object.enqueue(each); }); }},
+             {"owner", [&] { object.terminateAllThreads(); }}});
         check(counts.executed <= counts.destroyed, "what is executed is destroyed");
         for (std::size_t left = static_cast<std::size_t>(counts.destroyed); left < actions.size(); ++left)
         {

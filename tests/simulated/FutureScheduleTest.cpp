@@ -37,10 +37,10 @@ TEST_F(FutureSchedules, ReachesEveryWaiterAndEachObserverOnce)
         Observer late;
         result.addObserver(&early);
         const auto get = [&] { check(result.get() == 7, "the result is got"); };
-        runWorkers({{"setter", [&] { result.set(7); }},
-                    {"adder", [&] { result.addObserver(&late); }},
-                    {"getter", get},
-                    {"other getter", get}});
+        runTogether({{"setter", [&] { result.set(7); }},
+                     {"adder", [&] { result.addObserver(&late); }},
+                     {"getter", get},
+                     {"other getter", get}});
         check(early.sum == 7 && late.sum == 7, "each observer is called once");
     });
 }
@@ -53,8 +53,8 @@ TEST_F(FutureSchedules, AnObserverMayReleaseTheLastCopyWhileItIsSetOrObserved)
         observer.copy.emplace();
         std::optional<Result> setters = observer.copy;
         std::optional<Result> adders = observer.copy;
-        runWorkers({{"setter", [&] { setters->set(7), setters.reset(); }},
-                    {"adder", [&] { adders->addObserver(&observer), adders.reset(); }}});
+        runTogether({{"setter", [&] { setters->set(7), setters.reset(); }},
+                     {"adder", [&] { adders->addObserver(&observer), adders.reset(); }}});
         check(observer.sum == 7, "the observer is called once");
         check(MemShield::systemHeapBytes() == before, "the state went with the last copy");
     });

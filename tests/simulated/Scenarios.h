@@ -1,8 +1,9 @@
 #pragma once
 
-#include "datapath/common/infra/SystemHeapBytes.h"
 #include "platform/simulated/Schedule.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 
@@ -10,21 +11,14 @@
 
 using namespace platform::simulated;
 
-/// The works of threads that use the guarded allocator.
-inline void runWorkers(std::vector<NamedWork> works)
-{
-    for (NamedWork& named : works)
-    {
-        named.work = [work = named.work] { work(), SystemHeapBytes::leaveShare(); };
-    }
-    runTogether(works);
-}
-
 /// Expects that no schedule goes wrong, of those with two preemptions at most, as far as these are the number given,
-/// and of as many at random.
-inline void exploreBothWays(const Scenario& content, std::uint64_t most = 2'000)
+/// and of as many at random. The environment variable TAVRO_SCHEDULES gives a greater number.
+inline void exploreBothWays(const Scenario& scenario, std::uint64_t most = 2'000)
 {
-    const Scenario scenario = [&] { content(), SystemHeapBytes::leaveShare(); };
+    if (const char* const wanted = std::getenv("TAVRO_SCHEDULES"); wanted != nullptr)
+    {
+        most = std::max<std::uint64_t>(most, std::strtoull(wanted, nullptr, 10));
+    }
     const Exploration inOrder = explore(scenario, {.maxSchedules = most, .warmUps = 20});
     ASSERT_EQ("", inOrder.failure);
     const Exploration atRandom = explore(scenario, {.maxSchedules = most, .seed = 1, .warmUps = 20});

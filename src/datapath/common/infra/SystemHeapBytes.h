@@ -6,8 +6,6 @@
 // reading sums the shares. What is read while others count may be a little more than there is at any single
 // moment, never less than nothing. Any thread may call.
 
-#include "platform/Atomic.h"
-
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -16,12 +14,13 @@
 namespace SystemHeapBytesInternal
 {
 
-/// Of one thread, on a cache line of its own. No thread acts upon what others count, so the counts synchronise nothing.
+/// Of one thread, on a cache line of its own. No thread acts upon what others count or own, so that nothing here is a
+/// place where the order of threads matters: these are no platform::Atomic.
 struct alignas(64) Share
 {
     std::atomic<std::uint64_t> taken = 0;
     std::atomic<std::uint64_t> returned = 0; // also of what other threads have taken
-    platform::Atomic<bool> isOwned = false;
+    std::atomic<bool> isOwned = false;
 };
 
 } // namespace SystemHeapBytesInternal
