@@ -7,6 +7,8 @@
 #include "platform/simulated/Strategies.h"
 
 #include <algorithm>
+#include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -62,10 +64,54 @@ private:
     const Entry m_endProcess;
 };
 
-/// Returns what went wrong; empty if nothing did.
-std::string runSchedule(const Scenario& scenario, Recording& strategy, std::uint64_t maxSteps)
+/// Tells the schedule when a signal is about to end the process.
+class ScopedCrashReport
+{
+public:
+    ScopedCrashReport(const Recording& strategy, std::uint64_t number)
+    {
+        s_strategy = &strategy;
+        s_number = number;
+        struct sigaction action = {};
+        action.sa_handler = report;
+        for (std::size_t index = 0; index < SIGNALS.size(); ++index)
+        {
+            sigaction(SIGNALS[index], &action, &s_previous[index]);
+        }
+    }
+    ScopedCrashReport(const ScopedCrashReport&) = delete;
+    ScopedCrashReport& operator=(const ScopedCrashReport&) = delete;
+    ~ScopedCrashReport() { putBack(); }
+
+private:
+    static constexpr std::array SIGNALS = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV};
+
+    /// On the thread that has the turn, so that the schedule's text does not change meanwhile.
+    static void report(int signal)
+    {
+        putBack(); // the fault comes again when this returns, and abort goes on to end the process
+        static_cast<void>(std::fprintf(stderr, "schedule %llu: signal %d ends the process\nto replay: \"%s\"\n",
+                                       static_cast<unsigned long long>(s_number), signal, s_strategy->text().c_str()));
+    }
+
+    static void putBack()
+    {
+        for (std::size_t index = 0; index < SIGNALS.size(); ++index)
+        {
+            sigaction(SIGNALS[index], &s_previous[index], nullptr);
+        }
+    }
+
+    static constinit inline const Recording* s_strategy = nullptr;
+    static constinit inline std::uint64_t s_number = 0;
+    static inline std::array<struct sigaction, SIGNALS.size()> s_previous{};
+};
+
+/// Returns what went wrong; empty if nothing did. The number is for a report.
+std::string runSchedule(const Scenario& scenario, Recording& strategy, std::uint64_t number, std::uint64_t maxSteps)
 {
     const ScopedEnd end;
+    const ScopedCrashReport crash(strategy, number);
     Scheduler::instance().beginSchedule(maxSteps);
     const ErrorNumber error = startThread(runScenario, const_cast<Scenario*>(&scenario));
     const std::string failure = Scheduler::instance().waitForEnd(strategy).value_or("");
@@ -86,28 +132,83 @@ void report(const Exploration& exploration)
     }
 }
 
-void exploreDepthFirst(const Scenario& scenario, const ExploreOptions& options, Exploration& exploration)
+/// A schedule by where it leaves the usual course.
+struct Course
 {
-    for (std::uint32_t bound = 0; bound <= options.preemptions; ++bound)
+    std::vector<Departing::Departure> departures{};
+    std::uint32_t preemptions = 0; // of these departures
+};
+
+/// The courses with one departure more than those that were run. Of more than there is room for it keeps a part in
+/// which each is as likely as another.
+class NextCourses
+{
+public:
+    explicit NextCourses(std::uint64_t most) : m_most(most) {}
+
+    /// All that depart later than the course, which was run with these choices.
+    void addFrom(const Course& course, const std::vector<Departing::Choice>& choices, std::uint32_t mostPreemptions)
     {
-        DepthFirst strategy(bound);
-        do
+        for (std::uint64_t choice = course.departures.empty() ? 0 : course.departures.back().choice + 1;
+             choice < choices.size(); ++choice)
         {
-            if (exploration.schedules == options.maxSchedules)
+            const auto [numOptions, firstCostly] = choices[choice];
+            const bool mayPreempt = course.preemptions < mostPreemptions;
+            for (std::size_t option = 1; option < (mayPreempt ? numOptions : firstCostly); ++option)
             {
-                return;
+                if (Course* const place = placeForOneMore(); place != nullptr)
+                {
+                    *place = course;
+                    place->departures.push_back({choice, option, numOptions});
+                    place->preemptions += option >= firstCostly ? 1 : 0;
+                }
             }
-            exploration.failure = runSchedule(scenario, strategy, options.maxSteps);
-            const bool isFailure = !exploration.failure.empty();
-            exploration.schedules += isFailure || strategy.usesAll() ? 1U : 0U; // the others were seen before
-            if (isFailure)
+        }
+    }
+
+    [[nodiscard]] bool areAll() const { return m_seen == m_courses.size(); }
+    [[nodiscard]] std::vector<Course> take() { return std::move(m_courses); }
+
+private:
+    /// Null: it is left out. Source: Vitter, "Random Sampling with a Reservoir", algorithm R.
+    Course* placeForOneMore()
+    {
+        ++m_seen;
+        if (m_courses.size() < m_most)
+        {
+            return &m_courses.emplace_back();
+        }
+        const std::uint64_t place = m_random() % m_seen;
+        return place < m_most ? &m_courses[place] : nullptr;
+    }
+
+    const std::uint64_t m_most;
+    std::uint64_t m_seen = 0;
+    std::vector<Course> m_courses;
+    std::mt19937_64 m_random; // the same each time
+};
+
+void exploreInOrder(const Scenario& scenario, const ExploreOptions& options, Exploration& exploration)
+{
+    exploration.isComplete = true;
+    for (std::vector<Course> courses(1); !courses.empty();)
+    {
+        NextCourses next(options.maxSchedules - std::min(options.maxSchedules, exploration.schedules + courses.size()));
+        for (const Course& course : courses)
+        {
+            Departing strategy(course.departures);
+            exploration.failure = runSchedule(scenario, strategy, ++exploration.schedules, options.maxSteps);
+            if (!exploration.failure.empty())
             {
                 exploration.schedule = strategy.text();
+                exploration.isComplete = false;
                 return;
             }
-        } while (strategy.next());
+            next.addFrom(course, strategy.choices(), options.preemptions);
+        }
+        exploration.isComplete = exploration.isComplete && next.areAll();
+        courses = next.take();
     }
-    exploration.isComplete = true;
 }
 
 void exploreAtRandom(const Scenario& scenario, const ExploreOptions& options, std::uint64_t seed, std::uint64_t most,
@@ -119,9 +220,8 @@ void exploreAtRandom(const Scenario& scenario, const ExploreOptions& options, st
     while (exploration.schedules != most && exploration.failure.empty())
     {
         AtRandom strategy(seeds(), usualSteps, options.priorityChanges);
-        exploration.failure = runSchedule(scenario, strategy, options.maxSteps);
+        exploration.failure = runSchedule(scenario, strategy, ++exploration.schedules, options.maxSteps);
         exploration.schedule = exploration.failure.empty() ? "" : strategy.text();
-        ++exploration.schedules;
         usualSteps = std::max<std::uint64_t>(Scheduler::instance().stepsOfSchedule(), 1);
     }
 }
@@ -144,7 +244,7 @@ Exploration explore(const Scenario& scenario, const ExploreOptions& options)
     if (exploration.failure.empty())
     {
         options.seed ? exploreAtRandom(scenario, options, *options.seed, options.maxSchedules, exploration)
-                     : exploreDepthFirst(scenario, options, exploration);
+                     : exploreInOrder(scenario, options, exploration);
     }
     report(exploration);
     return exploration;
@@ -162,7 +262,7 @@ Exploration replay(std::string_view schedule, const Scenario& scenario, const Ex
     {
         exploration.schedules = 1;
         exploration.schedule = schedule;
-        exploration.failure = runSchedule(scenario, strategy, options.maxSteps);
+        exploration.failure = runSchedule(scenario, strategy, exploration.schedules, options.maxSteps);
         strategy.expectAllUsed();
         exploration.failure = strategy.mismatch().empty() ? exploration.failure : strategy.mismatch();
     }

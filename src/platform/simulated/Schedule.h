@@ -13,7 +13,8 @@
 //   - nothing can free its threads: each waits without a limit, and no other thread has work or, in a thousand moves
 //     of time, has freed one (a deadlock: each thread is told with what it waits for);
 //   - it makes more switch points than its budget;
-//   - check fails, the scenario throws, or something ends the process.
+//   - check fails, the scenario throws, or something ends the process. What a signal ends cannot be gone on with: its
+//     schedule is told on standard error before.
 //
 // Threads that are there before the first schedule are services: they may run for ever, and the scenario has them as
 // they are when they rest. So make process-wide services first, and start everything else in the scenario: every
@@ -39,8 +40,11 @@ namespace platform::simulated
 
 struct ExploreOptions
 {
-    /// How often a thread that could go on is left for another, at most; schedules with fewer come first.
+    /// How often a thread that could go on is left for another, at most. Schedules that leave the usual course, in
+    /// which a thread goes on until it waits, at fewer places come first.
     std::uint32_t preemptions = 2;
+    /// Where there are more, those with the most departures are a part in which each is as likely as another. About 100
+    /// bytes are taken for each.
     std::uint64_t maxSchedules = 1'000'000;
     std::uint64_t maxSteps = 100'000; ///< switch points of one schedule
     /// At random instead, maxSchedules of them: each thread has a priority, and the highest that can run does. The same

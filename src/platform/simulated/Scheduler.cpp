@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <limits>
 #include <pthread.h>
+#include <sched.h>
 #include <utility>
 
 namespace platform
@@ -28,6 +30,19 @@ constexpr std::int64_t UTC_OF_SCHEDULES_NS = 1'767'225'600 * NS_PER_SECOND; // t
 constinit thread_local Scheduler::Thread* ownThread = nullptr;
 constinit thread_local bool hasEnded = false; // what the system may still run on it makes no switch points
 constexpr int ENDED_NUMBER = std::numeric_limits<int>::min();
+
+/// Keeps the calling thread, and those that it starts, where the first one ran that came here. Handing on the turn to a
+/// thread of another processor takes three times as long.
+void stayOnOneProcessor()
+{
+    static const cpu_set_t PROCESSOR = [] {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(static_cast<std::size_t>(std::max(sched_getcpu(), 0)), &set);
+        return set;
+    }();
+    sched_setaffinity(0, sizeof PROCESSOR, &PROCESSOR);
+}
 
 } // namespace
 
@@ -67,6 +82,7 @@ Scheduler::Thread& Scheduler::adopted(Lock& lock)
             m_running = thread;
         }
         lock.unlock();
+        stayOnOneProcessor();
         enter(thread);
         lock.lock();
         if (m_explorer != nullptr)
@@ -182,8 +198,10 @@ void Scheduler::pass(bool isResting)
     }
     if (++m_steps > m_maxSteps)
     {
+        const std::string waits = Scheduler::waits();
         lock.unlock();
-        fail("not over after " + std::to_string(m_maxSteps) + " switch points");
+        fail("not over after " + std::to_string(m_maxSteps) + " switch points" +
+             (waits.empty() ? "" : " while " + waits));
         return;
     }
     handOn(lock, self, isResting);
@@ -385,7 +403,19 @@ std::optional<std::string> Scheduler::waitForEnd(Strategy& strategy)
     Lock lock(m_lock);
     m_strategy = &strategy;
     m_explorer->waitsFor = this;
-    handOn(lock, *m_explorer, false);
+    giveTurnTo(chooseNext(*m_explorer, false));
+    std::uint64_t stepsBefore = m_steps;
+    while (!m_explorer->turn.wait_for(lock, std::chrono::seconds(10), [&] { return m_running == m_explorer; }))
+    {
+        if (std::exchange(stepsBefore, m_steps) == m_steps)
+        {
+            static_cast<void>(std::fprintf(stderr,
+                                           "%s has had the turn for 10 seconds: does it wait for a thread by other "
+                                           "means than the floor's, such as "
+                                           "std::thread::join?\nto replay: \"%s\"\n",
+                                           nameOf(m_running->number).c_str(), strategy.text().c_str()));
+        }
+    }
     m_strategy = nullptr;
     m_explorer = nullptr;
     return m_failure;
@@ -424,15 +454,17 @@ std::string Scheduler::describeWaits()
     return waits();
 }
 
+std::string Scheduler::nameOf(int number) const
+{
+    const auto thread = std::ranges::find_if(m_threads, [number](const Thread* other) {
+        return other->number == number && !other->isStopped; // those of a failed schedule had such numbers too
+    });
+    const bool isNamed = thread != m_threads.end() && !(*thread)->name.empty();
+    return isNamed ? (*thread)->name : "thread " + std::to_string(number);
+}
+
 std::string Scheduler::waits() const
 {
-    const auto nameOf = [this](int number) {
-        const auto thread = std::ranges::find_if(m_threads, [number](const Thread* other) {
-            return other->number == number && !other->isStopped; // those of a failed schedule had such numbers too
-        });
-        const bool isNamed = thread != m_threads.end() && !(*thread)->name.empty();
-        return isNamed ? (*thread)->name : "thread " + std::to_string(number);
-    };
     std::string text;
     for (const Thread* const thread : m_threads)
     {

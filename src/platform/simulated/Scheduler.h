@@ -9,6 +9,7 @@
 //     its values (ThreadValue), so that what these do is part of the order too.
 //   - The main thread, and any other that the floor has not started, is adopted at its first operation, where it waits
 //     for its turn.
+//   - All stay on the processor on which the first one began, because one runs at a time.
 //   - Whoever has the turn must not wait for another thread by other means than this floor's: std::thread::join,
 //     std::future or a std::mutex that is held at a switch point would keep the turn for ever. The first use of a
 //     static object of a function must not make a switch point either, because the compiler's lock for it is none of
@@ -48,6 +49,8 @@ public:
     /// Returns the place in options.threads of who goes on. Called by whichever thread has the turn; it uses nothing
     /// of the floor.
     virtual std::size_t choose(const Options& options) = 0;
+    /// The schedule until here, for reports.
+    [[nodiscard]] virtual const std::string& text() const = 0;
 };
 
 /// For reports.
@@ -89,7 +92,7 @@ public:
     /// The calling thread runs one schedule: it lets all others come to rest, then the first thread that it starts, and
     /// whatever threads come from that, are the schedule's. waitForEnd returns when all of them have ended and the
     /// others rest again, or at a failure, whose text it returns. The threads of a failed schedule stand still for
-    /// ever.
+    /// ever. A thread that keeps the turn for 10 s of real time is told on standard error.
     void beginSchedule(std::uint64_t maxSteps);
     [[nodiscard]] std::optional<std::string> waitForEnd(Strategy& strategy);
 
@@ -117,6 +120,7 @@ private:
     [[nodiscard]] std::vector<Thread*> thoseWhoCanRun(const Thread& self, bool isResting);
     void setTime(std::int64_t nowNs);
     [[nodiscard]] Thread* endSchedule(std::string failure);
+    [[nodiscard]] std::string nameOf(int number) const;
     [[nodiscard]] std::string waits() const;
     [[nodiscard]] bool isScheduleDone() const;
 

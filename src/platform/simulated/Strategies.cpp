@@ -20,44 +20,22 @@ std::size_t Recording::choose(const Options& options)
     return chosen;
 }
 
-void Recording::restart()
-{
-    m_numChoices = 0;
-    m_text.clear();
-}
-
 void Recording::setMismatch(std::string text) { m_mismatch = std::move(text); }
 
-bool DepthFirst::next()
+std::size_t Departing::pick(const Options& options)
 {
-    restart();
-    while (!m_path.empty())
+    m_choices.push_back({.numOptions = options.threads.size(), .firstCostly = options.firstCostly});
+    if (m_numDeparted == m_departures.size() || m_departures[m_numDeparted].choice != numChoices())
     {
-        Node& last = m_path.back();
-        m_cost -= last.cost();
-        ++last.chosen;
-        if (last.chosen < last.numOptions && m_cost + last.cost() <= m_bound)
-        {
-            m_cost += last.cost();
-            return true;
-        }
-        m_path.pop_back();
+        return 0;
     }
-    return false;
-}
-
-std::size_t DepthFirst::pick(const Options& options)
-{
-    if (numChoices() == m_path.size())
-    {
-        m_path.push_back({.numOptions = options.threads.size(), .firstCostly = options.firstCostly});
-    }
-    const Node& node = m_path[numChoices()];
-    if (node.numOptions != options.threads.size() || node.firstCostly != options.firstCostly)
+    const Departure& departure = m_departures[m_numDeparted++];
+    if (departure.ofOptions != options.threads.size())
     {
         setMismatch("the scenario is not the same in every schedule");
+        return 0;
     }
-    return std::min(node.chosen, options.threads.size() - 1);
+    return departure.option;
 }
 
 AtRandom::AtRandom(std::uint64_t seed, std::uint64_t usualSteps, std::uint32_t numChanges) : m_random(seed)

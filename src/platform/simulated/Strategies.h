@@ -1,6 +1,7 @@
 #pragma once
 
-// The ways to choose who goes on in a schedule: all in order, at random, or as a text says.
+// The ways to choose who goes on in a schedule: with given departures from the usual course, at random, or as a text
+// says.
 
 #include "platform/simulated/Scheduler.h"
 
@@ -21,14 +22,13 @@ public:
     std::size_t choose(const Options& options) final;
 
     /// "17:2 40:1": at choice 17, counted from 0, thread 2 goes on, ...
-    [[nodiscard]] const std::string& text() const { return m_text; }
+    [[nodiscard]] const std::string& text() const final { return m_text; }
     /// Why the schedule is not what it was to be; empty if it is.
     [[nodiscard]] const std::string& mismatch() const { return m_mismatch; }
 
 protected:
     virtual std::size_t pick(const Options& options) = 0;
 
-    void restart();
     void setMismatch(std::string text);
     [[nodiscard]] std::uint64_t numChoices() const { return m_numChoices; }
 
@@ -38,33 +38,33 @@ private:
     std::string m_mismatch;
 };
 
-/// All schedules within a bound on their costly choices, one after the other.
-class DepthFirst final : public Recording
+/// Leaves the usual course at given choices, and notes what there is to choose.
+class Departing final : public Recording
 {
 public:
-    explicit DepthFirst(std::uint32_t bound) : m_bound(bound) {}
-
-    /// Turns to the next one. False: there is none.
-    bool next();
-
-    /// Whether the schedule is none of a lower bound.
-    [[nodiscard]] bool usesAll() const { return m_cost == m_bound; }
-
-private:
-    struct Node
+    struct Departure
+    {
+        std::uint64_t choice;  ///< its number
+        std::size_t option;    ///< that is chosen, none of the first one
+        std::size_t ofOptions; ///< as many as there were in the schedule that the departure is from
+    };
+    struct Choice
     {
         std::size_t numOptions;
         std::size_t firstCostly;
-        std::size_t chosen = 0;
-
-        [[nodiscard]] std::uint32_t cost() const { return chosen >= firstCostly ? 1 : 0; }
     };
 
+    /// In the order of their choices; they outlive this.
+    explicit Departing(const std::vector<Departure>& departures) : m_departures(departures) {}
+
+    [[nodiscard]] const std::vector<Choice>& choices() const { return m_choices; }
+
+private:
     std::size_t pick(const Options& options) override;
 
-    const std::uint32_t m_bound;
-    std::uint32_t m_cost = 0; // of the path
-    std::vector<Node> m_path;
+    const std::vector<Departure>& m_departures;
+    std::size_t m_numDeparted = 0;
+    std::vector<Choice> m_choices;
 };
 
 /// Each thread has a priority, and the highest goes on. At numChanges steps, and where it rests, a thread's priority
