@@ -1,34 +1,23 @@
 // What exploring finds, and the library's smallest parts under every schedule.
 
-#include "platform/simulated/Schedule.h"
 #include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Trigger.h"
 #include "platform/Process.h"
 #include "platform/Threads.h"
+#include "tests/simulated/Scenarios.h"
 
+#include <csignal>
 #include <stdexcept>
-
-#include <gtest/gtest.h>
 
 namespace
 {
-
-using namespace platform::simulated;
 
 void expectFound(const std::string& failure, const Scenario& scenario, const ExploreOptions& options = {})
 {
     const Exploration found = explore(scenario, options);
     EXPECT_EQ(failure, found.failure);
     EXPECT_EQ(failure, replay(found.schedule, scenario, options).failure);
-}
-
-void expectNothingWrong(const Scenario& scenario, const ExploreOptions& options = {})
-{
-    const Exploration seen = explore(scenario, options);
-    EXPECT_EQ("", seen.failure) << seen.schedule;
-    EXPECT_EQ(!options.seed, seen.isComplete);
-    testing::Test::RecordProperty("schedules", std::to_string(seen.schedules));
 }
 
 void countWithoutLock()
@@ -81,6 +70,12 @@ TEST(Schedule, TheEndOfTheProcessAndAnExceptionAreFailures)
     expectFound("exception: thrown", [] { throw std::runtime_error("thrown"); });
 }
 
+TEST(Schedule, ASignalThatEndsTheProcessIsToldWithItsSchedule)
+{
+    const auto crash = [] { runTogether({{"one", [] {}}, {"other", std::abort}}); };
+    EXPECT_EXIT(explore(crash), testing::KilledBySignal(SIGABRT), "^schedule 1: signal 6 ends .*\nto replay: \"\"\n$");
+}
+
 TEST(Schedule, ServicesRunForEverAndBeginTheirWaitsAfresh)
 {
     static platform::Atomic<int> beats = 0;
@@ -91,7 +86,7 @@ TEST(Schedule, ServicesRunForEverAndBeginTheirWaitsAfresh)
         }
     };
     ASSERT_EQ(platform::ErrorNumber::Success, platform::startThread(beat, nullptr));
-    expectNothingWrong([] {
+    exploreBothWays([] {
         const int before = beats;
         platform::sleepMs(2'500);
         check(beats == before + 2, "two beats");
@@ -109,7 +104,7 @@ TEST(Schedule, RefusesATextThatDoesNotFit)
 
 TEST(Schedule, TimeMovesToWhatIsWaitedForNext)
 {
-    expectNothingWrong([] {
+    exploreBothWays([] {
         const std::int64_t start = now();
         constexpr std::int64_t MS = 1'000'000;
         Trigger never;
@@ -126,7 +121,7 @@ TEST(Schedule, TimeMovesToWhatIsWaitedForNext)
 
 TEST(Mutex, LetsOneThreadInAtATime)
 {
-    expectNothingWrong([] {
+    exploreBothWays([] {
         Mutex mutex;
         platform::Atomic<int> inside = 0;
         const auto visit = [&] {
@@ -140,7 +135,7 @@ TEST(Mutex, LetsOneThreadInAtATime)
 
 TEST(Semaphore, EachSignalLetsOneWaitPass)
 {
-    expectNothingWrong([] {
+    exploreBothWays([] {
         Semaphore semaphore(1);
         int passed = 0; // by waits without a limit
         runTogether({{"signal", [&] { semaphore.signal(); }},
@@ -152,7 +147,7 @@ TEST(Semaphore, EachSignalLetsOneWaitPass)
 
 TEST(Trigger, LetsEachOfTwoWaitsPassForASetOfItsOwn)
 {
-    expectNothingWrong([] {
+    exploreBothWays([] {
         Trigger ping;
         Trigger pong;
         int turns = 0; // handed over by the triggers
@@ -163,7 +158,7 @@ TEST(Trigger, LetsEachOfTwoWaitsPassForASetOfItsOwn)
 
 TEST(CreateOnce, ThreeThreadsGetOneObject)
 {
-    expectNothingWrong([] {
+    exploreBothWays([] {
         platform::Atomic<int*> published = nullptr;
         Mutex lock;
         platform::Atomic<int> numMade = 0;

@@ -1,0 +1,86 @@
+// Runs one's own code on the library in every order of its threads. Built by the CMake preset linux-simulated.
+//
+// A report is made once, by a thread of its own, when it is asked for the first time. Two threads ask at the same time.
+// The hasty version looks whether that has happened, and then notes that it has: in one order both make the report.
+
+#include "datapath/common/infra/ActiveObject.h"
+#include "datapath/common/infra/Future.h"
+#include "platform/simulated/Schedule.h"
+
+#include <cstdio>
+
+namespace
+{
+
+using namespace platform::simulated;
+
+const platform::Atomic<bool> isVerbose = false;
+
+class Report
+{
+public:
+    explicit Report(bool isHasty) : m_isHasty(isHasty) { m_printer.open(); }
+
+    /// Returns when it is made, and whether that went well. Any thread may call.
+    RcStatus get()
+    {
+        if (isFirst())
+        {
+            m_printer.enqueue(MemShield::create<Making>({"Making", SourcePlace::here()}, *this));
+        }
+        return m_result.get();
+    }
+
+private:
+    struct Making : ActiveObject::Action
+    {
+        explicit Making(Report& made) : report(made) {}
+        void execute() override
+        {
+            check(!report.m_isMade, "the report is made once");
+            report.m_isMade = true;
+            report.m_result.set(RC_OK);
+        }
+
+        Report& report;
+    };
+
+    bool isFirst()
+    {
+        if (m_isHasty)
+        {
+            return !m_isAsked && (m_isAsked = true);
+        }
+        return !m_isAsked.exchange(true);
+    }
+
+    const bool m_isHasty;
+    bool m_isMade = false; // for the printer's thread
+    platform::Atomic<bool> m_isAsked = false;
+    FutureInternal::Future<RcStatus> m_result;
+    ActiveObject m_printer{"Printer", &isVerbose}; // destroyed first: its thread uses the rest
+};
+
+Scenario askTwice(bool isHasty)
+{
+    return [isHasty] {
+        Report report(isHasty);
+        const auto ask = [&] { check(report.get() == RC_OK, "it was made"); };
+        runTogether({{"administrator", ask}, {"monitor", ask}});
+    };
+}
+
+} // namespace
+
+int main()
+{
+    askTwice(false)(); // starts the services of the process, which run for ever
+    // The library has places of its own for threads: after some schedules it has all that it needs.
+    const ExploreOptions options{.maxSchedules = 5'000, .warmUps = 20};
+    const Exploration hasty = explore(askTwice(true), options);
+    const bool isSame = replay(hasty.schedule, askTwice(true), options).failure == hasty.failure;
+    const Exploration careful = explore(askTwice(false), options);
+    std::printf("hasty: %s; %s\n", hasty.failure.c_str(), isSame ? "the same when repeated" : "not repeated");
+    std::printf("careful: %s\n", careful.failure.empty() ? "nothing goes wrong" : careful.failure.c_str());
+    return !hasty.failure.empty() && isSame && careful.failure.empty() ? 0 : 1;
+}
