@@ -73,7 +73,8 @@ TEST(Schedule, TheEndOfTheProcessAndAnExceptionAreFailures)
 TEST(Schedule, ASignalThatEndsTheProcessIsToldWithItsSchedule)
 {
     const auto crash = [] { runTogether({{"one", [] {}}, {"other", std::abort}}); };
-    EXPECT_EXIT(explore(crash), testing::KilledBySignal(SIGABRT), "^schedule 1: signal 6 ends .*\nto replay: \"\"\n$");
+    EXPECT_EXIT(explore(crash), testing::KilledBySignal(SIGABRT),
+                "^schedule 1 in order: signal 6 ends .*\nto replay: \"\"\n$");
 }
 
 TEST(Schedule, ServicesRunForEverAndBeginTheirWaitsAfresh)

@@ -64,14 +64,21 @@ private:
     const Entry m_endProcess;
 };
 
+void tell(const Exploration& exploration, const std::string& failure, const std::string& schedule)
+{
+    static_cast<void>(std::fprintf(stderr, "schedule %llu %s: %s\nto replay: \"%s\"\n",
+                                   static_cast<unsigned long long>(exploration.schedules), exploration.way.c_str(),
+                                   failure.c_str(), schedule.c_str()));
+}
+
 /// Tells the schedule when a signal is about to end the process.
 class ScopedCrashReport
 {
 public:
-    ScopedCrashReport(const Recording& strategy, std::uint64_t number)
+    ScopedCrashReport(const Recording& strategy, const Exploration& exploration)
     {
         s_strategy = &strategy;
-        s_number = number;
+        s_exploration = &exploration;
         struct sigaction action = {};
         action.sa_handler = report;
         for (std::size_t index = 0; index < SIGNALS.size(); ++index)
@@ -90,8 +97,7 @@ private:
     static void report(int signal)
     {
         putBack(); // the fault comes again when this returns, and abort goes on to end the process
-        static_cast<void>(std::fprintf(stderr, "schedule %llu: signal %d ends the process\nto replay: \"%s\"\n",
-                                       static_cast<unsigned long long>(s_number), signal, s_strategy->text().c_str()));
+        tell(*s_exploration, "signal " + std::to_string(signal) + " ends the process", s_strategy->text());
     }
 
     static void putBack()
@@ -103,15 +109,16 @@ private:
     }
 
     static constinit inline const Recording* s_strategy = nullptr;
-    static constinit inline std::uint64_t s_number = 0;
+    static constinit inline const Exploration* s_exploration = nullptr;
     static inline std::array<struct sigaction, SIGNALS.size()> s_previous{};
 };
 
-/// Returns what went wrong; empty if nothing did. The number is for a report.
-std::string runSchedule(const Scenario& scenario, Recording& strategy, std::uint64_t number, std::uint64_t maxSteps)
+/// Returns what went wrong; empty if nothing did. The schedule counts among those of the exploration already.
+std::string runSchedule(const Scenario& scenario, Recording& strategy, const Exploration& exploration,
+                        std::uint64_t maxSteps)
 {
     const ScopedEnd end;
-    const ScopedCrashReport crash(strategy, number);
+    const ScopedCrashReport crash(strategy, exploration);
     Scheduler::instance().beginSchedule(maxSteps);
     const ErrorNumber error = startThread(runScenario, const_cast<Scenario*>(&scenario));
     const std::string failure = Scheduler::instance().waitForEnd(strategy).value_or("");
@@ -122,14 +129,14 @@ std::string runSchedule(const Scenario& scenario, Recording& strategy, std::uint
     return strategy.mismatch().empty() ? failure : strategy.mismatch();
 }
 
-void report(const Exploration& exploration)
+/// The last step of each exploration.
+Exploration reported(Exploration exploration)
 {
     if (!exploration.failure.empty())
     {
-        static_cast<void>(std::fprintf(stderr, "schedule %llu: %s\nto replay: \"%s\"\n",
-                                       static_cast<unsigned long long>(exploration.schedules),
-                                       exploration.failure.c_str(), exploration.schedule.c_str()));
+        tell(exploration, exploration.failure, exploration.schedule);
     }
+    return exploration;
 }
 
 /// A schedule by where it leaves the usual course.
@@ -197,7 +204,8 @@ void exploreInOrder(const Scenario& scenario, const ExploreOptions& options, Exp
         for (const Course& course : courses)
         {
             Departing strategy(course.departures);
-            exploration.failure = runSchedule(scenario, strategy, ++exploration.schedules, options.maxSteps);
+            ++exploration.schedules;
+            exploration.failure = runSchedule(scenario, strategy, exploration, options.maxSteps);
             if (!exploration.failure.empty())
             {
                 exploration.schedule = strategy.text();
@@ -220,19 +228,18 @@ void exploreAtRandom(const Scenario& scenario, const ExploreOptions& options, st
     while (exploration.schedules != most && exploration.failure.empty())
     {
         AtRandom strategy(seeds(), usualSteps, options.priorityChanges);
-        exploration.failure = runSchedule(scenario, strategy, ++exploration.schedules, options.maxSteps);
+        ++exploration.schedules;
+        exploration.failure = runSchedule(scenario, strategy, exploration, options.maxSteps);
         exploration.schedule = exploration.failure.empty() ? "" : strategy.text();
         usualSteps = std::max<std::uint64_t>(Scheduler::instance().stepsOfSchedule(), 1);
     }
 }
 
-/// Counts only the schedules until a failure.
 Exploration warmUp(const Scenario& scenario, const ExploreOptions& options)
 {
     constexpr std::uint64_t SEED = 0;
-    Exploration exploration;
+    Exploration exploration{.way = "of the warm-up"};
     exploreAtRandom(scenario, options, SEED, options.warmUps, exploration);
-    exploration.schedules = exploration.failure.empty() ? 0 : exploration.schedules;
     return exploration;
 }
 
@@ -240,34 +247,45 @@ Exploration warmUp(const Scenario& scenario, const ExploreOptions& options)
 
 Exploration explore(const Scenario& scenario, const ExploreOptions& options)
 {
-    Exploration exploration = warmUp(scenario, options);
-    if (exploration.failure.empty())
+    if (Exploration warm = warmUp(scenario, options); !warm.failure.empty())
     {
-        options.seed ? exploreAtRandom(scenario, options, *options.seed, options.maxSchedules, exploration)
-                     : exploreInOrder(scenario, options, exploration);
+        return reported(std::move(warm));
     }
-    report(exploration);
-    return exploration;
+    Exploration exploration;
+    if (options.seed)
+    {
+        exploration.way = "at random from seed " + std::to_string(*options.seed);
+        exploreAtRandom(scenario, options, *options.seed, options.maxSchedules, exploration);
+    }
+    else
+    {
+        exploration.way = "in order";
+        exploreInOrder(scenario, options, exploration);
+    }
+    return reported(std::move(exploration));
 }
 
 Exploration replay(std::string_view schedule, const Scenario& scenario, const ExploreOptions& options)
 {
     Repeating strategy(schedule);
-    Exploration exploration{.failure = strategy.mismatch(), .schedule = std::string(schedule)};
-    if (exploration.failure.empty())
+    if (strategy.mismatch().empty())
     {
-        exploration = warmUp(scenario, options);
+        if (Exploration warm = warmUp(scenario, options); !warm.failure.empty())
+        {
+            return reported(std::move(warm));
+        }
     }
-    if (exploration.failure.empty())
+    Exploration exploration{.schedules = 1, .way = "of a replay", .schedule = std::string(schedule)};
+    if (strategy.mismatch().empty())
     {
-        exploration.schedules = 1;
-        exploration.schedule = schedule;
-        exploration.failure = runSchedule(scenario, strategy, exploration.schedules, options.maxSteps);
+        exploration.failure = runSchedule(scenario, strategy, exploration, options.maxSteps);
         strategy.expectAllUsed();
-        exploration.failure = strategy.mismatch().empty() ? exploration.failure : strategy.mismatch();
     }
-    report(exploration);
-    return exploration;
+    if (!strategy.mismatch().empty())
+    {
+        exploration.failure = strategy.mismatch();
+    }
+    return reported(std::move(exploration));
 }
 
 void check(bool isSo, const std::string& what)

@@ -60,6 +60,7 @@ struct ExploreOptions
 struct Exploration
 {
     std::uint64_t schedules = 0; ///< that were seen, no two the same unless they were made at random
+    std::string way{};           ///< how: "in order", "at random from seed 7", "of the warm-up", "of a replay"
     bool isComplete = false;     ///< these were all within the bound
     std::string failure{};       ///< what went wrong; empty if nothing did
     std::string schedule{};      ///< of the failure: "17:2 40:1", at the 17th choice thread 2 went on, ...
