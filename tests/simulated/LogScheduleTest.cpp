@@ -1,6 +1,7 @@
 // The file logger and the hub of the log under many schedules.
 
 #include "datapath/common/infra/FileLoggerClient.h"
+#include "datapath/common/infra/Tweaks.h"
 #include "tests/simulated/Scenarios.h"
 #include "tests/support/Support.h"
 
@@ -59,7 +60,6 @@ struct SmallLogger final : GenFileLogger
         write(text.data(), static_cast<std::uint32_t>(text.size()));
     }
     bool flush() { return flushAndWait(); }
-    void setFlushLimit(std::uint32_t limitMs) { m_flushMaxPeriodMs = limitMs; }
 
 private:
     void run() override { nameThread("writer"), GenFileLogger::run(); }
@@ -206,23 +206,50 @@ TEST_F(LogSchedules, RotatedFilesHoldEachLineOnceAndInItsOrder)
     }
 }
 
-TEST_F(LogSchedules, AFlushThatGivesUpLeavesItsSignalToOneLaterFlush)
+TEST_F(LogSchedules, AFlushThatGivesUpSaysSoAndLeavesItsSignalToOneLaterFlush)
 {
+    Tweaks::instance().update("t_OlmFlushFileMaxPeriodMs", "50");
     exploreBothWays([&] {
-        constexpr std::uint32_t LIMIT_MS = 50;
+        const std::string report = "Flush is not completed t_OlmFlushFileMaxPeriodMs=50 \n";
+        std::ostringstream standardError;
+        std::streambuf* const before = std::cerr.rdbuf(standardError.rdbuf());
         folder.removeFiles();
-        SmallLogger logger(base);
-        logger.setFlushLimit(LIMIT_MS);
-        bool isDone = false;
-        diskMs = LIMIT_MS;
-        runWorkers({{"flusher", [&] { logger.line('a', 0), isDone = logger.flush(); }},
-                    {"producer", [&] { logger.line('b', 0); }}});
-        check(!isDone || linesOf('a') == "0", "what came before a flush is in the file");
+        diskMs = 0;
+        FileLoggerClient client(base, 3, "");
+        const auto flushTells = [&] { return standardError.str(""), client.flush(), standardError.str(); };
+        check(flushTells().empty(), "a flush that ends in time tells nothing");
+        diskMs = 50;
+        std::string told;
+        runWorkers(
+            {{"flusher", [&] { client.log("a0\n"), told = flushTells(); }}, {"producer", [&] { client.log("b0\n"); }}});
+        check(told == report || (told.empty() && linesOf('a') == "0"), "a flush ends with its lines or gives up");
         platform::sleepMs(1'000);
         diskMs = 1'000;
-        logger.line('b', 1);
-        check(isDone || logger.flush(), "the signal of the flush that gave up is left");
-        check(!logger.flush(), "no other signal is left");
+        client.log("b1\n");
+        check(told.empty() || flushTells().empty(), "the signal of the flush that gave up is left");
+        check(flushTells() == report, "no other signal is left");
+        std::cerr.rdbuf(before);
+    });
+}
+
+TEST(TrackerSchedules, CountsEachByteAndTellsAPauseOnce)
+{
+    exploreBothWays([] {
+        const DynamicTweak<bool> never;
+        HeapMemoryAllocationTracker tracker(10, 5, never, "budget");
+        int refused = 0;
+        int told = 0;
+        const auto take = [&] {
+            bool justPaused = false;
+            tracker.reserve(6, justPaused) ? tracker.free(6) : void(++refused);
+            told += justPaused ? 1 : 0;
+        };
+        runTogether({{"one", take}, {"two", take}, {"three", [&] {
+                                                        tracker.reserveIgnoringLimit(1), take(), tracker.free(1);
+                                                    }}});
+        check(told == (refused != 0 ? 1 : 0), "the one that begins the pause is told");
+        bool isUnused = false;
+        check(tracker.reserve(10, isUnused), "nothing is counted any more");
     });
 }
 

@@ -44,23 +44,4 @@ TEST_F(HeapMemoryAllocationTrackerTest, PausesAtTheBudgetUntilUsageIsDown)
               client.last());
 }
 
-TEST_F(HeapMemoryAllocationTrackerTest, ThreadsReturnEachOthersBuffers)
-{
-    waitForOwnThreads();
-    HeapMemoryAllocationTracker tracker(40'000, 20'000, NOT_DISABLED, "log");
-    const std::uint64_t before = MemShield::systemHeapBytes();
-    exchangeInThreads(
-        4, 20'000,
-        [&](std::uint32_t random) {
-            bool justPaused = false;
-            return random % 10 == 0 ? tracker.allocateIgnoringLimit(50) : tracker.allocate(50, justPaused);
-        },
-        [&](const char* old) { tracker.free(old, 50); });
-    EXPECT_EQ(before, MemShield::systemHeapBytes());
-    bool justPaused = false;
-    char* const all = tracker.allocate(40'000, justPaused); // nothing is counted any more
-    ASSERT_TRUE(all != nullptr);
-    tracker.free(all, 40'000);
-}
-
 } // namespace
