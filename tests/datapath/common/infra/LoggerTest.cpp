@@ -3,6 +3,7 @@
 #include "tests/support/Support.h"
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -90,19 +91,24 @@ TEST(Logger, TheThreadColumnShowsAnAsynchronousName)
 TEST(Logger, LinesOfManyThreadsArriveWholeAndInTheirThreadsOrderWhileClientsComeAndGo)
 {
     constexpr int THREADS = 8;
-    constexpr int LINES = 500;
+    constexpr int LINES = 2'000;
     // The first use of the Logger is a race of its own; the client comes when it has been won.
     runInThreads(THREADS, [](int) { Logger::instance().setThreadName("racer"); });
     const CapturingClient client;
-    runInThreads(THREADS + 1, [](int thread) {
+    std::atomic<int> logging = THREADS;
+    runInThreads(THREADS + 1, [&](int thread) {
         if (thread == THREADS)
         {
-            repeat(300, [] { const CapturingClient guest; });
+            while (logging != 0)
+            {
+                const CapturingClient guest;
+            }
             return;
         }
         Logger::instance().setAsyncThreadName("racer");
         repeat(LINES, [&, line = 0]() mutable { logNumbered(LogLevel::Error, thread, line++); });
         Logger::instance().setAsyncThreadName("");
+        --logging;
     });
     OrderOfThreads order{"Error,NON,,logNumbered,"};
     std::ranges::for_each(client.messages(), std::ref(order));
