@@ -8,6 +8,7 @@
 #include "tests/simulated/Scenarios.h"
 
 #include <csignal>
+#include <memory>
 #include <stdexcept>
 
 namespace
@@ -48,6 +49,16 @@ TEST(Schedule, FindsLocksThatAreTakenInTwoOrders)
                     };
                     runTogether({{"up", [&] { lockBoth(first, second); }}, {"down", [&] { lockBoth(second, first); }}});
                 });
+}
+
+TEST(Schedule, FindsWhatIsDestroyedBeforeItsLastUse)
+{
+    expectFound("a semaphore is destroyed that a thread has or waits for", [] {
+        Semaphore done(0);
+        auto started = std::make_unique<Semaphore>(0);
+        runTogether({{"waiter", [&] { started->wait(), done.signal(); }},
+                     {"owner", [&] { started->signal(), started.reset(), done.wait(); }}});
+    });
 }
 
 TEST(Schedule, ALoopThatWaitsForNothingUsesUpItsSteps)

@@ -3,6 +3,7 @@
 #include "platform/simulated/Scheduler.h"
 
 #include <algorithm>
+#include <string>
 
 namespace platform
 {
@@ -10,13 +11,30 @@ namespace platform
 using simulated::Scheduler;
 using simulated::switchPoint;
 
+namespace
+{
+
+void expectUnused(bool isUsed, const char* what)
+{
+    if (isUsed)
+    {
+        Scheduler::instance().fail(std::string(what) + " is destroyed that a thread has or waits for");
+    }
+}
+
+} // namespace
+
+NativeMutex::~NativeMutex() { expectUnused(m_owner != 0 || m_waiters != 0, "a mutex"); }
+
 void NativeMutex::lock() noexcept
 {
     switchPoint();
+    ++m_waiters;
     while (m_owner != 0)
     {
         static_cast<void>(Scheduler::instance().waitAt(this, {"a mutex", m_owner}, nullptr));
     }
+    --m_waiters;
     m_owner = Scheduler::instance().ownNumber();
 }
 
@@ -38,6 +56,8 @@ void NativeMutex::unlock() noexcept
     Scheduler::instance().wakeAt(this);
 }
 
+NativeSemaphore::~NativeSemaphore() { expectUnused(m_waiters != 0, "a semaphore"); }
+
 void NativeSemaphore::post() noexcept
 {
     switchPoint();
@@ -48,10 +68,12 @@ void NativeSemaphore::post() noexcept
 void NativeSemaphore::wait() noexcept
 {
     switchPoint();
+    ++m_waiters;
     while (m_count == 0)
     {
         static_cast<void>(Scheduler::instance().waitAt(this, {"a semaphore"}, nullptr));
     }
+    --m_waiters;
     --m_count;
 }
 
@@ -59,14 +81,18 @@ bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
 {
     switchPoint();
     const std::int64_t deadlineNs = Scheduler::instance().nowPlus(durationMs);
+    ++m_waiters;
     for (bool isLate = durationMs == 0; m_count == 0 && !isLate;)
     {
         isLate = !Scheduler::instance().waitAt(this, {"a semaphore"}, &deadlineNs);
     }
+    --m_waiters;
     const bool isTaken = m_count != 0;
     m_count -= isTaken ? 1 : 0;
     return isTaken;
 }
+
+NativeEvent::~NativeEvent() { expectUnused(m_waiters != 0, "an event"); }
 
 void NativeEvent::set() noexcept
 {

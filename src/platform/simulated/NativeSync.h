@@ -6,14 +6,15 @@ namespace platform
 {
 
 /// All three: a switch point before each operation, and whoever waits leaves the turn to others. What they hold is
-/// read and written by the thread whose turn it is.
+/// read and written by the thread whose turn it is. A schedule goes wrong when one is destroyed that a thread has or
+/// waits for.
 class NativeMutex
 {
 public:
     NativeMutex() = default;
     NativeMutex(const NativeMutex&) = delete;
     NativeMutex& operator=(const NativeMutex&) = delete;
-    ~NativeMutex() = default;
+    ~NativeMutex();
 
     void lock() noexcept;
     [[nodiscard]] bool tryLock() noexcept;
@@ -21,6 +22,7 @@ public:
 
 private:
     int m_owner = 0; // the scheduler's number of the thread that has it
+    std::uint32_t m_waiters = 0;
 };
 
 class NativeSemaphore
@@ -29,7 +31,7 @@ public:
     explicit NativeSemaphore(std::uint32_t count) noexcept : m_count(count) {}
     NativeSemaphore(const NativeSemaphore&) = delete;
     NativeSemaphore& operator=(const NativeSemaphore&) = delete;
-    ~NativeSemaphore() = default;
+    ~NativeSemaphore();
 
     void post() noexcept;
     void wait() noexcept;
@@ -39,6 +41,7 @@ public:
 
 private:
     std::uint32_t m_count;
+    std::uint32_t m_waiters = 0;
 };
 
 class NativeEvent
@@ -47,7 +50,7 @@ public:
     NativeEvent() = default;
     NativeEvent(const NativeEvent&) = delete;
     NativeEvent& operator=(const NativeEvent&) = delete;
-    ~NativeEvent() = default;
+    ~NativeEvent();
 
     void set() noexcept;
     void wait() noexcept;
