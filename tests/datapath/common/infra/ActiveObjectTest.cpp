@@ -80,15 +80,25 @@ TEST_F(ActiveObjectTest, IsNamedInTheLog)
                  "Assert,NON,ActiveObject,ActiveObject, datapath/common/infra/ActiveObject.cpp #: name != 0 failed. ");
 }
 
+/// Notes how its workers start.
+struct NotingObject : ActiveObject
+{
+    using ActiveObject::ActiveObject;
+    ~NotingObject() override { terminateAllThreads(); }
+    void onThreadStart(std::uint32_t threadIndex) override { started += threadIndex; }
+    std::atomic<std::uint32_t> started = 0;
+};
+
 TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
 {
-    ActiveObject object("Disk", &forceVerbose);
+    Tweaks::instance().update("t_defaultDlcTimeoutSec", "800");
+    NotingObject object("Disk", &forceVerbose);
     EXPECT_EQ(1U, object.getIdleEstimate());
     open(object, 2);
     waitUntil([&] { return object.getIdleEstimate() == 3; });
     std::array<Work*, 2> both{};
     std::atomic<std::uint32_t> timeouts = 0;
-    for (const std::uint32_t timeoutSec : {7U, 0U})
+    for (const std::uint32_t timeoutSec : {7U, NO_TIMEOUT})
     {
         const auto work = [&](Work& self) {
             both.at(self.threadIndex() - 1) = &self;
@@ -100,55 +110,25 @@ TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
         enqueue(object, work, timeoutSec);
     }
     repeat(2, [&] { started.wait(); }); // both at the same time
-    std::vector<int> order;
-    repeat(5, [&, i = 0]() mutable { enqueue(object, [&order, own = i++](Work&) { order.push_back(own); }); });
+    EXPECT_EQ(1U + 2, object.started);
+    std::vector<std::pair<int, std::uint32_t>> order; // and timeouts
+    repeat(5, [&, i = 0]() mutable {
+        enqueue(object, [&, own = i++](Work& self) { order.emplace_back(own, self.keepalive().timeoutSec()); });
+    });
     EXPECT_EQ(0U, object.getIdleEstimate());
     ASSERT_TRUE(both[0] != nullptr && both[1] != nullptr);
     DlcKeepalive& keepalive = both[1]->keepalive();
     EXPECT_NE(&both[0]->keepalive(), &keepalive);
-    EXPECT_EQ(907U, timeouts); // its own, and the default
+    EXPECT_EQ(807U, timeouts); // its own, and the default
     enqueue(object, waiting);  // holds the first worker when it has executed the others
     enqueue(object, waiting);
     repeat(2, [&] { mayEnd.signal(), started.wait(); });
-    EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4}), order);
+    EXPECT_EQ((std::vector<std::pair<int, std::uint32_t>>{{0, 800}, {1, 800}, {2, 800}, {3, 800}, {4, 800}}), order);
     repeat(2, [&] { mayEnd.signal(); });
     waitUntil([&] { return !keepalive.isArmed(); });
     EXPECT_EQ(2, client.count("Info,NON,ThreadWrapper,threadCallback,Starting ThreadWrapper of type Disk ~"));
     object.terminateAllThreads();
     EXPECT_EQ(0, living);
-}
-
-/// Notes how its workers start.
-struct NotingObject : ActiveObject
-{
-    using ActiveObject::ActiveObject;
-    ~NotingObject() override { terminateAllThreads(); }
-    void onThreadStart(std::uint32_t threadIndex) override { started += threadIndex; }
-    std::atomic<std::uint32_t> started = 0;
-};
-
-TEST_F(ActiveObjectTest, IdleWorkersExecuteWhatComesWhileOthersAreBusy)
-{
-    Tweaks::instance().update("t_defaultDlcTimeoutSec", "800");
-    NotingObject object("Noting", &forceVerbose);
-    open(object, 4);
-    for (int busy = 0; busy < 4; ++busy)
-    {
-        for (int i = 0; i < 300; ++i)
-        {
-            const auto work = [&](Work& self) {
-                EXPECT_EQ(i % 3 == 0 ? 7U : 800U, self.keepalive().timeoutSec());
-                started.signal();
-            };
-            enqueue(object, work, std::array<std::uint32_t, 3>{7, NO_TIMEOUT, 0}.at(static_cast<std::size_t>(i % 3)));
-            ASSERT_TRUE(started.waitFor(30'000));
-            platform::sleepMs(i % 50 == 0 ? 1 : 0);
-        }
-        enqueue(object, waiting);
-        started.wait();
-    }
-    EXPECT_EQ(1U + 2 + 3 + 4, object.started);
-    repeat(4, [&] { mayEnd.signal(); });
 }
 
 TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
@@ -185,42 +165,6 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     MemShield::destroy(late[1], SourcePlace::here());
     object.reset();
     EXPECT_EQ(0, client.count("Assert,~"));
-}
-
-TEST_F(ActiveObjectTest, ShutdownWaitsForWorkersThatHaveNotStartedYet)
-{
-    Semaphore mayRegister(0);
-    const HookedClient hook("Starting ThreadWrapper of type Slow ", [&](const std::string&) { mayRegister.wait(); });
-    auto object = std::make_unique<ActiveObject>("Slow", &forceVerbose);
-    object->open();
-    object->open();
-    std::atomic<bool> isExecuted = false;
-    std::atomic<bool> isGone = false;
-    enqueue(*object, [&](Work&) { isExecuted = true; });
-    std::thread destroying([&] { platform::sleepMs(5), object.reset(), isGone = true; });
-    platform::sleepMs(20);
-    mayRegister.signal();
-    platform::sleepMs(20);
-    EXPECT_FALSE(isGone);
-    mayRegister.signal();
-    destroying.join();
-    EXPECT_TRUE(isExecuted); // by the worker that was there when the shutdown had not begun
-}
-
-TEST_F(ActiveObjectTest, AWorkerThatHasWaitedForLongStillTakesActions)
-{
-    forceVerbose = true;
-    ActiveObject object("Disk", &forceVerbose);
-    open(object, 2);
-    platform::sleepMs(5'500); // a worker looks around every 5 seconds
-    mayEnd.signal();
-    enqueue(object, waiting);
-    started.wait();
-    enqueue(object, waiting);
-    enqueue(object, waiting);
-    repeat(2, [&] { started.wait(); });
-    repeat(2, [&] { mayEnd.signal(); });
-    EXPECT_EQ(0, client.count("~wait timed out~"));
 }
 
 std::atomic<std::int64_t> nowUs = 0;

@@ -256,17 +256,4 @@ TEST(Timer, UtcTextsAreScanned)
     EXPECT_EQ(123, record.yearsSince1900);
 }
 
-TEST(Timer, ManyThreadsNeverSeeItGoBack)
-{
-    runInThreads(8, [](int) {
-        std::int64_t last = ticks();
-        for (int i = 0; i < 20'000; ++i)
-        {
-            const std::int64_t next = ticks();
-            ASSERT_LE(last, next);
-            last = next;
-        }
-    });
-}
-
 } // namespace
