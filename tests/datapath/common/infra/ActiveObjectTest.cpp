@@ -112,8 +112,10 @@ TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
     repeat(2, [&] { started.wait(); }); // both at the same time
     EXPECT_EQ(1U + 2, object.started);
     std::vector<std::pair<int, std::uint32_t>> order; // and timeouts
-    repeat(5, [&, i = 0]() mutable {
-        enqueue(object, [&, own = i++](Work& self) { order.emplace_back(own, self.keepalive().timeoutSec()); });
+    std::vector<std::pair<int, std::uint32_t>> expected;
+    repeat(150, [&] { // more than a worker queues at a time
+        const int own = expected.emplace_back(std::ssize(expected), 800).first;
+        enqueue(object, [&, own](Work& self) { order.emplace_back(own, self.keepalive().timeoutSec()); });
     });
     EXPECT_EQ(0U, object.getIdleEstimate());
     ASSERT_TRUE(both[0] != nullptr && both[1] != nullptr);
@@ -123,7 +125,7 @@ TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
     enqueue(object, waiting);  // holds the first worker when it has executed the others
     enqueue(object, waiting);
     repeat(2, [&] { mayEnd.signal(), started.wait(); });
-    EXPECT_EQ((std::vector<std::pair<int, std::uint32_t>>{{0, 800}, {1, 800}, {2, 800}, {3, 800}, {4, 800}}), order);
+    EXPECT_EQ(expected, order);
     repeat(2, [&] { mayEnd.signal(); });
     waitUntil([&] { return !keepalive.isArmed(); });
     EXPECT_EQ(2, client.count("Info,NON,ThreadWrapper,threadCallback,Starting ThreadWrapper of type Disk ~"));
