@@ -67,7 +67,7 @@ void keepBusy(ActiveObject& object)
     Pair pair;
     object.enqueue(make<Counted>(pair));
     runTogether({{"one", [&] { object.enqueue(make<Partner>(pair, 0U)); }},
-                {"two", [&] { object.enqueue(make<Partner>(pair, 1U)); }}});
+                 {"two", [&] { object.enqueue(make<Partner>(pair, 1U)); }}});
     repeat(3, [&] { pair.destructions.wait(); });
     check(pair.executed == 3 && pair.destroyed == 3, "each is executed and destroyed once");
 }
@@ -225,7 +225,7 @@ TEST_F(ActiveObjectSchedules, AMonitorComesAndGoesWhileActionsArrive)
     exploreBothWays([&] {
         Counts counts;
         runTogether({{"watcher", [&] { object.attachRateMonitor(makeMonitor()); }},
-                    {"producer", [&] { repeat(2, [&] { object.enqueue(make<Counted>(counts)); }); }}});
+                     {"producer", [&] { repeat(2, [&] { object.enqueue(make<Counted>(counts)); }); }}});
         repeat(2, [&] { counts.destructions.wait(); });
         object.attachRateMonitor(nullptr);
         check(counts.executed == 2, "each is executed once");
@@ -245,23 +245,23 @@ TEST_F(ActiveObjectSchedules, TheCountOfWhatIsQueuedWasTrueDuringTheCall)
             lowest = std::min(lowest, count), highest = std::max(highest, count);
         };
         runTogether({{"owner",
-                     [&] {
-                         int item = 0;
-                         std::uint32_t priority = 0;
-                         repeat(2, [&] { ++numArrived, change(1); });
-                         queue.enqueue(1, 0), queue.enqueue(2, 1);
-                         check(queue.dequeue(item, priority) && item == 2 && priority == 1, "the highest comes first");
-                         change(-1);
-                         ++numArrived, change(1);
-                         queue.enqueue(3, 0);
-                         check(queue.dequeue(item, priority) && item == 1, "then the oldest");
-                         change(-1);
-                     }},
-                    {"reader", [&] {
-                         lowest = highest = count;
-                         const std::uint64_t seen = queue.itemCount();
-                         check(lowest <= seen && seen <= highest, "it was so");
-                     }}});
+                      [&] {
+                          int item = 0;
+                          std::uint32_t priority = 0;
+                          repeat(2, [&] { ++numArrived, change(1); });
+                          queue.enqueue(1, 0), queue.enqueue(2, 1);
+                          check(queue.dequeue(item, priority) && item == 2 && priority == 1, "the highest comes first");
+                          change(-1);
+                          ++numArrived, change(1);
+                          queue.enqueue(3, 0);
+                          check(queue.dequeue(item, priority) && item == 1, "then the oldest");
+                          change(-1);
+                      }},
+                     {"reader", [&] {
+                          lowest = highest = count;
+                          const std::uint64_t seen = queue.itemCount();
+                          check(lowest <= seen && seen <= highest, "it was so");
+                      }}});
     });
 }
 

@@ -38,9 +38,9 @@ TEST_F(FutureSchedules, ReachesEveryWaiterAndEachObserverOnce)
         result.addObserver(&early);
         const auto get = [&] { check(result.get() == 7, "the result is got"); };
         runTogether({{"setter", [&] { result.set(7); }},
-                    {"adder", [&] { result.addObserver(&late); }},
-                    {"getter", get},
-                    {"other getter", get}});
+                     {"adder", [&] { result.addObserver(&late); }},
+                     {"getter", get},
+                     {"other getter", get}});
         check(early.sum == 7 && late.sum == 7, "each observer is called once");
     });
 }
@@ -54,8 +54,8 @@ TEST_F(FutureSchedules, CopiesOnSeveralThreadsAreOneAndWhoeverHasTheLastReleases
         std::optional<Result> adders = observer.copy;
         std::optional<Result> getters = observer.copy;
         runTogether({{"setter", [&] { observer.copy->set(7); }},
-                    {"adder", [&] { adders->addObserver(&observer), adders.reset(); }},
-                    {"getter", [&] { check(getters->get() == 7, "the result is got"), getters.reset(); }}});
+                     {"adder", [&] { adders->addObserver(&observer), adders.reset(); }},
+                     {"getter", [&] { check(getters->get() == 7, "the result is got"), getters.reset(); }}});
         check(observer.sum == 7, "the observer is called once");
         check(MemShield::systemHeapBytes() == before, "the state went with the last copy");
     });

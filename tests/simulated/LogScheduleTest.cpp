@@ -95,12 +95,12 @@ struct LogSchedules : testing::Test
     {
         folder.removeFiles();
         SmallLogger logger(base, mode);
-        runWorkers({{"one", [&] { logger.line('a', 0); }},
-                    {"two", [&] {
-                         advance(2'000'000); // the writer waits for more no longer, and may go on first
-                         platform::relax();
-                         logger.line('b', 0);
-                     }}});
+        runTogether({{"one", [&] { logger.line('a', 0); }},
+                     {"two", [&] {
+                          advance(2'000'000); // the writer waits for more no longer, and may go on first
+                          platform::relax();
+                          logger.line('b', 0);
+                      }}});
         platform::sleepMs(10);
         check(linesOf('a') == "0" && linesOf('b') == "0", "lines come into the file by themselves");
     }
@@ -114,9 +114,9 @@ struct LogSchedules : testing::Test
                 logger.line(thread, 0);
                 check(logger.flush() && linesOf(thread) == "0", "what came before a flush is in the file");
             };
-            runWorkers({{"one", [&] { logAndFlush('a'); }},
-                        {"two", [&] { logAndFlush('b'); }},
-                        {"producer", [&] { logger.line('c', 0), logger.line('c', 1); }}});
+            runTogether({{"one", [&] { logAndFlush('a'); }},
+                         {"two", [&] { logAndFlush('b'); }},
+                         {"producer", [&] { logger.line('c', 0), logger.line('c', 1); }}});
             logger.line('c', 2);
         }
         check(linesOf('c') == "012", "each line is there once and in order");
@@ -131,10 +131,10 @@ struct LogSchedules : testing::Test
         logger.line('x', 0);
         platform::sleepMs(10); // the writer waits for the disk
         const auto produce = [&](char thread) { logger.line(thread, 0), logger.line(thread, 1); };
-        runWorkers({{"one", [&] { produce('a'); }}, {"two", [&] { produce('b'); }}});
+        runTogether({{"one", [&] { produce('a'); }}, {"two", [&] { produce('b'); }}});
         diskMs = 0;
-        runWorkers({{"flusher", [&] { check(logger.flush(), "a flush ends"); }},
-                    {"late", [&] { advance(100'000'000), logger.line('c', 0); }}});
+        runTogether({{"flusher", [&] { check(logger.flush(), "a flush ends"); }},
+                     {"late", [&] { advance(100'000'000), logger.line('c', 0); }}});
         logger.line('d', 0);
         check(logger.flush() && linesOf('d') == "0", "the pause is over when what began it is written");
         check((linesOf('a') + linesOf('b')).size() == 2, "what there is room for is taken");
@@ -193,7 +193,7 @@ TEST_F(LogSchedules, RotatedFilesHoldEachLineOnceAndInItsOrder)
                 {
                     SmallLogger logger(base, mode);
                     const auto produce = [&](char thread) { logger.line(thread, 0, 40'000), logger.line(thread, 1); };
-                    runWorkers({{"one", [&] { produce('a'); }}, {"two", [&] { produce('b'); }}});
+                    runTogether({{"one", [&] { produce('a'); }}, {"two", [&] { produce('b'); }}});
                 }
                 check(linesOf('a') == "01" && linesOf('b') == "01", "each line is there once");
                 const Texts files = folder.files();
@@ -220,7 +220,7 @@ TEST_F(LogSchedules, AFlushThatGivesUpSaysSoAndLeavesItsSignalToOneLaterFlush)
         check(flushTells().empty(), "a flush that ends in time tells nothing");
         diskMs = 50;
         std::string told;
-        runWorkers(
+        runTogether(
             {{"flusher", [&] { client.log("a0\n"), told = flushTells(); }}, {"producer", [&] { client.log("b0\n"); }}});
         check(told == report || (told.empty() && linesOf('a') == "0"), "a flush ends with its lines or gives up");
         platform::sleepMs(1'000);
@@ -289,9 +289,9 @@ TEST_F(LogSchedules, AnUnregisteredClientIsLeftAloneAndTheOthersMissNothing)
         Client leaving;
         std::optional<Client> first;
         std::optional<Client> second;
-        runWorkers({{"logger", [&] { log(1), log(2); }},
-                    {"one", [&] { leaving.leave(), first.emplace(); }},
-                    {"two", [&] { leaving.leave(), second.emplace(); }}});
+        runTogether({{"logger", [&] { log(1), log(2); }},
+                     {"one", [&] { leaving.leave(), first.emplace(); }},
+                     {"two", [&] { leaving.leave(), second.emplace(); }}});
         log(3);
         check(staying.numbers == "123", "a client that stays misses nothing");
         check(std::string("12").starts_with(leaving.numbers), "a client that leaves has what came before");
@@ -304,11 +304,11 @@ TEST_F(LogSchedules, AFileClientGoesWhileOthersLogAndFlush)
     exploreBothWays([&] {
         folder.removeFiles();
         const Client staying;
-        runWorkers({{"logger", [&] { log(1, LogLevel::Error), log(2, LogLevel::Error); }},
-                    {"owner", [&] {
-                         FileLoggerClient client(base, 1, "");
-                         Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
-                     }}});
+        runTogether({{"logger", [&] { log(1, LogLevel::Error), log(2, LogLevel::Error); }},
+                     {"owner", [&] {
+                          FileLoggerClient client(base, 1, "");
+                          Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
+                      }}});
         check(staying.numbers == "12", "a client that stays misses nothing");
         check(std::string("12").find(linesOf('a')) != std::string::npos, "each line is there once and in order");
     });

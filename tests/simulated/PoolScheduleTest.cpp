@@ -100,10 +100,10 @@ TEST_F(PoolSchedules, GrowthAndWhatComesBackReachWhoeverWaits)
         static_cast<void>(held.result.get());
         Taken large;
         Taken small;
-        runWorkers({{"large", [&] { large.request(pool, one, 3 * CHUNK); }},
-                    {"small", [&] { small.request(pool, two, CHUNK); }},
-                    {"bringer", [&] { pool.answer(RC_OK); }},
-                    {"giver", [&] { held.giveBack(pool); }}}); // both need what the others bring and give
+        runTogether({{"large", [&] { large.request(pool, one, 3 * CHUNK); }},
+                     {"small", [&] { small.request(pool, two, CHUNK); }},
+                     {"bringer", [&] { pool.answer(RC_OK); }},
+                     {"giver", [&] { held.giveBack(pool); }}}); // both need what the others bring and give
         large.giveBack(pool);
         small.giveBack(pool);
         expectAllBack(pool, 2 * BLOCK);
@@ -117,9 +117,9 @@ TEST_F(PoolSchedules, OneGrowthServesAReservationAndARequest)
         ModuleMemoryInformation& one = *pool.registerModule({.name = "one"});
         ModuleMemoryInformation* two = nullptr;
         Taken taken;
-        runWorkers({{"reserver", [&] { two = pool.registerModule({.name = "two", .reservedBytes = CHUNK}); }},
-                    {"taker", [&] { taken.request(pool, one, 1); }},
-                    {"bringer", [&] { pool.answer(RC_OK); }}});
+        runTogether({{"reserver", [&] { two = pool.registerModule({.name = "two", .reservedBytes = CHUNK}); }},
+                     {"taker", [&] { taken.request(pool, one, 1); }},
+                     {"bringer", [&] { pool.answer(RC_OK); }}});
         taken.giveBack(pool);
         check(two != nullptr && pool.unregisterModule(*two), "there is enough for both");
         expectAllBack(pool, BLOCK);
@@ -134,7 +134,7 @@ TEST_F(PoolSchedules, TheEndOfGrowthIsThatOfAllGrowthThatFollows)
         taken.request(pool, *pool.registerModule({.name = "one"}), 3 * CHUNK);
         const auto bring = [&] { repeat(2, [&] { pool.answer(RC_OK); }); };
         const auto wait = [&] { pool.waitForGrowth(), check(taken.result.isSet(), "it has grown twice"); };
-        runWorkers({{"bringer", bring}, {"owner", wait}});
+        runTogether({{"bringer", bring}, {"owner", wait}});
         taken.giveBack(pool);
         expectAllBack(pool, 2 * BLOCK);
     });
@@ -156,7 +156,7 @@ void destroyGrowing(RcStatus answer)
         pool.reset();
         check((taken.result.get() == RC_ABORTED) == isAborted, "who waits is told");
     };
-    runWorkers({{"bringer", [&] { pool->answer(answer); }}, {"owner", destroy}});
+    runTogether({{"bringer", [&] { pool->answer(answer); }}, {"owner", destroy}});
     taken.result = Future::ready(RC_OK);
     while (MemShield::systemHeapBytes() != heapBytes) // the helper thread may still release what it has finished
     {

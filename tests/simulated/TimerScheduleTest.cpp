@@ -52,9 +52,9 @@ TEST_F(TimerSchedules, EachTimerIsCalledOrReplacedWhateverPassesDo)
             timer.addTimer(Alarm::ring, &fresh, 0, true, handle);
             check(timer.checkInvariants(), "each timer is in the order once");
         };
-        runWorkers({{"pass", [&] { observe(), timer.activateTimers(); }},
-                    {"other pass", [&] { observe(), timer.activateTimers(); }},
-                    {"replacer", [&] { replace(onceHandle), replace(againHandle); }}});
+        runTogether({{"pass", [&] { observe(), timer.activateTimers(); }},
+                     {"other pass", [&] { observe(), timer.activateTimers(); }},
+                     {"replacer", [&] { replace(onceHandle), replace(againHandle); }}});
         const int calls = again.calls;
         advance(5 * MS);
         timer.activateTimers();
@@ -83,7 +83,7 @@ TEST_F(TimerSchedules, NoReaderIsGivenLessThanWasHandedOutBefore)
             check(value >= before, "it does not go back");
             highest = std::max(highest, value);
         };
-        runWorkers({{"one", read}, {"two", read}, {"three", read}});
+        runTogether({{"one", read}, {"two", read}, {"three", read}});
     });
 }
 

@@ -18,8 +18,8 @@ TEST_F(TweaksSchedules, TheLastValueOfTheTableIsWhatIsReadInTheEnd)
     exploreBothWays([] {
         Tweaks& tweaks = Tweaks::instance();
         const DynamicTweaks& dynamic = DynamicTweaks::instance();
-        runWorkers({{"on", [&] { tweaks.update("t_IOVerboseLogs", "on"); }},
-                    {"off", [&] { tweaks.update("t_IOVerboseLogs", "off"); }}});
+        runTogether({{"on", [&] { tweaks.update("t_IOVerboseLogs", "on"); }},
+                     {"off", [&] { tweaks.update("t_IOVerboseLogs", "off"); }}});
         const bool isOn = tweaks.boolVal("t_IOVerboseLogs");
         check(dynamic.t_IOVerboseLogs == isOn && dynamic.curlOrIoVerbose == isOn, "the last value is read");
         tweaks.update("t_IOVerboseLogs", ""); // as it was
@@ -32,7 +32,7 @@ TEST_F(TweaksSchedules, OneOfTwoThreadsAddsTheDefault)
         Tweaks& tweaks = Tweaks::instance();
         int added = 0;
         const auto add = [&] { added += tweaks.setDefaultValIfNotSet("t_own", "1") ? 1 : 0; };
-        runWorkers({{"one", add}, {"two", add}});
+        runTogether({{"one", add}, {"two", add}});
         check(added == 1, "it is added once");
         tweaks.update("t_own", "");
     });
