@@ -154,7 +154,7 @@ struct GuardedLogSchedules : LogSchedules
 TEST_F(LogSchedules, EachLineComesIntoTheFileOnceByItself)
 {
     exploreBothWays([&] { logInTwoThreads(Mode::Usual); });
-    exploreBothWays([&] { logInTwoThreads(Mode::LineByLine); }, 1'000);
+    exploreBothWays([&] { logInTwoThreads(Mode::LineByLine); }, 500);
 }
 
 TEST_F(GuardedLogSchedules, EachLineComesIntoTheFileOnceByItself)
@@ -174,7 +174,7 @@ TEST_F(GuardedLogSchedules, WhatCameBeforeAFlushOrTheStopIsInTheFile)
 
 TEST_F(LogSchedules, ABudgetThatIsUsedUpPausesOnceAndComesBack)
 {
-    exploreBothWays([&] { pauseAndResume(); });
+    exploreBothWays([&] { pauseAndResume(); }, 1'000);
 }
 
 TEST_F(GuardedLogSchedules, ABudgetThatIsUsedUpPausesOnceAndComesBack)
@@ -202,7 +202,7 @@ TEST_F(LogSchedules, RotatedFilesHoldEachLineOnceAndInItsOrder)
                     check(std::filesystem::file_size(folder.path(file)) >= FULL, "a file is full when it is rotated");
                 });
             },
-            1'000);
+            500);
     }
 }
 
