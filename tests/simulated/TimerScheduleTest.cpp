@@ -1,6 +1,9 @@
 // Timers and their clock under many schedules.
 
+#include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/windows/WindowsTimer.h"
+#include "platform/Random.h"
+#include "platform/Threads.h"
 #include "platform/Time.h"
 #include "tests/simulated/Scenarios.h"
 #include "tests/support/Support.h"
@@ -63,6 +66,32 @@ TEST_F(TimerSchedules, EachTimerIsCalledOrReplacedWhateverPassesDo)
         check(again.calls == calls && again.ends == numObservers, "what is replaced is not called any more");
         check(!timer.completionOf(onceHandle) && !timer.completionOf(againHandle), "nothing is left");
     });
+}
+
+TEST_F(TimerSchedules, TheTimerThreadLooksEveryTenthOfASecondAndIsWatched)
+{
+    static std::vector<std::int64_t> callsMs; // after the thread has started
+    static std::int64_t start;
+    static std::uint32_t seed = 0;
+    const ScopedReplacement random(platform::randomCalls.seedRandom, [](std::uint32_t value) { seed = value; });
+    const CapturingClient client;
+    ITimer& timer = Timer::instance();
+    const std::int64_t startMs = timer.getTimestampMs();
+    start = now();
+    timer.start();
+    const auto call = [](void* /*context*/) {
+        EXPECT_EQ("", Logger::instance().getThreadName(static_cast<std::int32_t>(platform::currentThreadId())));
+        callsMs.push_back((now() - start) / MS);
+    };
+    const TimerHandle periodic = timer.addTimer(call, nullptr, 250, false);
+    platform::sleepMs(1'050);
+    EXPECT_EQ((std::vector<std::int64_t>{300, 600, 900}), callsMs);
+    EXPECT_TRUE(seed == startMs || seed == startMs + 1) << seed;
+    WindowsTimer::instance().addTimer([](void*) { platform::sleepMs(190'000); }, nullptr, 0, true, periodic);
+    platform::sleepMs(600'000);
+    // Of three looks meanwhile the first finds it alive, and the second one is no more than an interval later.
+    EXPECT_EQ(Texts{"120 sec"}, client.messagesAfter("Error,NON,DlcKeepalive,checkLease,timer is stuck for "));
+    EXPECT_EQ(0, client.count("~,ThreadWrapper,~") + client.count("~,MemWatcher,~"));
 }
 
 TEST_F(TimerSchedules, NoReaderIsGivenLessThanWasHandedOutBefore)

@@ -163,80 +163,22 @@ TEST(Timer, CalendarAndCpuTimesComeFromTheSystem)
     EXPECT_EQ(0U, timer.getProcessCpuTimeUs());
 }
 
-Semaphore mayCheck(0); // the deadlock checker's thread waits for it instead of sleeping
-Semaphore hasChecked(0);
-std::atomic<int> rests = -1; // of the timer thread; -1: not started
-void (*realSleep)(std::uint32_t) = nullptr;
-void restOrWait(std::uint32_t durationMs)
+TEST(Timer, ItsThreadIsTimeCriticalAndNeeded)
 {
-    if (Logger::instance().getThreadName(static_cast<std::int32_t>(platform::currentThreadId())) ==
-        "class DeadLockCheckerManager")
-    {
-        hasChecked.signal();
-        return mayCheck.wait();
-    }
-    if (rests < 0)
-    {
-        return realSleep(durationMs);
-    }
-    EXPECT_EQ(100U, durationMs);
-    counterTicks += 1'000;
-    if (++rests == 4)
-    {
-        throw ProcessEnded();
-    }
-}
-
-TEST(Timer, ItsThreadCallsTimersAndIsWatchedForDeadlocksOnly)
-{
-    static platform::ThreadProcedure procedure = nullptr; // once it is there, no more threads can be started
-    static std::uint32_t seed = 0;
-    static int calls = 0;
-    realSleep = platform::threadCalls.sleepMs;
-    const ScopedReplacement sleep(platform::threadCalls.sleepMs, restOrWait);
-    const ReplacedClock clock(20'000'000);
-    const ScopedReplacement random(platform::randomCalls.seedRandom, [](std::uint32_t value) { seed = value; });
+    static platform::ThreadPriority priority = platform::ThreadPriority::Normal;
+    const CapturingClient client;
     const ScopedReplacement processors(platform::timeCalls.processorCount, [] { return 4U; });
     const ScopedReplacement cpuTime(platform::timeCalls.processCpuTime,
                                     [] { return std::optional(platform::CpuTime{.kernel = 400, .user = 80}); });
-    const ScratchFolder folder;
-    waitForOwnThreads();
-    hasChecked.wait();
-    const auto* const client = new CapturingClient; // stays registered
-    const ScopedReplacement threads(
-        platform::threadCalls.startThread,
-        [](platform::ThreadProcedure body, void* argument, platform::ThreadPriority priority) {
-            const bool isFirst = std::exchange(procedure, body) == nullptr;
-            EXPECT_EQ(&WindowsTimer::instance(), argument);
-            EXPECT_EQ(platform::ThreadPriority::TimeCritical, priority);
-            return isFirst ? platform::ErrorNumber::Success : platform::ErrorNumber::NotEnoughMemory;
-        });
-    ITimer& timer = Timer::instance();
-    timer.start();
-    EXPECT_EQ(12U, timer.getProcessCpuTimeUs());
-    const auto check = [](void*) {
-        EXPECT_EQ(calls + 1, rests); // the first pass comes after the first rest
-        EXPECT_EQ("", Logger::instance().getThreadName(static_cast<std::int32_t>(platform::currentThreadId())));
-        for (int checks = calls++ == 0 ? 2 : 1; checks > 0; --checks) // two without progress, then one after a pass
-        {
-            counterTicks += 61'000'000;
-            mayCheck.signal();
-            hasChecked.wait();
-        }
-    };
-    EXPECT_EQ(1U, timer.addTimer(check, nullptr, 0, true));
-    timer.addTimer(check, nullptr, 2, true);
-    counterTicks += 1'000;
-    rests = 0;
-    EXPECT_THROW(procedure(&WindowsTimer::instance()), ProcessEnded);
-    EXPECT_EQ(2, calls);
-    EXPECT_EQ(20'001U, seed);
-    EXPECT_EQ(Texts{"timer is stuck for 61 sec"}, client->messagesAfter("Error,NON,DlcKeepalive,checkLease,"));
-    EXPECT_EQ(0, client->count("~,ThreadWrapper,~") + client->count("~,MemWatcher,~"));
-
+    const ScopedReplacement refusing(platform::threadCalls.startThread,
+                                     [](platform::ThreadProcedure, void*, platform::ThreadPriority wanted) {
+                                         return priority = wanted, platform::ErrorNumber::NotEnoughMemory;
+                                     });
     const ScopedProcessEnd ending;
-    EXPECT_THROW(timer.start(), ProcessEnded);
-    EXPECT_PRED2(matches, client->last(), "Error,NON,Timer,start,Assertion (h != NULL) failed ~Timer.cpp #");
+    EXPECT_THROW(Timer::instance().start(), ProcessEnded);
+    EXPECT_EQ(platform::ThreadPriority::TimeCritical, priority);
+    EXPECT_EQ(12U, Timer::instance().getProcessCpuTimeUs());
+    EXPECT_PRED2(matches, client.last(), "Error,NON,Timer,start,Assertion (h != NULL) failed ~Timer.cpp #");
 }
 
 TEST(Timer, UtcTextsAreScanned)
