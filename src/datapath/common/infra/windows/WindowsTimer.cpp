@@ -250,6 +250,7 @@ void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
 void WindowsTimer::timerThread(void* windowsTimer)
 {
     constexpr std::uint32_t REST_MS = 100;
+    platform::nameThread("timer");
     DlcKeepalive keepalive("timer");
     platform::seedRandom(static_cast<std::uint32_t>(::Timer::instance().getTimestampMs()));
     for (;;)
