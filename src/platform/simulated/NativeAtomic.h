@@ -66,8 +66,8 @@ public:
     }
     T operator++() noexcept { return static_cast<T>(fetch_add(1) + 1); }
     T operator--() noexcept { return static_cast<T>(fetch_sub(1) - 1); }
-    T operator++(int) noexcept { return fetch_add(1); }
-    T operator--(int) noexcept { return fetch_sub(1); }
+    T operator++(int) noexcept { return fetch_add(1); } // NOLINT: as std::atomic
+    T operator--(int) noexcept { return fetch_sub(1); } // NOLINT: as std::atomic
     T operator+=(T value) noexcept { return static_cast<T>(fetch_add(value) + value); }
     T operator-=(T value) noexcept { return static_cast<T>(fetch_sub(value) - value); }
 

@@ -151,7 +151,7 @@ struct Course
 class NextCourses
 {
 public:
-    explicit NextCourses(std::uint64_t most) : m_most(most) {}
+    explicit NextCourses(std::uint64_t most) : m_most(most), m_random(most) {}
 
     /// All that depart later than the course, which was run with these choices.
     void addFrom(const Course& course, const std::vector<Departing::Choice>& choices, std::uint32_t mostPreemptions)
@@ -192,7 +192,7 @@ private:
     const std::uint64_t m_most;
     std::uint64_t m_seen = 0;
     std::vector<Course> m_courses;
-    std::mt19937_64 m_random; // the same each time
+    std::mt19937_64 m_random; // the same for the same number
 };
 
 void exploreInOrder(const Scenario& scenario, const ExploreOptions& options, Exploration& exploration)
