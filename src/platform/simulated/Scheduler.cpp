@@ -25,6 +25,8 @@ namespace
 
 constexpr std::int64_t READING_NS = 100;
 constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
+/// As late as it may become, 291 years: a moment that is waited for can be told in 64 bits after it too.
+constexpr std::int64_t LATEST_NS = std::numeric_limits<std::int64_t>::max() - 366 * 86'400 * NS_PER_SECOND;
 constexpr std::int64_t UTC_OF_SCHEDULES_NS = 1'767'225'600 * NS_PER_SECOND; // the first moment of 2026
 
 constinit thread_local Scheduler::Thread* ownThread = nullptr;
@@ -196,15 +198,38 @@ void Scheduler::pass(bool isResting)
         }
         return;
     }
-    if (++m_steps > m_maxSteps)
+    countStep(lock);
+    handOn(lock, self, isResting);
+}
+
+/// Does not return if that is one more than the schedule may have.
+void Scheduler::countStep(Lock& lock)
+{
+    if (m_explorer == nullptr || ++m_steps <= m_maxSteps)
     {
-        const std::string waits = Scheduler::waits();
-        lock.unlock();
-        fail("not over after " + std::to_string(m_maxSteps) + " switch points" +
-             (waits.empty() ? "" : " while " + waits));
         return;
     }
-    handOn(lock, self, isResting);
+    const std::string number = std::to_string(m_maxSteps) + " switch points";
+    const std::string waits = Scheduler::waits();
+    const bool hasBegun = m_strategy != nullptr;
+    lock.unlock();
+    fail(hasBegun ? "not over after " + number + (waits.empty() ? "" : " while " + waits)
+                  : "threads that were there before do not rest after " + number);
+}
+
+void Scheduler::sleep(std::uint32_t durationMs)
+{
+    if (durationMs == 0)
+    {
+        pass(true);
+        return;
+    }
+    Lock lock(m_lock);
+    static_cast<void>(adopted(lock));
+    countStep(lock);
+    lock.unlock();
+    const std::int64_t deadlineNs = nowPlus(durationMs);
+    static_cast<void>(waitAt(&deadlineNs, {"time to pass"}, &deadlineNs));
 }
 
 bool Scheduler::waitAt(const void* object, WaitReason reason, const std::int64_t* deadlineNs)
@@ -317,6 +342,10 @@ Scheduler::Thread* Scheduler::whenNobodyCanRun()
     {
         return endSchedule("deadlock: " + waits());
     }
+    if (m_explorer != nullptr && earliest != nullptr && *earliest->deadlineNs > LATEST_NS)
+    {
+        return endSchedule("the schedules until here have used up the virtual time, 291 years");
+    }
     if (earliest != nullptr)
     {
         setTime(*earliest->deadlineNs);
@@ -356,7 +385,8 @@ void Scheduler::advance(std::int64_t durationNs)
 {
     Lock lock(m_lock);
     Thread& self = adopted(lock);
-    setTime(m_nowNs + durationNs);
+    countStep(lock);
+    setTime(m_nowNs + std::min(durationNs, std::max<std::int64_t>(LATEST_NS - m_nowNs, 0)));
     handOn(lock, self, false);
 }
 
@@ -374,12 +404,13 @@ std::int64_t Scheduler::readUtc()
 
 void Scheduler::beginSchedule(std::uint64_t maxSteps)
 {
+    constexpr std::uint64_t MOST_UNTIL_REST = 10'000'000; // switch points
     Lock lock(m_lock);
     Thread& self = adopted(lock);
     m_explorer = &self;
     m_failure.reset();
     m_steps = 0;
-    m_maxSteps = UINT64_MAX;
+    m_maxSteps = MOST_UNTIL_REST;
     m_lastNumber = 0;
     self.waitsFor = this;
     self.reason = {"the schedule"};

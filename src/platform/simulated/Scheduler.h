@@ -80,6 +80,8 @@ public:
     [[nodiscard]] std::int64_t readClock();
     [[nodiscard]] std::int64_t nowPlus(std::uint32_t durationMs);
     void advance(std::int64_t durationNs);
+    /// 0 ms: rests as relax does.
+    void sleep(std::uint32_t durationMs);
     /// UTC in ns since 1970; a fixed moment at the start of each schedule.
     [[nodiscard]] std::int64_t readUtc();
 
@@ -113,6 +115,7 @@ private:
     static void onThreadEnd(void* thread);
 
     void awaitTurn(Lock& lock, Thread& self);
+    void countStep(Lock& lock);
     void handOn(Lock& lock, Thread& self, bool isResting);
     void giveTurnTo(Thread* thread);
     [[nodiscard]] Thread* chooseNext(const Thread& self, bool isResting);

@@ -47,11 +47,7 @@ void nameOwn(const std::string& name)
     Scheduler::instance().setOwnName(name + " (thread " + std::to_string(Scheduler::instance().ownNumber()) + ")");
 }
 
-void sleepMs(std::uint32_t durationMs)
-{
-    const std::int64_t deadlineNs = Scheduler::instance().nowPlus(durationMs);
-    static_cast<void>(Scheduler::instance().waitAt(&deadlineNs, {"time to pass"}, &deadlineNs));
-}
+void sleepMs(std::uint32_t durationMs) { Scheduler::instance().sleep(durationMs); }
 
 } // namespace
 
