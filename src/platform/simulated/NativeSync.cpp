@@ -52,6 +52,10 @@ bool NativeMutex::tryLock() noexcept
 void NativeMutex::unlock() noexcept
 {
     switchPoint();
+    if (m_owner != Scheduler::instance().ownNumber())
+    {
+        Scheduler::instance().fail("a mutex is unlocked by a thread that does not have it");
+    }
     m_owner = 0;
     Scheduler::instance().wakeAt(this);
 }
@@ -101,19 +105,19 @@ void NativeEvent::set() noexcept
     Scheduler::instance().wakeAt(this);
 }
 
-void NativeEvent::wait() noexcept { static_cast<void>(passBefore(nullptr)); }
+void NativeEvent::wait() noexcept { static_cast<void>(passBefore(nullptr, false)); }
 
 bool NativeEvent::waitFor(std::uint32_t durationMs) noexcept
 {
     const std::int64_t deadlineNs = Scheduler::instance().nowPlus(durationMs);
-    return passBefore(&deadlineNs);
+    return passBefore(&deadlineNs, durationMs == 0);
 }
 
-bool NativeEvent::passBefore(const std::int64_t* deadlineNs) noexcept
+bool NativeEvent::passBefore(const std::int64_t* deadlineNs, bool isLate) noexcept
 {
     switchPoint();
     ++m_waiters;
-    for (bool isLate = false; m_passes == 0 && !isLate;)
+    while (m_passes == 0 && !isLate)
     {
         isLate = !Scheduler::instance().waitAt(this, {"an event"}, deadlineNs);
     }

@@ -55,11 +55,11 @@ public:
     void set() noexcept;
     void wait() noexcept;
 
-    /// Waits at most durationMs of virtual time. Returns whether it was let pass.
+    /// Waits at most durationMs of virtual time, 0 for not at all. Returns whether it was let pass.
     [[nodiscard]] bool waitFor(std::uint32_t durationMs) noexcept;
 
 private:
-    bool passBefore(const std::int64_t* deadlineNs) noexcept;
+    bool passBefore(const std::int64_t* deadlineNs, bool isLate) noexcept;
 
     std::uint32_t m_passes = 0;  // that sets have left
     std::uint32_t m_waiters = 0; // each of which a set of its own can let pass
