@@ -159,14 +159,14 @@ public:
         for (std::uint64_t choice = course.departures.empty() ? 0 : course.departures.back().choice + 1;
              choice < choices.size(); ++choice)
         {
-            const auto [numOptions, firstCostly] = choices[choice];
+            const auto [numOptions, firstCostly, history] = choices[choice];
             const bool mayPreempt = course.preemptions < mostPreemptions;
             for (std::size_t option = 1; option < (mayPreempt ? numOptions : firstCostly); ++option)
             {
                 if (Course* const place = placeForOneMore(); place != nullptr)
                 {
                     *place = course;
-                    place->departures.push_back({choice, option, numOptions});
+                    place->departures.push_back({choice, option, history});
                     place->preemptions += option >= firstCostly ? 1 : 0;
                 }
             }
@@ -206,6 +206,11 @@ void exploreInOrder(const Scenario& scenario, const ExploreOptions& options, Exp
             Departing strategy(course.departures);
             ++exploration.schedules;
             exploration.failure = runSchedule(scenario, strategy, exploration, options.maxSteps);
+            if (exploration.failure.empty())
+            {
+                strategy.expectAllDeparted();
+                exploration.failure = strategy.mismatch();
+            }
             if (!exploration.failure.empty())
             {
                 exploration.schedule = strategy.text();

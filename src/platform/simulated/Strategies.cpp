@@ -8,6 +8,13 @@
 namespace platform::simulated
 {
 
+namespace
+{
+
+constexpr const char* NOT_THE_SAME = "the scenario is not the same in every schedule";
+
+} // namespace
+
 std::size_t Recording::choose(const Options& options)
 {
     const std::size_t chosen = pick(options);
@@ -24,18 +31,33 @@ void Recording::setMismatch(std::string text) { m_mismatch = std::move(text); }
 
 std::size_t Departing::pick(const Options& options)
 {
-    m_choices.push_back({.numOptions = options.threads.size(), .firstCostly = options.firstCostly});
+    constexpr std::uint64_t FACTOR = 0x9E37'79B9'7F4A'7C15; // odd, so that no bit is lost
+    for (const int thread : options.threads)
+    {
+        m_history = (m_history + static_cast<std::uint64_t>(thread) + 1) * FACTOR;
+    }
+    m_history = (m_history + options.firstCostly) * FACTOR;
+    m_choices.push_back(
+        {.numOptions = options.threads.size(), .firstCostly = options.firstCostly, .history = m_history});
     if (m_numDeparted == m_departures.size() || m_departures[m_numDeparted].choice != numChoices())
     {
         return 0;
     }
     const Departure& departure = m_departures[m_numDeparted++];
-    if (departure.ofOptions != options.threads.size())
+    if (departure.history != m_history)
     {
-        setMismatch("the scenario is not the same in every schedule");
+        setMismatch(NOT_THE_SAME);
         return 0;
     }
     return departure.option;
+}
+
+void Departing::expectAllDeparted()
+{
+    if (m_numDeparted != m_departures.size() && mismatch().empty())
+    {
+        setMismatch(NOT_THE_SAME);
+    }
 }
 
 AtRandom::AtRandom(std::uint64_t seed, std::uint64_t usualSteps, std::uint32_t numChanges) : m_random(seed)

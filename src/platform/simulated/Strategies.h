@@ -46,12 +46,13 @@ public:
     {
         std::uint64_t choice;  ///< its number
         std::size_t option;    ///< that is chosen, none of the first one
-        std::size_t ofOptions; ///< as many as there were in the schedule that the departure is from
+        std::uint64_t history; ///< of that choice in the schedule that the departure is from
     };
     struct Choice
     {
         std::size_t numOptions;
         std::size_t firstCostly;
+        std::uint64_t history; ///< a hash of what there was to choose until here
     };
 
     /// In the order of their choices; they outlive this.
@@ -59,11 +60,15 @@ public:
 
     [[nodiscard]] const std::vector<Choice>& choices() const { return m_choices; }
 
+    /// For the end of the schedule: a departure that is left is a mismatch.
+    void expectAllDeparted();
+
 private:
     std::size_t pick(const Options& options) override;
 
     const std::vector<Departure>& m_departures;
     std::size_t m_numDeparted = 0;
+    std::uint64_t m_history = 0;
     std::vector<Choice> m_choices;
 };
 
