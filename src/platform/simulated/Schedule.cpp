@@ -21,6 +21,14 @@ namespace platform::simulated
 namespace
 {
 
+/// The schedule goes wrong here; outside of schedules the process ends.
+[[noreturn]] void goWrong(const std::string& failure)
+{
+    Scheduler::instance().fail(failure);
+    static_cast<void>(std::fprintf(stderr, "outside of schedules, %s\n", failure.c_str()));
+    std::abort();
+}
+
 /// The body of a schedule's thread. An exception that it lets go is a failure of the schedule.
 void runThread(const std::string& name, const std::function<void()>& work)
 {
@@ -34,9 +42,13 @@ void runThread(const std::string& name, const std::function<void()>& work)
     {
         failure = std::string("exception: ") + exception.what();
     }
+    catch (...)
+    {
+        failure = "an exception that is no std::exception";
+    }
     if (!failure.empty())
     {
-        Scheduler::instance().fail(failure);
+        goWrong(failure);
     }
 }
 
@@ -297,9 +309,7 @@ void check(bool isSo, const std::string& what)
 {
     if (!isSo)
     {
-        Scheduler::instance().fail("not so: " + what);
-        static_cast<void>(std::fprintf(stderr, "outside of schedules, not so: %s\n", what.c_str()));
-        std::abort();
+        goWrong("not so: " + what);
     }
 }
 
