@@ -72,7 +72,8 @@ using Scenario = std::function<void()>;
 /// and after how many.
 Exploration explore(const Scenario& scenario, const ExploreOptions& options = {});
 
-/// Runs one schedule, after the warm-ups. A text that does not fit the scenario is a failure too.
+/// Runs one schedule, after the warm-ups; give the options that explore had. A text that does not fit the scenario is a
+/// failure too.
 Exploration replay(std::string_view schedule, const Scenario& scenario, const ExploreOptions& options = {});
 
 // For scenarios.
