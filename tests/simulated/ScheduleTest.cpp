@@ -71,6 +71,33 @@ TEST(Schedule, ALoopThatWaitsForNothingUsesUpItsSteps)
                     }
                 },
                 {.maxSteps = 100});
+    expectFound("not over after 100 switch points",
+                [] {
+                    for (;; platform::sleepMs(1))
+                    {
+                    }
+                },
+                {.maxSteps = 100});
+}
+
+TEST(Schedule, NoticesAScenarioThatIsNotTheSameEachTime)
+{
+    static int numRuns = 0;
+    const auto grow = [] {
+        const platform::Atomic<int> shared = 0;
+        const auto look = [&] { static_cast<void>(shared + shared); };
+        runTogether(std::vector<NamedWork>(numRuns++ < 3 ? 3 : 2, {"one of them", look}));
+    };
+    EXPECT_EQ("the scenario is not the same in every schedule", explore(grow).failure);
+}
+
+TEST(Schedule, AWaitOf0MsEndsWhileOthersCanRun)
+{
+    expectFound("not so: it has ended late", [] {
+        Trigger trigger;
+        const auto tryOnce = [&] { check(trigger.waitFor(0), "it has ended late"); };
+        runTogether({{"tries", tryOnce}, {"sets", [&] { trigger.set(); }}});
+    });
 }
 
 TEST(Schedule, TheEndOfTheProcessAndAnExceptionAreFailures)
@@ -79,6 +106,7 @@ TEST(Schedule, TheEndOfTheProcessAndAnExceptionAreFailures)
         runTogether({{"ender", [] { platform::endProcess(); }}});
     });
     expectFound("exception: thrown", [] { throw std::runtime_error("thrown"); });
+    expectFound("an exception that is no std::exception", [] { throw 1; });
 }
 
 TEST(Schedule, ASignalThatEndsTheProcessIsToldWithItsSchedule)
