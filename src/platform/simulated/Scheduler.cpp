@@ -26,7 +26,7 @@ namespace
 constexpr std::int64_t READING_NS = 100;
 constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 /// As late as it may become, 291 years: a moment that is waited for can be told in 64 bits after it too.
-constexpr std::int64_t LATEST_NS = std::numeric_limits<std::int64_t>::max() - 366 * 86'400 * NS_PER_SECOND;
+constexpr std::int64_t LATEST_NS = std::numeric_limits<std::int64_t>::max() - NS_PER_SECOND * 86'400 * 366;
 constexpr std::int64_t UTC_OF_SCHEDULES_NS = 1'767'225'600 * NS_PER_SECOND; // the first moment of 2026
 
 constinit thread_local Scheduler::Thread* ownThread = nullptr;
