@@ -1,10 +1,10 @@
 #include "platform/simulated/Scheduler.h"
 
 #include "platform/Threads.h"
+#include "platform/simulated/SchedulerThread.h"
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <limits>
 #include <pthread.h>
 #include <sched.h>
@@ -24,10 +24,8 @@ namespace
 {
 
 constexpr std::int64_t READING_NS = 100;
-constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 /// As late as it may become, 291 years: a moment that is waited for can be told in 64 bits after it too.
 constexpr std::int64_t LATEST_NS = std::numeric_limits<std::int64_t>::max() - NS_PER_SECOND * 86'400 * 366;
-constexpr std::int64_t UTC_OF_SCHEDULES_NS = 1'767'225'600 * NS_PER_SECOND; // the first moment of 2026
 
 constinit thread_local Scheduler::Thread* ownThread = nullptr;
 constinit thread_local bool hasEnded = false; // what the system may still run on it makes no switch points
@@ -47,22 +45,6 @@ void stayOnOneProcessor()
 }
 
 } // namespace
-
-struct Scheduler::Thread
-{
-    const int number;
-    std::string name{};
-    std::condition_variable turn{};
-    const void* waitsFor = nullptr; // null: it can run
-    WaitReason reason{""};
-    std::int64_t waitNs = 0;                  // from the start of the wait to its deadline
-    std::optional<std::int64_t> deadlineNs{}; // of a wait
-    bool isLate = false;                      // the last wait ended at its deadline
-    bool isStopped = false;                   // for ever: its schedule failed, or it has ended
-    int numReleases = 0;                      // of the system's values of the thread, for its end
-
-    [[nodiscard]] bool canRun() const { return waitsFor == nullptr && !isStopped; }
-};
 
 void switchPoint() noexcept { Scheduler::instance().pass(false); }
 
@@ -314,12 +296,6 @@ Scheduler::Thread* Scheduler::chooseNext(const Thread& self, bool isResting)
     return threads[chosen];
 }
 
-bool Scheduler::isScheduleDone() const
-{
-    return std::ranges::none_of(m_threads,
-                                [](const Thread* thread) { return thread->number > 0 && !thread->isStopped; });
-}
-
 /// Moves the time, and returns a thread that has a deadline then; or the explorer, if the schedule is over; or null.
 Scheduler::Thread* Scheduler::whenNobodyCanRun()
 {
@@ -400,112 +376,6 @@ std::int64_t Scheduler::readUtc()
         m_utcOffsetNs = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count() - nowNs;
     }
     return *m_utcOffsetNs + nowNs;
-}
-
-void Scheduler::beginSchedule(std::uint64_t maxSteps)
-{
-    constexpr std::uint64_t MOST_UNTIL_REST = 10'000'000; // switch points
-    Lock lock(m_lock);
-    Thread& self = adopted(lock);
-    m_explorer = &self;
-    m_failure.reset();
-    m_steps = 0;
-    m_maxSteps = MOST_UNTIL_REST;
-    m_lastNumber = 0;
-    self.waitsFor = this;
-    self.reason = {"the schedule"};
-    self.deadlineNs.reset();
-    handOn(lock, self, false); // until the others rest
-    m_steps = 0;
-    m_maxSteps = maxSteps;
-    m_nowNs = (m_nowNs / NS_PER_SECOND + 1) * NS_PER_SECOND;
-    m_utcOffsetNs = UTC_OF_SCHEDULES_NS - m_nowNs;
-    for (Thread* const thread : m_threads)
-    {
-        if (thread->deadlineNs)
-        {
-            thread->deadlineNs = m_nowNs + thread->waitNs; // begun afresh, as in every schedule
-        }
-    }
-}
-
-std::optional<std::string> Scheduler::waitForEnd(Strategy& strategy)
-{
-    Lock lock(m_lock);
-    m_strategy = &strategy;
-    m_explorer->waitsFor = this;
-    giveTurnTo(chooseNext(*m_explorer, false));
-    std::uint64_t stepsBefore = m_steps;
-    while (!m_explorer->turn.wait_for(lock, std::chrono::seconds(10), [&] { return m_running == m_explorer; }))
-    {
-        if (std::exchange(stepsBefore, m_steps) == m_steps)
-        {
-            static_cast<void>(std::fprintf(stderr,
-                                           "%s has had the turn for 10 seconds: does it wait for a thread by other "
-                                           "means than the floor's, such as "
-                                           "std::thread::join?\nto replay: \"%s\"\n",
-                                           nameOf(m_running->number).c_str(), strategy.text().c_str()));
-        }
-    }
-    m_strategy = nullptr;
-    m_explorer = nullptr;
-    return m_failure;
-}
-
-Scheduler::Thread* Scheduler::endSchedule(std::string failure)
-{
-    if (!failure.empty())
-    {
-        m_failure = std::move(failure);
-        for (Thread* const thread : m_threads)
-        {
-            thread->isStopped = thread->isStopped || thread->number > 0;
-        }
-    }
-    m_explorer->waitsFor = nullptr;
-    return m_explorer;
-}
-
-void Scheduler::fail(const std::string& text)
-{
-    Lock lock(m_lock);
-    Thread& self = adopted(lock);
-    if (m_explorer == nullptr)
-    {
-        return;
-    }
-    self.isStopped = true;
-    giveTurnTo(endSchedule(text));
-    awaitTurn(lock, self); // for ever
-}
-
-std::string Scheduler::describeWaits()
-{
-    const Lock lock(m_lock);
-    return waits();
-}
-
-std::string Scheduler::nameOf(int number) const
-{
-    const auto thread = std::ranges::find_if(m_threads, [number](const Thread* other) {
-        return other->number == number && !other->isStopped; // those of a failed schedule had such numbers too
-    });
-    const bool isNamed = thread != m_threads.end() && !(*thread)->name.empty();
-    return isNamed ? (*thread)->name : "thread " + std::to_string(number);
-}
-
-std::string Scheduler::waits() const
-{
-    std::string text;
-    for (const Thread* const thread : m_threads)
-    {
-        if (thread->number > 0 && !thread->canRun() && !thread->isStopped)
-        {
-            text += (text.empty() ? "" : ", ") + nameOf(thread->number) + " waits for " + thread->reason.what;
-            text += thread->reason.owner != 0 ? " that " + nameOf(thread->reason.owner) + " has" : "";
-        }
-    }
-    return text;
 }
 
 } // namespace platform::simulated
