@@ -4,6 +4,7 @@
 #include "Medians.h"
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/Future.h"
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/RcStatus.h"
 
@@ -67,7 +68,7 @@ public:
 
     template <class Work> void post(const Work& work)
     {
-        m_pool.enqueue(MemShield::create<WorkAction<Work>>({"WorkAction", SourcePlace::here()}, work));
+        m_pool.enqueue(GuardedMemory::create<WorkAction<Work>>({"WorkAction", SourcePlace::here()}, work));
     }
 
 private:

@@ -5,6 +5,7 @@
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Tweaks.h"
@@ -59,7 +60,7 @@ void repeatAction(int times)
     object.open();
     for (; times != 0; --times)
     {
-        object.enqueue(MemShield::create<Counting>({"Counting", SourcePlace::here()}, done, times == 1));
+        object.enqueue(GuardedMemory::create<Counting>({"Counting", SourcePlace::here()}, done, times == 1));
     }
     done.wait();
 }
@@ -78,7 +79,7 @@ void repeatAllocation(int times)
 {
     for (; times != 0; --times)
     {
-        MemShield::releaseObject(MemShield::allocateObject(100, {"Block", SourcePlace::here()}), SourcePlace::here());
+        MemShield::releaseObject(MemShield::allocate(100, 0, {"Block", SourcePlace::here()}), SourcePlace::here());
     }
 }
 

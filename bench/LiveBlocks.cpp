@@ -18,7 +18,7 @@ int main(int argc, char** argv)
     constexpr AllocationSite SITE{"block", SourcePlace::here()};
     const bool isGuarded = argc > 1 && std::string_view(argv[1]) == "guarded";
     const int replacements = argc > 2 ? std::atoi(argv[2]) : 1'000'000;
-    const auto allocate = [=] { return isGuarded ? MemShield::allocateObject(SIZE, SITE) : std::malloc(SIZE); };
+    const auto allocate = [=] { return isGuarded ? MemShield::allocate(SIZE, 0, SITE) : std::malloc(SIZE); };
     const auto release = [=](void* block) {
         return isGuarded ? MemShield::releaseObject(block, SITE.place) : std::free(block);
     };

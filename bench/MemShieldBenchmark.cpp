@@ -23,7 +23,7 @@ constexpr AllocationSite SITE{"block", SourcePlace::here()};
 
 struct Counted
 {
-    static void* allocate() { return MemShield::allocateObject(SIZE, SITE); }
+    static void* allocate() { return MemShield::allocate(SIZE, 0, SITE); }
     static void release(void* block) { MemShield::releaseObject(block, SITE.place); }
 };
 

@@ -26,7 +26,7 @@ public:
     {
         if (isFirst())
         {
-            m_printer.enqueue(MemShield::create<Making>({"Making", SourcePlace::here()}, *this));
+            m_printer.enqueue(GuardedMemory::create<Making>({"Making", SourcePlace::here()}, *this));
         }
         return m_result.get();
     }

@@ -3,6 +3,7 @@
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/MemoryPool.h"
+#include "datapath/common/infra/MemoryReport.h"
 #include "datapath/common/infra/Timer.h"
 #include "platform/Atomic.h"
 
@@ -44,7 +45,7 @@ int main()
     const FutureInternal::Future<RcStatus> served = pool.requestMemory(*writer, 100'000, written, 2);
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "reader status=" << status << ", writer waits=" << !served.isSet() << std::endl;
-    workers.enqueue(MemShield::create<Digest>({"Digest", SourcePlace::here()}, pool, read));
+    workers.enqueue(GuardedMemory::create<Digest>({"Digest", SourcePlace::here()}, pool, read));
     const RcStatus servedStatus = served.get(); // until the worker has given back what the writer needs
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "writer status=" << servedStatus << " segments=" << written.getSegments().size() << std::endl;
@@ -54,7 +55,7 @@ int main()
     Timer::instance().start();                                                      // the thread that calls it
     ticks.wait();
     ticks.wait();
-    MemShield::instance().printAllocations();
+    MemoryReport::printAllocations();
 
     workers.terminateAllThreads(); // the end, in reverse: nobody works, nobody holds memory, nobody reports
     pool.freeSegments(written.getSegments(), 0);

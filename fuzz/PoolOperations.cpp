@@ -1,6 +1,6 @@
 #include "fuzz/PoolOperations.h"
 
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemoryHelperThread.h"
 #include "datapath/common/infra/MemoryPool.h"
 
@@ -62,7 +62,7 @@ void passHelperThread()
         Semaphore& m_passed;
     };
     Semaphore passed(0);
-    MemoryHelperThread::instance().enqueue(MemShield::create<Barrier>({"Barrier", SourcePlace::here()}, passed));
+    MemoryHelperThread::instance().enqueue(GuardedMemory::create<Barrier>({"Barrier", SourcePlace::here()}, passed));
     passed.wait();
 }
 

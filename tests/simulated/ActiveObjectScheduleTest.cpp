@@ -58,7 +58,7 @@ struct Partner : Counted
 
 template <class T, class... Args> T* make(Args&&... args)
 {
-    return MemShield::create<T>({"Counted", SourcePlace::here()}, std::forward<Args>(args)...);
+    return GuardedMemory::create<T>({"Counted", SourcePlace::here()}, std::forward<Args>(args)...);
 }
 
 /// The workers may look for work, fall asleep or sleep when the two arrive.
@@ -156,7 +156,7 @@ TEST_F(ActiveObjectSchedules, TheShutdownBeginsWhenAllWorkersHaveRegistered)
 auto makeMonitor()
 {
     return GuardedPtr<RateMonitor>(
-        MemShield::create<RateMonitor>({"RateMonitor", SourcePlace::here()}, "rate", RateMonitor::Settings()),
+        GuardedMemory::create<RateMonitor>({"RateMonitor", SourcePlace::here()}, "rate", RateMonitor::Settings()),
         {SourcePlace::here()});
 }
 
@@ -204,7 +204,7 @@ void endWhileActionsArrive(bool isMonitored)
     }
     for (auto left = static_cast<std::size_t>(counts.destroyed); left < actions.size(); ++left)
     {
-        MemShield::destroy(actions.at(left), SourcePlace::here()); // came after the drain
+        GuardedMemory::destroy(actions.at(left), SourcePlace::here()); // came after the drain
     }
     check(counts.destroyed == 2, "no other is destroyed");
 }

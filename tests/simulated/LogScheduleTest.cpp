@@ -46,7 +46,7 @@ struct SmallLogger final : GenFileLogger
         m_flushEveryLine = mode == Mode::Synchronous;
         m_asyncFlushEveryLine = mode == Mode::LineByLine;
         m_flushMaxPeriodMs = 0;
-        m_memoryTracker.reset(MemShield::create<HeapMemoryAllocationTracker>(
+        m_memoryTracker.reset(GuardedMemory::create<HeapMemoryAllocationTracker>(
             {"", SourcePlace::here()}, budget, budget / 2,
             DynamicTweaks::instance().t_disableLogMemoryAllocationTracking, path));
         startWriter();

@@ -10,4 +10,4 @@ constexpr SourcePlace PLACE{"user.cpp", 22};
 
 using Bytes = unsigned char*;
 
-inline Bytes makeObject(std::uint64_t size = 100) { return static_cast<Bytes>(MemShield::allocateObject(size, SITE)); }
+inline Bytes makeObject(std::uint64_t size = 100) { return static_cast<Bytes>(MemShield::allocate(size, 0, SITE)); }

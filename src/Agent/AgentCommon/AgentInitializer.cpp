@@ -60,7 +60,7 @@ void initAgentLogger(const std::string& logFileName)
     platform::appendToPath(path.data(), "logs");
     platform::appendToPath(path.data(), logFileName.c_str());
     const auto maxMemoryMiB = static_cast<std::uint32_t>(Tweaks::instance().intVal("t_qlogMaxFiles"));
-    auto* const client = MemShield::create<FileLoggerClient>(
+    auto* const client = GuardedMemory::create<FileLoggerClient>(
         {"FileLoggerClient", SourcePlace::numbered(NUMBER_CLIENT_CREATED)}, path.data(), maxMemoryMiB, "");
     Logger::instance().registerClient(client, Logger::ALL_LEVELS);
     logClient = client;

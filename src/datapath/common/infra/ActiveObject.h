@@ -6,7 +6,7 @@
 //     class Flush : public ActiveObject::Action { void execute() override { ... } };
 //     ActiveObject writer("Writer", &isWriterVerbose);
 //     writer.open();                                                     // once for each worker
-//     writer.enqueue(MemShield::create<Flush>({"Flush", SourcePlace::here()}));
+//     writer.enqueue(GuardedMemory::create<Flush>({"Flush", SourcePlace::here()}));
 //
 // Any thread may enqueue, actions and observers of futures included. Opening, terminating and destroying belong to
 // the owner's thread. A worker holds a keepalive of the deadlock checker that is armed while an action runs: one that

@@ -2,7 +2,7 @@
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/ThreadBacktracePrinter.h"
-#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "datapath/common/infra/windows/MemWatcher.h"
 
@@ -18,7 +18,7 @@ DlcKeepalive::DlcKeepalive(const std::string& name, DlcTimeoutListener* listener
 
 DlcKeepalive::~DlcKeepalive() { DeadLockCheckerManager::instance().unregisterChecker(this); }
 
-void DlcKeepalive::update(const RcStatus& /*value*/) { MemShield::destroy(this, SourcePlace::here()); }
+void DlcKeepalive::update(const RcStatus& /*value*/) { GuardedMemory::destroy(this, SourcePlace::here()); }
 
 std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t intervalSec)
 {
@@ -99,7 +99,7 @@ void DeadLockCheckerManager::run()
         const MutexGuard guard(m_lock);
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
             << " m_lockSet.size()=" << m_lockSet.size() << " " << std::endl;
-        const std::int64_t nowMs = Timer::instance().getTimestampMs();
+        const std::int64_t nowMs = Clock::instance().timestampMs();
         for (DlcKeepalive* const checker : m_lockSet)
         {
             checker->checkLease(static_cast<std::uint64_t>(nowMs), static_cast<std::uint32_t>(intervalSec));

@@ -24,3 +24,8 @@ void failAssertion(LoggerId loggerId, const MethodText& method, const SourcePlac
     std::cout.flush(); // what others wrote there
     platform::endProcess();
 }
+
+void failCheck(const MethodText& method, const SourcePlace& place, const char* condition, std::string_view explanation)
+{
+    CheckFailure(LoggerId::NON, method, place, condition) << explanation << std::endl;
+}

@@ -17,29 +17,8 @@
 //
 // Any thread may call. The condition is the text of what should have held.
 
+#include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/LogItem.h"
-
-#include <cstdint>
-
-/// A place in the source as messages name it.
-struct SourcePlace
-{
-    const char* path;
-    std::uint32_t number;
-
-    /// This unit and a message number that stays the same when lines move.
-    [[nodiscard]] static constexpr SourcePlace numbered(std::uint32_t number, const char* path = __builtin_FILE())
-    {
-        return {path, number};
-    }
-
-    /// This unit and line.
-    [[nodiscard]] static constexpr SourcePlace here(std::uint32_t line = __builtin_LINE(),
-                                                    const char* path = __builtin_FILE())
-    {
-        return {path, line};
-    }
-};
 
 /// The line of a failed check, up to the explanation. Ending the line ends the process, unless the
 /// Logger's hook lets it go on.
@@ -48,7 +27,3 @@ class CheckFailure : public LogItem
 public:
     CheckFailure(LoggerId loggerId, const MethodText& method, const SourcePlace& place, const char* condition);
 };
-
-/// Logs the failed assertion and ends the process.
-[[noreturn]] void failAssertion(LoggerId loggerId, const MethodText& method, const SourcePlace& place,
-                                const char* condition);

@@ -120,7 +120,7 @@ template <class T> struct RepAllocator
 
     [[nodiscard]] static T* allocate(std::size_t /*one*/)
     {
-        return static_cast<T*>(MemShield::allocateObject(sizeof(T), {"FutureRep<T>", SourcePlace::here()}));
+        return static_cast<T*>(MemShield::allocate(sizeof(T), 0, {"FutureRep<T>", SourcePlace::here()}));
     }
     static void deallocate(T* memory, std::size_t /*one*/) { MemShield::releaseObject(memory, SourcePlace::here()); }
 

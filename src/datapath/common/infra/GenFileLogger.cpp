@@ -38,7 +38,7 @@ HeapMemoryAllocationTracker* createTracker(std::uint32_t maxMemoryMiB, const std
     const std::uint32_t percent = Tweaks::instance().uintVal("t_percentOfLoggerMemoryforMinimalThreshold", 80);
     const std::uint32_t maxBytes = maxMemoryMiB == NO_MEMORY_LIMIT ? NO_MEMORY_LIMIT : maxMemoryMiB << 20U;
     const double resumeBytes = std::min<double>(percent / 100.0 * maxBytes, NO_MEMORY_LIMIT);
-    return MemShield::create<HeapMemoryAllocationTracker>(
+    return GuardedMemory::create<HeapMemoryAllocationTracker>(
         {"HeapMemoryAllocationTracker", SourcePlace::numbered(NUMBER_TRACKER_CREATED)}, maxBytes,
         static_cast<std::uint32_t>(resumeBytes), DynamicTweaks::instance().t_disableLogMemoryAllocationTracking, name);
 }

@@ -1,6 +1,7 @@
 #include "datapath/common/infra/HeapMemoryAllocationTracker.h"
 
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/GuardedMemory.h"
 
 #include <utility>
 
@@ -84,7 +85,7 @@ char* HeapMemoryAllocationTracker::newBuffer(std::uint32_t length)
     }
     try
     {
-        return MemShield::createArray<char>({"s8", SourcePlace::numbered(NUMBER_ALLOCATED)}, length);
+        return GuardedMemory::createArray<char>({"s8", SourcePlace::numbered(NUMBER_ALLOCATED)}, length);
     }
     catch (const std::bad_alloc&)
     {
@@ -95,6 +96,6 @@ char* HeapMemoryAllocationTracker::newBuffer(std::uint32_t length)
 
 void HeapMemoryAllocationTracker::free(const char* buffer, std::uint32_t length)
 {
-    MemShield::destroyArray(buffer, SourcePlace::numbered(NUMBER_RELEASED));
+    GuardedMemory::destroyArray(buffer, SourcePlace::numbered(NUMBER_RELEASED));
     free(length);
 }

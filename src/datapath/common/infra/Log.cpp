@@ -1,6 +1,5 @@
 #include "datapath/common/infra/Log.h"
 
-#include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/Singleton.h"
 #include "platform/Process.h"
 #include "platform/Threads.h"
@@ -47,8 +46,8 @@ void Logger::registerClient(LoggerClient* client, std::uint32_t levelMask)
     client->m_levelMask = levelMask;
     if (!tryRegister(client))
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_CLIENTS), "m_clientsCnt < 4")
-            << " m_clientsCnt=" << MAX_CLIENTS << " " << std::endl;
+        failCheck(THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_CLIENTS), "m_clientsCnt < 4",
+                  " m_clientsCnt=" + std::to_string(MAX_CLIENTS) + " ");
     }
 }
 
@@ -90,8 +89,8 @@ void Logger::unregisterClient(LoggerClient* client)
         static constinit thread_local bool isTelling = false;
         if (!std::exchange(isTelling, true))
         {
-            LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
-                << "a log client cannot be unregistered from inside its own log or flush" << std::endl;
+            logLine(LogLevel::Error, THIS_METHOD,
+                    "a log client cannot be unregistered from inside its own log or flush");
             isTelling = false;
         }
         return;

@@ -11,6 +11,7 @@
 // Lines are made with a LogItem. The hub also keeps the names of the program's threads.
 
 #include "datapath/common/infra/ClientVisits.h"
+#include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
 #include "platform/Atomic.h"
@@ -22,27 +23,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-enum class LogLevel : std::uint32_t
-{
-    Assert = 0, ///< a failed check; ends the process
-    Fatal = 1,
-    Error = 2,
-    Warn = 3,
-    Info = 4,
-    Debug = 5,
-    Control = 6, ///< control output, such as the listing of the configuration
-    Further = 7, ///< written like Info, with a bit of its own in the masks
-};
-
-/// Which part of the product family a line comes from.
-enum class LoggerId : std::uint32_t
-{
-    Invalid = 0,
-    OLM = 1,
-    KRN = 2,
-    NON = 3,
-};
 
 /// As the level column of a line shows it.
 [[nodiscard]] std::string_view logLevelName(LogLevel level);

@@ -75,3 +75,8 @@ LogItem::LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int
     }
     *this << "," << loggerName(loggerId) << "," << fields << ",";
 }
+
+void logLine(LogLevel level, const MethodText& method, std::string_view message)
+{
+    LogItem(LoggerId::NON, level, method) << message << std::endl;
+}

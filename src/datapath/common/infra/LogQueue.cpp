@@ -1,6 +1,6 @@
 #include "datapath/common/infra/LogQueue.h"
 
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/GuardedMemory.h"
 
 #include <algorithm>
 #include <new>
@@ -51,7 +51,7 @@ constexpr std::size_t USUAL_CAPACITY = std::size_t{64} * 1024;
 
 void LogQueue::ChunkDelete::operator()(ChunkHead* chunk) const
 {
-    MemShield::destroyArray(reinterpret_cast<std::byte*>(chunk), SourcePlace::here());
+    GuardedMemory::destroyArray(reinterpret_cast<std::byte*>(chunk), SourcePlace::here());
 }
 
 LogQueue::~LogQueue()
@@ -71,7 +71,7 @@ LogQueue::Chunk LogQueue::newChunk(std::size_t textLength)
 {
     const std::size_t capacity = std::max(USUAL_CAPACITY, roomFor(textLength));
     auto* const memory =
-        MemShield::createArray<std::byte>({"LogQueueChunk", SourcePlace::here()}, sizeof(ChunkHead) + capacity);
+        GuardedMemory::createArray<std::byte>({"LogQueueChunk", SourcePlace::here()}, sizeof(ChunkHead) + capacity);
     return Chunk(::new (memory) ChunkHead(capacity));
 }
 

@@ -1,20 +1,16 @@
 #include "datapath/common/infra/MemShield.h"
 
-#include "datapath/common/infra/MemShieldAO.h"
-#include "datapath/common/infra/MemoryPool.h"
-#include "datapath/common/infra/MemoryReport.h"
+#include "datapath/common/infra/Clock.h"
+#include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/Semaphore.h"
-#include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
-#include "datapath/common/infra/windows/MemWatcher.h"
 #include "platform/Process.h"
+#include "platform/Threads.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <limits>
-#include <map>
-#include <optional>
 #include <sstream>
 
 namespace
@@ -28,33 +24,25 @@ constexpr std::uint32_t NUMBER_TOO_MANY_ITEMS = 173;
 constexpr std::uint32_t NUMBER_NOT_AN_OBJECT = 191;
 constexpr std::uint32_t NUMBER_NOT_AN_ARRAY = 204;
 constexpr std::uint32_t NUMBER_MISUSE = 342;
-constexpr std::uint32_t NUMBER_TOO_MANY_ALLOCATIONS = 516;
 
 constexpr std::uint32_t U32_MAX = std::numeric_limits<std::uint32_t>::max();
 constexpr unsigned char FILLING = 0xFF; // of margins, and of fresh and released memory
 
 // Functions whose lines are logged by others.
 constexpr MethodText COUNTED_OBJECT_RELEASE{"MemShield::freeAndCount", "MemShield,freeAndCount"};
-constexpr MethodText DUMP{"MemShield::memShieldDumpLocked", "MemShield,memShieldDumpLocked"};
+constexpr MethodText COUNTED_ALLOCATION{"MemShield::internalAllocAndCountOnlyArray",
+                                        "MemShield,internalAllocAndCountOnlyArray"};
 constexpr MethodText COUNTED_ARRAY_RELEASE{"MemShield::freeAndCountArray", "MemShield,freeAndCountArray"};
-
-/// As messages show addresses: hexadecimal without a prefix.
-std::string addressText(const void* memory)
-{
-    std::ostringstream text;
-    text << std::hex << reinterpret_cast<std::uintptr_t>(memory);
-    return text.str();
-}
 
 bool isFilled(const std::byte* bytes, std::uint32_t length)
 {
     return std::all_of(bytes, bytes + length, [](std::byte byte) { return byte == std::byte{FILLING}; });
 }
 
-/// Of a thread that misuses memory during the report of another one and must not wait for that.
+/// Whether this thread misuses memory during the report of another one, and must not wait for the end of that.
 constinit thread_local bool isReportLeftOut = false;
 
-std::uint64_t nowMs() { return static_cast<std::uint64_t>(Timer::instance().getLastTimestampMs_Inaccurate(true)); }
+std::uint64_t nowMs() { return static_cast<std::uint64_t>(Clock::lastTimestampMs()); }
 
 } // namespace
 
@@ -64,21 +52,13 @@ MemShield::MemShield()
       m_padding((HEAP_ALIGNMENT - m_preMargin % HEAP_ALIGNMENT) % HEAP_ALIGNMENT),
       m_historyLength(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_allocationHistoryLengthMs", 0)))
 {
-    MemShieldAO::instance().open();
+    MEM_SHIELD_HOOKS.onCreation();
 }
 
-void* MemShield::internalAllocAndCountOnlyArray(std::uint64_t size, std::uint64_t numItems, const AllocationSite& site)
+void MemShield::failTooManyItems()
 {
-    if (isEnabled())
-    {
-        return instance().internalAllocAndRegister(size, numItems, site);
-    }
-    if (numItems >= U32_MAX)
-    {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_ITEMS),
-                      "numItems < std::numeric_limits<u32>::max()");
-    }
-    return allocateCounted(size, numItems == 0 ? OBJECT_SANITY_WORD : static_cast<std::uint32_t>(numItems));
+    failAssertion(LoggerId::NON, COUNTED_ALLOCATION, SourcePlace::numbered(NUMBER_TOO_MANY_ITEMS),
+                  "numItems < std::numeric_limits<u32>::max()");
 }
 
 void MemShield::failNotAnObject()
@@ -153,51 +133,55 @@ void MemShield::verifyPtr(const void* memory, const SourcePlace& place)
 void MemShield::freeAndUnregister(void* memory, const SourcePlace& place)
 {
     auto* const bytes = static_cast<std::byte*>(memory);
-    const std::uint64_t freeTime = nowMs();
-    std::optional<AllocInfo> info;
-    std::string corruption;
-    decltype(m_live.extract(bytes)) released;
-    {
-        const MutexGuard guard(m_mutex);
-        if (const auto found = m_live.find(bytes); found != m_live.end())
-        {
-            info = found->second;
-            corruption = corruptionOf(bytes, *info);
-            if (corruption.empty())
-            {
-                std::memset(bytes, FILLING, info->m_size);
-                released = m_live.extract(found);
-            }
-        }
-        if (!released.empty() && m_historyLength != 0)
-        {
-            released.mapped().m_freeTime = freeTime;
-            m_recentlyFreed.insert(std::move(released));
-            return;
-        }
-    }
-    if (released.empty())
+    const Release release = unregister(bytes);
+    if (!release.info)
     {
         beginReport();
-    }
-    if (!info)
-    {
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "trying to free un-allocated memory"
                                                              << " file=" << place.path << " "
                                                              << " line=" << place.number << " " << std::endl;
         memshieldError({});
     }
-    if (!corruption.empty())
+    if (!release.corruption.empty())
     {
+        beginReport();
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
-            << "memory overrun (during free)!" << corruption << std::endl;
+            << "memory overrun (during free)!" << release.corruption << std::endl;
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "freed at"
                                                              << " file=" << place.path << " "
                                                              << " line=" << place.number << " " << std::endl;
-        memshieldError({{bytes, *info}});
+        memshieldError({{bytes, *release.info}});
     }
-    SystemHeapBytes::giveBack(std::uint64_t{m_preMargin} + info->m_size + m_postMargin);
-    ::operator delete(bytes - m_preMargin - m_padding);
+    if (!release.isKept)
+    {
+        SystemHeapBytes::giveBack(std::uint64_t{m_preMargin} + release.info->m_size + m_postMargin);
+        ::operator delete(bytes - m_preMargin - m_padding);
+    }
+}
+
+MemShield::Release MemShield::unregister(std::byte* memory)
+{
+    const std::uint64_t freeTime = nowMs();
+    const MutexGuard guard(m_mutex);
+    const auto found = m_live.find(memory);
+    if (found == m_live.end())
+    {
+        return {};
+    }
+    Release release = {.info = found->second, .corruption = corruptionOf(memory, found->second)};
+    if (!release.corruption.empty())
+    {
+        return release;
+    }
+    std::memset(memory, FILLING, release.info->m_size);
+    release.node = m_live.extract(found);
+    if (m_historyLength != 0)
+    {
+        release.node.mapped().m_freeTime = freeTime;
+        m_recentlyFreed.insert(std::move(release.node));
+        release.isKept = true;
+    }
+    return release;
 }
 
 std::string MemShield::corruptionOf(const std::byte* memory, const AllocInfo& info) const
@@ -241,125 +225,45 @@ void MemShield::beginReport()
     }
     if (s_waitsForReport)
     {
-        waitForEnd();
+        Tweaks::instance().unlockForGood();
+        MEM_SHIELD_HOOKS.endReportsForGood();
+        Semaphore never(0);
+        never.wait();
     }
     isReportLeftOut = true;
-}
-
-/// The thread never goes on, so it first gives up what it holds and the report takes.
-void MemShield::waitForEnd()
-{
-    Tweaks::instance().unlockForGood();
-    MemWatcher::instance().endReportForGood();
-    MemoryPoolImpl::endReportsForGood();
-    Semaphore never(0);
-    never.wait();
 }
 
 void MemShield::memshieldError(const std::vector<Record>& culprits)
 {
     if (!isReportLeftOut)
     {
-        printAllocations();
-        printRecentlyFreed();
-        dump(culprits); // what no other line tells of the block: how large it is
+        MEM_SHIELD_HOOKS.printMisuse(culprits);
     }
     failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_MISUSE), "false");
 }
 
-void MemShield::printAllocations()
+std::string MemShield::addressText(const void* memory)
 {
-    struct Group
-    {
-        std::uint64_t count = 0;
-        std::uint64_t bytes = 0;
-    };
-    const bool isVerbose = Tweaks::instance().intVal("t_MemShieldVerbose", 1) != 0;
-    const std::int64_t limit = Tweaks::instance().intVal("t_MemShieldMaxAllocationInCodeLine", 700'000);
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
-        << "Allocated from system heap: " << systemHeapBytes() << std::endl;
-
-    std::map<std::pair<const char*, std::uint32_t>, Group> groups;
-    std::uint64_t total = 0;
-    {
-        const MutexGuard guard(m_mutex);
-        for (const auto& [memory, info] : m_live)
-        {
-            Group& group = groups[{info.m_file, info.m_line}];
-            ++group.count;
-            group.bytes += info.m_size;
-            total += info.m_size;
-        }
-    }
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Total memory allocation: " << total << std::endl;
-    std::uint64_t largestCount = 0;
-    for (const auto& [place, group] : groups)
-    {
-        largestCount = std::max(largestCount, group.count);
-        if (isVerbose)
-        {
-            LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
-                << "allocation " << place.first << " " << place.second << " -> " << group.count << " allocations "
-                << group.bytes << " bytes" << std::endl;
-        }
-    }
-    if (!groups.empty() && static_cast<std::int64_t>(largestCount) >= limit)
-    {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_ALLOCATIONS), "false")
-            << "Too many allocations from as single log line. "
-            << " maxAllocationInCodeLine=" << limit << " "
-            << " maxAllocationsFound=" << largestCount << " " << std::endl;
-    }
-    MemoryReport::printOthers();
+    std::ostringstream text;
+    text << std::hex << reinterpret_cast<std::uintptr_t>(memory);
+    return text.str();
 }
 
-void MemShield::sortByAddress(std::vector<Record>& records) { std::ranges::sort(records, std::less(), &Record::first); }
-
-void MemShield::printRecentlyFreed()
+void MemShield::visitLive(const Visitor& visitor)
 {
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
-        << " Timer::instance()->getLastTimestampMs_Inaccurate(true)=" << nowMs() << " " << std::endl;
-    std::vector<Record> records;
+    const MutexGuard guard(m_mutex);
+    for (const auto& [memory, info] : m_live)
     {
-        const MutexGuard guard(m_mutex);
-        records = copyOf(m_recentlyFreed);
-    }
-    sortByAddress(records);
-    for (const auto& [memory, info] : records)
-    {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
-            << "Freed item mem =" << addressText(memory) << " info="
-            << " info.m_size=" << info.m_size << " "
-            << " info.m_file=" << info.m_file << " "
-            << " info.m_line=" << info.m_line << " "
-            << " it->second.m_freeTime=" << info.m_freeTime << " "
-            << " it->second.m_allocTime=" << info.m_allocTime << " "
-            << " it->second.m_class=" << info.m_class << " " << std::endl;
+        visitor(memory, info);
     }
 }
 
-void MemShield::memShieldDumpLocked()
+void MemShield::visitRecentlyFreed(const Visitor& visitor)
 {
-    std::vector<Record> records;
+    const MutexGuard guard(m_mutex);
+    for (const auto& [memory, info] : m_recentlyFreed)
     {
-        const MutexGuard guard(m_mutex);
-        records = copyOf(m_live);
-    }
-    sortByAddress(records);
-    dump(records);
-}
-
-void MemShield::dump(const std::vector<Record>& records)
-{
-    for (const auto& [memory, info] : records)
-    {
-        LogItem(LoggerId::NON, LogLevel::Info, DUMP)
-            << "dumpalloc: " << addressText(memory) << " : "
-            << " it->second.m_class=" << info.m_class << " "
-            << " it->second.m_file=" << info.m_file << " "
-            << " it->second.m_line=" << info.m_line << " "
-            << " it->second.m_size=" << info.m_size << " "
-            << " it->second.m_arrayLength=" << info.m_arrayLength << " " << std::endl;
+        visitor(memory, info);
     }
 }
 

@@ -1,23 +1,21 @@
 #pragma once
 
-// The process-wide allocator of the infrastructure's own objects and arrays, in one of two modes that holds
-// for the life of the process. Counting, the usual one, costs 8 bytes a block and knows objects from arrays.
-// Guarded, for diagnosis, surrounds each block with margins, registers it with its place of allocation,
-// checks it when it is released, and ends the process with a full memory report on any misuse.
+// The process-wide allocator below the infrastructure's own objects and arrays, in one of two modes that holds for the
+// life of the process. Counting, the usual one, costs 8 bytes a block and knows objects from arrays. Guarded, for
+// diagnosis, surrounds each block with margins, registers it with its place of allocation, checks it when it is
+// released, and ends the process with a full memory report on any misuse. Code allocates through GuardedMemory.h.
 //
-//     Thing* const thing = MemShield::create<Thing>({"Thing", SourcePlace::here()}, argument);
-//     MemShield::destroy(thing, SourcePlace::here());
-//     char* const bytes = MemShield::createArray<char>({"s8", SourcePlace::here()}, length);
-//     MemShield::destroyArray(bytes, SourcePlace::here());
+//     counted    | length u32 | sanity word u32 | memory ... |           the words are little-endian on every target
+//     guarded    | padding | pre margin | memory ... | post margin |     margins and fresh memory are filled with 0xFF
 //
-// Any thread may call, and may release what another one allocated. Sizes are in bytes. What the system heap
-// cannot give is a std::bad_alloc. Texts of types and places are kept as pointers: pass literals.
+// Any thread may call, and may release what another one allocated. Sizes are in bytes. What the system heap cannot
+// give is a std::bad_alloc. Texts of types and places are kept as pointers: pass literals.
 //
 // Lines are never logged under the allocator's lock, so log clients may allocate here, a report included, if
 // they hold no lock of their own meanwhile that their logging takes. A client that allocates must be registered
 // after the first block was allocated.
 
-#include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Singleton.h"
@@ -25,12 +23,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <new>
+#include <optional>
 #include <string>
-#include <type_traits>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 /// What is allocated, and where in the source.
@@ -46,6 +44,9 @@ public:
     /// A guarded block, its margins included, is shorter.
     static constexpr std::uint64_t MAX_SINGLE_ALLOCATION_LENGTH = 314'572'800;
 
+    /// What a counted block's header leaves of the system heap's alignment.
+    static constexpr std::size_t BLOCK_ALIGNMENT = 8;
+
     /// What is known of a guarded block. Times are in ms, as the clock's inaccurate reading gives them.
     struct AllocInfo
     {
@@ -58,6 +59,26 @@ public:
         std::uint64_t m_freeTime = 0; ///< 0 while live
     };
 
+    struct Record
+    {
+        const std::byte* memory;
+        AllocInfo info;
+    };
+    using Visitor = std::function<void(const std::byte* memory, const AllocInfo& info)>;
+
+    /// What the allocator asks of the layers above it, which know what else holds memory.
+    struct Hooks
+    {
+        /// The allocator is being made: starts MemShieldAO's worker. The worker's thread waits until it is made.
+        void (*onCreation)();
+
+        /// Logs the memory report that precedes the end of the process: what no other line tells of the culprits, too.
+        void (*printMisuse)(const std::vector<Record>& culprits);
+
+        /// The calling thread never goes on: gives up the locks that it may hold and a report takes.
+        void (*endReportsForGood)();
+    };
+
     /// Whether blocks are guarded, or only counted.
     [[nodiscard]] static bool isEnabled() { return s_isEnabled; }
 
@@ -68,98 +89,46 @@ public:
     /// thread reports one ends the process at once, after its own lines. Any other thread waits for that end.
     static void neverWaitForReport() { s_waitsForReport = false; }
 
-    /// Allocates and constructs. The caller owns the object.
-    template <class T, class... Args> [[nodiscard]] static T* create(const AllocationSite& site, Args&&... args)
+    /// A block for an object (no items) or for an array of numItems elements that take size bytes in all.
+    [[nodiscard]] static void* allocate(std::uint64_t size, std::uint64_t numItems, const AllocationSite& site)
     {
-        static_assert(alignof(T) <= BLOCK_ALIGNMENT);
-        void* const memory = allocateObject(sizeof(T), site);
-        try
-        {
-            return ::new (memory) T(std::forward<Args>(args)...);
-        }
-        catch (...)
-        {
-            releaseObject(memory, site.place);
-            throw;
-        }
-    }
-
-    /// Destroys and releases the object at the address that create gave, through a base class too if that stands first
-    /// and has a virtual destructor. Not for null. Nothing is read through a pointer that is not a live guarded block.
-    template <class T> static void destroy(T* object, const SourcePlace& place) { destroy(object, object, place); }
-
-    /// The same for an owner that knows the object by a base class that need not stand first: memory is the address
-    /// that create gave, as dynamic_cast<void*> finds it while the object certainly lives.
-    template <class T> static void destroy(T* object, void* memory, const SourcePlace& place)
-    {
-        static_assert(!std::is_polymorphic_v<T> || std::has_virtual_destructor_v<T> || std::is_final_v<T>);
-        if (isEnabled())
-        {
-            instance().verifyPtr(memory, place); // before the destructor of an object that is gone already
-            object->~T();
-            instance().freeAndUnregister(memory, place);
-        }
-        else
-        {
-            object->~T();
-            freeAndCount(memory);
-        }
-    }
-
-    /// Elements are not initialized. An array of 0 elements is an error when blocks are guarded, and must be
-    /// released as an object when they are counted.
-    template <class T> [[nodiscard]] static T* createArray(const AllocationSite& site, std::uint64_t length)
-    {
-        static_assert(alignof(T) <= BLOCK_ALIGNMENT && std::is_trivially_default_constructible_v<T> &&
-                      std::is_trivially_destructible_v<T>);
-        constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
-        const std::uint64_t size = length > MOST / sizeof(T) ? MOST : length * sizeof(T);
-        return static_cast<T*>(internalAllocAndCountOnlyArray(size, length, site));
-    }
-
-    template <class T> static void destroyArray(T* array, const SourcePlace& place)
-    {
-        releaseArray(const_cast<std::remove_const_t<T>*>(array), place);
-    }
-
-    [[nodiscard]] static void* allocateObject(std::uint64_t size, const AllocationSite& site)
-    {
-        return isEnabled() ? instance().internalAllocAndRegister(size, 0, site)
-                           : allocateCounted(size, OBJECT_SANITY_WORD);
+        return isEnabled() ? instance().internalAllocAndRegister(size, numItems, site)
+                           : internalAllocAndCountOnlyArray(size, numItems);
     }
 
     static void releaseObject(void* memory, const SourcePlace& place)
     {
-        if (isEnabled())
-        {
-            instance().verifyPtr(memory, place);
-            instance().freeAndUnregister(memory, place);
-        }
-        else
-        {
-            freeAndCount(memory);
-        }
+        verifyObject(memory, place);
+        releaseVerified(memory, place);
     }
 
-    /// An array of numItems elements that take size bytes in all; guarded or counted, as the mode is.
-    [[nodiscard]] static void* internalAllocAndCountOnlyArray(std::uint64_t size, std::uint64_t numItems,
-                                                              const AllocationSite& site);
     static void releaseArray(void* memory, const SourcePlace& place)
+    {
+        isEnabled() ? instance().freeAndUnregister(memory, place) : freeAndCountArray(memory);
+    }
+
+    /// The two halves of releaseObject: what stands between them may still use the object.
+    static void verifyObject(const void* memory, const SourcePlace& place)
     {
         if (isEnabled())
         {
-            instance().freeAndUnregister(memory, place);
-        }
-        else
-        {
-            freeAndCountArray(memory);
+            instance().verifyPtr(memory, place);
         }
     }
+    static void releaseVerified(void* memory, const SourcePlace& place)
+    {
+        isEnabled() ? instance().freeAndUnregister(memory, place) : freeAndCount(memory);
+    }
 
-    /// The two ways by themselves. A block must be released the way it was allocated.
-    [[nodiscard]] void* internalAllocAndRegister(std::uint64_t size, std::uint64_t arrayLength,
-                                                 const AllocationSite& site) EXCLUDES(m_mutex);
-    void freeAndUnregister(void* memory, const SourcePlace& place) EXCLUDES(m_mutex);
+    // The two modes by themselves. A block must be released the way it was allocated.
+    [[nodiscard]] static void* internalAllocAndCountOnlyArray(std::uint64_t size, std::uint64_t numItems)
+    {
+        if (numItems >= OBJECT_SANITY_WORD) [[unlikely]]
+        {
+            failTooManyItems();
+        }
+        return allocateCounted(size, numItems == 0 ? OBJECT_SANITY_WORD : static_cast<std::uint32_t>(numItems));
+    }
 
     static void freeAndCount(void* memory)
     {
@@ -179,20 +148,23 @@ public:
         releaseCounted(memory);
     }
 
-    /// Ends the process unless it is.
+    [[nodiscard]] void* internalAllocAndRegister(std::uint64_t size, std::uint64_t arrayLength,
+                                                 const AllocationSite& site) EXCLUDES(m_mutex);
+    void freeAndUnregister(void* memory, const SourcePlace& place) EXCLUDES(m_mutex);
+
+    /// Ends the process unless the memory is a live guarded block.
     void verifyPtr(const void* memory, const SourcePlace& place) EXCLUDES(m_mutex);
+
+    /// How messages show the address of a block: hexadecimal without a prefix.
+    [[nodiscard]] static std::string addressText(const void* memory);
 
     /// Bytes taken from the system heap, margins and headers included, at this moment.
     [[nodiscard]] static std::uint64_t systemHeapBytes() { return SystemHeapBytes::read(); }
 
-    /// Logs how much is allocated and by which places, then the other memory reports.
-    void printAllocations() EXCLUDES(m_mutex);
-
-    /// Logs the blocks that are kept after their release.
-    void printRecentlyFreed() EXCLUDES(m_mutex);
-
-    /// Logs every live guarded block, as of one moment under the lock.
-    void memShieldDumpLocked() EXCLUDES(m_mutex);
+    /// Calls the visitor for every guarded block that is live, or that is kept after its release, in no order. It runs
+    /// under the lock: it must neither log nor allocate here.
+    void visitLive(const Visitor& visitor) EXCLUDES(m_mutex);
+    void visitRecentlyFreed(const Visitor& visitor) EXCLUDES(m_mutex);
 
     /// Whether every registered block is sound and both its margins are whole. For tests.
     [[nodiscard]] bool checkInvariants() EXCLUDES(m_mutex);
@@ -200,20 +172,26 @@ public:
 private:
     friend Singleton;
 
-    using Record = std::pair<std::byte*, AllocInfo>;
     // By hash: the cost of a release must not grow with the number of live blocks.
     using Records = StlMemShiledContainer<std::unordered_map<std::byte*, AllocInfo>>;
 
-    static constexpr std::size_t HEAP_ALIGNMENT = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
-    static constexpr std::size_t BLOCK_ALIGNMENT = 8; // what a counted block's header leaves of the heap's
+    /// What became of a block that is to be released.
+    struct Release
+    {
+        std::optional<AllocInfo> info;  // nothing: there is no such live block
+        std::string corruption;         // not empty: what is wrong with its margin; it stays registered then
+        bool isKept = false;            // among the recently freed ones
+        Records::node_type node = {};   // its record, to be released without the lock
+    };
 
+    static constexpr std::size_t HEAP_ALIGNMENT = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
     static constexpr std::uint32_t OBJECT_SANITY_WORD = 0xFFFF'FFFF;
 
     /// What precedes the memory of a counted block.
     struct CountedHeader
     {
         std::uint32_t length;     // of the whole block
-        std::uint32_t sanityWord; // of an object, or the number of an array's elements
+        std::uint32_t sanityWord; // OBJECT_SANITY_WORD, or the number of an array's elements
     };
 
     MemShield();
@@ -245,16 +223,14 @@ private:
         ::operator delete(header);
     }
 
+    [[noreturn]] static void failTooManyItems();
     [[noreturn]] static void failNotAnObject();
     [[noreturn]] static void failNotAnArray();
     [[nodiscard]] bool isLive(const void* memory) EXCLUDES(m_mutex);
+    [[nodiscard]] Release unregister(std::byte* memory) EXCLUDES(m_mutex);
     [[nodiscard]] std::string corruptionOf(const std::byte* memory, const AllocInfo& info) const;
     static void beginReport();
-    static void waitForEnd();
-    [[noreturn]] void memshieldError(const std::vector<Record>& culprits);
-    static void dump(const std::vector<Record>& records);
-    [[nodiscard]] static std::vector<Record> copyOf(const Records& records) { return {records.begin(), records.end()}; }
-    static void sortByAddress(std::vector<Record>& records);
+    [[noreturn]] static void memshieldError(const std::vector<Record>& culprits);
 
     static constinit inline bool s_isEnabled = true; // until the entry point has read the configuration
     static constinit inline thread_local bool s_waitsForReport = true;
@@ -267,3 +243,6 @@ private:
     Mutex m_mutex;                       // guards both maps; nothing is taken inside it
     const std::uint32_t m_historyLength; // ms; not 0: released blocks are kept
 };
+
+/// The one table of hooks. MemoryReport.cpp defines it, so that whatever links the allocator links its report.
+extern const MemShield::Hooks MEM_SHIELD_HOOKS;

@@ -37,6 +37,6 @@ void ThreadCpuUsageMonitor::logFailure(const char* failure)
 ThreadInfo makeThreadInfo(std::uint32_t threadId)
 {
     auto* const monitor =
-        MemShield::create<ThreadCpuUsageMonitor>({"ThreadCpuUsageMonitor", SourcePlace::here()}, threadId);
+        GuardedMemory::create<ThreadCpuUsageMonitor>({"ThreadCpuUsageMonitor", SourcePlace::here()}, threadId);
     return {.monitor{monitor, {SourcePlace::here()}}};
 }

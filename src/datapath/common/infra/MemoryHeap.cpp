@@ -1,6 +1,6 @@
 #include "datapath/common/infra/MemoryHeap.h"
 
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/GuardedMemory.h"
 
 #include <vector>
 
@@ -31,7 +31,7 @@ void check(bool holds, std::uint32_t number, const char* condition)
 
 HeapModuleMemoryInformation* MemoryHeap::registerModule(const std::string& name, HeapModuleMemoryInformation* parent)
 {
-    auto* const module = MemShield::create<HeapModuleMemoryInformation>(
+    auto* const module = GuardedMemory::create<HeapModuleMemoryInformation>(
         {"HeapModuleMemoryInformation", SourcePlace::here()}, name, parent);
     bool isAdded = false;
     {
@@ -40,7 +40,7 @@ HeapModuleMemoryInformation* MemoryHeap::registerModule(const std::string& name,
     }
     if (!isAdded)
     {
-        MemShield::destroy(module, SourcePlace::here());
+        GuardedMemory::destroy(module, SourcePlace::here());
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
             << "a module named \"" << name << "\" is registered already" << std::endl;
         return nullptr;
@@ -56,7 +56,7 @@ MemorySegment MemoryHeap::takeSegment(HeapModuleMemoryInformation& module, std::
             << "a segment of 0 bytes was asked for by module \"" << module.name() << "\"" << std::endl;
         return {};
     }
-    char* const buffer = MemShield::createArray<char>({"s8", SourcePlace::here()}, bytes);
+    char* const buffer = GuardedMemory::createArray<char>({"s8", SourcePlace::here()}, bytes);
     const MutexGuard guard(m_mutex);
     m_usedMemoryGross += CHUNK_SIZE;
     m_usedMemoryNet += bytes;
@@ -78,7 +78,7 @@ void MemoryHeap::freeSegment(MemorySegment& segment)
     check(segment.owner != nullptr, NUMBER_NULL_OWNER, "mmi != 0");
     check(segment.owner->isHeapMemory(), NUMBER_NOT_OF_THE_HEAP, "mmi->isHeapMemory()");
     check(segment.buffer != nullptr, __LINE__, "segment->buffer != 0"); // given back already
-    MemShield::destroyArray(segment.buffer,
+    GuardedMemory::destroyArray(segment.buffer,
                             SourcePlace::numbered(NUMBER_RELEASED)); // misuse is reported, heap included
     countFreed(segment);
 }

@@ -1,8 +1,9 @@
 #include "datapath/common/infra/MemoryPool.h"
 
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/MemoryPoolInternal.h"
-#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Clock.h"
 
 #include <algorithm>
 #include <array>
@@ -109,7 +110,7 @@ MemoryPoolImpl::MemoryPoolImpl(const Settings& settings)
     {
         // Used under the lock, and they log when they are made: a log client may need the lock.
         static_cast<void>(MemShield::instance());
-        static_cast<void>(Timer::instance().getTimestampMs());
+        static_cast<void>(Clock::instance().timestampMs());
     }
 }
 
@@ -125,7 +126,7 @@ MemoryPoolImpl::~MemoryPoolImpl()
     {
         m_waitingList.unsubscribe(&module->waiting());
         abortRequestsLocked(*module);
-        MemShield::destroy(module, SourcePlace::here());
+        GuardedMemory::destroy(module, SourcePlace::here());
     }
 }
 
@@ -302,7 +303,7 @@ FutureInternal::Future<RcStatus> MemoryPoolImpl::requestMemory(ModuleMemoryInfor
         return Future::ready(RC_OK);
     }
     auto* const request =
-        MemShield::create<Request>({"Request", SourcePlace::here()}, module, bytes, buffer, clientTraceId);
+        GuardedMemory::create<Request>({"Request", SourcePlace::here()}, module, bytes, buffer, clientTraceId);
     request->m_missingBytes = missingBytes;
     request->m_numSegments = numSegments;
     Future future = request->m_future;
@@ -387,7 +388,7 @@ void MemoryPoolImpl::freeSegment(MemorySegment& segment)
 void MemoryPoolImpl::releaseUnowned(char* buffer)
 {
     check(buffer != nullptr, SourcePlace::here(), "segment->buffer != 0"); // given back already
-    MemShield::destroyArray(buffer, SourcePlace::numbered(NUMBER_UNOWNED_RELEASED));
+    GuardedMemory::destroyArray(buffer, SourcePlace::numbered(NUMBER_UNOWNED_RELEASED));
 }
 
 void MemoryPoolImpl::freeSegmentContentLocked(MemorySegment& segment)

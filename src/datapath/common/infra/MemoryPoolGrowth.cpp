@@ -1,7 +1,7 @@
 // The part of the memory pool that takes memory from the guarded allocator, in blocks, and gives it back.
 
 #include "datapath/common/infra/FatalCheck.h"
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemoryHelperThread.h"
 #include "datapath/common/infra/MemoryPoolInternal.h"
 #include "datapath/common/infra/SystemHeapBytes.h"
@@ -47,7 +47,7 @@ public:
         }
         m_status = value;
         MemoryHelperThread::instance().enqueue(
-            MemShield::create<MemoryHelperThread::ActionWrapper>({"ActionWrapper", PLACE_WRAPPER_CREATED}, *this));
+            GuardedMemory::create<MemoryHelperThread::ActionWrapper>({"ActionWrapper", PLACE_WRAPPER_CREATED}, *this));
     }
 
     void execute() override { m_pool.finishGrowth(m_status); } // which destroys this object
@@ -80,19 +80,19 @@ void MemoryPoolImpl::Guard::unlockAndRelease()
     requests.destroyAll();
     for (MemoryAllocationHelper* const helper : helpers)
     {
-        MemShield::destroy(helper, PLACE_HELPER_RELEASED);
+        GuardedMemory::destroy(helper, PLACE_HELPER_RELEASED);
     }
 }
 
 void MemoryPoolImpl::releaseSingleAllocation(char* memory, std::uint32_t size)
 {
     SystemHeapBytes::take(std::uint64_t{size} + sizeof(std::uint64_t));
-    MemShield::destroyArray(memory, PLACE_BLOCK_RELEASED);
+    GuardedMemory::destroyArray(memory, PLACE_BLOCK_RELEASED);
 }
 
 FutureInternal::Future<RcStatus> MemoryPoolImpl::allocateSingleAllocation(std::uint32_t size, char*& memory)
 {
-    memory = MemShield::createArray<char>({"u8", PLACE_BLOCK_ALLOCATED}, size);
+    memory = GuardedMemory::createArray<char>({"u8", PLACE_BLOCK_ALLOCATED}, size);
     SystemHeapBytes::giveBack(std::uint64_t{size} + sizeof(std::uint64_t)); // it is not counted there
     return FutureInternal::Future<RcStatus>::ready(RC_OK);
 }
@@ -105,7 +105,7 @@ void MemoryPoolImpl::requestForMoreAllocationLocked()
             << std::endl;
     }
     using Future = FutureInternal::Future<RcStatus>;
-    auto* const helper = MemShield::create<MemoryAllocationHelper>({"MemoryAllocationHelper", PLACE_HELPER_CREATED},
+    auto* const helper = GuardedMemory::create<MemoryAllocationHelper>({"MemoryAllocationHelper", PLACE_HELPER_CREATED},
                                                                    *this, singleAllocationSize());
     m_requestForMoreAllocationHelper = helper;
     const auto allocate = [&]() -> Future {
@@ -159,7 +159,7 @@ void MemoryPoolImpl::allocatePagesFromSingleAllocationLocked(char* memory, std::
     }
     m_totalPollSize += size;
     m_singleAllocations.emplace(memory, SingleAllocation{.size = size});
-    const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
+    const std::int64_t nowMs = Clock::refreshedTimestampMs();
     if (nowMs - m_lastGrowthReportMs >= REPORT_INTERVAL_MS)
     {
         m_lastGrowthReportMs = nowMs;

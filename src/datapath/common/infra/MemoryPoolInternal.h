@@ -3,7 +3,7 @@
 // What the units of the memory pool share. Nobody else uses it.
 
 #include "datapath/common/infra/MemoryPool.h"
-#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Clock.h"
 
 /// A request for memory that waits.
 class MemoryPoolImpl::Request final : public WaitingRequestsQueue_Internal::Request
@@ -21,7 +21,7 @@ public:
     std::uint32_t m_numSegments = 0; // that it has got
     ModuleMemoryInformation& m_module;
     FutureInternal::Future<RcStatus> m_future;
-    const std::int64_t m_startMs = Timer::instance().getTimestampMs();
+    const std::int64_t m_startMs = Clock::instance().timestampMs();
 };
 
 /// While code that is not the pool's own runs under its lock, on the same thread: misuse of memory that is found in it

@@ -1,7 +1,7 @@
 // The part of the memory pool that registers its modules.
 
 #include "datapath/common/infra/LogItem.h"
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemoryPoolInternal.h"
 
 #include <algorithm>
@@ -104,7 +104,7 @@ ModuleMemoryInformation* MemoryPoolImpl::addModuleLocked(const ModuleSettings& s
                                                          std::uint64_t limitBytes)
 {
     auto* const module =
-        MemShield::create<ModuleMemoryInformation>({"ModuleMemoryInformation", SourcePlace::here()}, settings.name,
+        GuardedMemory::create<ModuleMemoryInformation>({"ModuleMemoryInformation", SourcePlace::here()}, settings.name,
                                                    reservedBytes, limitBytes, settings.parent, &m_removedRequests);
     m_modules.emplace(settings.name, module);
     m_waitingList.subscribe(&module->waiting());
@@ -174,6 +174,6 @@ bool MemoryPoolImpl::unregisterModule(ModuleMemoryInformation& module)
         LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD) << "cannot unregister " << refusal << std::endl;
         return false;
     }
-    MemShield::destroy(&module, SourcePlace::here());
+    GuardedMemory::destroy(&module, SourcePlace::here());
     return true;
 }

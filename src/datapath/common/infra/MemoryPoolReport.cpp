@@ -73,7 +73,7 @@ MemoryPoolImpl::Usage MemoryPoolImpl::usage()
 void MemoryPoolImpl::printMemoryUsage()
 {
     printModules();
-    const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
+    const std::int64_t nowMs = Clock::refreshedTimestampMs();
     bool isDue = false;
     {
         const MutexGuard guard(reportMutex());
@@ -168,7 +168,7 @@ void MemoryPoolImpl::monitorPendingMemoryAllocations()
     const Tweaks& tweaks = Tweaks::instance();
     const std::uint32_t infoSec = tweaks.uintVal("t_OlmWaitTimeAfterMemAllocRequestInfoThresholdSec", 60);
     const std::uint32_t errorSec = tweaks.uintVal("t_OlmWaitTimeAfterMemAllocRequestErrorThresholdSec", 1800);
-    const std::int64_t nowMs = Timer::instance().getTimestampMs();
+    const std::int64_t nowMs = Clock::instance().timestampMs();
     struct Waiting
     {
         std::int64_t waitedMs;

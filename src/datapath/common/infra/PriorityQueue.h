@@ -13,7 +13,7 @@
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
-#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "platform/Atomic.h"
 
@@ -191,7 +191,7 @@ private:
     {
         if (m_printStats)
         {
-            const std::int64_t nowMs = Timer::instance().getLastTimestampMs_Inaccurate(false);
+            const std::int64_t nowMs = Clock::refreshedTimestampMs();
             if (nowMs - m_lastPrintMs >= m_printIntervalMs)
             {
                 m_lastPrintMs = nowMs;

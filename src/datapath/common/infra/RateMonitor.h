@@ -11,7 +11,7 @@
 // Times are in µs of the steady clock. The feeding code holds m_mutex around each call.
 
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Clock.h"
 
 #include <cstdint>
 #include <string>
@@ -31,7 +31,7 @@ public:
         /// Whether the line covers everything since the construction, rather than a period of its own.
         bool cumulative = false;
         /// The clock.
-        std::int64_t (*timestampUs)() = [] { return Timer::instance().getTimestampUs(); };
+        std::int64_t (*timestampUs)() = [] { return static_cast<std::int64_t>(Clock::steadyNs() / 1000); };
     };
 
     /// The name opens the lines; a monitor without one writes none. The first period starts here.

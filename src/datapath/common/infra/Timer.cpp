@@ -1,12 +1,12 @@
 #include "datapath/common/infra/Timer.h"
 
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/windows/WindowsTimer.h"
 #include "platform/Threads.h"
 #include "platform/Time.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <iostream>
 
@@ -22,54 +22,17 @@ void Timer::start()
     }
 }
 
-std::uint64_t Timer::getTimestampNs()
-{
-    constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
-    constexpr std::int64_t USUAL_TICKS_PER_SECOND = 10'000'000; // needs no division
-    std::int64_t ticks = 0;
-    std::int64_t ticksPerSecond = USUAL_TICKS_PER_SECOND;
-    static_cast<void>(platform::performanceCounter(ticks) && platform::performanceFrequency(ticksPerSecond));
-    const std::int64_t timestampNs =
-        ticksPerSecond == USUAL_TICKS_PER_SECOND
-            ? ticks * (NS_PER_SECOND / USUAL_TICKS_PER_SECOND)
-            : ticks / ticksPerSecond * NS_PER_SECOND + ticks % ticksPerSecond * NS_PER_SECOND / ticksPerSecond;
-    return static_cast<std::uint64_t>(timestampNs);
-}
+std::uint64_t Timer::getTimestampNs() { return Clock::steadyNs(); }
 
 std::int64_t Timer::getTimestampUs() { return static_cast<std::int64_t>(getTimestampNs() / 1000); }
 
-std::int64_t Timer::getTimestampMs()
-{
-    const std::int64_t timestampMs = WindowsTimer::instance().getTimestampMs();
-    if (m_lastTimestampMs.load(std::memory_order_relaxed) != timestampMs)
-    {
-        m_lastTimestampMs.store(timestampMs, std::memory_order_relaxed); // once a ms: others read this line
-    }
-    return timestampMs;
-}
+std::int64_t Timer::getTimestampMs() { return Clock::instance().timestampMs(); }
 
-std::int64_t Timer::getUtcTimeMs()
-{
-    using namespace std::chrono;
-    const platform::UtcTime now = platform::utcNow();
-    const sys_days day = year(now.year) / now.month / now.day;
-    const auto time = day + hours(now.hour) + minutes(now.minute) + seconds(now.second);
-    return duration_cast<milliseconds>(time.time_since_epoch()).count() + now.millisecond;
-}
+std::int64_t Timer::getUtcTimeMs() { return Clock::utcMs(); }
 
 std::int64_t Timer::getLastTimestampMs_Inaccurate(bool noRefresh)
 {
-    constexpr std::uint64_t REFRESH_PERIOD_MS = 1000;
-    if (!noRefresh)
-    {
-        const std::uint64_t tick = platform::tickCountMs();
-        if (tick > m_lastRefreshTick.load(std::memory_order_relaxed) + REFRESH_PERIOD_MS)
-        {
-            m_lastRefreshTick.store(tick, std::memory_order_relaxed);
-            getTimestampMs();
-        }
-    }
-    return m_lastTimestampMs.load(std::memory_order_relaxed);
+    return noRefresh ? Clock::lastTimestampMs() : Clock::refreshedTimestampMs();
 }
 
 TimerHandle Timer::addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot)
@@ -87,12 +50,9 @@ std::uint64_t Timer::getProcessCpuTimeUs()
     return time ? (time->kernel + time->user) / (processors * TICKS_PER_US) : 0;
 }
 
-void Timer::setRelativeTimeMs(std::int64_t value)
-{
-    m_relativeBaseMs.store(getTimestampMs() - value, std::memory_order_relaxed);
-}
+void Timer::setRelativeTimeMs(std::int64_t value) { Clock::instance().setRelativeMs(value); }
 
-std::int64_t Timer::getRelativeTimeMs() { return getTimestampMs() - m_relativeBaseMs.load(std::memory_order_relaxed); }
+std::int64_t Timer::getRelativeTimeMs() { return Clock::instance().relativeMs(); }
 
 bool Timer::parseUtcTime(const char* text, CalendarRecord& record)
 {

@@ -1,6 +1,7 @@
 #pragma once
 
-// The implementation of the process's clock; see ITimer for what it promises.
+// The process's clock and timers behind one interface; see ITimer for what it promises. The readings are Clock's, the
+// timers WindowsTimer's.
 
 #include "datapath/common/infra/ITimer.h"
 #include "datapath/common/infra/Singleton.h"
@@ -24,9 +25,5 @@ public:
     virtual ~Timer() = default;
 
 private:
-    // Only the values matter, so all of these are read and written without an order.
-    platform::Atomic<std::int64_t> m_lastTimestampMs = 0;
-    platform::Atomic<std::int64_t> m_relativeBaseMs = 0;
-    platform::Atomic<std::uint32_t> m_numProcessors = 0;
-    platform::Atomic<std::uint64_t> m_lastRefreshTick = 0; // of the system's tick count, in ms
+    platform::Atomic<std::uint32_t> m_numProcessors = 0; // read and written without an order
 };

@@ -1,6 +1,6 @@
 #include "datapath/common/infra/WaitingRequestsQueue.h"
 
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/GuardedMemory.h"
 
 using WaitingRequestsQueue_Internal::CONTINUE_ITERATION;
 using WaitingRequestsQueue_Internal::ISequentialItemHandler;
@@ -22,7 +22,7 @@ void RemovedRequests::destroyAll()
 {
     for (const auto& [request, place] : std::exchange(m_requests, {}))
     {
-        MemShield::destroy(request, place);
+        GuardedMemory::destroy(request, place);
     }
 }
 
@@ -42,7 +42,7 @@ void WaitingRequestsQueue::remove(Request* request, const SourcePlace& place)
     }
     else
     {
-        MemShield::destroy(request, place);
+        GuardedMemory::destroy(request, place);
     }
 }
 

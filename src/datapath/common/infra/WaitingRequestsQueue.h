@@ -3,7 +3,7 @@
 // The requests of one client module that wait to be served, first in first out, each with a key. A visitor is shown one
 // request after the other and answers with flags whether it is completed and whether to go on.
 //
-//     queue.push(MemShield::create<Request>({"Request", SourcePlace::here()}), key);
+//     queue.push(GuardedMemory::create<Request>({"Request", SourcePlace::here()}), key);
 //     queue.iterateRequests(FunctorSequentialHandler([&](PostIterationFlags& flags, Request* request) { ... }));
 //
 // Not for several threads at once: the owner locks. Requests are objects of the guarded allocator and belong to the

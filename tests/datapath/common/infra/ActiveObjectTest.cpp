@@ -41,7 +41,7 @@ struct Work : ActiveObject::Action
 
 void enqueue(ActiveObject& object, const std::function<void(Work&)>& work, std::uint32_t timeoutSec = 0)
 {
-    object.enqueue(MemShield::create<Work>({"Work", SourcePlace::here()}, work, timeoutSec));
+    object.enqueue(GuardedMemory::create<Work>({"Work", SourcePlace::here()}, work, timeoutSec));
 }
 
 void open(ActiveObject& object, int workers)
@@ -52,7 +52,7 @@ void open(ActiveObject& object, int workers)
 
 GuardedPtr<RateMonitor> makeMonitor(const RateMonitor::Settings& settings)
 {
-    return {MemShield::create<RateMonitor>({"RateMonitor", SourcePlace::here()}, "rate", settings),
+    return {GuardedMemory::create<RateMonitor>({"RateMonitor", SourcePlace::here()}, "rate", settings),
             {SourcePlace::here()}};
 }
 
@@ -145,7 +145,7 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     std::array<Work*, 2> late{};
     for (Work*& work : late)
     {
-        work = MemShield::create<Work>({"Work", SourcePlace::here()}, [&](Work&) { started.signal(); });
+        work = GuardedMemory::create<Work>({"Work", SourcePlace::here()}, [&](Work&) { started.signal(); });
     }
     const HookedClient hook("queue was not empty", [&](const std::string&) { object->enqueue(late[0]); });
     std::thread letting([&] { platform::sleepMs(20), mayEnd.signal(); });
@@ -164,7 +164,7 @@ TEST_F(ActiveObjectTest, ShutdownWaitsForTheRunningActionAndDestroysTheOthers)
     started.wait();
     next.terminateAllThreads();
     EXPECT_EQ(1, living);
-    MemShield::destroy(late[1], SourcePlace::here());
+    GuardedMemory::destroy(late[1], SourcePlace::here());
     object.reset();
     EXPECT_EQ(0, client.count("Assert,~"));
 }

@@ -1,6 +1,7 @@
 #include "datapath/common/infra/DeadLockChecker.h"
 
 #include "datapath/common/infra/Tweaks.h"
+#include "datapath/common/infra/GuardedMemory.h"
 #include "tests/support/Support.h"
 
 #include <algorithm>
@@ -89,7 +90,7 @@ TEST_F(DeadLockChecker, KeepalivesAreRegisteredOnce)
 {
     FutureInternal::Future<RcStatus> done;
     const std::uint64_t before = MemShield::systemHeapBytes();
-    auto* const keepalive = MemShield::create<DlcKeepalive>({"DlcKeepalive", SourcePlace::here()}, "Request");
+    auto* const keepalive = GuardedMemory::create<DlcKeepalive>({"DlcKeepalive", SourcePlace::here()}, "Request");
     client.newMessages();
     DeadLockCheckerManager::instance().registerChecker(keepalive);
     done.addObserver(keepalive);

@@ -1,7 +1,9 @@
 // The file logger over real files: its queue, budget, flushes and modes, and what is in the file at the end.
 
 #include "datapath/common/infra/FileLoggerClient.h"
+#include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/MemoryReport.h"
 #include "platform/Text.h"
 #include "platform/Threads.h"
 #include "tests/support/Support.h"
@@ -128,7 +130,7 @@ TEST_F(FileLogger, GuardedTextsAreBlocksOfTheirOwn)
         client.log(std::string(300'000, 'x') + "\n"); // keeps the writer
         client.log(" line...\n");
         client.log("anything\n");
-        MemShield::instance().memShieldDumpLocked();
+        MemoryReport::memShieldDumpLocked();
         EXPECT_LE(1,
                   report.count("~dumpalloc: ~m_class=s8 ~infra/HeapMemoryAllocationTracker.cpp ~m_line=47 ~m_size=9 ~"
                                "m_arrayLength=9 "));
@@ -258,7 +260,7 @@ void logToFile(bool isGuarded)
     MemShield::setEnabled(isGuarded);
     waitForOwnThreads();
     const std::string base = (std::filesystem::current_path() / "app.log").string();
-    Logger::instance().registerClient(MemShield::create<FileLoggerClient>({"", SourcePlace::here()}, base, 4095U, ""),
+    Logger::instance().registerClient(GuardedMemory::create<FileLoggerClient>({"", SourcePlace::here()}, base, 4095U, ""),
                                       Logger::ALL_LEVELS);
 }
 

@@ -1,5 +1,6 @@
 // Every misuse of memory that the guarded allocator finds, seen from outside: lines and status.
 
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
 
 #include "datapath/common/infra/HeapMemoryAllocationTracker.h"
@@ -120,9 +121,9 @@ void overrunRequestThatWaited()
 /// Releases, when its request is served, a block that was overrun.
 struct OverrunReleasingObserver : FutureInternal::FutureObserver<RcStatus>
 {
-    void update(const RcStatus& /*value*/) override { MemShield::destroyArray(overrun, SourcePlace::here()); }
+    void update(const RcStatus& /*value*/) override { GuardedMemory::destroyArray(overrun, SourcePlace::here()); }
 
-    char* const overrun = written(MemShield::createArray<char>(ARRAY_SITE, 5), 5, 65);
+    char* const overrun = written(GuardedMemory::createArray<char>(ARRAY_SITE, 5), 5, 65);
 };
 
 /// Growth that writes after the end of what describes it, and fails.
@@ -205,26 +206,26 @@ const std::vector<Misuse> MISUSES = {
     {"objectReleasedTwice", [] { repeat(2, [object = makeObject()] { MemShield::releaseObject(object, PLACE); }); },
      unallocated("")},
     {"shapeDestroyedTwice",
-     [] { repeat(2, [shape = MemShield::create<Shape>(SITE)] { MemShield::destroy(shape, PLACE); }); },
+     [] { repeat(2, [shape = GuardedMemory::create<Shape>(SITE)] { GuardedMemory::destroy(shape, PLACE); }); },
      unallocated("")},
-    {"shapeInTheMiddleOfABlock", [] { MemShield::destroy(reinterpret_cast<Shape*>(makeObject() + 8), PLACE); },
+    {"shapeInTheMiddleOfABlock", [] { GuardedMemory::destroy(reinterpret_cast<Shape*>(makeObject() + 8), PLACE); },
      unallocated("maker.cpp 11")},
     {"shapeThatNeverWas",
      [] {
          Shape* volatile const nowhere = reinterpret_cast<Shape*>(8);
-         MemShield::destroy(nowhere, PLACE);
+         GuardedMemory::destroy(nowhere, PLACE);
      },
      unallocated("")},
     {"arrayReleasedTwice",
      [] {
-         repeat(2, [array = MemShield::createArray<char>(ARRAY_SITE, 5)] { MemShield::destroyArray(array, PLACE); });
+         repeat(2, [array = GuardedMemory::createArray<char>(ARRAY_SITE, 5)] { GuardedMemory::destroyArray(array, PLACE); });
      },
      "MemShield,freeAndUnregister,trying to free un-allocated memory file=user.cpp  line=22 \n" + report("", "")},
     {"overrunAtOnce", [] { MemShield::releaseObject(written(makeObject(), 100, 65), PLACE); },
      overrun("Thing", "maker.cpp", "11", "0->65", "0", "user.cpp  line=22")},
     {"overrunAtTheEnd",
      [] {
-         Bytes const array = MemShield::createArray<unsigned char>(ARRAY_SITE, 100);
+         Bytes const array = GuardedMemory::createArray<unsigned char>(ARRAY_SITE, 100);
          MemShield::releaseArray(written(written(array, 100, 0xFF), 163, 0), PLACE); // the first is not noticed
      },
      overrun("s8", "maker.cpp", "12", "63->0", "100", "user.cpp  line=22")},
@@ -251,7 +252,7 @@ const std::vector<Misuse> MISUSES = {
                "m_usedMemoryGross=4096  m_usedMemoryNet=100 \nMemoryHeap,printMemoryUsage,Index: used=4096\n")},
     {"segmentWithoutOwnerOverrun",
      [] {
-         std::list<MemorySegment> segments{{.sizeBytes = 5, .buffer = MemShield::createArray<char>(ARRAY_SITE, 5)}};
+         std::list<MemorySegment> segments{{.sizeBytes = 5, .buffer = GuardedMemory::createArray<char>(ARRAY_SITE, 5)}};
          segments.front().buffer[5] = 65;
          reportedPool<>().freeSegments(segments, 0);
      },
@@ -296,17 +297,17 @@ const std::vector<Misuse> MISUSES = {
      },
      "released\n" + ALLOCATION + "Assertion (allocationLength < MAX_SINGLE_ALLOCATION_LENGTH) failed " + UNIT +
          "125\n"},
-    {"sizeBeyondCounting", [] { static_cast<void>(MemShield::createArray<std::uint64_t>(ARRAY_SITE, 1ULL << 62U)); },
+    {"sizeBeyondCounting", [] { static_cast<void>(GuardedMemory::createArray<std::uint64_t>(ARRAY_SITE, 1ULL << 62U)); },
      ALLOCATION + " " + UNIT + "140: size < (u32)-1 failed.  size=18446744073709551615 \n~,Assert,~"},
     {"guardedArrayTooLong",
-     [] { static_cast<void>(MemShield::internalAllocAndCountOnlyArray(1, 4294967295, ARRAY_SITE)); },
+     [] { static_cast<void>(MemShield::allocate(1, 4294967295, ARRAY_SITE)); },
      ALLOCATION + " " + UNIT + "141: arrayLength < (u32)-1 failed.  arrayLength=4294967295 \n~,Assert,~"},
     {"countedArrayTooLong",
-     [] { static_cast<void>(MemShield::internalAllocAndCountOnlyArray(1, 4294967295, ARRAY_SITE)); },
+     [] { static_cast<void>(MemShield::allocate(1, 4294967295, ARRAY_SITE)); },
      "MemShield,internalAllocAndCountOnlyArray,Assertion (numItems < std::numeric_limits<u32>::max()) failed " + UNIT +
          "173\n",
      false},
-    {"arrayReleasedAsObject", [] { MemShield::releaseObject(MemShield::createArray<char>(ARRAY_SITE, 5), PLACE); },
+    {"arrayReleasedAsObject", [] { MemShield::releaseObject(GuardedMemory::createArray<char>(ARRAY_SITE, 5), PLACE); },
      "MemShield,freeAndCount,Assertion (*(--sanityPtr) == std::numeric_limits<u32>::max()) failed " + UNIT + "191\n",
      false},
     {"objectReleasedAsArray", [] { MemShield::releaseArray(makeObject(), PLACE); },

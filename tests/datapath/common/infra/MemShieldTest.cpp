@@ -1,4 +1,6 @@
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/MemoryReport.h"
 
 #include "datapath/common/infra/SystemHeapBytes.h"
 #include "datapath/common/infra/Timer.h"
@@ -50,7 +52,7 @@ TEST_P(MemShieldTest, CountsEveryByteThatItTakes)
     };
     for (const std::uint32_t length : GetParam() ? std::vector<std::uint32_t>() : std::vector<std::uint32_t>{7, 0})
     {
-        Bytes const array = MemShield::createArray<unsigned char>(ARRAY_SITE, length);
+        Bytes const array = GuardedMemory::createArray<unsigned char>(ARRAY_SITE, length);
         std::array<std::uint32_t, 2> header{};
         std::memcpy(header.data(), array - sizeof(header), sizeof(header));
         EXPECT_EQ((std::array{8 + length, length - 1 < 7 ? length : 0xFFFF'FFFF}), header);
@@ -60,10 +62,10 @@ TEST_P(MemShieldTest, CountsEveryByteThatItTakes)
     {
         Throwing() { throw 1; }
     };
-    EXPECT_THROW(static_cast<void>(MemShield::create<Throwing>(SITE)), int);
+    EXPECT_THROW(static_cast<void>(GuardedMemory::create<Throwing>(SITE)), int);
     bool isDestroyed = false;
-    Base* const base = MemShield::create<Derived>(SITE, isDestroyed);
-    MemShield::destroy(base, dynamic_cast<void*>(base), PLACE);
+    Base* const base = GuardedMemory::create<Derived>(SITE, isDestroyed);
+    GuardedMemory::destroy(base, dynamic_cast<void*>(base), PLACE);
     EXPECT_TRUE(isDestroyed);
     EXPECT_EQ(before, MemShield::systemHeapBytes());
 }
@@ -88,9 +90,9 @@ TEST_P(MemShieldTest, CountReturnsAfterRandomUseByManyThreads)
         [&](std::uint32_t random) {
             EXPECT_TRUE(++rounds % 5000 != 0 || MemShield::instance().checkInvariants());
             EXPECT_GT(1'000'000U, MemShield::systemHeapBytes());
-            return random % 4 == 0 ? nullptr : MemShield::createArray<char>(ARRAY_SITE, random / 4 % 300 + 1);
+            return random % 4 == 0 ? nullptr : GuardedMemory::createArray<char>(ARRAY_SITE, random / 4 % 300 + 1);
         },
-        [](const char* old) { MemShield::destroyArray(old, PLACE); });
+        [](const char* old) { GuardedMemory::destroyArray(old, PLACE); });
     EXPECT_EQ(before, MemShield::systemHeapBytes());
 }
 
@@ -110,11 +112,11 @@ TEST_F(MemShieldHistory, ReleasedBlocksStayWithTheirRecords)
     object[0] = 1;
     repeat(19, [] { EXPECT_TRUE(makeObject(2) != nullptr); });
     EXPECT_EQ(ownBytes + 20 * (17 + 2U), MemShield::systemHeapBytes());
-    MemShield::instance().memShieldDumpLocked();
+    MemoryReport::memShieldDumpLocked();
     EXPECT_TRUE(std::ranges::is_sorted(client.messagesAfter("Info,NON,MemShield,memShieldDumpLocked,"))); // by address
     EXPECT_EQ(20, client.count("~ :  it->second.m_class=Thing  it->second.m_file=maker.cpp  it->second.m_line=11  "
                                "it->second.m_size=2  it->second.m_arrayLength=0 "));
-    MemShield::instance().printAllocations();
+    MemoryReport::printAllocations();
     EXPECT_EQ(1, client.count("Assert,NON,MemShield,printAllocations, datapath/common/infra/MemShield.cpp 516: false "
                               "failed. Too many allocations from as single log line.  maxAllocationInCodeLine=20  "
                               "maxAllocationsFound=20 "));
@@ -122,7 +124,7 @@ TEST_F(MemShieldHistory, ReleasedBlocksStayWithTheirRecords)
     MemShield::releaseObject(object, PLACE);
     EXPECT_EQ(ownBytes + 20 * (17 + 2U), MemShield::systemHeapBytes());
     EXPECT_EQ(0xFF, object[0]); // still there
-    MemShield::instance().printRecentlyFreed();
+    MemoryReport::printRecentlyFreed();
     EXPECT_PRED2(matches, client.last(),
                  "Info,NON,MemShield,printRecentlyFreed,Freed item mem =~ info= info.m_size=2  info.m_file=maker.cpp  "
                  "info.m_line=11  it->second.m_freeTime=#  it->second.m_allocTime=#  it->second.m_class=Thing ");

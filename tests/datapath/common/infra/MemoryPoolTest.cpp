@@ -1,5 +1,6 @@
 #include "datapath/common/infra/MemoryPool.h"
 
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/MemoryHeap.h"
 #include "datapath/common/infra/Timer.h"
@@ -357,7 +358,7 @@ TEST_F(MemoryPool, TheHeapCountsAChunkForEachSegment)
                    {"Memory HEAP:  m_usedMemoryGross=8192  m_usedMemoryNet=5100 ", "child: used=4096",
                     "parent: used=8192", "Memory HEAP:  m_usedMemoryGross=0  m_usedMemoryNet=0 ", "child: used=0",
                     "parent: used=0"});
-    own = {.sizeBytes = 1, .buffer = MemShield::createArray<char>({"s8", SourcePlace::here()}, 1), .owner = child};
+    own = {.sizeBytes = 1, .buffer = GuardedMemory::createArray<char>({"s8", SourcePlace::here()}, 1), .owner = child};
     heap.freeSegment(own); // which nobody has taken
     expectMessages("Assert,NON,MemoryHeap,freeSegmentContentLocked, datapath/common/infra/MemoryHeap.cpp ",
                    {"69: m_usedMemoryGross >= getChunkSize() failed. ",

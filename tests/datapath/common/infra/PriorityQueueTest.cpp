@@ -2,6 +2,7 @@
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "platform/Time.h"
+#include "datapath/common/infra/Timer.h"
 #include "tests/support/Support.h"
 
 #include <random>

@@ -1,5 +1,6 @@
 #include "datapath/common/infra/SequentialRequestsManager.h"
 
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
 #include "tests/support/Support.h"
 
@@ -37,7 +38,7 @@ struct SequentialRequests : testing::Test
     {
         for (const std::uint64_t key : keys)
         {
-            module.queue().push(MemShield::create<KeyedRequest>({"KeyedRequest", SourcePlace::here()}, key), key);
+            module.queue().push(GuardedMemory::create<KeyedRequest>({"KeyedRequest", SourcePlace::here()}, key), key);
         }
     }
 

@@ -3,7 +3,7 @@
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/FileLoggerClient.h"
 #include "datapath/common/infra/LogItem.h"
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/MemoryReport.h"
 #include "datapath/common/infra/Timer.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "tests/support/Support.h"
@@ -22,7 +22,7 @@ CHILD_SCENARIO(containerFirst) { const StlMemShiledContainer<std::set<int>> firs
 CHILD_SCENARIO(tweaksFirst) { Tweaks::instance().print(); }
 CHILD_SCENARIO(dynamicTweaksFirst) { DynamicTweaks::instance().refresh(); }
 CHILD_SCENARIO(logFileFirst) { FileLoggerClient("app.log", 3, "").log("line\n"); }
-CHILD_SCENARIO(memShieldFirst) { MemShield::instance().printAllocations(); }
+CHILD_SCENARIO(memShieldFirst) { MemoryReport::printAllocations(); }
 CHILD_SCENARIO(misuseFirst) { MemWatchedContainerDatabase::instance().unregisterContainer(nullptr); }
 
 TEST(StartOrder, AnyServiceMayBeTheFirst)

@@ -1,6 +1,7 @@
 // The clock over a replaced performance counter.
 
 #include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/windows/WindowsTimer.h"
 #include "platform/Random.h"
@@ -32,14 +33,9 @@ struct ReplacedClock
     const ScopedReplacement systemTicks{platform::timeCalls.tickCountMs, [] { return tickCount; }};
 };
 
-std::int64_t ticks()
-{
-    std::int64_t value = 0;
-    WindowsTimer::instance().getPerformanceCounter(value);
-    return value;
-}
+std::int64_t ticks() { return Clock::instance().ticks(); }
 
-TEST(WindowsTimer, HoldsStillWhenTheCounterStepsBack)
+TEST(Clock, HoldsStillWhenTheCounterStepsBack)
 {
     static CapturingClient client;
     static LettingGo lettingGo;
@@ -69,32 +65,29 @@ TEST(WindowsTimer, HoldsStillWhenTheCounterStepsBack)
     EXPECT_EQ(5'001, ticks());
 }
 
-TEST(WindowsTimer, AStepBackIsMeasuredAgainstWhatItsReaderSaw)
+TEST(Clock, AStepBackIsMeasuredAgainstWhatItsReaderSaw)
 {
     static struct : LoggerClient
     {
         void log(const std::string&) override
         {
-            std::int64_t ignored = 0;
             counterTicks = 1'000'000;
-            timer->getPerformanceCounter(ignored);
+            static_cast<void>(clock->ticks());
         }
-        WindowsTimer* timer = nullptr;
+        Clock* clock = nullptr;
     } readsOn; // moves the clock on while the Error line is written
-    const ReplacedClock clock(1'000);
-    WindowsTimer timer;
-    readsOn.timer = &timer;
-    std::int64_t value = 0;
-    timer.getPerformanceCounter(value);
+    const ReplacedClock counter(1'000);
+    Clock clock;
+    readsOn.clock = &clock;
+    static_cast<void>(clock.ticks());
     static CapturingClient client;
     Logger::instance().registerClient(&readsOn, 1U << 2U);
     counterTicks = 995;
-    timer.getPerformanceCounter(value);
-    EXPECT_EQ(1'000'000, value);
+    EXPECT_EQ(1'000'000, clock.ticks());
     EXPECT_EQ(1U, client.messages().size()); // five ticks are no reason to end the process
 }
 
-TEST(WindowsTimer, FaultsOfTheCounterEndTheProcess)
+TEST(Clock, FaultsOfTheCounterEndTheProcess)
 {
     static CapturingClient client;
     const ScopedProcessEnd ending;
@@ -104,15 +97,14 @@ TEST(WindowsTimer, FaultsOfTheCounterEndTheProcess)
     const ScopedReplacement counterCall(platform::timeCalls.performanceCounter, [](std::int64_t&) { return false; });
     const auto expectLast = [](const std::string& start) { EXPECT_EQ(0U, client.last().find(start)); };
     const std::string path = ") failed datapath/common/infra/windows/WindowsTimer.cpp ";
-    EXPECT_THROW(WindowsTimer(), ProcessEnded);
+    EXPECT_THROW(Clock(), ProcessEnded);
     expectLast("Error,NON,WindowsTimer,WindowsTimer,Assertion (bSuccess" + path);
     frequency = 4'294'967'296'000;
-    EXPECT_THROW(WindowsTimer(), ProcessEnded);
+    EXPECT_THROW(Clock(), ProcessEnded);
     expectLast("Error,NON,WindowsTimer,WindowsTimer,Assertion (freq.HighPart == 0" + path);
     frequency = 4'294'967'295'999;
-    WindowsTimer timer;
-    std::int64_t value = 0;
-    EXPECT_THROW(timer.getPerformanceCounter(value), ProcessEnded);
+    Clock clock;
+    EXPECT_THROW(static_cast<void>(clock.ticks()), ProcessEnded);
     expectLast("Error,NON,WindowsTimer,getPerformanceCounter,Assertion (bSuccess" + path);
 }
 

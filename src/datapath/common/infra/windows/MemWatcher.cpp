@@ -1,7 +1,8 @@
 #include "datapath/common/infra/windows/MemWatcher.h"
 
 #include "datapath/common/infra/Singleton.h"
-#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Clock.h"
+#include "datapath/common/infra/FatalCheck.h"
 #include "platform/Threads.h"
 
 #include <algorithm>
@@ -67,7 +68,7 @@ void MemWatcher::printCpu()
     }
     const MutexGuard guard(m_reportMutex);
     const std::int64_t totalTicks = m_cpuMonitor.update();
-    const std::int64_t nowMs = Timer::instance().getRelativeTimeMs();
+    const std::int64_t nowMs = Clock::instance().relativeMs();
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0)
         << totalTicks << " cpu ticks in " << static_cast<std::uint32_t>(nowMs - m_lastCpuReportMs) << " ms"
         << std::endl;

@@ -2,7 +2,7 @@
 
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/SystemHeapBytes.h"
-#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/windows/MemWatcher.h"
 #include "platform/Random.h"
 #include "platform/Threads.h"
@@ -48,7 +48,7 @@ void ThreadWrapper::threadCallback(void* wrapper)
         << "Starting ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
     self.registerThread();
     MemWatcher::instance().AddThread(platform::currentThreadId());
-    platform::seedRandom(internalId + static_cast<std::uint32_t>(Timer::instance().getUtcTimeMs()));
+    platform::seedRandom(internalId + static_cast<std::uint32_t>(Clock::utcMs()));
 
     self.run();
 

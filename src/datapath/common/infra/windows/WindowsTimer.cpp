@@ -1,84 +1,21 @@
 #include "datapath/common/infra/windows/WindowsTimer.h"
 
 #include "datapath/common/infra/DeadLockChecker.h"
-#include "datapath/common/infra/FatalCheck.h"
-#include "datapath/common/infra/Timer.h"
+#include "datapath/common/infra/LogItem.h"
 #include "platform/Random.h"
 #include "platform/Threads.h"
-#include "platform/Time.h"
 
 #include <algorithm>
 #include <array>
-#include <limits>
 #include <numeric>
 
-WindowsTimer::WindowsTimer(TimerHandle firstHandle) : m_lastHandle(firstHandle - 1)
-{
-    constexpr std::int64_t MS_PER_SECOND = 1000;
-    std::int64_t ticksPerSecond = 0;
-    if (!platform::performanceFrequency(ticksPerSecond))
-    {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "bSuccess");
-    }
-    const std::int64_t ticksPerMs = ticksPerSecond / MS_PER_SECOND;
-    if (ticksPerMs > std::numeric_limits<std::uint32_t>::max())
-    {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "freq.HighPart == 0");
-    }
-    m_ticksPerMs = static_cast<std::uint32_t>(ticksPerMs);
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << " m_ticksPerMs=" << m_ticksPerMs << " " << std::endl;
-}
-
-void WindowsTimer::getPerformanceCounter(std::int64_t& ticks)
-{
-    // Read before the counter: a reading below this one is a step back, and not just that of a thread
-    // that another has overtaken.
-    std::int64_t last = m_lastTimestamp.load(std::memory_order_acquire);
-    std::int64_t reading = 0;
-    if (!platform::performanceCounter(reading))
-    {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "bSuccess");
-    }
-    if (last != 0 && reading < last)
-    {
-        // Compared with what was loaded above: the mark may have moved on while this thread waited.
-        const MutexGuard guard(m_counterMutex);
-        const std::int64_t diff = reading - last;
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "New timestamp is before last timestamp: "
-                                                             << " res.QuadPart=" << reading << " "
-                                                             << " "
-                                                             << " m_lastTimestamp=" << last << " "
-                                                             << " "
-                                                             << " diff=" << diff << " " << std::endl;
-        if (diff < -MINIMUM_ACCEPTABLE_TICKS_DIFF)
-        {
-            CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "diff >= -MINIMUM_ACCEPTABLE_TICKS_DIFF")
-                << "New timestamp is more than " << MINIMUM_ACCEPTABLE_TICKS_DIFF << " ticks before last timestamp"
-                << std::endl;
-        }
-        ticks = m_lastTimestamp.load(std::memory_order_acquire);
-        return;
-    }
-    // The first reading is taken whatever it is; later ones only move the clock on.
-    while ((last == 0 || last < reading) &&
-           !m_lastTimestamp.compare_exchange_weak(last, reading, std::memory_order_acq_rel, std::memory_order_acquire))
-    {
-    }
-    ticks = last == 0 ? reading : std::max(last, reading);
-}
-
-std::int64_t WindowsTimer::getTimestampMs()
-{
-    std::int64_t ticks = 0;
-    getPerformanceCounter(ticks);
-    return ticks / m_ticksPerMs;
-}
+WindowsTimer::WindowsTimer(TimerHandle firstHandle) : m_lastHandle(firstHandle - 1) {}
 
 TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot,
                                    TimerHandle handleToReplace)
 {
     const MutexGuard guard(m_timersMutex);
-    const auto nowMs = static_cast<std::uint64_t>(getTimestampMs());
+    const auto nowMs = static_cast<std::uint64_t>(m_clock.readMs());
     Timer* const replaced = handleToReplace == 0 ? nullptr : m_timers.find(handleToReplace);
     if (replaced != nullptr)
     {
@@ -158,16 +95,16 @@ void WindowsTimer::activateTimers()
 {
     constexpr std::int64_t LONGEST_CALL_MS = 2'000;
     const MutexGuard guard(m_activationMutex);
-    const auto nowMs = static_cast<std::uint64_t>(getTimestampMs());
+    const auto nowMs = static_cast<std::uint64_t>(m_clock.readMs());
     takeTimers(nowMs);
     while (!m_taken.empty())
     {
         if (!m_taken.back().wasCancelled)
         {
             const WindowsTimerInfo& info = m_taken.back().timer->second; // what is read of it never changes
-            const std::int64_t startMs = getTimestampMs();
+            const std::int64_t startMs = m_clock.readMs();
             info.callback(info.context);
-            if (getTimestampMs() - startMs > LONGEST_CALL_MS)
+            if (m_clock.readMs() - startMs > LONGEST_CALL_MS)
             {
                 LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
                     << "timer invocation took more than 1 seconds!" << std::endl;
@@ -252,7 +189,7 @@ void WindowsTimer::timerThread(void* windowsTimer)
     constexpr std::uint32_t REST_MS = 100;
     platform::nameThread("timer");
     DlcKeepalive keepalive("timer");
-    platform::seedRandom(static_cast<std::uint32_t>(::Timer::instance().getTimestampMs()));
+    platform::seedRandom(static_cast<std::uint32_t>(Clock::instance().timestampMs()));
     for (;;)
     {
         platform::sleepMs(REST_MS);

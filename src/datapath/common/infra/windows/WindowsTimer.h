@@ -1,12 +1,7 @@
 #pragma once
 
-// The performance counter as a clock that never goes back, and the timers that stand on it. Everything else
-// of the clock stands on it too; see ITimer. Any thread may call.
-//
-// A reading below one that was handed out before is a fault of the machine: it is logged, and the
-// clock holds still. More than MINIMUM_ACCEPTABLE_TICKS_DIFF below, it ends the process.
-//
-// Timers are called in passes:
+// The timers: functions that are called once or periodically, in passes. Programs reach them through Timer. Any thread
+// may call.
 //
 //     const TimerHandle handle = timer.addTimer(callback, context, 250, false, 0);   // calls in about 300 ms
 //     timer.activateTimers();                                                        // the timer thread, every 100 ms
@@ -17,6 +12,7 @@
 // callback adds waits for the next pass, and one that is due and replaced in the same pass may still be called once.
 // A pass costs what it takes, whatever else is registered.
 
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/DueOrder.h"
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/HandleMap.h"
@@ -25,7 +21,6 @@
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/RcStatus.h"
 #include "datapath/common/infra/Singleton.h"
-#include "platform/Atomic.h"
 
 #include <cstdint>
 #include <memory>
@@ -47,18 +42,11 @@ public:
         bool cancelled;                         ///< was replaced
     };
 
-    /// Ends the process if the counter's frequency cannot be read or has more than 32 bits of ticks a
-    /// millisecond. Tests choose the first handle.
+    /// Makes the clock, too. Tests choose the first handle.
     explicit WindowsTimer(TimerHandle firstHandle = 1);
     WindowsTimer(const WindowsTimer&) = delete;
     WindowsTimer& operator=(const WindowsTimer&) = delete;
     virtual ~WindowsTimer() = default;
-
-    /// Fills in ticks of the counter. Ends the process if the counter cannot be read.
-    void getPerformanceCounter(std::int64_t& ticks) EXCLUDES(m_counterMutex);
-
-    /// The same in ms, cut.
-    [[nodiscard]] std::int64_t getTimestampMs();
 
     /// See ITimer. The timer that the new one replaces, unless it is 0 or gone, is cancelled: it is not called in
     /// any pass that starts afterwards. Handles ascend; after 2^32 - 1 comes 0, and a timer whose handle is still
@@ -101,10 +89,6 @@ private:
         Timer* timer;
     };
 
-    static constexpr std::int64_t MINIMUM_ACCEPTABLE_TICKS_DIFF = 100;
-
-    static constexpr std::size_t CACHE_LINE = 64;
-
     [[nodiscard]] static Order::Entry orderOf(Timer& timer);
     void insert(TimerHandle handle, WindowsTimerInfo&& info) REQUIRES(m_timersMutex);
     void cancel(Timer& timer) REQUIRES(m_timersMutex);
@@ -112,8 +96,8 @@ private:
     void takeTimers(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
     void endOrReschedule(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
 
-    std::uint32_t m_ticksPerMs = 0;
-    // Guards the table, its order and the counter. m_counterMutex, and what log clients take, is taken inside it.
+    Clock& m_clock = Clock::instance();
+    // Guards the table, its order and the last handle. The clock's lock, and what log clients take, is taken inside it.
     Mutex m_timersMutex;
     Mutex m_activationMutex; // held during a pass; m_timersMutex, and what callbacks take, is taken inside it
     Timers m_timers GUARDED_BY(m_timersMutex){"Timers"};
@@ -122,7 +106,4 @@ private:
     // In descending order of the handles: the last one is next. Empty between passes, unless a callback has thrown.
     std::vector<TakenTimer> m_taken GUARDED_BY(m_activationMutex);
     std::vector<TakenTimer> m_sorted GUARDED_BY(m_activationMutex); // room for sorting them
-    Mutex m_counterMutex; // held while a backward step is logged, so that its lines stand together
-    // Ticks; 0: no reading yet. Written at every reading, so on a line of its own.
-    alignas(CACHE_LINE) platform::Atomic<std::int64_t> m_lastTimestamp = 0;
 };
