@@ -13,10 +13,9 @@ namespace
 {
 
 // Functions whose lines are logged by others.
-constexpr MethodText CONSTRUCTOR = {.text = "ActiveObject::ActiveObject", .fields = "ActiveObject,ActiveObject"};
-constexpr MethodText WORKER = {.text = "ActiveObject::run", .fields = "ActiveObject,run"};
-constexpr MethodText TERMINATION = {.text = "ActiveObject::terminateAllThreads",
-                                    .fields = "ActiveObject,terminateAllThreads"};
+constexpr MethodText CONSTRUCTOR = MethodText::of("ActiveObject::ActiveObject");
+constexpr MethodText WORKER = MethodText::of("ActiveObject::run");
+constexpr MethodText TERMINATION = MethodText::of("ActiveObject::terminateAllThreads");
 
 /// Where the object begins that the action, which lives, is a part of: other bases may stand before it.
 void* wholeOf(ActiveObject::Action* action) { return dynamic_cast<void*>(action); }

@@ -1,6 +1,7 @@
 #include "datapath/common/infra/Clock.h"
 
 #include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/Singleton.h"
 #include "platform/Time.h"
 
 #include <algorithm>
@@ -11,12 +12,21 @@ namespace
 {
 
 constexpr const char* TIMER_UNIT = "datapath/common/infra/windows/WindowsTimer.cpp";
-constexpr MethodText CONSTRUCTOR{"WindowsTimer::WindowsTimer", "WindowsTimer,WindowsTimer"};
-constexpr MethodText READING{"WindowsTimer::getPerformanceCounter", "WindowsTimer,getPerformanceCounter"};
+constexpr MethodText CONSTRUCTOR = MethodText::of("WindowsTimer::WindowsTimer");
+constexpr MethodText READING = MethodText::of("WindowsTimer::getPerformanceCounter");
 
 constexpr SourcePlace placeHere(std::uint32_t line = __builtin_LINE()) { return SourcePlace::here(line, TIMER_UNIT); }
 
 } // namespace
+
+Clock& Clock::instance()
+{
+    static constinit platform::Atomic<Clock*> published = nullptr;
+    return createOnce(published, creationLock<Clock>(), [] {
+        makeWindowsTimer();
+        return new Clock;
+    });
+}
 
 Clock::Clock()
 {

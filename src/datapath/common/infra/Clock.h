@@ -12,15 +12,19 @@
 // Made on first use and never destroyed. Any thread may call.
 
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/Singleton.h"
 #include "platform/Atomic.h"
 
+#include <cstddef>
 #include <cstdint>
 
-class Clock : public Singleton<Clock, Clock>
+class Clock
 {
 public:
-    /// Ends the process if the counter's frequency cannot be read or has more than 32 bits of ticks a millisecond.
+    /// With it the process's WindowsTimer is made, so that its table appears in memory reports from the first reading
+    /// on.
+    [[nodiscard]] static Clock& instance();
+
+    /// Tests make clocks of their own. Ends the process if the counter's frequency cannot be read or has more than 32 bits of ticks a millisecond.
     Clock();
 
     /// The counter, in its own ticks. Ends the process if it cannot be read.
@@ -63,3 +67,6 @@ private:
     // to itself.
     alignas(CACHE_LINE) platform::Atomic<std::int64_t> m_lastTimestamp = 0;
 };
+
+/// Makes the process's WindowsTimer, whose source defines this: the timers stand above the clock.
+void makeWindowsTimer();

@@ -38,8 +38,7 @@ public:
 [[noreturn]] inline void failSetTwice()
 {
     // Spelled out: a signature does not tell enumerations from classes.
-    static constexpr MethodText METHOD = {.text = "FutureInternal::Future<enum RcStatus>::set",
-                                          .fields = "FutureInternal::Future<enum RcStatus>,set"};
+    static constexpr MethodText METHOD = MethodText::of("FutureInternal::Future<enum RcStatus>::set");
     failAssertion(LoggerId::NON, METHOD, SourcePlace::here(), "!tempSmartPtr->m_bSet");
 }
 

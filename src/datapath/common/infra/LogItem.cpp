@@ -55,7 +55,7 @@ int LogStringBuf::sync()
 }
 
 LogItem::LogItem(LoggerId loggerId, LogLevel level, const MethodText& method, int fractionDigits)
-    : LogItem(loggerId, level, method.fields, fractionDigits)
+    : LogItem(loggerId, level, method.fields(), fractionDigits)
 {
 }
 

@@ -29,10 +29,9 @@ constexpr std::uint32_t U32_MAX = std::numeric_limits<std::uint32_t>::max();
 constexpr unsigned char FILLING = 0xFF; // of margins, and of fresh and released memory
 
 // Functions whose lines are logged by others.
-constexpr MethodText COUNTED_OBJECT_RELEASE{"MemShield::freeAndCount", "MemShield,freeAndCount"};
-constexpr MethodText COUNTED_ALLOCATION{"MemShield::internalAllocAndCountOnlyArray",
-                                        "MemShield,internalAllocAndCountOnlyArray"};
-constexpr MethodText COUNTED_ARRAY_RELEASE{"MemShield::freeAndCountArray", "MemShield,freeAndCountArray"};
+constexpr MethodText COUNTED_OBJECT_RELEASE = MethodText::of("MemShield::freeAndCount");
+constexpr MethodText COUNTED_ALLOCATION = MethodText::of("MemShield::internalAllocAndCountOnlyArray");
+constexpr MethodText COUNTED_ARRAY_RELEASE = MethodText::of("MemShield::freeAndCountArray");
 
 bool isFilled(const std::byte* bytes, std::uint32_t length)
 {

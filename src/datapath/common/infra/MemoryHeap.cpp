@@ -16,8 +16,7 @@ constexpr std::uint32_t NUMBER_MODULE_TOO_SMALL = 72;
 constexpr std::uint32_t NUMBER_NET_TOO_SMALL = 75;
 
 constexpr int NO_FRACTION = 0;
-constexpr MethodText RELEASE = {.text = "MemoryHeap::freeSegmentContentLocked",
-                                .fields = "MemoryHeap,freeSegmentContentLocked"};
+constexpr MethodText RELEASE = MethodText::of("MemoryHeap::freeSegmentContentLocked");
 
 void check(bool holds, std::uint32_t number, const char* condition)
 {

@@ -56,8 +56,7 @@ std::uint32_t checkedChunkSize(std::uint32_t chunkSize)
 {
     if (chunkSize != 0 && (chunkSize < SMALLEST_CHUNK || BLOCK_SIZE % chunkSize != 0))
     {
-        static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::MemoryPoolImpl",
-                                              .fields = "MemoryPoolImpl,MemoryPoolImpl"};
+        static constexpr MethodText METHOD = MethodText::of("MemoryPoolImpl::MemoryPoolImpl");
         LogItem(LoggerId::OLM, LogLevel::Error, METHOD)
             << "a chunk size of " << chunkSize << " bytes is below " << SMALLEST_CHUNK << " or no divisor of "
             << BLOCK_SIZE << ", the pool has no chunks" << std::endl;
@@ -71,8 +70,7 @@ void check(bool holds, const SourcePlace& place, const char* condition)
 {
     if (!holds) [[unlikely]]
     {
-        static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::freeSegmentContentLocked",
-                                              .fields = "MemoryPoolImpl,freeSegmentContentLocked"};
+        static constexpr MethodText METHOD = MethodText::of("MemoryPoolImpl::freeSegmentContentLocked");
         CheckFailure(LoggerId::OLM, METHOD, place, condition) << std::endl;
     }
 }
@@ -82,8 +80,7 @@ void check(bool holds, const SourcePlace& place, const char* condition)
 /// Ends the process: the figures of a module contradict each other.
 void MemoryPoolImpl::FreeBytesInfo::fail(bool isAble, bool isEmpty) const
 {
-    static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::FreeBytesInfo::FreeBytesInfo",
-                                          .fields = "MemoryPoolImpl::FreeBytesInfo,FreeBytesInfo"};
+    static constexpr MethodText METHOD = MethodText::of("MemoryPoolImpl::FreeBytesInfo::FreeBytesInfo");
     if (isAbleToGetMemory && isEmpty)
     {
         CheckFailure(LoggerId::OLM, METHOD, SourcePlace::numbered(NUMBER_FREE_OF_EMPTY), "m_free == 0")

@@ -72,8 +72,7 @@ void MemoryPoolImpl::Guard::unlockAndRelease()
     m_pool.m_mutex.unlock();
     if (sizeToReport != 0)
     {
-        static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::allocatePagesFromSingleAllocationLocked",
-                                              .fields = "MemoryPoolImpl,allocatePagesFromSingleAllocationLocked"};
+        static constexpr MethodText METHOD = MethodText::of("MemoryPoolImpl::allocatePagesFromSingleAllocationLocked");
         LogItem(LoggerId::OLM, LogLevel::Info, METHOD, NO_FRACTION)
             << "allocated " << sizeToReport << " bytes" << std::endl;
     }

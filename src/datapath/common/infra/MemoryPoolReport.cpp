@@ -20,7 +20,7 @@ namespace
 constexpr std::int64_t MONITORING_INTERVAL_MS = 1000;
 constexpr std::int64_t MS_PER_SECOND = 1000;
 constexpr int NO_FRACTION = 0;
-constexpr MethodText USAGE = {.text = "MemoryPoolImpl::printMemoryUsage", .fields = "MemoryPoolImpl,printMemoryUsage"};
+constexpr MethodText USAGE = MethodText::of("MemoryPoolImpl::printMemoryUsage");
 
 /// A report of sub-pools that the calling thread is writing, and the one that it is part of.
 struct SubPoolReport
@@ -196,8 +196,7 @@ void MemoryPoolImpl::monitorPendingMemoryAllocations()
         }
         if (!clients.empty())
         {
-            static constexpr MethodText METHOD = {.text = "MemoryPoolImpl::monitorPendingMemoryAllocations",
-                                                  .fields = "MemoryPoolImpl,monitorPendingMemoryAllocations"};
+            static constexpr MethodText METHOD = MethodText::of("MemoryPoolImpl::monitorPendingMemoryAllocations");
             LogItem(LoggerId::OLM, level, METHOD)
                 << "Memory allocation pending time reaches threshold of " << thresholdSec
                 << " sec for clients: (clientTraceId,name,requestedBytes,pendingTime)" << clients << std::endl;

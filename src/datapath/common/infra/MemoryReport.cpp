@@ -21,9 +21,9 @@ namespace
 constexpr SourcePlace PLACE_TOO_MANY_ALLOCATIONS =
     SourcePlace::numbered(516, "datapath/common/infra/MemShield.cpp");
 
-constexpr MethodText PRINT_ALLOCATIONS{"MemShield::printAllocations", "MemShield,printAllocations"};
-constexpr MethodText PRINT_RECENTLY_FREED{"MemShield::printRecentlyFreed", "MemShield,printRecentlyFreed"};
-constexpr MethodText DUMP{"MemShield::memShieldDumpLocked", "MemShield,memShieldDumpLocked"};
+constexpr MethodText PRINT_ALLOCATIONS = MethodText::of("MemShield::printAllocations");
+constexpr MethodText PRINT_RECENTLY_FREED = MethodText::of("MemShield::printRecentlyFreed");
+constexpr MethodText DUMP = MethodText::of("MemShield::memShieldDumpLocked");
 
 using Records = std::vector<MemShield::Record>;
 using Visit = void (MemShield::*)(const MemShield::Visitor& visitor);

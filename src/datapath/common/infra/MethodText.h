@@ -1,37 +1,22 @@
 #pragma once
 
-// The name of the calling function as the log writes it: the class, two colons and the member
-// ("Tweaks::Tweak::longVal"), or the bare name of a free function ("wWinMain").
+// The name of the calling function as the log writes it: the class, two colons and the member ("Tweaks::Tweak::longVal"),
+// or the bare name of a free function ("wWinMain"). A lambda is its enclosing function followed by "::<lambda>".
 //
 //     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
+//     static constexpr MethodText METHOD = MethodText::of("PriorityQueue<class ActiveObject::Action *>::enqueue");
 //
-// THIS_METHOD is worked out by the compiler and costs nothing at run time. It may be used on any
-// thread and before main; the texts it names live as long as the program.
-//
-// A lambda is written as its enclosing function followed by "::<lambda>". The arguments of a class
-// template are part of the class name, user-defined types among them after the keyword "class"
-// ("PriorityQueue<class ActiveObject::Action *>::enqueue"); those of a function template and
-// unnamed namespaces are left out.
+// Both are worked out by the compiler, cost nothing at run time and may be used on any thread and before main.
+// THIS_METHOD understands plain functions, members and lambdas of GCC and clang; anything else, templates for instance,
+// does not compile and states its text with MethodText::of. So does a function whose lines others log.
 
-#include "datapath/common/infra/FunctionSignature.h"
-
+#include <algorithm>
 #include <array>
-#include <concepts>
 #include <cstddef>
 #include <string>
 #include <string_view>
 
-/// The name of one function in both of its written forms.
-struct MethodText
-{
-    const char* text;        ///< as the function is called, zero-terminated: "Tweaks::Tweak::longVal"
-    std::string_view fields; ///< as a log line holds it: "Tweaks::Tweak,longVal"
-};
-
-namespace MethodTextInternal
-{
-
-/// The pieces of a cleaned method text: the class field, and the method field in two parts.
+/// The pieces of a method text: the class field, and the method field in two parts.
 struct MethodFields
 {
     std::string_view className;
@@ -39,8 +24,8 @@ struct MethodFields
     std::string_view suffix; ///< "<lambda>" or nothing
 };
 
-/// The last "::" splits; a text without one has an empty class. Of a lambda only "<lambda>" is kept,
-/// as a part of its enclosing function's name.
+/// The last "::" separates the class, which may be missing. Everything from a lambda on is "<lambda>", a part of its
+/// enclosing function's name.
 constexpr MethodFields splitMethodText(std::string_view text)
 {
     const std::size_t lambda = text.find("<lambda");
@@ -54,62 +39,111 @@ constexpr MethodFields splitMethodText(std::string_view text)
             .suffix = isLambda ? "<lambda>" : ""};
 }
 
-/// A function signature as a template argument.
-template <std::size_t SIZE> struct Signature
+/// A method text in the form that a log line holds: "Tweaks::Tweak,longVal".
+class MethodText
 {
-    // NOLINTNEXTLINE(google-explicit-constructor): stands in for the literal it copies
-    constexpr Signature(const char* literal)
+public:
+    constexpr MethodText() = default;
+
+    explicit constexpr MethodText(const MethodFields& fields)
     {
-        for (std::size_t i = 0; literal[i] != '\0'; ++i)
+        for (const std::string_view piece : {fields.className, std::string_view(","), fields.method, fields.suffix})
         {
-            text[i] = literal[i];
+            std::copy(piece.begin(), piece.end(), m_fields.begin() + m_length); // too long a text does not compile
+            m_length += piece.size();
         }
     }
 
-    [[nodiscard]] constexpr std::string_view view() const { return text; }
+    [[nodiscard]] static consteval MethodText of(std::string_view text) { return MethodText(splitMethodText(text)); }
+
+    [[nodiscard]] constexpr std::string_view fields() const { return {m_fields.data(), m_length}; }
+
+private:
+    std::array<char, 120> m_fields{};
+    std::size_t m_length = 0;
+};
+
+namespace MethodTextInternal
+{
+
+/// Both compilers write a return type, the name, the parameters and, within a lambda, more after these:
+///     "static std::string (anonymous namespace)::Outer::f(int)"
+///     "std::string {anonymous}::Outer::f(int)::<lambda(char)>"
+/// Returns where the parameters begin. Brackets within template arguments are passed by.
+constexpr std::size_t findParameters(std::string_view signature)
+{
+    constexpr std::string_view UNNAMED = "(anonymous namespace)";
+    int depth = 0;
+    for (std::size_t i = 0; i < signature.size(); ++i)
+    {
+        if (signature.substr(i).starts_with(UNNAMED))
+        {
+            i += UNNAMED.size() - 1;
+            continue;
+        }
+        if (signature[i] == '(' && depth == 0)
+        {
+            return i;
+        }
+        depth += signature[i] == '<' || signature[i] == '(' ? 1 : 0;
+        depth -= signature[i] == '>' || signature[i] == ')' ? 1 : 0;
+    }
+    return std::string_view::npos;
+}
+
+/// The name without the unnamed namespaces that it passes through.
+constexpr std::string_view withoutUnnamed(std::string_view name)
+{
+    for (const std::string_view unnamed : {"{anonymous}::", "(anonymous namespace)::"})
+    {
+        if (const std::size_t found = name.rfind(unnamed); found != std::string_view::npos)
+        {
+            name.remove_prefix(found + unnamed.size()); // what stands before it is the return type or a namespace
+        }
+    }
+    return name;
+}
+
+constexpr bool isUnderstood(std::string_view signature, std::string_view name)
+{
+    const bool isTemplate = signature.ends_with(']') || name.find_first_of("<>()") != std::string_view::npos;
+    return !name.empty() && !isTemplate && name.find("operator") == std::string_view::npos;
+}
+
+constexpr MethodText methodTextOf(std::string_view signature)
+{
+    const std::size_t parameters = findParameters(signature);
+    std::string_view name = withoutUnnamed(signature.substr(0, parameters));
+    name.remove_prefix(name.find_last_of(" *&") + 1);
+    if (parameters == std::string_view::npos || !isUnderstood(signature, name))
+    {
+        throw "this function's signature is not understood: state its text with MethodText::of";
+    }
+    const std::string_view rest = signature.substr(parameters);
+    MethodFields fields = splitMethodText(name);
+    fields.suffix = rest.find("::<lambda") != rest.npos || rest.find("::(anonymous class)") != rest.npos ? "::<lambda>" : "";
+    return MethodText(fields);
+}
+
+/// A function signature as a template argument, so that its text is stored once.
+template <std::size_t SIZE> struct Signature
+{
+    // NOLINTNEXTLINE(google-explicit-constructor): stands in for the literal it copies
+    constexpr Signature(const char (&literal)[SIZE]) { std::copy_n(literal, SIZE, text); }
 
     char text[SIZE] = {};
 };
 
-template <std::size_t SIZE> Signature(const char (&)[SIZE]) -> Signature<SIZE>;
-
-/// For generic lambdas inside of templates, where GCC does not say how long the signature is.
-template <std::same_as<const char*> Pointer> Signature(Pointer) -> Signature<SignatureText::CAPACITY>;
-
-constexpr SignatureText fieldsOf(std::string_view signature)
-{
-    const SignatureText name = methodNameOf(signature);
-    const MethodFields fields = splitMethodText(name.view());
-    SignatureText joined;
-    (((joined += fields.className) += ",") += fields.method) += fields.suffix;
-    return joined;
-}
-
-/// The text that MAKE draws from a signature, kept by the compiler with a terminating zero.
-template <Signature SIGNATURE, SignatureText (*MAKE)(std::string_view)>
-inline constexpr auto STORED_TEXT = [] {
-    // Of a copy: GCC's sanitizers do not follow pointers into template arguments while compiling.
-    constexpr SignatureText MADE = [](auto signature) { return MAKE(signature.view()); }(SIGNATURE);
-    static_assert(MADE.length > 0, "this function's signature is not understood");
-    std::array<char, MADE.length + 1> stored{};
-    for (std::size_t i = 0; i < MADE.length; ++i)
-    {
-        stored[i] = MADE.chars[i];
-    }
-    return stored;
-}();
-
+// Made from a copy: with its sanitizers, GCC does not follow pointers into template arguments while compiling.
 template <Signature SIGNATURE>
-inline constexpr MethodText METHOD_TEXT{
-    STORED_TEXT<SIGNATURE, methodNameOf>.data(),
-    {STORED_TEXT<SIGNATURE, fieldsOf>.data(), STORED_TEXT<SIGNATURE, fieldsOf>.size() - 1}};
+inline constexpr MethodText METHOD_TEXT = [](auto signature) { return methodTextOf(signature.text); }(SIGNATURE);
 
 } // namespace MethodTextInternal
 
-/// Turns a method text into the class field, a comma and the method field of a log line.
+/// Turns a method text that is only known at run time into the class field, a comma and the method field.
 inline void cleanMethodName(std::string& name)
 {
-    const auto [className, method, suffix] = MethodTextInternal::splitMethodText(name);
+    const auto [className, method, suffix] = splitMethodText(name);
     name = std::string(className).append(",").append(method).append(suffix);
 }
 

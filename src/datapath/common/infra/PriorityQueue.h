@@ -49,7 +49,8 @@ public:
     {
         if (priority >= m_queues.size()) [[unlikely]]
         {
-            CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "priority < m_queues.size()")
+            static constexpr MethodText METHOD = MethodText::of("PriorityQueue<class ActiveObject::Action *>::enqueue");
+            CheckFailure(LoggerId::NON, METHOD, SourcePlace::here(), "priority < m_queues.size()")
                 << "priority too high"
                 << " priority=" << priority << " "
                 << " m_queues.size()=" << m_queues.size() << " " << std::endl;
@@ -97,7 +98,8 @@ public:
     {
         if (priority >= m_queues.size()) [[unlikely]]
         {
-            CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "priority < m_queues.size()")
+            static constexpr MethodText METHOD = MethodText::of("PriorityQueue<class ActiveObject::Action *>::size");
+            CheckFailure(LoggerId::NON, METHOD, SourcePlace::here(), "priority < m_queues.size()")
                 << "invalid priority" << std::endl;
             return 0;
         }
@@ -110,7 +112,8 @@ public:
     {
         if (priority >= m_queues.size()) [[unlikely]]
         {
-            CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "priority < m_queueStats.size()")
+            static constexpr MethodText METHOD = MethodText::of("PriorityQueue<class ActiveObject::Action *>::sizeBytes");
+            CheckFailure(LoggerId::NON, METHOD, SourcePlace::here(), "priority < m_queueStats.size()")
                 << "invalid priority" << std::endl;
             return 0;
         }

@@ -161,8 +161,7 @@ void SequentialRequestsManager::iterateAll(const Handler& visitor, ModuleInforma
 
 void SequentialRequestsManager::iterateModule(const Handler& visitor, ModuleInformation* module)
 {
-    static constexpr MethodText METHOD = {.text = "SequentialRequestsManager::iterateAll",
-                                          .fields = "SequentialRequestsManager,iterateAll"};
+    static constexpr MethodText METHOD = MethodText::of("SequentialRequestsManager::iterateAll");
     const std::uint64_t firstKey = module->queue().iterateRequests(visitor);
     if (firstKey == 0)
     {

@@ -209,7 +209,7 @@ std::int64_t Tweaks::findLong(std::string_view name, std::optional<std::int64_t>
     }
     if (!defaultVal)
     {
-        static constexpr MethodText METHOD{"Tweaks::longVal", "Tweaks,longVal"};
+        static constexpr MethodText METHOD = MethodText::of("Tweaks::longVal");
         explain(name, "is needed and not set");
         LogItem(LoggerId::NON, LogLevel::Error, METHOD) << "tweak \"" << name << "\" not found" << std::endl;
         failAssertion(LoggerId::NON, METHOD, SourcePlace::numbered(NUMBER_NO_VALUE), "false");

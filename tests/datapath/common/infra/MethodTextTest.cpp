@@ -1,7 +1,8 @@
 #include "datapath/common/infra/MethodText.h"
 
+#include "tests/support/Support.h"
+
 #include <functional>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -17,62 +18,40 @@ MethodText inUnnamedNamespace() { return THIS_METHOD; }
 namespace SampleInternal
 {
 
-class Action
-{
-};
-
 struct Outer
 {
-    explicit Outer(MethodText& text) : m_text(text) { text = THIS_METHOD; }
-    ~Outer() { m_text = THIS_METHOD; }
-
-    template <class T, int COUNT = 1> struct Queue
+    explicit Outer(Texts& texts) : m_texts(texts) { add(THIS_METHOD); }
+    ~Outer() { add(THIS_METHOD); }
+    std::vector<std::function<int(int)>> inLambda(std::pair<int, Outer*>, int (&)[3]) const
     {
-        static std::vector<MethodText> enqueue(T, const std::function<void(T)>&) { return {THIS_METHOD}; }
-        MethodText inLambda() const
-        {
-            return [](auto number) mutable { return number > 0 ? THIS_METHOD : MethodText{}; }(1);
-        }
-    };
+        [this](const std::function<void(int)>&) { add(THIS_METHOD); }({});
+        return {};
+    }
+    void add(const MethodText& method) const { m_texts.emplace_back(method.fields()); }
 
-    MethodText& m_text;
+    Texts& m_texts;
 };
 
 } // namespace SampleInternal
 
 TEST(MethodText, FunctionsOfThisCompilerAreNamedAsTheLogWritesThem)
 {
-    using SampleInternal::Action;
-    using SampleInternal::Outer;
-    EXPECT_STREQ("inUnnamedNamespace", inUnnamedNamespace().text);
-    EXPECT_EQ(",inUnnamedNamespace", inUnnamedNamespace().fields);
-    MethodText text{};
-    {
-        const Outer outer(text);
-        EXPECT_STREQ("SampleInternal::Outer::Outer", text.text);
-    }
-    EXPECT_EQ("SampleInternal::Outer,~Outer", text.fields);
-    EXPECT_EQ("SampleInternal::Outer::Queue<class SampleInternal::Action *,1>,enqueue",
-              (Outer::Queue<Action*>::enqueue(nullptr, {}).front().fields));
-    EXPECT_EQ("SampleInternal::Outer::Queue<unsigned __int64,7>,inLambda::<lambda>",
-              (Outer::Queue<std::uint64_t, 7>().inLambda().fields));
+    Texts texts{std::string(inUnnamedNamespace().fields())};
+    int numbers[3];
+    SampleInternal::Outer(texts).inLambda({}, numbers);
+    EXPECT_EQ((Texts{",inUnnamedNamespace", "SampleInternal::Outer,Outer", "SampleInternal::Outer,inLambda::<lambda>",
+                     "SampleInternal::Outer,~Outer"}),
+              texts);
 }
 
-TEST(MethodText, UnusualSignaturesAreUnderstood)
+TEST(MethodText, OtherSignaturesAreRefused)
 {
-    const auto name = [](const char* signature) {
-        return std::string(MethodTextInternal::methodNameOf(signature).view());
-    };
-    EXPECT_EQ("C::operator<", name("bool C::operator<(int) const"));
-    EXPECT_EQ("C::operator[]", name("int& C::operator[](int)"));
-    EXPECT_EQ("f", name("decltype ((a + b)) f(A, B) [with A = int; B = int]"));
-    EXPECT_EQ("C::f", name("int (& C::f())[3]"));
-    EXPECT_EQ("f", name("void (M::* f(int))(char)"));
-    EXPECT_EQ("<unnamed struct>::f", name("void<unnamed struct>::f()"));
-    EXPECT_EQ("G<int>::operator int", name("G<T>::operator T() [with T = int]"));
-    EXPECT_EQ("P<int,char *>::f", name("static void P<T>::f() [with T = {int, char*}]"));
-    EXPECT_EQ("P<class A const &&,'x'>::f", name("void P<T, C>::f() [with T = const {anonymous}::A&&; char C = 'x']"));
-    EXPECT_EQ("P<class f::<lambda> >::g", name("void P<T>::g() [with T = f(int)::<lambda(char)>]"));
+    for (const char* const signature :
+         {"bool C::operator<(int) const", "decltype ((a + b)) f(A, B) [with A = int; B = int]", "int (& C::f())[3]",
+          "static void P<T>::f() [with T = int]", "void P<char>::f()", "C::f(int)::<lambda(auto)> [with auto:1 = int]"})
+    {
+        EXPECT_THROW(MethodTextInternal::methodTextOf(signature), const char*) << signature;
+    }
 }
 
 TEST(MethodText, CleaningSplitsAtTheLastColonsAndCutsLambdas)

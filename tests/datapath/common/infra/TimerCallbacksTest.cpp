@@ -1,6 +1,8 @@
 // Timer callbacks.
 
 #include "datapath/common/infra/windows/WindowsTimer.h"
+
+#include "datapath/common/infra/Clock.h"
 #include "platform/Time.h"
 #include "tests/support/Support.h"
 
@@ -157,6 +159,7 @@ TEST(TimerCallbacks, BehaveAsIfEachPassCopiedTheTable)
                                     [](std::int64_t& value) { return (value = nowMs) > 0; });
     const ScratchFolder folder;
     waitForOwnThreads();
+    static_cast<void>(Clock::instance()); // logs when it is made
     FollowedTimers timers;
     for (int step = 0; step < 3'900; ++step)
     {

@@ -1,5 +1,6 @@
 #include "datapath/common/infra/windows/WindowsTimer.h"
 
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/DeadLockChecker.h"
 #include "datapath/common/infra/LogItem.h"
 #include "platform/Random.h"
@@ -9,13 +10,15 @@
 #include <array>
 #include <numeric>
 
+void makeWindowsTimer() { static_cast<void>(WindowsTimer::instance()); }
+
 WindowsTimer::WindowsTimer(TimerHandle firstHandle) : m_lastHandle(firstHandle - 1) {}
 
 TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot,
                                    TimerHandle handleToReplace)
 {
     const MutexGuard guard(m_timersMutex);
-    const auto nowMs = static_cast<std::uint64_t>(m_clock.readMs());
+    const auto nowMs = static_cast<std::uint64_t>(Clock::instance().readMs());
     Timer* const replaced = handleToReplace == 0 ? nullptr : m_timers.find(handleToReplace);
     if (replaced != nullptr)
     {
@@ -95,16 +98,16 @@ void WindowsTimer::activateTimers()
 {
     constexpr std::int64_t LONGEST_CALL_MS = 2'000;
     const MutexGuard guard(m_activationMutex);
-    const auto nowMs = static_cast<std::uint64_t>(m_clock.readMs());
+    const auto nowMs = static_cast<std::uint64_t>(Clock::instance().readMs());
     takeTimers(nowMs);
     while (!m_taken.empty())
     {
         if (!m_taken.back().wasCancelled)
         {
             const WindowsTimerInfo& info = m_taken.back().timer->second; // what is read of it never changes
-            const std::int64_t startMs = m_clock.readMs();
+            const std::int64_t startMs = Clock::instance().readMs();
             info.callback(info.context);
-            if (m_clock.readMs() - startMs > LONGEST_CALL_MS)
+            if (Clock::instance().readMs() - startMs > LONGEST_CALL_MS)
             {
                 LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
                     << "timer invocation took more than 1 seconds!" << std::endl;

@@ -12,7 +12,6 @@
 // callback adds waits for the next pass, and one that is due and replaced in the same pass may still be called once.
 // A pass costs what it takes, whatever else is registered.
 
-#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/DueOrder.h"
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/HandleMap.h"
@@ -42,7 +41,7 @@ public:
         bool cancelled;                         ///< was replaced
     };
 
-    /// Makes the clock, too. Tests choose the first handle.
+    /// Tests choose the first handle.
     explicit WindowsTimer(TimerHandle firstHandle = 1);
     WindowsTimer(const WindowsTimer&) = delete;
     WindowsTimer& operator=(const WindowsTimer&) = delete;
@@ -96,7 +95,6 @@ private:
     void takeTimers(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
     void endOrReschedule(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
 
-    Clock& m_clock = Clock::instance();
     // Guards the table, its order and the last handle. The clock's lock, and what log clients take, is taken inside it.
     Mutex m_timersMutex;
     Mutex m_activationMutex; // held during a pass; m_timersMutex, and what callbacks take, is taken inside it
