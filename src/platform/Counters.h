@@ -4,6 +4,7 @@
 // CpuCounter must not be used from two threads at a time.
 
 #include "platform/ErrorNumber.h"
+#include "platform/UniqueHandle.h"
 
 #include <cstdint>
 
@@ -70,6 +71,8 @@ extern CounterCalls counterCalls;
 /// PdhCloseQuery.
 inline void closeCpuCounter(CpuCounter counter) { counterCalls.closeCpuCounter(counter); }
 
+using OwnedCpuCounter = UniqueHandle<CpuCounter, closeCpuCounter>;
+
 /// OpenProcess of the current process; Invalid on failure.
 [[nodiscard]] inline ProcessHandle openOwnProcess() { return counterCalls.openOwnProcess(); }
 
@@ -82,5 +85,7 @@ inline void closeCpuCounter(CpuCounter counter) { counterCalls.closeCpuCounter(c
 
 /// CloseHandle.
 inline void closeProcess(ProcessHandle process) { counterCalls.closeProcess(process); }
+
+using OwnedProcess = UniqueHandle<ProcessHandle, closeProcess>;
 
 } // namespace platform

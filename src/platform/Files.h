@@ -8,6 +8,7 @@
 // read, rename and delete a file while it is open here.
 
 #include "platform/ErrorNumber.h"
+#include "platform/UniqueHandle.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -105,6 +106,8 @@ extern FileCalls fileCalls;
 /// CloseHandle; close. The handle is gone also when this fails.
 inline ErrorNumber closeFile(FileHandle file) { return fileCalls.closeFile(file); }
 
+using OwnedFile = UniqueHandle<FileHandle, closeFile>;
+
 /// CreateDirectoryA; mkdir. An existing path, whatever it is, is ErrorNumber::AlreadyExists.
 [[nodiscard]] inline ErrorNumber createFolder(const char* path) { return fileCalls.createFolder(path); }
 
@@ -136,5 +139,7 @@ inline ErrorNumber closeFile(FileHandle file) { return fileCalls.closeFile(file)
 
 /// FindClose; closedir.
 inline void closeFolder(FolderHandle folder) { fileCalls.closeFolder(folder); }
+
+using OwnedFolder = UniqueHandle<FolderHandle, closeFolder>;
 
 } // namespace platform

@@ -11,6 +11,7 @@
 //                     time; fewer where one thread runs at a time
 
 #include "platform/ErrorNumber.h"
+#include "platform/UniqueHandle.h"
 
 #include "NativeRelax.h"
 
@@ -76,6 +77,8 @@ inline void nameThread(const std::string& name) { threadCalls.nameThread(name); 
 
 /// CloseHandle.
 inline void closeThread(ThreadHandle thread) { threadCalls.closeThread(thread); }
+
+using OwnedThread = UniqueHandle<ThreadHandle, closeThread>;
 
 /// QueryThreadCycleTime; the thread's CPU clock in ns. Never goes back within one thread; 0 where the
 /// system does not count.

@@ -11,14 +11,13 @@ ThreadCpuUsageMonitor::ThreadCpuUsageMonitor(std::uint32_t threadId) : m_threadI
 std::int64_t ThreadCpuUsageMonitor::update(const char*& failure)
 {
     failure = "failed opening thread";
-    const platform::ThreadHandle thread = platform::openThread(m_threadId);
-    if (thread == platform::ThreadHandle::Invalid)
+    const platform::OwnedThread thread(platform::openThread(m_threadId));
+    if (!thread)
     {
         return 0;
     }
     failure = "failed getting thread times";
-    const std::optional<std::uint64_t> userTime = platform::threadUserTime(thread);
-    platform::closeThread(thread);
+    const std::optional<std::uint64_t> userTime = platform::threadUserTime(thread.get());
     if (!userTime)
     {
         return 0;

@@ -25,15 +25,7 @@ CpuUsageMonitor::CpuUsageMonitor() : m_cpuCount(std::max(std::thread::hardware_c
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << mode << std::endl;
     if (!isSimulated)
     {
-        m_counter = platform::openCpuCounter();
-    }
-}
-
-CpuUsageMonitor::~CpuUsageMonitor()
-{
-    if (m_counter != platform::CpuCounter::Invalid)
-    {
-        platform::closeCpuCounter(m_counter);
+        m_counter.reset(platform::openCpuCounter());
     }
 }
 
@@ -52,7 +44,7 @@ std::int64_t CpuUsageMonitor::update()
         return 0;
     }
     platform::CpuTicks ticks = {};
-    if (const std::int32_t status = platform::readCpuCounter(m_counter, ticks); status != 0)
+    if (const std::int32_t status = platform::readCpuCounter(m_counter.get(), ticks); status != 0)
     {
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
             << "PdhGetRawCounterValue returned error  sts=" << status << " " << std::endl;

@@ -14,9 +14,6 @@ class CpuUsageMonitor
 {
 public:
     CpuUsageMonitor();
-    CpuUsageMonitor(const CpuUsageMonitor&) = delete;
-    CpuUsageMonitor& operator=(const CpuUsageMonitor&) = delete;
-    ~CpuUsageMonitor();
 
     /// Brings the usage up to date and logs it. Returns the time that has passed since the last update in 100-ns
     /// units (the first one: since the counter's own start); 0 if it is simulated, or cannot be read, which is logged
@@ -33,5 +30,5 @@ private:
     std::int64_t m_lastTotalTicks = 0; // of the last update, as m_lastIdleTicks
     std::int64_t m_lastIdleTicks = 0;
     const std::uint32_t m_cpuCount;
-    platform::CpuCounter m_counter = platform::CpuCounter::Invalid; // opened unless the usage is simulated
+    platform::OwnedCpuCounter m_counter; // opened unless the usage is simulated
 };

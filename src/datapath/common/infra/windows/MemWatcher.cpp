@@ -127,13 +127,13 @@ std::string MemWatcher::threadUsages(std::int64_t totalTicks)
 
 void MemWatcher::printMem()
 {
-    const platform::ProcessHandle process = platform::openOwnProcess();
-    if (process == platform::ProcessHandle::Invalid)
+    const platform::OwnedProcess process(platform::openOwnProcess());
+    if (!process)
     {
         failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "NULL != hProcess");
     }
     platform::ProcessMemory memory = {};
-    if (platform::processMemory(process, memory))
+    if (platform::processMemory(process.get(), memory))
     {
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0)
             << "memory information: PWSS=" << memory.peakWorkingSet << " WSS=" << memory.workingSet
@@ -141,5 +141,4 @@ void MemWatcher::printMem()
             << " QPNPPU=" << memory.peakNonPagedPoolQuota << " QNPPU=" << memory.nonPagedPoolQuota
             << " PFU=" << memory.pageFile << " PPFileU=" << memory.peakPageFile << std::endl;
     }
-    platform::closeProcess(process);
 }
