@@ -11,6 +11,9 @@
 namespace
 {
 
+// Lines about single copies have the method text of the search that they belong to.
+constexpr MethodText METHOD_FIND{"ConsistentFile::findLatestValidFileIndex", "ConsistentFile,findLatestValidFileIndex"};
+
 struct Signature
 {
     std::uint64_t sequence;
@@ -45,87 +48,92 @@ std::uint32_t crcOfLines(std::istream& file)
 
 ConsistentFile::ConsistentFile(std::string path) : m_path(std::move(path))
 {
-    std::int32_t latestSlot = -1;
-    // Not having a valid copy is for whoever loads.
-    static_cast<void>(findLatestValidFileIndex(latestSlot));
-    m_nextSlot = (latestSlot + 1) % m_slotCount;
+    m_nextSlot = (findLatestValidFileIndex().slot + 1) % m_slotCount; // load tells whether there is a valid copy
 }
 
 std::string ConsistentFile::dataFileName(std::int32_t slot) const { return m_path + "." + std::to_string(slot); }
 
 std::string ConsistentFile::signatureFileName(std::int32_t slot) const { return dataFileName(slot) + ".sig"; }
 
-RcStatus ConsistentFile::findLatestValidFileIndex(std::int32_t& latestSlot)
+ConsistentFile::Latest ConsistentFile::findLatestValidFileIndex()
 {
-    latestSlot = -1;
+    std::int32_t latestSlot = -1;
     std::uint64_t bestSequence = 0;
     bool isAnyFound = false;
     for (std::int32_t slot = 0; slot < m_slotCount; ++slot)
     {
-        InputTextFile data(dataFileName(slot));
-        InputTextFile signatureFile(signatureFileName(slot));
-        if (!data.isOpen() && !signatureFile.isOpen())
+        const Copy copy = examineCopy(slot, bestSequence);
+        isAnyFound = isAnyFound || copy.state != CopyState::Absent;
+        if (copy.state == CopyState::Valid)
         {
-            LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
-                << "Not found persistent files for index " << slot << std::endl;
-            continue;
+            latestSlot = slot;
+            bestSequence = copy.sequence;
         }
-        isAnyFound = true;
-        if (!data.isOpen() || !signatureFile.isOpen())
-        {
-            LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
-                << "Incomplete pair of persistent files for index " << slot << std::endl;
-            continue;
-        }
-        const Signature signature = readSignature(signatureFile);
-        if (signature.sequence < bestSequence)
-        {
-            LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
-                << "Index " << slot << " is older than the current one" << std::endl;
-            continue;
-        }
-        if (crcOfLines(data) != signature.crc || data.bad() || signatureFile.bad())
-        {
-            LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
-                << "Data and signature do not match for index " << slot << std::endl;
-            continue;
-        }
-        latestSlot = slot;
-        bestSequence = signature.sequence;
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Latest index found: " << slot << std::endl;
     }
     if (!isAnyFound)
     {
-        return RC_NOT_FOUND;
+        return {RC_NOT_FOUND, latestSlot};
     }
     if (bestSequence == 0)
     {
-        return RC_ERROR;
+        return {RC_ERROR, latestSlot};
     }
     m_nextSequence = bestSequence + 1;
-    return RC_OK;
+    return {RC_OK, latestSlot};
+}
+
+ConsistentFile::Copy ConsistentFile::examineCopy(std::int32_t slot, std::uint64_t bestSequence) const
+{
+    InputTextFile data(dataFileName(slot));
+    InputTextFile signatureFile(signatureFileName(slot));
+    if (!data.isOpen() && !signatureFile.isOpen())
+    {
+        LogItem(LoggerId::NON, LogLevel::Info, METHOD_FIND)
+            << "Not found persistent files for index " << slot << std::endl;
+        return {CopyState::Absent, 0};
+    }
+    if (!data.isOpen() || !signatureFile.isOpen())
+    {
+        LogItem(LoggerId::NON, LogLevel::Error, METHOD_FIND)
+            << "Incomplete pair of persistent files for index " << slot << std::endl;
+        return {CopyState::Unusable, 0};
+    }
+    const Signature signature = readSignature(signatureFile);
+    if (signature.sequence < bestSequence)
+    {
+        LogItem(LoggerId::NON, LogLevel::Info, METHOD_FIND)
+            << "Index " << slot << " is older than the current one" << std::endl;
+        return {CopyState::Unusable, 0};
+    }
+    if (crcOfLines(data) != signature.crc || data.bad() || signatureFile.bad())
+    {
+        LogItem(LoggerId::NON, LogLevel::Error, METHOD_FIND)
+            << "Data and signature do not match for index " << slot << std::endl;
+        return {CopyState::Unusable, 0};
+    }
+    LogItem(LoggerId::NON, LogLevel::Info, METHOD_FIND) << "Latest index found: " << slot << std::endl;
+    return {CopyState::Valid, signature.sequence};
 }
 
 RcStatus ConsistentFile::load(std::ostream& text)
 {
     const MutexGuard guard(m_mutex);
-    std::int32_t latestSlot = -1;
-    const RcStatus status = findLatestValidFileIndex(latestSlot);
-    if (status == RC_ERROR)
+    const Latest latest = findLatestValidFileIndex();
+    if (latest.status == RC_ERROR)
     {
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "Error loading from disk" << std::endl;
         return RC_ERROR;
     }
-    if (status == RC_NOT_FOUND)
+    if (latest.status == RC_NOT_FOUND)
     {
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "File does not exist" << std::endl;
         return RC_OK;
     }
-    InputTextFile data(dataFileName(latestSlot));
+    InputTextFile data(dataFileName(latest.slot));
     if (!data.isOpen())
     {
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
-            << "Could not open file for read: " << dataFileName(latestSlot) << std::endl;
+            << "Could not open file for read: " << dataFileName(latest.slot) << std::endl;
         return RC_ERROR;
     }
     for (TextLines lines(data); const auto line = lines.next();)
@@ -137,6 +145,6 @@ RcStatus ConsistentFile::load(std::ostream& text)
         LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "Error loading from disk" << std::endl;
         return RC_ERROR;
     }
-    m_nextSlot = (latestSlot + 1) % m_slotCount;
+    m_nextSlot = (latest.slot + 1) % m_slotCount;
     return RC_OK;
 }
