@@ -1,21 +1,24 @@
 #pragma once
 
-// Names that are the same without regard to the case of ASCII letters. Other bytes are taken as they
-// are, whatever the locale.
+// Compares names without regard to the case of ASCII letters. Other bytes stand for themselves, whatever the locale.
+//
+//     std::unordered_map<std::string, int, CaseInsensitiveHash, CaseInsensitiveEqual> values;
+//
+// Any thread may call.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
-/// A to Z become a to z.
+/// Makes A to Z into a to z and leaves every other byte as it is.
 [[nodiscard]] constexpr unsigned char toAsciiLower(char character) noexcept
 {
     const auto byte = static_cast<unsigned char>(character);
     return byte >= 'A' && byte <= 'Z' ? static_cast<unsigned char>(byte - 'A' + 'a') : byte;
 }
 
-/// Orders by the first difference of the lower-cased bytes; of a name and its prefix the prefix is less.
+/// Orders names by the first difference of their lower-cased bytes. A prefix of a name is less than the name.
 struct CaseInsensitiveLess
 {
     [[nodiscard]] constexpr bool operator()(std::string_view left, std::string_view right) const noexcept
@@ -26,7 +29,7 @@ struct CaseInsensitiveLess
 
 struct CaseInsensitiveEqual
 {
-    using is_transparent = void; // containers can be searched without making a string
+    using is_transparent = void; // lets a container be searched without making a string
 
     [[nodiscard]] constexpr bool operator()(std::string_view left, std::string_view right) const noexcept
     {
@@ -34,8 +37,8 @@ struct CaseInsensitiveEqual
     }
 };
 
-/// FNV-1a with 64 bits over the lower-cased bytes: G. Fowler, L. C. Noll, K.-P. Vo, "The FNV
-/// Non-Cryptographic Hash Algorithm".
+/// The 64-bit FNV-1a hash of the lower-cased bytes: G. Fowler, L. C. Noll, K.-P. Vo, "The FNV Non-Cryptographic Hash
+/// Algorithm".
 struct CaseInsensitiveHash
 {
     using is_transparent = void;

@@ -11,9 +11,9 @@ constexpr std::size_t SLICES = 8;
 
 using Table = std::array<std::uint32_t, 256>;
 
-/// Table n: what a byte does to the state when n further bytes follow it. Eight bytes are then taken
-/// in one step: "slicing-by-8", M. E. Kounavis and F. L. Berry, "Novel Table Lookup-Based Algorithms
-/// for High-Performance CRC Generation", IEEE Transactions on Computers 57 (2008).
+/// Table n holds the effect of a byte on the state when n further bytes follow it, so that one step takes eight bytes:
+/// "slicing-by-8", M. E. Kounavis and F. L. Berry, "Novel Table Lookup-Based Algorithms for High-Performance CRC
+/// Generation", IEEE Transactions on Computers 57 (2008).
 constexpr std::array<Table, SLICES> TABLES = [] {
     std::array<Table, SLICES> tables{};
     for (std::uint32_t byte = 0; byte < 256; ++byte)

@@ -1,7 +1,7 @@
 #pragma once
 
-// The CRC-32 of IEEE 802.3: reflected polynomial 0xEDB88320, initial value 0xFFFFFFFF, final
-// complement. The one of zlib, gzip and PNG; of "123456789" it is 0xCBF43926.
+// Computes the CRC-32 of IEEE 802.3, which zlib, gzip and PNG use: reflected polynomial 0xEDB88320, initial value
+// 0xFFFFFFFF, final complement. The CRC-32 of "123456789" is 0xCBF43926.
 //
 //     Crc32 crc;
 //     crc.update(line);
@@ -16,10 +16,10 @@
 class Crc32
 {
 public:
-    /// Takes further bytes.
+    /// Adds bytes.
     void update(std::string_view bytes) noexcept;
 
-    /// Of all bytes taken so far; 0 for none.
+    /// Returns the CRC-32 of all bytes added so far, which is 0 if there are none.
     [[nodiscard]] std::uint32_t value() const noexcept { return ~m_state; }
 
 private:

@@ -23,7 +23,7 @@ Buffer::int_type Buffer::underflow()
     while (isOpen() && length == 0)
     {
         const std::size_t held = m_holdsCarriageReturn ? 1 : 0;
-        m_characters[0] = '\r'; // overwritten unless one is held
+        m_characters[0] = '\r'; // the one that is held back; otherwise reading overwrites it
         const std::size_t bytes = readText(m_characters.data() + held);
         if (bytes == 0)
         {
@@ -46,7 +46,7 @@ std::size_t Buffer::readText(char* characters)
     const auto [bytes, error] = platform::readFile(m_file.handle, characters, CHUNK);
     if (error != platform::ErrorNumber::Success)
     {
-        throw std::ios_base::failure("read error"); // this is how a stream learns that it is not the end
+        throw std::ios_base::failure("read error"); // the stream catches it and becomes bad
     }
     const auto length = std::find_if(characters, characters + bytes, platform::endsText) - characters;
     m_isEnded = length < static_cast<std::ptrdiff_t>(bytes);

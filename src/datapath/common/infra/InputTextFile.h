@@ -1,14 +1,14 @@
 #pragma once
 
-// A text file opened for reading, as an ordinary narrow stream. On every target a carriage return before
-// a line feed disappears. On Windows a byte 0x1A ends the text; every other byte is a character of it.
+// A text file opened for reading, as an ordinary narrow stream. On every target a carriage return before a line feed
+// disappears. On Windows a byte 0x1A ends the text; every other byte is a character.
 //
 //     InputTextFile file(path);
 //     for (std::string line; std::getline(file, line);)
 //
-// A file that cannot be opened reads as an empty one in a failed state. A read error ends the text and leaves the
-// stream bad: what is being extracted then, a line or a word, fails and must not be used, because its end is
-// missing. Belongs to one thread at a time.
+// A file that cannot be opened reads as an empty one and leaves the stream failed. A read error ends the text and
+// leaves the stream bad; a line or a word that is being extracted then fails and must not be used, because its end is
+// missing. A stream belongs to one thread at a time.
 
 #include "platform/Files.h"
 
@@ -37,17 +37,18 @@ protected:
 private:
     static constexpr std::size_t CHUNK = 16384;
 
-    /// Reads the next bytes of the text, at most a chunk, and returns how many; 0 at its end. Throws on a read error.
+    /// Reads the next bytes of the text, at most a chunk. Returns their number, which is 0 at the end of the text.
+    /// Throws on a read error.
     std::size_t readText(char* characters);
 
-    /// Drops each carriage return that a line feed follows. Returns the new length; a carriage
-    /// return at the very end is held back, as what follows it is not known yet.
+    /// Drops each carriage return that a line feed follows. Returns the new length. A carriage return at the end is
+    /// held back, because what follows it is not known yet.
     std::size_t dropCarriageReturns(std::size_t length);
 
     platform::OpenedFile m_file;
-    bool m_isEnded = false; // by a byte that ends a text
+    bool m_isEnded = false; // a byte that ends a text was read
     bool m_holdsCarriageReturn = false;
-    std::array<char, CHUNK + 1> m_characters; // one more for a carriage return held back
+    std::array<char, CHUNK + 1> m_characters; // a chunk after a carriage return that was held back
 };
 
 struct BufferBase
@@ -62,7 +63,7 @@ struct BufferBase
 class InputTextFile : private InputTextFileInternal::BufferBase, public std::istream
 {
 public:
-    /// The path is narrow and the system's own.
+    /// The path is narrow, as the operating system takes it.
     explicit InputTextFile(const std::string& path);
 
     [[nodiscard]] bool isOpen() const { return buffer.isOpen(); }

@@ -1,12 +1,12 @@
 #pragma once
 
-// The lines of a text, one at a time, as configuration files are read: at most 511 characters before
-// the line feed. A longer line ends the text; so does a read error. A zero byte is a character.
+// Gives the lines of a text one at a time, as configuration files are read. A line has at most 511 characters before
+// its line feed; a longer line ends the text, and so does a read error. A zero byte is a character.
 //
 //     TextLines lines(stream);
 //     while (const auto line = lines.next())
 //
-// Belongs to one thread at a time; the stream must live as long.
+// An object belongs to one thread at a time, and the stream must outlive it.
 
 #include <array>
 #include <cstddef>
@@ -19,8 +19,8 @@ class TextLines
 public:
     explicit TextLines(std::istream& stream) : m_stream(stream) {}
 
-    /// The next line without its line feed, valid until the next call. The last one may lack its line
-    /// feed. Nothing at the end, and from then on.
+    /// Returns the next line without its line feed, which the last line may lack; nothing at the end of the text and
+    /// from then on. The line is valid until the next call.
     [[nodiscard]] std::optional<std::string_view> next()
     {
         if (!m_stream.getline(m_line.data(), static_cast<std::streamsize>(m_line.size())))
@@ -33,5 +33,5 @@ public:
 
 private:
     std::istream& m_stream;
-    std::array<char, 512> m_line{}; // with its terminating zero
+    std::array<char, 512> m_line{}; // a line and a terminating zero
 };

@@ -19,12 +19,13 @@ bool makeFolder(const std::string& path)
     return error == 0 || error == FILE_EXISTS;
 }
 
-/// Up to the last separator that does not end the path.
+/// Returns the path up to the last separator that does not end it; nothing if there is none, or if the parent is the
+/// root, which always exists.
 std::optional<std::string> parentOf(const std::string& path)
 {
     const std::size_t separator =
         path.size() < 2 ? std::string::npos : path.rfind(platform::PATH_SEPARATOR, path.size() - 2);
-    const bool isNone = separator == std::string::npos || (separator == 0 && path[0] == '/'); // "/" is always there
+    const bool isNone = separator == std::string::npos || (separator == 0 && path[0] == '/');
     return isNone ? std::nullopt : std::optional(path.substr(0, separator));
 }
 
