@@ -96,7 +96,7 @@ struct LockedMap
     LockedMap()
     {
         std::ifstream file(FILE_NAME);
-        for (const TweakLine& line : Tweaks::getTweaksFromStream(file, true))
+        for (const TweakLine& line : Tweaks::getTweaksFromStream(file, TweakFileKind::Consistent))
         {
             values[line.name] = std::stoll(line.valueText);
         }

@@ -6,11 +6,9 @@
 #include <limits>
 #include <system_error>
 
-bool skipHexPrefix(std::string_view& text)
+std::string_view withoutHexPrefix(std::string_view text)
 {
-    const bool hasPrefix = text.starts_with("0x") || text.starts_with("0X");
-    text.remove_prefix(hasPrefix ? 2 : 0);
-    return hasPrefix;
+    return text.substr(text.starts_with("0x") || text.starts_with("0X") ? 2 : 0);
 }
 
 std::optional<std::int64_t> extractNumber(std::string_view text, int base)
@@ -21,7 +19,7 @@ std::optional<std::int64_t> extractNumber(std::string_view text, int base)
     text.remove_prefix(isNegative || text.starts_with('+') ? 1 : 0);
     if (base == 16)
     {
-        skipHexPrefix(text);
+        text = withoutHexPrefix(text);
     }
     std::uint64_t magnitude = 0;
     if (std::from_chars(text.data(), text.data() + text.size(), magnitude, base).ec != std::errc())

@@ -1,14 +1,14 @@
 #pragma once
 
-// Numbers at the start of a text, read as a standard stream extracts them. Any thread may call.
+// Reads a number at the start of a text as a standard stream extracts it. Any thread may call.
 
 #include <cstdint>
 #include <optional>
 #include <string_view>
 
-/// Takes a leading "0x" or "0X" away; returns whether there was one.
-bool skipHexPrefix(std::string_view& text);
+/// Returns the text after a leading "0x" or "0X", or the whole text if it has no such prefix.
+[[nodiscard]] std::string_view withoutHexPrefix(std::string_view text);
 
-/// As std::num_get reads: blanks, a sign, in base 16 a prefix, digits; what follows is ignored. Nothing if
-/// there is no digit, or if the number needs more than 64 bits.
+/// Reads blanks, a sign, a prefix if the base is 16, and digits, as std::num_get does; what follows is ignored. Returns
+/// nothing if there is no digit or if the number needs more than 64 bits.
 [[nodiscard]] std::optional<std::int64_t> extractNumber(std::string_view text, int base);

@@ -49,11 +49,11 @@ std::optional<std::int64_t> booleanOf(std::string_view text)
 
 std::optional<std::int64_t> numberOf(std::string_view text)
 {
-    const int base = skipHexPrefix(text) ? 16 : 10;
-    return extractNumber(text, base);
+    const std::string_view digits = withoutHexPrefix(text);
+    return extractNumber(digits, digits.size() == text.size() ? 10 : 16);
 }
 
-/// For whoever started the program: a log may not exist yet.
+/// Tells whoever started the program what is wrong. There may be no log yet.
 void explain(std::string_view name, std::string_view problem)
 {
     std::cerr << "tweak \"" << name << "\" " << problem << std::endl;
@@ -117,7 +117,7 @@ Tweaks& Tweaks::instance()
 
 Tweaks::Tweaks()
 {
-    m_tweaks.max_load_factor(0.25F); // entries lie far apart: look at as few as possible
+    m_tweaks.max_load_factor(0.25F); // looking at an entry is expensive, because entries lie far apart in memory
     Directories::ensureExists(std::string("test_appdata") + platform::PATH_SEPARATOR);
     loadFromFiles();
     m_isInitialized = true;

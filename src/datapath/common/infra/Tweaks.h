@@ -1,20 +1,22 @@
 #pragma once
 
-// The process-wide table of tweaks: named configuration values, read from text files when the table is
-// made and completed by defaults that code registers.
+// The process-wide table of tweaks: named configuration values that are read from text files when the table is made,
+// and completed by defaults that code registers. Each tweak that code reads has a description in KnownTweaks.h.
 //
-//     const std::int32_t maxFiles = Tweaks::instance().intVal("t_GenFileLoggerMaxFiles", 1000);
+//     const std::int32_t maxFiles = Tweaks::instance().value(GEN_FILE_LOGGER_MAX_FILES);
 //
-// docs/configuration.md describes the files. Names begin with "t_" and compare without regard to ASCII
-// case. A getter never stores its default. A value that is missing without a default, of another kind or
-// out of range ends the process, and so does a value text that cannot be read; what is wrong with it is
-// told on standard error.
+// docs/configuration.md describes the files. Names begin with "t_" and compare without regard to ASCII case.
+// Reading a tweak that is not set gives its default and does not store it. The process ends when a tweak without a
+// default is not set, when a value is of another kind or out of range, and when a value text cannot be read; standard
+// error then tells what is wrong.
 //
-// Any thread may call what is not said to be for the making of the table. Lines are logged under the table's
-// lock, so log clients must not change tweaks, and should not read them: a thread that does so while it logs
-// such a line is let through. Code that reads a tweak often reads a member of DynamicTweaks instead.
+// Any thread may call any operation, except those that say that they are for the making of the table. Lines are logged
+// under the table's lock. A log client must therefore not change tweaks; it should not read them either, but a thread
+// that reads a tweak while it logs such a line does not wait for its own lock. Code that reads a tweak often reads a
+// member of DynamicTweaks instead.
 
 #include "datapath/common/infra/AsciiCase.h"
+#include "datapath/common/infra/KnownTweaks.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
 
@@ -28,12 +30,19 @@
 #include <string_view>
 #include <unordered_map>
 
-/// One line of a tweak file, trimmed.
+/// One line of a tweak file; its parts have no blanks around them.
 struct TweakLine
 {
     std::string name;
     std::string valueText;
     std::string comment;
+};
+
+/// Decides what happens to a line without "=", and to a name that more than one line has in the same spelling.
+enum class TweakFileKind : std::uint8_t
+{
+    Consistent, ///< such lines end the process
+    Extension   ///< such lines are left out
 };
 
 class Tweaks
@@ -43,13 +52,13 @@ public:
     class Tweak
     {
     public:
-        /// From a value text: a boolean word, a decimal or "0x" hexadecimal number, or a string between
-        /// double quotes. Anything else ends the process, telling whose value it is and from which file.
+        /// Reads a value text: a boolean word, a decimal or "0x" hexadecimal number, or a string between double
+        /// quotes. Anything else ends the process; standard error then names the tweak and the file.
         explicit Tweak(std::string_view valueText, std::string_view name = {}, std::string_view fileName = {});
 
         [[nodiscard]] bool isInt() const { return m_isInt; }
 
-        /// A string ends the process.
+        /// Ends the process if the value is a string.
         [[nodiscard]] std::int64_t longVal() const;
 
         /// The integer in decimal, or the string between double quotes.
@@ -64,63 +73,70 @@ public:
     /// Made on first use, from the files in the working folder, and never destroyed.
     [[nodiscard]] static Tweaks& instance();
 
-    /// Replaces a tweak, its spelling too, or removes it if the value text is empty. Returns what toString
-    /// gave for the value before, empty if there was none.
+    /// What the table holds for a known tweak, or its default. This is how code reads a tweak.
+    [[nodiscard]] std::int32_t value(const IntTweak& tweak) const { return intVal(tweak.name, tweak.defaultVal); }
+    [[nodiscard]] std::uint32_t value(const UintTweak& tweak) const { return uintVal(tweak.name, tweak.defaultVal); }
+    [[nodiscard]] bool value(const BoolTweak& tweak) const { return boolVal(tweak.name, tweak.defaultVal); }
+
+    /// Sets a tweak, also to another spelling of its name, or removes it if the value text is empty. Returns the
+    /// earlier value as Tweak::toString gives it, or an empty text if there was none.
     std::string update(const std::string& name, const std::string& valueText) EXCLUDES(m_mutex);
 
-    /// Returns whether the tweak was missing and has been added.
+    /// Sets a tweak that is not set. Returns whether it did.
     bool setDefaultValIfNotSet(const std::string& name, const std::string& valueText) EXCLUDES(m_mutex);
 
-    /// The value, or the default if the tweak is missing. Whatever is neither ends the process, and so does
-    /// what the narrower types below do not hold.
+    /// The value, or the default if the tweak is not set; without either the process ends.
     [[nodiscard]] std::int64_t longVal(std::string_view name, std::optional<std::int64_t> defaultVal = {}) const
         EXCLUDES(m_mutex);
 
-    /// -2147483648 is out of range.
+    /// As longVal; the process also ends if the value is out of range, which -2147483648 is.
     [[nodiscard]] std::int32_t intVal(std::string_view name, std::optional<std::int32_t> defaultVal = {}) const;
 
+    /// As longVal; the process also ends if the value is out of range.
     [[nodiscard]] std::uint32_t uintVal(std::string_view name, std::optional<std::uint32_t> defaultVal = {}) const;
 
-    /// Whether the value is not 0.
+    /// As longVal; returns whether the value is not 0.
     [[nodiscard]] bool boolVal(std::string_view name, std::optional<bool> defaultVal = {}) const;
 
-    /// Logs every tweak, in the order of the names, at level Control.
+    /// Logs every tweak at level Control, in the order of the names.
     void print() const EXCLUDES(m_mutex);
 
-    /// The lines of a text that define something. A line without "=" ends the process if strict and is left
-    /// out if not.
-    [[nodiscard]] static std::deque<TweakLine> getTweaksFromStream(std::istream& stream, bool strict);
+    /// The lines of a text that set or remove a tweak. The kind decides what happens to a line without "=".
+    [[nodiscard]] static std::deque<TweakLine> getTweaksFromStream(std::istream& text, TweakFileKind kind);
 
-    /// Applies a text, while the table is being made; later it ends the process. A name that the text
-    /// defines more than once is reported for each of its lines, which are not applied, and ends the process
-    /// if strict. The lines are left to the caller, those not applied with a comment that says so.
-    void update(std::istream& stream, std::deque<TweakLine>& lines, bool strict);
-    void update(std::istream& stream, bool strict);
+    /// For the making of the table; a call at another time ends the process. Both apply a text as its kind of file
+    /// requires and return the lines that have a "=". Lines with a repeated name are reported and not applied, and
+    /// their comment then says so.
+    std::deque<TweakLine> applyConsistentText(std::istream& text);
+    std::deque<TweakLine> applyExtensionText(std::istream& text);
 
-    /// Applies a file, not strictly, while the table is being made. Returns whether it could be opened.
+    /// For the making of the table: applies an extension file. Returns whether it could be opened.
     bool updateFromFile(const std::string& path);
 
-    /// For a thread that never goes on: gives up the table, if a log client is called by it under the table's lock.
+    /// For a thread that never goes on: gives up the table's lock if this thread holds it, as it does while it logs a
+    /// line of the table.
     void unlockForGood() const EXCLUDES(m_mutex);
 
 protected:
-    /// Reads the files. A second table may be made, by tests; its changes refresh DynamicTweaks from the first.
+    /// Reads the files. Tests make tables of their own; a change of one refreshes DynamicTweaks from that of the
+    /// process.
     Tweaks();
     ~Tweaks() = default;
 
 private:
-    // By hash: files of 100,000 lines load in linear time. Only the listing needs the order of the names.
+    // A hash table, so that files of 100,000 lines load in linear time. Only the listing needs the names in order.
     using Map = std::unordered_map<std::string, Tweak, CaseInsensitiveHash, CaseInsensitiveEqual>;
 
     void loadFromFiles();
+    std::deque<TweakLine> applyText(std::istream& text, TweakFileKind kind);
     void reserve(std::size_t more) EXCLUDES(m_mutex);
     void notifyDynamicTweaks() const EXCLUDES(m_mutex);
     [[nodiscard]] std::int64_t findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
         REQUIRES(m_mutex);
 
     StlMemShiledContainer<Map> m_tweaks GUARDED_BY(m_mutex){"Tweaks"};
-    // Guards the table. What log clients take is taken inside it.
-    mutable OwnedMutex m_mutex;
+    mutable OwnedMutex m_mutex; // guards the table; what log clients take is taken inside it
+    // Written only while the table is made, when no other thread knows it.
     bool m_isInitialized = false;
-    std::string m_fileName; // that is being read while the table is made, for people
+    std::string m_fileName; // the file that is being read, so that explanations can name it
 };

@@ -1,11 +1,8 @@
 #include "datapath/common/infra/Tweaks.h"
 
 #include "datapath/common/infra/DynamicTweaks.h"
-#include "datapath/common/infra/TweakCatalogue.h"
 #include "tests/support/Support.h"
 
-#include <algorithm>
-#include <atomic>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -33,6 +30,18 @@ struct TweaksTest : LogTest
 
 TEST_F(TweaksTest, ValueTextsAreNumbersBooleanWordsOrBetweenQuotes)
 {
+    const std::vector<std::pair<Texts, std::string>> printedForms = {
+        {{"TRUE", "yes", "oN", "Enabled", "\"ok\"", "+1", "0x1", "1.9"}, "1"},
+        {{"false", "\"No\"", "OFF", "disabled", "00", "-0x10", "0X0"}, "0"},
+        {{"-15abc", "0x-f", "0X-0xF"}, "-15"},
+        {{"9223372036854775807", "0x7fffFFFFffffFFFF"}, "9223372036854775807"},
+        {{"-9223372036854775808"}, "-9223372036854775808"},
+        {{"\" on \""}, "\" on \""},
+        {{"\"a\"b\"\""}, "\"a\"b\"\""}};
+    for (const auto& [texts, printed] : printedForms)
+    {
+        std::ranges::for_each(texts, [&](auto& text) { EXPECT_EQ(printed, Tweaks::Tweak(text).toString()) << text; });
+    }
     for (const char* const text : {"", " ", "yes!", "a = b", "0x", "0x0x", "--1", "9223372036854775808", "\x80"})
     {
         expectAssertion("Tweaks::Tweak,Tweak,Assertion (false", 71, [=] { Tweaks::Tweak tweak(text); });
@@ -84,9 +93,10 @@ TEST_F(TweaksTest, GettersCheckKindAndRange)
     EXPECT_EQ(4294967295, tweaks.uintVal("t_missing", 4294967295));
     EXPECT_TRUE(tweaks.boolVal("t_missing", true));
 
-    const std::string check = "Tweaks,intVal,Assertion (";
-    expectAssertion(check + "ival <= ((u32)-1) / 2", 524, [&] { return set("2147483648").intVal("t_x"); });
-    expectAssertion(check + "-1 * ival <= ((u32)-1) / 2", 525, [&] { return set("-2147483648").intVal("t_x"); });
+    expectAssertion("Tweaks,intVal,Assertion (ival <= ((u32)-1) / 2", 524,
+                    [&] { return set("2147483648").intVal("t_x"); });
+    expectAssertion("Tweaks,intVal,Assertion (-1 * ival <= ((u32)-1) / 2", 525,
+                    [&] { return set("-2147483648").intVal("t_x"); });
     expectAssertion("Tweaks,uintVal,Assertion (ival >= 0", 535, [&] { return set("-1").uintVal("t_x"); });
     expectAssertion("Tweaks,uintVal,Assertion (ival <= ((u32)-1)", 536,
                     [&] { return set("4294967296").uintVal("t_x"); });
@@ -97,96 +107,70 @@ TEST_F(TweaksTest, GettersCheckKindAndRange)
     EXPECT_EQ(1, client.count("Error,NON,Tweaks,longVal,tweak \"T_none\" not found"));
 }
 
-TEST_F(TweaksTest, ATextLeavesItsLinesAndIsAppliedOnlyWhileTheTableIsMade)
+TEST_F(TweaksTest, AnExtensionTextReturnsItsLinesAndIsAppliedOnlyWhileTheTableIsMade)
 {
     folder.write("tweaks_extension.txt", "t_a = 3");
     FreshTweaks tweaks;
-    EXPECT_EQ(3, tweaks.longVal("t_a"));
-    std::istringstream text("t_a = 1 ; first\nT_A=2;;\nno value\n t_a\t=\t1 \r\n;\n = x = y ;\r\n");
-    std::deque<TweakLine> lines;
+    std::istringstream text("t_a = 1 ; first\nT_B=2;;\nno value\n t_a\t=\t1 \r\n;\n = \"x = y\" ;\r\n");
     client.newMessages();
-    EXPECT_THROW(tweaks.Tweaks::update(text, lines, false), ProcessEnded); // by the last line
-    const Texts messages = client.newMessages();
-    EXPECT_EQ("Assert,NON,Tweaks,update, datapath/common/infra/Tweaks.cpp 228: isPeriodicUpdate || !m_isInitialized "
-              "failed. Trying to update non-periodically after initialization",
-              messages.at(0));
-    EXPECT_EQ("Error,NON,Tweaks,update,multiple definition for tweak \"t_a\"", messages.at(1));
-    EXPECT_EQ(2, tweaks.longVal("t_a"));
     Texts fields;
-    for (const TweakLine& line : lines)
+    for (const TweakLine& line : tweaks.applyExtensionText(text))
     {
         fields.push_back(line.name + "|" + line.valueText + "|" + line.comment);
     }
     const std::string repeated = "t_a|1|Multiple definitions of this tweak, pick one.";
-    EXPECT_EQ((Texts{repeated, "T_A|2|;", repeated, "|x = y|"}), fields);
+    EXPECT_EQ((Texts{repeated, "T_B|2|;", repeated, "|\"x = y\"|"}), fields);
+    EXPECT_EQ("Assert,NON,Tweaks,update, datapath/common/infra/Tweaks.cpp 228: isPeriodicUpdate || !m_isInitialized "
+              "failed. Trying to update non-periodically after initialization",
+              client.newMessages().at(0));
+    EXPECT_EQ(2, client.count("Error,NON,Tweaks,update,multiple definition for tweak \"t_a\""));
+    EXPECT_EQ(3 + 2, tweaks.longVal("t_a") + tweaks.longVal("t_b"));
 }
 
 TEST_F(TweaksTest, DynamicMembersFollowTheTable)
 {
-    folder.write("tweaks_extension.txt", "t_KrnRestoreVerboseLogs = on\nt_deadlockCheckerIntervalSec = 61\n");
     Tweaks& tweaks = Tweaks::instance();
     const DynamicTweaks& dynamic = DynamicTweaks::instance();
-    EXPECT_TRUE(dynamic.krnBackupOrRestoreVerbose);
+    tweaks.update("t_deadlockCheckerIntervalSec", "61");
     EXPECT_EQ(61, dynamic.t_deadlockCheckerIntervalSec);
     tweaks.update("t_deadlockCheckerIntervalSec", "");
-    EXPECT_EQ(60, dynamic.t_deadlockCheckerIntervalSec);
-    EXPECT_EQ(900U, dynamic.t_defaultDlcTimeoutSec);
-    EXPECT_FALSE(dynamic.t_ActiveObjectVerboseLogs || dynamic.t_disableLogMemoryAllocationTracking);
+    EXPECT_EQ(DEADLOCK_CHECKER_INTERVAL_SEC.defaultVal, dynamic.t_deadlockCheckerIntervalSec);
 
-    const auto derived = [&] {
-        return std::array<bool, 5>{dynamic.krnBackupOrRestoreVerbose, dynamic.curlOrIoVerbose,
-                                   dynamic.streamReaderOrIoVerbose, dynamic.krnPorterOrIoVerbose,
-                                   dynamic.batchIoOrCloudOrIoVerbose};
-    };
-    tweaks.update("t_KrnRestoreVerboseLogs", "off");
-    using Effect = std::pair<const char*, std::array<bool, 5>>;
-    for (const auto& [name, effect] : std::vector<Effect>{
-             {"t_IOVerboseLogs", {false, true, true, true, true}},
-             {"t_KrnBackupVerboseLogs", {true, false, false, false, false}},
-             {"t_httpCurlVerbose", {false, true, false, false, false}},
-             {"t_StreamReaderVerboseLogs", {false, false, true, false, false}},
-             {"t_KrnPorterVerboseLogs", {false, false, false, true, false}},
-             {"t_BatchIOVerboseLogs", {false, false, false, false, true}},
-             {"t_CloudVerboseLogs", {false, false, false, false, true}},
-         })
+    using Switches = std::array<bool, 5>;
+    for (const auto& [name, effect] :
+         std::map<std::string, Switches>{{"t_IOVerboseLogs", {false, true, true, true, true}},
+                                         {"t_KrnBackupVerboseLogs", {true, false, false, false, false}},
+                                         {"t_KrnRestoreVerboseLogs", {true, false, false, false, false}},
+                                         {"t_httpCurlVerbose", {false, true, false, false, false}},
+                                         {"t_StreamReaderVerboseLogs", {false, false, true, false, false}},
+                                         {"t_KrnPorterVerboseLogs", {false, false, false, true, false}},
+                                         {"t_BatchIOVerboseLogs", {false, false, false, false, true}},
+                                         {"t_CloudVerboseLogs", {false, false, false, false, true}}})
     {
         tweaks.update(name, "on");
-        EXPECT_EQ(effect, derived()) << name;
+        EXPECT_EQ(effect,
+                  (Switches{dynamic.krnBackupOrRestoreVerbose, dynamic.curlOrIoVerbose, dynamic.streamReaderOrIoVerbose,
+                            dynamic.krnPorterOrIoVerbose, dynamic.batchIoOrCloudOrIoVerbose}))
+            << name;
         tweaks.update(name, "");
-        EXPECT_EQ((std::array<bool, 5>{}), derived()) << name;
     }
     expectAssertion("Tweaks::Tweak,longVal,Assertion (false", 123, [&] { tweaks.update("t_IOVerboseLogs", "\"x\""); });
 }
 
 TEST_F(TweaksTest, ThreadsReadAndUpdateAtOnce)
 {
-    std::atomic<int> running = 4;
-    runInThreads(8, [&](int index) {
-        if (index % 2 == 0)
+    Tweaks& tweaks = Tweaks::instance();
+    const DynamicTweaks& dynamic = DynamicTweaks::instance();
+    runInThreads(4, [&](int index) {
+        for (int i = 0; i < 200; ++i)
         {
-            for (int i = 0; i < 200; ++i)
-            {
-                Tweaks::instance().update("t_defaultDlcTimeoutSec", std::to_string(900 + i % 2));
-                Tweaks::instance().setDefaultValIfNotSet("t_own" + std::to_string(index), "1");
-            }
-            --running;
-        }
-        while (running != 0)
-        {
-            EXPECT_EQ(900U, DynamicTweaks::instance().t_defaultDlcTimeoutSec & ~1U);
-            EXPECT_EQ(900U, Tweaks::instance().uintVal("T_DEFAULTDLCTIMEOUTSEC", 900) & ~1U);
+            tweaks.update("t_defaultDlcTimeoutSec", std::to_string(900 + i % 2));
+            tweaks.setDefaultValIfNotSet("t_own" + std::to_string(index), "1");
+            EXPECT_EQ(900U, dynamic.t_defaultDlcTimeoutSec & ~1U);
+            EXPECT_EQ(900U, tweaks.uintVal("T_DEFAULTDLCTIMEOUTSEC", 900) & ~1U);
         }
     });
-    EXPECT_EQ(Tweaks::instance().uintVal("t_defaultDlcTimeoutSec"), DynamicTweaks::instance().t_defaultDlcTimeoutSec);
-}
-
-TEST(TweakCatalogue, IsOrderedAndHoldsEachNameOnce)
-{
-    EXPECT_EQ(TweakCatalogue.end(),
-              std::ranges::adjacent_find(TweakCatalogue, std::ranges::greater_equal(), &TweakDescriptor::name));
-    const auto isDynamic = [](const TweakDescriptor& tweak) { return tweak.isDynamic; };
-    EXPECT_EQ(5, std::ranges::count_if(TweakCatalogue, isDynamic));
-    EXPECT_EQ(31U, TweakCatalogue.size());
+    EXPECT_EQ(tweaks.uintVal("t_defaultDlcTimeoutSec"), dynamic.t_defaultDlcTimeoutSec);
 }
 
 } // namespace
