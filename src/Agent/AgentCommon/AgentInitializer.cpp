@@ -12,34 +12,18 @@ namespace
 
 constexpr std::uint32_t NUMBER_CLIENT_CREATED = 75;
 
-struct TweakDefault
-{
-    const char* name;
-    const char* valueText;
-};
-
-constexpr std::array TWEAK_DEFAULTS = {
-    TweakDefault{"t_qlogMaxFiles", "3"},
-    TweakDefault{"t_FileLoggerCompressOnRotate", "1"},
-    TweakDefault{"t_FileLoggerEnabled", "1"},
-    TweakDefault{"t_runnerEventFreezeCompleteTimeoutMsec", "75000"},
-    TweakDefault{"t_runnerEventThawCompleteTimeoutMsec", "15000"},
-    TweakDefault{"t_requesterQuiescedEventWaitTimeoutMsec", "72000"},
-    TweakDefault{"t_requesterEventWaitForThawStartTimeoutMsec", "9500"},
-    TweakDefault{"t_requesterEventWaitForSharedMemoryReadTimeoutMsec", "80000"},
-    TweakDefault{"t_WaitAsyncTimeoutMsec", "62000"},
-};
-
-const FileLoggerClient* logClient = nullptr; // of initAgentLogger
+const FileLoggerClient* logClient = nullptr; // what initAgentLogger has made
 
 } // namespace
 
 void setAgentTweakDefaults()
 {
-    for (const auto& [name, valueText] : TWEAK_DEFAULTS)
-    {
-        Tweaks::instance().setDefaultValIfNotSet(name, valueText);
-    }
+    forEachKnownTweak([](const auto& tweak) {
+        if (tweak.registeredVal)
+        {
+            Tweaks::instance().setDefaultValIfNotSet(std::string(tweak.name), std::to_string(*tweak.registeredVal));
+        }
+    });
 }
 
 void initAgentLogger(const std::string& logFileName)
@@ -59,7 +43,7 @@ void initAgentLogger(const std::string& logFileName)
     }
     platform::appendToPath(path.data(), "logs");
     platform::appendToPath(path.data(), logFileName.c_str());
-    const auto maxMemoryMiB = static_cast<std::uint32_t>(Tweaks::instance().intVal("t_qlogMaxFiles"));
+    const auto maxMemoryMiB = static_cast<std::uint32_t>(Tweaks::instance().value(QLOG_MAX_FILES));
     auto* const client = GuardedMemory::create<FileLoggerClient>(
         {"FileLoggerClient", SourcePlace::numbered(NUMBER_CLIENT_CREATED)}, path.data(), maxMemoryMiB, "");
     Logger::instance().registerClient(client, Logger::ALL_LEVELS);

@@ -13,7 +13,7 @@ int wWinMain(platform::ModuleHandle instance, platform::ModuleHandle /*previousI
 {
     const std::string logFileName = "TavroVssAgentGUI.exe.log";
     setAgentTweakDefaults();
-    MemShield::setEnabled(Tweaks::instance().longVal("t_enableMemshield", 0) != 0);
+    MemShield::setEnabled(Tweaks::instance().value(ENABLE_MEMSHIELD));
     initAgentLogger(logFileName);
     Tweaks::instance().print();
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;

@@ -3,14 +3,10 @@
 #include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Tweaks.h"
 
-#include <string_view>
-
 namespace
 {
 
 constinit platform::Atomic<DynamicTweaks*> theDynamicTweaks = nullptr;
-
-bool flag(std::string_view name) { return Tweaks::instance().longVal(name, 0) != 0; }
 
 } // namespace
 
@@ -21,24 +17,25 @@ DynamicTweaks& DynamicTweaks::instance()
 
 void DynamicTweaks::refresh()
 {
-    const MutexGuard guard(m_refreshMutex); // each reads what the one before read, or something newer
+    const MutexGuard guard(m_refreshMutex); // so that a refresh never overwrites what a later one has read
     readMembers();
 }
 
 void DynamicTweaks::readMembers()
 {
-    t_ActiveObjectVerboseLogs = flag("t_ActiveObjectVerboseLogs");
-    t_BatchIOVerboseLogs = flag("t_BatchIOVerboseLogs");
-    t_CloudVerboseLogs = flag("t_CloudVerboseLogs");
-    t_deadlockCheckerIntervalSec = Tweaks::instance().intVal("t_deadlockCheckerIntervalSec", 60);
-    t_defaultDlcTimeoutSec = Tweaks::instance().uintVal("t_defaultDlcTimeoutSec", 900);
-    t_disableLogMemoryAllocationTracking = flag("t_disableLogMemoryAllocationTracking");
-    t_httpCurlVerbose = Tweaks::instance().boolVal("t_httpCurlVerbose", false);
-    t_IOVerboseLogs = flag("t_IOVerboseLogs");
-    t_KrnBackupVerboseLogs = flag("t_KrnBackupVerboseLogs");
-    t_KrnPorterVerboseLogs = flag("t_KrnPorterVerboseLogs");
-    t_KrnRestoreVerboseLogs = flag("t_KrnRestoreVerboseLogs");
-    t_StreamReaderVerboseLogs = flag("t_StreamReaderVerboseLogs");
+    const Tweaks& tweaks = Tweaks::instance();
+    t_ActiveObjectVerboseLogs = tweaks.value(ACTIVE_OBJECT_VERBOSE_LOGS);
+    t_BatchIOVerboseLogs = tweaks.value(BATCH_IO_VERBOSE_LOGS);
+    t_CloudVerboseLogs = tweaks.value(CLOUD_VERBOSE_LOGS);
+    t_deadlockCheckerIntervalSec = tweaks.value(DEADLOCK_CHECKER_INTERVAL_SEC);
+    t_defaultDlcTimeoutSec = tweaks.value(DEFAULT_DLC_TIMEOUT_SEC);
+    t_disableLogMemoryAllocationTracking = tweaks.value(DISABLE_LOG_MEMORY_ALLOCATION_TRACKING);
+    t_httpCurlVerbose = tweaks.value(HTTP_CURL_VERBOSE);
+    t_IOVerboseLogs = tweaks.value(IO_VERBOSE_LOGS);
+    t_KrnBackupVerboseLogs = tweaks.value(KRN_BACKUP_VERBOSE_LOGS);
+    t_KrnPorterVerboseLogs = tweaks.value(KRN_PORTER_VERBOSE_LOGS);
+    t_KrnRestoreVerboseLogs = tweaks.value(KRN_RESTORE_VERBOSE_LOGS);
+    t_StreamReaderVerboseLogs = tweaks.value(STREAM_READER_VERBOSE_LOGS);
 
     krnBackupOrRestoreVerbose = t_KrnBackupVerboseLogs || t_KrnRestoreVerboseLogs;
     curlOrIoVerbose = t_httpCurlVerbose || t_IOVerboseLogs;

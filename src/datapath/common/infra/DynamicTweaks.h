@@ -1,20 +1,20 @@
 #pragma once
 
-// Tweaks that hot code reads, as plain members: one load, no lock, no lookup.
+// Tweaks that hot code reads, as plain members: reading one is a single load without a lock or a lookup.
 //
 //     if (DynamicTweaks::instance().t_IOVerboseLogs)
 //
-// The members hold what the table of tweaks holds, or their default: a change of the table refreshes them
-// before it returns, and of several changes at once the last one wins in each member. They never move, so
-// pointers to them may be kept. Any thread may read; each member is consistent in itself, not with the
-// others while a refresh runs.
+// A member holds what the table of tweaks holds, or the default in KnownTweaks.h. A change of the table refreshes the
+// members before it returns; if several threads change the table at once, each member ends up with the last value.
+// Members never move, so pointers to them may be kept. Any thread may read. Each member is consistent in itself, but
+// while a refresh runs some members may be newer than others.
 
 #include "datapath/common/infra/Mutex.h"
 #include "platform/Atomic.h"
 
 #include <cstdint>
 
-/// A member that a refresh writes while others read it.
+/// A member of DynamicTweaks, which a refresh may write while other threads read it.
 template <class T> class DynamicTweak
 {
 public:
@@ -22,7 +22,7 @@ public:
     DynamicTweak(const DynamicTweak&) = delete;
     DynamicTweak& operator=(const DynamicTweak&) = delete;
 
-    // NOLINTNEXTLINE(google-explicit-constructor): reads like the value that it is
+    // NOLINTNEXTLINE(google-explicit-constructor): it reads like a plain variable
     operator T() const noexcept { return m_value.load(std::memory_order_relaxed); }
 
 private:
@@ -39,15 +39,15 @@ public:
     /// Made on first use and never destroyed.
     [[nodiscard]] static DynamicTweaks& instance();
 
-    /// Reads every member from the table again, when refreshes on other threads are over. The table calls this
-    /// after each change. Any thread may call, but log clients must not.
+    /// Reads every member from the table again. The table calls this after each change. Any thread but one that is
+    /// inside a log client may call; refreshes on several threads take turns.
     void refresh() EXCLUDES(m_refreshMutex);
 
     DynamicTweak<bool> t_ActiveObjectVerboseLogs;
     DynamicTweak<bool> t_BatchIOVerboseLogs;
     DynamicTweak<bool> t_CloudVerboseLogs;
-    DynamicTweak<std::int32_t> t_deadlockCheckerIntervalSec; // 60
-    DynamicTweak<std::uint32_t> t_defaultDlcTimeoutSec;      // 900
+    DynamicTweak<std::int32_t> t_deadlockCheckerIntervalSec;
+    DynamicTweak<std::uint32_t> t_defaultDlcTimeoutSec;
     DynamicTweak<bool> t_disableLogMemoryAllocationTracking;
     DynamicTweak<bool> t_httpCurlVerbose;
     DynamicTweak<bool> t_IOVerboseLogs;
@@ -56,7 +56,7 @@ public:
     DynamicTweak<bool> t_KrnRestoreVerboseLogs;
     DynamicTweak<bool> t_StreamReaderVerboseLogs;
 
-    // Derived from those above.
+    // Derived switches. Each is on when one of its tweaks is.
     DynamicTweak<bool> krnBackupOrRestoreVerbose;
     DynamicTweak<bool> curlOrIoVerbose;
     DynamicTweak<bool> streamReaderOrIoVerbose;
@@ -67,5 +67,5 @@ private:
     DynamicTweaks() { readMembers(); }
     void readMembers();
 
-    Mutex m_refreshMutex; // held while members are written, once others know the object
+    Mutex m_refreshMutex; // held while members are written, except by the constructor
 };
