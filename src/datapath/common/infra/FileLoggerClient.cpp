@@ -10,13 +10,13 @@ FileLoggerClient::FileLoggerClient(const std::string& basePath, std::uint32_t ma
     : GenFileLogger(basePath, maxMemoryMiB, Writer::NotStarted)
 {
     const Tweaks& tweaks = Tweaks::instance();
-    m_compressOnRotate = tweaks.longVal("t_FileLoggerCompressOnRotate", 0) != 0;
-    m_flushEveryLine = tweaks.longVal("t_FileLoggerFlushEveryLine", 0) != 0;
-    m_asyncFlushEveryLine = tweaks.longVal("t_AsyncFileLoggerFlushEveryLine", 0) != 0;
+    m_compressOnRotate = tweaks.value(FILE_LOGGER_COMPRESS_ON_ROTATE);
+    m_flushEveryLine = tweaks.value(FILE_LOGGER_FLUSH_EVERY_LINE);
+    m_asyncFlushEveryLine = tweaks.value(ASYNC_FILE_LOGGER_FLUSH_EVERY_LINE);
     startWriter();
     if (m_enabled)
     {
-        m_enabled = tweaks.longVal("t_FileLoggerEnabled", 1) != 0;
+        m_enabled = tweaks.value(FILE_LOGGER_ENABLED);
     }
     log("\n\n");
     log(std::string(UtcTimestamp(3).view()) + ", -----------------Log Start---------------------- " + startInfo +

@@ -35,7 +35,7 @@ std::string directoryOf(const std::string& path)
 
 HeapMemoryAllocationTracker* createTracker(std::uint32_t maxMemoryMiB, const std::string& name)
 {
-    const std::uint32_t percent = Tweaks::instance().uintVal("t_percentOfLoggerMemoryforMinimalThreshold", 80);
+    const std::uint32_t percent = Tweaks::instance().value(PERCENT_OF_LOGGER_MEMORY_FOR_MINIMAL_THRESHOLD);
     const std::uint32_t maxBytes = maxMemoryMiB == NO_MEMORY_LIMIT ? NO_MEMORY_LIMIT : maxMemoryMiB << 20U;
     const double resumeBytes = std::min<double>(percent / 100.0 * maxBytes, NO_MEMORY_LIMIT);
     return GuardedMemory::create<HeapMemoryAllocationTracker>(
@@ -56,10 +56,10 @@ GenFileLogger::GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB
       m_memoryTracker(nullptr, {SourcePlace::numbered(NUMBER_TRACKER_RELEASED)})
 {
     const Tweaks& tweaks = Tweaks::instance();
-    m_flushMaxPeriodMs = tweaks.uintVal("t_OlmFlushFileMaxPeriodMs", 60'000);
+    m_flushMaxPeriodMs = tweaks.value(OLM_FLUSH_FILE_MAX_PERIOD_MS);
     m_memoryTracker.reset(createTracker(maxMemoryMiB, path));
-    m_maxFiles = static_cast<std::uint32_t>(tweaks.intVal("t_GenFileLoggerMaxFiles", 1000));
-    if (const std::int32_t maxFiles = tweaks.intVal("t_FileLoggerMaxFilesOverride", 0); maxFiles != 0)
+    m_maxFiles = static_cast<std::uint32_t>(tweaks.value(GEN_FILE_LOGGER_MAX_FILES));
+    if (const std::int32_t maxFiles = tweaks.value(FILE_LOGGER_MAX_FILES_OVERRIDE); maxFiles != 0)
     {
         m_maxFiles = static_cast<std::uint32_t>(maxFiles);
     }
