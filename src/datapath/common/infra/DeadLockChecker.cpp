@@ -56,7 +56,7 @@ std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t interv
 
 void DlcKeepalive::printThreadsBackTrace()
 {
-    if (Tweaks::instance().uintVal("t_disableBtPrint") != 0)
+    if (Tweaks::instance().value(DISABLE_BT_PRINT) != 0)
     {
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "backtrace printing is disabled" << std::endl;
         return;

@@ -177,10 +177,8 @@ private:
 
     static std::uint32_t printIntervalMs()
     {
-        constexpr std::int32_t DEFAULT_INTERVAL_MS = 10'000;
         constexpr std::uint32_t VERBOSE_INTERVAL_MS = 500;
-        const std::int32_t intervalMs =
-            Tweaks::instance().intVal("t_OlmPriorityQueuePrintIntervalMs", DEFAULT_INTERVAL_MS);
+        const std::int32_t intervalMs = Tweaks::instance().value(OLM_PRIORITY_QUEUE_PRINT_INTERVAL_MS);
         return DynamicTweaks::instance().t_IOVerboseLogs ? VERBOSE_INTERVAL_MS : static_cast<std::uint32_t>(intervalMs);
     }
 

@@ -12,16 +12,16 @@ namespace
 
 constexpr std::int64_t PERCENT = 100;
 
-bool isOn(const char* tweak) { return Tweaks::instance().longVal(tweak, 0) != 0; }
+bool isOn(const BoolTweak& tweak) { return Tweaks::instance().value(tweak); }
 
 } // namespace
 
 CpuUsageMonitor::CpuUsageMonitor() : m_cpuCount(std::max(std::thread::hardware_concurrency(), 1U))
 {
-    const bool isSimulated = isOn("t_simulativeCpuUsage");
-    const char* const mode = !isSimulated               ? "Using real windows CPU counters "
-                             : isOn("t_randomCpuUsage") ? "Using simulative random CPU counters "
-                                                        : "Using simulative CPU counters ";
+    const bool isSimulated = isOn(SIMULATIVE_CPU_USAGE);
+    const char* const mode = !isSimulated             ? "Using real windows CPU counters "
+                             : isOn(RANDOM_CPU_USAGE) ? "Using simulative random CPU counters "
+                                                      : "Using simulative CPU counters ";
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << mode << std::endl;
     if (!isSimulated)
     {
@@ -31,9 +31,9 @@ CpuUsageMonitor::CpuUsageMonitor() : m_cpuCount(std::max(std::thread::hardware_c
 
 std::int64_t CpuUsageMonitor::update()
 {
-    if (isOn("t_simulativeCpuUsage"))
+    if (isOn(SIMULATIVE_CPU_USAGE))
     {
-        if (isOn("t_randomCpuUsage"))
+        if (isOn(RANDOM_CPU_USAGE))
         {
             randomCpuGeneratorForTests();
         }
@@ -64,10 +64,10 @@ std::int64_t CpuUsageMonitor::update()
 void CpuUsageMonitor::randomCpuGeneratorForTests()
 {
     const Tweaks& tweaks = Tweaks::instance();
-    const std::int64_t high = tweaks.intVal("t_highCpuUsageProbabilityPercent", 0);
-    const std::int64_t mid = tweaks.intVal("t_midCpuUsageProbabilityPercent", 0);
-    const std::int64_t low = tweaks.intVal("t_lowCpuUsageProbabilityPercent", 0);
-    const std::int64_t keep = tweaks.intVal("t_keepPrevCpuUsageProbabilityPercent", 0);
+    const std::int64_t high = tweaks.value(HIGH_CPU_USAGE_PROBABILITY_PERCENT);
+    const std::int64_t mid = tweaks.value(MID_CPU_USAGE_PROBABILITY_PERCENT);
+    const std::int64_t low = tweaks.value(LOW_CPU_USAGE_PROBABILITY_PERCENT);
+    const std::int64_t keep = tweaks.value(KEEP_PREV_CPU_USAGE_PROBABILITY_PERCENT);
     if (high + low + keep + mid != PERCENT)
     {
         CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(),
@@ -78,8 +78,7 @@ void CpuUsageMonitor::randomCpuGeneratorForTests()
             << " lowCpuUsageProbabilityPercent=" << low << " "
             << " keepPrevCpuUsageProbabilityPercent=" << keep << " " << std::endl;
     }
-    constexpr std::uint32_t DEFAULT_THRESHOLD = 90;
-    const std::uint32_t threshold = tweaks.uintVal("t_OlmCompressionHighCpuThreshold", DEFAULT_THRESHOLD);
+    const std::uint32_t threshold = tweaks.value(OLM_COMPRESSION_HIGH_CPU_THRESHOLD);
     const std::int64_t draw = platform::nextRandom() % PERCENT;
     if (draw >= keep)
     {
