@@ -46,10 +46,10 @@ std::uint64_t nowMs() { return static_cast<std::uint64_t>(Clock::lastTimestampMs
 } // namespace
 
 MemShield::MemShield()
-    : m_preMargin(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_memshield_pre_margin_size", 16))),
-      m_postMargin(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_memshield_post_margin_size", 64))),
+    : m_preMargin(static_cast<std::uint32_t>(Tweaks::instance().value(MEMSHIELD_PRE_MARGIN_SIZE))),
+      m_postMargin(static_cast<std::uint32_t>(Tweaks::instance().value(MEMSHIELD_POST_MARGIN_SIZE))),
       m_padding((HEAP_ALIGNMENT - m_preMargin % HEAP_ALIGNMENT) % HEAP_ALIGNMENT),
-      m_historyLength(static_cast<std::uint32_t>(Tweaks::instance().intVal("t_allocationHistoryLengthMs", 0)))
+      m_historyLength(static_cast<std::uint32_t>(Tweaks::instance().value(ALLOCATION_HISTORY_LENGTH_MS)))
 {
     MEM_SHIELD_HOOKS.onCreation();
 }

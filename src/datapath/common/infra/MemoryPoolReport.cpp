@@ -166,8 +166,8 @@ void MemoryPoolImpl::endReportsForGood()
 void MemoryPoolImpl::monitorPendingMemoryAllocations()
 {
     const Tweaks& tweaks = Tweaks::instance();
-    const std::uint32_t infoSec = tweaks.uintVal("t_OlmWaitTimeAfterMemAllocRequestInfoThresholdSec", 60);
-    const std::uint32_t errorSec = tweaks.uintVal("t_OlmWaitTimeAfterMemAllocRequestErrorThresholdSec", 1800);
+    const std::uint32_t infoSec = tweaks.value(OLM_WAIT_TIME_AFTER_MEM_ALLOC_REQUEST_INFO_THRESHOLD_SEC);
+    const std::uint32_t errorSec = tweaks.value(OLM_WAIT_TIME_AFTER_MEM_ALLOC_REQUEST_ERROR_THRESHOLD_SEC);
     const std::int64_t nowMs = Clock::instance().timestampMs();
     struct Waiting
     {

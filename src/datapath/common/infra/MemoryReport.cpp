@@ -78,8 +78,8 @@ void MemoryReport::printAllocations()
         std::uint64_t count = 0;
         std::uint64_t bytes = 0;
     };
-    const bool isVerbose = Tweaks::instance().intVal("t_MemShieldVerbose", 1) != 0;
-    const std::int64_t limit = Tweaks::instance().intVal("t_MemShieldMaxAllocationInCodeLine", 700'000);
+    const bool isVerbose = Tweaks::instance().value(MEM_SHIELD_VERBOSE) != 0;
+    const std::int64_t limit = Tweaks::instance().value(MEM_SHIELD_MAX_ALLOCATION_IN_CODE_LINE);
     LogItem(LoggerId::NON, LogLevel::Info, PRINT_ALLOCATIONS)
         << "Allocated from system heap: " << MemShield::systemHeapBytes() << std::endl;
 
