@@ -1,38 +1,61 @@
-// A value text becomes what a standard stream and a plain reading of the quotes make of it, or ends the
-// process.
+// A value text becomes what a standard stream, the list of boolean words and a plain reading of the quotes make of it,
+// or ends the process.
 
 #include "datapath/common/infra/Tweaks.h"
 #include "fuzz/Support.h"
 
+#include <algorithm>
+#include <map>
+#include <optional>
 #include <sstream>
+
+namespace
+{
+
+std::optional<std::string> wordOf(std::string text)
+{
+    static const std::map<std::string, std::string> WORDS = {{"true", "1"},    {"yes", "1"}, {"on", "1"},
+                                                             {"enabled", "1"}, {"ok", "1"},  {"false", "0"},
+                                                             {"no", "0"},      {"off", "0"}, {"disabled", "0"}};
+    std::ranges::for_each(text, [](char& letter) { letter += letter >= 'A' && letter <= 'Z' ? 'a' - 'A' : 0; });
+    const auto found = WORDS.find(text);
+    return found == WORDS.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::optional<std::string> numberOf(const std::string& text)
+{
+    const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+    std::istringstream stream(isHex ? text.substr(2) : text);
+    std::int64_t value = 0;
+    return stream >> (isHex ? std::hex : std::dec) >> value ? std::optional(std::to_string(value)) : std::nullopt;
+}
+
+/// The printed form; nothing if the process ends.
+std::optional<std::string> printedFormOf(const std::string& text)
+{
+    if (!text.starts_with('"'))
+    {
+        const auto word = wordOf(text);
+        return word ? word : numberOf(text);
+    }
+    if (text.size() < 2 || text.back() != '"')
+    {
+        return std::nullopt;
+    }
+    return wordOf(text.substr(1, text.size() - 2)).value_or(text);
+}
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
 {
     const std::string text(data, size);
-    const bool isHex = text.starts_with("0x") || text.starts_with("0X");
-    std::istringstream stream(isHex ? text.substr(2) : text);
-    std::int64_t value = 0;
-    const bool isNumber = static_cast<bool>(stream >> (isHex ? std::hex : std::dec) >> value);
-    std::string printed;
-    const bool ended = endsProcess([&] { printed = Tweaks::Tweak(text).toString(); });
-    if (ended)
+    std::optional<std::string> printed;
+    endsProcess([&] { printed = Tweaks::Tweak(text).toString(); });
+    require(printed == printedFormOf(text), "the printed form, or whether the process ends");
+    if (printed)
     {
-        require(!text.starts_with('"') ? !isNumber : size < 2 || text.back() != '"', "the process ended");
-        return 0;
-    }
-    require(Tweaks::Tweak(printed).toString() == printed, "the printed form is read as something else");
-    if (text.starts_with('"'))
-    {
-        require(printed == text || printed == "1" || printed == "0", "quoted");
-        return 0;
-    }
-    if (isNumber)
-    {
-        require(printed == std::to_string(value), "number");
-    }
-    else
-    {
-        require(printed == "1" || printed == "0", "boolean word");
+        require(Tweaks::Tweak(*printed).toString() == *printed, "the printed form is read as something else");
     }
     return 0;
 }
