@@ -48,7 +48,19 @@ std::uint32_t crcOfLines(std::istream& file)
 
 ConsistentFile::ConsistentFile(std::string path) : m_path(std::move(path))
 {
-    m_nextSlot = (findLatestValidFileIndex().slot + 1) % m_slotCount; // load tells whether there is a valid copy
+    m_nextSlot = (findLatestValidFileIndex().slot + 1) % m_slotCount; // load tells whether a copy is valid
+}
+
+std::int32_t ConsistentFile::nextSlot() const
+{
+    const MutexGuard guard(m_mutex);
+    return m_nextSlot;
+}
+
+std::uint64_t ConsistentFile::nextSequence() const
+{
+    const MutexGuard guard(m_mutex);
+    return m_nextSequence;
 }
 
 std::string ConsistentFile::dataFileName(std::int32_t slot) const { return m_path + "." + std::to_string(slot); }

@@ -35,21 +35,9 @@ public:
     /// call.
     [[nodiscard]] RcStatus load(std::ostream& text) EXCLUDES(m_mutex);
 
-    struct Latest
-    {
-        RcStatus status;   ///< RC_NOT_FOUND: no file exists; RC_ERROR: no copy is valid or has a number above 0
-        std::int32_t slot; ///< the number of the newest copy that matches its signature, or -1
-    };
-
-    /// Looks at the copies. Neither this nor the operations below may be called while a load runs.
-    [[nodiscard]] Latest findLatestValidFileIndex();
-
-    [[nodiscard]] std::string dataFileName(std::int32_t slot) const;
-    [[nodiscard]] std::string signatureFileName(std::int32_t slot) const;
-
-    /// Where the next copy would go and which sequence number it would have, as of the last look.
-    [[nodiscard]] std::int32_t nextSlot() const { return m_nextSlot; }
-    [[nodiscard]] std::uint64_t nextSequence() const { return m_nextSequence; }
+    /// Where the next copy would go and which sequence number it would have, as of the last look. Any thread may call.
+    [[nodiscard]] std::int32_t nextSlot() const EXCLUDES(m_mutex);
+    [[nodiscard]] std::uint64_t nextSequence() const EXCLUDES(m_mutex);
 
 private:
     enum class CopyState : std::uint8_t
@@ -63,13 +51,24 @@ private:
         CopyState state;
         std::uint64_t sequence; // of a valid copy
     };
+    struct Latest
+    {
+        RcStatus status;   // RC_NOT_FOUND: no file exists; RC_ERROR: no copy is valid or has a number above 0
+        std::int32_t slot; // the number of the newest copy that matches its signature, or -1
+    };
+
+    [[nodiscard]] std::string dataFileName(std::int32_t slot) const;
+    [[nodiscard]] std::string signatureFileName(std::int32_t slot) const;
+
+    /// Looks at the copies and sets m_nextSequence if one is valid.
+    [[nodiscard]] Latest findLatestValidFileIndex() REQUIRES(m_mutex);
 
     /// Looks at one copy and logs what it finds. A copy with a sequence number below the given one is not read.
     [[nodiscard]] Copy examineCopy(std::int32_t slot, std::uint64_t bestSequence) const;
 
     const std::int32_t m_slotCount = 2;
     const std::string m_path;
-    std::int32_t m_nextSlot = 0;
-    std::uint64_t m_nextSequence = 1;
-    Mutex m_mutex; // one load at a time; what log clients take is taken inside it
+    mutable Mutex m_mutex; // one load at a time; what log clients take is taken inside it
+    std::int32_t m_nextSlot GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_nextSequence GUARDED_BY(m_mutex) = 1;
 };

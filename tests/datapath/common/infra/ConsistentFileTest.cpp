@@ -6,7 +6,6 @@
 #include "platform/Text.h"
 #include "tests/support/Support.h"
 
-#include <random>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -81,19 +80,6 @@ TEST_F(ConsistentFileTest, ACopyIsNeverTakenForWholeWhateverCallFails)
     EXPECT_GT(calls, 25);
     EXPECT_EQ(1, client.count("Error,NON,ConsistentFile,load,Could not open file for read: " + path + ".0"));
     EXPECT_EQ("1:2", nextOf(file));
-}
-
-TEST_F(ConsistentFileTest, LoadsOfOneObjectDoNotMix)
-{
-    std::string lines;
-    repeat(1000, [&, i = 0]() mutable { lines += std::to_string(i++) + "\n"; });
-    write(0, "1", lines);
-    ConsistentFile file(path);
-    runInThreads(4, [&](int) {
-        std::ostringstream text;
-        EXPECT_EQ(RC_OK, file.load(text));
-        EXPECT_EQ(lines, text.str());
-    });
 }
 
 using DirectoriesTest = LogTest;
