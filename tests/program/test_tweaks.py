@@ -90,12 +90,11 @@ TWICE = 'multiple definition for tweak "t_x"'
     ({EXTENSION: b"t_x = a = b"}, NUMBER, ['"t_x"', "'a = b'", f"(in {EXTENSION})"]),
     ({SURVIVING[0]: b"t_x=9223372036854775808"}, NUMBER, ['"t_x"', "'9223372036854775808'", f"(in {SURVIVING[0]})"]),
     ({SURVIVING[1]: b'T_x="a;b"'}, QUOTES, ['"T_x"', """'"a'""", f"(in {SURVIVING[1]})"]),
-    ({EXTENSION: b't_x = "'}, QUOTES, ['"t_x"', """'"'""", f"(in {EXTENSION})"]),
     (slot(0, 1, b"t_x = 1\nword ; = 2\n"), ASSERTION.format("false", 602), ['without "=": word']),
     (slot(0, 1, b"t_x = 1\nt_x = 1\n"), TWICE + "\n" + ASSERTION.format("!strict", 244), ['"t_x"', "olm_tweaks"]),
     ({EXTENSION: b't_ENABLEmemshield="x"'}, ASSERTION.format("false", 123), ['"t_enableMemshield"', ' "x"']),
     ({EXTENSION: b"t_defaultDlcTimeoutSec=-1"}, ASSERTION.format("ival >= 0", 535), ['"t_defaultDlc', " -1 "]),
-], ids=["no copy", "word", "second =", "large", "cut string", "lone quote", "no =", "twice", "string", "negative"])
+], ids=["no copy", "word", "second =", "large", "cut string", "no =", "twice", "string", "negative"])
 def test_bad_file_ends_the_program(program, files, out, explained):
     put(program.folder, files)
     status, written, explanation = submit(program)

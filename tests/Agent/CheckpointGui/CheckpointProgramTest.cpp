@@ -2,15 +2,14 @@
 
 #include "Agent/CheckpointGui/AgentLauncher.h"
 #include "Agent/CheckpointGui/CheckpointDialog.h"
-#include "datapath/common/infra/MemShield.h"
 #include "platform/Entry.h"
 #include "platform/Files.h"
 #include "platform/Process.h"
 #include "platform/Shell.h"
-#include "platform/Threads.h"
 #include "tests/support/Support.h"
 
 #include <cstring>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -71,39 +70,30 @@ struct CheckpointProgram : testing::Test
 
 TEST_F(CheckpointProgram, AnswersItsDialogAndFlushesLast)
 {
-    folder.write("tweaks_extension.txt", "T_ENABLEMEMSHIELD = Off\n");
     const ScopedReplacement dialog(
         dialogCalls.runDialog, [](ModuleHandle module, int dialogId, DialogProcedure procedure) -> std::intptr_t {
             EXPECT_TRUE(module == &calls && dialogId == 101);
-            struct Step
+            using Step = std::tuple<const char16_t*, std::uint32_t, std::uintptr_t, std::intptr_t, const char*>;
+            for (const auto& [text, message, control, result, done] :
+                 {Step{u"", MESSAGE_INIT_DIALOG, 0, 1, ""},
+                  {u"", MESSAGE_COMMAND, 0x0300U << 16U | 1002U, 0, "disable 1;"},
+                  {u"x", MESSAGE_COMMAND, 0x0300U << 16U | 1002U, 0, "enable 1;"},
+                  {u"", MESSAGE_COMMAND, 0x0100U << 16U | 1002U, 0, ""}, // the edit got the focus
+                  {u"", MESSAGE_COMMAND, 0x0300U << 16U | 1003U, 0, ""}, // another control changed
+                  {u"", 0x000F, 0, 0, ""},
+                  {u"x", MESSAGE_COMMAND, CONTROL_OK, 1, "start;end 1;"},
+                  {u"", MESSAGE_COMMAND, CONTROL_CANCEL, 1, "end 1;"}})
             {
-                const char16_t* text;
-                std::uint32_t message;
-                std::uintptr_t control; // and what it notifies of
-                std::intptr_t result;
-                const char* done;
-            };
-            for (const Step& step : {Step{u"", MESSAGE_INIT_DIALOG, 0, 1, ""},
-                                     {u"", MESSAGE_COMMAND, 0x0300U << 16U | 1002U, 0, "disable 1;"},
-                                     {u"x", MESSAGE_COMMAND, 0x0300U << 16U | 1002U, 0, "enable 1;"},
-                                     {u"", MESSAGE_COMMAND, 0x0100U << 16U | 1002U, 0, ""}, // the edit got the focus
-                                     {u"", MESSAGE_COMMAND, 0x0300U << 16U | 1003U, 0, ""}, // another control changed
-                                     {u"", 0x000F, 0, 0, ""},
-                                     {u"x", MESSAGE_COMMAND, CONTROL_OK, 1, "start;end 1;"},
-                                     {u"", MESSAGE_COMMAND, CONTROL_CANCEL, 1, "end 1;"}})
-            {
-                editText = step.text;
+                editText = text;
                 calls.clear();
-                EXPECT_EQ(step.result, procedure(nullptr, step.message, step.control, 0));
-                EXPECT_EQ(step.done, calls);
+                EXPECT_EQ(result, procedure(nullptr, message, control, 0));
+                EXPECT_EQ(done, calls);
             }
             return 1;
         });
     EXPECT_EQ(0, wWinMain(&calls, nullptr, nullptr, 0));
-    EXPECT_FALSE(MemShield::isEnabled());
     EXPECT_EQ(1, client.count("Info,NON,,Checkpoint,IDCANCEL"));
-    // Of the Error lines about two missing tweak files and the agent, and the last of all.
-    EXPECT_EQ(4, client.flushes());
+    EXPECT_EQ(5, client.flushes()); // by four Error lines, about three tweak files and the agent, and at the end
 }
 
 TEST_F(CheckpointProgram, RunsWithoutALogWhereItsFolderCannotBe)
