@@ -1,18 +1,21 @@
 #pragma once
 
-// The start-up steps that the programs of the agent family share. For the main thread, once each.
+// The steps with which each program of the agent family starts. The main thread calls each of them once.
+//
+//     setAgentTweakDefaults();
+//     initAgentLogger("Program.exe.log");
 
 #include <string>
 
-/// Registers the defaults of the agent family's tweaks; what a tweak file sets stays. Makes the table of
-/// tweaks and so reads its files.
+/// Sets each tweak that has a registered value (KnownTweaks.h) and that no file sets. Makes the table of tweaks and so
+/// reads its files.
 void setAgentTweakDefaults();
 
 /// Makes the program's log client, whose files lie in Tavro/logs below the machine's folder for application data, and
-/// registers it for all levels. Without that folder the program runs without a log; only one that cannot be
-/// created is reported, on standard output. To be called after setAgentTweakDefaults.
+/// registers it for all levels. If the system names no such folder, or Tavro cannot be created in it, the program runs
+/// without a log; the latter is reported on standard output. Must be called after setAgentTweakDefaults.
 void initAgentLogger(const std::string& logFileName);
 
-/// The path of the log file that initAgentLogger has set up; empty if there is none. Any thread may call at any time
-/// but during initAgentLogger.
+/// The path of the log file that initAgentLogger has set up, or an empty text if there is none. Any thread may call,
+/// except while initAgentLogger runs.
 [[nodiscard]] std::string agentLogFile();

@@ -21,7 +21,7 @@ std::u16string getCheckpointName(platform::DialogHandle dialog)
 {
     const std::size_t length = lowWord(static_cast<std::uintptr_t>(
         platform::sendItemMessage(dialog, IDC_CHECKPOINT_NAME, platform::MESSAGE_EDIT_LINE_LENGTH, 0, 0)));
-    // The edit control reads the room that it has from the first unit and adds no zero.
+    // The edit control takes the size of the buffer from its first unit and appends no zero.
     std::u16string name(length + 1, u'\0');
     name[0] = static_cast<char16_t>(length);
     platform::sendItemMessage(dialog, IDC_CHECKPOINT_NAME, platform::MESSAGE_EDIT_GET_LINE, 0,
