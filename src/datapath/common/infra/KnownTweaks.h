@@ -147,25 +147,35 @@ inline constexpr BoolTweak IO_VERBOSE_LOGS{
     "effect in this program, where no queue reports",
     TweakReader::DynamicTweaks};
 
+namespace KnownTweaksInternal
+{
+
 constexpr BoolTweak inputOfSwitch(std::string_view name, std::string_view effect)
 {
     return {name, false, "", effect, TweakReader::DerivedSwitches};
 }
 
+} // namespace KnownTweaksInternal
+
 inline constexpr auto KRN_BACKUP_VERBOSE_LOGS =
-    inputOfSwitch("t_KrnBackupVerboseLogs", "turns on `krnBackupOrRestoreVerbose`");
+    KnownTweaksInternal::inputOfSwitch("t_KrnBackupVerboseLogs", "turns on `krnBackupOrRestoreVerbose`");
 inline constexpr auto KRN_RESTORE_VERBOSE_LOGS =
-    inputOfSwitch("t_KrnRestoreVerboseLogs", "turns on `krnBackupOrRestoreVerbose`");
-inline constexpr auto HTTP_CURL_VERBOSE = inputOfSwitch("t_httpCurlVerbose", "turns on `curlOrIoVerbose`");
+    KnownTweaksInternal::inputOfSwitch("t_KrnRestoreVerboseLogs", "turns on `krnBackupOrRestoreVerbose`");
+inline constexpr auto HTTP_CURL_VERBOSE =
+    KnownTweaksInternal::inputOfSwitch("t_httpCurlVerbose", "turns on `curlOrIoVerbose`");
 inline constexpr auto STREAM_READER_VERBOSE_LOGS =
-    inputOfSwitch("t_StreamReaderVerboseLogs", "turns on `streamReaderOrIoVerbose`");
+    KnownTweaksInternal::inputOfSwitch("t_StreamReaderVerboseLogs", "turns on `streamReaderOrIoVerbose`");
 inline constexpr auto KRN_PORTER_VERBOSE_LOGS =
-    inputOfSwitch("t_KrnPorterVerboseLogs", "turns on `krnPorterOrIoVerbose`");
+    KnownTweaksInternal::inputOfSwitch("t_KrnPorterVerboseLogs", "turns on `krnPorterOrIoVerbose`");
 inline constexpr auto BATCH_IO_VERBOSE_LOGS =
-    inputOfSwitch("t_BatchIOVerboseLogs", "turns on `batchIoOrCloudOrIoVerbose`");
-inline constexpr auto CLOUD_VERBOSE_LOGS = inputOfSwitch("t_CloudVerboseLogs", "turns on `batchIoOrCloudOrIoVerbose`");
+    KnownTweaksInternal::inputOfSwitch("t_BatchIOVerboseLogs", "turns on `batchIoOrCloudOrIoVerbose`");
+inline constexpr auto CLOUD_VERBOSE_LOGS =
+    KnownTweaksInternal::inputOfSwitch("t_CloudVerboseLogs", "turns on `batchIoOrCloudOrIoVerbose`");
 
 // Time limits of the agent
+
+namespace KnownTweaksInternal
+{
 
 constexpr UintTweak timeLimitOfAgent(std::string_view name, std::uint32_t registeredMs)
 {
@@ -173,17 +183,19 @@ constexpr UintTweak timeLimitOfAgent(std::string_view name, std::uint32_t regist
             registeredMs};
 }
 
+} // namespace KnownTweaksInternal
+
 inline constexpr auto RUNNER_EVENT_FREEZE_COMPLETE_TIMEOUT_MSEC =
-    timeLimitOfAgent("t_runnerEventFreezeCompleteTimeoutMsec", 75'000);
+    KnownTweaksInternal::timeLimitOfAgent("t_runnerEventFreezeCompleteTimeoutMsec", 75'000);
 inline constexpr auto RUNNER_EVENT_THAW_COMPLETE_TIMEOUT_MSEC =
-    timeLimitOfAgent("t_runnerEventThawCompleteTimeoutMsec", 15'000);
+    KnownTweaksInternal::timeLimitOfAgent("t_runnerEventThawCompleteTimeoutMsec", 15'000);
 inline constexpr auto REQUESTER_QUIESCED_EVENT_WAIT_TIMEOUT_MSEC =
-    timeLimitOfAgent("t_requesterQuiescedEventWaitTimeoutMsec", 72'000);
+    KnownTweaksInternal::timeLimitOfAgent("t_requesterQuiescedEventWaitTimeoutMsec", 72'000);
 inline constexpr auto REQUESTER_EVENT_WAIT_FOR_THAW_START_TIMEOUT_MSEC =
-    timeLimitOfAgent("t_requesterEventWaitForThawStartTimeoutMsec", 9'500);
+    KnownTweaksInternal::timeLimitOfAgent("t_requesterEventWaitForThawStartTimeoutMsec", 9'500);
 inline constexpr auto REQUESTER_EVENT_WAIT_FOR_SHARED_MEMORY_READ_TIMEOUT_MSEC =
-    timeLimitOfAgent("t_requesterEventWaitForSharedMemoryReadTimeoutMsec", 80'000);
-inline constexpr auto WAIT_ASYNC_TIMEOUT_MSEC = timeLimitOfAgent("t_WaitAsyncTimeoutMsec", 62'000);
+    KnownTweaksInternal::timeLimitOfAgent("t_requesterEventWaitForSharedMemoryReadTimeoutMsec", 80'000);
+inline constexpr auto WAIT_ASYNC_TIMEOUT_MSEC = KnownTweaksInternal::timeLimitOfAgent("t_WaitAsyncTimeoutMsec", 62'000);
 
 /// Calls the visitor with each description, in the order of docs/configuration.md. That is also the order in which
 /// defaults are registered.

@@ -10,7 +10,7 @@
 // default is not set, when a value is of another kind or out of range, and when a value text cannot be read; standard
 // error then tells what is wrong.
 //
-// Any thread may call any operation, except those that say that they are for the making of the table. Lines are logged
+// Any thread may call any operation, except those that are only for the construction of the table. Lines are logged
 // under the table's lock. A log client must therefore not change tweaks; it should not read them either, but a thread
 // that reads a tweak while it logs such a line does not wait for its own lock. Code that reads a tweak often reads a
 // member of DynamicTweaks instead.
@@ -20,7 +20,6 @@
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -70,7 +69,7 @@ public:
         bool m_isInt = false;
     };
 
-    /// Made on first use, from the files in the working folder, and never destroyed.
+    /// The table of the process. It is made on first use from the files in the working folder and never destroyed.
     [[nodiscard]] static Tweaks& instance();
 
     /// What the table holds for a known tweak, or its default. This is how code reads a tweak.
@@ -78,8 +77,8 @@ public:
     [[nodiscard]] std::uint32_t value(const UintTweak& tweak) const { return uintVal(tweak.name, tweak.defaultVal); }
     [[nodiscard]] bool value(const BoolTweak& tweak) const { return boolVal(tweak.name, tweak.defaultVal); }
 
-    /// Sets a tweak, also to another spelling of its name, or removes it if the value text is empty. Returns the
-    /// earlier value as Tweak::toString gives it, or an empty text if there was none.
+    /// Sets a tweak and the spelling of its name, or removes it if the value text is empty. Returns the earlier value
+    /// as Tweak::toString gives it, or an empty text if there was none.
     std::string update(const std::string& name, const std::string& valueText) EXCLUDES(m_mutex);
 
     /// Sets a tweak that is not set. Returns whether it did.
@@ -104,22 +103,22 @@ public:
     /// The lines of a text that set or remove a tweak. The kind decides what happens to a line without "=".
     [[nodiscard]] static std::deque<TweakLine> getTweaksFromStream(std::istream& text, TweakFileKind kind);
 
-    /// For the making of the table; a call at another time ends the process. Both apply a text as its kind of file
-    /// requires and return the lines that have a "=". Lines with a repeated name are reported and not applied, and
+    /// Only for the construction of the table; a later call ends the process. Each applies a text as its kind of file
+    /// requires and returns the lines that have a "=". Lines with a repeated name are reported and not applied, and
     /// their comment then says so.
     std::deque<TweakLine> applyConsistentText(std::istream& text);
     std::deque<TweakLine> applyExtensionText(std::istream& text);
 
-    /// For the making of the table: applies an extension file. Returns whether it could be opened.
+    /// Only for the construction of the table: applies an extension file. Returns whether it could be opened.
     bool updateFromFile(const std::string& path);
 
-    /// For a thread that never goes on: gives up the table's lock if this thread holds it, as it does while it logs a
-    /// line of the table.
+    /// Gives up the table's lock if this thread holds it, which is so inside a log client to which the table gives a
+    /// line. Only for a thread that never returns from there, so that others can go on.
     void unlockForGood() const EXCLUDES(m_mutex);
 
 protected:
-    /// Reads the files. Tests make tables of their own; a change of one refreshes DynamicTweaks from that of the
-    /// process.
+    /// Reads the files. Benchmarks and fuzz targets make tables of their own; a change of such a table refreshes
+    /// DynamicTweaks from the table of the process.
     Tweaks();
     ~Tweaks() = default;
 
