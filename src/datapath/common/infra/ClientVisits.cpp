@@ -4,7 +4,7 @@
 
 void ClientVisits::waitUntilLeft(std::size_t place)
 {
-    const Slot* const own = &ofThisThread();
+    const Slot* const own = &slotOfThisThread();
     for (const Slot* slot = s_slots.load(); slot != nullptr; slot = slot->next)
     {
         while (slot != own && slot->visits[place].load() != 0)
@@ -30,7 +30,7 @@ ClientVisits::Slot& ClientVisits::unownedSlot()
             return *slot;
         }
     }
-    auto* const slot = new Slot; // never destroyed: others may look at it at any time
+    auto* const slot = new Slot; // never destroyed: other threads may read it at any time
     slot->next = s_slots.load();
     while (!s_slots.compare_exchange_weak(slot->next, slot))
     {

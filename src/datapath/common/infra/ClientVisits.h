@@ -1,14 +1,22 @@
 #pragma once
 
-// Which threads are inside which log client, so that whoever takes a client away can wait until nobody is. A client is
-// known by its place, a number below PLACES.
+// Counts which threads are inside which log client, so that whoever takes a client away can wait until nobody is
+// inside. A client is known by its place, a number below PLACES.
 //
-//     const ClientVisits::Visit visit(place);       // then look whether the client is still there, and call it
-//     ClientVisits::waitUntilLeft(place);           // after the client was taken from its place
+//     const ClientVisits::Visit visit(place);       // then check that the client is still there, and call it
+//     ClientVisits::waitUntilLeft(place);           // after the client has been taken from its place
 //
-// Each thread counts its visits in a slot of its own: a visit costs one exchange on a cache line that nobody else
-// writes, and takes no lock. The count is raised before the look and read after the removal, both sequentially
-// consistent: either the visitor sees that the client is gone, or the remover sees the visitor. Any thread may call.
+// Each thread counts its visits in a slot of its own: a visit costs one exchange on a cache line that no other thread
+// writes, and takes no lock. Any thread may call.
+//
+//     visitor                                  remover
+//     1. raises its count                      1. takes the client from its place
+//     2. checks that the client is there       2. waits until each slot's count is 0
+//     3. calls the client
+//     4. lowers its count
+//
+// Steps 1 and 2 are sequentially consistent on both sides: either the visitor finds that the client is gone, or the
+// remover finds the visitor's count.
 
 #include "platform/Atomic.h"
 #include "platform/ThreadValue.h"
@@ -29,7 +37,7 @@ public:
     {
     public:
         explicit Visit(std::size_t place)
-            : m_count(ofThisThread().visits[place]), m_countBefore(m_count.load(std::memory_order_relaxed))
+            : m_count(slotOfThisThread().visits[place]), m_countBefore(m_count.load(std::memory_order_relaxed))
         {
             m_count.store(m_countBefore + 1, std::memory_order_seq_cst);
         }
@@ -45,15 +53,15 @@ public:
     /// Whether the calling thread is inside.
     [[nodiscard]] static bool isInside(std::size_t place)
     {
-        return ofThisThread().visits[place].load(std::memory_order_relaxed) != 0;
+        return slotOfThisThread().visits[place].load(std::memory_order_relaxed) != 0;
     }
 
-    /// Returns when no other thread is inside that was when this was called. Looks once a millisecond: it is called
-    /// seldom, and visits are short.
+    /// Returns when every other thread that was inside at the time of the call has left. Polls once a millisecond: it
+    /// is called rarely, and visits are short.
     static void waitUntilLeft(std::size_t place);
 
 private:
-    /// Of one thread, on a cache line of its own.
+    /// The counts of one thread, on a cache line of their own. The slot of a thread that has ended goes to a new one.
     struct alignas(64) Slot
     {
         std::array<platform::Atomic<std::uint32_t>, PLACES> visits{};
@@ -61,14 +69,14 @@ private:
         Slot* next = nullptr;
     };
 
-    /// Leaves the slot of a thread that ends to the next thread.
+    /// Releases the slot of a thread that ends.
     struct SlotOwner
     {
         static void release(void* slot) { static_cast<Slot*>(slot)->isOwned.store(false, std::memory_order_release); }
     };
     using OwnSlot = platform::ThreadValue<SlotOwner>;
 
-    [[nodiscard]] static Slot& ofThisThread()
+    [[nodiscard]] static Slot& slotOfThisThread()
     {
         void* const slot = OwnSlot::get();
         return slot != nullptr ? *static_cast<Slot*>(slot) : claimSlot();
@@ -76,5 +84,5 @@ private:
     [[gnu::noinline]] static Slot& claimSlot();
     [[nodiscard]] static Slot& unownedSlot();
 
-    static constinit inline platform::Atomic<Slot*> s_slots = nullptr; // all that there ever were
+    static constinit inline platform::Atomic<Slot*> s_slots = nullptr; // a list of all slots
 };

@@ -85,13 +85,13 @@ void Logger::unregisterClient(LoggerClient* client)
     }
     if (isInside)
     {
-        // The client is given the line too: if it tries again for that, it is not told again.
-        static constinit thread_local bool isTelling = false;
-        if (!std::exchange(isTelling, true))
+        // This line goes to the client too. If the client tries again because of it, there is no second line.
+        static constinit thread_local bool isLogging = false;
+        if (!std::exchange(isLogging, true))
         {
             logLine(LogLevel::Error, THIS_METHOD,
                     "a log client cannot be unregistered from inside its own log or flush");
-            isTelling = false;
+            isLogging = false;
         }
         return;
     }
@@ -99,7 +99,7 @@ void Logger::unregisterClient(LoggerClient* client)
     {
         ClientVisits::waitUntilLeft(index);
         const MutexGuard guard(m_clientsMutex);
-        if (Place& place = m_places[index]; place.client == client && place.ticket == 0) // nobody was here before
+        if (Place& place = m_places[index]; place.client == client && place.ticket == 0) // no other thread has done it
         {
             place.client = nullptr;
         }

@@ -118,15 +118,16 @@ private:
     static constexpr std::size_t MAX_CLIENTS = ClientVisits::PLACES;
     static constexpr std::size_t LOGGER_COUNT = 4;
 
-    /// Of one registration: its place among MAX_CLIENTS, and a number that no other registration of late had. Not 0.
+    /// Identifies a registration, never 0: the remainder by MAX_CLIENTS is the client's place, and the rest is a number
+    /// that none of the recent registrations has.
     using Ticket = std::uint16_t;
     static constexpr unsigned TICKET_BITS = 16;
 
-    /// Where a client is. Others look at it only during a visit, and if the ticket is the one they came for.
+    /// A thread that dispatches uses the client only during a visit, and only if it finds the ticket that it came for.
     struct Place
     {
-        LoggerClient* client = nullptr;      // also while the last visitors of an unregistered one leave
-        platform::Atomic<Ticket> ticket = 0; // 0: nobody may come in
+        LoggerClient* client = nullptr;      // set until the last visitors of an unregistered client have left
+        platform::Atomic<Ticket> ticket = 0; // 0: closed, nobody may begin to use the client
     };
 
     Logger() = default;
@@ -139,13 +140,15 @@ private:
     void endAfterAssert(const std::string& line, LoggerId loggerId) const;
 
     ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex){"LoggerAsyncThreadNames"};
-    // How many there are, so that lines take the lock only in programs that use such names.
+    // How many names there are: lines take the lock only in programs that use such names.
     platform::Atomic<std::size_t> m_asyncThreadNamesCnt = 0;
     ThreadNames m_threadNames GUARDED_BY(m_mutex){"LoggerThreadNames"};
     mutable Mutex m_mutex; // guards the two tables of names; nothing is taken inside it
-    Mutex m_clientsMutex;  // of whoever changes the places and their order; nothing is taken inside it
+    Mutex m_clientsMutex;  // guards changes of the places and of their order; nothing is taken inside it
     std::array<Place, MAX_CLIENTS> m_places{};
-    platform::Atomic<std::uint64_t> m_order = 0; // the tickets of those registered, the first one's in the lowest bits
+    // The tickets of the registered clients in the order of their registration, 16 bits each:
+    //     | 0 | third | second | first |        first in bits 0 to 15; 0 after the last one
+    platform::Atomic<std::uint64_t> m_order = 0;
     std::uint32_t m_registrations GUARDED_BY(m_clientsMutex) = 0;
     LogAssertHook* m_assertHook = nullptr;
     std::array<AssertHandler, LOGGER_COUNT> m_assertHandlers;

@@ -29,9 +29,9 @@ void LogStringBuf::resize(std::size_t size)
     std::size_t kept = std::min(length(), size);
     m_text.resize(size);
     setp(m_text.data(), m_text.data() + size);
-    for (constexpr std::size_t MOST = std::numeric_limits<int>::max(); kept > 0;)
+    for (constexpr std::size_t MAX_STEP = std::numeric_limits<int>::max(); kept > 0;)
     {
-        const std::size_t step = std::min(kept, MOST);
+        const std::size_t step = std::min(kept, MAX_STEP);
         pbump(static_cast<int>(step));
         kept -= step;
     }

@@ -52,13 +52,13 @@ private:
     void resize(std::size_t size);
 
     const LogItem& m_item;
-    std::string m_text; // the put area; as long as the room that it gives, not as the line
+    std::string m_text; // the put area: its length is the room for the line, not the length of the line
 };
 
 namespace LogItemInternal
 {
 
-/// A base of LogItem of its own, so that the buffer exists before the stream that writes to it.
+/// A base class of LogItem, so that the buffer exists before the stream that writes to it.
 struct Buffer
 {
     explicit Buffer(const LogItem& item) : buffer(item) {}
@@ -73,10 +73,14 @@ template <class T>
 concept Integer =
     OneOf<T, bool, short, unsigned short, int, unsigned, long, unsigned long, long long, unsigned long long>;
 
-/// The types that are appended without the stream's help.
+/// A string, also as a literal or zero-terminated, or a single character.
 template <class T>
-concept Simple = Integer<T> || OneOf < std::remove_extent_t<T>,
-char, const char*, char*, std::string, std::string_view > ;
+concept Text =
+    OneOf<T, const char*, char*, std::string, std::string_view> || std::same_as<char, std::remove_extent_t<T>>;
+
+/// The types that are appended without the help of the stream.
+template <class T>
+concept Simple = Integer<T> || Text<T>;
 
 } // namespace LogItemInternal
 
@@ -94,8 +98,7 @@ public:
     [[nodiscard]] LogLevel level() const { return m_level; }
     [[nodiscard]] LoggerId loggerId() const { return m_loggerId; }
 
-    /// Inserts as the stream would, a short way where the formatting is the default one. Callers just
-    /// stream.
+    /// Inserts as the stream would, and faster where the formatting is the default one. For operator<< only.
     template <class T> void insert(const T& value)
     {
         if (!isPlain() || isNull(value))
@@ -148,7 +151,7 @@ private:
 template <class T>
 concept AnyLogItem = std::derived_from<std::remove_reference_t<T>, LogItem>;
 
-/// Whatever else a narrow stream accepts goes the stream's way.
+/// Every other type that a narrow stream accepts is inserted by the stream.
 template <AnyLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
 {
     item.insert(value);
