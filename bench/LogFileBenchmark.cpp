@@ -129,18 +129,12 @@ void measureAsynchronous(FileLoggerClient& client, int threads)
     }
 }
 
-/// In its default, the synchronous mode.
-struct SynchronousLogger : GenFileLogger
-{
-    SynchronousLogger() : GenFileLogger((std::filesystem::current_path() / "sync.log").string(), 1) {}
-};
-
-/// Hands the lines that LogItem makes to the synchronous logger, as a client would.
+/// Hands the lines that LogItem makes to a logger in its default mode, the synchronous one, as a client would.
 struct SynchronousClient : LoggerClient
 {
     void log(const std::string& line) override { logger.write(line.data(), static_cast<std::uint32_t>(line.size())); }
 
-    SynchronousLogger logger;
+    GenFileLogger logger{(std::filesystem::current_path() / "sync.log").string(), 1};
 };
 
 void measureSynchronous(FileLoggerClient& client, SynchronousClient& synchronous, int threads)

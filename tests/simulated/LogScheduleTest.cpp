@@ -1,23 +1,23 @@
 // The file logger and the hub of the log under many schedules.
 
-#include "datapath/common/infra/FileLoggerClient.h"
-#include "datapath/common/infra/Tweaks.h"
+#include "datapath/common/infra/GenFileLogger.h"
 #include "tests/simulated/Scenarios.h"
 #include "tests/support/Support.h"
 
 #include <algorithm>
 #include <optional>
-#include <sstream>
 
 namespace
 {
 
 const auto writeFile = platform::fileCalls.writeFile;
 const auto lengthOfFile = platform::fileCalls.lengthOfFile;
-std::uint32_t diskMs = 0; // that a write takes; 0: a moment's rest
+std::uint32_t diskMs = 0; // how long a write takes; 0: another thread may go on first
+int diskWrites = 0;
 
 platform::Transfer writeSlowly(platform::FileHandle file, const void* bytes, std::size_t size)
 {
+    ++diskWrites;
     diskMs == 0 ? platform::relax() : platform::sleepMs(diskMs);
     return writeFile(file, bytes, size);
 }
@@ -30,40 +30,12 @@ platform::FileLength tenMebibytesWhenFull(platform::FileHandle file)
     return {bytes * (10'485'760 / FULL + 1), error};
 }
 
-enum class Mode
+/// Writes a letter, a number and so many bytes more: "a0..".
+void write(GenFileLogger& logger, char thread, int number, std::size_t more = 0)
 {
-    Usual,
-    LineByLine,
-    Synchronous
-};
-
-/// With a budget in bytes, at half of which a pause ends; without opening lines, and with flushes that have no limit.
-struct SmallLogger final : GenFileLogger
-{
-    explicit SmallLogger(const std::string& path, Mode mode = Mode::Usual, std::uint32_t budget = 1'000'000)
-        : GenFileLogger(path, 1, Writer::NotStarted)
-    {
-        m_flushEveryLine = mode == Mode::Synchronous;
-        m_asyncFlushEveryLine = mode == Mode::LineByLine;
-        m_flushMaxPeriodMs = 0;
-        m_memoryTracker.reset(GuardedMemory::create<HeapMemoryAllocationTracker>(
-            {"", SourcePlace::here()}, budget, budget / 2,
-            DynamicTweaks::instance().t_disableLogMemoryAllocationTracking, path));
-        startWriter();
-    }
-    ~SmallLogger() override { stopWriter(); }
-
-    /// "a0", and so many bytes more.
-    void line(char thread, int number, std::size_t more = 0)
-    {
-        const std::string text = thread + std::to_string(number) + std::string(more, '.') + "\n";
-        write(text.data(), static_cast<std::uint32_t>(text.size()));
-    }
-    bool flush() { return flushAndWait(); }
-
-private:
-    void run() override { nameThread("writer"), GenFileLogger::run(); }
-};
+    const std::string text = thread + std::to_string(number) + std::string(more, '.') + "\n";
+    logger.write(text.data(), static_cast<std::uint32_t>(text.size()));
+}
 
 /// Each schedule has files and a logger of its own.
 struct LogSchedules : testing::Test
@@ -74,75 +46,40 @@ struct LogSchedules : testing::Test
         waitForOwnThreads();
     }
 
-    /// What follows that character in each line that begins with it, up to a point.
+    /// The numbers of a thread's lines in all files.
     std::string linesOf(char thread) const
     {
-        Texts files = folder.files();
-        std::rotate(files.begin(), files.begin() + 1, files.end()); // the live file is the last
         std::string found;
-        for (const std::string& file : files)
+        for (const std::string& line : folder.logLines())
         {
-            std::istringstream lines(ScratchFolder::readText(folder.path(file)));
-            for (std::string line; std::getline(lines, line);)
-            {
-                found += line.starts_with(thread) ? line.substr(1, line.find('.') - 1) : "";
-            }
+            found += line.starts_with(thread) ? line.substr(1, line.find('.') - 1) : "";
         }
         return found;
-    }
-
-    void logInTwoThreads(Mode mode) const
-    {
-        folder.removeFiles();
-        SmallLogger logger(base, mode);
-        runTogether({{"one", [&] { logger.line('a', 0); }},
-                     {"two", [&] {
-                          advance(2'000'000); // the writer waits for more no longer, and may go on first
-                          platform::relax();
-                          logger.line('b', 0);
-                      }}});
-        platform::sleepMs(10);
-        check(linesOf('a') == "0" && linesOf('b') == "0", "lines come into the file by themselves");
     }
 
     void flushAndStop() const
     {
         folder.removeFiles();
         {
-            SmallLogger logger(base);
+            GenFileLogger logger(settings);
             const auto logAndFlush = [&](char thread) {
-                logger.line(thread, 0);
+                write(logger, thread, 0);
                 check(logger.flush() && linesOf(thread) == "0", "what came before a flush is in the file");
             };
             runTogether({{"one", [&] { logAndFlush('a'); }},
                          {"two", [&] { logAndFlush('b'); }},
-                         {"producer", [&] { logger.line('c', 0), logger.line('c', 1); }}});
-            logger.line('c', 2);
+                         {"producer", [&] { write(logger, 'c', 0), write(logger, 'c', 1); }}});
+            logger.write(nullptr, 0);
+            write(logger, 'c', 2);
         }
         check(linesOf('c') == "012", "each line is there once and in order");
     }
 
-    void pauseAndResume() const
-    {
-        constexpr std::uint32_t BUDGET = 8; // bytes, of which two lines take six
-        folder.removeFiles();
-        SmallLogger logger(base, Mode::Usual, BUDGET);
-        diskMs = 100;
-        logger.line('x', 0);
-        platform::sleepMs(10); // the writer waits for the disk
-        const auto produce = [&](char thread) { logger.line(thread, 0), logger.line(thread, 1); };
-        runTogether({{"one", [&] { produce('a'); }}, {"two", [&] { produce('b'); }}});
-        diskMs = 0;
-        runTogether({{"flusher", [&] { check(logger.flush(), "a flush ends"); }},
-                     {"late", [&] { advance(100'000'000), logger.line('c', 0); }}});
-        logger.line('d', 0);
-        check(logger.flush() && linesOf('d') == "0", "the pause is over when what began it is written");
-        check((linesOf('a') + linesOf('b')).size() == 2, "what there is room for is taken");
-        check(linesOf('2') == "026-01-01 00:00:00", "one notice tells of the pause");
-    }
-
     const ScratchFolder folder;
-    const std::string base = folder.path("log");
+    GenFileLogger::Settings settings{.files = {.basePath = folder.path("log")},
+                                     .maxBytes = 1'000'000,
+                                     .flushEveryLine = false,
+                                     .threadType = "class writer"};
     const ScopedReplacement disk{platform::fileCalls.writeFile, writeSlowly};
 };
 
@@ -153,13 +90,24 @@ struct GuardedLogSchedules : LogSchedules
 
 TEST_F(LogSchedules, EachLineComesIntoTheFileOnceByItself)
 {
-    exploreBothWays([&] { logInTwoThreads(Mode::Usual); });
-    exploreBothWays([&] { logInTwoThreads(Mode::LineByLine); }, 500);
-}
-
-TEST_F(GuardedLogSchedules, EachLineComesIntoTheFileOnceByItself)
-{
-    exploreBothWays([&] { logInTwoThreads(Mode::Usual); }, 1'000);
+    for (const bool isLineByLine : {false, true})
+    {
+        settings.asyncFlushEveryLine = isLineByLine;
+        exploreBothWays([&] {
+            folder.removeFiles();
+            diskWrites = 0;
+            GenFileLogger logger(settings);
+            runTogether({{"one", [&] { write(logger, 'a', 0); }},
+                         {"two", [&] {
+                              advance(2'000'000); // the writer waits for more no longer, and may go on first
+                              platform::relax();
+                              write(logger, 'b', 0);
+                          }}});
+            platform::sleepMs(10);
+            check(linesOf('a') == "0" && linesOf('b') == "0", "lines come into the file by themselves");
+            check(!isLineByLine || diskWrites == 2, "each line is flushed");
+        });
+    }
 }
 
 TEST_F(LogSchedules, WhatCameBeforeAFlushOrTheStopIsInTheFile)
@@ -174,25 +122,40 @@ TEST_F(GuardedLogSchedules, WhatCameBeforeAFlushOrTheStopIsInTheFile)
 
 TEST_F(LogSchedules, ABudgetThatIsUsedUpPausesOnceAndComesBack)
 {
-    exploreBothWays([&] { pauseAndResume(); }, 1'000);
-}
-
-TEST_F(GuardedLogSchedules, ABudgetThatIsUsedUpPausesOnceAndComesBack)
-{
-    exploreBothWays([&] { pauseAndResume(); }, 1'000);
+    settings.maxBytes = 8; // two lines take six
+    settings.resumeBytes = 4;
+    exploreBothWays([&] {
+        folder.removeFiles();
+        GenFileLogger logger(settings);
+        diskMs = 100;
+        write(logger, 'x', 0);
+        platform::sleepMs(10); // the writer waits for the disk
+        runTogether({{"one", [&] { write(logger, 'a', 0), write(logger, 'a', 1); }},
+                     {"two", [&] { write(logger, 'b', 0), write(logger, 'b', 1); }}});
+        diskMs = 0;
+        runTogether({{"flusher", [&] { check(logger.flush(), "a flush ends"); }},
+                     {"late", [&] { advance(100'000'000), write(logger, 'c', 0); }}});
+        write(logger, 'd', 0);
+        check(logger.flush() && linesOf('d') == "0", "the pause is over when what began it is written");
+        check((linesOf('a') + linesOf('b')).size() == 2, "what there is room for is taken");
+        check(linesOf('2') == "026-01-01 00:00:00", "one notice tells of the pause");
+    });
 }
 
 TEST_F(LogSchedules, RotatedFilesHoldEachLineOnceAndInItsOrder)
 {
     const ScopedReplacement longer(platform::fileCalls.lengthOfFile, tenMebibytesWhenFull);
-    for (const Mode mode : {Mode::Usual, Mode::Synchronous})
+    for (const bool isSynchronous : {false, true})
     {
+        settings.flushEveryLine = isSynchronous;
         exploreBothWays(
             [&] {
                 folder.removeFiles();
                 {
-                    SmallLogger logger(base, mode);
-                    const auto produce = [&](char thread) { logger.line(thread, 0, 40'000), logger.line(thread, 1); };
+                    GenFileLogger logger(settings);
+                    const auto produce = [&](char thread) {
+                        write(logger, thread, 0, 40'000), write(logger, thread, 1);
+                    };
                     runTogether({{"one", [&] { produce('a'); }}, {"two", [&] { produce('b'); }}});
                 }
                 check(linesOf('a') == "01" && linesOf('b') == "01", "each line is there once");
@@ -206,50 +169,23 @@ TEST_F(LogSchedules, RotatedFilesHoldEachLineOnceAndInItsOrder)
     }
 }
 
-TEST_F(LogSchedules, AFlushThatGivesUpSaysSoAndLeavesItsSignalToOneLaterFlush)
+TEST_F(LogSchedules, AFlushThatGivesUpLeavesItsSignalToOneLaterFlush)
 {
-    Tweaks::instance().update("t_OlmFlushFileMaxPeriodMs", "50");
+    settings.flushMaxPeriodMs = 50;
     exploreBothWays([&] {
-        const std::string report = "Flush is not completed t_OlmFlushFileMaxPeriodMs=50 \n";
-        std::ostringstream standardError;
-        std::streambuf* const before = std::cerr.rdbuf(standardError.rdbuf());
         folder.removeFiles();
-        diskMs = 0;
-        FileLoggerClient client(base, 3, "");
-        const auto flushTells = [&] { return standardError.str(""), client.flush(), standardError.str(); };
-        check(flushTells().empty(), "a flush that ends in time tells nothing");
+        GenFileLogger logger(settings);
         diskMs = 50;
-        std::string told;
-        runTogether(
-            {{"flusher", [&] { client.log("a0\n"), told = flushTells(); }}, {"producer", [&] { client.log("b0\n"); }}});
-        check(told == report || (told.empty() && linesOf('a') == "0"), "a flush ends with its lines or gives up");
+        bool isInTime = false;
+        runTogether({{"flusher", [&] { write(logger, 'a', 0), isInTime = logger.flush(); }},
+                     {"producer", [&] { write(logger, 'b', 0); }}});
+        check(!isInTime || linesOf('a') == "0", "a flush ends with its lines or gives up");
         platform::sleepMs(1'000);
         diskMs = 1'000;
-        client.log("b1\n");
-        check(told.empty() || flushTells().empty(), "the signal of the flush that gave up is left");
-        check(flushTells() == report, "no other signal is left");
-        std::cerr.rdbuf(before);
-    });
-}
-
-TEST(TrackerSchedules, CountsEachByteAndTellsAPauseOnce)
-{
-    exploreBothWays([] {
-        const DynamicTweak<bool> never;
-        HeapMemoryAllocationTracker tracker(10, 5, never, "budget");
-        int refused = 0;
-        int told = 0;
-        const auto take = [&] {
-            bool justPaused = false;
-            tracker.reserve(6, justPaused) ? tracker.free(6) : void(++refused);
-            told += justPaused ? 1 : 0;
-        };
-        runTogether({{"one", take}, {"two", take}, {"three", [&] {
-                                                        tracker.reserveIgnoringLimit(1), take(), tracker.free(1);
-                                                    }}});
-        check(told == (refused != 0 ? 1 : 0), "the one that begins the pause is told");
-        bool isUnused = false;
-        check(tracker.reserve(10, isUnused), "nothing is counted any more");
+        write(logger, 'b', 1);
+        check(isInTime || logger.flush(), "the signal of the flush that gave up is left");
+        check(!logger.flush(), "no other signal is left");
+        diskMs = 0;
     });
 }
 
@@ -277,10 +213,7 @@ struct Client : LoggerClient
     std::string numbers{}; // of the lines
 };
 
-void log(int number, LogLevel level = LogLevel::Info)
-{
-    Logger::instance().dispatch("a" + std::to_string(number) + "\n", level, LoggerId::NON);
-}
+void log(const std::string& number) { Logger::instance().dispatch("a" + number + "\n", LogLevel::Info, LoggerId::NON); }
 
 TEST_F(LogSchedules, AnUnregisteredClientIsLeftAloneAndTheOthersMissNothing)
 {
@@ -289,28 +222,13 @@ TEST_F(LogSchedules, AnUnregisteredClientIsLeftAloneAndTheOthersMissNothing)
         Client leaving;
         std::optional<Client> first;
         std::optional<Client> second;
-        runTogether({{"logger", [&] { log(1), log(2); }},
+        runTogether({{"logger", [&] { log("1"), log("2"); }},
                      {"one", [&] { leaving.leave(), first.emplace(); }},
                      {"two", [&] { leaving.leave(), second.emplace(); }}});
-        log(3);
+        log("3");
         check(staying.numbers == "123", "a client that stays misses nothing");
         check(std::string("12").starts_with(leaving.numbers), "a client that leaves has what came before");
         check(first->numbers.ends_with("3") && second->numbers.ends_with("3"), "a client that comes is called");
-    });
-}
-
-TEST_F(LogSchedules, AFileClientGoesWhileOthersLogAndFlush)
-{
-    exploreBothWays([&] {
-        folder.removeFiles();
-        const Client staying;
-        runTogether({{"logger", [&] { log(1, LogLevel::Error), log(2, LogLevel::Error); }},
-                     {"owner", [&] {
-                          FileLoggerClient client(base, 1, "");
-                          Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
-                      }}});
-        check(staying.numbers == "12", "a client that stays misses nothing");
-        check(std::string("12").find(linesOf('a')) != std::string::npos, "each line is there once and in order");
     });
 }
 

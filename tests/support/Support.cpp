@@ -218,6 +218,22 @@ Texts ScratchFolder::files() const
     return names;
 }
 
+Texts ScratchFolder::logLines() const
+{
+    Texts names = files();
+    std::rotate(names.begin(), names.begin() + 1, names.end());
+    Texts lines;
+    for (const std::string& name : names)
+    {
+        std::istringstream text(readText(path(name)));
+        for (std::string line; std::getline(text, line);)
+        {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
 std::map<std::string, std::function<void()>>& childScenarios()
 {
     static std::map<std::string, std::function<void()>> scenarios;

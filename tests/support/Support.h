@@ -141,6 +141,8 @@ public:
     [[nodiscard]] static std::string readText(const std::string& path);
     /// The names of its files, sorted.
     [[nodiscard]] Texts files() const;
+    /// The lines of all its files, in their order, but those of the first one come last: it is a log's live file.
+    [[nodiscard]] Texts logLines() const;
     void removeFiles() const;
 
 private:

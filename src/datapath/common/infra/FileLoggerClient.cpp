@@ -5,46 +5,50 @@
 
 #include <iostream>
 
+namespace
+{
+
+GenFileLogger::Settings clientSettings(const std::string& basePath, std::uint32_t maxMemoryMiB)
+{
+    GenFileLogger::Settings settings = GenFileLogger::tweakedSettings(basePath, maxMemoryMiB);
+    const Tweaks& tweaks = Tweaks::instance();
+    settings.files.compressOnRotate = tweaks.value(FILE_LOGGER_COMPRESS_ON_ROTATE);
+    settings.flushEveryLine = tweaks.value(FILE_LOGGER_FLUSH_EVERY_LINE);
+    settings.asyncFlushEveryLine = tweaks.value(ASYNC_FILE_LOGGER_FLUSH_EVERY_LINE);
+    settings.threadType = "class FileLoggerClient";
+    return settings;
+}
+
+} // namespace
+
 FileLoggerClient::FileLoggerClient(const std::string& basePath, std::uint32_t maxMemoryMiB,
                                    const std::string& startInfo)
-    : GenFileLogger(basePath, maxMemoryMiB, Writer::NotStarted)
+    : m_logger(clientSettings(basePath, maxMemoryMiB)),
+      m_isEnabled(m_logger.isOpen() && Tweaks::instance().value(FILE_LOGGER_ENABLED))
 {
-    const Tweaks& tweaks = Tweaks::instance();
-    m_compressOnRotate = tweaks.value(FILE_LOGGER_COMPRESS_ON_ROTATE);
-    m_flushEveryLine = tweaks.value(FILE_LOGGER_FLUSH_EVERY_LINE);
-    m_asyncFlushEveryLine = tweaks.value(ASYNC_FILE_LOGGER_FLUSH_EVERY_LINE);
-    startWriter();
-    if (m_enabled)
-    {
-        m_enabled = tweaks.value(FILE_LOGGER_ENABLED);
-    }
     log("\n\n");
     log(std::string(UtcTimestamp(3).view()) + ", -----------------Log Start---------------------- " + startInfo +
         " ----------------------\n");
     log("time,level,thread,logger,method,message,exception\n");
 }
 
-FileLoggerClient::~FileLoggerClient()
-{
-    Logger::instance().unregisterClient(this); // the writer logs its end
-    stopWriter();
-}
+FileLoggerClient::~FileLoggerClient() { Logger::instance().unregisterClient(this); }
 
-void FileLoggerClient::log(const std::string& line) { write(line.data(), static_cast<std::uint32_t>(line.size())); }
+void FileLoggerClient::log(const std::string& line)
+{
+    if (m_isEnabled)
+    {
+        m_logger.write(line.data(), static_cast<std::uint32_t>(line.size()));
+    }
+}
 
 void FileLoggerClient::flush()
 {
-    if (m_flushEveryLine || !m_enabled)
+    if (m_isEnabled && !m_logger.flush())
     {
-        return;
-    }
-    if (isWriter())
-    {
-        writeQueue(); // nobody else would
-        return;
-    }
-    if (!flushAndWait())
-    {
-        std::cerr << "Flush is not completed t_OlmFlushFileMaxPeriodMs=" << m_flushMaxPeriodMs << " " << std::endl;
+        std::cerr << "Flush is not completed t_OlmFlushFileMaxPeriodMs=" << m_logger.settings().flushMaxPeriodMs << " "
+                  << std::endl;
     }
 }
+
+std::string FileLoggerClient::liveFileName() const { return m_isEnabled ? m_logger.liveFileName() : ""; }

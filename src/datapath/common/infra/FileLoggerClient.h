@@ -1,6 +1,6 @@
 #pragma once
 
-// The log client that writes lines into a rotated file. Tweaks choose its modes when it is made.
+// The log client that writes lines into rotated files. Tweaks choose its modes when it is made.
 //
 //     Logger::instance().registerClient(new FileLoggerClient("C:\\logs\\app.log", 3, ""), Logger::ALL_LEVELS);
 //
@@ -10,11 +10,14 @@
 #include "datapath/common/infra/GenFileLogger.h"
 #include "datapath/common/infra/Log.h"
 
-class FileLoggerClient final : public LoggerClient, public GenFileLogger
+#include <cstdint>
+#include <string>
+
+class FileLoggerClient final : public LoggerClient
 {
 public:
-    /// basePath: of the files, without ".txt", a path as GenFileLogger takes it. maxMemoryMiB: budget of the lines that
-    /// wait to be written. startInfo: a text for the start line.
+    /// basePath: the path of the files without ".txt", see LogFiles. maxMemoryMiB: the budget of the lines that wait
+    /// to be written. startInfo: a text for the start line.
     FileLoggerClient(const std::string& basePath, std::uint32_t maxMemoryMiB, const std::string& startInfo);
 
     /// Unregisters itself first, if it is registered. Everything that it took is in the file then.
@@ -26,4 +29,11 @@ public:
     /// after t_OlmFlushFileMaxPeriodMs with a line on standard error, and the next flush then ends at once; 0 is no
     /// limit.
     void flush() override;
+
+    /// The path of the live file; empty while lines are dropped, or if there is no such file any more.
+    [[nodiscard]] std::string liveFileName() const;
+
+private:
+    GenFileLogger m_logger;
+    const bool m_isEnabled;
 };

@@ -2,13 +2,13 @@
 
 #include "datapath/common/infra/Tweaks.h"
 #include "datapath/common/infra/UtcTimestamp.h"
-#include "platform/Text.h"
+#include "platform/Files.h"
 #include "platform/Threads.h"
 
 #include <algorithm>
-#include <iostream>
 #include <limits>
 #include <new>
+#include <utility>
 
 namespace
 {
@@ -16,112 +16,90 @@ namespace
 constexpr std::uint32_t NUMBER_TRACKER_CREATED = 70;
 constexpr std::uint32_t NUMBER_TRACKER_RELEASED = 120;
 
-constexpr std::uint64_t MAX_FILE_LENGTH = 10'485'760;
 constexpr std::uint32_t NO_MEMORY_LIMIT = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint32_t LINGER_MS = 1;
-constexpr std::size_t WAKING_BYTES = std::size_t{64} * 1024;
+constexpr std::uint64_t URGENT_BYTES = std::uint64_t{64} * 1024; // as much as the file takes with one system call
 
-std::string directoryOf(const std::string& path)
+HeapMemoryAllocationTracker* createTracker(const GenFileLogger::Settings& settings)
 {
-    const std::size_t separator = path.rfind(platform::PATH_SEPARATOR);
-    if (separator == std::string::npos)
-    {
-        return ".";
-    }
-    const std::size_t slash = path.rfind('/'); // separates on every system
-    const std::size_t length = slash == std::string::npos ? separator : std::max(slash, separator);
-    return length == 0 && slash == 0 ? "/" : path.substr(0, length);
-}
-
-HeapMemoryAllocationTracker* createTracker(std::uint32_t maxMemoryMiB, const std::string& name)
-{
-    const std::uint32_t percent = Tweaks::instance().value(PERCENT_OF_LOGGER_MEMORY_FOR_MINIMAL_THRESHOLD);
-    const std::uint32_t maxBytes = maxMemoryMiB == NO_MEMORY_LIMIT ? NO_MEMORY_LIMIT : maxMemoryMiB << 20U;
-    const double resumeBytes = std::min<double>(percent / 100.0 * maxBytes, NO_MEMORY_LIMIT);
     return GuardedMemory::create<HeapMemoryAllocationTracker>(
-        {"HeapMemoryAllocationTracker", SourcePlace::numbered(NUMBER_TRACKER_CREATED)}, maxBytes,
-        static_cast<std::uint32_t>(resumeBytes), DynamicTweaks::instance().t_disableLogMemoryAllocationTracking, name);
+        {"HeapMemoryAllocationTracker", SourcePlace::numbered(NUMBER_TRACKER_CREATED)}, settings.maxBytes,
+        settings.resumeBytes, DynamicTweaks::instance().t_disableLogMemoryAllocationTracking, settings.files.basePath);
 }
 
 } // namespace
 
-GenFileLogger::GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB)
-    : GenFileLogger(path, maxMemoryMiB, Writer::NotStarted)
-{
-    startWriter();
-}
-
-GenFileLogger::GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB, Writer /*notStarted*/)
-    : m_basePath(path), m_directory(directoryOf(path)),
-      m_memoryTracker(nullptr, {SourcePlace::numbered(NUMBER_TRACKER_RELEASED)})
+GenFileLogger::Settings GenFileLogger::tweakedSettings(const std::string& path, std::uint32_t maxMemoryMiB)
 {
     const Tweaks& tweaks = Tweaks::instance();
-    m_flushMaxPeriodMs = tweaks.value(OLM_FLUSH_FILE_MAX_PERIOD_MS);
-    m_memoryTracker.reset(createTracker(maxMemoryMiB, path));
-    m_maxFiles = static_cast<std::uint32_t>(tweaks.value(GEN_FILE_LOGGER_MAX_FILES));
+    Settings settings{.files = {.basePath = path}};
+    settings.flushMaxPeriodMs = tweaks.value(OLM_FLUSH_FILE_MAX_PERIOD_MS);
+    const std::uint32_t percent = tweaks.value(PERCENT_OF_LOGGER_MEMORY_FOR_MINIMAL_THRESHOLD);
+    settings.maxBytes = maxMemoryMiB == NO_MEMORY_LIMIT ? NO_MEMORY_LIMIT : maxMemoryMiB << 20U;
+    settings.resumeBytes =
+        static_cast<std::uint32_t>(std::min<double>(percent / 100.0 * settings.maxBytes, NO_MEMORY_LIMIT));
+    settings.files.maxFiles = static_cast<std::uint32_t>(tweaks.value(GEN_FILE_LOGGER_MAX_FILES));
     if (const std::int32_t maxFiles = tweaks.value(FILE_LOGGER_MAX_FILES_OVERRIDE); maxFiles != 0)
     {
-        m_maxFiles = static_cast<std::uint32_t>(maxFiles);
+        settings.files.maxFiles = static_cast<std::uint32_t>(maxFiles);
     }
-    const platform::ErrorNumber error = platform::createFolder(m_directory.c_str());
-    if (error != platform::ErrorNumber::Success && error != platform::ErrorNumber::AlreadyExists)
-    {
-        std::cout << "Error creating directory (" << m_directory << ") for logs (rt=" << 0 << ")"
-                  << "GetLastError " << static_cast<std::uint32_t>(error) << std::endl;
-    }
-    const MutexGuard guard(m_fileMutex);
-    m_enabled = openLogFile();
+    return settings;
 }
 
-GenFileLogger::~GenFileLogger()
+GenFileLogger::GenFileLogger(Settings settings)
+    : m_settings(std::move(settings)), m_files(m_settings.files),
+      m_memoryTracker(createTracker(m_settings), {SourcePlace::numbered(NUMBER_TRACKER_RELEASED)}),
+      m_isOpen(m_files.open())
 {
-    stopWriter();
-    writeQueue();
-}
-
-void GenFileLogger::startWriter()
-{
-    if (m_enabled)
+    if (m_isOpen)
     {
-        m_isStarted = true;
         open();
         m_writerStarted.wait(); // the thread has logged its start: from here on it logs nothing of its own
     }
 }
 
-void GenFileLogger::stopWriter()
+GenFileLogger::GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB)
+    : GenFileLogger(tweakedSettings(path, maxMemoryMiB))
 {
-    if (m_isStarted)
+}
+
+GenFileLogger::~GenFileLogger()
+{
+    if (m_isOpen)
     {
-        m_isStarted = false;
         m_isStopping = true;
         m_queueEvent.set();
         m_writerEnded.wait();
     }
 }
 
+std::string GenFileLogger::liveFileName() const
+{
+    const std::string name = LogFiles::liveFile(m_settings.files.basePath);
+    return m_isOpen && platform::pathExists(name.c_str()) ? name : "";
+}
+
 void GenFileLogger::write(const char* data, std::uint32_t length)
 {
-    if (!m_enabled)
+    if (!m_isOpen)
     {
         return;
     }
-    if (m_flushEveryLine)
+    const std::string_view text(data, data == nullptr ? 0 : length);
+    if (m_settings.flushEveryLine)
     {
         const MutexGuard guard(m_fileMutex);
-        writePart({data, data == nullptr ? 0 : length}, true, true);
-        m_stream.flush();
+        m_files.write(text);
+        m_files.flush();
         return;
     }
     try
     {
-        bool justPaused = false;
         if (data == nullptr)
         {
             enqueue({});
         }
-        else if (length != 0 && !enqueueText({data, length}, !m_memoryTracker->isTrackingDisabled(), justPaused) &&
-                 justPaused)
+        else if (!text.empty() && enqueueText(text, !m_memoryTracker->isTrackingDisabled()) == Answer::BeganPause)
         {
             pauseForMemory();
         }
@@ -132,114 +110,125 @@ void GenFileLogger::write(const char* data, std::uint32_t length)
     }
 }
 
-/// Returns false if the budget refuses.
-bool GenFileLogger::enqueueText(std::string_view text, bool isLimited, bool& justPaused)
+GenFileLogger::Answer GenFileLogger::enqueueText(std::string_view text, bool isLimited)
 {
-    LogItem item{.data = text.data(), .length = static_cast<std::uint32_t>(text.size())};
-    if (!takeBudget(item, isLimited, justPaused))
+    if (m_isGuarded)
     {
-        return false;
+        return enqueueBlock(text, isLimited);
+    }
+    const auto length = static_cast<std::uint32_t>(text.size());
+    if (!isLimited)
+    {
+        m_memoryTracker->reserveIgnoringLimit(length);
+    }
+    else if (const Answer answer = m_memoryTracker->reserve(length); answer != Answer::Granted)
+    {
+        return answer;
     }
     try
     {
-        enqueue(item);
+        enqueue(text);
     }
     catch (const std::bad_alloc&)
     {
-        free(item);
+        m_memoryTracker->free(length);
         throw;
     }
-    return true;
+    return Answer::Granted;
 }
 
-/// With guarded memory the item's data becomes a copy of its own.
-bool GenFileLogger::takeBudget(LogItem& item, bool isLimited, bool& justPaused)
+GenFileLogger::Answer GenFileLogger::enqueueBlock(std::string_view text, bool isLimited)
 {
-    HeapMemoryAllocationTracker& tracker = *m_memoryTracker;
-    if (m_isGuarded)
+    using Allocation = HeapMemoryAllocationTracker::Allocation;
+    const auto length = static_cast<std::uint32_t>(text.size());
+    const auto [buffer, answer] = isLimited
+                                      ? m_memoryTracker->allocate(length)
+                                      : Allocation{m_memoryTracker->allocateIgnoringLimit(length), Answer::Granted};
+    if (answer != Answer::Granted)
     {
-        char* const buffer =
-            isLimited ? tracker.allocate(item.length, justPaused) : tracker.allocateIgnoringLimit(item.length);
-        if (buffer == nullptr)
-        {
-            return false;
-        }
-        std::copy_n(item.data, item.length, buffer);
-        item.data = buffer;
-        return true;
+        return answer;
     }
-    if (isLimited)
+    text.copy(buffer, length);
+    try
     {
-        return tracker.reserve(item.length, justPaused);
+        enqueue({buffer, length});
     }
-    tracker.reserveIgnoringLimit(item.length);
-    return true;
-}
-
-void GenFileLogger::free(const LogItem& item)
-{
-    m_isGuarded ? m_memoryTracker->free(item.data, item.length) : m_memoryTracker->free(item.length);
+    catch (const std::bad_alloc&)
+    {
+        m_memoryTracker->free(buffer, length);
+        throw;
+    }
+    return Answer::Granted;
 }
 
 void GenFileLogger::pauseForMemory()
 {
-    const std::string notice = std::string(UtcTimestamp(3).view()) + "," + m_basePath + "-pausing logger due to OOM\n";
-    bool isUnused = false;
-    static_cast<void>(enqueueText(notice, false, isUnused));
+    const std::string notice =
+        std::string(UtcTimestamp(3).view()) + "," + m_settings.files.basePath + "-pausing logger due to OOM\n";
+    static_cast<void>(enqueueText(notice, false));
     enqueue({});
 }
 
-void GenFileLogger::enqueue(const LogItem& item, Semaphore* waiter)
+/// Queues a copy of the text, or with guarded memory the text itself, or a flush if the text is empty. The waiter of
+/// the flush, if there is one, is signalled when it is done. Throws std::bad_alloc.
+void GenFileLogger::enqueue(std::string_view text, Semaphore* waiter)
 {
-    const std::string_view text(item.data, item.data == nullptr ? 0 : item.length);
-    for (LogQueue::Chunk chunk;; chunk = LogQueue::newChunk(text.size()))
+    LogQueue::Chunk fresh;
+    while (!tryEnqueue(text, waiter, fresh))
     {
-        bool wakes = false;
+        fresh = LogQueue::newChunk(text.size()); // while the lock is free
+    }
+}
+
+/// Returns false if the queue needs a fresh chunk and has not got one that is large enough.
+bool GenFileLogger::tryEnqueue(std::string_view text, Semaphore* waiter, LogQueue::Chunk& fresh)
+{
+    bool wakes = false;
+    {
+        const MutexGuard guard(m_queueMutex);
+        if (m_isGuarded)
         {
-            const MutexGuard guard(m_queueMutex);
-            if (m_isGuarded)
-            {
-                m_queue.push(item);
-            }
-            else if (!m_queue.push(text, chunk))
-            {
-                continue;
-            }
-            if (text.empty())
-            {
-                addFlush(waiter);
-            }
-            wakes =
-                m_writerWaits == WriterWaits::ForAnything || (m_writerWaits == WriterWaits::ForABlock && isUrgent());
-            if (wakes)
-            {
-                m_writerWaits = WriterWaits::No;
-            }
+            m_queue.push(text);
         }
+        else if (!m_queue.push(text, fresh))
+        {
+            return false;
+        }
+        if (text.empty())
+        {
+            m_flushes.add(waiter);
+        }
+        wakes = mustWakeWriter();
         if (wakes)
         {
-            m_queueEvent.set();
+            m_writerState = WriterState::Working;
         }
-        return;
     }
+    if (wakes)
+    {
+        m_queueEvent.set();
+    }
+    return true;
 }
 
-void GenFileLogger::addFlush(Semaphore* waiter)
+bool GenFileLogger::mustWakeWriter() const
 {
-    ++m_flushesAsked;
-    if (waiter != nullptr && m_unclaimedFlushes != 0)
-    {
-        --m_unclaimedFlushes;
-        waiter->signal();
-    }
-    else if (waiter != nullptr)
-    {
-        m_flushWaiters.push_back({m_flushesAsked, waiter});
-    }
+    return m_writerState == WriterState::Sleeping || (m_writerState == WriterState::Lingering && isUrgent());
 }
 
-bool GenFileLogger::flushAndWait()
+bool GenFileLogger::isUrgent() const { return m_queue.bytes() >= URGENT_BYTES || m_flushes.isAnyPending(); }
+
+bool GenFileLogger::flush()
 {
+    if (m_settings.flushEveryLine || !m_isOpen)
+    {
+        return true;
+    }
+    if (m_writerId == platform::currentThreadId())
+    {
+        writeQueue(); // nobody else would
+        return true;
+    }
     Semaphore flushDone(0);
     try
     {
@@ -249,26 +238,23 @@ bool GenFileLogger::flushAndWait()
     {
         return false;
     }
-    if (m_flushMaxPeriodMs == 0)
+    return waitForFlush(flushDone);
+}
+
+bool GenFileLogger::waitForFlush(Semaphore& flushDone)
+{
+    if (m_settings.flushMaxPeriodMs == 0)
     {
         flushDone.wait();
         return true;
     }
-    if (flushDone.waitFor(m_flushMaxPeriodMs))
+    if (flushDone.waitFor(m_settings.flushMaxPeriodMs))
     {
         return true;
     }
     const MutexGuard guard(m_queueMutex);
-    const auto own = std::ranges::find(m_flushWaiters, &flushDone, &FlushWaiter::flushDone);
-    if (own == m_flushWaiters.end())
-    {
-        return true; // done just now
-    }
-    own->flushDone = nullptr;
-    return false;
+    return !m_flushes.giveUp(flushDone); // it may have been done just now
 }
-
-bool GenFileLogger::isWriter() const { return m_writerId == platform::currentThreadId(); }
 
 void GenFileLogger::run()
 {
@@ -288,8 +274,7 @@ void GenFileLogger::run()
     m_writerEnded.signal();
 }
 
-/// Waits a moment for more: while lines come in quick succession nobody has to wake the writer for each, and it
-/// does not take the queue's lock for each. Meanwhile the file ends where a text ends, and nothing lies in memory.
+/// Lingers, unless there is work already or every line is flushed. Returns false when the writer is to sleep.
 bool GenFileLogger::isMoreToWrite()
 {
     {
@@ -298,13 +283,13 @@ bool GenFileLogger::isMoreToWrite()
         {
             return true;
         }
-        if (m_asyncFlushEveryLine)
+        if (m_settings.asyncFlushEveryLine)
         {
             return !sleepsWithoutWork();
         }
-        m_writerWaits = WriterWaits::ForABlock;
+        m_writerState = WriterState::Lingering;
     }
-    flushStream();
+    flushFiles();
     static_cast<void>(m_queueEvent.waitFor(LINGER_MS));
     const MutexGuard guard(m_queueMutex);
     return !sleepsWithoutWork();
@@ -312,21 +297,20 @@ bool GenFileLogger::isMoreToWrite()
 
 bool GenFileLogger::sleepsWithoutWork()
 {
-    m_writerWaits = m_queue.size() == 0 ? WriterWaits::ForAnything : WriterWaits::No;
-    return m_writerWaits == WriterWaits::ForAnything;
+    m_writerState = m_queue.size() == 0 ? WriterState::Sleeping : WriterState::Working;
+    return m_writerState == WriterState::Sleeping;
 }
 
-bool GenFileLogger::isUrgent() const { return m_queue.bytes() >= WAKING_BYTES || m_flushesAsked != m_flushesDone; }
-
+/// Writes and flushes everything queued, on the writer's thread.
 void GenFileLogger::writeQueue()
 {
     while (writeBatch())
     {
     }
-    flushStream();
+    flushFiles();
 }
 
-/// Returns whether there was anything.
+/// Returns whether anything was queued.
 bool GenFileLogger::writeBatch()
 {
     if (m_isGuarded)
@@ -334,7 +318,7 @@ bool GenFileLogger::writeBatch()
         return writeBlocks();
     }
     const LogQueue::Batch batch = nextBatch();
-    std::uint32_t length = 0;
+    std::uint32_t length = 0; // bytes
     std::uint64_t flushes = 0;
     {
         const MutexGuard guard(m_fileMutex);
@@ -352,38 +336,48 @@ bool GenFileLogger::writeBatch()
     return !batch.empty();
 }
 
+/// The same with guarded memory, one block after the other.
 bool GenFileLogger::writeBlocks()
 {
     bool isAnyWritten = false;
-    for (LogItem item; takeBlock(item); isAnyWritten = true)
+    while (const std::optional<std::string_view> block = takeBlock())
     {
+        isAnyWritten = true;
         {
             const MutexGuard guard(m_fileMutex);
-            writePiece({{item.data, item.length}, true});
+            writePiece({.text = *block, .isLast = true});
         }
         // Without a lock, as above.
-        if (item.data != nullptr)
+        if (block->empty())
         {
-            free(item);
+            finishFlushes(1);
         }
         else
         {
-            finishFlushes(1);
+            m_memoryTracker->free(block->data(), static_cast<std::uint32_t>(block->size()));
         }
     }
     return isAnyWritten;
 }
 
-bool GenFileLogger::takeBlock(LogItem& item)
+void GenFileLogger::writePiece(const LogQueue::Piece& piece)
 {
-    const MutexGuard guard(m_queueMutex);
-    return m_queue.extract(item);
+    const auto& [text, isLast] = piece;
+    if (!text.empty())
+    {
+        m_files.write(text, !m_isInsideText, isLast);
+        m_isInsideText = !isLast;
+    }
+    if (text.empty() || (isLast && m_settings.asyncFlushEveryLine))
+    {
+        m_files.flush();
+    }
 }
 
-void GenFileLogger::flushStream()
+void GenFileLogger::flushFiles()
 {
     const MutexGuard guard(m_fileMutex);
-    m_stream.flush();
+    m_files.flush();
 }
 
 LogQueue::Batch GenFileLogger::nextBatch()
@@ -398,43 +392,14 @@ LogQueue::Chunk GenFileLogger::removeBatch()
     return m_queue.pop();
 }
 
+std::optional<std::string_view> GenFileLogger::takeBlock()
+{
+    const MutexGuard guard(m_queueMutex);
+    return m_queue.extract();
+}
+
 void GenFileLogger::finishFlushes(std::uint64_t count)
 {
     const MutexGuard guard(m_queueMutex);
-    m_flushesDone += count;
-    for (; !m_flushWaiters.empty() && m_flushWaiters.front().request <= m_flushesDone; m_flushWaiters.pop_front())
-    {
-        if (Semaphore* const flushDone = m_flushWaiters.front().flushDone)
-        {
-            flushDone->signal();
-        }
-        else
-        {
-            ++m_unclaimedFlushes;
-        }
-    }
-}
-
-void GenFileLogger::writePiece(const LogQueue::Piece& piece)
-{
-    const auto& [text, isLast] = piece;
-    if (!text.empty())
-    {
-        writePart(text, !m_isInsideText, isLast);
-        m_isInsideText = !isLast;
-    }
-    if (text.empty() || (isLast && m_asyncFlushEveryLine))
-    {
-        m_stream.flush();
-    }
-}
-
-void GenFileLogger::writePart(std::string_view part, bool isFirst, bool isLast)
-{
-    // A file that does not take its last text is not moved away from it.
-    if (isFirst && m_stream.isLongerThan(MAX_FILE_LENGTH) && m_stream.flush())
-    {
-        rotate();
-    }
-    m_stream.write(part, isFirst, isLast);
+    m_flushes.finish(count);
 }

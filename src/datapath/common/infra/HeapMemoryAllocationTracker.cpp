@@ -20,22 +20,21 @@ HeapMemoryAllocationTracker::HeapMemoryAllocationTracker(std::uint32_t maxBytes,
 {
 }
 
-bool HeapMemoryAllocationTracker::reserve(std::uint32_t length, bool& justPaused)
+HeapMemoryAllocationTracker::Answer HeapMemoryAllocationTracker::reserve(std::uint32_t length)
 {
     static_assert(platform::Atomic<Usage>::is_always_lock_free);
     Usage before = m_usage;
     Usage after;
     do
     {
-        const bool isExceeded = before.bytes + length > m_maxBytes;
-        justPaused = before.isPaused == 0 && isExceeded;
         if (before.isPaused != 0)
         {
-            return false;
+            return Answer::Refused;
         }
+        const bool isExceeded = before.bytes + length > m_maxBytes;
         after = isExceeded ? Usage{before.bytes, 1} : Usage{before.bytes + length, 0};
     } while (!m_usage.compare_exchange_weak(before, after));
-    return !justPaused;
+    return after.isPaused != 0 ? Answer::BeganPause : Answer::Granted;
 }
 
 void HeapMemoryAllocationTracker::reserveIgnoringLimit(std::uint32_t length)
@@ -66,9 +65,10 @@ void HeapMemoryAllocationTracker::free(std::uint32_t length)
     }
 }
 
-char* HeapMemoryAllocationTracker::allocate(std::uint32_t length, bool& justPaused)
+HeapMemoryAllocationTracker::Allocation HeapMemoryAllocationTracker::allocate(std::uint32_t length)
 {
-    return reserve(length, justPaused) ? newBuffer(length) : nullptr;
+    const Answer answer = reserve(length);
+    return {answer == Answer::Granted ? newBuffer(length) : nullptr, answer};
 }
 
 char* HeapMemoryAllocationTracker::allocateIgnoringLimit(std::uint32_t length)
@@ -77,6 +77,7 @@ char* HeapMemoryAllocationTracker::allocateIgnoringLimit(std::uint32_t length)
     return newBuffer(length);
 }
 
+/// A buffer for bytes that are reserved.
 char* HeapMemoryAllocationTracker::newBuffer(std::uint32_t length)
 {
     if (length == 0)

@@ -1,15 +1,14 @@
 #pragma once
 
-// A byte budget, and byte buffers against it. A request that would exceed it pauses the tracker, and the pause ends
-// only when so much has been returned that usage is down to a lower level: a producer that outruns its consumer
-// does not flap between being served and being refused.
+// A byte budget, and byte buffers that count against it. A request that would exceed the budget pauses the tracker. The
+// pause ends when so much has been given back that usage is down to a lower level: a producer that outruns its consumer
+// is not served and refused in turns.
 //
-//     bool justPaused = false;
-//     if (char* const buffer = tracker.allocate(length, justPaused))
+//     if (char* const buffer = tracker.allocate(length).buffer) ...
 //     tracker.free(buffer, length);
 //
-// Owners that have memory of their own reserve bytes without a buffer. Any thread may call, without a lock. Lengths
-// are in bytes. Buffers come from MemShield and belong to the caller; std::bad_alloc leaves nothing counted.
+// An owner that has memory of its own reserves bytes without a buffer. Any thread may call; no operation takes a lock.
+// Lengths are in bytes. Buffers come from MemShield and belong to the caller; std::bad_alloc leaves nothing counted.
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "platform/Atomic.h"
@@ -20,22 +19,35 @@
 class HeapMemoryAllocationTracker
 {
 public:
-    /// Served up to maxBytes; after a refusal, again once usage is at or below resumeBytes. The flag must live
-    /// as long as the tracker; the name is for messages.
+    enum class Answer
+    {
+        Granted,
+        BeganPause, ///< refused, and the first one since the last pause
+        Refused     ///< refused because of a pause that had begun before
+    };
+
+    struct Allocation
+    {
+        char* buffer; ///< null when refused, and for a length of 0
+        Answer answer;
+    };
+
+    /// Requests are granted up to maxBytes and, after a refusal, again once usage is at or below resumeBytes. The flag
+    /// must live as long as the tracker; the name is for messages.
     HeapMemoryAllocationTracker(std::uint32_t maxBytes, std::uint32_t resumeBytes,
                                 const DynamicTweak<bool>& trackingDisabled, std::string name);
 
-    /// Null when refused, and for a length of 0. Sets justPaused to whether this request began the pause.
-    [[nodiscard]] char* allocate(std::uint32_t length, bool& justPaused);
+    [[nodiscard]] Allocation allocate(std::uint32_t length);
 
-    /// Served whatever the budget, and counted. Null only for a length of 0.
+    /// Granted whatever the budget, and counted. Null only for a length of 0.
     [[nodiscard]] char* allocateIgnoringLimit(std::uint32_t length);
 
-    /// Returns a buffer with the length that it was allocated with. More than what is counted ends the process.
+    /// Takes a buffer back; the length is the one that it was allocated with. More bytes than are counted end the
+    /// process.
     void free(const char* buffer, std::uint32_t length);
 
-    /// The same without a buffer.
-    [[nodiscard]] bool reserve(std::uint32_t length, bool& justPaused);
+    /// The same three without a buffer.
+    [[nodiscard]] Answer reserve(std::uint32_t length);
     void reserveIgnoringLimit(std::uint32_t length);
     void free(std::uint32_t length);
 
@@ -49,7 +61,7 @@ private:
         std::uint32_t isPaused = 0; // as wide as the bytes: no padding takes part in comparisons
     };
 
-    char* newBuffer(std::uint32_t length);
+    [[nodiscard]] char* newBuffer(std::uint32_t length);
 
     platform::Atomic<Usage> m_usage;
     const std::uint32_t m_maxBytes;

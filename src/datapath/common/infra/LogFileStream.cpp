@@ -10,14 +10,15 @@ bool LogFileStream::open(const std::string& path)
     {
         return false;
     }
-    askForLength(0);
+    updateLength(0);
     return true;
 }
 
-void LogFileStream::askForLength(std::uint64_t otherwise)
+/// Asks the system for the length of the file; the fallback counts if the system does not tell it.
+void LogFileStream::updateLength(std::uint64_t fallback)
 {
     const auto [bytes, error] = platform::lengthOfFile(m_file);
-    m_length = error == platform::ErrorNumber::Success ? bytes : otherwise;
+    m_length = error == platform::ErrorNumber::Success ? bytes : fallback;
 }
 
 bool LogFileStream::isLongerThan(std::uint64_t length)
@@ -26,7 +27,7 @@ bool LogFileStream::isLongerThan(std::uint64_t length)
     {
         return false;
     }
-    askForLength(m_length); // others may have cut it
+    updateLength(m_length); // another program may have cut it
     return m_length + m_block.size() > length;
 }
 
@@ -36,7 +37,7 @@ void LogFileStream::write(std::string_view part, bool isFirst, bool isLast)
     {
         if (isFull())
         {
-            flush(); // the system has refused before
+            flush(); // the system has refused this block before
         }
         m_isDropping = !isOpen() || isFull();
     }
@@ -49,7 +50,8 @@ void LogFileStream::write(std::string_view part, bool isFirst, bool isLast)
         flush();
     }
     append(part);
-    if (isLast || m_block.size() - m_wholeLength >= BLOCK_SIZE) // else a text that is too long would wait for its end
+    // A text that is longer than a block does not wait for its end.
+    if (isLast || m_block.size() - m_wholeLength >= BLOCK_SIZE)
     {
         m_wholeLength = m_block.size();
     }
@@ -91,7 +93,7 @@ bool LogFileStream::flush()
     }
     if (written != 0)
     {
-        askForLength(m_length + written);
+        updateLength(m_length + written);
     }
     m_block.erase(0, written);
     m_wholeLength -= written;

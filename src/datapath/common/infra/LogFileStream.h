@@ -1,14 +1,14 @@
 #pragma once
 
-// The open log file: texts, collected into blocks and appended with one system call a block. A block ends where a text
-// ends, unless one text is longer than a block.
+// An open log file. Texts are collected into blocks, and each block is appended with one system call.
 //
 //     LogFileStream stream;
 //     if (stream.open(path)) { stream.write("a line\n"); stream.flush(); }
 //
-// Line feeds are written as this system's text files end a line. Text that the system does not take, because the
-// disk is full for instance, is kept and offered again with the next text or flush; beyond a block of it, new texts
-// are dropped, so that what stands in the file stays whole. Not for several threads at once.
+// A block ends where a text ends, unless one text is longer than a block. A line feed is written as text files of this
+// system end a line. Text that the system does not take, because the disk is full for instance, is kept and offered
+// again with the next text or flush. Once a whole block of it is kept, new texts are dropped, so that every text in the
+// file is whole. Not for several threads at once.
 
 #include "platform/Files.h"
 
@@ -26,19 +26,19 @@ public:
     ~LogFileStream() { close(); }
 
     /// Continues the file, or creates it. Returns whether it is open.
-    bool open(const std::string& path);
+    [[nodiscard]] bool open(const std::string& path);
 
-    /// Whether the next byte comes after that many bytes: those of the file as of the last block, whoever wrote them,
-    /// and those that are not in it yet. Never while no file is open.
+    /// Whether the file and what it still lacks are longer than that many bytes. What other programs have appended
+    /// counts once the next block has been written; what they have cut off counts at once. False while no file is open.
     [[nodiscard]] bool isLongerThan(std::uint64_t length);
 
-    /// A text or, one after the other, its parts. Dropped while no file is open.
+    /// Appends a text or, one after the other, the parts of a text. Dropped while no file is open.
     void write(std::string_view part, bool isFirst = true, bool isLast = true);
 
-    /// Hands on every text that has its last part. Returns whether the system has taken them.
+    /// Hands every whole text on to the system. Returns whether the system has taken them all.
     bool flush();
 
-    /// Drops what the system does not take.
+    /// Flushes first. What the system does not take is lost.
     void close();
 
 private:
@@ -47,11 +47,11 @@ private:
     [[nodiscard]] bool isOpen() const { return m_file != platform::FileHandle::Invalid; }
     [[nodiscard]] bool isFull() const { return m_block.size() >= BLOCK_SIZE; }
     void append(std::string_view text);
-    void askForLength(std::uint64_t otherwise);
+    void updateLength(std::uint64_t fallback);
 
     platform::FileHandle m_file = platform::FileHandle::Invalid;
-    std::uint64_t m_length = 0;    // of the file, when it was asked for last
+    std::uint64_t m_length = 0;    // of the file, as of updateLength
     std::string m_block;           // what the file still lacks
-    std::size_t m_wholeLength = 0; // of that: up to the end of the last whole text
-    bool m_isDropping = false;     // the text whose parts are being written
+    std::size_t m_wholeLength = 0; // of the block: up to the end of the last whole text
+    bool m_isDropping = false;     // the text whose parts are being written is dropped
 };

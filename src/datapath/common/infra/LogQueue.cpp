@@ -12,17 +12,17 @@ struct LogQueue::ChunkHead
 
     [[nodiscard]] std::byte* bytes() { return reinterpret_cast<std::byte*>(this + 1); }
 
-    /// Moves as much of the text as there is room for.
-    void append(std::string_view& text)
+    /// Copies as much of the text as there is room for. Returns the rest.
+    std::string_view append(std::string_view text)
     {
         do
         {
             const std::size_t room = capacity - end;
             if (room < HEADER_SIZE + (text.empty() ? 0 : 1))
             {
-                return;
+                return text;
             }
-            const auto length = std::min<std::size_t>({text.size(), room - HEADER_SIZE, MOST_LENGTH});
+            const auto length = std::min<std::size_t>({text.size(), room - HEADER_SIZE, MAX_PIECE_LENGTH});
             const bool isLast = length == text.size();
             const auto header = static_cast<Header>(length | (isLast ? 0 : CONTINUES));
             std::memcpy(bytes() + end, &header, HEADER_SIZE);
@@ -32,13 +32,14 @@ struct LogQueue::ChunkHead
             ++pieces;
             texts += isLast ? 1 : 0;
         } while (!text.empty());
+        return text;
     }
 
-    const std::size_t capacity; // of the bytes that follow
-    std::size_t begin = 0;      // of what is queued
-    std::size_t end = 0;
-    std::size_t texts = 0; // that end in it
-    std::size_t pieces = 0;
+    const std::size_t capacity; // how many bytes follow this head in memory
+    std::size_t begin = 0;      // what is queued lies from here
+    std::size_t end = 0;        // up to here
+    std::size_t texts = 0;      // texts and requests of which the last piece is queued here
+    std::size_t pieces = 0;     // pieces that are queued here
     ChunkHead* next = nullptr;
 };
 
@@ -62,9 +63,10 @@ LogQueue::~LogQueue()
     }
 }
 
+/// How many bytes a text takes in a chunk, with the headers of its pieces.
 std::size_t LogQueue::roomFor(std::size_t textLength)
 {
-    return textLength + std::max<std::size_t>(1, (textLength + MOST_LENGTH - 1) / MOST_LENGTH) * HEADER_SIZE;
+    return textLength + std::max<std::size_t>(1, (textLength + MAX_PIECE_LENGTH - 1) / MAX_PIECE_LENGTH) * HEADER_SIZE;
 }
 
 LogQueue::Chunk LogQueue::newChunk(std::size_t textLength)
@@ -90,7 +92,7 @@ bool LogQueue::push(std::string_view text, Chunk& fresh)
         (last != nullptr ? last->next : m_head) = m_tail;
         if (last != nullptr)
         {
-            last->append(text);
+            text = last->append(text);
         }
     }
     m_tail->append(text);
@@ -105,23 +107,22 @@ LogQueue::Batch LogQueue::front()
     {
         return {nullptr, nullptr};
     }
-    m_batchEnd = m_head->end;
-    m_batchTexts = m_head->texts;
-    m_batchPieces = m_head->pieces;
+    m_batch = {.end = m_head->end, .texts = m_head->texts, .pieces = m_head->pieces};
     return {m_head->bytes() + m_head->begin, m_head->bytes() + m_head->end};
 }
 
 LogQueue::Chunk LogQueue::pop()
 {
-    if (m_batchPieces == 0)
+    const BatchExtent batch = std::exchange(m_batch, {});
+    if (batch.pieces == 0)
     {
         return nullptr;
     }
-    m_bytes -= m_batchEnd - m_head->begin - m_batchPieces * HEADER_SIZE;
-    m_size -= m_batchTexts;
-    m_head->texts -= m_batchTexts;
-    m_head->pieces -= std::exchange(m_batchPieces, 0);
-    m_head->begin = m_batchEnd;
+    m_bytes -= batch.end - m_head->begin - batch.pieces * HEADER_SIZE;
+    m_size -= batch.texts;
+    m_head->texts -= batch.texts;
+    m_head->pieces -= batch.pieces;
+    m_head->begin = batch.end;
     if (m_head->pieces != 0)
     {
         return nullptr;
@@ -138,22 +139,22 @@ LogQueue::Chunk LogQueue::pop()
     return spent;
 }
 
-void LogQueue::push(const Block& block)
+void LogQueue::push(std::string_view block)
 {
     m_blocks.push_back(block);
     ++m_size;
-    m_bytes += block.length;
+    m_bytes += block.size();
 }
 
-bool LogQueue::extract(Block& block)
+std::optional<std::string_view> LogQueue::extract()
 {
     if (m_blocks.empty())
     {
-        return false;
+        return std::nullopt;
     }
-    block = m_blocks.front();
+    const std::string_view block = m_blocks.front();
     m_blocks.pop_front();
     --m_size;
-    m_bytes -= block.length;
-    return true;
+    m_bytes -= block.size();
+    return block;
 }

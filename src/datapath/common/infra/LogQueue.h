@@ -1,34 +1,55 @@
 #pragma once
 
-// Texts that wait to be written, and among them requests to flush, first in first out. They lie one after the
-// other in chunks, so that a text costs little more than its own bytes and no allocation. A text that does not fit
-// into the rest of a chunk runs on into the next one.
+// Texts that wait to be written, and among them requests to flush, first in, first out. They lie one after the other
+// in chunks of memory, so that a text costs little more than its own bytes and no allocation.
 //
 //     while (!queue.push(text, chunk)) { chunk = LogQueue::newChunk(text.size()); }      // any thread
 //     for (const LogQueue::Piece piece : queue.front()) ...                              // the writer
 //     const LogQueue::Chunk spent = queue.pop();
 //
-// Where each text is to be a block of its own, the owner of the queue makes the blocks and uses none of the above:
+// Where each text is to be a block of its own, the owner of the queue makes and releases the blocks, and calls nothing
+// of the above:
 //
-//     queue.push(LogQueue::Block{buffer, length});
-//     while (queue.extract(block)) ...
+//     queue.push(block);
+//     while (const std::optional<std::string_view> block = queue.extract()) ...
 //
-// The owner locks each call, and only one thread at a time may be between front and pop. What front returned is read
-// without the lock: pushes do not touch it.
+// Chunks are a list. Texts A, B, C and D are queued, C is cut into two pieces, and a batch with A and B is out:
+//
+//     m_head                                     m_tail                            m_spare
+//       |                                          |                                 |
+//     +----------------+---+---+-------+  next   +----------------+---+----------+  +-------------+
+//     | (popped)       | A | B | C ... | ------> | ... C          | D | (free)   |  | (empty)     |  or null
+//     +----------------+---+---+-------+         +----------------+---+----------+  +-------------+
+//                    begin     |      end      begin                 end
+//                              m_batch.end
+//
+//     piece:  +-----------+---------------+      header, 16 bits in the processor's order:
+//             |  header   |  bytes        |        bits 0 to 14   how many bytes follow
+//             +-----------+---------------+        bit 15         CONTINUES: the next piece is of the same text
+//
+// Invariants:
+// - Every chunk in the list has at least one piece between begin and end. m_head and m_tail are null while the list is
+//   empty.
+// - A text is pushed as a whole: its pieces follow each other, and all but the last have the bit CONTINUES. A text is
+//   cut where its chunk ends, and after MAX_PIECE_LENGTH bytes. A request to flush is a piece of 0 bytes.
+// - A push writes at and after end only. So what front has returned can be read without the lock until pop.
+//
+// The owner locks each call except newChunk, and only one thread at a time may be between front and pop.
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 class LogQueue
 {
-    using Header = std::uint16_t; // the length of a piece, and whether its text goes on after it
+    using Header = std::uint16_t;
     static constexpr std::size_t HEADER_SIZE = sizeof(Header);
     static constexpr Header CONTINUES = 0x8000;
-    static constexpr Header MOST_LENGTH = 0x7FFF;
+    static constexpr Header MAX_PIECE_LENGTH = 0x7FFF;
 
     struct ChunkHead;
     struct ChunkDelete
@@ -40,21 +61,14 @@ public:
     /// Memory for the queue. Made and released without the lock.
     using Chunk = std::unique_ptr<ChunkHead, ChunkDelete>;
 
-    /// A text that stays its owner's; a request to flush, if there is no data.
-    struct Block
-    {
-        const char* data = nullptr;
-        std::uint32_t length = 0;
-    };
-
     /// A text or a part of one; a request to flush, if it is empty.
     struct Piece
     {
         std::string_view text;
-        bool isLast; ///< of its text
+        bool isLast; ///< the text ends here
     };
 
-    /// Neighbours in the queue, oldest first, all in one chunk: a text may begin in one batch and end in another.
+    /// The oldest pieces, all in one chunk. A text may begin in one batch and end in the next one.
     class Batch
     {
     public:
@@ -81,7 +95,7 @@ public:
                 std::memcpy(&header, m_position, HEADER_SIZE);
                 return header;
             }
-            [[nodiscard]] std::size_t length() const { return header() & MOST_LENGTH; }
+            [[nodiscard]] std::size_t length() const { return header() & MAX_PIECE_LENGTH; }
 
             const std::byte* m_position;
         };
@@ -101,41 +115,47 @@ public:
     LogQueue& operator=(const LogQueue&) = delete;
     ~LogQueue();
 
-    /// With room for one text of that length, or for many shorter ones. Throws std::bad_alloc.
+    /// Returns a chunk with room for one text of that length, or for many shorter ones. Throws std::bad_alloc.
     [[nodiscard]] static Chunk newChunk(std::size_t textLength);
 
-    /// Texts and requests, those in a batch included until pop.
+    /// How many texts and requests are queued. Those of a batch count until pop.
     [[nodiscard]] std::size_t size() const { return m_size; }
 
-    /// Of the texts.
+    /// How many bytes the queued texts have.
     [[nodiscard]] std::uint64_t bytes() const { return m_bytes; }
 
-    /// Returns false if there is no room and no fresh chunk with enough of it. Takes the chunk only when it is
-    /// needed.
+    /// Copies the text into the queue; an empty one is a request to flush. Takes the fresh chunk only if it is needed.
+    /// Returns false, with nothing done, if there is no room and the fresh chunk is null or too small.
     [[nodiscard]] bool push(std::string_view text, Chunk& fresh);
 
-    /// The oldest ones, none if the queue is empty.
+    /// The oldest pieces, none if the queue is empty.
     [[nodiscard]] Batch front();
 
-    /// Takes away what front returned last. What it returns is to be released.
+    /// Takes away what front returned last. The caller releases what this returns.
     Chunk pop();
 
-    /// Throws std::bad_alloc.
-    void push(const Block& block);
+    /// Adds a block, whose bytes stay the caller's; an empty one is a request to flush. Throws std::bad_alloc.
+    void push(std::string_view block);
 
-    /// Takes the oldest block away. Returns false if there is none.
-    [[nodiscard]] bool extract(Block& block);
+    /// Takes the oldest block away. Returns nothing if there is none.
+    [[nodiscard]] std::optional<std::string_view> extract();
 
 private:
+    /// What front returned last, in the first chunk.
+    struct BatchExtent
+    {
+        std::size_t end = 0; // where it ends in the chunk
+        std::size_t texts = 0;
+        std::size_t pieces = 0;
+    };
+
     [[nodiscard]] static std::size_t roomFor(std::size_t textLength);
 
-    ChunkHead* m_head = nullptr; // is read from; null while the queue is empty
-    ChunkHead* m_tail = nullptr; // is written to
-    Chunk m_spare;
-    std::deque<Block> m_blocks;
-    std::size_t m_batchEnd = 0; // of what front returned, in the head
-    std::size_t m_batchTexts = 0;
-    std::size_t m_batchPieces = 0;
+    ChunkHead* m_head = nullptr; // the chunk that is read from
+    ChunkHead* m_tail = nullptr; // the chunk that is written to
+    Chunk m_spare;               // of the usual size, for when the last one is full
+    std::deque<std::string_view> m_blocks;
+    BatchExtent m_batch;
     std::size_t m_size = 0;
     std::uint64_t m_bytes = 0;
 };

@@ -10,6 +10,7 @@ namespace
 
 const DynamicTweak<bool> NOT_DISABLED;
 
+using Answer = HeapMemoryAllocationTracker::Answer;
 using HeapMemoryAllocationTrackerTest = LogTest;
 
 TEST_F(HeapMemoryAllocationTrackerTest, PausesAtTheBudgetUntilUsageIsDown)
@@ -17,22 +18,19 @@ TEST_F(HeapMemoryAllocationTrackerTest, PausesAtTheBudgetUntilUsageIsDown)
     MemShield::setEnabled(false);
     HeapMemoryAllocationTracker tracker(100, 80, NOT_DISABLED, "log");
     waitForOwnThreads();
-    bool justPaused = true;
-    char* const sixty = tracker.allocate(60, justPaused);
-    char* const forty = tracker.allocate(40, justPaused);
-    EXPECT_TRUE(sixty != nullptr && forty != nullptr && !justPaused);
-    for (const std::uint32_t length : {0U, 1U, 2U}) // only the one that is too many is told
-    {
-        EXPECT_EQ(nullptr, tracker.allocate(length, justPaused));
-        EXPECT_EQ(length == 1, justPaused);
-    }
+    char* const sixty = tracker.allocate(60).buffer;
+    char* const forty = tracker.allocate(40).buffer;
+    EXPECT_TRUE(sixty != nullptr && forty != nullptr);
+    EXPECT_EQ(nullptr, tracker.allocate(0).buffer);
+    EXPECT_EQ(Answer::BeganPause, tracker.allocate(1).answer);
+    EXPECT_EQ(Answer::Refused, tracker.allocate(1).answer);
     char* const beyond = tracker.allocateIgnoringLimit(50);
     EXPECT_TRUE(beyond != nullptr);
     tracker.free(forty, 40);
     tracker.free(beyond, 29); // 81 are left
-    EXPECT_EQ(nullptr, tracker.allocate(1, justPaused));
+    EXPECT_EQ(Answer::Refused, tracker.allocate(1).answer);
     tracker.free(tracker.allocateIgnoringLimit(1), 2);
-    char* const twenty = tracker.allocate(20, justPaused);
+    char* const twenty = tracker.allocate(20).buffer;
     EXPECT_TRUE(twenty != nullptr);
     EXPECT_EQ(0, client.count("~HeapMemoryAllocationTracker~"));
     tracker.free(sixty, 60);

@@ -1,0 +1,63 @@
+#pragma once
+
+// The files of one log: the live file, which texts are appended to, and the numbered files. A live file that has grown
+// past 10 MiB gets the next number before the next text is written, and the oldest numbered files beyond a limit are
+// removed.
+//
+//     LogFiles files({.basePath = "C:\\logs\\app.log", .maxFiles = 20});
+//     if (files.open())                                  // C:\logs\app.log.txt
+//     {
+//         files.write("a line\n");
+//         files.flush();
+//     }
+//
+// Failures are told on standard output and standard error, never to the Logger, and logging goes on. Not for several
+// threads at once, and not for two programs with the same base path: they would race for the numbers.
+
+#include "datapath/common/infra/LogFileStream.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class LogFiles
+{
+public:
+    struct Settings
+    {
+        /// The path of all files without number and ".txt", narrow and in the system's own form: a backslash separates
+        /// on Windows, a slash on Linux ("/var/log/app.log"). On Windows a path with slashes, or with ".\" before the
+        /// name, is written to, but its numbered files are not found.
+        std::string basePath;
+        std::uint32_t maxFiles = 1000; ///< numbered files that are kept
+        bool compressOnRotate = false; ///< numbered files are named ".txt.gz"; their content stays plain text
+    };
+
+    explicit LogFiles(Settings settings);
+
+    /// Continues the live file, or creates it. Creates its folder too, but not the folders above that one. Returns
+    /// whether the file is open.
+    [[nodiscard]] bool open();
+
+    /// Appends a text or, one after the other, the parts of a text; all parts go to the same file. Dropped while no
+    /// file is open.
+    void write(std::string_view part, bool isFirst = true, bool isLast = true);
+
+    /// Hands every whole text on to the system.
+    void flush() { m_stream.flush(); }
+
+    /// The path of the live file of that base path.
+    [[nodiscard]] static std::string liveFile(const std::string& basePath);
+
+private:
+    [[nodiscard]] bool openLiveFile();
+    void rotate();
+    [[nodiscard]] std::string rotatedFileName(std::int64_t number) const;
+    [[nodiscard]] std::optional<std::vector<std::string>> listLogDirectory() const;
+
+    const Settings m_settings;
+    const std::string m_directory; // of all files
+    LogFileStream m_stream;
+};
