@@ -4,8 +4,8 @@
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/Future.h"
-#include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/GuardedMemory.h"
+#include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Tweaks.h"

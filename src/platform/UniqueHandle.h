@@ -2,8 +2,8 @@
 
 // Owns a handle of this floor and closes it once.
 //
-//     const platform::UniqueHandle<platform::ProcessHandle, platform::closeProcess> process(platform::openOwnProcess());
-//     if (process) ...
+//     const platform::UniqueHandle<platform::ProcessHandle, platform::closeProcess>
+//     process(platform::openOwnProcess()); if (process) ...
 //
 // Each type of handle has the value Invalid for none. Not for several threads at once.
 

@@ -1,9 +1,9 @@
 #include "tests/support/Support.h"
 
+#include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/SystemHeapBytes.h"
 #include "datapath/common/infra/windows/MemWatcher.h"
-#include "datapath/common/infra/LogItem.h"
 #include "platform/Threads.h"
 
 #include <algorithm>

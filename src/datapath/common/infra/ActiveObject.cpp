@@ -146,7 +146,10 @@ void ActiveObject::execute(Action& action, std::uint32_t priority, std::uint32_t
     keepalive.disarm();
 }
 
-void ActiveObject::release(Action* action, void* memory) { GuardedMemory::destroy(action, memory, SourcePlace::here()); }
+void ActiveObject::release(Action* action, void* memory)
+{
+    GuardedMemory::destroy(action, memory, SourcePlace::here());
+}
 
 /// The next action, or none when the worker is to leave.
 ActiveObject::Extracted ActiveObject::waitForAction()

@@ -24,7 +24,8 @@ public:
     /// on.
     [[nodiscard]] static Clock& instance();
 
-    /// Tests make clocks of their own. Ends the process if the counter's frequency cannot be read or has more than 32 bits of ticks a millisecond.
+    /// Tests make clocks of their own. Ends the process if the counter's frequency cannot be read or has more than 32
+    /// bits of ticks a millisecond.
     Clock();
 
     /// The counter, in its own ticks. Ends the process if it cannot be read.

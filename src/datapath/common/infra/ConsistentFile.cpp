@@ -12,7 +12,7 @@ namespace
 {
 
 // Lines about single copies have the method text of the search that they belong to.
-constexpr MethodText METHOD_FIND{"ConsistentFile::findLatestValidFileIndex", "ConsistentFile,findLatestValidFileIndex"};
+constexpr MethodText METHOD_FIND = MethodText::of("ConsistentFile::findLatestValidFileIndex");
 
 struct Signature
 {

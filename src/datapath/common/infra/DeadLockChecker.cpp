@@ -1,8 +1,8 @@
 #include "datapath/common/infra/DeadLockChecker.h"
 
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/ThreadBacktracePrinter.h"
-#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "datapath/common/infra/windows/MemWatcher.h"
 

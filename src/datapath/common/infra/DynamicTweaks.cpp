@@ -15,6 +15,8 @@ DynamicTweaks& DynamicTweaks::instance()
     return createOnce(theDynamicTweaks, creationLock<DynamicTweaks>(), [] { return new DynamicTweaks; });
 }
 
+void refreshDynamicTweaks() { DynamicTweaks::instance().refresh(); }
+
 void DynamicTweaks::refresh()
 {
     const MutexGuard guard(m_refreshMutex); // so that a refresh never overwrites what a later one has read

@@ -178,10 +178,10 @@ private:
     /// What became of a block that is to be released.
     struct Release
     {
-        std::optional<AllocInfo> info;  // nothing: there is no such live block
-        std::string corruption;         // not empty: what is wrong with its margin; it stays registered then
-        bool isKept = false;            // among the recently freed ones
-        Records::node_type node = {};   // its record, to be released without the lock
+        std::optional<AllocInfo> info; // nothing: there is no such live block
+        std::string corruption;        // not empty: what is wrong with its margin; it stays registered then
+        bool isKept = false;           // among the recently freed ones
+        Records::node_type node = {};  // its record, to be released without the lock
     };
 
     static constexpr std::size_t HEAP_ALIGNMENT = __STDCPP_DEFAULT_NEW_ALIGNMENT__;

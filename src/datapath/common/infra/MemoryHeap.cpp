@@ -78,7 +78,7 @@ void MemoryHeap::freeSegment(MemorySegment& segment)
     check(segment.owner->isHeapMemory(), NUMBER_NOT_OF_THE_HEAP, "mmi->isHeapMemory()");
     check(segment.buffer != nullptr, __LINE__, "segment->buffer != 0"); // given back already
     GuardedMemory::destroyArray(segment.buffer,
-                            SourcePlace::numbered(NUMBER_RELEASED)); // misuse is reported, heap included
+                                SourcePlace::numbered(NUMBER_RELEASED)); // misuse is reported, heap included
     countFreed(segment);
 }
 

@@ -1,9 +1,9 @@
 #include "datapath/common/infra/MemoryPool.h"
 
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/MemoryPoolInternal.h"
-#include "datapath/common/infra/Clock.h"
 
 #include <algorithm>
 #include <array>

@@ -105,7 +105,7 @@ void MemoryPoolImpl::requestForMoreAllocationLocked()
     }
     using Future = FutureInternal::Future<RcStatus>;
     auto* const helper = GuardedMemory::create<MemoryAllocationHelper>({"MemoryAllocationHelper", PLACE_HELPER_CREATED},
-                                                                   *this, singleAllocationSize());
+                                                                       *this, singleAllocationSize());
     m_requestForMoreAllocationHelper = helper;
     const auto allocate = [&]() -> Future {
         try

@@ -2,8 +2,8 @@
 
 // What the units of the memory pool share. Nobody else uses it.
 
-#include "datapath/common/infra/MemoryPool.h"
 #include "datapath/common/infra/Clock.h"
+#include "datapath/common/infra/MemoryPool.h"
 
 /// A request for memory that waits.
 class MemoryPoolImpl::Request final : public WaitingRequestsQueue_Internal::Request

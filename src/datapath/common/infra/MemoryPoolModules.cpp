@@ -1,7 +1,7 @@
 // The part of the memory pool that registers its modules.
 
-#include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/GuardedMemory.h"
+#include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemoryPoolInternal.h"
 
 #include <algorithm>
@@ -105,7 +105,7 @@ ModuleMemoryInformation* MemoryPoolImpl::addModuleLocked(const ModuleSettings& s
 {
     auto* const module =
         GuardedMemory::create<ModuleMemoryInformation>({"ModuleMemoryInformation", SourcePlace::here()}, settings.name,
-                                                   reservedBytes, limitBytes, settings.parent, &m_removedRequests);
+                                                       reservedBytes, limitBytes, settings.parent, &m_removedRequests);
     m_modules.emplace(settings.name, module);
     m_waitingList.subscribe(&module->waiting());
     module->addToParent();

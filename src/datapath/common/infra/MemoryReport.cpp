@@ -18,8 +18,7 @@
 namespace
 {
 
-constexpr SourcePlace PLACE_TOO_MANY_ALLOCATIONS =
-    SourcePlace::numbered(516, "datapath/common/infra/MemShield.cpp");
+constexpr SourcePlace PLACE_TOO_MANY_ALLOCATIONS = SourcePlace::numbered(516, "datapath/common/infra/MemShield.cpp");
 
 constexpr MethodText PRINT_ALLOCATIONS = MethodText::of("MemShield::printAllocations");
 constexpr MethodText PRINT_RECENTLY_FREED = MethodText::of("MemShield::printRecentlyFreed");

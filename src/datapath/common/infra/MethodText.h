@@ -1,7 +1,8 @@
 #pragma once
 
-// The name of the calling function as the log writes it: the class, two colons and the member ("Tweaks::Tweak::longVal"),
-// or the bare name of a free function ("wWinMain"). A lambda is its enclosing function followed by "::<lambda>".
+// The name of the calling function as the log writes it: the class, two colons and the member
+// ("Tweaks::Tweak::longVal"), or the bare name of a free function ("wWinMain"). A lambda is its enclosing function
+// followed by "::<lambda>".
 //
 //     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
 //     static constexpr MethodText METHOD = MethodText::of("PriorityQueue<class ActiveObject::Action *>::enqueue");
@@ -121,7 +122,8 @@ constexpr MethodText methodTextOf(std::string_view signature)
     }
     const std::string_view rest = signature.substr(parameters);
     MethodFields fields = splitMethodText(name);
-    fields.suffix = rest.find("::<lambda") != rest.npos || rest.find("::(anonymous class)") != rest.npos ? "::<lambda>" : "";
+    fields.suffix =
+        rest.find("::<lambda") != rest.npos || rest.find("::(anonymous class)") != rest.npos ? "::<lambda>" : "";
     return MethodText(fields);
 }
 

@@ -9,11 +9,11 @@
 // The owner locks every call but itemCount, which any thread may make. What pointers in the queue point to stays the
 // owner's. A list that goes up and down takes memory in blocks of many items and none for a single one.
 
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
-#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "platform/Atomic.h"
 
@@ -112,7 +112,8 @@ public:
     {
         if (priority >= m_queues.size()) [[unlikely]]
         {
-            static constexpr MethodText METHOD = MethodText::of("PriorityQueue<class ActiveObject::Action *>::sizeBytes");
+            static constexpr MethodText METHOD =
+                MethodText::of("PriorityQueue<class ActiveObject::Action *>::sizeBytes");
             CheckFailure(LoggerId::NON, METHOD, SourcePlace::here(), "priority < m_queueStats.size()")
                 << "invalid priority" << std::endl;
             return 0;

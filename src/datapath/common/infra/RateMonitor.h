@@ -10,8 +10,8 @@
 //
 // Times are in µs of the steady clock. The feeding code holds m_mutex around each call.
 
-#include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Clock.h"
+#include "datapath/common/infra/Mutex.h"
 
 #include <cstdint>
 #include <string>

@@ -27,7 +27,7 @@ constexpr SourcePlace PLACE_DEFINED_ONCE = SourcePlace::numbered(244, TWEAKS_UNI
 constexpr SourcePlace PLACE_HAS_VALUE = SourcePlace::numbered(602, TWEAKS_UNIT);
 
 // Lines of applyText have the method text that support knows.
-constexpr MethodText METHOD_UPDATE{"Tweaks::update", "Tweaks,update"};
+constexpr MethodText METHOD_UPDATE = MethodText::of("Tweaks::update");
 
 constexpr const char* EXTENSION_FILE = "tweaks_extension.txt";
 constexpr const char* SURVIVING_FOLDER = "test_appdata";

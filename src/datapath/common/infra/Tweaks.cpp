@@ -1,6 +1,5 @@
 #include "datapath/common/infra/Tweaks.h"
 
-#include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/NumberText.h"
 #include "datapath/common/infra/Singleton.h"
@@ -182,7 +181,7 @@ void Tweaks::notifyDynamicTweaks() const
 {
     if (m_isInitialized)
     {
-        DynamicTweaks::instance().refresh();
+        refreshDynamicTweaks();
     }
 }
 

@@ -1,7 +1,7 @@
 #include "datapath/common/infra/DeadLockChecker.h"
 
-#include "datapath/common/infra/Tweaks.h"
 #include "datapath/common/infra/GuardedMemory.h"
+#include "datapath/common/infra/Tweaks.h"
 #include "tests/support/Support.h"
 
 #include <algorithm>

@@ -2,6 +2,7 @@
 
 #include "datapath/common/infra/FileLoggerClient.h"
 #include "datapath/common/infra/LogItem.h"
+#include "datapath/common/infra/MemoryReport.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "tests/support/Support.h"
 

@@ -218,7 +218,9 @@ const std::vector<Misuse> MISUSES = {
      unallocated("")},
     {"arrayReleasedTwice",
      [] {
-         repeat(2, [array = GuardedMemory::createArray<char>(ARRAY_SITE, 5)] { GuardedMemory::destroyArray(array, PLACE); });
+         repeat(2, [array = GuardedMemory::createArray<char>(ARRAY_SITE, 5)] {
+             GuardedMemory::destroyArray(array, PLACE);
+         });
      },
      "MemShield,freeAndUnregister,trying to free un-allocated memory file=user.cpp  line=22 \n" + report("", "")},
     {"overrunAtOnce", [] { MemShield::releaseObject(written(makeObject(), 100, 65), PLACE); },
@@ -297,13 +299,12 @@ const std::vector<Misuse> MISUSES = {
      },
      "released\n" + ALLOCATION + "Assertion (allocationLength < MAX_SINGLE_ALLOCATION_LENGTH) failed " + UNIT +
          "125\n"},
-    {"sizeBeyondCounting", [] { static_cast<void>(GuardedMemory::createArray<std::uint64_t>(ARRAY_SITE, 1ULL << 62U)); },
+    {"sizeBeyondCounting",
+     [] { static_cast<void>(GuardedMemory::createArray<std::uint64_t>(ARRAY_SITE, 1ULL << 62U)); },
      ALLOCATION + " " + UNIT + "140: size < (u32)-1 failed.  size=18446744073709551615 \n~,Assert,~"},
-    {"guardedArrayTooLong",
-     [] { static_cast<void>(MemShield::allocate(1, 4294967295, ARRAY_SITE)); },
+    {"guardedArrayTooLong", [] { static_cast<void>(MemShield::allocate(1, 4294967295, ARRAY_SITE)); },
      ALLOCATION + " " + UNIT + "141: arrayLength < (u32)-1 failed.  arrayLength=4294967295 \n~,Assert,~"},
-    {"countedArrayTooLong",
-     [] { static_cast<void>(MemShield::allocate(1, 4294967295, ARRAY_SITE)); },
+    {"countedArrayTooLong", [] { static_cast<void>(MemShield::allocate(1, 4294967295, ARRAY_SITE)); },
      "MemShield,internalAllocAndCountOnlyArray,Assertion (numItems < std::numeric_limits<u32>::max()) failed " + UNIT +
          "173\n",
      false},

@@ -1,5 +1,5 @@
-#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemoryReport.h"
 
 #include "datapath/common/infra/SystemHeapBytes.h"

@@ -1,8 +1,8 @@
 #include "datapath/common/infra/PriorityQueue.h"
 
 #include "datapath/common/infra/ActiveObject.h"
-#include "platform/Time.h"
 #include "datapath/common/infra/Timer.h"
+#include "platform/Time.h"
 #include "tests/support/Support.h"
 
 #include <random>

@@ -1,8 +1,8 @@
 #include "datapath/common/infra/windows/MemWatcher.h"
 
-#include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/FatalCheck.h"
+#include "datapath/common/infra/Singleton.h"
 #include "platform/Threads.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 #include "datapath/common/infra/windows/ThreadWrapper.h"
 
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/SystemHeapBytes.h"
-#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/windows/MemWatcher.h"
 #include "platform/Random.h"
 #include "platform/Threads.h"
