@@ -140,6 +140,6 @@ private:
     std::string m_fileName; // the file that is being read, so that explanations can name it
 };
 
-/// Called after each change of the process's table. DynamicTweaks.cpp defines it: the dynamic tweaks read the table, and
-/// the table knows only that they do.
+/// Called after each change of the process's table. DynamicTweaks.cpp defines it: the dynamic tweaks read the table,
+/// and the table knows only that they do.
 void refreshDynamicTweaks();
