@@ -2,18 +2,9 @@
 
 // Threads as the system gives them. Every function may be called from any thread. Thread ids are
 // the system's own (GetCurrentThreadId; gettid) and can be used again once a thread has ended.
-//
-// Two functions are chosen at link time and not in the table:
-//
-//   relax()           a moment's rest of a processor that looks again and again at what another one will change
-//                     (x86's PAUSE)
-//   looks(wanted)     how often to look so before falling asleep: as often as wanted, where processors run at the same
-//                     time; fewer where one thread runs at a time
 
 #include "platform/ErrorNumber.h"
 #include "platform/UniqueHandle.h"
-
-#include "NativeRelax.h"
 
 #include <cstdint>
 #include <optional>

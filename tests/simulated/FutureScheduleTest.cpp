@@ -17,10 +17,13 @@ struct Observer : FutureInternal::FutureObserver<int>
     void update(const int& value) override
     {
         sum += value;
+        rank = ++numCalls;
         copy.reset();
     }
 
-    int sum = 0; // of the values that it was called with
+    static inline int numCalls = 0; // of all observers
+    int rank = 0;                   // among all calls
+    int sum = 0;                    // of the values that it was called with
     std::optional<Result> copy{};
 };
 
@@ -34,14 +37,17 @@ TEST_F(FutureSchedules, ReachesEveryWaiterAndEachObserverOnce)
     exploreBothWays([] {
         Result result;
         Observer early;
+        Observer second;
         Observer late;
         result.addObserver(&early);
+        result.addObserver(&second);
         const auto get = [&] { check(result.get() == 7, "the result is got"); };
         runTogether({{"setter", [&] { result.set(7); }},
                      {"adder", [&] { result.addObserver(&late); }},
                      {"getter", get},
                      {"other getter", get}});
-        check(early.sum == 7 && late.sum == 7, "each observer is called once");
+        check(early.sum == 7 && second.sum == 7 && late.sum == 7, "each observer is called once");
+        check(early.rank < second.rank, "in their order");
     });
 }
 

@@ -1,12 +1,12 @@
 #include "platform/Sync.h"
 
+#include "platform/Spin.h"
+
 #include <algorithm>
-#include <bit>
 #include <cerrno>
-#include <linux/futex.h>
+#include <ctime>
+
 #include <sched.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace platform
 {
@@ -14,48 +14,16 @@ namespace platform
 namespace
 {
 
-constexpr long NS_PER_SECOND = 1'000'000'000;
-
-// Futexes look at the first half of a semaphore's word, the count.
-static_assert(std::endian::native == std::endian::little);
-
 timespec nowPlus(std::uint32_t durationMs)
 {
+    constexpr long NS_PER_SECOND = 1'000'000'000;
     timespec time = {};
     clock_gettime(CLOCK_MONOTONIC, &time);
-    time.tv_sec += static_cast<time_t>(durationMs / 1000);
-    time.tv_nsec += static_cast<long>(durationMs % 1000) * 1'000'000;
+    time.tv_sec += static_cast<time_t>(durationMs / 1'000);
+    time.tv_nsec += static_cast<long>(durationMs % 1'000) * 1'000'000;
     time.tv_sec += time.tv_nsec / NS_PER_SECOND;
     time.tv_nsec %= NS_PER_SECOND;
     return time;
-}
-
-bool isBefore(const timespec& left, const timespec& right)
-{
-    return left.tv_sec != right.tv_sec ? left.tv_sec < right.tv_sec : left.tv_nsec < right.tv_nsec;
-}
-
-void wakeOneAt(void* futex) { syscall(SYS_futex, futex, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0); }
-
-/// Returns when it is worth while to look at the state again; true if the deadline has passed.
-bool sleepWhile(std::uint32_t state, void* futex, const timespec* deadline)
-{
-    if (syscall(SYS_futex, futex, FUTEX_WAIT_BITSET_PRIVATE, state, deadline, nullptr, FUTEX_BITSET_MATCH_ANY) == 0 ||
-        errno == EAGAIN || errno == EINTR)
-    {
-        return false;
-    }
-    if (errno == ETIMEDOUT)
-    {
-        return true;
-    }
-    timespec until = nowPlus(1); // the system refuses to wait here: look from time to time
-    if (deadline != nullptr && isBefore(*deadline, until))
-    {
-        until = *deadline;
-    }
-    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
-    return deadline != nullptr && !isBefore(nowPlus(0), *deadline);
 }
 
 } // namespace
@@ -64,32 +32,30 @@ bool sleepWhile(std::uint32_t state, void* futex, const timespec* deadline)
 
 void NativeMutex::sleepUntilLocked() noexcept
 {
-    while (m_state.exchange(LOCKED_AND_WAITED_FOR, std::memory_order_acquire) != FREE)
+    while (m_state.exchange(LOCKED_WITH_SLEEPERS, std::memory_order_acquire) != FREE)
     {
-        sleepWhile(LOCKED_AND_WAITED_FOR, &m_state, nullptr);
+        m_state.wait(LOCKED_WITH_SLEEPERS, std::memory_order_relaxed);
     }
 }
-
-void NativeMutex::wakeOne() noexcept { wakeOneAt(&m_state); }
 
 #endif
 
-void NativeSemaphore::wakeOne() noexcept { wakeOneAt(&m_state); }
-
 void NativeSemaphore::post() noexcept
 {
-    if (m_state.fetch_add(1, std::memory_order_release) >= WAITER)
+    if (m_count.fetch_add(1, std::memory_order_release) < 0)
     {
-        wakeOne();
+        wakeSleeper();
     }
 }
 
+void NativeSemaphore::wakeSleeper() noexcept { sem_post(&m_sleepers); }
+
 bool NativeSemaphore::tryTake() noexcept
 {
-    std::uint64_t state = m_state.load(std::memory_order_relaxed);
-    while ((state & COUNT_MASK) != 0)
+    std::int64_t count = m_count.load(std::memory_order_relaxed);
+    while (count > 0)
     {
-        if (m_state.compare_exchange_weak(state, state - 1, std::memory_order_acquire, std::memory_order_relaxed))
+        if (m_count.compare_exchange_weak(count, count - 1, std::memory_order_acquire, std::memory_order_relaxed))
         {
             return true;
         }
@@ -97,7 +63,28 @@ bool NativeSemaphore::tryTake() noexcept
     return false;
 }
 
-void NativeSemaphore::wait() noexcept { static_cast<void>(takeBefore(nullptr)); }
+/// Two threads that hand a turn to each other take a quarter of the time with these budgets, because neither of them
+/// falls asleep. The yields are for the case that the other thread has no processor.
+bool NativeSemaphore::spinUntilTaken() noexcept
+{
+    constexpr SpinBudget SPIN{.looks = 12};
+    constexpr int MAX_YIELDS = 4;
+    bool isTaken = tryTake() || spinUntil([this] { return tryTake(); }, SPIN);
+    for (int yields = 0; !isTaken && yields < MAX_YIELDS; ++yields)
+    {
+        sched_yield();
+        isTaken = tryTake();
+    }
+    return isTaken;
+}
+
+void NativeSemaphore::wait() noexcept
+{
+    if (!spinUntilTaken() && m_count.fetch_sub(1, std::memory_order_acquire) <= 0)
+    {
+        sleep();
+    }
+}
 
 bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
 {
@@ -106,61 +93,56 @@ bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
         return tryTake();
     }
     const timespec deadline = nowPlus(durationMs);
-    return takeBefore(&deadline);
+    if (spinUntilTaken() || m_count.fetch_sub(1, std::memory_order_acquire) > 0)
+    {
+        return true;
+    }
+    while (sem_clockwait(&m_sleepers, CLOCK_MONOTONIC, &deadline) != 0)
+    {
+        if (errno == ETIMEDOUT)
+        {
+            return !leaveSleepers();
+        }
+    }
+    static_cast<void>(m_count.load(std::memory_order_acquire));
+    return true;
 }
 
-bool NativeSemaphore::takeBefore(const timespec* deadline) noexcept
+/// Takes a late thread off the sleepers. Returns false if there was a post for it meanwhile, which it has taken.
+bool NativeSemaphore::leaveSleepers() noexcept
 {
-    // What is waited for is often near: a few looks are cheaper than falling asleep.
-    constexpr int LOOKS = 16;
-    constexpr int LOOKS_WITHOUT_YIELDING = 12;
-    for (int look = 0; look < LOOKS; ++look)
+    std::int64_t count = m_count.load(std::memory_order_relaxed);
+    while (count < 0)
     {
-        if (tryTake())
+        if (m_count.compare_exchange_weak(count, count + 1, std::memory_order_relaxed))
         {
             return true;
         }
-        if (look < LOOKS_WITHOUT_YIELDING)
-        {
-            __builtin_ia32_pause();
-        }
-        else
-        {
-            sched_yield();
-        }
     }
-    std::uint64_t state = m_state.fetch_add(WAITER, std::memory_order_relaxed) + WAITER;
-    for (bool isLate = false;;)
+    sleep();
+    return false;
+}
+
+/// Returns when a post has woken the calling thread, which has made the count negative.
+void NativeSemaphore::sleep() noexcept
+{
+    while (sem_wait(&m_sleepers) != 0) // interrupted by a signal
     {
-        // Whoever is late leaves only when there is nothing to take: what has let it go must not be left behind by it.
-        while (isLate || (state & COUNT_MASK) != 0)
-        {
-            const std::uint64_t taken = std::min<std::uint64_t>(state & COUNT_MASK, 1);
-            if (m_state.compare_exchange_weak(state, state - taken - WAITER, std::memory_order_acquire,
-                                              std::memory_order_relaxed))
-            {
-                return taken != 0;
-            }
-        }
-        isLate = sleepWhile(0, &m_state, deadline); // looks at the half of the word that counts
-        state = m_state.load(std::memory_order_relaxed);
     }
+    static_cast<void>(m_count.load(std::memory_order_acquire)); // pairs with the post, for the thread sanitizer too
 }
 
 void NativeEvent::set() noexcept
 {
-    // Each sleeper can be let go by a set of its own, and one more set stays for the next wait. The word is
-    // written in any case, so that whoever passes sees what came before this call.
-    const auto afterSet = [](std::uint64_t state) {
-        return (state & ~COUNT_MASK) | std::min((state & COUNT_MASK) + 1, state / WAITER + 1);
-    };
-    std::uint64_t state = m_state.load(std::memory_order_relaxed);
-    while (!m_state.compare_exchange_weak(state, afterSet(state), std::memory_order_release, std::memory_order_relaxed))
+    // The count is written in any case, so that whoever takes it sees what came before this call.
+    std::int64_t count = m_count.load(std::memory_order_relaxed);
+    while (!m_count.compare_exchange_weak(count, std::min<std::int64_t>(count + 1, 1), std::memory_order_release,
+                                          std::memory_order_relaxed))
     {
     }
-    if (state >= WAITER)
+    if (count < 0)
     {
-        wakeOne();
+        wakeSleeper();
     }
 }
 

@@ -5,6 +5,6 @@ namespace platform
 
 inline void relax() noexcept { __builtin_ia32_pause(); }
 
-constexpr int looks(int wanted) noexcept { return wanted; }
+inline constexpr bool RUNS_ONE_THREAD_AT_A_TIME = false;
 
 } // namespace platform

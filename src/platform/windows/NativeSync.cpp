@@ -14,7 +14,7 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-// The header holds them as what they consist of.
+// The header declares them as the pointers of which they consist, because it includes no header of the system.
 SRWLOCK& lockIn(void*& storage) { return reinterpret_cast<SRWLOCK&>(storage); }
 CONDITION_VARIABLE& conditionIn(void*& storage) { return reinterpret_cast<CONDITION_VARIABLE&>(storage); }
 static_assert(sizeof(SRWLOCK) == sizeof(void*) && sizeof(CONDITION_VARIABLE) == sizeof(void*));
@@ -31,15 +31,15 @@ private:
     SRWLOCK& m_lock;
 };
 
-/// In milliseconds, rounded up; 0 when the deadline has passed.
+/// The time until the deadline in ms, rounded up; 0 if the deadline has passed.
 DWORD timeUntil(Clock::time_point deadline)
 {
     const std::int64_t left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return static_cast<DWORD>(std::clamp<std::int64_t>(left, 0, INFINITE - 1));
 }
 
-/// Between two looks, where the system refuses to wait.
-void rest() { Sleep(1); }
+/// The pause between two checks where the system refuses to wait.
+void pause() { Sleep(1); }
 
 } // namespace
 
@@ -51,7 +51,7 @@ void NativeSemaphore::post() noexcept
 {
     const ExclusiveGuard guard(lockIn(m_lock));
     ++m_count;
-    WakeConditionVariable(&conditionIn(m_posted)); // inside: the waiter may destroy this object
+    WakeConditionVariable(&conditionIn(m_posted)); // under the lock, because the waiter may destroy this object
 }
 
 void NativeSemaphore::wait() noexcept
@@ -81,14 +81,14 @@ bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
     return true;
 }
 
-/// Returns when it is worth while to look at the count again, which is unlocked meanwhile.
+/// Returns when the count may have changed. Releases the lock meanwhile.
 void NativeSemaphore::sleep(std::uint32_t durationMs) noexcept
 {
     if (SleepConditionVariableSRW(&conditionIn(m_posted), &lockIn(m_lock), durationMs, 0) == FALSE &&
         GetLastError() != ERROR_TIMEOUT)
     {
         ReleaseSRWLockExclusive(&lockIn(m_lock));
-        rest();
+        pause();
         AcquireSRWLockExclusive(&lockIn(m_lock));
     }
 }
@@ -109,14 +109,14 @@ void NativeEvent::wait() noexcept
 {
     while (WaitForSingleObject(m_handle, INFINITE) != WAIT_OBJECT_0)
     {
-        rest();
+        pause();
     }
 }
 
 bool NativeEvent::waitFor(std::uint32_t durationMs) noexcept
 {
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(durationMs);
-    for (DWORD leftMs = durationMs;; rest())
+    for (DWORD leftMs = durationMs;; pause())
     {
         const DWORD result = WaitForSingleObject(m_handle, leftMs);
         if (result != WAIT_FAILED)

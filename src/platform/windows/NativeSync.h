@@ -5,7 +5,7 @@
 namespace platform
 {
 
-/// Over a lock of the system that needs no handle.
+/// A lock of the system, which needs no handle and so cannot run out.
 class NativeMutex
 {
 public:
@@ -22,7 +22,7 @@ private:
     void* m_lock = nullptr; // an SRWLOCK
 };
 
-/// Over a lock and a condition variable of the system, which need no handle and so cannot run out.
+/// A lock and a condition variable of the system, which need no handle and so cannot run out.
 class NativeSemaphore
 {
 public:
@@ -34,7 +34,7 @@ public:
     void post() noexcept;
     void wait() noexcept;
 
-    /// Waits at most durationMs, 0 for not at all. Returns whether it took one.
+    /// Waits at most durationMs; 0 does not wait. Returns whether it has decremented the count.
     [[nodiscard]] bool waitFor(std::uint32_t durationMs) noexcept;
 
 private:
@@ -45,7 +45,7 @@ private:
     std::uint32_t m_count;
 };
 
-/// Throws std::system_error when the system has no event to give.
+/// An event of the system. Throws std::system_error if the system cannot create one.
 class NativeEvent
 {
 public:
@@ -57,7 +57,7 @@ public:
     void set() noexcept;
     void wait() noexcept;
 
-    /// Waits at most durationMs. Returns whether the event let it pass.
+    /// Waits at most durationMs. Returns whether a set has ended the wait.
     [[nodiscard]] bool waitFor(std::uint32_t durationMs) noexcept;
 
 private:

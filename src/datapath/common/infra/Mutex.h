@@ -4,11 +4,12 @@
 //
 //     const MutexGuard guard(m_mutex);
 //
-// Any thread may call. A Mutex belongs to the thread that locked it, and that thread must not lock
-// it again before it has unlocked it.
+// Any thread may call. A Mutex belongs to the thread that has locked it; that thread must not lock it again before it
+// has unlocked it.
 
 #include "datapath/common/infra/ThreadSafety.h"
 #include "platform/Atomic.h"
+#include "platform/Spin.h"
 #include "platform/Sync.h"
 #include "platform/Threads.h"
 
@@ -40,31 +41,23 @@ public:
     void unlock() RELEASES() override { m_mutex.unlock(); }
 
 private:
-    /// Most locks are held for less time than falling asleep takes. The rests are long: each look takes the lock's
-    /// cache line from whoever holds it, and who is not looked at gets several turns done.
+    /// Most locks are held for less time than falling asleep takes. There are many hints to a look, because each look
+    /// takes the lock's cache line from the thread that holds it; undisturbed, that thread gets several turns done.
+    static constexpr platform::SpinBudget SPIN{.looks = 2, .hintsPerLook = 96};
+
     void lockContended()
     {
-        constexpr int FIRST_REST = platform::looks(64);
-        constexpr int LOOKS = platform::looks(2);
-        for (int look = 0; look < LOOKS; ++look)
+        if (!platform::spinUntil([this] { return m_mutex.tryLock(); }, SPIN))
         {
-            for (int i = 0; i < FIRST_REST << look; ++i)
-            {
-                platform::relax();
-            }
-            if (m_mutex.tryLock())
-            {
-                return;
-            }
+            m_mutex.lock();
         }
-        m_mutex.lock();
     }
 
     platform::NativeMutex m_mutex;
 };
 
-/// A Mutex that knows who has it: for a lock under which lines are logged, since what a log client does may lead back
-/// to whoever took it.
+/// A Mutex that knows its owner: for a lock under which lines are logged, because a log client may call the code that
+/// took the lock.
 class CAPABILITY("mutex") OwnedMutex final : public IMutex
 {
 public:
@@ -89,16 +82,15 @@ public:
         return owner != 0 && owner == platform::currentThreadId();
     }
 
-    /// Tells the analysis what isMine has found.
+    /// Tells the thread-safety analysis what isMine has found.
     void assertLocked() const ASSERTS_HELD(this) {}
 
 private:
     Mutex m_mutex;
-    platform::Atomic<std::uint32_t> m_owner = 0; // the thread that has the lock
+    platform::Atomic<std::uint32_t> m_owner = 0; // the id of the thread that has the lock, 0 if none has
 };
 
-/// Locks for its own lifetime. Over an IMutex it calls what is behind it; over a known class it calls
-/// that one directly.
+/// Locks for its own lifetime. With IMutex the calls are virtual; with a final class such as Mutex they are direct.
 template <class Lockable> class SCOPED_CAPABILITY MutexGuard
 {
 public:

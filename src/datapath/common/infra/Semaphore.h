@@ -6,8 +6,8 @@
 //     done.signal();                       // on any thread
 //     if (!done.waitFor(timeoutMs)) ...    // on any other
 //
-// Any thread may call. A signal before any wait is not lost, and each signal wakes one waiter. The
-// thread whose wait returned may destroy the semaphore if nobody else uses it.
+// Any thread may call. A signal before any wait is not lost, and each signal wakes one waiter. The thread whose wait
+// has returned may destroy the semaphore if no other thread uses it.
 
 #include "platform/Sync.h"
 
@@ -24,8 +24,7 @@ public:
     virtual void signal() { m_semaphore.post(); }
     virtual void wait() { m_semaphore.wait(); }
 
-    /// Waits at most timeoutMs on the steady clock, 0 for not at all. Returns whether the count was
-    /// taken down by one.
+    /// Waits at most timeoutMs on the steady clock; 0 does not wait. Returns whether it has decremented the count.
     [[nodiscard]] virtual bool waitFor(std::uint32_t timeoutMs) { return m_semaphore.waitFor(timeoutMs); }
 
 private:

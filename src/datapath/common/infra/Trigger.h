@@ -1,7 +1,12 @@
 #pragma once
 
-// An auto-reset event. Setting it lets one wait pass: a thread that waits now, or else the next one.
-// Setting it again before that changes nothing. Any thread may call.
+// An auto-reset event, for a thread that waits until another one has something for it.
+//
+//     trigger.set();                       // on any thread
+//     trigger.wait();                      // on another
+//
+// set ends one wait: that of a thread which waits now, or else the next one. Setting it again before that changes
+// nothing. Any thread may call.
 
 #include "platform/Sync.h"
 
@@ -18,7 +23,7 @@ public:
     void set() { m_event.set(); }
     void wait() { m_event.wait(); }
 
-    /// Waits at most timeoutMs. Returns whether it was let pass.
+    /// Waits at most timeoutMs. Returns whether a set has ended the wait.
     [[nodiscard]] bool waitFor(std::uint32_t timeoutMs) { return m_event.waitFor(timeoutMs); }
 
 private:

@@ -5,13 +5,23 @@
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Semaphore.h"
 
-// Not annotated: the analysis of lock and unlock follows one thread.
+#include <cstdint>
+
+// Not annotated: the thread-safety analysis expects lock and unlock on the same thread.
 class UnownedMutex final : public IMutex
 {
 public:
+    enum class Initially : std::uint8_t
+    {
+        Unlocked,
+        Locked ///< by whoever makes it, for any thread to unlock
+    };
+
+    explicit UnownedMutex(Initially state = Initially::Unlocked) : m_semaphore(state == Initially::Locked ? 0 : 1) {}
+
     void lock() override { m_semaphore.wait(); }
     void unlock() override { m_semaphore.signal(); }
 
 private:
-    Semaphore m_semaphore{1};
+    Semaphore m_semaphore;
 };
