@@ -1,6 +1,8 @@
 // The active object under many schedules.
 
 #include "datapath/common/infra/ActiveObject.h"
+#include "platform/Spin.h"
+#include "platform/Threads.h"
 #include "tests/simulated/Scenarios.h"
 #include "tests/support/Support.h"
 
@@ -30,127 +32,34 @@ struct Counts
     int executed = 0;
     int destroyed = 0;
     Semaphore destructions{0};
+    std::array<Semaphore, 2> begun{Semaphore(0), Semaphore(0)}; // by partners
 };
 
+/// Does some work, and counts its execution and its destruction.
 struct Counted : ActiveObject::Action
 {
-    explicit Counted(Counts& owner) : counts(owner) {}
+    explicit Counted(
+        Counts& owner, std::function<void()> content = [] { platform::relax(); })
+        : counts(owner), work(std::move(content))
+    {
+    }
     ~Counted() override { ++counts.destroyed, counts.destructions.signal(); }
-    void execute() override { ++counts.executing, platform::relax(), --counts.executing, ++counts.executed; }
+    void execute() override { ++counts.executing, work(), --counts.executing, ++counts.executed; }
 
     Counts& counts;
+    const std::function<void()> work;
 };
 
-/// Two that wait for each other: if one worker slept meanwhile, the other one would wait for ever.
-struct Pair : Counts
+Counted* make(
+    Counts& counts, const std::function<void()>& work = [] { platform::relax(); })
 {
-    std::array<Semaphore, 2> begun{Semaphore(0), Semaphore(0)};
-};
-
-struct Partner : Counted
-{
-    Partner(Pair& owner, std::size_t index) : Counted(owner), pair(owner), own(index) {}
-    void execute() override { pair.begun.at(own).signal(), pair.begun.at(1 - own).wait(), ++counts.executed; }
-
-    Pair& pair;
-    const std::size_t own;
-};
-
-template <class T, class... Args> T* make(Args&&... args)
-{
-    return GuardedMemory::create<T>({"Counted", SourcePlace::here()}, std::forward<Args>(args)...);
+    return GuardedMemory::create<Counted>({"Counted", SourcePlace::here()}, counts, work);
 }
 
-/// The workers may look for work, fall asleep or sleep when the two arrive.
-void keepBusy(ActiveObject& object)
+/// One of two that wait for each other: if one worker slept meanwhile, the other one would wait forever.
+Counted* makePartner(Counts& counts, std::size_t own)
 {
-    Pair pair;
-    object.enqueue(make<Counted>(pair));
-    runTogether({{"one", [&] { object.enqueue(make<Partner>(pair, 0U)); }},
-                 {"two", [&] { object.enqueue(make<Partner>(pair, 1U)); }}});
-    repeat(3, [&] { pair.destructions.wait(); });
-    check(pair.executed == 3 && pair.destroyed == 3, "each is executed and destroyed once");
-}
-
-struct ActiveObjectSchedules : testing::Test
-{
-    ActiveObjectSchedules() { waitForOwnThreads(); }
-};
-
-TEST_F(ActiveObjectSchedules, NoWorkerSleepsWhileThereIsWork)
-{
-    auto& object = *new Disk(2); // its workers sleep when a schedule begins
-    exploreBothWays([&] { keepBusy(object); });
-}
-
-TEST_F(ActiveObjectSchedules, NoWorkerSleepsWhileThereIsWorkFromTheStartOn)
-{
-    exploreBothWays([] {
-        Disk object(2);
-        keepBusy(object);
-    });
-}
-
-TEST_F(ActiveObjectSchedules, WhatComesWhileTheOnlyWorkerFallsAsleepWakesIt)
-{
-    auto& object = *new Disk(1);
-    exploreBothWays([&] {
-        Counts counts;
-        repeat(2, [&] {
-            object.enqueue(make<Counted>(counts));
-            counts.destructions.wait();
-        });
-    });
-}
-
-struct Second : Counted
-{
-    using Counted::Counted;
-    void execute() override { platform::sleepMs(1'000); }
-};
-
-TEST_F(ActiveObjectSchedules, AWorkerWhoseWaitHasTimedOutStillTakesWork)
-{
-    forceVerbose = true; // only then the waits have a limit, of 5 s
-    static int numTold;
-    // After a failure its threads may stand in it for ever, so it stays.
-    new HookedClient("wait timed out", [](const std::string&) { ++numTold; });
-    exploreBothWays([] {
-        numTold = 0;
-        Pair pair;
-        Disk object(2);
-        object.enqueue(make<Second>(pair)); // whoever executes it falls asleep a second after the other one
-        platform::sleepMs(5'500);           // of which only the other one has timed out then
-        const std::int64_t start = now();
-        const auto enqueue = [&] {
-            object.enqueue(make<Partner>(pair, 0U));
-            object.enqueue(make<Partner>(pair, 1U));
-        };
-        enqueue();
-        repeat(3, [&] { pair.destructions.wait(); });
-        check(now() < start + 1'000'000, "nobody sleeps while there is work");
-        check(numTold == 0, "nothing is told of a wait without work");
-        runTogether({{"clock", [] { advance(5'000'000'000); }}, {"producer", enqueue}});
-        repeat(2, [&] { pair.destructions.wait(); });
-        check(pair.executed == 4, "each is executed once");
-    });
-}
-
-TEST_F(ActiveObjectSchedules, TheShutdownBeginsWhenAllWorkersHaveRegistered)
-{
-    static Counts* counts;
-    static int numStarting;
-    // Stays, as above.
-    new HookedClient("Starting ThreadWrapper of type Disk", [](const std::string&) {
-        ++numStarting == 2 ? counts->destructions.wait() : void(); // until the other worker has executed the action
-    });
-    exploreBothWays([] {
-        Counts own;
-        counts = &own;
-        numStarting = 0;
-        Disk object(2);
-        object.enqueue(make<Counted>(own));
-    });
+    return make(counts, [&counts, own] { counts.begun.at(own).signal(), counts.begun.at(1 - own).wait(); });
 }
 
 auto makeMonitor()
@@ -160,18 +69,16 @@ auto makeMonitor()
         {SourcePlace::here()});
 }
 
-/// Enqueues another one.
-struct Parent : Counted
+/// The workers may look for work, fall asleep or sleep when the partners arrive.
+void keepBusy(ActiveObject& object)
 {
-    Parent(Counts& owner, Counts& ofChildren, ActiveObject& itsObject)
-        : Counted(owner), children(ofChildren), object(itsObject)
-    {
-    }
-    void execute() override { Counted::execute(), object.enqueue(make<Counted>(children)); }
-
-    Counts& children;
-    ActiveObject& object;
-};
+    Counts counts;
+    object.enqueue(make(counts));
+    runTogether({{"one", [&] { object.enqueue(makePartner(counts, 0)); }},
+                 {"two", [&] { object.enqueue(makePartner(counts, 1)); }}});
+    repeat(3, [&] { counts.destructions.wait(); });
+    check(counts.executed == 3 && counts.destroyed == 3, "each is executed and destroyed once");
+}
 
 /// A monitor ends the process when it is destroyed while a task has not ended.
 void endWhileActionsArrive(bool isMonitored)
@@ -181,7 +88,7 @@ void endWhileActionsArrive(bool isMonitored)
     std::array<Counted*, 2> actions{};
     {
         Disk object(1);
-        actions = {make<Parent>(counts, children, object), make<Counted>(counts)};
+        actions = {make(counts, [&] { object.enqueue(make(children)); }), make(counts)};
         object.attachRateMonitor(isMonitored ? makeMonitor() : nullptr);
         bool isEnding = false;
         int numBefore = 0;
@@ -209,14 +116,84 @@ void endWhileActionsArrive(bool isMonitored)
     check(counts.destroyed == 2, "no other is destroyed");
 }
 
-TEST_F(ActiveObjectSchedules, WhatCameBeforeTheDrainIsDestroyedOnceAndTheRestIsLeftAlone)
+struct ActiveObjectSchedules : testing::Test
 {
-    exploreBothWays([] { endWhileActionsArrive(false); });
+    ActiveObjectSchedules() { waitForOwnThreads(); }
+};
+
+TEST_F(ActiveObjectSchedules, NoWorkerSleepsWhileThereIsWork)
+{
+    auto& object = *new Disk(2); // its workers sleep when a schedule begins
+    exploreBothWays([&] { keepBusy(object); });
+    exploreBothWays([] {
+        Disk starting(2);
+        keepBusy(starting);
+    });
+    auto& single = *new Disk(1);
+    exploreBothWays([&] {
+        Counts counts;
+        repeat(2, [&] { single.enqueue(make(counts)), counts.destructions.wait(); });
+    });
 }
 
-TEST_F(ActiveObjectSchedules, NoTaskOfAMonitorOutlivesTheDrain)
+TEST_F(ActiveObjectSchedules, AnObjectMayGoWhenItsLastActionHasRunWhileTheProducerIsStillInEnqueue)
 {
-    exploreBothWays([] { endWhileActionsArrive(true); });
+    exploreBothWays([] {
+        Counts counts;
+        Semaphore executed(0);
+        auto object = std::make_unique<Disk>(1);
+        runTogether({{"producer", [&] { object->enqueue(make(counts, [&] { executed.signal(); })); }},
+                     {"owner", [&] { executed.wait(), object.reset(); }}});
+    });
+}
+
+TEST_F(ActiveObjectSchedules, AWorkerWhoseWaitHasTimedOutStillTakesWork)
+{
+    forceVerbose = true; // only then the waits have a limit, of 5 s
+    static int numTold;
+    // After a failure its threads may stand in it for ever, so it stays.
+    new HookedClient("wait timed out", [](const std::string&) { ++numTold; });
+    exploreBothWays([] {
+        numTold = 0;
+        Counts counts;
+        Disk object(2);
+        object.enqueue(make(counts, [] { platform::sleepMs(1'000); })); // its worker sleeps a second after the other
+        platform::sleepMs(5'500);                                       // only the other one has timed out then
+        const std::int64_t start = now();
+        const auto enqueue = [&] { object.enqueue(makePartner(counts, 0)), object.enqueue(makePartner(counts, 1)); };
+        enqueue();
+        repeat(3, [&] { counts.destructions.wait(); });
+        check(now() < start + 1'000'000, "nobody sleeps while there is work");
+        check(numTold == 0, "nothing is told of a wait without work");
+        runTogether({{"clock", [] { advance(5'000'000'000); }}, {"producer", enqueue}});
+        repeat(2, [&] { counts.destructions.wait(); });
+        check(counts.executed == 5, "each is executed once");
+    });
+}
+
+TEST_F(ActiveObjectSchedules, TheShutdownBeginsWhenAllWorkersHaveRegistered)
+{
+    static Counts* counts;
+    static int numStarting;
+    // Stays, as above.
+    new HookedClient("Starting ThreadWrapper of type Disk", [](const std::string&) {
+        ++numStarting == 2 ? counts->destructions.wait() : void(); // until the other worker has executed the action
+    });
+    exploreBothWays([] {
+        Counts own;
+        counts = &own;
+        numStarting = 0;
+        Disk object(2);
+        object.enqueue(make(own));
+    });
+}
+
+TEST_F(ActiveObjectSchedules, WhatCameBeforeTheDrainIsDestroyedOnceAndTheRestIsLeftAlone)
+{
+    for (const bool isMonitored : {false, true})
+    {
+        exploreBothWays([=] { endWhileActionsArrive(isMonitored); });
+    }
 }
 
 TEST_F(ActiveObjectSchedules, AMonitorComesAndGoesWhileActionsArrive)
@@ -225,7 +202,7 @@ TEST_F(ActiveObjectSchedules, AMonitorComesAndGoesWhileActionsArrive)
     exploreBothWays([&] {
         Counts counts;
         runTogether({{"watcher", [&] { object.attachRateMonitor(makeMonitor()); }},
-                     {"producer", [&] { repeat(2, [&] { object.enqueue(make<Counted>(counts)); }); }}});
+                     {"producer", [&] { repeat(2, [&] { object.enqueue(make(counts)); }); }}});
         repeat(2, [&] { counts.destructions.wait(); });
         object.attachRateMonitor(nullptr);
         check(counts.executed == 2, "each is executed once");
@@ -236,7 +213,7 @@ TEST_F(ActiveObjectSchedules, TheCountOfWhatIsQueuedWasTrueDuringTheCall)
 {
     exploreBothWays([] {
         platform::Atomic<std::uint64_t> numArrived = 0;
-        PriorityQueue<int> queue(2, "Items", false, &numArrived);
+        PriorityQueue<int> queue(1, "Items", false, &numArrived);
         std::uint64_t count = 0;
         std::uint64_t lowest = 0; // since the call began
         std::uint64_t highest = 0;
@@ -244,24 +221,14 @@ TEST_F(ActiveObjectSchedules, TheCountOfWhatIsQueuedWasTrueDuringTheCall)
             count += static_cast<std::uint64_t>(by);
             lowest = std::min(lowest, count), highest = std::max(highest, count);
         };
-        runTogether({{"owner",
-                      [&] {
-                          int item = 0;
-                          std::uint32_t priority = 0;
-                          repeat(2, [&] { ++numArrived, change(1); });
-                          queue.enqueue(1, 0), queue.enqueue(2, 1);
-                          check(queue.dequeue(item, priority) && item == 2 && priority == 1, "the highest comes first");
-                          change(-1);
-                          ++numArrived, change(1);
-                          queue.enqueue(3, 0);
-                          check(queue.dequeue(item, priority) && item == 1, "then the oldest");
-                          change(-1);
-                      }},
-                     {"reader", [&] {
-                          lowest = highest = count;
-                          const std::uint64_t seen = queue.itemCount();
-                          check(lowest <= seen && seen <= highest, "it was so");
-                      }}});
+        const auto arrive = [&] { ++numArrived, change(1), queue.enqueue(1, 0); };
+        const auto leave = [&] { check(queue.dequeue().has_value(), "nothing is lost"), change(-1); };
+        const auto read = [&] {
+            lowest = highest = count;
+            const std::uint64_t seen = queue.itemCount();
+            check(lowest <= seen && seen <= highest, "it was so");
+        };
+        runTogether({{"owner", [&] { arrive(), arrive(), leave(), arrive(), leave(); }}, {"reader", read}});
     });
 }
 

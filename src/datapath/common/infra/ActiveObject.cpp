@@ -2,7 +2,10 @@
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/FatalCheck.h"
-#include "platform/Threads.h"
+#include "platform/Spin.h"
+
+#include <algorithm>
+#include <utility>
 
 std::uint32_t ActiveObject::Action::getDlcTimeoutSec() const
 {
@@ -12,15 +15,16 @@ std::uint32_t ActiveObject::Action::getDlcTimeoutSec() const
 namespace
 {
 
-// Functions whose lines are logged by others.
+// The methods in whose name other functions log.
 constexpr MethodText CONSTRUCTOR = MethodText::of("ActiveObject::ActiveObject");
 constexpr MethodText WORKER = MethodText::of("ActiveObject::run");
 constexpr MethodText TERMINATION = MethodText::of("ActiveObject::terminateAllThreads");
 
-/// Where the object begins that the action, which lives, is a part of: other bases may stand before it.
+/// The address of the allocated object, of which the action may be a base class that does not come first. The action
+/// must not be destroyed yet.
 void* wholeOf(ActiveObject::Action* action) { return dynamic_cast<void*>(action); }
 
-/// A missing name is reported before anything uses it.
+/// Reports a null name before anything uses it.
 const char* checkedName(const char* name)
 {
     if (name == nullptr)
@@ -34,7 +38,7 @@ const char* checkedName(const char* name)
 } // namespace
 
 ActiveObject::ActiveObject(const char* name, const platform::Atomic<bool>* forceVerbose)
-    : m_forceVerbose(forceVerbose), m_name(checkedName(name)), m_pq(1, m_name, false, &m_numArrived)
+    : m_forceVerbose(forceVerbose), m_name(checkedName(name)), m_pq(1, m_name, false, &m_arrivals.numEver())
 {
     const bool isVerbose = DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
@@ -60,7 +64,7 @@ void ActiveObject::enqueue(Action* action)
         return;
     }
     const MutexGuard guard(m_mutex);
-    if (m_isMonitored) // still
+    if (m_isMonitored) // it may have changed before the lock was taken
     {
         monitorEnqueue();
     }
@@ -72,43 +76,12 @@ void ActiveObject::addArrival(Action* action)
     bool isWorkerReserved = false;
     {
         const MutexGuard guard(m_arrivalsMutex);
-        if (m_isDrained) [[unlikely]]
-        {
-            return;
-        }
-        action->m_next = nullptr;
-        (m_firstArrival == nullptr ? m_firstArrival : m_lastArrival->m_next) = action;
-        m_lastArrival = action;
-        m_numArrived.store(m_numArrived.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-        isWorkerReserved = reserveWorker();
+        isWorkerReserved = m_arrivals.add(action) && m_idleWorkers.reserve();
     }
     if (isWorkerReserved)
     {
-        m_wake.post();
+        m_idleWorkers.wake();
     }
-}
-
-/// Returns whether there is a sleeping worker and none that will look at the queue anyway. The caller then has to
-/// post m_wake once, preferably when the lock is free again.
-bool ActiveObject::reserveWorker()
-{
-    if (m_numLooking != 0 || m_numSleeping == 0)
-    {
-        return false;
-    }
-    --m_numSleeping;
-    return true;
-}
-
-/// Like reserveWorker, if there is more to do than what the calling worker has taken.
-bool ActiveObject::reserveHelp()
-{
-    if (m_numSleeping == 0)
-    {
-        return false;
-    }
-    const MutexGuard guard(m_arrivalsMutex);
-    return m_pq.itemCount() != 0 && reserveWorker();
 }
 
 void ActiveObject::run()
@@ -116,27 +89,26 @@ void ActiveObject::run()
     std::uint32_t threadIndex = 0;
     {
         const MutexGuard guard(m_mutex);
-        ++m_numStarted;
-        ++m_numRunning;
-        threadIndex = ++m_threadIndexCounter;
+        threadIndex = ++m_numStarted;
     }
     {
         DlcKeepalive keepalive("");
         keepalive.disarm();
         onThreadStart(threadIndex);
-        for (Extracted next = waitForAction(); next.action != nullptr; next = waitForAction())
+        while (const std::optional<QueuedAction> next = waitForAction())
         {
-            void* const memory = wholeOf(next.action);
-            execute(*next.action, next.priority, threadIndex, keepalive);
-            release(next.action, memory);
+            void* const memory = wholeOf(next->item);
+            execute(*next, threadIndex, keepalive);
+            release(next->item, memory);
         }
     }
     m_left.signal();
 }
 
-void ActiveObject::execute(Action& action, std::uint32_t priority, std::uint32_t threadIndex, DlcKeepalive& keepalive)
+void ActiveObject::execute(const QueuedAction& queued, std::uint32_t threadIndex, DlcKeepalive& keepalive)
 {
-    action.m_priority = priority;
+    Action& action = *queued.item;
+    action.m_priority = queued.priority;
     action.m_threadIndex = threadIndex;
     action.m_keepalive = &keepalive;
     const std::uint32_t timeoutSec = action.getDlcTimeoutSec();
@@ -152,122 +124,135 @@ void ActiveObject::release(Action* action, void* memory)
 }
 
 /// The next action, or none when the worker is to leave.
-ActiveObject::Extracted ActiveObject::waitForAction()
+std::optional<ActiveObject::QueuedAction> ActiveObject::waitForAction()
 {
-    Extracted extracted;
-    bool isHelpWanted = false;
+    while (m_enabled.load(std::memory_order_relaxed))
     {
-        const MutexGuard guard(m_mutex);
-        while (waitUntilQueued() && !extract(extracted))
+        if (const std::optional<QueuedAction> next = takeNext())
         {
-            logFailedExtraction();
+            wakeHelp();
+            return next;
         }
-        if (extracted.action == nullptr)
-        {
-            --m_numRunning;
-        }
-        isHelpWanted = reserveHelp();
+        waitUntilNeeded();
     }
-    if (isHelpWanted)
-    {
-        m_wake.post();
-    }
-    return extracted;
+    return std::nullopt;
 }
 
-/// Returns whether there is an action; if not, the object has been disabled.
-bool ActiveObject::waitUntilQueued()
+/// The next action if there is one and the object is enabled.
+std::optional<ActiveObject::QueuedAction> ActiveObject::takeNext()
 {
-    constexpr std::uint64_t MOST = 64; // the queue stays short and in the cache
-    while (m_enabled)
+    constexpr std::uint64_t BATCH = 64; // a short queue stays in the cache
+    const MutexGuard guard(m_mutex);
+    if (m_pq.empty())
     {
-        if (m_pq.empty())
-        {
-            importArrivals(MOST);
-        }
-        if (!m_pq.empty())
-        {
-            return true;
-        }
-        ++m_numLooking;
-        m_mutex.unlock();
-        look();
-        m_mutex.lock();
-        if (beginSleeping())
-        {
-            m_mutex.unlock();
-            sleep();
-            m_mutex.lock();
-        }
+        importArrivals(BATCH);
     }
-    return false;
+    if (m_pq.empty() || !m_enabled)
+    {
+        return std::nullopt;
+    }
+    std::optional<QueuedAction> next = extract();
+    if (!next)
+    {
+        logFailedExtraction();
+    }
+    return next;
 }
 
-/// Queues the oldest of what has arrived.
-void ActiveObject::importArrivals(std::uint64_t most)
+/// Moves the oldest arrivals into the queue.
+void ActiveObject::importArrivals(std::uint64_t maxActions)
 {
-    while (most != 0 && m_pq.size() != m_pq.itemCount())
+    while (maxActions != 0 && m_pq.size() != m_pq.itemCount())
     {
         if (m_nextArrival == nullptr)
         {
             const MutexGuard guard(m_arrivalsMutex);
-            m_nextArrival = std::exchange(m_firstArrival, nullptr);
+            m_nextArrival = m_arrivals.takeAll();
         }
-        for (; m_nextArrival != nullptr && most != 0; --most)
+        for (; m_nextArrival != nullptr && maxActions != 0; --maxActions)
         {
             m_pq.enqueue(std::exchange(m_nextArrival, m_nextArrival->m_next), 0);
         }
     }
 }
 
-/// The next action is often near, and falling asleep is expensive.
-void ActiveObject::look() const
+/// Wakes another worker if there is more to do than the action that the calling one has taken.
+void ActiveObject::wakeHelp()
 {
-    constexpr int LOOKS = platform::looks(200);
-    for (int look = 0; look < LOOKS && m_enabled.load(std::memory_order_relaxed) && m_pq.itemCount() == 0; ++look)
+    if (!m_idleWorkers.isAnySleeping())
     {
-        platform::relax();
+        return;
+    }
+    bool isWorkerReserved = false;
+    {
+        const MutexGuard guard(m_arrivalsMutex);
+        isWorkerReserved = m_pq.itemCount() != 0 && m_idleWorkers.reserve();
+    }
+    if (isWorkerReserved)
+    {
+        m_idleWorkers.wake();
     }
 }
 
-/// Returns whether there is nothing that the calling worker, which has looked, could do: it is among those that sleep
-/// then.
-bool ActiveObject::beginSleeping()
+bool ActiveObject::isWorkerNeeded() const
+{
+    return m_pq.itemCount() != 0 || !m_enabled.load(std::memory_order_relaxed);
+}
+
+/// Returns when the calling worker is to look at the queue again.
+void ActiveObject::waitUntilNeeded()
+{
+    // Waking a worker takes 7 us and more. Looking for about as long makes most actions of a stream find one awake.
+    constexpr platform::SpinBudget SPIN{.looks = 200};
+    m_idleWorkers.beginLooking();
+    static_cast<void>(platform::spinUntil([this] { return isWorkerNeeded(); }, SPIN));
+    if (fallAsleep())
+    {
+        sleep();
+    }
+}
+
+/// Ends looking. Returns whether the worker now counts as sleeping, because it is not needed.
+bool ActiveObject::fallAsleep()
 {
     const MutexGuard guard(m_arrivalsMutex);
-    --m_numLooking;
-    if (!m_enabled || m_pq.itemCount() != 0)
+    m_idleWorkers.endLooking();
+    if (isWorkerNeeded())
     {
         return false;
     }
-    ++m_numSleeping;
+    m_idleWorkers.fallAsleep();
     return true;
+}
+
+void ActiveObject::sleep()
+{
+    constexpr std::uint32_t TIMEOUT_MS = 5'000;
+    if (!isVerbose()) // a wait with a limit ends later, and only the verbose line needs it
+    {
+        m_idleWorkers.sleep();
+        return;
+    }
+    if (m_idleWorkers.sleepFor(TIMEOUT_MS))
+    {
+        return;
+    }
+    logTimedOutWait();
+    if (!leaveSleepers())
+    {
+        m_idleWorkers.sleep();
+    }
+}
+
+bool ActiveObject::leaveSleepers()
+{
+    const MutexGuard guard(m_arrivalsMutex);
+    return m_idleWorkers.leave();
 }
 
 bool ActiveObject::isVerbose() const
 {
     return m_forceVerbose->load(std::memory_order_relaxed) || DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
-}
-
-/// Returns when the calling worker is to look at the queue again.
-void ActiveObject::sleep()
-{
-    constexpr std::uint32_t TIMEOUT_MS = 5'000;
-    if (!isVerbose()) // a wait with a limit costs more to end, and only serves the verbose line
-    {
-        m_wake.wait();
-    }
-    else if (!m_wake.waitFor(TIMEOUT_MS))
-    {
-        logTimedOutWait();
-        const MutexGuard guard(m_arrivalsMutex);
-        if (m_numSleeping != 0)
-        {
-            --m_numSleeping;
-            return;
-        }
-        m_wake.wait(); // every sleeper has been reserved meanwhile: at once
-    }
 }
 
 void ActiveObject::logFailedExtraction() const
@@ -291,34 +276,21 @@ void ActiveObject::logTimedOutWait()
     }
 }
 
-bool ActiveObject::extract(Extracted& extracted)
+std::optional<ActiveObject::QueuedAction> ActiveObject::extract()
 {
-    if (!m_pq.dequeue(extracted.action, extracted.priority))
-    {
-        return false;
-    }
-    if (m_rateMonitor && m_pq.itemCount() == 0)
+    std::optional<QueuedAction> extracted = m_pq.dequeue();
+    if (extracted && m_rateMonitor && m_pq.itemCount() == 0)
     {
         monitorEmptyQueue();
     }
-    return true;
+    return extracted;
 }
 
 void ActiveObject::terminateAllThreads()
 {
     waitUntilRunning();
-    std::uint32_t numWoken = 0;
-    bool isFirst = false;
-    {
-        const MutexGuard guard(m_mutex);
-        isFirst = m_enabled.exchange(false);
-        const MutexGuard arrivalsGuard(m_arrivalsMutex);
-        numWoken = m_numSleeping.exchange(0);
-    }
-    for (; numWoken != 0; --numWoken)
-    {
-        m_wake.post();
-    }
+    const bool isFirst = m_enabled;
+    stopWorkers();
     for (; m_numLeft != numOpened(); ++m_numLeft)
     {
         m_left.wait();
@@ -332,13 +304,30 @@ void ActiveObject::terminateAllThreads()
     }
 }
 
+/// Disables the object and wakes all workers that sleep.
+void ActiveObject::stopWorkers()
+{
+    std::uint32_t numReserved = 0;
+    {
+        const MutexGuard guard(m_mutex);
+        const MutexGuard arrivalsGuard(m_arrivalsMutex);
+        m_enabled = false;
+        numReserved = m_idleWorkers.reserveAll();
+    }
+    for (; numReserved != 0; --numReserved)
+    {
+        m_idleWorkers.wake();
+    }
+}
+
+/// Closes the arrivals and empties the queue. Returns the actions that were left.
 std::vector<ActiveObject::Action*> ActiveObject::drain()
 {
     std::vector<Action*> actions;
     const MutexGuard guard(m_mutex);
     {
         const MutexGuard arrivalsGuard(m_arrivalsMutex);
-        m_isDrained = true;
+        m_arrivals.close();
     }
     m_isMonitored = false;
     importArrivals(m_pq.itemCount());
@@ -348,14 +337,14 @@ std::vector<ActiveObject::Action*> ActiveObject::drain()
     }
     while (!m_pq.empty())
     {
-        Extracted extracted;
-        if (!extract(extracted))
+        const std::optional<QueuedAction> extracted = extract();
+        if (!extracted)
         {
             CheckFailure(LoggerId::NON, TERMINATION, SourcePlace::here(), "bExtracted")
                 << "Failed to extract items from ActiveObject queue for cleanup during shutdown." << std::endl;
             break;
         }
-        actions.push_back(extracted.action);
+        actions.push_back(extracted->item);
     }
     if (m_rateMonitor)
     {
@@ -382,7 +371,7 @@ void ActiveObject::attachRateMonitor(GuardedPtr<RateMonitor> monitor)
     const MutexGuard guard(m_mutex);
     m_rateMonitor = std::move(monitor);
     const MutexGuard arrivalsGuard(m_arrivalsMutex);
-    m_isMonitored = m_rateMonitor != nullptr && !m_isDrained;
+    m_isMonitored = m_rateMonitor != nullptr && !m_arrivals.isClosed();
 }
 
 void ActiveObject::monitorEnqueue()

@@ -4,10 +4,10 @@
 //
 //     PriorityQueue<Thing*> queue(2, "Things", false);
 //     queue.enqueue(thing, 1);
-//     while (queue.dequeue(thing, priority)) ...
+//     while (const auto taken = queue.dequeue()) ...                    // taken->item, taken->priority
 //
-// The owner locks every call but itemCount, which any thread may make. What pointers in the queue point to stays the
-// owner's. A list that goes up and down takes memory in blocks of many items and none for a single one.
+// The owner locks every call but itemCount, which any thread may make at any time. What pointers in the queue point to
+// stays the owner's. Memory is allocated for many items at a time.
 
 #include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/DynamicTweaks.h"
@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -29,9 +30,16 @@
 template <class T> class PriorityQueue final : public MemWatchedContainer
 {
 public:
+    struct Taken
+    {
+        T item;
+        std::uint32_t priority; ///< that it was queued at
+    };
+
     /// Priorities go from 0 to numPriorities - 1. With printStats, a line of watermarks is logged from time to time.
-    /// Reports also show what the owner has not enqueued yet, if it counts all that has ever come where numArrived
-    /// points: an item before it is enqueued.
+    /// An owner that keeps items elsewhere before it enqueues them passes numArrived, in which it counts every item
+    /// that has ever arrived, before it is enqueued. Reports then show those items, too. numArrived must outlive the
+    /// queue.
     PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats,
                   const platform::Atomic<std::uint64_t>* numArrived = nullptr)
         : MemWatchedContainer(std::move(name), ITEM_SIZE, 0),
@@ -44,7 +52,7 @@ public:
     PriorityQueue& operator=(const PriorityQueue&) = delete;
     ~PriorityQueue() override { MemWatchedContainerDatabase::instance().unregisterContainer(this); }
 
-    /// A priority out of range ends the process; should the Logger's hook prevent that, the item is not queued.
+    /// A priority out of range ends the process. If the Logger's hook prevents that, the item is not queued.
     void enqueue(T item, std::uint32_t priority)
     {
         if (priority >= m_queues.size()) [[unlikely]]
@@ -64,27 +72,25 @@ public:
         queue.highWatermark = std::max<std::uint64_t>(queue.highWatermark, queue.items.size());
     }
 
-    /// The oldest item of the highest priority that has any, and that priority. False, with both left as they were,
-    /// if the queue is empty.
-    [[nodiscard]] bool dequeue(T& item, std::uint32_t& priority)
+    /// The oldest item of the highest priority that has any; nothing if the queue is empty.
+    [[nodiscard]] std::optional<Taken> dequeue()
     {
         if (empty())
         {
             m_highestPriority = 0;
-            return false;
+            return std::nullopt;
         }
         while (m_queues[m_highestPriority].items.empty())
         {
             --m_highestPriority;
         }
         Queue& queue = m_queues[m_highestPriority];
-        item = std::move(queue.items.front());
+        std::optional<Taken> taken(Taken{std::move(queue.items.front()), m_highestPriority});
         queue.items.pop_front();
         add1(m_numTaken);
-        priority = m_highestPriority;
         queue.lowWatermark = std::min<std::uint64_t>(queue.lowWatermark, queue.items.size());
         printStatsIfNeeded();
-        return true;
+        return taken;
     }
 
     [[nodiscard]] std::uint64_t size() const
@@ -93,7 +99,7 @@ public:
     }
     [[nodiscard]] bool empty() const { return size() == 0; }
 
-    /// Items of one priority. One out of range ends the process.
+    /// The number of items with that priority. A priority out of range ends the process.
     [[nodiscard]] std::uint64_t size(std::uint32_t priority) const
     {
         if (priority >= m_queues.size()) [[unlikely]]
@@ -106,8 +112,8 @@ public:
         return m_queues[priority].items.size();
     }
 
-    /// Bytes of the items of one priority; what pointers point to is not known, so theirs is 0. A priority out of
-    /// range ends the process.
+    /// The bytes of the items with that priority; 0 for pointers, because what they point to is not known. A priority
+    /// out of range ends the process.
     [[nodiscard]] std::uint64_t sizeBytes(std::uint32_t priority) const
     {
         if (priority >= m_queues.size()) [[unlikely]]
@@ -128,13 +134,13 @@ public:
         }
     }
 
-    /// The highest priority that may have items, as of the last call.
+    /// A bound: no item has a higher priority.
     [[nodiscard]] std::uint32_t highestPriority() const { return m_highestPriority; }
 
-    /// The name in the line of watermarks. The one that the queue is watched under stays.
+    /// Changes the name in the line of watermarks. Reports of watched containers keep the first name.
     void setName(std::string name) { m_name = std::move(name); }
 
-    /// What reports show: a number that was true at a moment during the call.
+    /// The number that reports show. It was exact at some moment during the call.
     [[nodiscard]] std::uint64_t itemCount() const override
     {
         std::uint64_t numTaken = m_numTaken.load(std::memory_order_acquire);
@@ -142,14 +148,14 @@ public:
         {
             const std::uint64_t numArrived = m_numArrived.load(std::memory_order_acquire);
             const std::uint64_t numTakenBefore = std::exchange(numTaken, m_numTaken.load(std::memory_order_acquire));
-            if (numTaken == numTakenBefore) // as it also was when the other was read
+            if (numTaken == numTakenBefore) // so it had that value when numArrived was read
             {
                 return numArrived - numTaken;
             }
         }
     }
 
-    /// For tests: whether the counts, the mark and the watermarks fit the lists.
+    /// Whether the counts, the highest priority and the watermarks fit the lists. For tests.
     [[nodiscard]] bool checkInvariants() const
     {
         std::uint64_t total = 0;
@@ -166,15 +172,15 @@ public:
     }
 
 private:
-    /// What is queued with one priority.
+    /// The items of one priority.
     struct Queue
     {
         std::deque<T> items;
-        std::uint64_t highWatermark = 0; // the most items since the last line
-        std::uint64_t lowWatermark = 0;  // the fewest
+        std::uint64_t highWatermark = 0; // the largest number of items since the last line
+        std::uint64_t lowWatermark = 0;  // the smallest
     };
 
-    static constexpr std::uint32_t ITEM_SIZE = sizeof(void*); // what reports count for each item
+    static constexpr std::uint32_t ITEM_SIZE = sizeof(void*); // bytes that reports count for each item
 
     static std::uint32_t printIntervalMs()
     {
@@ -183,7 +189,7 @@ private:
         return DynamicTweaks::instance().t_IOVerboseLogs ? VERBOSE_INTERVAL_MS : static_cast<std::uint32_t>(intervalMs);
     }
 
-    /// The owner's lock makes this thread the only one that writes.
+    /// The calling thread has the owner's lock, so it is the only one that writes.
     static void add1(platform::Atomic<std::uint64_t>& count)
     {
         count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_release);
@@ -217,11 +223,11 @@ private:
         line << std::endl;
     }
 
-    platform::Atomic<std::uint64_t> m_numEnqueued = 0; // ever
-    platform::Atomic<std::uint64_t> m_numTaken = 0;    // ever
+    platform::Atomic<std::uint64_t> m_numEnqueued = 0; // since the construction, as m_numTaken
+    platform::Atomic<std::uint64_t> m_numTaken = 0;
     const platform::Atomic<std::uint64_t>& m_numArrived;
     std::vector<Queue> m_queues;         // by priority
-    std::uint32_t m_highestPriority = 0; // above it every list is empty
+    std::uint32_t m_highestPriority = 0; // every list above it is empty
     const bool m_printStats;
     const std::uint32_t m_printIntervalMs;
     std::int64_t m_lastPrintMs = 0;
