@@ -5,6 +5,7 @@
 #include "platform/Spin.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 std::uint32_t ActiveObject::Action::getDlcTimeoutSec() const
@@ -20,8 +21,8 @@ constexpr MethodText CONSTRUCTOR = MethodText::of("ActiveObject::ActiveObject");
 constexpr MethodText WORKER = MethodText::of("ActiveObject::run");
 constexpr MethodText TERMINATION = MethodText::of("ActiveObject::terminateAllThreads");
 
-/// The address of the allocated object, of which the action may be a base class that does not come first. The action
-/// must not be destroyed yet.
+/// The address of the allocated object. The action may be a base class of it that does not come first, and must not be
+/// destroyed yet.
 void* wholeOf(ActiveObject::Action* action) { return dynamic_cast<void*>(action); }
 
 /// Reports a null name before anything uses it.
@@ -95,11 +96,11 @@ void ActiveObject::run()
         DlcKeepalive keepalive("");
         keepalive.disarm();
         onThreadStart(threadIndex);
-        while (const std::optional<QueuedAction> next = waitForAction())
+        for (QueuedAction next = waitForAction(); next.item != nullptr; next = waitForAction())
         {
-            void* const memory = wholeOf(next->item);
-            execute(*next, threadIndex, keepalive);
-            release(next->item, memory);
+            void* const memory = wholeOf(next.item);
+            execute(next, threadIndex, keepalive);
+            release(next.item, memory);
         }
     }
     m_left.signal();
@@ -124,22 +125,22 @@ void ActiveObject::release(Action* action, void* memory)
 }
 
 /// The next action, or none when the worker is to leave.
-std::optional<ActiveObject::QueuedAction> ActiveObject::waitForAction()
+ActiveObject::QueuedAction ActiveObject::waitForAction()
 {
     while (m_enabled.load(std::memory_order_relaxed))
     {
-        if (const std::optional<QueuedAction> next = takeNext())
+        if (const QueuedAction next = takeNext(); next.item != nullptr)
         {
             wakeHelp();
             return next;
         }
         waitUntilNeeded();
     }
-    return std::nullopt;
+    return {};
 }
 
 /// The next action if there is one and the object is enabled.
-std::optional<ActiveObject::QueuedAction> ActiveObject::takeNext()
+ActiveObject::QueuedAction ActiveObject::takeNext()
 {
     constexpr std::uint64_t BATCH = 64; // a short queue stays in the cache
     const MutexGuard guard(m_mutex);
@@ -149,10 +150,10 @@ std::optional<ActiveObject::QueuedAction> ActiveObject::takeNext()
     }
     if (m_pq.empty() || !m_enabled)
     {
-        return std::nullopt;
+        return {};
     }
-    std::optional<QueuedAction> next = extract();
-    if (!next)
+    const QueuedAction next = extract();
+    if (next.item == nullptr)
     {
         logFailedExtraction();
     }
@@ -276,14 +277,18 @@ void ActiveObject::logTimedOutWait()
     }
 }
 
-std::optional<ActiveObject::QueuedAction> ActiveObject::extract()
+ActiveObject::QueuedAction ActiveObject::extract()
 {
-    std::optional<QueuedAction> extracted = m_pq.dequeue();
-    if (extracted && m_rateMonitor && m_pq.itemCount() == 0)
+    const std::optional<QueuedAction> extracted = m_pq.dequeue();
+    if (!extracted)
+    {
+        return {};
+    }
+    if (m_rateMonitor && m_pq.itemCount() == 0)
     {
         monitorEmptyQueue();
     }
-    return extracted;
+    return *extracted;
 }
 
 void ActiveObject::terminateAllThreads()
@@ -337,14 +342,14 @@ std::vector<ActiveObject::Action*> ActiveObject::drain()
     }
     while (!m_pq.empty())
     {
-        const std::optional<QueuedAction> extracted = extract();
-        if (!extracted)
+        const QueuedAction extracted = extract();
+        if (extracted.item == nullptr)
         {
             CheckFailure(LoggerId::NON, TERMINATION, SourcePlace::here(), "bExtracted")
                 << "Failed to extract items from ActiveObject queue for cleanup during shutdown." << std::endl;
             break;
         }
-        actions.push_back(extracted->item);
+        actions.push_back(extracted.item);
     }
     if (m_rateMonitor)
     {

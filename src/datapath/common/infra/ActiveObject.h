@@ -31,7 +31,6 @@
 #include "platform/Atomic.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -104,15 +103,15 @@ protected:
 
 private:
     using Queue = PriorityQueue<Action*>;
-    using QueuedAction = Queue::Taken;
+    using QueuedAction = Queue::Taken; // a null item stands for none, so that two registers hold what is returned
 
     // The functions that producers and workers run for each action are marked hot, which puts them together in memory:
     // after a pause their code has to be fetched into the cache, too.
     [[gnu::hot]] void addArrival(Action* action) EXCLUDES(m_arrivalsMutex);
-    [[nodiscard, gnu::hot]] std::optional<QueuedAction> waitForAction() EXCLUDES(m_mutex, m_arrivalsMutex);
-    [[nodiscard, gnu::hot]] std::optional<QueuedAction> takeNext() EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[nodiscard, gnu::hot]] QueuedAction waitForAction() EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[nodiscard, gnu::hot]] QueuedAction takeNext() EXCLUDES(m_mutex, m_arrivalsMutex);
     [[gnu::hot]] void importArrivals(std::uint64_t maxActions) REQUIRES(m_mutex) EXCLUDES(m_arrivalsMutex);
-    [[nodiscard, gnu::hot]] std::optional<QueuedAction> extract() REQUIRES(m_mutex);
+    [[nodiscard, gnu::hot]] QueuedAction extract() REQUIRES(m_mutex);
     [[gnu::hot]] void wakeHelp() EXCLUDES(m_arrivalsMutex);
     [[gnu::hot]] void waitUntilNeeded() EXCLUDES(m_mutex, m_arrivalsMutex);
     [[nodiscard, gnu::hot]] bool isWorkerNeeded() const;

@@ -23,7 +23,8 @@ void DlcKeepalive::update(const RcStatus& /*value*/) { GuardedMemory::destroy(th
 std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t intervalSec)
 {
     constexpr std::uint64_t MS_PER_SEC = 1'000;
-    // First: a timeout that belongs to the next piece of work is seen together with the progress between the two.
+    // The timeout is read before the flags: if it belongs to the next piece of work already, the flags show the
+    // progress between the two pieces.
     const std::uint32_t timeoutSec = this->timeoutSec();
     const bool isArmed = m_armed.load(std::memory_order_acquire);
     if (m_alive.exchange(false, std::memory_order_acquire) || !isArmed)
@@ -89,10 +90,11 @@ void DeadLockCheckerManager::unregisterChecker(DlcKeepalive* checker)
 void DeadLockCheckerManager::run()
 {
     constexpr std::int64_t MS_PER_SEC = 1'000;
-    constexpr std::int64_t LONGEST_SLEEP_MS = std::numeric_limits<std::uint32_t>::max() - 1; // one more is for ever
+    constexpr std::int64_t LONGEST_SLEEP_MS =
+        std::numeric_limits<std::uint32_t>::max() - 1; // the maximum means forever
     for (;;)
     {
-        // An interval of no time at all would keep a processor busy.
+        // An interval of 0 would keep a processor busy.
         const std::int32_t intervalSec =
             std::max<std::int32_t>(DynamicTweaks::instance().t_deadlockCheckerIntervalSec, 1);
         platform::sleepMs(static_cast<std::uint32_t>(std::min(intervalSec * MS_PER_SEC, LONGEST_SLEEP_MS)));

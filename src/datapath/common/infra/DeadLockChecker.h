@@ -7,10 +7,10 @@
 //     keepalive.setTimeoutSec(300);
 //     for (;;) { keepalive.setAlive(); ... }
 //
-// The DeadLockCheckerManager looks every t_deadlockCheckerIntervalSec seconds, on a thread of its own. A keepalive
-// without progress for more than an interval is reported; one without progress for more than its timeout ends the
-// process, after the back traces of all watched threads (unless t_disableBtPrint is set; it has no default, so a
-// missing one ends the process too).
+// The DeadLockCheckerManager checks every t_deadlockCheckerIntervalSec seconds, on a thread of its own. It reports a
+// keepalive that has shown no progress for more than an interval. If there has been none for more than the keepalive's
+// timeout, it logs the back traces of all watched threads and ends the process. (t_disableBtPrint leaves the back
+// traces out. It has no default: if it is not set, the process ends at that point.)
 
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
@@ -25,30 +25,31 @@
 #include <set>
 #include <string>
 
-/// To be asked before a timeout ends the process. Nothing implements it yet: pass null.
+/// Would be asked before a timeout ends the process. Nothing implements it; callers pass null.
 class DlcTimeoutListener;
 
-/// Watched from its construction to its destruction, by any thread. The setters are the owner's.
+/// Watched from its construction to its destruction. Only the owner calls the setters; any thread may read.
 class DlcKeepalive : public FutureInternal::FutureObserver<RcStatus>
 {
 public:
-    /// What checkLease returns when there is nothing to report.
+    /// checkLease returns this when there is nothing to report.
     static constexpr std::uint32_t NOTHING_DUE = std::numeric_limits<std::uint32_t>::max();
 
-    /// Armed and alive. Without a name it is called "pid=" and the calling thread's id. The timeout is
-    /// t_defaultDlcTimeoutSec. The first keepalive starts the manager.
+    /// Starts armed and alive, with a timeout of t_defaultDlcTimeoutSec. An empty name stands for "pid=" and the
+    /// calling thread's id. The first keepalive starts the manager.
     explicit DlcKeepalive(const std::string& name, DlcTimeoutListener* listener = nullptr);
     DlcKeepalive(const DlcKeepalive&) = delete;
     DlcKeepalive& operator=(const DlcKeepalive&) = delete;
     ~DlcKeepalive() override;
 
-    /// For a keepalive of the guarded allocator that lasts until a future is set: destroys and releases it.
+    /// Destroys and releases the keepalive, which must come from the guarded allocator: for one that lasts until a
+    /// future is set.
     void update(const RcStatus& value) override;
 
     /// Progress is expected from now on, and there has been some just now.
     void arm()
     {
-        setAlive(); // first: a check in between must not see an armed keepalive without progress
+        setAlive(); // before m_armed: a check in between must not find it armed without progress
         m_armed.store(true, std::memory_order_release);
     }
     void disarm() { m_armed.store(false, std::memory_order_relaxed); }
@@ -59,16 +60,17 @@ public:
     [[nodiscard]] std::uint32_t timeoutSec() const { return m_timeoutSec.load(std::memory_order_acquire); }
     [[nodiscard]] const std::string& name() const { return m_name; }
 
-    /// The manager's check, under its lock: nowMs on the clock's timestamps. Reports, and ends the process, as told
-    /// above. Returns the seconds that are left of the timeout (modulo 2^32) if it reported, else NOTHING_DUE.
+    /// The manager calls this under its lock, with the clock's timestamp in ms. Reports and ends the process as
+    /// described above. If it has reported, returns the seconds that are left of the timeout (modulo 2^32), else
+    /// NOTHING_DUE.
     std::uint32_t checkLease(std::uint64_t nowMs, std::uint32_t intervalSec);
 
 private:
     static void printThreadsBackTrace();
 
     platform::Atomic<bool> m_armed = true;
-    platform::Atomic<bool> m_alive = true; // until the next check
-    std::uint64_t m_lastAliveMs = 0;       // the last check that found it alive or disarmed
+    platform::Atomic<bool> m_alive = true; // there has been progress since the last check
+    std::uint64_t m_lastAliveMs = 0;       // timestamp of the last check that found it alive or disarmed
     const std::string m_name;
     platform::Atomic<std::uint32_t> m_timeoutSec;
     DlcTimeoutListener* const m_listener;
@@ -78,10 +80,10 @@ class DeadLockCheckerManager final : public Singleton<DeadLockCheckerManager, De
                                      public ThreadWrapper
 {
 public:
-    /// The keepalive is not owned. One that is registered already ends the process.
+    /// The keepalive is not owned. Registering it twice ends the process.
     void registerChecker(DlcKeepalive* checker) EXCLUDES(m_lock);
 
-    /// Waits while a check is under way. A keepalive that is not registered ends the process.
+    /// Waits for the end of a check that is under way. A keepalive that is not registered ends the process.
     void unregisterChecker(DlcKeepalive* checker) EXCLUDES(m_lock);
 
 private:
@@ -90,8 +92,8 @@ private:
     DeadLockCheckerManager() { open(); }
     void run() override EXCLUDES(m_lock);
 
-    // Guards the set, and keeps what is in it from being destroyed during a check. Taken inside it: the lock of the
-    // watched threads and what log clients take.
+    // Guards the set, and keeps its keepalives from being destroyed during a check. Locks that are taken inside it: the
+    // one of the watched threads and those of log clients.
     Mutex m_lock;
     StlMemShiledContainer<std::set<DlcKeepalive*>> m_lockSet GUARDED_BY(m_lock){"DeadLockCheckers"};
 };

@@ -1,13 +1,14 @@
 #pragma once
 
-// Many items in the order of a time each, so that those which come first can be taken from the front. Taking costs what
-// is taken, and looking that there is nothing to take costs the same whatever waits.
+// Items ordered by a time each, so that those which are due can be taken from the front. Taking takes time in
+// proportion to what is taken; finding that nothing is due takes the same time however many items there are.
 //
 //     DueOrder<Timers::iterator> order;
 //     order.insert({.timeMs = 1'500, .item = timer});
 //     order.takeUntil(nowMs, taken);
 //
-// An item is a pointer or an iterator that stays valid while it is here. Nothing is locked: the owner does that.
+// An item is a pointer or an iterator that stays valid while it is in the order. Nothing is locked here; the
+// owner does that.
 //
 //     runs:  [ 3 3 7 9 ]  [ 12 12 15 ]  [ 20 31 ]      sorted, each of 1 to RUN_LENGTH entries
 //
@@ -29,7 +30,7 @@ public:
         std::uint64_t timeMs;
         Item item;
 
-        /// Items of the same time are told apart by what they point to, so that each is found quickly.
+        /// Items with the same time are ordered by their addresses, so that a binary search finds each.
         friend bool operator<(const Entry& left, const Entry& right)
         {
             return left.timeMs != right.timeMs ? left.timeMs < right.timeMs : std::less<>()(&*left.item, &*right.item);
@@ -38,7 +39,7 @@ public:
 
     [[nodiscard]] std::size_t size() const { return m_size; }
 
-    /// The entry must not be here already. Lack of memory is a std::bad_alloc and changes nothing.
+    /// The entry must not be in the order already. Throws std::bad_alloc, with nothing changed, if memory is lacking.
     void insert(const Entry& entry)
     {
         auto run = runOf(entry);
@@ -55,7 +56,7 @@ public:
         ++m_size;
     }
 
-    /// False if it is not here.
+    /// Returns false if the entry is not in the order.
     bool erase(const Entry& entry) noexcept
     {
         if (!contains(entry))
@@ -72,7 +73,7 @@ public:
         }
         else if (next != m_runs.end() && run->size() + next->size() <= RUN_LENGTH / 2)
         {
-            run->insert(run->end(), next->begin(), next->end()); // few entries do not keep many runs
+            run->insert(run->end(), next->begin(), next->end()); // otherwise few entries could keep many runs
             m_runs.erase(next);
         }
         return true;
@@ -84,21 +85,21 @@ public:
         return run != m_runs.end() && std::binary_search(run->begin(), run->end(), entry);
     }
 
-    /// Moves the items up to that time, it included, to the end of what is taken, which is made of items. Lack of
-    /// memory is a std::bad_alloc and changes nothing.
+    /// Removes the items whose time is at most timeMs and appends a Taken, made from the item, to taken for each.
+    /// Throws std::bad_alloc, with nothing changed, if memory is lacking.
     template <class Taken> void takeUntil(std::uint64_t timeMs, std::vector<Taken>& taken)
     {
-        std::size_t most = 0;
+        std::size_t maxTaken = 0;
         auto end = m_runs.begin();
         for (; end != m_runs.end() && end->front().timeMs <= timeMs; ++end)
         {
-            most += end->size();
+            maxTaken += end->size();
         }
-        if (most == 0)
+        if (maxTaken == 0)
         {
             return;
         }
-        taken.reserve(taken.size() + most); // nothing below allocates
+        taken.reserve(taken.size() + maxTaken); // nothing below allocates
         const auto last = std::prev(end);
         const auto rest = std::partition_point(last->begin(), last->end(),
                                                [=](const Entry& entry) { return entry.timeMs <= timeMs; });
@@ -115,7 +116,7 @@ public:
         m_runs.erase(m_runs.begin(), isLastTaken ? end : last);
     }
 
-    /// Whether everything is as the picture has it. For tests.
+    /// Whether the runs are as the picture above shows them. For tests.
     [[nodiscard]] bool checkInvariants() const
     {
         std::vector<Entry> all;
@@ -143,7 +144,7 @@ private:
         return run;
     }
 
-    /// Where the entry is, or belongs: the last run that begins with it or before it, else the first.
+    /// The run in which the entry is or belongs: the last one that begins with it or before it, else the first.
     [[nodiscard]] auto runOf(const Entry& entry)
     {
         const auto next = std::upper_bound(m_runs.begin(), m_runs.end(), entry,

@@ -6,8 +6,8 @@
 //     const auto [entry, isNew] = map.try_emplace(handle, Info{...});
 //     Info info = map.extract(*entry);
 //
-// Nothing is locked: the owner does that. Neighbours share a block, so that a value is no allocation of its own and
-// one that comes or goes touches no other; a block lasts as long as there is a value in it.
+// Nothing is locked here; the owner does that. Neighbouring handles share a block, so that a value needs no allocation
+// of its own, and adding or removing one moves no other. A block is released with its last value.
 
 #include <array>
 #include <cstddef>
@@ -44,8 +44,8 @@ public:
         return block != m_blocks.end() && placeOf(block->second, handle) ? &*placeOf(block->second, handle) : nullptr;
     }
 
-    /// The entry, and whether it is new; one that is there already stays as it is. Lack of memory is a std::bad_alloc
-    /// and changes nothing.
+    /// The entry, and whether it is new. An entry that is there already stays as it is. Throws std::bad_alloc, with
+    /// nothing changed, if memory is lacking.
     std::pair<Entry*, bool> try_emplace(Handle handle, Value&& value)
     {
         if (m_newest == m_blocks.end() || m_newest->first != handle / BLOCK_LENGTH)
@@ -64,6 +64,7 @@ public:
         return {&*place, isNew};
     }
 
+    /// Removes the entry and returns its value.
     Value extract(Entry& entry)
     {
         const Handle handle = entry.first;
@@ -80,7 +81,7 @@ public:
         return value;
     }
 
-    /// In ascending order of the handles.
+    /// Visits the entries in ascending order of their handles. The visitor must not add or remove any.
     template <class Visit> void forEach(Visit visit)
     {
         for (auto& [number, block] : m_blocks)
@@ -101,7 +102,7 @@ private:
     struct Block
     {
         std::array<std::optional<Entry>, BLOCK_LENGTH> places;
-        Handle count = 0; // of values
+        Handle count = 0; // values in the block
     };
 
     [[nodiscard]] static std::optional<Entry>& placeOf(Block& block, Handle handle)
@@ -110,6 +111,6 @@ private:
     }
 
     std::map<Handle, Block> m_blocks;                                     // by handle / BLOCK_LENGTH; none is empty
-    typename std::map<Handle, Block>::iterator m_newest = m_blocks.end(); // the one that was added to last
+    typename std::map<Handle, Block>::iterator m_newest = m_blocks.end(); // the block of the last addition
     std::size_t m_size = 0;
 };

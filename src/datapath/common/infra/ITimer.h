@@ -31,8 +31,8 @@ using TimerHandle = std::uint32_t;
 class ITimer
 {
 public:
-    /// Records the number of processors and starts the timer thread, which calls the timers and never ends; without
-    /// it they are never called. For once in a process. Ends the process if the system refuses the thread.
+    /// Records the number of processors and starts the timer thread, which calls the timers and never ends. Without it
+    /// they are never called. A process calls this once. Ends the process if the system refuses the thread.
     virtual void start() = 0;
 
     /// The steady clock, in ns and µs.
@@ -45,25 +45,26 @@ public:
     /// ms since 1970-01-01 00:00:00 UTC.
     [[nodiscard]] virtual std::int64_t getUtcTimeMs() = 0;
 
-    /// What getTimestampMs last returned to any thread: for hot paths. Unless noRefresh, it is brought
-    /// up to date when the last refresh here is more than a second old. 0 before the first reading.
+    /// What getTimestampMs last returned to any thread, for hot paths that cannot afford to read the clock. Unless
+    /// noRefresh, it is brought up to date if the last refresh by this function is more than a second ago. 0 before the
+    /// first reading.
     [[nodiscard]] virtual std::int64_t getLastTimestampMs_Inaccurate(bool noRefresh) = 0;
 
-    /// Has the callback called intervalMs from now, and again and again with that much between unless oneShot; an
-    /// interval of 0 is called once in any case. A call comes in the first look of the timer thread, which looks
-    /// every 100 ms, that is later than the due time, and the next interval counts from that look. Calls come one
-    /// after another on that thread: a slow callback delays the others, and what it throws ends the process. It may
-    /// add timers. The context, not owned, must live until the last call. Returns the timer's handle.
+    /// Has the callback called intervalMs from now, and then repeatedly with the same interval unless oneShot; with an
+    /// interval of 0 it is called once in any case. The timer thread checks every 100 ms which timers are due. A call
+    /// comes with the first check after the due time, and the next interval counts from that check. Calls come one
+    /// after another on that thread: a slow callback delays the others, and an exception from it ends the process. It
+    /// may add timers. The context, not owned, must live until the last call. Returns the timer's handle.
     virtual TimerHandle addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot) = 0;
 
     /// CPU cycles of the calling thread.
     [[nodiscard]] virtual std::uint64_t getThreadCycles() = 0;
 
     /// Kernel and user time of the process in µs, divided by the number of processors (by 1 before
-    /// start). 0 when the system does not tell.
+    /// start). 0 where the system does not report it.
     [[nodiscard]] virtual std::uint64_t getProcessCpuTimeUs() = 0;
 
-    /// Makes the relative clock read that many ms now.
+    /// Sets the relative clock to value, in ms.
     virtual void setRelativeTimeMs(std::int64_t value) = 0;
 
     /// The relative clock in ms; the timestamp itself before the first set.
@@ -72,8 +73,8 @@ public:
     /// Now in units of 10 ms, its low 32 bits.
     [[nodiscard]] virtual std::uint32_t getTimestamp10Ms();
 
-    /// Reads a text like 2023-07-04T05:06:07Z. On failure says so on standard output, leaves the
-    /// record as it was and returns false.
+    /// Reads a text like 2023-07-04T05:06:07Z. On failure writes a line to standard output, leaves the record as it was
+    /// and returns false.
     virtual bool parseUtcTime(const char* text, CalendarRecord& record) = 0;
 
 protected:

@@ -10,23 +10,23 @@
 namespace
 {
 
-constexpr std::uint64_t MOST = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint64_t MAX_32_BITS = std::numeric_limits<std::uint32_t>::max();
 
-std::uint32_t saturated(std::uint64_t value) { return static_cast<std::uint32_t>(std::min(value, MOST)); }
+std::uint32_t saturated(std::uint64_t value) { return static_cast<std::uint32_t>(std::min(value, MAX_32_BITS)); }
 
 std::uint32_t perSecond(std::uint32_t count, std::uint64_t timeUs)
 {
     constexpr std::uint64_t US_PER_SEC = 1'000'000;
-    return saturated(timeUs == 0 ? MOST : count * US_PER_SEC / timeUs);
+    return saturated(timeUs == 0 ? MAX_32_BITS : count * US_PER_SEC / timeUs);
 }
 
-/// Over no time at all there was nothing.
+/// The average over no time at all is 0.
 float average(std::uint64_t integral, std::uint64_t timeUs)
 {
     return timeUs == 0 ? 0 : static_cast<float>(integral) / static_cast<float>(timeUs);
 }
 
-/// 0 if the end was read before another thread set the start.
+/// 0 where another thread has set the start after the end was read.
 std::uint64_t elapsed(std::uint64_t startUs, std::uint64_t endUs) { return endUs - std::min(startUs, endUs); }
 
 } // namespace
@@ -93,7 +93,7 @@ void RateMonitor::incActiveTasksLocked(std::int32_t c)
 void RateMonitor::addItemsLocked(std::uint32_t items, std::uint64_t bytes)
 {
     m_items = saturated(std::uint64_t{m_items} + items);
-    m_bytes = saturated(m_bytes + std::min(bytes, MOST));
+    m_bytes = saturated(m_bytes + std::min(bytes, MAX_32_BITS));
 }
 
 void RateMonitor::taskCompleted(std::uint64_t nowUs, std::uint64_t latencyUs)

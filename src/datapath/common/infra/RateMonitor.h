@@ -1,14 +1,15 @@
 #pragma once
 
-// Running statistics of a stream of tasks: how many are active at once, how long there was work and how long none,
-// items and bytes a second, latencies. When enough has come together, one line is logged and a new period starts.
+// Running statistics of a stream of tasks: how many are active at the same time, how long at least one was active and
+// how long none was, items and bytes per second, latencies. After enough work one line is logged and a new period
+// starts.
 //
 //     const MutexGuard guard(monitor.m_mutex);
 //     monitor.incActiveTasksLocked(1);                                  // a task starts
 //     monitor.addItemsLocked(1, length);
 //     monitor.taskCompleted(nowUs, nowUs - startUs);                    // a task ends
 //
-// Times are in µs of the steady clock. The feeding code holds m_mutex around each call.
+// Times are in µs of the steady clock. The caller holds m_mutex around each call.
 
 #include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/Mutex.h"
@@ -21,34 +22,34 @@ class RateMonitor
 public:
     struct Settings
     {
-        // A line is due when a task ends in a period with more than that many items or more than that much busy time,
-        // and with at least that many completed tasks.
+        // A line is logged when a task ends and the period has at least minTasksForReport completed tasks, and more
+        // than minItemsForReport items or more than minBusyUsForReport of busy time.
         std::uint32_t minItemsForReport = 10'000;
         std::uint64_t minBusyUsForReport = 10'000'000;
         std::uint32_t minTasksForReport = 1;
-        /// Times in the line are divided by it: 1000 for ms. 0 ends the process.
+        /// The times in the line are divided by this: 1000 gives ms. 0 ends the process.
         std::uint64_t timeUnit = 1'000;
-        /// Whether the line covers everything since the construction, rather than a period of its own.
+        /// Each line covers the time since the construction; otherwise, the time since the line before.
         bool cumulative = false;
-        /// The clock.
+        /// The steady clock that the monitor reads.
         std::int64_t (*timestampUs)() = [] { return static_cast<std::int64_t>(Clock::steadyNs() / 1000); };
     };
 
-    /// The name opens the lines; a monitor without one writes none. The first period starts here.
+    /// The lines begin with the name; a monitor without a name writes none. The first period starts now.
     RateMonitor(std::string name, const Settings& settings);
     RateMonitor(const RateMonitor&) = delete;
     RateMonitor& operator=(const RateMonitor&) = delete;
 
-    /// An active task ends the process.
+    /// Ends the process if a task is still active.
     ~RateMonitor();
 
-    /// A task starts (1) or ends (-1). Anything else, and an end too many, ends the process.
+    /// A task starts (c is 1) or ends (-1). Any other value, or an end without an active task, ends the process.
     void incActiveTasksLocked(std::int32_t c) REQUIRES(m_mutex);
 
-    /// Counts what the tasks handle. The sums of a period stop at the largest 32-bit value.
+    /// Adds to what the tasks have handled. The sums of a period saturate at the largest 32-bit value.
     void addItemsLocked(std::uint32_t items, std::uint64_t bytes) REQUIRES(m_mutex);
 
-    /// A task ends, now, after latencyUs. Logs the line if it is due.
+    /// A task ends at nowUs and has taken latencyUs. Logs the line if it is due.
     void taskCompleted(std::uint64_t nowUs, std::uint64_t latencyUs) REQUIRES(m_mutex);
 
     /// Logs the line with the results of the last period that was closed.
@@ -57,9 +58,10 @@ public:
     /// The monitor's clock.
     [[nodiscard]] std::uint64_t nowUs() const { return static_cast<std::uint64_t>(m_timestampUs()); }
 
-    Mutex m_mutex; // guards the figures; the clock is read and the line is logged inside it
+    Mutex m_mutex; // guards the figures; held while the clock is read and while the line is logged
 
-    /// Start of the feeding active object's busy period, 0 when there is none. Written by that object.
+    /// The start of the busy period of the active object that the monitor is attached to, 0 outside of one. That object
+    /// writes it.
     std::uint64_t m_aoBusyStartUs GUARDED_BY(m_mutex) = 0;
 
 private:
@@ -75,14 +77,14 @@ private:
     const bool m_cumulative;
     std::int64_t (*const m_timestampUs)();
 
-    // The tasks.
+    // Across periods.
     std::uint64_t m_lastTaskEndUs GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_idleStartUs GUARDED_BY(m_mutex) = 0; // when the last active task ended, 0 before
     std::uint64_t m_busyStartUs GUARDED_BY(m_mutex) = 0; // from when busy time is still to be added
     std::uint64_t m_lastConcurrencyChangeUs GUARDED_BY(m_mutex) = 0;
     std::uint32_t m_currentActiveTasks GUARDED_BY(m_mutex) = 0;
 
-    // Of the period so far.
+    // The current period.
     std::uint64_t m_periodStartUs GUARDED_BY(m_mutex);
     std::uint64_t m_idleTimeUs GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_busyTimeUs GUARDED_BY(m_mutex) = 0;
@@ -95,7 +97,7 @@ private:
     std::uint32_t m_minConcurrency GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_concurrencyIntegral GUARDED_BY(m_mutex) = 0; // active tasks times µs
 
-    // The results.
+    // The results of the last period that was closed.
     std::uint64_t m_totalTimeUs GUARDED_BY(m_mutex) = 0;
     std::uint32_t m_bytesPerSecBusy GUARDED_BY(m_mutex) = 0;
     std::uint32_t m_itemsPerSecBusy GUARDED_BY(m_mutex) = 0;

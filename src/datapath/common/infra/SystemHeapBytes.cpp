@@ -6,7 +6,7 @@ void SystemHeapBytes::claimShare() noexcept
 {
     for (Share& share : s_shares)
     {
-        // Acquired: the share goes on from what the thread before has left in it.
+        // The acquire makes the counts of the previous owner visible, from which this thread goes on.
         if (!share.isOwned.load(std::memory_order_relaxed) && !share.isOwned.exchange(true, std::memory_order_acquire))
         {
             s_share = &share;
@@ -35,13 +35,14 @@ std::uint64_t SystemHeapBytes::read() noexcept
         }
         return sum;
     };
-    // What others give back while the shares are summed is counted as held. The closest of some attempts is taken.
+    // What other threads give back during the sums still counts as held. Of several attempts, the one with the smallest
+    // such error is used.
     constexpr int ATTEMPTS = 32;
     std::uint64_t held = 0;
     std::uint64_t leastError = std::numeric_limits<std::uint64_t>::max();
     for (int i = 0; i < ATTEMPTS && leastError != 0; ++i)
     {
-        const std::uint64_t returned = sumOf(&Share::returned); // first: all of it is among what was taken
+        const std::uint64_t returned = sumOf(&Share::returned); // read first, so that all of it is included in taken
         const std::uint64_t taken = sumOf(&Share::taken);
         if (const std::uint64_t error = sumOf(&Share::returned) - returned; error < leastError)
         {

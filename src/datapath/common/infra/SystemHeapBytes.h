@@ -3,8 +3,8 @@
 // How many bytes the guarded allocator holds from the system heap, in both of its modes.
 //
 // Each thread counts in a share of its own, so that counting costs no more with many threads than with one;
-// reading sums the shares. What is read while others count may be a little more than there is at any single
-// moment, never less than nothing. Any thread may call.
+// reading sums the shares. A sum that is read while other threads count may be a little more than there was at any
+// single moment; it is never negative. Any thread may call.
 
 #include <array>
 #include <atomic>
@@ -14,12 +14,12 @@
 namespace SystemHeapBytesInternal
 {
 
-/// Of one thread, on a cache line of its own. No thread acts upon what others count or own, so that nothing here is a
-/// place where the order of threads matters: these are no platform::Atomic.
+/// The counts of one thread, on a cache line of their own. No thread acts upon another one's counts, so the order of
+/// threads does not matter here: these are no platform::Atomic, and so no switch points of simulated schedules.
 struct alignas(64) Share
 {
     std::atomic<std::uint64_t> taken = 0;
-    std::atomic<std::uint64_t> returned = 0; // also of what other threads have taken
+    std::atomic<std::uint64_t> returned = 0; // including bytes that other threads took
     std::atomic<bool> isOwned = false;
 };
 
@@ -36,8 +36,8 @@ public:
     /// Whether the calling thread has counted something already.
     [[nodiscard]] static bool isCounting() noexcept { return s_share != nullptr; }
 
-    /// Leaves the calling thread's share to the next thread. For threads that end; one that does not call this
-    /// keeps its share for good.
+    /// Leaves the calling thread's share to the next thread. Called by threads that end; the share of a thread that
+    /// ends without it is lost.
     static void leaveShare() noexcept;
 
 private:
@@ -55,12 +55,13 @@ private:
             count.fetch_add(bytes, std::memory_order_release);
             return;
         }
-        // Nobody else writes it: no read-modify-write is needed. Released: whoever reads what was returned
-        // also reads that it was taken.
+        // No other thread writes the share, so this is no read-modify-write: two of them, for an allocation and its
+        // release, would take 8 ns, which is as long as both take together. The release makes sure that whoever reads
+        // what was returned also reads that it was taken.
         count.store(count.load(std::memory_order_relaxed) + bytes, std::memory_order_release);
     }
 
-    /// The common one when more threads count than there are shares.
+    /// Gives the calling thread a share, or the common one if all are owned.
     static void claimShare() noexcept;
 
     static constinit inline std::array<Share, 256> s_shares{};

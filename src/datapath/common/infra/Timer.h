@@ -25,5 +25,5 @@ public:
     virtual ~Timer() = default;
 
 private:
-    platform::Atomic<std::uint32_t> m_numProcessors = 0; // read and written without an order
+    platform::Atomic<std::uint32_t> m_numProcessors = 0; // all accesses are relaxed
 };

@@ -2,9 +2,8 @@
 
 #include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "platform/Threads.h"
 #include "tests/support/Support.h"
-
-#include <algorithm>
 
 #include <gtest/gtest.h>
 
@@ -26,28 +25,24 @@ struct DeadLockChecker : LogTest
 TEST_F(DeadLockChecker, ReportsWhatIsWithoutProgressForMoreThanAnInterval)
 {
     DlcKeepalive keepalive("Writer");
-    auto check = [&, now = std::uint64_t{1'000'000}](int laterMs) mutable {
-        return keepalive.checkLease(now += static_cast<std::uint64_t>(laterMs), 60);
-    };
-    const auto expectStuck = [&](const std::string& seconds) {
-        EXPECT_EQ(Texts{"Error" + LEASE + "Writer is stuck for " + seconds + " sec"}, client.newMessages());
-    };
     keepalive.setTimeoutSec(180);
-    EXPECT_TRUE(check(0) == SILENT && check(60'999) == SILENT); // made alive
-    EXPECT_EQ(Texts(), client.newMessages());
-    EXPECT_EQ(119U, check(1));
-    expectStuck("61");
-    EXPECT_EQ(0U, check(119'999));
-    expectStuck("180");
+    const auto expectChecks = [&](const std::vector<std::pair<std::uint64_t, std::uint32_t>>& checks) {
+        for (const auto& [nowMs, secondsLeft] : checks)
+        {
+            EXPECT_EQ(secondsLeft, keepalive.checkLease(nowMs, 60)) << nowMs;
+            EXPECT_EQ(secondsLeft == SILENT ? Texts()
+                                            : Texts{"Error" + LEASE + "Writer is stuck for " +
+                                                    std::to_string(180 - secondsLeft) + " sec"},
+                      client.newMessages());
+        }
+    };
+    expectChecks({{1'000'000, SILENT}, {1'060'999, SILENT}, {1'061'000, 119}, {1'180'999, 0}});
     keepalive.setAlive();
-    EXPECT_TRUE(check(100'000) == SILENT && check(60'000) == SILENT);
-    EXPECT_EQ(80U, check(40'000));
-    expectStuck("100");
+    expectChecks({{1'300'000, SILENT}, {1'360'000, SILENT}, {1'400'000, 80}});
     keepalive.disarm();
-    EXPECT_EQ(SILENT, check(1'000'000));
+    expectChecks({{2'000'000, SILENT}});
     keepalive.arm();
-    EXPECT_TRUE(check(1'000'000) == SILENT && check(60'000) == SILENT);
-    EXPECT_EQ(Texts(), client.newMessages());
+    expectChecks({{3'000'000, SILENT}, {3'060'000, SILENT}});
 }
 
 TEST_F(DeadLockChecker, ATimeOutEndsTheProcessAfterTheBackTraces)
@@ -55,29 +50,26 @@ TEST_F(DeadLockChecker, ATimeOutEndsTheProcessAfterTheBackTraces)
     Tweaks::instance().update("t_defaultDlcTimeoutSec", "100");
     DlcKeepalive keepalive("");
     const std::string name = "pid=" + std::to_string(platform::currentThreadId());
-    EXPECT_EQ(100U, keepalive.timeoutSec());
     EXPECT_EQ(SILENT, keepalive.checkLease(0, 60));
-    const auto timeOut = [&] {
+    const auto expectTimeOut = [&](const char* disableBtPrint, const Texts& backTraces) {
+        Tweaks::instance().update("t_disableBtPrint", disableBtPrint);
         client.newMessages();
         EXPECT_EQ(0U - 1, keepalive.checkLease(101'000, 60));
-        return client.newMessages();
+        Texts expected{"Error" + LEASE + name + " is stuck for 101 sec",
+                       "Control" + LEASE + name +
+                           " waited too long  deltaSec=101  m_timeoutSec=100  m_listener=0000000000000000  "
+                           "checking custom behavior",
+                       "Assert" + LEASE + " datapath/common/infra/DeadLockChecker.cpp #: false failed. " + name +
+                           " waited too long"};
+        expected.insert(expected.end() - 1, backTraces.begin(), backTraces.end());
+        expectMatches(expected, client.newMessages());
     };
-    const std::string stuck = "Error" + LEASE + name + " is stuck for 101 sec";
-    const std::string tooLong = "Control" + LEASE + name +
-                                " waited too long  deltaSec=101  m_timeoutSec=100  m_listener=0000000000000000  "
-                                "checking custom behavior";
-    const std::string end =
-        "Assert" + LEASE + " datapath/common/infra/DeadLockChecker.cpp #: false failed. " + name + " waited too long";
-    Tweaks::instance().update("t_disableBtPrint", "1");
-    expectMatches({stuck, tooLong, "Info,NON,DlcKeepalive,printThreadsBackTrace,backtrace printing is disabled", end},
-                  timeOut());
-    Tweaks::instance().update("t_disableBtPrint", "0");
+    expectTimeOut("1", {"Info,NON,DlcKeepalive,printThreadsBackTrace,backtrace printing is disabled"});
     const std::string printer = "Info,NON,ThreadBacktracePrinter,print,";
     const std::string named = printer + " threadName=~ pid=#";
     const std::string traced = printer + "currently not Implemented in windows threadId=#  threadData=0  threadName=~ ";
-    expectMatches({stuck, tooLong, "Info,NON,MemWatcher,iterateThreads,start", named, traced, named, traced,
-                   "Info,NON,MemWatcher,iterateThreads,done", end},
-                  timeOut());
+    expectTimeOut("0", {"Info,NON,MemWatcher,iterateThreads,start", named, traced, named, traced,
+                        "Info,NON,MemWatcher,iterateThreads,done"});
     EXPECT_EQ(2, client.count("~ threadName=MemShieldAO pid=#") +
                      client.count("~ threadName=class DeadLockCheckerManager pid=#"));
     Tweaks::instance().update("t_disableBtPrint", "");
@@ -91,19 +83,17 @@ TEST_F(DeadLockChecker, KeepalivesAreRegisteredOnce)
     FutureInternal::Future<RcStatus> done;
     const std::uint64_t before = MemShield::systemHeapBytes();
     auto* const keepalive = GuardedMemory::create<DlcKeepalive>({"DlcKeepalive", SourcePlace::here()}, "Request");
-    client.newMessages();
     DeadLockCheckerManager::instance().registerChecker(keepalive);
     done.addObserver(keepalive);
     done.set(RC_OK);
     EXPECT_EQ(before, MemShield::systemHeapBytes());
     DeadLockCheckerManager::instance().unregisterChecker(keepalive);
-    std::ostringstream address;
-    address << std::hex << reinterpret_cast<std::uintptr_t>(keepalive);
-    const std::string failure = ", datapath/common/infra/DeadLockChecker.cpp #: ret failed.  checker=" + address.str();
-    const std::string manager = "Assert,NON,DeadLockCheckerManager,";
-    expectMatches({manager + "registerChecker" + failure + " checker already registered",
-                   manager + "unregisterChecker" + failure + " checker not found"},
-                  client.newMessages());
+    std::ostringstream failure;
+    failure << ", datapath/common/infra/DeadLockChecker.cpp #: ret failed.  checker=" << std::hex
+            << reinterpret_cast<std::uintptr_t>(keepalive) << " checker ";
+    expectMatches(
+        {"registerChecker" + failure.str() + "already registered", "unregisterChecker" + failure.str() + "not found"},
+        client.messagesAfter("Assert,NON,DeadLockCheckerManager,"));
 }
 
 } // namespace

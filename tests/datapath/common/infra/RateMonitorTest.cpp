@@ -2,7 +2,6 @@
 
 #include "tests/support/Support.h"
 
-#include <algorithm>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -36,9 +35,10 @@ void expectLines(const RateMonitor::Settings& settings, const std::string& name,
                      : monitor.incActiveTasksLocked(c);
         }
     }
-    std::ranges::for_each(patterns, [](std::string& pattern) {
+    for (std::string& pattern : patterns)
+    {
         pattern.insert(0, pattern.starts_with("Disk") ? "Info,NON,RateMonitor,update," : "Assert,NON,RateMonitor,");
-    });
+    }
     expectMatches(patterns, client.messages());
 }
 
@@ -71,7 +71,7 @@ TEST(RateMonitor, APeriodStandsForItselfUnlessCumulative)
                 {}); // not more than that
 }
 
-TEST(RateMonitor, RatesSaturateAndNoTimeIsNoFault)
+TEST(RateMonitor, RatesSaturateNoTimeIsNoFaultAndMisuseEndsTheProcess)
 {
     expectLines({0, 0, 1, 1'000, false, readClock}, "Disk",
                 "1000 1 1 0  1000 1 0 0  1000 -1 0 0  1000 -1 0 0  2000 1 1 5000000000  4000 -1 1 0  4000 1 1 "
@@ -80,10 +80,6 @@ TEST(RateMonitor, RatesSaturateAndNoTimeIsNoFault)
                  "latency=[Avg: 0 Max: 0] concurrency=[Min:0 Avg:0.0(0.0) Max:2]",
                  "Disk time=3000 (2000) rate=0 (network=2147483647)<bw=0 (nwBw=1431655765)> latency=[Avg: 0 Max: 1]",
                  "Disk time=500 (500) rate=2 (network=4294967295)<bw=2 (nwBw=4294967295)> latency=[Avg: 1 Max: 1]"});
-}
-
-TEST(RateMonitor, MisuseEndsTheProcess)
-{
     const std::string place = ", datapath/common/infra/RateMonitor.cpp #: ";
     expectLines({0, 0, 9, 0, false, readClock}, "Disk", "1000 2 0 0  1000 -1 0 0",
                 {"RateMonitor" + place + "settings.timeUnit != 0 failed.  m_name=Disk ",

@@ -15,7 +15,7 @@
 namespace
 {
 
-/// Numbers all threads of the process in the order of their start, from 1 on.
+/// The number of the thread that has started last; the first one of the process has 1.
 constinit platform::Atomic<std::uint32_t> lastInternalId = 0;
 
 } // namespace
@@ -41,7 +41,7 @@ void ThreadWrapper::threadCallback(void* wrapper)
 {
     ThreadWrapper& self = *static_cast<ThreadWrapper*>(wrapper);
     const std::uint32_t internalId = ++lastInternalId;
-    const std::string typeName = self.getTypeName(); // the object may be gone when run has returned
+    const std::string typeName = self.getTypeName(); // copied, because the object may be gone when run has returned
     Logger::instance().setThreadName(typeName);
     platform::nameThread(typeName.substr(typeName.find(' ') + 1));
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)

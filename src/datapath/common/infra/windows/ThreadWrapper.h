@@ -1,15 +1,15 @@
 #pragma once
 
-// The base of every long-lived worker thread. open starts a thread that runs run() once; the thread's
-// name is known to the Logger, its start and end are logged, and the MemWatcher knows of it meanwhile.
+// The base class of every long-lived worker thread. open starts a thread that calls run() once. Its start and end are
+// logged, and until it ends the Logger knows its name and the MemWatcher watches it.
 //
 //     class Writer : public ThreadWrapper { void run() override { ... } };
 //     writer.open();
 //     writer.waitUntilRunning();
 //
-// A wrapper can have several threads, all running the same run(). Threads are never joined: whoever
-// destroys a wrapper has made sure that its threads have left run(). open and the end of the object
-// belong to the owner's thread, everything else to any thread.
+// A wrapper can have several threads, which all call the same run(). Threads are never joined: whoever destroys a
+// wrapper must have made sure that its threads have left run(). Only the owner's thread opens threads and destroys the
+// wrapper; any thread may call everything else.
 
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Trigger.h"
@@ -26,8 +26,8 @@ public:
     ThreadWrapper(const ThreadWrapper&) = delete;
     ThreadWrapper& operator=(const ThreadWrapper&) = delete;
 
-    /// Names the kind of thread: the class of the object, as in "class DeadLockCheckerManager".
-    /// Template arguments and unnamed namespaces are spelled as the compiler does.
+    /// The name of the kind of thread: the object's class, as in "class DeadLockCheckerManager". The compiler
+    /// determines how template arguments and unnamed namespaces are spelled.
     [[nodiscard]] virtual std::string getTypeName() const;
 
     virtual ~ThreadWrapper() = default;
@@ -35,15 +35,15 @@ public:
     /// Starts one more thread. Ends the process if the system refuses.
     void open();
 
-    /// Returns when every opened thread has started, at once if they have ended since. For one thread
-    /// at a time.
+    /// Returns when every opened thread has started, even if some have ended since. Only one thread at a time may call
+    /// this.
     void waitUntilRunning() EXCLUDES(m_threadIdsMutex);
 
 protected:
-    /// The body of each thread.
+    /// The body of each thread. The base class does not touch the object after it has returned.
     virtual void run() = 0;
 
-    /// How many threads were opened.
+    /// The number of threads that were opened.
     [[nodiscard]] std::uint32_t numOpened() const { return m_numOpened; }
 
 private:

@@ -38,7 +38,7 @@ TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::u
     return handle;
 }
 
-/// Where a timer stands in the order: at the first timestamp whose pass takes it. Any pass takes a cancelled one.
+/// A timer's place in the order: the first timestamp at which a pass takes it. Every pass takes cancelled timers.
 WindowsTimer::Order::Entry WindowsTimer::orderOf(Timer& timer)
 {
     return {.timeMs = timer.second.cancelled ? 0 : timer.second.dueMs + 1, .item = &timer};
@@ -72,14 +72,14 @@ void WindowsTimer::cancel(Timer& timer)
     m_order.insert(first);
     if (!m_order.erase(orderOf(timer)))
     {
-        m_order.erase(first); // a pass has taken it, and will see that it is cancelled
+        m_order.erase(first); // a pass has taken it already and will see that it is cancelled
     }
     timer.second.cancelled = true;
 }
 
 std::optional<WindowsTimer::Completion> WindowsTimer::completionOf(TimerHandle handle)
 {
-    auto made = std::make_unique<Completion>(); // not under the lock: it may be what makes the guarded allocator
+    auto made = std::make_unique<Completion>(); // without the lock, because it may create the guarded allocator
     const MutexGuard guard(m_timersMutex);
     Timer* const timer = m_timers.find(handle);
     if (timer == nullptr)
@@ -104,7 +104,7 @@ void WindowsTimer::activateTimers()
     {
         if (!m_taken.back().wasCancelled)
         {
-            const WindowsTimerInfo& info = m_taken.back().timer->second; // what is read of it never changes
+            const WindowsTimerInfo& info = m_taken.back().timer->second; // what is read here never changes
             const std::int64_t startMs = Clock::instance().readMs();
             info.callback(info.context);
             if (Clock::instance().readMs() - startMs > LONGEST_CALL_MS)
@@ -120,7 +120,7 @@ void WindowsTimer::activateTimers()
 void WindowsTimer::takeTimers(std::uint64_t nowMs)
 {
     const MutexGuard guard(m_timersMutex);
-    for (TakenTimer& left : m_taken) // when a callback has thrown
+    for (TakenTimer& left : m_taken) // some are left where a callback has thrown
     {
         left.wasCancelled = left.timer->second.cancelled;
     }
@@ -128,7 +128,8 @@ void WindowsTimer::takeTimers(std::uint64_t nowMs)
     sortTaken();
 }
 
-/// Many go by the bytes of their handles, the last one first: comparing random handles is a fifth of what a pass costs.
+/// Sorts many timers by the bytes of their handles, the lowest byte first (a radix sort): comparing handles in random
+/// order would be a fifth of the time of a pass.
 void WindowsTimer::sortTaken()
 {
     constexpr std::size_t MANY = 64;
@@ -138,7 +139,7 @@ void WindowsTimer::sortTaken()
         std::ranges::sort(m_taken, std::ranges::greater(), &TakenTimer::handle);
         return;
     }
-    std::uint64_t differing = 0; // more bits than are shifted out below
+    std::uint64_t differing = 0; // 64 bits, because shift reaches 32 below
     for (const TakenTimer& taken : m_taken)
     {
         differing |= taken.handle ^ m_taken.front().handle;
@@ -161,7 +162,7 @@ void WindowsTimer::sortTaken()
     }
 }
 
-/// Does what follows a call, or a cancellation, of the timer that is next among those taken.
+/// Erases or reschedules the next of the taken timers, after it has been called or found to be cancelled.
 void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
 {
     std::optional<WindowsTimerInfo> ended;
@@ -180,7 +181,7 @@ void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
         }
         m_taken.pop_back();
     }
-    // The lock is free: observers of the completion may add timers.
+    // Without the lock, because observers of the completion may add timers.
     if (ended && ended->cancelled && ended->completion != nullptr)
     {
         ended->completion->set(RC_OK);
@@ -189,13 +190,13 @@ void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
 
 void WindowsTimer::timerThread(void* windowsTimer)
 {
-    constexpr std::uint32_t REST_MS = 100;
+    constexpr std::uint32_t PASS_INTERVAL_MS = 100;
     platform::nameThread("timer");
     DlcKeepalive keepalive("timer");
     platform::seedRandom(static_cast<std::uint32_t>(Clock::instance().timestampMs()));
     for (;;)
     {
-        platform::sleepMs(REST_MS);
+        platform::sleepMs(PASS_INTERVAL_MS);
         static_cast<WindowsTimer*>(windowsTimer)->activateTimers();
         keepalive.setAlive();
     }

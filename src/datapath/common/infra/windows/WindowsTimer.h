@@ -6,11 +6,11 @@
 //     const TimerHandle handle = timer.addTimer(callback, context, 250, false, 0);   // calls in about 300 ms
 //     timer.activateTimers();                                                        // the timer thread, every 100 ms
 //
-// A pass reads the clock once. It takes the timers that are due before that moment and those that were
-// cancelled before it began, and goes through them in ascending order of their handles: it calls the due ones,
-// sets the completion of those that are cancelled by then, and erases them and the one-shot ones. So a timer that a
-// callback adds waits for the next pass, and one that is due and replaced in the same pass may still be called once.
-// A pass costs what it takes, whatever else is registered.
+// A pass reads the clock once. It takes the timers that were due before that moment and those that were cancelled
+// before the pass began. In ascending order of their handles, it calls those that are due, sets the completion of those
+// that are cancelled by then, and erases the cancelled and the one-shot ones. So a timer that a callback adds waits for
+// the next pass, and one that is due and replaced in the same pass may still be called once. The time that a pass takes
+// depends on the timers that it takes, not on the number that is registered.
 
 #include "datapath/common/infra/DueOrder.h"
 #include "datapath/common/infra/Future.h"
@@ -37,8 +37,8 @@ public:
         TimerCallback callback;
         void* context;                          ///< not owned
         std::unique_ptr<Completion> completion; ///< made for the first who asks
-        std::uint32_t periodMs;                 ///< 0: one-shot
-        bool cancelled;                         ///< was replaced
+        std::uint32_t periodMs;                 ///< 0 for a one-shot timer
+        bool cancelled;                         ///< another timer has replaced it
     };
 
     /// Tests choose the first handle.
@@ -47,30 +47,31 @@ public:
     WindowsTimer& operator=(const WindowsTimer&) = delete;
     virtual ~WindowsTimer() = default;
 
-    /// See ITimer. The timer that the new one replaces, unless it is 0 or gone, is cancelled: it is not called in
-    /// any pass that starts afterwards. Handles ascend; after 2^32 - 1 comes 0, and a timer whose handle is still
-    /// taken then is not added. Lines are logged under the lock of the timers, so log clients must not call this.
+    /// See ITimer. The new timer replaces the one with handleToReplace, if there is one: that is cancelled and not
+    /// called in any pass that starts afterwards. 0 replaces none. Handles ascend; 0 follows 2^32 - 1, and a timer
+    /// whose handle is still in use then is not added. Lines are logged under the lock of the timers, so log clients
+    /// must not call this.
     TimerHandle addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot,
                          TimerHandle handleToReplace) EXCLUDES(m_timersMutex);
 
-    /// The future of a timer that was not erased yet. It is set, to RC_OK, when a timer that was replaced is erased,
-    /// and never otherwise. Observers are called in the pass, with the lock of the timers free: they may do what
-    /// callbacks may.
+    /// The future of a timer that has not been erased yet. It is set to RC_OK when a timer that was replaced is erased,
+    /// and never otherwise. Its observers are called during a pass, without the lock of the timers: they may do what
+    /// callbacks may do.
     [[nodiscard]] std::optional<Completion> completionOf(TimerHandle handle) EXCLUDES(m_timersMutex);
 
-    /// One pass. Waits while another one is under way, so a callback must not call this. Callbacks may add timers;
-    /// one that takes more than 2,000 ms is reported. What a callback throws passes through: its timer and those
-    /// that the pass has not come to stay due.
+    /// Makes one pass. Waits while another one is under way, so a callback must not call this. Callbacks may add
+    /// timers. A callback that takes more than 2,000 ms is reported. An exception from a callback passes through; its
+    /// timer and those that come after it in the pass stay due.
     void activateTimers() EXCLUDES(m_activationMutex, m_timersMutex);
 
-    /// The timer thread, of the given WindowsTimer: a pass every 100 ms, for ever.
+    /// The body of the timer thread: makes a pass over the timers of the given WindowsTimer every 100 ms, forever.
     static void timerThread(void* windowsTimer);
 
     /// Whether the order of the due times fits the table. For tests.
     [[nodiscard]] bool checkInvariants() EXCLUDES(m_activationMutex, m_timersMutex);
 
 protected:
-    /// For tests of what happens after 2^32 timers.
+    /// Lets tests reach the wrap-around of the handles.
     void setNextHandle(TimerHandle handle) EXCLUDES(m_timersMutex);
 
 private:
@@ -78,7 +79,7 @@ private:
     using Timer = Timers::Entry;
     using Order = DueOrder<Timer*>;
 
-    /// A timer that a pass has taken and not come to yet.
+    /// A timer that a pass has taken and not called or erased yet.
     struct TakenTimer
     {
         explicit TakenTimer(Timer* taken) : handle(taken->first), wasCancelled(taken->second.cancelled), timer(taken) {}
@@ -99,9 +100,10 @@ private:
     Mutex m_timersMutex;
     Mutex m_activationMutex; // held during a pass; m_timersMutex, and what callbacks take, is taken inside it
     Timers m_timers GUARDED_BY(m_timersMutex){"Timers"};
-    Order m_order GUARDED_BY(m_timersMutex); // of every timer that is not among m_taken; see orderOf
+    Order m_order GUARDED_BY(m_timersMutex); // every timer that is not among m_taken; see orderOf
     TimerHandle m_lastHandle GUARDED_BY(m_timersMutex);
-    // In descending order of the handles: the last one is next. Empty between passes, unless a callback has thrown.
+    // In descending order of the handles, so that the last one comes next. Empty between passes, unless a callback has
+    // thrown.
     std::vector<TakenTimer> m_taken GUARDED_BY(m_activationMutex);
-    std::vector<TakenTimer> m_sorted GUARDED_BY(m_activationMutex); // room for sorting them
+    std::vector<TakenTimer> m_sorted GUARDED_BY(m_activationMutex); // scratch space of sortTaken
 };

@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-/// Its threads stay until they are let go.
+/// Its threads stay in run until leave.
 class WaitingWorker : public ThreadWrapper
 {
 public:
@@ -21,24 +21,23 @@ public:
         repeat(threads, [&] { m_mayLeave.signal(); });
         repeat(threads, [&] { m_left.wait(); });
     }
-    std::set<std::int32_t> threadIds;
+    Mutex mutex;
+    std::map<std::int32_t, std::string> names; // by the ids of its threads
     std::set<std::uint32_t> randomNumbers;
 
 private:
     void run() override
     {
         {
-            const MutexGuard guard(m_mutex);
-            EXPECT_EQ("class WaitingWorker",
-                      Logger::instance().getThreadName(static_cast<std::int32_t>(platform::currentThreadId())));
-            threadIds.insert(static_cast<std::int32_t>(platform::currentThreadId()));
+            const MutexGuard guard(mutex);
+            const auto id = static_cast<std::int32_t>(platform::currentThreadId());
+            names[id] = Logger::instance().getThreadName(id);
             randomNumbers.insert(platform::nextRandom());
         }
         m_mayLeave.wait();
         m_left.signal();
     }
 
-    Mutex m_mutex;
     Semaphore m_mayLeave{0};
     Semaphore m_left{0};
 };
@@ -53,45 +52,33 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
         new ScopedReplacement(platform::timeCalls.utcNow, [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
     waitForOwnThreads(); // numbers 1 and 2
     const CapturingClient client;
-    Semaphore hasArrived(0);
     Semaphore mayPass(0);
     Semaphore hasPassed(0);
-    // Holds each worker at the line that it starts with.
-    const HookedClient gate("Starting ThreadWrapper of type class WaitingWorker", [&](const std::string&) {
-        hasArrived.signal();
-        mayPass.wait();
-        hasPassed.signal();
-    });
+    // Holds each worker at its first line, before it has registered.
+    const HookedClient gate("Starting ThreadWrapper of type class WaitingWorker",
+                            [&](const std::string&) { mayPass.wait(), hasPassed.signal(); });
     static WaitingWorker worker;
-    Logger& logger = Logger::instance();
     std::atomic<bool> areRunning = false;
     worker.open();
     std::thread early([&] { worker.waitUntilRunning(), areRunning = true; });
     repeat(2, [] { worker.open(); });
-    // Each thread is held at its first line, before it has registered.
-    repeat(3, [&] { hasArrived.wait(); });
-    repeat(2, [&] { mayPass.signal(); });
-    repeat(2, [&] { hasPassed.wait(); });
+    repeat(2, [&] { mayPass.signal(), hasPassed.wait(); });
     EXPECT_FALSE(areRunning);
     mayPass.signal();
     early.join();
     worker.waitUntilRunning(); // at once: the counts agree
     worker.leave(3);
     waitUntil([&] { return client.count("~Ending ThreadWrapper of type class WaitingWorker~") == 3; });
-    ASSERT_EQ(3U, worker.threadIds.size());
-    EXPECT_EQ(3U, worker.randomNumbers.size());
-    for (const std::int32_t id : worker.threadIds)
-    {
-        EXPECT_EQ("", logger.getThreadName(id));
-    }
     EXPECT_EQ(6, client.count("~WaitingWorker~"));
-    for (const std::string event : {"Starting", "Ending"})
+    for (const std::string line : {"Starting#3", "Starting#4", "Starting#5", "Ending#3", "Ending#4", "Ending#5"})
     {
-        for (const std::string number : {"3", "4", "5"})
-        {
-            EXPECT_EQ(1, client.count("Info,NON,ThreadWrapper,threadCallback," + event +
-                                      " ThreadWrapper of type class WaitingWorker internalId=" + number + " "));
-        }
+        EXPECT_EQ(1, client.count("Info,NON,ThreadWrapper,threadCallback," + line.substr(0, line.find('#')) +
+                                  " ThreadWrapper of type class WaitingWorker internalId=" + line.back() + " "));
+    }
+    EXPECT_TRUE(worker.names.size() == 3 && worker.randomNumbers.size() == 3);
+    for (const auto& [id, name] : worker.names)
+    {
+        EXPECT_TRUE(name == "class WaitingWorker" && Logger::instance().getThreadName(id).empty());
     }
 }
 
