@@ -68,7 +68,7 @@ void DlcKeepalive::printThreadsBackTrace()
 void DeadLockCheckerManager::registerChecker(DlcKeepalive* checker)
 {
     const MutexGuard guard(m_lock);
-    if (!m_lockSet.insert(checker).second)
+    if (!m_lockSet.change([=](auto& checkers) { return checkers.insert(checker).second; }))
     {
         CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "ret")
             << " checker=" << std::hex << reinterpret_cast<std::uintptr_t>(checker) << " checker already registered"
@@ -79,7 +79,7 @@ void DeadLockCheckerManager::registerChecker(DlcKeepalive* checker)
 void DeadLockCheckerManager::unregisterChecker(DlcKeepalive* checker)
 {
     const MutexGuard guard(m_lock);
-    if (m_lockSet.erase(checker) == 0)
+    if (m_lockSet.change([=](auto& checkers) { return checkers.erase(checker); }) == 0)
     {
         CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "ret")
             << " checker=" << std::hex << reinterpret_cast<std::uintptr_t>(checker) << " checker not found"
@@ -100,9 +100,9 @@ void DeadLockCheckerManager::run()
         platform::sleepMs(static_cast<std::uint32_t>(std::min(intervalSec * MS_PER_SEC, LONGEST_SLEEP_MS)));
         const MutexGuard guard(m_lock);
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
-            << " m_lockSet.size()=" << m_lockSet.size() << " " << std::endl;
+            << " m_lockSet.size()=" << m_lockSet->size() << " " << std::endl;
         const std::int64_t nowMs = Clock::instance().timestampMs();
-        for (DlcKeepalive* const checker : m_lockSet)
+        for (DlcKeepalive* const checker : *m_lockSet)
         {
             checker->checkLease(static_cast<std::uint64_t>(nowMs), static_cast<std::uint32_t>(intervalSec));
         }

@@ -188,9 +188,9 @@ bool GenFileLogger::tryEnqueue(std::string_view text, Semaphore* waiter, LogQueu
         const MutexGuard guard(m_queueMutex);
         if (m_isGuarded)
         {
-            m_queue.push(text);
+            m_queue.change([&](LogQueue& queue) { queue.push(text); });
         }
-        else if (!m_queue.push(text, fresh))
+        else if (!m_queue.change([&](LogQueue& queue) { return queue.push(text, fresh); }))
         {
             return false;
         }
@@ -216,7 +216,7 @@ bool GenFileLogger::mustWakeWriter() const
     return m_writerState == WriterState::Sleeping || (m_writerState == WriterState::Lingering && isUrgent());
 }
 
-bool GenFileLogger::isUrgent() const { return m_queue.bytes() >= URGENT_BYTES || m_flushes.isAnyPending(); }
+bool GenFileLogger::isUrgent() const { return m_queue->bytes() >= URGENT_BYTES || m_flushes.isAnyPending(); }
 
 bool GenFileLogger::flush()
 {
@@ -297,7 +297,7 @@ bool GenFileLogger::isMoreToWrite()
 
 bool GenFileLogger::sleepsWithoutWork()
 {
-    m_writerState = m_queue.size() == 0 ? WriterState::Sleeping : WriterState::Working;
+    m_writerState = m_queue->size() == 0 ? WriterState::Sleeping : WriterState::Working;
     return m_writerState == WriterState::Sleeping;
 }
 
@@ -383,19 +383,19 @@ void GenFileLogger::flushFiles()
 LogQueue::Batch GenFileLogger::nextBatch()
 {
     const MutexGuard guard(m_queueMutex);
-    return m_queue.front();
+    return m_queue.change([](LogQueue& queue) { return queue.front(); });
 }
 
 LogQueue::Chunk GenFileLogger::removeBatch()
 {
     const MutexGuard guard(m_queueMutex);
-    return m_queue.pop();
+    return m_queue.change([](LogQueue& queue) { return queue.pop(); });
 }
 
 std::optional<std::string_view> GenFileLogger::takeBlock()
 {
     const MutexGuard guard(m_queueMutex);
-    return m_queue.extract();
+    return m_queue.change([](LogQueue& queue) { return queue.extract(); });
 }
 
 void GenFileLogger::finishFlushes(std::uint64_t count)

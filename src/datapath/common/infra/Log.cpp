@@ -209,20 +209,20 @@ void Logger::setAssertHandler(LoggerId loggerId, AssertHandler handler)
 void Logger::setThreadName(const std::string& name)
 {
     const MutexGuard guard(m_mutex);
-    m_threadNames.try_emplace(currentThreadKey(), name);
+    m_threadNames.change([&](auto& names) { names.try_emplace(currentThreadKey(), name); });
 }
 
 void Logger::removeThreadName()
 {
     const MutexGuard guard(m_mutex);
-    m_threadNames.erase(currentThreadKey());
+    m_threadNames.change([](auto& names) { names.erase(currentThreadKey()); });
 }
 
 std::string Logger::getThreadName(std::int32_t threadId) const
 {
     const MutexGuard guard(m_mutex);
-    const auto found = m_threadNames.find(threadId);
-    return found == m_threadNames.end() ? std::string() : found->second;
+    const auto found = m_threadNames->find(threadId);
+    return found == m_threadNames->end() ? std::string() : found->second;
 }
 
 void Logger::setAsyncThreadName(const std::string& name)
@@ -230,13 +230,13 @@ void Logger::setAsyncThreadName(const std::string& name)
     const MutexGuard guard(m_mutex);
     if (name.empty())
     {
-        m_asyncThreadNames.erase(currentThreadKey());
+        m_asyncThreadNames.change([](auto& names) { names.erase(currentThreadKey()); });
     }
     else
     {
-        m_asyncThreadNames.insert_or_assign(currentThreadKey(), name);
+        m_asyncThreadNames.change([&](auto& names) { names.insert_or_assign(currentThreadKey(), name); });
     }
-    m_asyncThreadNamesCnt.store(m_asyncThreadNames.size(), std::memory_order_relaxed);
+    m_asyncThreadNamesCnt.store(m_asyncThreadNames->size(), std::memory_order_relaxed);
 }
 
 std::string Logger::getAsyncThreadName() const
@@ -246,6 +246,6 @@ std::string Logger::getAsyncThreadName() const
         return {};
     }
     const MutexGuard guard(m_mutex);
-    const auto found = m_asyncThreadNames.find(currentThreadKey());
-    return found == m_asyncThreadNames.end() ? std::string() : found->second;
+    const auto found = m_asyncThreadNames->find(currentThreadKey());
+    return found == m_asyncThreadNames->end() ? std::string() : found->second;
 }

@@ -105,14 +105,14 @@ void* MemShield::internalAllocAndRegister(std::uint64_t size, std::uint64_t arra
     }
     SystemHeapBytes::take(allocationLength);
     const MutexGuard guard(m_mutex);
-    m_live.emplace(memory, info);
+    m_live.change([&](auto& live) { live.emplace(memory, info); });
     return memory;
 }
 
 bool MemShield::isLive(const void* memory)
 {
     const MutexGuard guard(m_mutex);
-    return m_live.contains(static_cast<std::byte*>(const_cast<void*>(memory)));
+    return m_live->contains(static_cast<std::byte*>(const_cast<void*>(memory)));
 }
 
 void MemShield::verifyPtr(const void* memory, const SourcePlace& place)
@@ -162,8 +162,8 @@ MemShield::Release MemShield::unregister(std::byte* memory)
 {
     const std::uint64_t freeTime = nowMs();
     const MutexGuard guard(m_mutex);
-    const auto found = m_live.find(memory);
-    if (found == m_live.end())
+    const auto found = m_live->find(memory);
+    if (found == m_live->end())
     {
         return {};
     }
@@ -173,11 +173,11 @@ MemShield::Release MemShield::unregister(std::byte* memory)
         return release;
     }
     std::memset(memory, FILLING, release.info->m_size);
-    release.node = m_live.extract(found);
+    release.node = m_live.change([&](auto& live) { return live.extract(found); });
     if (m_historyLength != 0)
     {
         release.node.mapped().m_freeTime = freeTime;
-        m_recentlyFreed.insert(std::move(release.node));
+        m_recentlyFreed.change([&](auto& freed) { freed.insert(std::move(release.node)); });
         release.isKept = true;
     }
     return release;
@@ -251,7 +251,7 @@ std::string MemShield::addressText(const void* memory)
 void MemShield::visitLive(const Visitor& visitor)
 {
     const MutexGuard guard(m_mutex);
-    for (const auto& [memory, info] : m_live)
+    for (const auto& [memory, info] : *m_live)
     {
         visitor(memory, info);
     }
@@ -260,7 +260,7 @@ void MemShield::visitLive(const Visitor& visitor)
 void MemShield::visitRecentlyFreed(const Visitor& visitor)
 {
     const MutexGuard guard(m_mutex);
-    for (const auto& [memory, info] : m_recentlyFreed)
+    for (const auto& [memory, info] : *m_recentlyFreed)
     {
         visitor(memory, info);
     }
@@ -269,7 +269,7 @@ void MemShield::visitRecentlyFreed(const Visitor& visitor)
 bool MemShield::checkInvariants()
 {
     const MutexGuard guard(m_mutex);
-    return std::ranges::all_of(m_live, [&](const Records::value_type& record) {
+    return std::ranges::all_of(*m_live, [&](const Map::value_type& record) {
         const auto& [memory, info] = record;
         return info.m_size != 0 && info.m_freeTime == 0 && isFilled(memory - m_preMargin, m_preMargin) &&
                isFilled(memory + info.m_size, m_postMargin);

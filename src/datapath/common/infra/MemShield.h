@@ -173,7 +173,8 @@ private:
     friend Singleton;
 
     // By hash: the cost of a release must not grow with the number of live blocks.
-    using Records = StlMemShiledContainer<std::unordered_map<std::byte*, AllocInfo>>;
+    using Map = std::unordered_map<std::byte*, AllocInfo>;
+    using Records = StlMemShiledContainer<Map>;
 
     /// What became of a block that is to be released.
     struct Release
@@ -181,7 +182,7 @@ private:
         std::optional<AllocInfo> info; // nothing: there is no such live block
         std::string corruption;        // not empty: what is wrong with its margin; it stays registered then
         bool isKept = false;           // among the recently freed ones
-        Records::node_type node = {};  // its record, to be released without the lock
+        Map::node_type node = {};      // its record, to be released without the lock
     };
 
     static constexpr std::size_t HEAP_ALIGNMENT = __STDCPP_DEFAULT_NEW_ALIGNMENT__;

@@ -4,17 +4,17 @@
 // process-wide database.
 //
 //     StlMemShiledContainer<std::map<int, Thing>> m_things{"Things"};
+//     m_things.change([&](auto& things) { things.emplace(4, thing); });
+//     if (m_things->contains(4)) ...
 //     MemWatchedContainerDatabase::instance().printWatchedContainers();
 //
-// The container is used like the standard one, under whatever lock its owner has for it. A report
-// reads item counts without that lock: each change leaves the count where any thread can read it.
+// The owner of a container locks. A report reads the item counts without the owner's lock.
 
 #include "datapath/common/infra/Mutex.h"
 #include "platform/Atomic.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
 #include <set>
 #include <string>
 #include <utility>
@@ -66,9 +66,9 @@ private:
     std::set<MemWatchedContainer*> m_containers GUARDED_BY(m_mutex);
 };
 
-/// A standard container that is watched from the end of its construction to the start of its
-/// destruction.
-template <class Container> class StlMemShiledContainer : public Container, public MemWatchedContainer
+/// A container that is watched from the end of its construction to the start of its destruction. It is read like a
+/// pointer to the container, and changed through change alone, which leaves the count where a report reads it.
+template <class Container> class StlMemShiledContainer : public MemWatchedContainer
 {
 public:
     /// itemSize and itemOverhead are the bytes that a report counts for each item.
@@ -81,87 +81,28 @@ public:
     StlMemShiledContainer& operator=(const StlMemShiledContainer&) = delete;
     ~StlMemShiledContainer() override { MemWatchedContainerDatabase::instance().unregisterContainer(this); }
 
-    /// As of the last change by one of the functions below. Any thread may call.
+    [[nodiscard]] const Container& operator*() const { return m_container; }
+    [[nodiscard]] const Container* operator->() const { return &m_container; }
+
+    /// Calls the change with the container and returns what it returns, under the owner's lock.
+    template <class Change> decltype(auto) change(const Change& change)
+    {
+        struct Recount
+        {
+            explicit Recount(StlMemShiledContainer& changed) : watched(changed) {}
+            Recount(const Recount&) = delete;
+            Recount& operator=(const Recount&) = delete;
+            ~Recount() { watched.m_itemCount.store(watched.m_container.size(), std::memory_order_relaxed); }
+            StlMemShiledContainer& watched;
+        };
+        const Recount afterwards(*this);
+        return change(m_container);
+    }
+
+    /// As of the last change. Any thread may call.
     [[nodiscard]] std::uint64_t itemCount() const override { return m_itemCount.load(std::memory_order_relaxed); }
 
-    // What changes the number of items, with the arguments and results that the container gives it.
-    decltype(auto) insert(auto&&... args)
-    {
-        return Recount(*this), Container::insert(std::forward<decltype(args)>(args)...);
-    }
-    template <class Item> decltype(auto) insert(std::initializer_list<Item> items)
-    {
-        return Recount(*this), Container::insert(items);
-    }
-    decltype(auto) insert_or_assign(auto&&... args)
-    {
-        return Recount(*this), Container::insert_or_assign(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) emplace(auto&&... args)
-    {
-        return Recount(*this), Container::emplace(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) emplace_hint(auto&&... args)
-    {
-        return Recount(*this), Container::emplace_hint(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) emplace_back(auto&&... args)
-    {
-        return Recount(*this), Container::emplace_back(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) emplace_front(auto&&... args)
-    {
-        return Recount(*this), Container::emplace_front(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) try_emplace(auto&&... args)
-    {
-        return Recount(*this), Container::try_emplace(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) push(auto&&... args)
-    {
-        return Recount(*this), Container::push(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) push_back(auto&&... args)
-    {
-        return Recount(*this), Container::push_back(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) push_front(auto&&... args)
-    {
-        return Recount(*this), Container::push_front(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) assign(auto&&... args)
-    {
-        return Recount(*this), Container::assign(std::forward<decltype(args)>(args)...);
-    }
-    void resize(std::size_t count) { return Recount(*this), Container::resize(count); }
-    decltype(auto) erase(auto&&... args)
-    {
-        return Recount(*this), Container::erase(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) extract(auto&&... args)
-    {
-        return Recount(*this), Container::extract(std::forward<decltype(args)>(args)...);
-    }
-    decltype(auto) pop() { return Recount(*this), Container::pop(); }
-    void pop_back() { return Recount(*this), Container::pop_back(); }
-    void pop_front() { return Recount(*this), Container::pop_front(); }
-    void clear() { return Recount(*this), Container::clear(); }
-    decltype(auto) operator[](auto&& key)
-    {
-        return Recount(*this), Container::operator[](std::forward<decltype(key)>(key));
-    }
-
 private:
-    /// Leaves the count when the expression in which it stands is over.
-    struct Recount
-    {
-        explicit Recount(StlMemShiledContainer& container) : m_container(container) {}
-        Recount(const Recount&) = delete;
-        Recount& operator=(const Recount&) = delete;
-        ~Recount() { m_container.m_itemCount.store(m_container.size(), std::memory_order_relaxed); }
-
-        StlMemShiledContainer& m_container;
-    };
-
+    Container m_container;
     platform::Atomic<std::uint64_t> m_itemCount = 0;
 };

@@ -35,7 +35,7 @@ HeapModuleMemoryInformation* MemoryHeap::registerModule(const std::string& name,
     bool isAdded = false;
     {
         const MutexGuard guard(m_mutex);
-        isAdded = m_modules.try_emplace(name, module).second;
+        isAdded = m_modules.change([&](auto& modules) { return modules.try_emplace(name, module).second; });
     }
     if (!isAdded)
     {
@@ -110,7 +110,7 @@ void MemoryHeap::printMemoryUsage()
         const MutexGuard guard(m_mutex);
         gross = m_usedMemoryGross;
         net = m_usedMemoryNet;
-        for (const auto& [name, module] : m_modules)
+        for (const auto& [name, module] : *m_modules)
         {
             modules.emplace_back(name, module->getCurrentlyUsedBytes());
         }

@@ -119,7 +119,7 @@ MemoryPoolImpl::~MemoryPoolImpl()
         CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_MEMORY_LEFT), "m_totalPollSize == 0")
             << " m_totalPollSize=" << m_totalPollSize << std::endl;
     }
-    for (const auto& [name, module] : m_modules)
+    for (const auto& [name, module] : *m_modules)
     {
         m_waitingList.unsubscribe(&module->waiting());
         abortRequestsLocked(*module);

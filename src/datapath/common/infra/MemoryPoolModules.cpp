@@ -35,7 +35,7 @@ std::string MemoryPoolImpl::refusalLocked(const ModuleSettings& settings, std::u
     {
         reason << "the pool has no chunks";
     }
-    else if (m_modules.contains(settings.name))
+    else if (m_modules->contains(settings.name))
     {
         reason << "the name is taken";
     }
@@ -48,7 +48,7 @@ std::string MemoryPoolImpl::refusalLocked(const ModuleSettings& settings, std::u
         reason << "a reservation of " << settings.reservedBytes << " bytes takes more chunks than the limit of "
                << settings.limitBytes;
     }
-    else if (parent != nullptr && std::ranges::none_of(m_modules, isHere))
+    else if (parent != nullptr && std::ranges::none_of(*m_modules, isHere))
     {
         reason << "its parent is not of this pool";
     }
@@ -106,7 +106,7 @@ ModuleMemoryInformation* MemoryPoolImpl::addModuleLocked(const ModuleSettings& s
     auto* const module =
         GuardedMemory::create<ModuleMemoryInformation>({"ModuleMemoryInformation", SourcePlace::here()}, settings.name,
                                                        reservedBytes, limitBytes, settings.parent, &m_removedRequests);
-    m_modules.emplace(settings.name, module);
+    m_modules.change([&](auto& modules) { modules.emplace(settings.name, module); });
     m_waitingList.subscribe(&module->waiting());
     module->addToParent();
     m_reservedFree += reservedBytes;
@@ -133,7 +133,7 @@ bool MemoryPoolImpl::growForReservationLocked(std::uint64_t reservedBytes)
 /// Why a module cannot be unregistered; empty if it can.
 std::string MemoryPoolImpl::abandonmentLocked(const ModuleMemoryInformation& module) const
 {
-    if (std::ranges::none_of(m_modules, [&](const auto& entry) { return entry.second == &module; }))
+    if (std::ranges::none_of(*m_modules, [&](const auto& entry) { return entry.second == &module; }))
     {
         return "a module that is not of this pool";
     }
@@ -163,7 +163,7 @@ bool MemoryPoolImpl::unregisterModule(ModuleMemoryInformation& module)
         {
             m_waitingList.unsubscribe(&module.waiting());
             abortRequestsLocked(module);
-            m_modules.erase(module.name());
+            m_modules.change([&](auto& modules) { modules.erase(module.name()); });
             m_reservedFree -= module.reservedBytes();
             module.removeFromParent();
             giveMemoryToWaiterLocked();

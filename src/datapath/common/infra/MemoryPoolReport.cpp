@@ -97,7 +97,7 @@ void MemoryPoolImpl::printModules()
     {
         const MutexGuard guard(reportMutex());
         pool = {.gross = m_usedMemoryGross, .net = m_usedMemoryNet, .free = freeBytesLocked()};
-        for (const auto& [name, module] : m_modules)
+        for (const auto& [name, module] : *m_modules)
         {
             std::ostringstream line;
             const auto printUnless = [&line](std::uint64_t without, const char* label, std::uint64_t value) {
@@ -135,7 +135,7 @@ void MemoryPoolImpl::printSubPools()
     const MutexGuard guard(m_subPoolsMutex);
     const SubPoolReport report{m_subPoolsMutex, innermostReport};
     innermostReport = &report;
-    for (MemoryPoolImpl* const pool : m_subPools)
+    for (MemoryPoolImpl* const pool : *m_subPools)
     {
         pool->printMemoryUsage();
         const Usage used = pool->usage();
@@ -209,7 +209,7 @@ void MemoryPoolImpl::monitorPendingMemoryAllocations()
 bool MemoryPoolImpl::canReach(const MemoryPoolImpl& pool)
 {
     const MutexGuard guard(m_subPoolsMutex);
-    return std::ranges::any_of(m_subPools,
+    return std::ranges::any_of(*m_subPools,
                                [&](MemoryPoolImpl* subPool) { return subPool == &pool || subPool->canReach(pool); });
 }
 
@@ -225,7 +225,9 @@ bool MemoryPoolImpl::attachSubPool(MemoryPoolImpl& pool)
         else
         {
             const MutexGuard guard(m_subPoolsMutex);
-            refusal = m_subPools.insert(&pool).second ? nullptr : "the pool is attached already";
+            refusal = m_subPools.change([&](auto& pools) { return pools.insert(&pool).second; })
+                          ? nullptr
+                          : "the pool is attached already";
         }
     }
     if (refusal != nullptr)
@@ -240,7 +242,7 @@ bool MemoryPoolImpl::detachSubPool(MemoryPoolImpl& pool)
     bool isDetached = false;
     {
         const MutexGuard guard(m_subPoolsMutex);
-        isDetached = m_subPools.erase(&pool) != 0;
+        isDetached = m_subPools.change([&](auto& pools) { return pools.erase(&pool); }) != 0;
     }
     if (!isDetached)
     {
@@ -276,7 +278,7 @@ bool MemoryPoolImpl::checkInvariants()
     std::uint64_t reserved = 0;
     std::uint64_t used = 0; // by those without parents, and so by all
     std::uint64_t pending = 0;
-    for (const auto& [name, module] : m_modules)
+    for (const auto& [name, module] : *m_modules)
     {
         usedByChildren[module->parent()] += module->getCurrentlyUsedBytes();
         reserved += module->unusedReservation();
@@ -291,6 +293,6 @@ bool MemoryPoolImpl::checkInvariants()
     };
     return areFreeChunksSoundLocked() && m_reservedFree == reserved &&
            m_reservedFree <= m_totalPollSize - m_usedMemoryGross && used == m_usedMemoryGross &&
-           m_usedMemoryNet <= m_usedMemoryGross && pending == m_numPending && std::ranges::all_of(m_modules, isSound) &&
-           m_waitingList.checkInvariants();
+           m_usedMemoryNet <= m_usedMemoryGross && pending == m_numPending &&
+           std::ranges::all_of(*m_modules, isSound) && m_waitingList.checkInvariants();
 }

@@ -31,7 +31,7 @@ SequentialRequestsManager::SequentialRequestsManager(const std::string& name)
 
 void SequentialRequestsManager::subscribe(ModuleInformation* module)
 {
-    m_modulesInfo.insert(module);
+    m_modulesInfo.change([=](auto& modules) { modules.insert(module); });
     module->setManager(this);
 }
 
@@ -39,17 +39,17 @@ void SequentialRequestsManager::unsubscribe(ModuleInformation* module)
 {
     if (module->getIsRequestInWaitingModules())
     {
-        removeRequestReference(m_waitingModules.find(module->queue().front().key), module);
+        removeRequestReference(m_waitingModules->find(module->queue().front().key), module);
     }
-    m_modulesInfo.erase(module);
+    m_modulesInfo.change([=](auto& modules) { modules.erase(module); });
     module->setManager(nullptr);
 }
 
 void SequentialRequestsManager::iterateWaiting(const Handler& visitor)
 {
-    while (!m_waitingModules.empty())
+    while (!m_waitingModules->empty())
     {
-        const auto entry = m_waitingModules.begin();
+        const auto entry = m_waitingModules->begin();
         const auto [key, module] = *entry;
         const WaitingRequestsQueue::Item sequentialRequest = module->queue().front();
         if (sequentialRequest.key != key)
@@ -100,7 +100,7 @@ void SequentialRequestsManager::iterateWaiting(const Handler& visitor)
     }
 }
 
-void SequentialRequestsManager::removeRequestReference(WaitingModules::iterator entry, ModuleInformation* module)
+void SequentialRequestsManager::removeRequestReference(WaitingModules::const_iterator entry, ModuleInformation* module)
 {
     if (entry->second != module)
     {
@@ -116,7 +116,7 @@ void SequentialRequestsManager::removeRequestReference(WaitingModules::iterator 
             << " mmi->getIsRequestInWaitingModules()=" << module->getIsRequestInWaitingModules() << " " << std::endl;
     }
     module->setIsRequestInWaitingModules(false);
-    m_waitingModules.erase(entry);
+    m_waitingModules.change([=](auto& modules) { modules.erase(entry); });
 }
 
 void SequentialRequestsManager::importRequestReferenceInternal(ModuleInformation* module)
@@ -135,14 +135,14 @@ void SequentialRequestsManager::importRequestReferenceInternal(ModuleInformation
     }
     if (!module->queue().empty())
     {
-        m_waitingModules.emplace(module->queue().front().key, module);
+        m_waitingModules.change([=](auto& modules) { modules.emplace(module->queue().front().key, module); });
         module->setIsRequestInWaitingModules(true);
     }
 }
 
 void SequentialRequestsManager::iterateAll(const Handler& visitor)
 {
-    for (ModuleInformation* const module : m_modulesInfo)
+    for (ModuleInformation* const module : *m_modulesInfo)
     {
         iterateModule(visitor, module);
     }
@@ -167,7 +167,7 @@ void SequentialRequestsManager::iterateModule(const Handler& visitor, ModuleInfo
     {
         return;
     }
-    if (const auto entry = m_waitingModules.find(firstKey); entry != m_waitingModules.end())
+    if (const auto entry = m_waitingModules->find(firstKey); entry != m_waitingModules->end())
     {
         removeRequestReference(entry, module);
         importRequestReferenceInternal(module);
@@ -190,9 +190,10 @@ bool SequentialRequestsManager::checkInvariants() const
             return true;
         }
         const auto entry =
-            module->queue().empty() ? m_waitingModules.end() : m_waitingModules.find(module->queue().front().key);
-        return entry != m_waitingModules.end() && entry->second == module;
+            module->queue().empty() ? m_waitingModules->end() : m_waitingModules->find(module->queue().front().key);
+        return entry != m_waitingModules->end() && entry->second == module;
     };
-    const auto waiting = std::ranges::count_if(m_modulesInfo, &ModuleInformation::getIsRequestInWaitingModules);
-    return std::ranges::all_of(m_modulesInfo, isSound) && static_cast<std::size_t>(waiting) == m_waitingModules.size();
+    const auto waiting = std::ranges::count_if(*m_modulesInfo, &ModuleInformation::getIsRequestInWaitingModules);
+    return std::ranges::all_of(*m_modulesInfo, isSound) &&
+           static_cast<std::size_t>(waiting) == m_waitingModules->size();
 }

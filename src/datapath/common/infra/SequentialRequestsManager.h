@@ -57,7 +57,7 @@ class SequentialRequestsManager
 public:
     using Handler = WaitingRequestsQueue_Internal::ISequentialItemHandler;
     using ModuleInformation = SequentialRequestsManager_Internal::ModuleInformation;
-    using WaitingModules = StlMemShiledContainer<std::map<std::uint64_t, ModuleInformation*>>;
+    using WaitingModules = std::map<std::uint64_t, ModuleInformation*>;
 
     explicit SequentialRequestsManager(const std::string& name);
 
@@ -76,12 +76,12 @@ public:
     void iterateAll(const Handler& visitor, ModuleInformation* module);
 
     /// Takes the entry of a module, which must be that one's, away.
-    void removeRequestReference(WaitingModules::iterator entry, ModuleInformation* module);
+    void removeRequestReference(WaitingModules::const_iterator entry, ModuleInformation* module);
 
     /// Lets a module wait with its oldest request, if it has one. It must not wait already.
     void importRequestReferenceInternal(ModuleInformation* module);
 
-    [[nodiscard]] bool hasWaiting() const { return !m_waitingModules.empty(); }
+    [[nodiscard]] bool hasWaiting() const { return !m_waitingModules->empty(); }
 
     /// For tests: whether the entries, the flags and the oldest keys of all modules agree.
     [[nodiscard]] bool checkInvariants() const;
@@ -89,6 +89,6 @@ public:
 private:
     void iterateModule(const Handler& visitor, ModuleInformation* module);
 
-    WaitingModules m_waitingModules;                                                     // by key
+    StlMemShiledContainer<WaitingModules> m_waitingModules;                              // by key
     StlMemShiledContainer<std::set<ModuleInformation*>> m_modulesInfo{"WaitingModules"}; // those subscribed
 };

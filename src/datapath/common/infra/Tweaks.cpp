@@ -116,7 +116,8 @@ Tweaks& Tweaks::instance()
 
 Tweaks::Tweaks()
 {
-    m_tweaks.max_load_factor(0.25F); // looking at an entry is expensive, because entries lie far apart in memory
+    // Looking at an entry is expensive, because entries lie far apart in memory.
+    m_tweaks.change([](auto& tweaks) { tweaks.max_load_factor(0.25F); });
     Directories::ensureExists(std::string("test_appdata") + platform::PATH_SEPARATOR);
     loadFromFiles();
     m_isInitialized = true;
@@ -125,7 +126,7 @@ Tweaks::Tweaks()
 void Tweaks::reserve(std::size_t more)
 {
     const MutexGuard guard(m_mutex);
-    m_tweaks.reserve(m_tweaks.size() + more);
+    m_tweaks.change([=](auto& tweaks) { tweaks.reserve(tweaks.size() + more); });
 }
 
 std::string Tweaks::update(const std::string& name, const std::string& valueText)
@@ -133,10 +134,10 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
     std::string replaced;
     {
         const MutexGuard guard(m_mutex);
-        if (const auto found = m_tweaks.find(name); found != m_tweaks.end())
+        if (const auto found = m_tweaks->find(name); found != m_tweaks->end())
         {
             replaced = found->second.toString();
-            m_tweaks.erase(found);
+            m_tweaks.change([&](auto& tweaks) { tweaks.erase(found); });
         }
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Updating tweak: "
                                                             << " name=" << name << " "
@@ -144,7 +145,8 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
                                                             << " ret=" << replaced << " " << std::endl;
         if (!valueText.empty())
         {
-            m_tweaks.emplace(name, Tweak(valueText, name, m_fileName));
+            Tweak tweak(valueText, name, m_fileName);
+            m_tweaks.change([&](auto& tweaks) { tweaks.emplace(name, std::move(tweak)); });
         }
     }
     notifyDynamicTweaks();
@@ -155,14 +157,15 @@ bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& v
 {
     {
         const MutexGuard guard(m_mutex);
-        if (m_tweaks.contains(name))
+        if (m_tweaks->contains(name))
         {
             return false;
         }
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "default tweak added:  name=" << name << " "
                                                             << " val=" << valueText << " "
                                                             << " ret= " << std::endl;
-        m_tweaks.emplace(name, Tweak(valueText, name, m_fileName));
+        Tweak tweak(valueText, name, m_fileName);
+        m_tweaks.change([&](auto& tweaks) { tweaks.emplace(name, std::move(tweak)); });
     }
     notifyDynamicTweaks();
     return true;
@@ -198,7 +201,7 @@ std::int64_t Tweaks::longVal(std::string_view name, std::optional<std::int64_t> 
 
 std::int64_t Tweaks::findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
 {
-    if (const auto found = m_tweaks.find(name); found != m_tweaks.end())
+    if (const auto found = m_tweaks->find(name); found != m_tweaks->end())
     {
         if (!found->second.isInt())
         {
@@ -259,7 +262,7 @@ void Tweaks::print() const
 {
     const MutexGuard guard(m_mutex);
     std::vector<const Map::value_type*> listed;
-    for (const auto& entry : m_tweaks)
+    for (const auto& entry : *m_tweaks)
     {
         listed.push_back(&entry);
     }

@@ -31,13 +31,10 @@ TEST(MemWatchedContainers, AReportSumsByNameAndEstimatesMemory)
         StlMemShiledContainer<std::set<int>> moreTimers("Timers");
         StlMemShiledContainer<std::queue<int*>> first("Queue", 8);
         StlMemShiledContainer<std::vector<int>> second("Queue", 0xFFFFFFFF, 3); // added up in 32 bits
-        timers[1] = timers[2] = timers[3] = 0;
-        moreTimers.insert({1, 2, 3, 4});
-        for (int i = 0; i < 5; ++i)
-        {
-            first.push(nullptr);
-        }
-        second.resize(7);
+        timers.change([](auto& map) { map[1] = map[2] = map[3] = 0; });
+        moreTimers.change([](auto& set) { set.insert({1, 2, 3, 4}); });
+        EXPECT_THROW(first.change([](auto& queue) { repeat(5, [&] { queue.push(nullptr); }), throw 1; }), int);
+        second.change([](auto& vector) { vector.resize(7); });
         expectReport({"ContainerName = Queue items = 12 memory = 54 (max = 40)", "ContainerName = Timers items = 7",
                       " estimatedTotal=54 in 6 containers"});
     }

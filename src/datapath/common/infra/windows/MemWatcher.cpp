@@ -22,7 +22,9 @@ void MemWatcher::AddThread(std::uint32_t threadId)
     bool isAdded = false;
     {
         const MutexGuard guard(m_mutex);
-        isAdded = m_threads.try_emplace(static_cast<std::int32_t>(threadId), std::move(info)).second;
+        isAdded = m_threads.change([&](auto& threads) {
+            return threads.try_emplace(static_cast<std::int32_t>(threadId), std::move(info)).second;
+        });
     }
     if (isAdded)
     {
@@ -32,14 +34,10 @@ void MemWatcher::AddThread(std::uint32_t threadId)
 
 void MemWatcher::removeThread()
 {
-    ThreadInfo removed; // released when the lock is free again
+    std::map<std::int32_t, ThreadInfo>::node_type removed; // released when the lock is free again
     const MutexGuard guard(m_mutex);
-    if (const auto found = m_threads.find(static_cast<std::int32_t>(platform::currentThreadId()));
-        found != m_threads.end())
-    {
-        removed = std::move(found->second);
-        m_threads.erase(found);
-    }
+    removed = m_threads.change(
+        [](auto& threads) { return threads.extract(static_cast<std::int32_t>(platform::currentThreadId())); });
 }
 
 void MemWatcher::iterateThreads(const Visitor& visitor)
@@ -48,7 +46,7 @@ void MemWatcher::iterateThreads(const Visitor& visitor)
     std::vector<std::pair<std::int32_t, std::uint64_t>> threads;
     {
         const MutexGuard guard(m_mutex);
-        for (const auto& [threadId, info] : m_threads)
+        for (const auto& [threadId, info] : *m_threads)
         {
             threads.emplace_back(threadId, info.tag);
         }
@@ -93,7 +91,7 @@ std::string MemWatcher::threadUsages(std::int64_t totalTicks)
     float total = 0;
     {
         const MutexGuard guard(m_mutex);
-        for (const auto& [threadId, info] : m_threads)
+        for (const auto& [threadId, info] : *m_threads)
         {
             const char* failure = nullptr;
             const std::int64_t ticks = info.monitor->update(failure);

@@ -19,7 +19,7 @@ TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::u
 {
     const MutexGuard guard(m_timersMutex);
     const auto nowMs = static_cast<std::uint64_t>(Clock::instance().readMs());
-    Timer* const replaced = handleToReplace == 0 ? nullptr : m_timers.find(handleToReplace);
+    Timer* const replaced = handleToReplace == 0 ? nullptr : findTimer(handleToReplace);
     if (replaced != nullptr)
     {
         cancel(*replaced);
@@ -44,9 +44,15 @@ WindowsTimer::Order::Entry WindowsTimer::orderOf(Timer& timer)
     return {.timeMs = timer.second.cancelled ? 0 : timer.second.dueMs + 1, .item = &timer};
 }
 
+WindowsTimer::Timer* WindowsTimer::findTimer(TimerHandle handle)
+{
+    return m_timers.change([=](auto& timers) { return timers.find(handle); });
+}
+
 void WindowsTimer::insert(TimerHandle handle, WindowsTimerInfo&& info)
 {
-    const auto [timer, isNew] = m_timers.try_emplace(handle, std::move(info));
+    const auto [timer, isNew] =
+        m_timers.change([&](auto& timers) { return timers.try_emplace(handle, std::move(info)); });
     if (!isNew)
     {
         return;
@@ -57,7 +63,7 @@ void WindowsTimer::insert(TimerHandle handle, WindowsTimerInfo&& info)
     }
     catch (...)
     {
-        m_timers.extract(*timer);
+        m_timers.change([=](auto& timers) { timers.extract(*timer); });
         throw;
     }
 }
@@ -81,7 +87,7 @@ std::optional<WindowsTimer::Completion> WindowsTimer::completionOf(TimerHandle h
 {
     auto made = std::make_unique<Completion>(); // without the lock, because it may create the guarded allocator
     const MutexGuard guard(m_timersMutex);
-    Timer* const timer = m_timers.find(handle);
+    Timer* const timer = findTimer(handle);
     if (timer == nullptr)
     {
         return std::nullopt;
@@ -172,7 +178,7 @@ void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
         WindowsTimerInfo& info = timer.second;
         if (info.cancelled || info.periodMs == 0)
         {
-            ended = m_timers.extract(timer);
+            ended = m_timers.change([&](auto& timers) { return timers.extract(timer); });
         }
         else
         {
@@ -207,7 +213,7 @@ bool WindowsTimer::checkInvariants()
     const MutexGuard activation(m_activationMutex);
     const MutexGuard guard(m_timersMutex);
     std::vector<Timer*> timers;
-    m_timers.forEach([&](Timer& timer) { timers.push_back(&timer); });
+    m_timers.change([&](auto& all) { all.forEach([&](Timer& timer) { timers.push_back(&timer); }); });
     std::size_t found = 0;
     for (Timer* const timer : timers)
     {
@@ -215,7 +221,7 @@ bool WindowsTimer::checkInvariants()
         found += m_order.contains(orderOf(*timer)) != isTaken ? 1U : 0U;
     }
     const std::size_t count = m_order.size() + m_taken.size();
-    return found == count && m_order.checkInvariants() && count == m_timers.size() && m_timers.itemCount() == count;
+    return found == count && m_order.checkInvariants() && count == m_timers->size() && m_timers.itemCount() == count;
 }
 
 void WindowsTimer::setNextHandle(TimerHandle handle)

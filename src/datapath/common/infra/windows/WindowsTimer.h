@@ -76,7 +76,7 @@ protected:
 
 private:
     using Timers = StlMemShiledContainer<HandleMap<WindowsTimerInfo>>;
-    using Timer = Timers::Entry;
+    using Timer = HandleMap<WindowsTimerInfo>::Entry;
     using Order = DueOrder<Timer*>;
 
     /// A timer that a pass has taken and not called or erased yet.
@@ -90,6 +90,7 @@ private:
     };
 
     [[nodiscard]] static Order::Entry orderOf(Timer& timer);
+    [[nodiscard]] Timer* findTimer(TimerHandle handle) REQUIRES(m_timersMutex);
     void insert(TimerHandle handle, WindowsTimerInfo&& info) REQUIRES(m_timersMutex);
     void cancel(Timer& timer) REQUIRES(m_timersMutex);
     void sortTaken() REQUIRES(m_activationMutex);
