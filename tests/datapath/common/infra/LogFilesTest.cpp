@@ -30,7 +30,7 @@ struct OpenLogFiles : LogFiles
 {
     explicit OpenLogFiles(const Settings& settings) : LogFiles(settings) { EXPECT_TRUE(open()); }
 
-    void writeAndFlush(std::string_view text) { write(text), flush(); }
+    void writeAndFlush(std::string_view text, bool isFirst = true) { write(text, isFirst), flush(); }
 };
 
 struct LogFilesTest : testing::Test
@@ -128,6 +128,9 @@ TEST_F(LogFilesTest, AFileIsFullWhenItHasPassedTheLimitWhoeverWroteIt)
     std::filesystem::remove(folder.path("log.txt"));
     files.writeAndFlush("in a new file\n");
     EXPECT_EQ("in a new file\n", text("log.txt"));
+    files.write(std::string(LIMIT, 'x'), true, false);
+    files.writeAndFlush("its last part\n", false);
+    EXPECT_TRUE(text("log.txt").ends_with("xits last part\n"));
 }
 
 TEST_F(LogFilesTest, WhateverTheDiskTakesTextsAreWholeAndInOneFile)
