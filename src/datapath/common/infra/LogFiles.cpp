@@ -16,7 +16,6 @@ namespace
 constexpr std::string_view TEXT_SUFFIX = ".txt";
 constexpr std::string_view COMPRESSED_SUFFIX = ".gz";
 constexpr std::size_t MIN_DIGITS = 6;
-constexpr std::uint64_t MAX_FILE_LENGTH = 10'485'760; // bytes; a longer live file is numbered
 
 std::string directoryOf(const std::string& path)
 {
@@ -142,16 +141,6 @@ bool LogFiles::openLiveFile()
     }
     std::cout << "failed to open logger file. going to work without logger" << std::endl;
     return false;
-}
-
-void LogFiles::write(std::string_view part, bool isFirst, bool isLast)
-{
-    // The flush: a file is not moved away from the end of a text that it has in part.
-    if (isFirst && m_stream.isLongerThan(MAX_FILE_LENGTH) && m_stream.flush())
-    {
-        rotate();
-    }
-    m_stream.write(part, isFirst, isLast);
 }
 
 std::string LogFiles::liveFile(const std::string& basePath) { return withSuffixes(basePath, false); }

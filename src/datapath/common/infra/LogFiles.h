@@ -43,7 +43,15 @@ public:
 
     /// Appends a text or, one after the other, the parts of a text; all parts go to the same file. Dropped while no
     /// file is open.
-    void write(std::string_view part, bool isFirst = true, bool isLast = true);
+    void write(std::string_view part, bool isFirst = true, bool isLast = true)
+    {
+        // The flush: a file is not moved away from the end of a text that it has in part.
+        if (isFirst && m_stream.isLongerThan(MAX_FILE_LENGTH) && m_stream.flush())
+        {
+            rotate();
+        }
+        m_stream.write(part, isFirst, isLast);
+    }
 
     /// Hands every whole text on to the system.
     void flush() { m_stream.flush(); }
@@ -52,6 +60,8 @@ public:
     [[nodiscard]] static std::string liveFile(const std::string& basePath);
 
 private:
+    static constexpr std::uint64_t MAX_FILE_LENGTH = 10'485'760; // bytes; a longer live file is numbered
+
     [[nodiscard]] bool openLiveFile();
     void rotate();
     [[nodiscard]] std::string rotatedFileName(std::int64_t number) const;
