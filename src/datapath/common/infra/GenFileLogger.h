@@ -14,7 +14,7 @@
 // standard error, and logging goes on. The destructor writes what is queued; no other thread may use the logger
 // by then.
 //
-// The writer in the asynchronous mode, by what can make it write:
+// States of the writer in the asynchronous mode:
 //
 //                    nothing is urgent                      1 ms later, the queue is empty
 //      +---------+ ---------------------> +-----------+ ---------------------> +----------+
@@ -24,11 +24,11 @@
 //        +--------------------------------------------------------------------------+
 //                                     any text or flush
 //
-// While lines come in quick succession, Lingering saves waking the writer for each of them, and taking the queue's lock
-// for each. The file ends where a text ends then, and nothing lies in memory. A writer that flushes every line does not
-// linger. Invariants, whenever m_queueMutex is free:
-// - The queue of a writer that is Sleeping is empty, and that of a writer that is Lingering has nothing urgent.
-// - Whoever makes a waiting writer Working sets m_queueEvent, once.
+// While lines come in quick succession, a writer that lingers need not be woken for each of them, and it does not take
+// the queue's lock for each. Before it waits, it has handed everything to the system, and the file ends where a text
+// ends. A writer that flushes every line goes to sleep without lingering. Invariants, whenever m_queueMutex is free:
+// - While the writer is Sleeping the queue is empty; while it is Lingering nothing in the queue is urgent.
+// - A thread that changes the state from Lingering or Sleeping to Working sets m_queueEvent once after that.
 
 #include "datapath/common/infra/FlushRequests.h"
 #include "datapath/common/infra/GuardedPtr.h"
@@ -51,16 +51,16 @@ public:
     struct Settings
     {
         LogFiles::Settings files;
-        std::uint32_t maxBytes = 0;         ///< budget of queued text
-        std::uint32_t resumeBytes = 0;      ///< once the budget is used up, text is taken again when so much is queued
-        std::uint32_t flushMaxPeriodMs = 0; ///< longest wait for a flush; 0: no limit
-        bool flushEveryLine = true;         ///< the synchronous mode
-        bool asyncFlushEveryLine = false;   ///< asynchronous mode: the writer flushes after every text
+        std::uint32_t maxBytes = 0;                     ///< budget of queued text
+        std::uint32_t resumeBytes = 0;                  ///< a pause ends when no more than this is queued
+        std::uint32_t flushMaxPeriodMs = 0;             ///< longest wait for a flush; 0: no limit
+        bool flushEveryLine = true;                     ///< the synchronous mode
+        bool asyncFlushEveryLine = false;               ///< asynchronous mode: the writer flushes after every text
         std::string threadType = "class GenFileLogger"; ///< what the log calls the writer
     };
 
-    /// The settings of a logger in the synchronous mode, as far as tweaks say how it is to be. The budget is taken
-    /// modulo 4 GiB, but 4294967295 MiB is the largest one.
+    /// The settings that the tweaks give, in the synchronous mode. maxMemoryMiB is the budget modulo 4096 MiB;
+    /// 4294967295 stands for 4 GiB.
     [[nodiscard]] static Settings tweakedSettings(const std::string& path, std::uint32_t maxMemoryMiB);
 
     /// Opens the live file and starts the writer, and returns when both are ready. Without an open file there is no
@@ -134,8 +134,8 @@ private:
     WriterState m_writerState GUARDED_BY(m_queueMutex) = WriterState::Sleeping;
     Trigger m_queueEvent;                                    // lets the writer go on
     GuardedPtr<HeapMemoryAllocationTracker> m_memoryTracker; // the budget of queued text
-    bool m_isInsideText = false;                             // of the thread that writes the queue: a text is cut here
-    platform::Atomic<std::uint32_t> m_writerId = 0;          // the writer's thread, 0 while there is none
+    bool m_isInsideText = false; // the last piece written does not end its text; only the writer uses it
+    platform::Atomic<std::uint32_t> m_writerId = 0; // the writer's thread, 0 while there is none
     platform::Atomic<bool> m_isStopping = false;
     Semaphore m_writerStarted{0};
     Semaphore m_writerEnded{0};
