@@ -6,7 +6,7 @@
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
-#include "datapath/common/infra/RcStatus.h"
+#include "datapath/common/infra/base/RcStatus.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,8 +1,8 @@
 // What exploring finds, and the library's smallest parts under every schedule.
 
 #include "datapath/common/infra/Semaphore.h"
-#include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Trigger.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "platform/Process.h"
 #include "platform/Threads.h"
 #include "tests/simulated/Scenarios.h"

@@ -1,7 +1,7 @@
 #include "datapath/common/infra/Clock.h"
 
 #include "datapath/common/infra/FatalCheck.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "platform/Time.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 #include "datapath/common/infra/ConsistentFile.h"
 
-#include "datapath/common/infra/Crc32.h"
 #include "datapath/common/infra/InputTextFile.h"
 #include "datapath/common/infra/LogItem.h"
-#include "datapath/common/infra/TextLines.h"
+#include "datapath/common/infra/base/Crc32.h"
+#include "datapath/common/infra/base/TextLines.h"
 
 #include <cstdlib>
 #include <utility>

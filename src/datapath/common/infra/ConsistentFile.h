@@ -16,7 +16,7 @@
 // This class only reads. It logs what is wrong with a copy.
 
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/RcStatus.h"
+#include "datapath/common/infra/base/RcStatus.h"
 
 #include <cstdint>
 #include <iosfwd>

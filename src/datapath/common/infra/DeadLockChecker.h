@@ -15,8 +15,8 @@
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/RcStatus.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/RcStatus.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "datapath/common/infra/windows/ThreadWrapper.h"
 #include "platform/Atomic.h"
 

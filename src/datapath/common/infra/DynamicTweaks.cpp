@@ -1,7 +1,7 @@
 #include "datapath/common/infra/DynamicTweaks.h"
 
-#include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "datapath/common/infra/base/Singleton.h"
 
 namespace
 {

@@ -1,7 +1,7 @@
 #include "datapath/common/infra/FileLoggerClient.h"
 
 #include "datapath/common/infra/Tweaks.h"
-#include "datapath/common/infra/UtcTimestamp.h"
+#include "datapath/common/infra/base/UtcTimestamp.h"
 
 #include <iostream>
 

@@ -1,7 +1,7 @@
 #include "datapath/common/infra/GenFileLogger.h"
 
 #include "datapath/common/infra/Tweaks.h"
-#include "datapath/common/infra/UtcTimestamp.h"
+#include "datapath/common/infra/base/UtcTimestamp.h"
 #include "platform/Files.h"
 #include "platform/Threads.h"
 

@@ -1,6 +1,6 @@
 #include "datapath/common/infra/Log.h"
 
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "platform/Process.h"
 #include "platform/Threads.h"
 

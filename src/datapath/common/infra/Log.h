@@ -10,10 +10,10 @@
 //
 // Lines are made with a LogItem. The hub also keeps the names of the program's threads.
 
-#include "datapath/common/infra/ClientVisits.h"
 #include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
+#include "datapath/common/infra/base/ClientVisits.h"
 #include "platform/Atomic.h"
 
 #include <array>

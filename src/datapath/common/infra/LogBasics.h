@@ -8,7 +8,7 @@
 //
 // Any thread may call. Conditions are the text of what should have held.
 
-#include "datapath/common/infra/MethodText.h"
+#include "datapath/common/infra/base/MethodText.h"
 
 #include <cstdint>
 #include <string_view>

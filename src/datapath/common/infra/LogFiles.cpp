@@ -1,6 +1,6 @@
 #include "datapath/common/infra/LogFiles.h"
 
-#include "datapath/common/infra/NumberText.h"
+#include "datapath/common/infra/base/NumberText.h"
 #include "platform/Files.h"
 #include "platform/Text.h"
 

@@ -1,6 +1,6 @@
 #include "datapath/common/infra/LogItem.h"
 
-#include "datapath/common/infra/UtcTimestamp.h"
+#include "datapath/common/infra/base/UtcTimestamp.h"
 #include "platform/Threads.h"
 
 #include <algorithm>

@@ -10,7 +10,7 @@
 // never ends its line sends nothing.
 
 #include "datapath/common/infra/Log.h"
-#include "datapath/common/infra/MethodText.h"
+#include "datapath/common/infra/base/MethodText.h"
 
 #include <array>
 #include <charconv>

@@ -18,8 +18,8 @@
 #include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/SystemHeapBytes.h"
+#include "datapath/common/infra/base/Singleton.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -3,7 +3,7 @@
 // The guarded allocator's own active object, made with it. It has one worker and is given no work.
 
 #include "datapath/common/infra/ActiveObject.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "platform/Atomic.h"
 
 class MemShieldAO final : public Singleton<MemShieldAO, MemShieldAO>, public ActiveObject

@@ -1,7 +1,7 @@
 #include "datapath/common/infra/MemWatchedContainer.h"
 
 #include "datapath/common/infra/LogBasics.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/Singleton.h"
 
 namespace
 {

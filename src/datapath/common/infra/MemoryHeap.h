@@ -14,7 +14,7 @@
 #include "datapath/common/infra/MemoryAllocatorInterface.h"
 #include "datapath/common/infra/ModuleMemoryInformation.h"
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/Singleton.h"
 
 #include <map>
 #include <string>

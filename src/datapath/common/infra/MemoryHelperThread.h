@@ -4,7 +4,7 @@
 // started on first use and never destroyed.
 
 #include "datapath/common/infra/ActiveObject.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "platform/Atomic.h"
 
 class MemoryHelperThread final : public Singleton<MemoryHelperThread, MemoryHelperThread>, public ActiveObject

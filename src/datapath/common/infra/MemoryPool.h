@@ -23,9 +23,9 @@
 #include "datapath/common/infra/MemoryAllocatorInterface.h"
 #include "datapath/common/infra/ModuleMemoryInformation.h"
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/RcStatus.h"
 #include "datapath/common/infra/ScatteredBuf.h"
 #include "datapath/common/infra/SequentialRequestsManager.h"
+#include "datapath/common/infra/base/RcStatus.h"
 
 #include <cstdint>
 #include <map>

@@ -2,8 +2,8 @@
 
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemoryPoolInternal.h"
-#include "datapath/common/infra/Singleton.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "datapath/common/infra/base/Singleton.h"
 
 #include <algorithm>
 #include <functional>

@@ -7,7 +7,7 @@
 // Any thread may call. A Mutex belongs to the thread that has locked it; that thread must not lock it again before it
 // has unlocked it.
 
-#include "datapath/common/infra/ThreadSafety.h"
+#include "datapath/common/infra/base/ThreadSafety.h"
 #include "platform/Atomic.h"
 #include "platform/Spin.h"
 #include "platform/Sync.h"

@@ -4,7 +4,7 @@
 // timers WindowsTimer's.
 
 #include "datapath/common/infra/ITimer.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "platform/Atomic.h"
 
 class Timer final : public Singleton<ITimer, Timer>, public ITimer

@@ -3,8 +3,8 @@
 #include "datapath/common/infra/ConsistentFile.h"
 #include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/InputTextFile.h"
-#include "datapath/common/infra/TextLines.h"
 #include "datapath/common/infra/Tweaks.h"
+#include "datapath/common/infra/base/TextLines.h"
 #include "platform/Text.h"
 
 #include <algorithm>

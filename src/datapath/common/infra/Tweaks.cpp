@@ -1,8 +1,8 @@
 #include "datapath/common/infra/Tweaks.h"
 
 #include "datapath/common/infra/FatalCheck.h"
-#include "datapath/common/infra/NumberText.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/NumberText.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "datapath/common/infra/windows/Directories.h"
 #include "platform/Atomic.h"
 #include "platform/Text.h"

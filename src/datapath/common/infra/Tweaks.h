@@ -15,10 +15,10 @@
 // that reads a tweak while it logs such a line does not wait for its own lock. Code that reads a tweak often reads a
 // member of DynamicTweaks instead.
 
-#include "datapath/common/infra/AsciiCase.h"
 #include "datapath/common/infra/KnownTweaks.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
+#include "datapath/common/infra/base/AsciiCase.h"
 
 #include <cstddef>
 #include <cstdint>

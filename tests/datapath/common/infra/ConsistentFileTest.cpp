@@ -1,6 +1,6 @@
 #include "datapath/common/infra/ConsistentFile.h"
 
-#include "datapath/common/infra/Crc32.h"
+#include "datapath/common/infra/base/Crc32.h"
 #include "datapath/common/infra/windows/Directories.h"
 #include "platform/Files.h"
 #include "platform/Text.h"

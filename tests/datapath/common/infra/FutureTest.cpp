@@ -1,6 +1,6 @@
 #include "datapath/common/infra/Future.h"
 
-#include "datapath/common/infra/RcStatus.h"
+#include "datapath/common/infra/base/RcStatus.h"
 #include "platform/Threads.h"
 #include "tests/support/Support.h"
 

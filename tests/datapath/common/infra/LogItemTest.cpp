@@ -1,5 +1,5 @@
 #include "datapath/common/infra/LogItem.h"
-#include "datapath/common/infra/UtcTimestamp.h"
+#include "datapath/common/infra/base/UtcTimestamp.h"
 #include "platform/Threads.h"
 #include "platform/Time.h"
 #include "tests/support/Support.h"

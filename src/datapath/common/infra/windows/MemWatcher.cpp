@@ -2,7 +2,7 @@
 
 #include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/FatalCheck.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/Singleton.h"
 #include "platform/Threads.h"
 
 #include <algorithm>

@@ -12,14 +12,14 @@
 // the next pass, and one that is due and replaced in the same pass may still be called once. The time that a pass takes
 // depends on the timers that it takes, not on the number that is registered.
 
-#include "datapath/common/infra/DueOrder.h"
 #include "datapath/common/infra/Future.h"
-#include "datapath/common/infra/HandleMap.h"
 #include "datapath/common/infra/ITimer.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/RcStatus.h"
-#include "datapath/common/infra/Singleton.h"
+#include "datapath/common/infra/base/DueOrder.h"
+#include "datapath/common/infra/base/HandleMap.h"
+#include "datapath/common/infra/base/RcStatus.h"
+#include "datapath/common/infra/base/Singleton.h"
 
 #include <cstdint>
 #include <memory>

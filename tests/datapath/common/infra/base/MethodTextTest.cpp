@@ -1,4 +1,4 @@
-#include "datapath/common/infra/MethodText.h"
+#include "datapath/common/infra/base/MethodText.h"
 
 #include "tests/support/Support.h"
 

@@ -1,4 +1,4 @@
-#include "datapath/common/infra/NumberText.h"
+#include "datapath/common/infra/base/NumberText.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,4 +1,4 @@
-#include "datapath/common/infra/UtcTimestamp.h"
+#include "datapath/common/infra/base/UtcTimestamp.h"
 
 #include "platform/Time.h"
 

@@ -1,4 +1,4 @@
-#include "datapath/common/infra/ClientVisits.h"
+#include "datapath/common/infra/base/ClientVisits.h"
 
 #include "platform/Threads.h"
 

@@ -1,4 +1,4 @@
-#include "datapath/common/infra/Crc32.h"
+#include "datapath/common/infra/base/Crc32.h"
 
 #include <array>
 #include <cstring>
