@@ -197,21 +197,21 @@ template <class Pool> void measureActions(const std::string& name, int workers, 
         });
     }
     awaitWorkers(pool, workers);
-    const auto begin = Clock::now();
+    const auto begin = SteadyClock::now();
     start.arrive_and_wait();
     turn.acquire();
     results["active/" + std::to_string(workers) + "w/" + std::to_string(producers) + "p/" + name].push_back(
-        nsBetween(begin, Clock::now()) / ACTIONS);
+        nsBetween(begin, SteadyClock::now()) / ACTIONS);
 }
 
 /// From just before the call that posts to the first instruction of the work.
 template <class Pool> double wakeUp(Pool& pool)
 {
     std::this_thread::sleep_for(UNTIL_ASLEEP);
-    Clock::time_point woken;
-    const auto begin = Clock::now();
+    SteadyClock::time_point woken;
+    const auto begin = SteadyClock::now();
     pool.post([&woken] {
-        woken = Clock::now();
+        woken = SteadyClock::now();
         turn.release();
     });
     turn.acquire();
@@ -268,46 +268,46 @@ template <class Future> void measureHandover(const std::string& name)
         }
     });
     std::this_thread::sleep_for(UNTIL_ASLEEP);
-    const auto begin = Clock::now();
+    const auto begin = SteadyClock::now();
     for (std::size_t i = 0; i < ROUNDS; ++i)
     {
         there[i].set();
         sink += back[i].get();
     }
-    results["future/handover/" + name].push_back(nsBetween(begin, Clock::now()) / ROUNDS);
+    results["future/handover/" + name].push_back(nsBetween(begin, SteadyClock::now()) / ROUNDS);
 }
 
 template <class Future> void measureSingle(const std::string& name)
 {
-    const auto begin = Clock::now();
+    const auto begin = SteadyClock::now();
     for (int i = 0; i < SINGLES; ++i)
     {
         Future future;
         future.set();
         sink += future.get();
     }
-    results["future/single/" + name].push_back(nsBetween(begin, Clock::now()) / SINGLES);
+    results["future/single/" + name].push_back(nsBetween(begin, SteadyClock::now()) / SINGLES);
 }
 
 /// From just before the call that sets to the return of the one that gets, which has waited for long.
 template <class Future> void measureAsleep(const std::string& name)
 {
     std::vector<Future> futures(SLEEPS);
-    std::vector<Clock::time_point> begins(SLEEPS);
+    std::vector<SteadyClock::time_point> begins(SLEEPS);
     std::vector<double> times(SLEEPS);
     std::thread waiter([&] {
         for (std::size_t i = 0; i < SLEEPS; ++i)
         {
             turn.release();
             sink += futures[i].get();
-            times[i] = nsBetween(begins[i], Clock::now());
+            times[i] = nsBetween(begins[i], SteadyClock::now());
         }
     });
     for (std::size_t i = 0; i < SLEEPS; ++i)
     {
         turn.acquire();
         std::this_thread::sleep_for(200us);
-        begins[i] = Clock::now();
+        begins[i] = SteadyClock::now();
         futures[i].set();
     }
     waiter.join();

@@ -43,25 +43,25 @@ void measure(const std::string& name, int threads, int lines, const Log& log, co
             {
                 std::this_thread::yield();
             }
-            const auto start = Clock::now();
+            const auto start = SteadyClock::now();
             for (int line = 0; line < share; ++line)
             {
                 log(line);
             }
-            inCalls += nsBetween(start, Clock::now());
+            inCalls += nsBetween(start, SteadyClock::now());
         });
     }
     while (ready < threads)
     {
         std::this_thread::yield();
     }
-    const auto start = Clock::now();
+    const auto start = SteadyClock::now();
     ++ready;
     std::ranges::for_each(producers, &std::thread::join);
     finish();
     const std::string key = name + "/" + std::to_string(threads);
     results[key + "/call"].push_back(inCalls / (share * threads));
-    results[key + "/line"].push_back(nsBetween(start, Clock::now()) / (share * threads));
+    results[key + "/line"].push_back(nsBetween(start, SteadyClock::now()) / (share * threads));
 }
 
 /// The time that 999 of 1000 calls do not exceed.
@@ -74,9 +74,9 @@ template <class Log> void measureTail(const std::string& name, int threads, cons
         producers.emplace_back([&] {
             for (int line = 0; line < TIMED_LINES / threads; ++line)
             {
-                const auto start = Clock::now();
+                const auto start = SteadyClock::now();
                 log(line);
-                mine.push_back(nsBetween(start, Clock::now()));
+                mine.push_back(nsBetween(start, SteadyClock::now()));
             }
         });
     }
@@ -165,14 +165,14 @@ void measureBytes()
         block += line;
     }
     const int lines = static_cast<int>(block.size() / line.size());
-    const auto start = Clock::now();
+    const auto start = SteadyClock::now();
     const platform::OpenedFile file = platform::openFile("bytes.txt", platform::OpenMode::Append);
     for (int written = 0; written < LINES; written += lines)
     {
         static_cast<void>(platform::writeFile(file.handle, block.data(), block.size()));
     }
     platform::closeFile(file.handle);
-    results["bytes/1/line"].push_back(nsBetween(start, Clock::now()) / LINES);
+    results["bytes/1/line"].push_back(nsBetween(start, SteadyClock::now()) / LINES);
     std::filesystem::remove("bytes.txt");
 }
 
@@ -190,9 +190,9 @@ void measureRotation()
         std::ofstream("many/log.txt").close();
         std::filesystem::resize_file("many/log.txt", FILE_LENGTH + 1);
         GenFileLogger logger(base, 1);
-        const auto start = Clock::now();
+        const auto start = SteadyClock::now();
         logger.write("line\n", 5);
-        results["rotation/1/call"].push_back(nsBetween(start, Clock::now()));
+        results["rotation/1/call"].push_back(nsBetween(start, SteadyClock::now()));
     }
     std::filesystem::remove_all("many");
 }

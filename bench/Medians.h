@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
 constexpr int REPETITIONS = 5;
 
 inline std::map<std::string, std::vector<double>> results; // one for each repetition
 
-inline double nsBetween(Clock::time_point start, Clock::time_point end)
+inline double nsBetween(SteadyClock::time_point start, SteadyClock::time_point end)
 {
     return std::chrono::duration<double, std::nano>(end - start).count();
 }

@@ -1,6 +1,7 @@
 // Timers: 10,000 wait, with intervals of up to 10 s; in each round as many come as expire in the 100 ms between two
 // passes. The peers write the same line for a new timer and, but for asio, read the same clock as often.
 
+#include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/windows/WindowsTimer.h"
 #include "platform/Time.h"
@@ -23,8 +24,9 @@
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
+constexpr MethodText ADD_METHOD = MethodText::of("Timers::add");
 constexpr std::uint32_t LONGEST_MS = 10'000;
 constexpr std::uint32_t PASS_MS = 100;
 constexpr int A_ROUND = 200; // 2 a ms, and each waits for 5,000 ms on average
@@ -91,14 +93,14 @@ template <class Record> struct Multimap
         record.callback = count;
         record.context = context;
         const std::lock_guard guard(mutex);
-        timers.emplace(clock->getTimestampMs() + intervalMs, std::move(record));
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        timers.emplace(clock.readMs() + intervalMs, std::move(record));
+        LogItem(LoggerId::NON, LogLevel::Info, ADD_METHOD)
             << "added timer old=" << 0U << " new=" << ++lastHandle << std::endl;
     }
 
     void expire()
     {
-        const std::int64_t nowMs = clock->getTimestampMs();
+        const std::int64_t nowMs = clock.readMs();
         for (;;)
         {
             std::unique_lock lock(mutex);
@@ -108,11 +110,11 @@ template <class Record> struct Multimap
             }
             auto timer = timers.extract(timers.begin());
             lock.unlock();
-            const std::int64_t startMs = clock->getTimestampMs();
+            const std::int64_t startMs = clock.readMs();
             timer.mapped().callback(timer.mapped().context);
-            if (clock->getTimestampMs() - startMs > 2'000)
+            if (clock.readMs() - startMs > 2'000)
             {
-                LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "slow" << std::endl;
+                LogItem(LoggerId::NON, LogLevel::Error, ADD_METHOD) << "slow" << std::endl;
             }
             if (timer.mapped().periodMs != 0)
             {
@@ -126,7 +128,7 @@ template <class Record> struct Multimap
     void pass() const { time.pass(); }
 
     PassingTime time;
-    std::unique_ptr<WindowsTimer> clock = std::make_unique<WindowsTimer>();
+    Clock clock;
     std::mutex mutex;
     std::multimap<std::int64_t, Record> timers;
     std::uint32_t lastHandle = 0;
@@ -144,7 +146,7 @@ struct Asio
         Timer& started = *timer;
         started.async_wait(
             [context, owned = std::move(timer)](const boost::system::error_code& /*error*/) { count(context); });
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Info, ADD_METHOD)
             << "added timer old=" << 0U << " new=" << ++lastHandle << std::endl;
     }
 
@@ -167,16 +169,16 @@ template <class Timers, bool IS_EXPIRY> void rounds(benchmark::State& state)
     for (int round = -static_cast<int>(2 * LONGEST_MS / PASS_MS); round < 0 || state.KeepRunning(); ++round)
     {
         const std::uint64_t before = expired;
-        const auto start = Clock::now();
+        const auto start = SteadyClock::now();
         for (int i = 0; i < A_ROUND; ++i)
         {
             timers.add(&expired, intervalMs(random));
         }
-        const auto added = Clock::now();
+        const auto added = SteadyClock::now();
         timers.pass();
-        const auto passed = Clock::now();
+        const auto passed = SteadyClock::now();
         timers.expire();
-        const auto end = Clock::now();
+        const auto end = SteadyClock::now();
         if (round >= 0)
         {
             state.SetIterationTime(std::chrono::duration<double>(IS_EXPIRY ? end - passed : added - start).count());
