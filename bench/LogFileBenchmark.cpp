@@ -198,7 +198,6 @@ void measureRotation()
 }
 
 std::atomic<bool> isDiskStill = false;
-const auto writeFile = platform::fileCalls.writeFile;
 
 /// What the process takes from the heap, in parts of the budget, while a writer cannot write.
 void measureMemory()
@@ -225,12 +224,12 @@ int main()
 {
     std::ofstream("tweaks_extension.txt") << "t_GenFileLoggerMaxFiles = " << FILES << "\n";
     MemShield::setEnabled(false);
-    platform::fileCalls.writeFile = [](platform::FileHandle file, const void* bytes, std::size_t size) {
+    platform::fileCalls.writeFile.current = [](platform::FileHandle file, const void* bytes, std::size_t size) {
         while (isDiskStill)
         {
             std::this_thread::yield();
         }
-        return writeFile(file, bytes, size);
+        return platform::fileCalls.writeFile.original(file, bytes, size);
     };
     constexpr std::uint32_t NEVER_FULL_MIB = 4095;
     static FileLoggerClient client((std::filesystem::current_path() / "ours.log").string(), NEVER_FULL_MIB, "");

@@ -43,7 +43,7 @@ struct PassingTime
         MemShield::setEnabled(false); // before the first block
         if (realCounter == nullptr)
         {
-            realCounter = std::exchange(platform::timeCalls.performanceCounter, [](std::int64_t& ticks) {
+            realCounter = std::exchange(platform::timeCalls.performanceCounter.current, [](std::int64_t& ticks) {
                 const bool isRead = realCounter(ticks);
                 ticks += passedTicks.load(std::memory_order_relaxed);
                 return isRead;

@@ -54,16 +54,16 @@ LastLineClient& lastLineClient()
     Logger::instance().registerClient(&lastLineClient(), Logger::ALL_LEVELS);
     std::cout.rdbuf(nullptr);
     std::cerr.rdbuf(nullptr);
-    processCalls.endProcess = [] { throw ProcessEnded(); };
-    fileCalls.makeFolder = [](const char*) { return 0; };
-    fileCalls.openFile = [](const char* path, OpenMode) {
+    processCalls.endProcess.current = [] { throw ProcessEnded(); };
+    fileCalls.makeFolder.current = [](const char*) { return 0; };
+    fileCalls.openFile.current = [](const char* path, OpenMode) {
         const auto found = files.find(path);
         return found == files.end()
                    ? OpenedFile{FileHandle::Invalid, ErrorNumber::FileNotFound}
                    : OpenedFile{FileHandle{reinterpret_cast<std::intptr_t>(new OpenFile{found->second})},
                                 ErrorNumber::Success};
     };
-    fileCalls.readFile = [](FileHandle file, void* buffer, std::size_t size) {
+    fileCalls.readFile.current = [](FileHandle file, void* buffer, std::size_t size) {
         std::string_view& rest = reinterpret_cast<OpenFile*>(file)->rest;
         // Short reads, so that line ends fall on their borders.
         const std::size_t bytes = std::min({size, rest.size(), rest.size() % 7 + 1});
@@ -71,7 +71,7 @@ LastLineClient& lastLineClient()
         rest.remove_prefix(bytes);
         return Transfer{bytes, ErrorNumber::Success};
     };
-    fileCalls.closeFile = [](FileHandle file) {
+    fileCalls.closeFile.current = [](FileHandle file) {
         delete reinterpret_cast<OpenFile*>(file);
         return ErrorNumber::Success;
     };

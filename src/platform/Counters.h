@@ -3,6 +3,7 @@
 // Counters of the machine and of this process. Every function may be called from any thread; one
 // CpuCounter must not be used from two threads at a time.
 
+#include "platform/Call.h"
 #include "platform/ErrorNumber.h"
 #include "platform/UniqueHandle.h"
 
@@ -46,12 +47,12 @@ enum class ProcessHandle : std::intptr_t
 
 struct CounterCalls
 {
-    CpuCounter (*openCpuCounter)();
-    std::int32_t (*readCpuCounter)(CpuCounter counter, CpuTicks& ticks);
-    void (*closeCpuCounter)(CpuCounter counter);
-    ProcessHandle (*openOwnProcess)();
-    bool (*processMemory)(ProcessHandle process, ProcessMemory& memory);
-    void (*closeProcess)(ProcessHandle process);
+    Call<CpuCounter()> openCpuCounter;
+    Call<std::int32_t(CpuCounter counter, CpuTicks& ticks)> readCpuCounter;
+    Call<void(CpuCounter counter)> closeCpuCounter;
+    Call<ProcessHandle()> openOwnProcess;
+    Call<bool(ProcessHandle process, ProcessMemory& memory)> processMemory;
+    Call<void(ProcessHandle process)> closeProcess;
 };
 
 /// The implementation in use. Tests replace single entries before other threads call them.

@@ -11,6 +11,7 @@
 //
 // All functions but reportFailure belong to the thread that runs the dialog. Its texts are UTF-16.
 
+#include "platform/Call.h"
 #include "platform/ErrorNumber.h"
 
 #include <cstdint>
@@ -59,13 +60,14 @@ struct ModuleResources
 
 struct DialogCalls
 {
-    std::intptr_t (*runDialog)(ModuleHandle module, int dialogId, DialogProcedure procedure);
-    bool (*endDialog)(DialogHandle dialog, std::intptr_t result);
-    ControlHandle (*dialogItem)(DialogHandle dialog, int controlId);
-    bool (*enableControl)(ControlHandle control, bool enable);
-    std::intptr_t (*sendItemMessage)(DialogHandle dialog, int controlId, std::uint32_t message, std::uintptr_t wParam,
-                                     std::intptr_t lParam);
-    void (*reportFailure)(const std::string& what, ErrorNumber error, const std::string& more);
+    Call<std::intptr_t(ModuleHandle module, int dialogId, DialogProcedure procedure)> runDialog;
+    Call<bool(DialogHandle dialog, std::intptr_t result)> endDialog;
+    Call<ControlHandle(DialogHandle dialog, int controlId)> dialogItem;
+    Call<bool(ControlHandle control, bool enable)> enableControl;
+    Call<std::intptr_t(DialogHandle dialog, int controlId, std::uint32_t message, std::uintptr_t wParam,
+                       std::intptr_t lParam)>
+        sendItemMessage;
+    Call<void(const std::string& what, ErrorNumber error, const std::string& more)> reportFailure;
 };
 
 /// The implementation in use. Tests replace single entries.

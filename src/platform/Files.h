@@ -7,6 +7,7 @@
 // closed once. Opened handles are never inherited by started processes, and other programs may
 // read, rename and delete a file while it is open here.
 
+#include "platform/Call.h"
 #include "platform/ErrorNumber.h"
 #include "platform/UniqueHandle.h"
 
@@ -67,19 +68,19 @@ struct OpenedFolder
 
 struct FileCalls
 {
-    OpenedFile (*openFile)(const char* path, OpenMode mode);
-    Transfer (*readFile)(FileHandle file, void* buffer, std::size_t size);
-    Transfer (*writeFile)(FileHandle file, const void* bytes, std::size_t size);
-    FileLength (*lengthOfFile)(FileHandle file);
-    ErrorNumber (*closeFile)(FileHandle file);
-    ErrorNumber (*createFolder)(const char* path);
-    int (*makeFolder)(const char* path);
-    bool (*pathExists)(const char* path);
-    int (*removeFile)(const char* path);
-    int (*renameFile)(const char* from, const char* to);
-    OpenedFolder (*findFirstEntry)(const char* folder, FolderEntry& entry);
-    ErrorNumber (*findNextEntry)(FolderHandle folder, FolderEntry& entry);
-    void (*closeFolder)(FolderHandle folder);
+    Call<OpenedFile(const char* path, OpenMode mode)> openFile;
+    Call<Transfer(FileHandle file, void* buffer, std::size_t size)> readFile;
+    Call<Transfer(FileHandle file, const void* bytes, std::size_t size)> writeFile;
+    Call<FileLength(FileHandle file)> lengthOfFile;
+    Call<ErrorNumber(FileHandle file)> closeFile;
+    Call<ErrorNumber(const char* path)> createFolder;
+    Call<int(const char* path)> makeFolder;
+    Call<bool(const char* path)> pathExists;
+    Call<int(const char* path)> removeFile;
+    Call<int(const char* from, const char* to)> renameFile;
+    Call<OpenedFolder(const char* folder, FolderEntry& entry)> findFirstEntry;
+    Call<ErrorNumber(FolderHandle folder, FolderEntry& entry)> findNextEntry;
+    Call<void(FolderHandle folder)> closeFolder;
 };
 
 /// The implementation in use. Tests replace single entries before other threads call them.

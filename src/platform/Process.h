@@ -2,6 +2,7 @@
 
 // The running process and the processes it starts. Every function may be called from any thread.
 
+#include "platform/Call.h"
 #include "platform/ErrorNumber.h"
 
 #include <cstdint>
@@ -13,9 +14,9 @@ namespace platform
 
 struct ProcessCalls
 {
-    std::uint32_t (*moduleFileName)(char* buffer, std::uint32_t size);
-    ErrorNumber (*createProcess)(std::u16string& commandLine);
-    void (*endProcess)();
+    Call<std::uint32_t(char* buffer, std::uint32_t size)> moduleFileName;
+    Call<ErrorNumber(std::u16string& commandLine)> createProcess;
+    Call<void()> endProcess;
 };
 
 /// The implementation in use. Tests replace single entries before other threads call them.

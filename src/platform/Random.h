@@ -3,6 +3,8 @@
 // The C runtime's pseudo-random numbers, with a generator of its own for each thread: rand and srand;
 // rand_r. Good enough to spread load and to draw test values, for nothing else. Any thread may call.
 
+#include "platform/Call.h"
+
 #include <cstdint>
 
 namespace platform
@@ -10,8 +12,8 @@ namespace platform
 
 struct RandomCalls
 {
-    void (*seedRandom)(std::uint32_t seed);
-    std::uint32_t (*nextRandom)();
+    Call<void(std::uint32_t seed)> seedRandom;
+    Call<std::uint32_t()> nextRandom;
 };
 
 /// The implementation in use. Tests replace single entries before other threads call them.

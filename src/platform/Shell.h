@@ -3,6 +3,8 @@
 // Folders that the machine gives to programs, and paths built in fixed buffers. Every function may
 // be called from any thread.
 
+#include "platform/Call.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -14,8 +16,8 @@ inline constexpr std::size_t PATH_BUFFER_SIZE = 260;
 
 struct ShellCalls
 {
-    std::int32_t (*commonAppDataFolder)(char* buffer);
-    bool (*appendToPath)(char* path, const char* more);
+    Call<std::int32_t(char* buffer)> commonAppDataFolder;
+    Call<bool(char* path, const char* more)> appendToPath;
 };
 
 /// The implementation in use. Tests replace single entries before other threads call them.

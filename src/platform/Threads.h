@@ -3,6 +3,7 @@
 // Threads as the system gives them. Every function may be called from any thread. Thread ids are
 // the system's own (GetCurrentThreadId; gettid) and can be used again once a thread has ended.
 
+#include "platform/Call.h"
 #include "platform/ErrorNumber.h"
 #include "platform/UniqueHandle.h"
 
@@ -29,14 +30,14 @@ enum class ThreadHandle : std::intptr_t
 
 struct ThreadCalls
 {
-    ErrorNumber (*startThread)(ThreadProcedure procedure, void* argument, ThreadPriority priority);
-    std::uint32_t (*currentThreadId)();
-    void (*nameThread)(const std::string& name);
-    ThreadHandle (*openThread)(std::uint32_t threadId);
-    std::optional<std::uint64_t> (*threadUserTime)(ThreadHandle thread);
-    void (*closeThread)(ThreadHandle thread);
-    std::uint64_t (*currentThreadCycles)();
-    void (*sleepMs)(std::uint32_t durationMs);
+    Call<ErrorNumber(ThreadProcedure procedure, void* argument, ThreadPriority priority)> startThread;
+    Call<std::uint32_t()> currentThreadId;
+    Call<void(const std::string& name)> nameThread;
+    Call<ThreadHandle(std::uint32_t threadId)> openThread;
+    Call<std::optional<std::uint64_t>(ThreadHandle thread)> threadUserTime;
+    Call<void(ThreadHandle thread)> closeThread;
+    Call<std::uint64_t()> currentThreadCycles;
+    Call<void(std::uint32_t durationMs)> sleepMs;
 };
 
 /// The implementation in use. Tests replace single entries before other threads call them.

@@ -2,6 +2,8 @@
 
 // Clocks as the system gives them. Every function may be called from any thread.
 
+#include "platform/Call.h"
+
 #include <cstdint>
 #include <optional>
 
@@ -29,12 +31,12 @@ struct CpuTime
 
 struct TimeCalls
 {
-    UtcTime (*utcNow)();
-    bool (*performanceCounter)(std::int64_t& ticks);
-    bool (*performanceFrequency)(std::int64_t& ticksPerSecond);
-    std::uint64_t (*tickCountMs)();
-    std::uint32_t (*processorCount)();
-    std::optional<CpuTime> (*processCpuTime)();
+    Call<UtcTime()> utcNow;
+    Call<bool(std::int64_t& ticks)> performanceCounter;
+    Call<bool(std::int64_t& ticksPerSecond)> performanceFrequency;
+    Call<std::uint64_t()> tickCountMs;
+    Call<std::uint32_t()> processorCount;
+    Call<std::optional<CpuTime>()> processCpuTime;
 };
 
 /// The implementation in use. Tests replace single entries before other threads call them.

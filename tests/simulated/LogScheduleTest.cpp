@@ -10,8 +10,6 @@
 namespace
 {
 
-const auto writeFile = platform::fileCalls.writeFile;
-const auto lengthOfFile = platform::fileCalls.lengthOfFile;
 std::uint32_t diskMs = 0; // how long a write takes; 0: another thread may go on first
 int diskWrites = 0;
 
@@ -19,14 +17,14 @@ platform::Transfer writeSlowly(platform::FileHandle file, const void* bytes, std
 {
     ++diskWrites;
     diskMs == 0 ? platform::relax() : platform::sleepMs(diskMs);
-    return writeFile(file, bytes, size);
+    return platform::fileCalls.writeFile.original(file, bytes, size);
 }
 
 constexpr std::uint64_t FULL = 5; // bytes of a file that is rotated
 
 platform::FileLength tenMebibytesWhenFull(platform::FileHandle file)
 {
-    const auto [bytes, error] = lengthOfFile(file);
+    const auto [bytes, error] = platform::fileCalls.lengthOfFile.original(file);
     return {bytes * (10'485'760 / FULL + 1), error};
 }
 

@@ -3,6 +3,7 @@
 // Helpers that tests share.
 
 #include "datapath/common/infra/Log.h"
+#include "platform/Call.h"
 #include "platform/Process.h"
 
 #include <filesystem>
@@ -10,7 +11,6 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -63,9 +63,9 @@ struct HookedClient : LoggerClient
 class ScopedReplacement
 {
 public:
-    template <class Function>
-    ScopedReplacement(Function& entry, std::type_identity_t<Function> replacement)
-        : m_putBack([&entry, original = std::exchange(entry, replacement)] { entry = original; })
+    template <class Signature>
+    ScopedReplacement(platform::Call<Signature>& call, typename platform::Call<Signature>::Function replacement)
+        : m_putBack([&call, replaced = std::exchange(call.current, replacement)] { call.current = replaced; })
     {
     }
     ScopedReplacement(const ScopedReplacement&) = delete;

@@ -95,11 +95,11 @@ void closeProcess(ProcessHandle /*process*/) {}
 
 } // namespace platform::posix
 
-platform::CounterCalls platform::counterCalls = {
-    .openCpuCounter = posix::openCpuCounter,
-    .readCpuCounter = posix::readCpuCounter,
-    .closeCpuCounter = posix::closeCpuCounter,
-    .openOwnProcess = posix::openOwnProcess,
-    .processMemory = posix::processMemory,
-    .closeProcess = posix::closeProcess,
+constinit platform::CounterCalls platform::counterCalls = {
+    .openCpuCounter = {"openCpuCounter", posix::openCpuCounter},
+    .readCpuCounter = {"readCpuCounter", posix::readCpuCounter},
+    .closeCpuCounter = {"closeCpuCounter", posix::closeCpuCounter},
+    .openOwnProcess = {"openOwnProcess", posix::openOwnProcess},
+    .processMemory = {"processMemory", posix::processMemory},
+    .closeProcess = {"closeProcess", posix::closeProcess},
 };

@@ -198,11 +198,11 @@ void reportFailure(const std::string& what, ErrorNumber error, const std::string
 
 } // namespace platform::posix
 
-platform::DialogCalls platform::dialogCalls = {
-    .runDialog = posix::runDialog,
-    .endDialog = posix::endDialog,
-    .dialogItem = posix::dialogItem,
-    .enableControl = posix::enableControl,
-    .sendItemMessage = posix::sendItemMessage,
-    .reportFailure = posix::reportFailure,
+constinit platform::DialogCalls platform::dialogCalls = {
+    .runDialog = {"runDialog", posix::runDialog},
+    .endDialog = {"endDialog", posix::endDialog},
+    .dialogItem = {"dialogItem", posix::dialogItem},
+    .enableControl = {"enableControl", posix::enableControl},
+    .sendItemMessage = {"sendItemMessage", posix::sendItemMessage},
+    .reportFailure = {"reportFailure", posix::reportFailure},
 };

@@ -135,18 +135,18 @@ void closeFolder(FolderHandle folder) { closedir(toStream(folder)); }
 
 } // namespace platform::posix
 
-platform::FileCalls platform::fileCalls = {
-    .openFile = posix::openFile,
-    .readFile = posix::readFile,
-    .writeFile = posix::writeFile,
-    .lengthOfFile = posix::lengthOfFile,
-    .closeFile = posix::closeFile,
-    .createFolder = posix::createFolder,
-    .makeFolder = posix::makeFolder,
-    .pathExists = posix::pathExists,
-    .removeFile = posix::removeFile,
-    .renameFile = posix::renameFile,
-    .findFirstEntry = posix::findFirstEntry,
-    .findNextEntry = posix::findNextEntry,
-    .closeFolder = posix::closeFolder,
+constinit platform::FileCalls platform::fileCalls = {
+    .openFile = {"openFile", posix::openFile},
+    .readFile = {"readFile", posix::readFile},
+    .writeFile = {"writeFile", posix::writeFile},
+    .lengthOfFile = {"lengthOfFile", posix::lengthOfFile},
+    .closeFile = {"closeFile", posix::closeFile},
+    .createFolder = {"createFolder", posix::createFolder},
+    .makeFolder = {"makeFolder", posix::makeFolder},
+    .pathExists = {"pathExists", posix::pathExists},
+    .removeFile = {"removeFile", posix::removeFile},
+    .renameFile = {"renameFile", posix::renameFile},
+    .findFirstEntry = {"findFirstEntry", posix::findFirstEntry},
+    .findNextEntry = {"findNextEntry", posix::findNextEntry},
+    .closeFolder = {"closeFolder", posix::closeFolder},
 };

@@ -174,8 +174,8 @@ void endProcess()
 
 } // namespace platform::posix
 
-platform::ProcessCalls platform::processCalls = {
-    .moduleFileName = posix::moduleFileName,
-    .createProcess = posix::createProcess,
-    .endProcess = posix::endProcess,
+constinit platform::ProcessCalls platform::processCalls = {
+    .moduleFileName = {"moduleFileName", posix::moduleFileName},
+    .createProcess = {"createProcess", posix::createProcess},
+    .endProcess = {"endProcess", posix::endProcess},
 };

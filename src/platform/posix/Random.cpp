@@ -16,7 +16,7 @@ std::uint32_t nextRandom() { return static_cast<std::uint32_t>(rand_r(&generator
 } // namespace
 } // namespace platform::posix
 
-platform::RandomCalls platform::randomCalls = {
-    .seedRandom = posix::seedRandom,
-    .nextRandom = posix::nextRandom,
+constinit platform::RandomCalls platform::randomCalls = {
+    .seedRandom = {"seedRandom", posix::seedRandom},
+    .nextRandom = {"nextRandom", posix::nextRandom},
 };

@@ -48,7 +48,7 @@ bool appendToPath(char* path, const char* more)
 
 } // namespace platform::posix
 
-platform::ShellCalls platform::shellCalls = {
-    .commonAppDataFolder = posix::commonAppDataFolder,
-    .appendToPath = posix::appendToPath,
+constinit platform::ShellCalls platform::shellCalls = {
+    .commonAppDataFolder = {"commonAppDataFolder", posix::commonAppDataFolder},
+    .appendToPath = {"appendToPath", posix::appendToPath},
 };

@@ -1,12 +1,12 @@
 #include "platform/posix/ThreadFunctions.h"
 
-platform::ThreadCalls platform::threadCalls = {
-    .startThread = posix::startThread,
-    .currentThreadId = posix::currentThreadId,
-    .nameThread = posix::nameThread,
-    .openThread = posix::openThread,
-    .threadUserTime = posix::threadUserTime,
-    .closeThread = posix::closeThread,
-    .currentThreadCycles = posix::currentThreadCycles,
-    .sleepMs = posix::sleepMs,
+constinit platform::ThreadCalls platform::threadCalls = {
+    .startThread = {"startThread", posix::startThread},
+    .currentThreadId = {"currentThreadId", posix::currentThreadId},
+    .nameThread = {"nameThread", posix::nameThread},
+    .openThread = {"openThread", posix::openThread},
+    .threadUserTime = {"threadUserTime", posix::threadUserTime},
+    .closeThread = {"closeThread", posix::closeThread},
+    .currentThreadCycles = {"currentThreadCycles", posix::currentThreadCycles},
+    .sleepMs = {"sleepMs", posix::sleepMs},
 };

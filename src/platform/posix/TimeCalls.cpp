@@ -1,10 +1,10 @@
 #include "platform/posix/TimeFunctions.h"
 
-platform::TimeCalls platform::timeCalls = {
-    .utcNow = posix::utcNow,
-    .performanceCounter = posix::performanceCounter,
-    .performanceFrequency = posix::performanceFrequency,
-    .tickCountMs = posix::tickCountMs,
-    .processorCount = posix::processorCount,
-    .processCpuTime = posix::processCpuTime,
+constinit platform::TimeCalls platform::timeCalls = {
+    .utcNow = {"utcNow", posix::utcNow},
+    .performanceCounter = {"performanceCounter", posix::performanceCounter},
+    .performanceFrequency = {"performanceFrequency", posix::performanceFrequency},
+    .tickCountMs = {"tickCountMs", posix::tickCountMs},
+    .processorCount = {"processorCount", posix::processorCount},
+    .processCpuTime = {"processCpuTime", posix::processCpuTime},
 };

@@ -58,22 +58,22 @@ void runScenario(void* scenario) { runThread("scenario", *static_cast<const Scen
 class ScopedEnd
 {
 public:
-    ScopedEnd() : m_endProcess(std::exchange(processCalls.endProcess, endSchedule)) { s_endProcess = m_endProcess; }
+    ScopedEnd() : m_replaced(std::exchange(processCalls.endProcess.current, endSchedule)) { s_replaced = m_replaced; }
     ScopedEnd(const ScopedEnd&) = delete;
     ScopedEnd& operator=(const ScopedEnd&) = delete;
-    ~ScopedEnd() { processCalls.endProcess = m_endProcess; }
+    ~ScopedEnd() { processCalls.endProcess.current = m_replaced; }
 
 private:
     static void endSchedule()
     {
         const std::string waits = Scheduler::instance().describeWaits();
         Scheduler::instance().fail("the process was to end" + (waits.empty() ? "" : " while " + waits));
-        s_endProcess(); // not on a thread of a schedule
+        s_replaced(); // not on a thread of a schedule
     }
 
-    using Entry = void (*)();
-    static constinit inline Entry s_endProcess = nullptr;
-    const Entry m_endProcess;
+    using End = void (*)();
+    static constinit inline End s_replaced = nullptr;
+    const End m_replaced;
 };
 
 void tell(const Exploration& exploration, const std::string& failure, const std::string& schedule)

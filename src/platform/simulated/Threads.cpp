@@ -53,13 +53,13 @@ void sleepMs(std::uint32_t durationMs) { Scheduler::instance().sleep(durationMs)
 
 } // namespace platform::simulated
 
-platform::ThreadCalls platform::threadCalls = {
-    .startThread = simulated::startThread,
-    .currentThreadId = posix::currentThreadId,
-    .nameThread = simulated::nameOwn,
-    .openThread = posix::openThread,
-    .threadUserTime = posix::threadUserTime,
-    .closeThread = posix::closeThread,
-    .currentThreadCycles = posix::currentThreadCycles,
-    .sleepMs = simulated::sleepMs,
+constinit platform::ThreadCalls platform::threadCalls = {
+    .startThread = {"startThread", simulated::startThread},
+    .currentThreadId = {"currentThreadId", posix::currentThreadId},
+    .nameThread = {"nameThread", simulated::nameOwn},
+    .openThread = {"openThread", posix::openThread},
+    .threadUserTime = {"threadUserTime", posix::threadUserTime},
+    .closeThread = {"closeThread", posix::closeThread},
+    .currentThreadCycles = {"currentThreadCycles", posix::currentThreadCycles},
+    .sleepMs = {"sleepMs", simulated::sleepMs},
 };

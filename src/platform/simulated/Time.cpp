@@ -28,11 +28,11 @@ std::uint64_t tickCountMs() { return static_cast<std::uint64_t>(Scheduler::insta
 
 } // namespace platform::simulated
 
-platform::TimeCalls platform::timeCalls = {
-    .utcNow = simulated::utcNow,
-    .performanceCounter = simulated::performanceCounter,
-    .performanceFrequency = posix::performanceFrequency,
-    .tickCountMs = simulated::tickCountMs,
-    .processorCount = posix::processorCount,
-    .processCpuTime = posix::processCpuTime,
+constinit platform::TimeCalls platform::timeCalls = {
+    .utcNow = {"utcNow", simulated::utcNow},
+    .performanceCounter = {"performanceCounter", simulated::performanceCounter},
+    .performanceFrequency = {"performanceFrequency", posix::performanceFrequency},
+    .tickCountMs = {"tickCountMs", simulated::tickCountMs},
+    .processorCount = {"processorCount", posix::processorCount},
+    .processCpuTime = {"processCpuTime", posix::processCpuTime},
 };

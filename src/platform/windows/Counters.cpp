@@ -81,11 +81,11 @@ void closeProcess(ProcessHandle process) { CloseHandle(reinterpret_cast<HANDLE>(
 
 } // namespace platform::windows
 
-platform::CounterCalls platform::counterCalls = {
-    .openCpuCounter = windows::openCpuCounter,
-    .readCpuCounter = windows::readCpuCounter,
-    .closeCpuCounter = windows::closeCpuCounter,
-    .openOwnProcess = windows::openOwnProcess,
-    .processMemory = windows::processMemory,
-    .closeProcess = windows::closeProcess,
+constinit platform::CounterCalls platform::counterCalls = {
+    .openCpuCounter = {"openCpuCounter", windows::openCpuCounter},
+    .readCpuCounter = {"readCpuCounter", windows::readCpuCounter},
+    .closeCpuCounter = {"closeCpuCounter", windows::closeCpuCounter},
+    .openOwnProcess = {"openOwnProcess", windows::openOwnProcess},
+    .processMemory = {"processMemory", windows::processMemory},
+    .closeProcess = {"closeProcess", windows::closeProcess},
 };

@@ -52,11 +52,11 @@ void reportFailure(const std::string& /*what*/, ErrorNumber /*error*/, const std
 
 } // namespace platform::windows
 
-platform::DialogCalls platform::dialogCalls = {
-    .runDialog = windows::runDialog,
-    .endDialog = windows::endDialog,
-    .dialogItem = windows::dialogItem,
-    .enableControl = windows::enableControl,
-    .sendItemMessage = windows::sendItemMessage,
-    .reportFailure = windows::reportFailure,
+constinit platform::DialogCalls platform::dialogCalls = {
+    .runDialog = {"runDialog", windows::runDialog},
+    .endDialog = {"endDialog", windows::endDialog},
+    .dialogItem = {"dialogItem", windows::dialogItem},
+    .enableControl = {"enableControl", windows::enableControl},
+    .sendItemMessage = {"sendItemMessage", windows::sendItemMessage},
+    .reportFailure = {"reportFailure", windows::reportFailure},
 };

@@ -107,18 +107,18 @@ void closeFolder(FolderHandle folder) { FindClose(toHandle(folder)); }
 
 } // namespace platform::windows
 
-platform::FileCalls platform::fileCalls = {
-    .openFile = windows::openFile,
-    .readFile = windows::readFile,
-    .writeFile = windows::writeFile,
-    .lengthOfFile = windows::lengthOfFile,
-    .closeFile = windows::closeFile,
-    .createFolder = windows::createFolder,
-    .makeFolder = windows::makeFolder,
-    .pathExists = windows::pathExists,
-    .removeFile = windows::removeFile,
-    .renameFile = windows::renameFile,
-    .findFirstEntry = windows::findFirstEntry,
-    .findNextEntry = windows::findNextEntry,
-    .closeFolder = windows::closeFolder,
+constinit platform::FileCalls platform::fileCalls = {
+    .openFile = {"openFile", windows::openFile},
+    .readFile = {"readFile", windows::readFile},
+    .writeFile = {"writeFile", windows::writeFile},
+    .lengthOfFile = {"lengthOfFile", windows::lengthOfFile},
+    .closeFile = {"closeFile", windows::closeFile},
+    .createFolder = {"createFolder", windows::createFolder},
+    .makeFolder = {"makeFolder", windows::makeFolder},
+    .pathExists = {"pathExists", windows::pathExists},
+    .removeFile = {"removeFile", windows::removeFile},
+    .renameFile = {"renameFile", windows::renameFile},
+    .findFirstEntry = {"findFirstEntry", windows::findFirstEntry},
+    .findNextEntry = {"findNextEntry", windows::findNextEntry},
+    .closeFolder = {"closeFolder", windows::closeFolder},
 };

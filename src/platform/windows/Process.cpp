@@ -47,8 +47,8 @@ void endProcess()
 
 } // namespace platform::windows
 
-platform::ProcessCalls platform::processCalls = {
-    .moduleFileName = windows::moduleFileName,
-    .createProcess = windows::createProcess,
-    .endProcess = windows::endProcess,
+constinit platform::ProcessCalls platform::processCalls = {
+    .moduleFileName = {"moduleFileName", windows::moduleFileName},
+    .createProcess = {"createProcess", windows::createProcess},
+    .endProcess = {"endProcess", windows::endProcess},
 };

@@ -14,7 +14,7 @@ std::uint32_t nextRandom() { return static_cast<std::uint32_t>(std::rand()); }
 } // namespace
 } // namespace platform::windows
 
-platform::RandomCalls platform::randomCalls = {
-    .seedRandom = windows::seedRandom,
-    .nextRandom = windows::nextRandom,
+constinit platform::RandomCalls platform::randomCalls = {
+    .seedRandom = {"seedRandom", windows::seedRandom},
+    .nextRandom = {"nextRandom", windows::nextRandom},
 };

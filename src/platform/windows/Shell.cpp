@@ -24,7 +24,7 @@ bool appendToPath(char* path, const char* more) { return PathAppendA(path, more)
 
 } // namespace platform::windows
 
-platform::ShellCalls platform::shellCalls = {
-    .commonAppDataFolder = windows::commonAppDataFolder,
-    .appendToPath = windows::appendToPath,
+constinit platform::ShellCalls platform::shellCalls = {
+    .commonAppDataFolder = {"commonAppDataFolder", windows::commonAppDataFolder},
+    .appendToPath = {"appendToPath", windows::appendToPath},
 };

@@ -88,13 +88,13 @@ void sleepMs(std::uint32_t durationMs) { Sleep(durationMs); }
 
 } // namespace platform::windows
 
-platform::ThreadCalls platform::threadCalls = {
-    .startThread = windows::startThread,
-    .currentThreadId = windows::currentThreadId,
-    .nameThread = windows::nameThread,
-    .openThread = windows::openThread,
-    .threadUserTime = windows::threadUserTime,
-    .closeThread = windows::closeThread,
-    .currentThreadCycles = windows::currentThreadCycles,
-    .sleepMs = windows::sleepMs,
+constinit platform::ThreadCalls platform::threadCalls = {
+    .startThread = {"startThread", windows::startThread},
+    .currentThreadId = {"currentThreadId", windows::currentThreadId},
+    .nameThread = {"nameThread", windows::nameThread},
+    .openThread = {"openThread", windows::openThread},
+    .threadUserTime = {"threadUserTime", windows::threadUserTime},
+    .closeThread = {"closeThread", windows::closeThread},
+    .currentThreadCycles = {"currentThreadCycles", windows::currentThreadCycles},
+    .sleepMs = {"sleepMs", windows::sleepMs},
 };

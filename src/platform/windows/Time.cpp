@@ -69,11 +69,11 @@ std::optional<CpuTime> processCpuTime()
 
 } // namespace platform::windows
 
-platform::TimeCalls platform::timeCalls = {
-    .utcNow = windows::utcNow,
-    .performanceCounter = windows::performanceCounter,
-    .performanceFrequency = windows::performanceFrequency,
-    .tickCountMs = windows::tickCountMs,
-    .processorCount = windows::processorCount,
-    .processCpuTime = windows::processCpuTime,
+constinit platform::TimeCalls platform::timeCalls = {
+    .utcNow = {"utcNow", windows::utcNow},
+    .performanceCounter = {"performanceCounter", windows::performanceCounter},
+    .performanceFrequency = {"performanceFrequency", windows::performanceFrequency},
+    .tickCountMs = {"tickCountMs", windows::tickCountMs},
+    .processorCount = {"processorCount", windows::processorCount},
+    .processCpuTime = {"processCpuTime", windows::processCpuTime},
 };

@@ -110,11 +110,10 @@ TEST_F(CheckpointProgram, RunsWithoutALogWhereItsFolderCannotBe)
 TEST_F(CheckpointProgram, ASettingThatCannotBeReadToItsEndStaysEmpty)
 {
     folder.write("program.exe.conf", "host 80");
-    static auto* const realRead = fileCalls.readFile;
     const ScopedReplacement secondReadFails(
         fileCalls.readFile, +[](FileHandle file, void* buffer, std::size_t size) {
             static int reads = 0;
-            return ++reads == 1 ? realRead(file, buffer, size) : Transfer{0, ErrorNumber::IoDevice};
+            return ++reads == 1 ? fileCalls.readFile.original(file, buffer, size) : Transfer{0, ErrorNumber::IoDevice};
         });
     runAgent(u"torn");
     EXPECT_EQ(u"TavroVssAgent.exe -GUI host    \"torn\"", startedCommandLine);

@@ -52,18 +52,16 @@ TEST_F(ConsistentFileTest, ACopyIsNeverTakenForWholeWhateverCallFails)
 {
     ConsistentFile file(path);
     write(0, "1", "one\ntwo\n");
-    static const auto realOpen = platform::fileCalls.openFile;
-    static const auto realRead = platform::fileCalls.readFile;
     static int callsBeforeTheFault = 0;
     const ScopedReplacement opening(
         platform::fileCalls.openFile, +[](const char* name, platform::OpenMode mode) {
             return callsBeforeTheFault-- != 0
-                       ? realOpen(name, mode)
+                       ? platform::fileCalls.openFile.original(name, mode)
                        : platform::OpenedFile{platform::FileHandle::Invalid, ErrorNumber::FileNotFound};
         });
     const ScopedReplacement readingBytes(
         platform::fileCalls.readFile, +[](platform::FileHandle handle, void* buffer, std::size_t) {
-            return callsBeforeTheFault-- != 0 ? realRead(handle, buffer, 1)
+            return callsBeforeTheFault-- != 0 ? platform::fileCalls.readFile.original(handle, buffer, 1)
                                               : platform::Transfer{0, ErrorNumber::IoDevice};
         });
     int calls = 0;

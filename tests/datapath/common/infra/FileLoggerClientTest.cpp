@@ -16,7 +16,6 @@
 namespace
 {
 
-const auto writeFile = platform::fileCalls.writeFile;
 std::atomic<bool> isDiskHeldBack = false;
 std::atomic<int> tornWrites = 0; // writes that do not end where a line ends
 
@@ -24,7 +23,7 @@ platform::Transfer writeWhenAllowed(platform::FileHandle file, const void* bytes
 {
     tornWrites += static_cast<const char*>(bytes)[size - 1] != '\n' ? 1 : 0;
     waitUntil([] { return !isDiskHeldBack; });
-    return writeFile(file, bytes, size);
+    return platform::fileCalls.writeFile.original(file, bytes, size);
 }
 
 void whileDiskIsHeldBack(const std::function<void()>& work)

@@ -28,10 +28,10 @@ TEST(InputTextFile, CarriageReturnsBeforeLineFeedsDisappearWhereverAReadEnds)
     const std::string expectedOfMarked = platform::LINE_END == "\r\n" ? "a\n\r" : "a\n\r\x1A\nb";
     EXPECT_EQ(expectedOfMarked, readAll(marked));
 
-    static const auto realRead = platform::fileCalls.readFile;
     const ScopedReplacement oneByteReads(
-        platform::fileCalls.readFile,
-        +[](platform::FileHandle file, void* buffer, std::size_t) { return realRead(file, buffer, 1); });
+        platform::fileCalls.readFile, +[](platform::FileHandle file, void* buffer, std::size_t) {
+            return platform::fileCalls.readFile.original(file, buffer, 1);
+        });
     EXPECT_EQ(expected, readAll(path));
     EXPECT_EQ(expectedOfMarked, readAll(marked));
 }

@@ -17,13 +17,12 @@ using namespace platform;
 constexpr std::uint64_t LIMIT = 10'485'760; // bytes
 
 std::size_t diskRoom = SIZE_MAX; // bytes
-const auto writeFile = fileCalls.writeFile;
 
 Transfer writeWhileThereIsRoom(FileHandle file, const void* bytes, std::size_t size)
 {
     const std::size_t taken = std::min(size, diskRoom);
     diskRoom -= diskRoom == SIZE_MAX ? 0 : taken;
-    return taken == 0 ? Transfer{0, ErrorNumber::AccessDenied} : writeFile(file, bytes, taken);
+    return taken == 0 ? Transfer{0, ErrorNumber::AccessDenied} : fileCalls.writeFile.original(file, bytes, taken);
 }
 
 struct OpenLogFiles : LogFiles
