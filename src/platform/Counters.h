@@ -1,7 +1,12 @@
 #pragma once
 
-// Counters of the machine and of this process. Every function may be called from any thread; one
-// CpuCounter must not be used from two threads at a time.
+// How busy the machine is, and how much memory this process uses.
+//
+//     const OwnedCpuCounter counter(openCpuCounter());
+//     CpuTicks ticks{};
+//     if (readCpuCounter(counter.get(), ticks) == 0) ...
+//
+// Every function may be called from any thread; one CpuCounter must not be used from two threads at a time.
 
 #include "platform/Call.h"
 #include "platform/ErrorNumber.h"
@@ -12,21 +17,21 @@
 namespace platform
 {
 
-/// An open query of the machine's idle time. Belongs to whoever opened it.
+/// An open query of the machine's idle time. Whoever opened it closes it.
 enum class CpuCounter : std::intptr_t
 {
     Invalid = 0
 };
 
-/// Since the system started, in 100-ns units: of the average processor.
+/// Times since the system started, in 100-ns units, averaged over the processors.
 struct CpuTicks
 {
     std::int64_t idle;
     std::int64_t total;
 };
 
-/// Memory of this process in bytes. For each figure: the member of PROCESS_MEMORY_COUNTERS; what POSIX has for it,
-/// from /proc/self/status.
+/// The memory of this process in bytes. The comment of each figure names the member of PROCESS_MEMORY_COUNTERS and,
+/// after the semicolon, the field of /proc/self/status that stands for it on POSIX.
 struct ProcessMemory
 {
     std::uint64_t peakWorkingSet;        ///< PeakWorkingSetSize; VmHWM: the largest workingSet so far
@@ -35,11 +40,11 @@ struct ProcessMemory
     std::uint64_t pagedPoolQuota;        ///< QuotaPagedPoolUsage; 0
     std::uint64_t peakNonPagedPoolQuota; ///< QuotaPeakNonPagedPoolUsage; 0
     std::uint64_t nonPagedPoolQuota;     ///< QuotaNonPagedPoolUsage; 0
-    std::uint64_t pageFile;     ///< PagefileUsage; RssAnon + VmSwap: what no file backs, in physical memory or swapped
-    std::uint64_t peakPageFile; ///< PeakPagefileUsage; the largest pageFile that was given so far
+    std::uint64_t pageFile;     ///< PagefileUsage; RssAnon + VmSwap: memory that no file backs, resident or swapped
+    std::uint64_t peakPageFile; ///< PeakPagefileUsage; the largest pageFile that was reported so far
 };
 
-/// An open handle of this process.
+/// An open handle to this process. Whoever opened it closes it.
 enum class ProcessHandle : std::intptr_t
 {
     Invalid = 0
@@ -55,15 +60,15 @@ struct CounterCalls
     Call<void(ProcessHandle process)> closeProcess;
 };
 
-/// The implementation in use. Tests replace single entries before other threads call them.
+/// The calls in use. Tests replace single entries, before other threads call them.
 extern CounterCalls counterCalls;
 
-/// PdhOpenQueryA, PdhAddCounterA for "\Processor(_Total)\% Idle Time" and a first sample;
-/// /proc/stat. Failures show in readCpuCounter.
+/// PdhOpenQueryA, PdhAddCounterA for "\Processor(_Total)\% Idle Time" and a first sample; /proc/stat. A counter that
+/// could not be opened fails when it is read.
 [[nodiscard]] inline CpuCounter openCpuCounter() { return counterCalls.openCpuCounter(); }
 
-/// PdhCollectQueryData and PdhGetRawCounterValue; /proc/stat. Returns the status of the read: 0, or
-/// a negative or positive code of the system (for one that is Invalid, too), with ticks unchanged.
+/// PdhCollectQueryData and PdhGetRawCounterValue; /proc/stat. Returns 0, or on failure the system's code, which may be
+/// negative, and leaves ticks unchanged. An Invalid counter fails too.
 [[nodiscard]] inline std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
 {
     return counterCalls.readCpuCounter(counter, ticks);
@@ -77,8 +82,8 @@ using OwnedCpuCounter = UniqueHandle<CpuCounter, closeCpuCounter>;
 /// OpenProcess of the current process; Invalid on failure.
 [[nodiscard]] inline ProcessHandle openOwnProcess() { return counterCalls.openOwnProcess(); }
 
-/// GetProcessMemoryInfo; /proc/self/status. Figures the system does not keep are 0.
-/// False on failure, memory unchanged.
+/// GetProcessMemoryInfo; /proc/self/status. Figures that the system does not keep are 0. Returns false on failure and
+/// leaves memory unchanged.
 [[nodiscard]] inline bool processMemory(ProcessHandle process, ProcessMemory& memory)
 {
     return counterCalls.processMemory(process, memory);

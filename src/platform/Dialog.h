@@ -3,13 +3,16 @@
 // A modal dialog: a real window on Windows, a dialogue in the terminal (or over standard input) on POSIX. Both run
 // the same dialog procedure with the same messages.
 //
+//     runDialog(module, IDD_CHECKPOINT, procedure); // returns when the procedure has called endDialog
+//
 // In a terminal a line is the text of the edit control, and its end presses OK if that is enabled and Cancel if not.
 // A line that ends with Esc, and the end of the input, cancel. A line with control characters, or one that is so long
 // that the terminal has cut it, is refused with the reason and asked for again. Where standard input is no terminal,
 // nothing is asked: the first line is the text, and if it is refused, for its control characters, the reason goes to
 // standard error and the dialog is cancelled.
 //
-// All functions but reportFailure belong to the thread that runs the dialog. Its texts are UTF-16.
+// Only the thread that runs the dialog may call these functions; reportFailure is for any thread. The texts of the
+// dialog are UTF-16.
 
 #include "platform/Call.h"
 #include "platform/ErrorNumber.h"
@@ -70,7 +73,7 @@ struct DialogCalls
     Call<void(const std::string& what, ErrorNumber error, const std::string& more)> reportFailure;
 };
 
-/// The implementation in use. Tests replace single entries.
+/// The calls in use. Tests replace single entries.
 extern DialogCalls dialogCalls;
 
 /// DialogBoxParamW without an owner window and with init parameter 0. Returns what endDialog was
@@ -89,7 +92,7 @@ inline bool endDialog(DialogHandle dialog, std::intptr_t result) { return dialog
     return dialogCalls.dialogItem(dialog, controlId);
 }
 
-/// EnableWindow. Returns whether the control was disabled before.
+/// EnableWindow. Returns whether the control was disabled before the call.
 inline bool enableControl(ControlHandle control, bool enable) { return dialogCalls.enableControl(control, enable); }
 
 /// SendDlgItemMessageW. Pointers to UTF-16 text travel in lParam.
@@ -99,9 +102,9 @@ inline std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::ui
     return dialogCalls.sendItemMessage(dialog, controlId, message, wParam, lParam);
 }
 
-/// Tells the user of the dialog what has failed. On POSIX a line of UTF-8 on standard error, with the system's words
-/// for the error, and a line with what more there is to say, if it is not empty. Nothing on Windows, where the window
-/// closes without a word. Any thread may call.
+/// Tells the user of the dialog what has failed. On POSIX this is a line of UTF-8 on standard error, with the system's
+/// description of the error, and a second line with the further text, if it is not empty. On Windows it does nothing:
+/// the window closes without a message. Any thread may call.
 inline void reportFailure(const std::string& what, ErrorNumber error, const std::string& more)
 {
     dialogCalls.reportFailure(what, error, more);

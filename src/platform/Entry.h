@@ -1,7 +1,7 @@
 #pragma once
 
-// The entry point of a windowed program. The system's start-up code calls it once on the main
-// thread; on POSIX that is main, which passes the program's resources as the module.
+// The entry point that a program with a window defines. The system's start-up code calls it once, on the main thread.
+// On POSIX that code is main, which passes the program's resources as the module.
 
 #include "platform/Dialog.h"
 

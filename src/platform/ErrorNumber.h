@@ -1,7 +1,7 @@
 #pragma once
 
-// The error numbers that platform calls report. They are Windows' numbers on every target, because
-// log lines and messages quote them; the POSIX implementation maps errno to the nearest one.
+// The error numbers that platform calls report. They are the numbers of Windows on every target, because log lines and
+// messages quote them; the POSIX implementation maps errno to the nearest one.
 
 #include <cstdint>
 

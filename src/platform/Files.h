@@ -1,11 +1,14 @@
 #pragma once
 
-// Files and folders, one system call a function. Paths are narrow, zero-terminated and the system's own,
-// with PATH_SEPARATOR (Text.h) between their parts: they are passed as they are. So are bytes: text
-// translation is the caller's.
-// Every function may be called from any thread; a handle belongs to whoever opened it and must be
-// closed once. Opened handles are never inherited by started processes, and other programs may
-// read, rename and delete a file while it is open here.
+// Files and folders. Each function is one system call.
+//
+//     const OwnedFile file(openFile(path, OpenMode::Read).handle);
+//     if (file) { const Transfer transfer = readFile(file.get(), buffer.data(), buffer.size()); ... }
+//
+// Paths are narrow, zero-terminated and in the system's own form, with PATH_SEPARATOR (Text.h) between their parts.
+// They are passed on unchanged, and so are bytes: the caller translates line ends. Every function may be called from
+// any thread. Whoever opened a handle closes it, once. Started processes do not inherit open handles, and other
+// programs may read, rename and delete a file while it is open here.
 
 #include "platform/Call.h"
 #include "platform/ErrorNumber.h"
@@ -40,14 +43,14 @@ struct OpenedFile
     ErrorNumber error;
 };
 
-/// How long a file is.
+/// The length of a file, 0 on failure.
 struct FileLength
 {
     std::uint64_t bytes;
     ErrorNumber error;
 };
 
-/// What a read or a write did. A read of 0 bytes without an error is the end of the file.
+/// The result of a read or a write. A read of 0 bytes without an error is the end of the file.
 struct Transfer
 {
     std::size_t bytes;
@@ -83,7 +86,7 @@ struct FileCalls
     Call<void(FolderHandle folder)> closeFolder;
 };
 
-/// The implementation in use. Tests replace single entries before other threads call them.
+/// The calls in use. Tests replace single entries, before other threads call them.
 extern FileCalls fileCalls;
 
 /// CreateFileA; open.
@@ -101,38 +104,39 @@ extern FileCalls fileCalls;
     return fileCalls.writeFile(file, bytes, size);
 }
 
-/// SetFilePointerEx to the end; lseek. Moves where a file that is open for reading is read next.
+/// SetFilePointerEx to the end; lseek. In a file that is open for reading, the next read begins there.
 [[nodiscard]] inline FileLength lengthOfFile(FileHandle file) { return fileCalls.lengthOfFile(file); }
 
-/// CloseHandle; close. The handle is gone also when this fails.
+/// CloseHandle; close. The handle is closed even when this reports an error.
 inline ErrorNumber closeFile(FileHandle file) { return fileCalls.closeFile(file); }
 
 using OwnedFile = UniqueHandle<FileHandle, closeFile>;
 
-/// CreateDirectoryA; mkdir. An existing path, whatever it is, is ErrorNumber::AlreadyExists.
+/// CreateDirectoryA; mkdir. Returns ErrorNumber::AlreadyExists for an existing path, whatever it is.
 [[nodiscard]] inline ErrorNumber createFolder(const char* path) { return fileCalls.createFolder(path); }
 
 /// The C runtime's _mkdir; mkdir. Returns 0 or the C library's error number (17: it exists).
 [[nodiscard]] inline int makeFolder(const char* path) { return fileCalls.makeFolder(path); }
 
-/// stat: whether a file or folder is there.
+/// stat. Returns whether a file or folder exists.
 [[nodiscard]] inline bool pathExists(const char* path) { return fileCalls.pathExists(path); }
 
-/// The C runtime's remove; unlink. Folders are not removed. Returns 0 or the C library's number.
+/// The C runtime's remove; unlink. Folders are not removed. Returns 0 or the C library's error number.
 [[nodiscard]] inline int removeFile(const char* path) { return fileCalls.removeFile(path); }
 
-/// The C runtime's rename; renameat2. Never replaces: an existing target is 17 (EEXIST) and leaves
-/// both files as they were. Returns 0 or the C library's error number.
+/// The C runtime's rename; renameat2. Returns 0 or the C library's error number. Never replaces a file: for an existing
+/// target it returns 17 (EEXIST) and leaves both files unchanged.
 [[nodiscard]] inline int renameFile(const char* from, const char* to) { return fileCalls.renameFile(from, to); }
 
-/// FindFirstFileA on everything in the folder; opendir and the first readdir. The entries "." and
-/// ".." are reported too, in the system's order.
+/// FindFirstFileA on everything in the folder; opendir and the first readdir. Entries come in the system's order, "."
+/// and ".." among them.
 [[nodiscard]] inline OpenedFolder findFirstEntry(const char* folder, FolderEntry& entry)
 {
     return fileCalls.findFirstEntry(folder, entry);
 }
 
-/// FindNextFileA; readdir. ErrorNumber::NoMoreFiles ends the walk, any other error breaks it.
+/// FindNextFileA; readdir. Returns ErrorNumber::NoMoreFiles after the last entry; after any other error the rest of the
+/// folder is unknown.
 [[nodiscard]] inline ErrorNumber findNextEntry(FolderHandle folder, FolderEntry& entry)
 {
     return fileCalls.findNextEntry(folder, entry);

@@ -1,6 +1,11 @@
 #pragma once
 
-// The running process and the processes it starts. Every function may be called from any thread.
+// The running process and the processes it starts.
+//
+//     std::u16string commandLine = u"TavroVssAgent.exe -GUI";
+//     const ErrorNumber error = createProcess(commandLine);
+//
+// Every function may be called from any thread.
 
 #include "platform/Call.h"
 #include "platform/ErrorNumber.h"
@@ -19,33 +24,33 @@ struct ProcessCalls
     Call<void()> endProcess;
 };
 
-/// The implementation in use. Tests replace single entries before other threads call them.
+/// The calls in use. Tests replace single entries, before other threads call them.
 extern ProcessCalls processCalls;
 
-/// GetModuleFileNameA; /proc/self/exe. Writes the running program's full path, narrow, with the system's own
-/// separators and zero-terminated, and returns its length. A path that does not fit is cut to size - 1
-/// characters and size is returned. Returns 0 on failure, with an empty buffer.
+/// GetModuleFileNameA; /proc/self/exe. Writes the full path of the running program, narrow, zero-terminated and with
+/// the system's own separators, and returns its length. Cuts a path that does not fit to size - 1 characters and
+/// returns size. On failure the buffer is empty and 0 is returned.
 inline std::uint32_t moduleFileName(char* buffer, std::uint32_t size)
 {
     return processCalls.moduleFileName(buffer, size);
 }
 
-/// CreateProcessW; fork and execve. Starts the program that the command line's first token names,
-/// without a console window or terminal, without handles or descriptors of ours, with our
-/// environment and working folder. A bare name is looked for in the running program's folder, the
-/// working folder and the PATH. The process is not waited for and outlives us. The command line is
-/// UTF-16 and may be modified; it is split into arguments by the C runtime's rules for Windows.
+/// CreateProcessW; fork and execve. Starts the program that the first token of the command line names. It gets this
+/// process's environment and working folder, but no console window or terminal and none of its handles or descriptors.
+/// A bare name is looked for in the running program's folder, the working folder and the PATH. The new process is not
+/// waited for and outlives this one. The command line is UTF-16 and may be modified; it is split into arguments by the
+/// rules of the C runtime for Windows.
 [[nodiscard]] inline ErrorNumber createProcess(std::u16string& commandLine)
 {
     return processCalls.createProcess(commandLine);
 }
 
-/// TerminateProcess with exit code 3; abort with the default action restored. Nothing of the
-/// program runs afterwards: no destructor, no exit handler.
+/// TerminateProcess with exit code 3; abort with the default action restored. No destructor and no exit handler of the
+/// program runs afterwards.
 [[noreturn]] inline void endProcess()
 {
     processCalls.endProcess();
-    std::abort(); // a replaced entry must not return, or throw to come back
+    std::abort(); // a replacement throws if the caller is to go on
 }
 
 } // namespace platform

@@ -1,7 +1,11 @@
 #pragma once
 
-// Folders that the machine gives to programs, and paths built in fixed buffers. Every function may
-// be called from any thread.
+// The folder in which programs keep their data, and paths in fixed buffers.
+//
+//     std::array<char, PATH_BUFFER_SIZE> path{};
+//     if (commonAppDataFolder(path.data()) == 0 && appendToPath(path.data(), "Tavro")) ...
+//
+// Every function may be called from any thread.
 
 #include "platform/Call.h"
 
@@ -11,7 +15,7 @@
 namespace platform
 {
 
-/// The room that these functions ask for, the terminating zero included.
+/// The size of the buffers, in characters, with the terminating zero.
 inline constexpr std::size_t PATH_BUFFER_SIZE = 260;
 
 struct ShellCalls
@@ -20,16 +24,16 @@ struct ShellCalls
     Call<bool(char* path, const char* more)> appendToPath;
 };
 
-/// The implementation in use. Tests replace single entries before other threads call them.
+/// The calls in use. Tests replace single entries, before other threads call them.
 extern ShellCalls shellCalls;
 
-/// SHGetFolderPathA of CSIDL_COMMON_APPDATA, created if missing; the environment's PROGRAMDATA,
-/// else /var/lib, neither of them created. Writes the narrow path, zero-terminated, into a buffer of PATH_BUFFER_SIZE.
-/// Returns 0, or the system's failure code.
+/// SHGetFolderPathA of CSIDL_COMMON_APPDATA, which creates a missing folder; the environment's PROGRAMDATA or else
+/// /var/lib, which are not created. Writes the narrow path, zero-terminated, into a buffer of PATH_BUFFER_SIZE. Returns
+/// 0 or the system's failure code.
 [[nodiscard]] inline std::int32_t commonAppDataFolder(char* buffer) { return shellCalls.commonAppDataFolder(buffer); }
 
-/// PathAppendA: joins two paths with exactly one PATH_SEPARATOR (Text.h), in place, in a buffer of
-/// PATH_BUFFER_SIZE. False when the result does not fit.
+/// PathAppendA. Joins two paths in place, with exactly one PATH_SEPARATOR (Text.h), in a buffer of PATH_BUFFER_SIZE.
+/// Returns false if the result does not fit.
 inline bool appendToPath(char* path, const char* more) { return shellCalls.appendToPath(path, more); }
 
 } // namespace platform

@@ -1,7 +1,11 @@
 #pragma once
 
-// Threads as the system gives them. Every function may be called from any thread. Thread ids are
-// the system's own (GetCurrentThreadId; gettid) and can be used again once a thread has ended.
+// Threads of this process: starting them, their ids, names and times.
+//
+//     const ErrorNumber error = startThread(procedure, &work);
+//
+// Every function may be called from any thread. Thread ids are the system's own (GetCurrentThreadId; gettid); the
+// system may use one again when its thread has ended.
 
 #include "platform/Call.h"
 #include "platform/ErrorNumber.h"
@@ -19,10 +23,10 @@ using ThreadProcedure = void (*)(void* argument);
 enum class ThreadPriority
 {
     Normal,
-    TimeCritical ///< as high as the system lets this process go; where it refuses, normal. Not for what it starts.
+    TimeCritical ///< the highest that the system allows, else normal; what the thread starts has normal priority
 };
 
-/// An open thread, for its times.
+/// An open handle to a thread, to read its times. Whoever opened it closes it.
 enum class ThreadHandle : std::intptr_t
 {
     Invalid = 0
@@ -40,11 +44,11 @@ struct ThreadCalls
     Call<void(std::uint32_t durationMs)> sleepMs;
 };
 
-/// The implementation in use. Tests replace single entries before other threads call them.
+/// The calls in use. Tests replace single entries, before other threads call them.
 extern ThreadCalls threadCalls;
 
-/// CreateThread; pthread_create, detached: nothing of the thread is left behind when the procedure
-/// returns. The argument must live until the procedure is done with it.
+/// CreateThread; pthread_create, detached. Nobody joins the thread: the system releases it when the procedure returns.
+/// The argument must live until the procedure no longer uses it.
 [[nodiscard]] inline ErrorNumber startThread(ThreadProcedure procedure, void* argument,
                                              ThreadPriority priority = ThreadPriority::Normal)
 {
@@ -54,14 +58,14 @@ extern ThreadCalls threadCalls;
 /// GetCurrentThreadId; gettid.
 [[nodiscard]] inline std::uint32_t currentThreadId() { return threadCalls.currentThreadId(); }
 
-/// SetThreadDescription, where the system has it; pthread_setname_np. What debuggers and lists of threads call the
-/// calling thread; the first 15 bytes of it on Linux.
+/// SetThreadDescription, where the system has it; pthread_setname_np. Names the calling thread for debuggers and lists
+/// of threads. Linux keeps the first 15 bytes.
 inline void nameThread(const std::string& name) { threadCalls.nameThread(name); }
 
-/// OpenThread with query access; a look at /proc. Invalid if this process has no such thread.
+/// OpenThread with query access; /proc. Returns Invalid if this process has no such thread.
 [[nodiscard]] inline ThreadHandle openThread(std::uint32_t threadId) { return threadCalls.openThread(threadId); }
 
-/// GetThreadTimes; /proc. The thread's user time in 100-ns units, nothing on failure.
+/// GetThreadTimes; /proc. The user time of the thread in 100-ns units, or nothing on failure.
 [[nodiscard]] inline std::optional<std::uint64_t> threadUserTime(ThreadHandle thread)
 {
     return threadCalls.threadUserTime(thread);
@@ -72,7 +76,7 @@ inline void closeThread(ThreadHandle thread) { threadCalls.closeThread(thread); 
 
 using OwnedThread = UniqueHandle<ThreadHandle, closeThread>;
 
-/// QueryThreadCycleTime; the thread's CPU clock in ns. Never goes back within one thread; 0 where the
+/// QueryThreadCycleTime, in cycles; the CPU clock of the thread, in ns. Never decreases within one thread; 0 where the
 /// system does not count.
 [[nodiscard]] inline std::uint64_t currentThreadCycles() { return threadCalls.currentThreadCycles(); }
 

@@ -1,6 +1,10 @@
 #pragma once
 
-// Clocks as the system gives them. Every function may be called from any thread.
+// The clocks of the system, and the CPU time of this process.
+//
+//     const UtcTime now = utcNow();
+//
+// Every function may be called from any thread.
 
 #include "platform/Call.h"
 
@@ -10,7 +14,7 @@
 namespace platform
 {
 
-/// A moment of UTC on the calendar, as GetSystemTime gives it.
+/// A moment in UTC, with the fields of GetSystemTime.
 struct UtcTime
 {
     std::int32_t year;
@@ -22,7 +26,7 @@ struct UtcTime
     std::int32_t millisecond;
 };
 
-/// CPU time of a process in 100-ns units.
+/// The CPU time of a process in 100-ns units.
 struct CpuTime
 {
     std::uint64_t kernel;
@@ -39,28 +43,30 @@ struct TimeCalls
     Call<std::optional<CpuTime>()> processCpuTime;
 };
 
-/// The implementation in use. Tests replace single entries before other threads call them.
+/// The calls in use. Tests replace single entries, before other threads call them.
 extern TimeCalls timeCalls;
 
 /// GetSystemTime; clock_gettime(CLOCK_REALTIME).
 [[nodiscard]] inline UtcTime utcNow() { return timeCalls.utcNow(); }
 
-/// QueryPerformanceCounter; clock_gettime(CLOCK_MONOTONIC) in ns. False on failure, ticks unchanged.
+/// QueryPerformanceCounter; clock_gettime(CLOCK_MONOTONIC) in ns. Returns false on failure and leaves ticks unchanged.
 [[nodiscard]] inline bool performanceCounter(std::int64_t& ticks) { return timeCalls.performanceCounter(ticks); }
 
-/// QueryPerformanceFrequency; ticks a second, fixed while the system runs. False on failure.
+/// QueryPerformanceFrequency; 10^9. Ticks per second, which do not change while the system runs. Returns false on
+/// failure.
 [[nodiscard]] inline bool performanceFrequency(std::int64_t& ticksPerSecond)
 {
     return timeCalls.performanceFrequency(ticksPerSecond);
 }
 
-/// GetTickCount64; CLOCK_MONOTONIC_COARSE. Milliseconds since the system started, coarse and cheap.
+/// GetTickCount64; CLOCK_MONOTONIC_COARSE. Milliseconds since the system started. Cheap, and exact to some
+/// milliseconds.
 [[nodiscard]] inline std::uint64_t tickCountMs() { return timeCalls.tickCountMs(); }
 
-/// GetSystemInfo; sysconf. Processors of the machine, at least 1.
+/// GetSystemInfo; sysconf. The number of processors of the machine, at least 1.
 [[nodiscard]] inline std::uint32_t processorCount() { return timeCalls.processorCount(); }
 
-/// GetProcessTimes; getrusage. Nothing on failure.
+/// GetProcessTimes; getrusage. The CPU time of this process, or nothing on failure.
 [[nodiscard]] inline std::optional<CpuTime> processCpuTime() { return timeCalls.processCpuTime(); }
 
 } // namespace platform

@@ -1,11 +1,12 @@
 #pragma once
 
-// Owns a handle of this floor and closes it once.
+// Owns a handle of the platform and closes it once. Each type of handle has the value Invalid, which stands for none.
 //
-//     const platform::UniqueHandle<platform::ProcessHandle, platform::closeProcess>
-//     process(platform::openOwnProcess()); if (process) ...
+//     using OwnedProcess = UniqueHandle<ProcessHandle, closeProcess>;
+//     const OwnedProcess process(openOwnProcess());
+//     if (process) ...
 //
-// Each type of handle has the value Invalid for none. Not for several threads at once.
+// Not for several threads at once.
 
 #include <utility>
 
@@ -28,7 +29,7 @@ public:
     [[nodiscard]] Handle get() const noexcept { return m_handle; }
     explicit operator bool() const noexcept { return m_handle != Handle::Invalid; }
 
-    /// Closes what is owned, then owns the other handle, if it is one.
+    /// Closes the owned handle, if there is one, and owns the other one from then on.
     void reset(Handle handle = Handle::Invalid) noexcept
     {
         if (const Handle old = std::exchange(m_handle, handle); old != Handle::Invalid)

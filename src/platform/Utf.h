@@ -1,7 +1,11 @@
 #pragma once
 
-// UTF-8 and UTF-16, both ways. Pure functions, callable from any thread. Nothing fails: what is not
-// well-formed (a lone surrogate, a stray byte) becomes U+FFFD, the replacement character.
+// Conversions between UTF-8 and UTF-16.
+//
+//     const std::string name = utf16ToUtf8(u"nightly");
+//
+// Pure functions that any thread may call. They never fail: what is not well-formed (a lone surrogate, a stray byte)
+// becomes U+FFFD, the replacement character.
 
 #include <string>
 #include <string_view>

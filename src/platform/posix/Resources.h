@@ -1,6 +1,7 @@
 #pragma once
 
-// What takes the place of compiled resources: the program defines them, its entry passes them on.
+// The resources of the program on POSIX, where program files carry none. The program defines them, and main passes them
+// to its entry point.
 
 #include "platform/Dialog.h"
 

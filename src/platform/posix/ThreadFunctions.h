@@ -1,6 +1,6 @@
 #pragma once
 
-// What the table of threads holds on POSIX, for each implementation that is built on it.
+// The calls of the table threadCalls on POSIX. The simulated platform takes over those that it does not replace.
 
 #include "platform/Threads.h"
 

@@ -32,7 +32,7 @@ struct ThreadStart
     ThreadPriority priority;
 };
 
-/// Of the calling thread alone: the threads and programs that it starts are of normal priority, as on Windows.
+/// Raises the calling thread only: the threads and programs that it starts have normal priority, as on Windows.
 void raisePriority()
 {
     sched_param parameter = {};

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the table of clocks holds on POSIX, for each implementation that is built on it.
+// The calls of the table timeCalls on POSIX. The simulated platform takes over those that it does not replace.
 
 #include "platform/Time.h"
 
@@ -10,7 +10,7 @@ namespace platform::posix
 {
 
 UtcTime utcNow();
-/// The same for any moment.
+/// Another moment than now on the same calendar.
 UtcTime utcAt(std::chrono::system_clock::time_point moment);
 bool performanceCounter(std::int64_t& ticks);
 bool performanceFrequency(std::int64_t& ticksPerSecond);
