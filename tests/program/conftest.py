@@ -11,7 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from programs import Desktop, LinuxProgram, ShowTweaks, WindowsProgram, Wine
+from programs import Desktop, FlushedLog, LinuxProgram, ShowTweaks, WindowsProgram, Wine
 
 TARGETS = ("linux", "windows")
 
@@ -29,7 +29,7 @@ def build_folder(config, target):
 
 
 def pytest_generate_tests(metafunc):
-    for fixture in {"program", "show_tweaks"} & set(metafunc.fixturenames):
+    for fixture in {"program", "show_tweaks", "flushed_log"} & set(metafunc.fixturenames):
         metafunc.parametrize(fixture, [t for t in TARGETS if build_folder(metafunc.config, t)], indirect=True)
 
 
@@ -115,8 +115,18 @@ def program(request):
     return request.getfixturevalue(f"{request.param}_program")
 
 
-@pytest.fixture
-def show_tweaks(request, pytestconfig):
-    """The listing of the configuration, of each target that was built."""
+def tool(kind, request):
     wine = request.getfixturevalue("wine") if request.param == "windows" else None
-    return ShowTweaks(build_folder(pytestconfig, request.param), wine)
+    return kind(build_folder(request.config, request.param), wine)
+
+
+@pytest.fixture
+def show_tweaks(request):
+    """The listing of the configuration, of each target that was built."""
+    return tool(ShowTweaks, request)
+
+
+@pytest.fixture
+def flushed_log(request):
+    """The program that logs until it is killed, of each target that was built."""
+    return tool(FlushedLog, request)

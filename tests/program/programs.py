@@ -155,6 +155,18 @@ class WindowsProgram(Program):
         return {str(int(thread_id, 16)) for thread_id in ids}
 
 
+class FlushedLog:
+    """Logs until it is killed, and tells which lines are flushed."""
+
+    def __init__(self, build, wine):
+        self.wine = wine  # None on Linux
+        self.path = build / ("flushed_log.exe" if wine else "flushed_log")
+
+    def start(self, folder, output):
+        return (self.wine.start(self.path, folder, stdout=output) if self.wine
+                else subprocess.Popen([self.path], cwd=folder, stdout=output))
+
+
 class ShowTweaks:
     """Lists the configuration that a folder holds."""
 
