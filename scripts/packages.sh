@@ -29,3 +29,4 @@ ensure_packages() {
 BUILD_PACKAGES="g++ cmake ninja-build"
 WINDOWS_PACKAGES="g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64"
 WINE_PACKAGES="wine wine64 fonts-wine"
+ARM64_PACKAGES="g++-aarch64-linux-gnu qemu-user"
