@@ -264,6 +264,7 @@ const std::vector<Misuse> MISUSES = {
                "Memory POOL:  m_usedMemoryGross=2097152  m_usedMemoryNet=2031617  free=0\n~", NO_HEAP)},
     {"overrunFoundByAnObserver",
      [] {
+         waitForOwnThreads(); // else a line of theirs may follow the report
          auto& pool = reportedPool<>();
          ModuleMemoryInformation& module = *pool.registerModule({.name = "module"});
          std::array<ScatteredBuf, 2> buffers;
