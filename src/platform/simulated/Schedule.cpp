@@ -15,6 +15,9 @@
 #include <random>
 #include <utility>
 
+#include <execinfo.h>
+#include <unistd.h>
+
 namespace platform::simulated
 {
 
@@ -83,7 +86,7 @@ void tell(const Exploration& exploration, const std::string& failure, const std:
                                    failure.c_str(), schedule.c_str()));
 }
 
-/// Tells the schedule when a signal is about to end the process.
+/// Tells the schedule when a signal is about to end the process, and of a fault also where it is.
 class ScopedCrashReport
 {
 public:
@@ -92,7 +95,8 @@ public:
         s_strategy = &strategy;
         s_exploration = &exploration;
         struct sigaction action = {};
-        action.sa_handler = report;
+        action.sa_sigaction = report;
+        action.sa_flags = SA_SIGINFO;
         for (std::size_t index = 0; index < SIGNALS.size(); ++index)
         {
             sigaction(SIGNALS[index], &action, &s_previous[index]);
@@ -103,13 +107,20 @@ public:
     ~ScopedCrashReport() { putBack(); }
 
 private:
+    static constexpr int MAX_FRAMES = 64;
     static constexpr std::array SIGNALS = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV};
 
     /// On the thread that has the turn, so that the schedule's text does not change meanwhile.
-    static void report(int signal)
+    static void report(int signal, siginfo_t* info, void* /*context*/)
     {
         putBack(); // the fault comes again when this returns, and abort goes on to end the process
         tell(*s_exploration, "signal " + std::to_string(signal) + " ends the process", s_strategy->text());
+        if (signal != SIGABRT)
+        {
+            static_cast<void>(std::fprintf(stderr, "the fault is at address %p\n", info->si_addr));
+            std::array<void*, MAX_FRAMES> frames{};
+            backtrace_symbols_fd(frames.data(), backtrace(frames.data(), MAX_FRAMES), STDERR_FILENO);
+        }
     }
 
     static void putBack()
