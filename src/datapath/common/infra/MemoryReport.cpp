@@ -51,6 +51,8 @@ void dump(const Records& records)
     }
 }
 
+void startWorker() { MemShieldAO::instance().open(); }
+
 void printMisuse(const Records& culprits)
 {
     MemoryReport::printAllocations();
@@ -66,9 +68,8 @@ void endReportsForGood()
 
 } // namespace
 
-constinit const MemShield::Hooks MEM_SHIELD_HOOKS{.onCreation = [] { MemShieldAO::instance().open(); },
-                                                  .printMisuse = printMisuse,
-                                                  .endReportsForGood = endReportsForGood};
+constinit const MemShield::Hooks MEM_SHIELD_HOOKS{
+    .onCreation = startWorker, .printMisuse = printMisuse, .endReportsForGood = endReportsForGood};
 
 void MemoryReport::printAllocations()
 {

@@ -121,9 +121,10 @@ constexpr MethodText methodTextOf(std::string_view signature)
         throw "this function's signature is not understood: state its text with MethodText::of";
     }
     const std::string_view rest = signature.substr(parameters);
+    constexpr std::size_t NONE = std::string_view::npos;
+    const bool isLambda = rest.find("::<lambda") != NONE || rest.find("::(anonymous class)") != NONE;
     MethodFields fields = splitMethodText(name);
-    fields.suffix =
-        rest.find("::<lambda") != rest.npos || rest.find("::(anonymous class)") != rest.npos ? "::<lambda>" : "";
+    fields.suffix = isLambda ? "::<lambda>" : "";
     return MethodText(fields);
 }
 

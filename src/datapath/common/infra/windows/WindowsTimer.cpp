@@ -51,9 +51,9 @@ WindowsTimer::Timer* WindowsTimer::findTimer(TimerHandle handle)
 
 void WindowsTimer::insert(TimerHandle handle, WindowsTimerInfo&& info)
 {
-    const auto [timer, isNew] =
-        m_timers.change([&](auto& timers) { return timers.try_emplace(handle, std::move(info)); });
-    if (!isNew)
+    const auto added = m_timers.change([&](auto& timers) { return timers.try_emplace(handle, std::move(info)); });
+    Timer* const timer = added.first;
+    if (!added.second)
     {
         return;
     }
