@@ -120,7 +120,7 @@ for threads in (1, 2, 4):
     log_rows("ns a call", threads, f"ours/{threads}/call", f"peer/{threads}/call")
     log_rows("ns a line", threads, f"ours/{threads}/line", f"peer/{threads}/line")
     log_rows("ns a line, spdlog synchronous without flushing", threads, f"ours/{threads}/line", f"peerSync/{threads}/line")
-    log_rows("99.9 percent of calls, ns", threads, f"ours/{threads}/tail", f"peer/{threads}/tail")
+    log_rows("99.9th percentile of a call, ns", threads, f"ours/{threads}/tail", f"peer/{threads}/tail")
     log_rows("ns a line, both synchronous, each line flushed", threads, f"oursSync/{threads}/line",
              f"peerSyncFlushed/{threads}/line")
 print(f"\nThe same bytes ready made in blocks of 64 KiB take {log['bytes/1/line']:.0f} ns a line: one producer reaches "

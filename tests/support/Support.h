@@ -86,9 +86,9 @@ struct ScopedProcessEnd
 };
 
 /// Lets the program go on after lines of level Assert, from its construction on.
-struct LettingGo : LogAssertHook
+struct IgnoredAsserts : LogAssertHook
 {
-    LettingGo() { Logger::instance().setAssertHook(this); }
+    IgnoredAsserts() { Logger::instance().setAssertHook(this); }
     bool onAssert(const std::string& /*line*/) override { return true; }
 };
 
@@ -154,7 +154,7 @@ private:
 struct LogTest : testing::Test
 {
     const ScratchFolder folder;
-    const LettingGo lettingGo;
+    const IgnoredAsserts ignoredAsserts;
     CapturingClient client;
 };
 

@@ -39,7 +39,7 @@ std::string classOf(HWND window)
     return name;
 }
 
-/// Of texts without control characters.
+/// The text as a JSON string. It must have no control characters.
 std::string toJson(const std::string& text)
 {
     std::string out;

@@ -18,7 +18,7 @@ struct Meaning
     ErrorNumber number;
 };
 
-/// Of several with the same number the first one has the words for it.
+/// Where several have the same number, the words for that number are those of the first one.
 constexpr std::array MEANINGS = {
     Meaning{0, ErrorNumber::Success},
     Meaning{ENOENT, ErrorNumber::FileNotFound},

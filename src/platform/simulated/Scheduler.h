@@ -135,7 +135,7 @@ private:
     std::uint32_t m_passesInARow = 0;
     int m_lastNumberOfOthers = 0;
 
-    // Of the schedule that is being run.
+    // What belongs to the schedule that is being run.
     Thread* m_explorer = nullptr; // who runs it
     Strategy* m_strategy = nullptr;
     std::optional<std::string> m_failure;

@@ -12,7 +12,7 @@ static_assert(MESSAGE_EDIT_LINE_LENGTH == EM_LINELENGTH && MESSAGE_EDIT_GET_LINE
 static_assert(MESSAGE_INIT_DIALOG == WM_INITDIALOG && MESSAGE_COMMAND == WM_COMMAND);
 static_assert(NOTIFICATION_EDIT_CHANGED == EN_CHANGE && CONTROL_OK == IDOK && CONTROL_CANCEL == IDCANCEL);
 
-/// Of the one dialog that is shown.
+/// The procedure of the one dialog that is shown.
 DialogProcedure currentProcedure = nullptr;
 
 HWND toWindow(DialogHandle dialog) { return reinterpret_cast<HWND>(dialog); }

@@ -7,15 +7,7 @@
 namespace InputTextFileInternal
 {
 
-Buffer::Buffer(const std::string& path) : m_file(platform::openFile(path.c_str(), platform::OpenMode::Read)) {}
-
-Buffer::~Buffer()
-{
-    if (isOpen())
-    {
-        platform::closeFile(m_file.handle);
-    }
-}
+Buffer::Buffer(const std::string& path) : m_file(platform::openFile(path.c_str(), platform::OpenMode::Read).handle) {}
 
 Buffer::int_type Buffer::underflow()
 {
@@ -43,7 +35,7 @@ std::size_t Buffer::readText(char* characters)
     {
         return 0;
     }
-    const auto [bytes, error] = platform::readFile(m_file.handle, characters, CHUNK);
+    const auto [bytes, error] = platform::readFile(m_file.get(), characters, CHUNK);
     if (error != platform::ErrorNumber::Success)
     {
         throw std::ios_base::failure("read error"); // the stream catches it and becomes bad

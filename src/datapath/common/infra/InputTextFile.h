@@ -25,11 +25,8 @@ class Buffer : public std::streambuf
 {
 public:
     explicit Buffer(const std::string& path);
-    Buffer(const Buffer&) = delete;
-    Buffer& operator=(const Buffer&) = delete;
-    ~Buffer() override;
 
-    [[nodiscard]] bool isOpen() const { return m_file.handle != platform::FileHandle::Invalid; }
+    [[nodiscard]] bool isOpen() const { return static_cast<bool>(m_file); }
 
 protected:
     int_type underflow() override;
@@ -45,7 +42,7 @@ private:
     /// held back, because what follows it is not known yet.
     std::size_t dropCarriageReturns(std::size_t length);
 
-    platform::OpenedFile m_file;
+    platform::OwnedFile m_file;
     bool m_isEnded = false; // a byte that ends a text was read
     bool m_holdsCarriageReturn = false;
     std::array<char, CHUNK + 1> m_characters; // a chunk after a carriage return that was held back

@@ -5,7 +5,7 @@
 bool LogFileStream::open(const std::string& path)
 {
     close();
-    m_file = platform::openFile(path.c_str(), platform::OpenMode::Append).handle;
+    m_file.reset(platform::openFile(path.c_str(), platform::OpenMode::Append).handle);
     if (!isOpen())
     {
         return false;
@@ -17,7 +17,7 @@ bool LogFileStream::open(const std::string& path)
 /// Asks the system for the length of the file; the fallback counts if the system does not tell it.
 void LogFileStream::updateLength(std::uint64_t fallback)
 {
-    const auto [bytes, error] = platform::lengthOfFile(m_file);
+    const auto [bytes, error] = platform::lengthOfFile(m_file.get());
     m_length = error == platform::ErrorNumber::Success ? bytes : fallback;
 }
 
@@ -84,7 +84,7 @@ bool LogFileStream::flush()
     while (written < m_wholeLength)
     {
         const platform::Transfer transfer =
-            platform::writeFile(m_file, m_block.data() + written, m_wholeLength - written);
+            platform::writeFile(m_file.get(), m_block.data() + written, m_wholeLength - written);
         if (transfer.bytes == 0)
         {
             break;
@@ -111,7 +111,6 @@ void LogFileStream::close()
         flush();
         m_block.clear();
         m_wholeLength = 0;
-        platform::closeFile(m_file);
-        m_file = platform::FileHandle::Invalid;
+        m_file.reset();
     }
 }

@@ -44,12 +44,12 @@ public:
 private:
     static constexpr std::size_t BLOCK_SIZE = std::size_t{64} * 1024;
 
-    [[nodiscard]] bool isOpen() const { return m_file != platform::FileHandle::Invalid; }
+    [[nodiscard]] bool isOpen() const { return static_cast<bool>(m_file); }
     [[nodiscard]] bool isFull() const { return m_block.size() >= BLOCK_SIZE; }
     void append(std::string_view text);
     void updateLength(std::uint64_t fallback);
 
-    platform::FileHandle m_file = platform::FileHandle::Invalid;
+    platform::OwnedFile m_file;
     std::uint64_t m_length = 0;    // of the file, as of updateLength
     std::string m_block;           // what the file still lacks
     std::size_t m_wholeLength = 0; // of the block: up to the end of the last whole text

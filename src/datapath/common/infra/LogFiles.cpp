@@ -193,22 +193,21 @@ std::optional<std::vector<std::string>> LogFiles::listLogDirectory() const
 {
     using platform::ErrorNumber;
     platform::FolderEntry entry;
-    const auto [walk, firstError] = platform::findFirstEntry(m_directory.c_str(), entry);
-    if (firstError != ErrorNumber::Success)
+    auto [handle, error] = platform::findFirstEntry(m_directory.c_str(), entry);
+    const platform::OwnedFolder folder(handle);
+    if (error != ErrorNumber::Success)
     {
-        std::cerr << "FindFirstFile failed (" << static_cast<std::uint32_t>(firstError) << ")" << std::endl;
+        std::cerr << "FindFirstFile failed (" << static_cast<std::uint32_t>(error) << ")" << std::endl;
         return std::nullopt;
     }
     const std::string prefix = prefixOf(m_directory, m_settings.basePath);
     std::vector<std::string> files;
-    ErrorNumber error = firstError;
-    for (; error == ErrorNumber::Success; error = platform::findNextEntry(walk, entry))
+    for (; error == ErrorNumber::Success; error = platform::findNextEntry(folder.get(), entry))
     {
         if (!entry.isFolder)
         {
             files.push_back(prefix + entry.name);
         }
     }
-    platform::closeFolder(walk);
     return error == ErrorNumber::NoMoreFiles ? std::optional(std::move(files)) : std::nullopt;
 }

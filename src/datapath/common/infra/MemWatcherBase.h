@@ -32,5 +32,6 @@ struct ThreadInfo
     std::uint64_t tag = 0; ///< handed to visitors
 };
 
-/// Of a thread that is not in the table yet. Takes memory of the guarded allocator, so no lock may be held.
+/// Makes the record of a thread that is not in the table yet. It takes memory of the guarded allocator, so no lock may
+/// be held.
 [[nodiscard]] ThreadInfo makeThreadInfo(std::uint32_t threadId);

@@ -14,7 +14,7 @@ class ModuleMemoryInformation;
 class MemorySegment
 {
 public:
-    /// Of a buffer that holds segments of several owners.
+    /// Stands for the owner of a buffer whose segments have several owners.
     static inline ModuleMemoryInformation* const NoOwner =
         reinterpret_cast<ModuleMemoryInformation*>(~std::uintptr_t{});
 

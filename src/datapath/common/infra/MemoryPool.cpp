@@ -65,7 +65,7 @@ std::uint32_t checkedChunkSize(std::uint32_t chunkSize)
     return chunkSize;
 }
 
-/// Of a segment that is given back.
+/// A check of a segment that is given back.
 void check(bool holds, const SourcePlace& place, const char* condition)
 {
     if (!holds) [[unlikely]]
@@ -381,7 +381,7 @@ void MemoryPoolImpl::freeSegment(MemorySegment& segment)
     }
 }
 
-/// Of a segment that never was a module's.
+/// Gives back a segment that never belonged to a module.
 void MemoryPoolImpl::releaseUnowned(char* buffer)
 {
     check(buffer != nullptr, SourcePlace::here(), "segment->buffer != 0"); // given back already

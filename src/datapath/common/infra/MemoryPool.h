@@ -224,7 +224,7 @@ private:
     void requestForMoreAllocationDoneLocked(RcStatus status) REQUIRES(m_mutex);
     void allocatePagesFromSingleAllocationLocked(char* memory, std::uint32_t size) REQUIRES(m_mutex);
     void finishGrowth(RcStatus status) EXCLUDES(m_mutex);
-    /// Of the growth in flight, if there is one: set when it is over.
+    /// The future of the growth in flight, if there is one: it is set when that growth is over.
     [[nodiscard]] std::optional<FutureInternal::Future<RcStatus>> growthLocked() const REQUIRES(m_mutex);
 
     // Reports.

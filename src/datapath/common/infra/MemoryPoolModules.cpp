@@ -11,12 +11,12 @@
 namespace
 {
 
-/// To a whole number of units; the largest there is if that is too much.
+/// The bytes, rounded up to a whole number of units; the largest such number if that would be too much.
 std::uint64_t roundedUp(std::uint64_t bytes, std::uint64_t unit)
 {
-    constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
+    constexpr std::uint64_t LARGEST = std::numeric_limits<std::uint64_t>::max();
     const std::uint64_t units = bytes / unit + (bytes % unit != 0 ? 1 : 0);
-    return units > MOST / unit ? MOST / unit * unit : units * unit;
+    return units > LARGEST / unit ? LARGEST / unit * unit : units * unit;
 }
 
 } // namespace

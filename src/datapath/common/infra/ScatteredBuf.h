@@ -75,7 +75,7 @@ public:
     /// Whether all segments but the last have the first one's size, and the last is no larger.
     [[nodiscard]] bool isUniform() const { return m_isUniform; }
 
-    /// Of all segments; MemorySegment::NoOwner if they have several, null if there are none.
+    /// The owner of all segments; MemorySegment::NoOwner if they have several, null if there are no segments.
     [[nodiscard]] ModuleMemoryInformation* owner() const { return m_owner; }
 
 private:

@@ -137,7 +137,7 @@ TEST_F(MemoryPool, FillsFreshAndReturnedChunksWhileMemoryIsGuarded) { expectFill
 
 TEST_F(MemoryPool, BrokenFiguresEndTheProcess)
 {
-    static const LettingGo lettingGo;
+    static const IgnoredAsserts ignoredAsserts;
     struct OddPool : MemoryPoolImpl
     {
         using MemoryPoolImpl::MemoryPoolImpl;
@@ -337,7 +337,7 @@ TEST_F(MemoryPool, ServesSeveralThreadsThatWaitForEachOther)
 
 TEST_F(MemoryPool, TheHeapCountsAChunkForEachSegment)
 {
-    static const LettingGo lettingGo;
+    static const IgnoredAsserts ignoredAsserts;
     MemoryHeap& heap = MemoryHeap::instance();
     HeapModuleMemoryInformation* const parent = heap.registerModule("parent", nullptr);
     HeapModuleMemoryInformation* const child = heap.registerModule("child", parent);

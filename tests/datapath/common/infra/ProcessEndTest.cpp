@@ -63,7 +63,7 @@ TEST(ProcessEnd, AFailedAssertionIsAFlushedErrorLineAndTheEnd)
 TEST(ProcessEnd, AFifthClientEndsTheProcess)
 {
     const CapturingClient clients[4];
-    const LettingGo lettingGo;
+    const IgnoredAsserts ignoredAsserts;
     const CapturingClient fifth;
     EXPECT_TRUE(fifth.messages().empty());
     EXPECT_EQ("Assert,NON,Logger,registerClient, datapath/common/infra/Log.cpp 204: m_clientsCnt < 4 failed.  "

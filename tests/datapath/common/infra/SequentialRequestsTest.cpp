@@ -89,7 +89,7 @@ TEST_F(SequentialRequests, AreOfferedInTheOrderOfTheirKeys)
 
 TEST_F(SequentialRequests, WrongAnswersAndStatesEndTheProcess)
 {
-    static const LettingGo lettingGo;
+    static const IgnoredAsserts ignoredAsserts;
     const CapturingClient client(1); // of level Assert
     modules[0].queue().popRequest();
     push(modules[0], {1, 2, 3, 4, 5, 6});

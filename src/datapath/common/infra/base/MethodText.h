@@ -92,14 +92,15 @@ constexpr std::size_t findParameters(std::string_view signature)
     return std::string_view::npos;
 }
 
-/// The name without the unnamed namespaces that it passes through.
+/// The name without the unnamed namespace that it begins with; nothing if that stands within another namespace.
 constexpr std::string_view withoutUnnamed(std::string_view name)
 {
     for (const std::string_view unnamed : {"{anonymous}::", "(anonymous namespace)::"})
     {
-        if (const std::size_t found = name.rfind(unnamed); found != std::string_view::npos)
+        const std::size_t found = name.rfind(unnamed);
+        if (found != std::string_view::npos)
         {
-            name.remove_prefix(found + unnamed.size()); // what stands before it is the return type or a namespace
+            name.remove_prefix(found > 0 && name[found - 1] == ':' ? name.size() : found + unnamed.size());
         }
     }
     return name;

@@ -48,7 +48,8 @@ TEST(MethodText, OtherSignaturesAreRefused)
 {
     for (const char* const signature :
          {"bool C::operator<(int) const", "decltype ((a + b)) f(A, B) [with A = int; B = int]", "int (& C::f())[3]",
-          "static void P<T>::f() [with T = int]", "void P<char>::f()", "C::f(int)::<lambda(auto)> [with auto:1 = int]"})
+          "static void P<T>::f() [with T = int]", "void P<char>::f()", "C::f(int)::<lambda(auto)> [with auto:1 = int]",
+          "void ns::{anonymous}::f()"})
     {
         EXPECT_THROW(MethodTextInternal::methodTextOf(signature), const char*) << signature;
     }
