@@ -58,15 +58,16 @@ private:
 
     [[nodiscard]] std::int64_t holdStill(std::int64_t reading, std::int64_t last) EXCLUDES(m_counterMutex);
 
-    std::uint32_t m_ticksPerMs = 0;
     // Only the values matter, so these are read and written without an order.
     static constinit inline platform::Atomic<std::int64_t> s_lastTimestampMs = 0;
     static constinit inline platform::Atomic<std::uint64_t> s_lastRefreshTick = 0; // the system's tick count, in ms
-    platform::Atomic<std::int64_t> m_relativeBaseMs = 0;
-    Mutex m_counterMutex; // held while a backward step is logged, so that its lines stand together
-    // The highest reading that was handed out, in ticks; 0: none yet. Every reading writes it, so it has a cache line
-    // to itself.
+
+    // The highest reading that was handed out, in ticks; 0: none yet. Every reading writes it, so the clock has a cache
+    // line to itself.
     alignas(CACHE_LINE) platform::Atomic<std::int64_t> m_lastTimestamp = 0;
+    platform::Atomic<std::int64_t> m_relativeBaseMs = 0; // read and written without an order
+    std::uint32_t m_ticksPerMs = 0;
+    Mutex m_counterMutex; // held while a backward step is logged, so that its lines stand together
 };
 
 /// Makes the process's WindowsTimer, whose source defines this: the timers stand above the clock.

@@ -74,6 +74,7 @@ LogQueue::Chunk LogQueue::newChunk(std::size_t textLength)
     const std::size_t capacity = std::max(USUAL_CAPACITY, roomFor(textLength));
     auto* const memory =
         GuardedMemory::createArray<std::byte>({"LogQueueChunk", SourcePlace::here()}, sizeof(ChunkHead) + capacity);
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.PlacementNew): it takes the words before counted memory for all there is
     return Chunk(::new (memory) ChunkHead(capacity));
 }
 
