@@ -81,6 +81,7 @@ ASSERTION = "Assertion ({}) failed datapath/common/infra/Tweaks.cpp {}"
 NUMBER = ASSERTION.format("false", 71)
 QUOTES = ASSERTION.format("""val.length() > 1 && (val[val.length() -1] == '"')""", 32)
 TWICE = 'multiple definition for tweak "t_x"'
+BAD_MODE = b't_FileLoggerFlushEveryLine="x"'  # read when the log file is open
 
 
 @pytest.mark.parametrize(("files", "out", "explained"), [
@@ -93,14 +94,16 @@ TWICE = 'multiple definition for tweak "t_x"'
     (slot(0, 1, b"t_x = 1\nword ; = 2\n"), ASSERTION.format("false", 602), ['without "=": word']),
     (slot(0, 1, b"t_x = 1\nt_x = 1\n"), TWICE + "\n" + ASSERTION.format("!strict", 244), ['"t_x"', "olm_tweaks"]),
     ({EXTENSION: b't_ENABLEmemshield="x"'}, ASSERTION.format("false", 123), ['"t_enableMemshield"', ' "x"']),
+    ({EXTENSION: BAD_MODE}, ASSERTION.format("false", 123), ['"t_FileLoggerFlushEveryLine"', ' "x"']),
     ({EXTENSION: b"t_defaultDlcTimeoutSec=-1"}, ASSERTION.format("ival >= 0", 535), ['"t_defaultDlc', " -1 "]),
-], ids=["no copy", "word", "second =", "large", "cut string", "no =", "twice", "string", "negative"])
+], ids=["no copy", "word", "second =", "large", "cut string", "no =", "twice", "string", "mode", "negative"])
 def test_bad_file_ends_the_program(program, files, out, explained):
     put(program.folder, files)
     status, written, explanation = submit(program)
     assert (status, written) == (program.ABNORMAL_END, out)
     assert all(part.replace("/", program.separator) in explanation for part in explained), explanation
     assert program.agent_record() is None
+    assert (program.log.exists() and program.log.read_bytes() == b"") == (BAD_MODE in files.values())
 
 
 @pytest.mark.parametrize(("files", "out"), [

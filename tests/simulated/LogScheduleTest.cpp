@@ -76,7 +76,7 @@ struct LogSchedules : testing::Test
     const ScratchFolder folder;
     GenFileLogger::Settings settings{.files = {.basePath = folder.path("log")},
                                      .maxBytes = 1'000'000,
-                                     .flushEveryLine = false,
+                                     .modes = {.flushEveryLine = false},
                                      .threadType = "class writer"};
     const ScopedReplacement disk{platform::fileCalls.writeFile, writeSlowly};
 };
@@ -90,7 +90,7 @@ TEST_F(LogSchedules, EachLineComesIntoTheFileOnceByItself)
 {
     for (const bool isLineByLine : {false, true})
     {
-        settings.asyncFlushEveryLine = isLineByLine;
+        settings.modes.asyncFlushEveryLine = isLineByLine;
         exploreBothWays([&] {
             folder.removeFiles();
             diskWrites = 0;
@@ -145,7 +145,7 @@ TEST_F(LogSchedules, RotatedFilesHoldEachLineOnceAndInItsOrder)
     const ScopedReplacement longer(platform::fileCalls.lengthOfFile, tenMebibytesWhenFull);
     for (const bool isSynchronous : {false, true})
     {
-        settings.flushEveryLine = isSynchronous;
+        settings.modes.flushEveryLine = isSynchronous;
         exploreBothWays(
             [&] {
                 folder.removeFiles();

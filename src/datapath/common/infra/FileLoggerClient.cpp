@@ -11,21 +11,29 @@ namespace
 GenFileLogger::Settings clientSettings(const std::string& basePath, std::uint32_t maxMemoryMiB)
 {
     GenFileLogger::Settings settings = GenFileLogger::tweakedSettings(basePath, maxMemoryMiB);
-    const Tweaks& tweaks = Tweaks::instance();
-    settings.files.compressOnRotate = tweaks.value(FILE_LOGGER_COMPRESS_ON_ROTATE);
-    settings.flushEveryLine = tweaks.value(FILE_LOGGER_FLUSH_EVERY_LINE);
-    settings.asyncFlushEveryLine = tweaks.value(ASYNC_FILE_LOGGER_FLUSH_EVERY_LINE);
     settings.threadType = "class FileLoggerClient";
     return settings;
+}
+
+GenFileLogger::Modes tweakedModes()
+{
+    const Tweaks& tweaks = Tweaks::instance();
+    GenFileLogger::Modes modes;
+    modes.compressOnRotate = tweaks.value(FILE_LOGGER_COMPRESS_ON_ROTATE);
+    modes.flushEveryLine = tweaks.value(FILE_LOGGER_FLUSH_EVERY_LINE);
+    modes.asyncFlushEveryLine = tweaks.value(ASYNC_FILE_LOGGER_FLUSH_EVERY_LINE);
+    return modes;
 }
 
 } // namespace
 
 FileLoggerClient::FileLoggerClient(const std::string& basePath, std::uint32_t maxMemoryMiB,
                                    const std::string& startInfo)
-    : m_logger(clientSettings(basePath, maxMemoryMiB)),
-      m_isEnabled(m_logger.isOpen() && Tweaks::instance().value(FILE_LOGGER_ENABLED))
+    : m_logger(clientSettings(basePath, maxMemoryMiB))
 {
+    // After the file is open: a value that ends the process leaves the file of the run that it has ended.
+    m_logger.setModes(tweakedModes());
+    m_isEnabled = m_logger.isOpen() && Tweaks::instance().value(FILE_LOGGER_ENABLED);
     log("\n\n");
     log(std::string(UtcTimestamp(3).view()) + ", -----------------Log Start---------------------- " + startInfo +
         " ----------------------\n");

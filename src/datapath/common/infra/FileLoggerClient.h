@@ -35,5 +35,5 @@ public:
 
 private:
     GenFileLogger m_logger;
-    const bool m_isEnabled;
+    bool m_isEnabled = false;
 };

@@ -51,6 +51,7 @@ GenFileLogger::GenFileLogger(Settings settings)
       m_memoryTracker(createTracker(m_settings), {SourcePlace::numbered(NUMBER_TRACKER_RELEASED)}),
       m_isOpen(m_files.open())
 {
+    setModes(m_settings.modes);
     if (m_isOpen)
     {
         open();
@@ -73,6 +74,13 @@ GenFileLogger::~GenFileLogger()
     }
 }
 
+void GenFileLogger::setModes(const Modes& modes)
+{
+    m_modes = modes;
+    const MutexGuard guard(m_fileMutex);
+    m_files.setCompressOnRotate(modes.compressOnRotate);
+}
+
 std::string GenFileLogger::liveFileName() const
 {
     const std::string name = LogFiles::liveFile(m_settings.files.basePath);
@@ -86,7 +94,7 @@ void GenFileLogger::write(const char* data, std::uint32_t length)
         return;
     }
     const std::string_view text(data, data == nullptr ? 0 : length);
-    if (m_settings.flushEveryLine)
+    if (m_modes.flushEveryLine)
     {
         const MutexGuard guard(m_fileMutex);
         m_files.write(text);
@@ -220,7 +228,7 @@ bool GenFileLogger::isUrgent() const { return m_queue->bytes() >= URGENT_BYTES |
 
 bool GenFileLogger::flush()
 {
-    if (m_settings.flushEveryLine || !m_isOpen)
+    if (m_modes.flushEveryLine || !m_isOpen)
     {
         return true;
     }
@@ -283,7 +291,7 @@ bool GenFileLogger::isMoreToWrite()
         {
             return true;
         }
-        if (m_settings.asyncFlushEveryLine)
+        if (m_modes.asyncFlushEveryLine)
         {
             return !sleepsWithoutWork();
         }
@@ -368,7 +376,7 @@ void GenFileLogger::writePiece(const LogQueue::Piece& piece)
         m_files.write(text, !m_isInsideText, isLast);
         m_isInsideText = !isLast;
     }
-    if (text.empty() || (isLast && m_settings.asyncFlushEveryLine))
+    if (text.empty() || (isLast && m_modes.asyncFlushEveryLine))
     {
         m_files.flush();
     }

@@ -48,14 +48,20 @@
 class GenFileLogger final : public ThreadWrapper
 {
 public:
+    struct Modes
+    {
+        bool flushEveryLine = true;       ///< the synchronous mode
+        bool asyncFlushEveryLine = false; ///< asynchronous mode: the writer flushes after every text
+        bool compressOnRotate = false;    ///< see LogFiles::setCompressOnRotate
+    };
+
     struct Settings
     {
         LogFiles::Settings files;
         std::uint32_t maxBytes = 0;                     ///< budget of queued text
         std::uint32_t resumeBytes = 0;                  ///< a pause ends when no more than this is queued
         std::uint32_t flushMaxPeriodMs = 0;             ///< longest wait for a flush; 0: no limit
-        bool flushEveryLine = true;                     ///< the synchronous mode
-        bool asyncFlushEveryLine = false;               ///< asynchronous mode: the writer flushes after every text
+        Modes modes{};
         std::string threadType = "class GenFileLogger"; ///< what the log calls the writer
     };
 
@@ -71,6 +77,9 @@ public:
     GenFileLogger(const std::string& path, std::uint32_t maxMemoryMiB);
 
     ~GenFileLogger() override;
+
+    /// Other modes than those of the settings. Before the first text only, and on one thread.
+    void setModes(const Modes& modes) EXCLUDES(m_fileMutex);
 
     /// Null asks for a flush that nobody waits for. A text of 0 bytes is not queued.
     void write(const char* data, std::uint32_t length) EXCLUDES(m_fileMutex, m_queueMutex);
@@ -125,6 +134,7 @@ private:
     void finishFlushes(std::uint64_t count) EXCLUDES(m_queueMutex);
 
     const Settings m_settings;
+    Modes m_modes;                                   // unchanged from the first text on
     const bool m_isGuarded = MemShield::isEnabled(); // queued texts are blocks of their own
     Mutex m_fileMutex;                               // guards the files; nothing is taken inside it
     LogFiles m_files GUARDED_BY(m_fileMutex);

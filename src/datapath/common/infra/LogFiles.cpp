@@ -185,7 +185,7 @@ std::string LogFiles::rotatedFileName(std::int64_t number) const
 {
     const std::string digits = std::to_string(number);
     const std::string filling(MIN_DIGITS - std::min(MIN_DIGITS, digits.size()), '0');
-    return withSuffixes(m_settings.basePath + filling + digits, m_settings.compressOnRotate);
+    return withSuffixes(m_settings.basePath + filling + digits, m_compressOnRotate);
 }
 
 /// The paths of the plain files in the folder; none if it cannot be read to its end.

@@ -32,7 +32,6 @@ public:
         /// name, is written to, but its numbered files are not found.
         std::string basePath;
         std::uint32_t maxFiles = 1000; ///< numbered files that are kept
-        bool compressOnRotate = false; ///< numbered files are named ".txt.gz"; their content stays plain text
     };
 
     explicit LogFiles(Settings settings);
@@ -40,6 +39,9 @@ public:
     /// Continues the live file, or creates it. Creates its folder too, but not the folders above that one. Returns
     /// whether the file is open.
     [[nodiscard]] bool open();
+
+    /// Whether files that are numbered from now on are named ".txt.gz"; their content stays plain text. At first not.
+    void setCompressOnRotate(bool compressOnRotate) { m_compressOnRotate = compressOnRotate; }
 
     /// Appends a text or, one after the other, the parts of a text; all parts go to the same file. Dropped while no
     /// file is open.
@@ -69,5 +71,6 @@ private:
 
     const Settings m_settings;
     const std::string m_directory; // of all files
+    bool m_compressOnRotate = false;
     LogFileStream m_stream;
 };

@@ -47,7 +47,11 @@ struct LogFilesTest : testing::Test
     {
         std::ranges::for_each(before, [&](const std::string& name) { folder.write("log" + name, "numbered"); });
         makeLiveFile(LIMIT + 1);
-        OpenLogFiles({base, maxFiles, isCompressed}).write("new\n");
+        {
+            OpenLogFiles files({base, maxFiles});
+            files.setCompressOnRotate(isCompressed);
+            files.write("new\n");
+        }
         EXPECT_EQ("new\n", text("log.txt"));
         std::string after;
         for (const std::string& name : folder.files())
