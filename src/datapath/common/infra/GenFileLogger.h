@@ -58,9 +58,9 @@ public:
     struct Settings
     {
         LogFiles::Settings files;
-        std::uint32_t maxBytes = 0;                     ///< budget of queued text
-        std::uint32_t resumeBytes = 0;                  ///< a pause ends when no more than this is queued
-        std::uint32_t flushMaxPeriodMs = 0;             ///< longest wait for a flush; 0: no limit
+        std::uint32_t maxBytes = 0;         ///< budget of queued text
+        std::uint32_t resumeBytes = 0;      ///< a pause ends when no more than this is queued
+        std::uint32_t flushMaxPeriodMs = 0; ///< longest wait for a flush; 0: no limit
         Modes modes{};
         std::string threadType = "class GenFileLogger"; ///< what the log calls the writer
     };
