@@ -78,6 +78,7 @@ void MemoryReport::printAllocations()
         std::uint64_t count = 0;
         std::uint64_t bytes = 0;
     };
+    MemShield& memShield = MemShield::instance(); // made before the report begins: it reads tweaks and starts a thread
     const bool isVerbose = Tweaks::instance().value(MEM_SHIELD_VERBOSE) != 0;
     const std::int64_t limit = Tweaks::instance().value(MEM_SHIELD_MAX_ALLOCATION_IN_CODE_LINE);
     LogItem(LoggerId::NON, LogLevel::Info, PRINT_ALLOCATIONS)
@@ -85,7 +86,7 @@ void MemoryReport::printAllocations()
 
     std::map<std::pair<const char*, std::uint32_t>, Group> groups;
     std::uint64_t total = 0;
-    MemShield::instance().visitLive([&](const std::byte* /*memory*/, const MemShield::AllocInfo& info) {
+    memShield.visitLive([&](const std::byte* /*memory*/, const MemShield::AllocInfo& info) {
         Group& group = groups[{info.m_file, info.m_line}];
         ++group.count;
         group.bytes += info.m_size;
@@ -119,6 +120,7 @@ void MemoryReport::printAllocations()
 
 void MemoryReport::printRecentlyFreed()
 {
+    static_cast<void>(MemShield::instance()); // made before the report begins
     LogItem(LoggerId::NON, LogLevel::Info, PRINT_RECENTLY_FREED)
         << " Timer::instance()->getLastTimestampMs_Inaccurate(true)=" << Clock::lastTimestampMs() << " " << std::endl;
     for (const auto& [memory, info] : sortedRecords(&MemShield::visitRecentlyFreed))

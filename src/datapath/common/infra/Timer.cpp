@@ -15,6 +15,7 @@ std::uint32_t ITimer::getTimestamp10Ms() { return static_cast<std::uint32_t>(get
 void Timer::start()
 {
     m_numProcessors = platform::processorCount();
+    static_cast<void>(Clock::instance()); // logs here, and not on the timer thread
     if (platform::startThread(WindowsTimer::timerThread, &WindowsTimer::instance(),
                               platform::ThreadPriority::TimeCritical) != platform::ErrorNumber::Success)
     {

@@ -17,8 +17,9 @@ WindowsTimer::WindowsTimer(TimerHandle firstHandle) : m_lastHandle(firstHandle -
 TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot,
                                    TimerHandle handleToReplace)
 {
+    Clock& clock = Clock::instance(); // made before the lock is taken: its making locks and logs
     const MutexGuard guard(m_timersMutex);
-    const auto nowMs = static_cast<std::uint64_t>(Clock::instance().readMs());
+    const auto nowMs = static_cast<std::uint64_t>(clock.readMs());
     Timer* const replaced = handleToReplace == 0 ? nullptr : findTimer(handleToReplace);
     if (replaced != nullptr)
     {
