@@ -1,7 +1,8 @@
-// Runs one's own code on the library in every order of its threads. Built by the CMake preset linux-simulated.
+// Shows how to run code on the library in every order of its threads. The CMake preset linux-simulated builds it.
 //
-// A report is made once, by a thread of its own, when it is asked for the first time. Two threads ask at the same time.
-// The hasty version looks whether that has happened, and then notes that it has: in one order both make the report.
+// A report is made once, by a thread of its own, when somebody asks for it for the first time. Two threads ask at the
+// same time. The hasty version reads the flag and sets it in two steps: in some orders both threads find it unset, and
+// the report is made twice.
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/Future.h"
@@ -21,7 +22,7 @@ class Report
 public:
     explicit Report(bool isHasty) : m_isHasty(isHasty) { m_printer.open(); }
 
-    /// Returns when it is made, and whether that went well. Any thread may call.
+    /// Returns when the report is made; RC_OK if that went well. Any thread may call.
     RcStatus get()
     {
         if (isFirst())
@@ -55,7 +56,7 @@ private:
     }
 
     const bool m_isHasty;
-    bool m_isMade = false; // for the printer's thread
+    bool m_isMade = false; // only the printer's thread uses it
     platform::Atomic<bool> m_isAsked = false;
     FutureInternal::Future<RcStatus> m_result;
     ActiveObject m_printer{"Printer", &isVerbose}; // destroyed first: its thread uses the rest
@@ -75,7 +76,7 @@ Scenario askTwice(bool isHasty)
 int main()
 {
     askTwice(false)(); // starts the services of the process, which run for ever
-    // The library has places of its own for threads: after some schedules it has all that it needs.
+    // The library keeps some memory for each thread that ran at one time: after some schedules it has all of that.
     const ExploreOptions options{.maxSchedules = 5'000, .warmUps = 20};
     const Exploration careful = explore(askTwice(false), options); // first: a failure leaves threads that stand still
     const Exploration hasty = explore(askTwice(true), options);

@@ -1,4 +1,4 @@
-// Registers a log client of its own and logs: the hub without the window.
+// Registers a log client of its own and logs, without the window.
 
 #include "datapath/common/infra/LogItem.h"
 

@@ -16,7 +16,8 @@ public:
     void flush() override { std::cout.flush(); }
 };
 
-struct Digest : ActiveObject::Action // work for a worker: done with what was read, it gives the memory back
+/// Work for a worker: uses what was read, and gives the memory back.
+struct Digest : ActiveObject::Action
 {
     Digest(MemoryPoolImpl& usedPool, ScatteredBuf& buffer) : pool(usedPool), read(buffer) {}
     void execute() override { pool.freeSegments(read.getSegments(), 0); }
@@ -27,7 +28,7 @@ struct Digest : ActiveObject::Action // work for a worker: done with what was re
 
 int main()
 {
-    MemShield::setEnabled(false); // memory is counted, not guarded; before anything is allocated
+    MemShield::setEnabled(false); // memory is counted, not guarded; to be called before anything is allocated
     ConsoleClient client;
     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
     static constinit platform::Atomic<bool> isVerbose = false;
@@ -35,7 +36,7 @@ int main()
     workers.open();                                                       // one thread
     workers.open();                                                       // and another one
     MemoryPoolImpl pool({.chunkSize = 65'536, .maxPoolSize = 2U << 20U}); // one block of 32 chunks
-    MemoryPoolImpl::instance().attachSubPool(pool);                       // so that reports show it
+    MemoryPoolImpl::instance().attachSubPool(pool);                       // reports show it then
     ModuleMemoryInformation* const reader = pool.registerModule({.name = "Reader"});
     ModuleMemoryInformation* const writer = pool.registerModule({.name = "Writer", .limitBytes = 262'144});
 
@@ -46,18 +47,18 @@ int main()
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "reader status=" << status << ", writer waits=" << !served.isSet() << std::endl;
     workers.enqueue(GuardedMemory::create<Digest>({"Digest", SourcePlace::here()}, pool, read));
-    const RcStatus servedStatus = served.get(); // until the worker has given back what the writer needs
+    const RcStatus servedStatus = served.get(); // waits until the worker has given back enough
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
         << "writer status=" << servedStatus << " segments=" << written.getSegments().size() << std::endl;
 
-    static auto& ticks = *new Semaphore(0); // the timer's thread lives as long as the process: never destroyed
-    Timer::instance().addTimer([](void*) { ticks.signal(); }, nullptr, 100, false); // every 100 ms, not only once
+    static auto& ticks = *new Semaphore(0); // never destroyed: the timer's thread lives as long as the process
+    Timer::instance().addTimer([](void*) { ticks.signal(); }, nullptr, 100, false); // repeated every 100 ms
     Timer::instance().start();                                                      // the thread that calls it
     ticks.wait();
     ticks.wait();
     MemoryReport::printAllocations();
 
-    workers.terminateAllThreads(); // the end, in reverse: nobody works, nobody holds memory, nobody reports
+    workers.terminateAllThreads(); // the end, in reverse order: work, memory, log
     pool.freeSegments(written.getSegments(), 0);
     pool.unregisterModule(*writer);
     pool.unregisterModule(*reader);

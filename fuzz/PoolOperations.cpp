@@ -32,7 +32,7 @@ void expect(bool condition, const char* what)
     }
 }
 
-/// The messages of the pools' reports, and every line that tells of a failed check.
+/// Collects the messages of the pools' reports, and notes failed checks.
 struct ReportClient : LoggerClient
 {
     ReportClient() { Logger::instance().registerClient(this, Logger::ALL_LEVELS); }
@@ -75,20 +75,20 @@ enum class Growth : std::uint8_t
     Alternates, ///< fails and succeeds in turn
 };
 
-/// Answers to growth as it is told, and knows its blocks.
+/// A pool that grows as m_growth says, and knows its blocks.
 class TestedPool : public MemoryPoolImpl
 {
 public:
     using MemoryPoolImpl::MemoryPoolImpl;
 
-    /// Lets growth in flight, if there is any, end with that status, on a thread of its own.
+    /// Ends late growth that is under way, if there is any, with that status, on a thread of its own.
     void settle(RcStatus status)
     {
         std::thread([&] { answer(status); }).join();
         passHelperThread();
     }
 
-    /// As registerModule, while another thread gives that answer to late growth.
+    /// As registerModule, while another thread ends late growth with that status.
     ModuleMemoryInformation* registerSettling(const ModuleSettings& settings, RcStatus status)
     {
         std::atomic<bool> isOver = false;
@@ -113,7 +113,7 @@ public:
     }
 
     Growth m_growth = Growth::AtOnce;
-    std::atomic<bool> m_hasGrowthFailed = false; // the last one
+    std::atomic<bool> m_hasGrowthFailed = false; // at the last attempt
     std::set<const char*> m_blocks;
 
 private:
@@ -197,21 +197,21 @@ struct Holding
 {
     Module* module;
     std::uint32_t bytes;
-    bool isAppended; // to a segment that is not the pool's
+    bool isAppended; // the buffer begins with a segment that is not the pool's
     std::unique_ptr<ScatteredBuf> buffer = std::make_unique<ScatteredBuf>();
     FutureInternal::Future<RcStatus> future = FutureInternal::Future<RcStatus>::ready(RC_OK);
-    std::list<MemorySegment> segments{}; // of a complete one
+    std::list<MemorySegment> segments{}; // filled when the request is complete
     bool isComplete = false;
 };
 
-/// What is written into a byte of a segment.
+/// The value that is written into a byte of a segment.
 char stampOf(const MemorySegment& segment, std::uint64_t offset)
 {
     return static_cast<char>(reinterpret_cast<std::uintptr_t>(segment.buffer) / 512 * 31 + segment.sizeBytes +
                              offset * 7 + 1);
 }
 
-/// The bytes that are written: the first ones, some on the way and the last one.
+/// Visits the bytes that are written: the first ones, some in between and the last one.
 template <class Visit> void visitStamps(const MemorySegment& segment, const Visit& visit)
 {
     for (std::uint64_t offset = 0; offset < segment.sizeBytes; offset += offset < 32 ? 1 : 8192)
@@ -314,7 +314,8 @@ public:
         holding.future = m_pool.requestMemory(*holding.module->info, bytes, *holding.buffer, m_holdings.size());
     }
 
-    /// From an index on, or one segment, if there is a holding that is complete.
+    /// Gives back one segment of a complete holding, or all its segments from an index on. Returns false if no holding
+    /// is complete.
     bool giveBack(unsigned choice, unsigned index, bool isSingle)
     {
         std::vector<Holding*> complete;
@@ -355,7 +356,7 @@ public:
 
     [[nodiscard]] MemoryPoolImpl& pool() { return m_pool; }
 
-    /// Lines of the report, as they shall be.
+    /// Writes the lines that the pool's report must have.
     void expectReport(std::ostream& report) const
     {
         const auto [gross, net] = used();
@@ -387,17 +388,18 @@ public:
         return {gross, net, free()};
     }
 
-    /// Takes over what has become complete, then compares.
+    /// Takes over the segments of requests that have become complete, then compares the pool with the model.
     void check()
     {
         std::set<const Module*> waiting;
-        bool isAnyWaiting = false; // for what all may have; growth that alternates serves who comes second
+        bool isAnyWaiting = false; // for memory that any module may get
         for (Holding& holding : m_holdings)
         {
             const bool wasComplete = holding.isComplete;
             checkHolding(holding, waiting);
             const Module& module = *holding.module;
             isAnyWaiting = isAnyWaiting || (!holding.isComplete && ownBytes(module) != module.limit);
+            // Growth that alternates fails for the first request and may serve the second one.
             expect(wasComplete || !holding.isComplete || holding.segments.empty() || module.reserved != 0 ||
                        !isAnyWaiting || m_pool.m_growth == Growth::Alternates,
                    "a request overtakes that of another module");
@@ -432,7 +434,7 @@ public:
         }
     }
 
-    /// Gives everything back while growth works, until nothing is left.
+    /// Lets growth succeed, and gives everything back until nothing is left.
     void finish()
     {
         setGrowth(Growth::AtOnce);
@@ -443,7 +445,8 @@ public:
         {
             check();
         }
-        // What cannot be served waits, and whatever comes after it; unless all of that together is too much.
+        // Only a request above its module's limit still waits, and with it the later ones of that module, unless the
+        // demand exceeds what the pool can have.
         std::set<const Module*> stuck;
         std::uint64_t demand = 0;
         for (const auto& module : m_modules)
@@ -505,7 +508,7 @@ private:
         return own;
     }
 
-    /// By the module and those below it.
+    /// The bytes that the module and those below it use.
     [[nodiscard]] std::uint64_t usedBy(const Module& module) const
     {
         std::uint64_t bytes = ownBytes(module);
@@ -585,7 +588,7 @@ public:
         {
             model = std::make_unique<PoolModel>(m_chunk, next() % 9 << 20U);
         }
-        std::ranges::sort(m_models); // as reports have their order
+        std::ranges::sort(m_models); // by address, in which order reports list them
     }
 
     void run()
@@ -608,7 +611,7 @@ public:
         expect(!m_client.m_hasFailed, "a check has failed");
     }
 
-    /// After a fault nothing can be trusted any more.
+    /// Never destroys the pools, which nobody can trust after a fault.
     void leave()
     {
         std::ranges::for_each(m_models, [](auto& model) { static_cast<void>(model.release()); });
@@ -632,7 +635,7 @@ private:
     void step()
     {
         const unsigned operation = next();
-        const unsigned index = operation / 16 < 11 ? 0 : operation % POOLS; // most of it with one pool
+        const unsigned index = operation / 16 < 11 ? 0 : operation % POOLS; // mostly the first pool
         PoolModel& model = *m_models[index];
         static constexpr std::array LATE_ANSWERS = {RC_OK, RC_OK, RC_ABORTED, RC_TIME_OUT};
         switch (operation % 16)
@@ -673,7 +676,7 @@ private:
         {
             const unsigned size = next();
             const unsigned choice = next();
-            if (model.numHoldings() < 40) // each step looks at all
+            if (model.numHoldings() < 40) // because each step checks all of them
             {
                 model.request(choice / 2, size * m_chunk / 32 + size % 5, choice % 2 != 0);
             }

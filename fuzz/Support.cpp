@@ -65,7 +65,7 @@ LastLineClient& lastLineClient()
     };
     fileCalls.readFile.current = [](FileHandle file, void* buffer, std::size_t size) {
         std::string_view& rest = reinterpret_cast<OpenFile*>(file)->rest;
-        // Short reads, so that line ends fall on their borders.
+        // Reads are short, so that some end within a line end.
         const std::size_t bytes = std::min({size, rest.size(), rest.size() % 7 + 1});
         std::memcpy(buffer, rest.data(), bytes);
         rest.remove_prefix(bytes);

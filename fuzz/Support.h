@@ -1,6 +1,6 @@
 #pragma once
 
-// What the fuzz targets share: files in memory and an end of the process that can be lived through.
+// What the fuzz targets share: files in memory, and an end of the process that only ends the work.
 
 #include <functional>
 #include <map>
@@ -8,18 +8,18 @@
 #include <string_view>
 #include <vector>
 
-/// The files that exist, by their paths.
+/// The content of the files that exist, by path.
 extern std::map<std::string, std::string> files;
 
-/// Runs work that may end the process. Returns whether it would have; its last line is then one of those
-/// that are meant to.
+/// Runs work that may end the process. Returns whether it would have ended it; the last line of the log is then
+/// required to be one of the failures that bad files may cause.
 bool endsProcess(const std::function<void()>& work);
 
-/// The lines of a text as TextLines gives them, found character by character.
+/// The lines of a text as TextLines returns them, but found character by character.
 std::vector<std::string> linesOf(const std::string& text);
 
-/// IEEE 802.3, bit by bit.
+/// The CRC-32 of IEEE 802.3, computed bit by bit.
 std::uint32_t crc32Of(std::string_view bytes);
 
-/// Ends the fuzzer with what went wrong.
+/// Prints what is wrong and aborts the fuzzer if the condition is false.
 void require(bool condition, const char* what);

@@ -1,4 +1,4 @@
-// Operations of memory pools from bytes, compared with a plain model after each one.
+// Does with memory pools what the bytes say, and compares them with a plain model after each operation.
 
 #include "fuzz/PoolOperations.h"
 #include "fuzz/Support.h"

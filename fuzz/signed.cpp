@@ -1,5 +1,5 @@
-// The two copies of a signed file and their signatures, four pieces between zero bytes, "-" for a file that
-// does not exist: loads what a plain reading of the rules loads.
+// Loads a consistent file and compares the result with a plain implementation. The input is the content of the two
+// copies and of their signatures, separated by zero bytes; "-" stands for a file that does not exist.
 
 #include "datapath/common/infra/ConsistentFile.h"
 #include "fuzz/Support.h"

@@ -1,5 +1,5 @@
-// A tweak file, first byte 's' for the signed one, which is read strictly: every line ends up in the table
-// as a plain reading of the text says, or the process ends.
+// Loads a tweak file. Each tweak in the table has the value that a plain implementation reads, or the process ends. If
+// the first byte is 's', the rest is the signed file, which is read strictly; otherwise it is an extension file.
 
 #include "datapath/common/infra/Tweaks.h"
 #include "fuzz/Support.h"

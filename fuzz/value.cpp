@@ -1,5 +1,5 @@
-// A value text becomes what a standard stream, the list of boolean words and a plain reading of the quotes make of it,
-// or ends the process.
+// Reads a value text, and compares the result, or that the process ends, with a plain implementation: a list of boolean
+// words, a standard stream for numbers, and texts between quotes.
 
 #include "datapath/common/infra/Tweaks.h"
 #include "fuzz/Support.h"
@@ -30,7 +30,7 @@ std::optional<std::string> numberOf(const std::string& text)
     return stream >> (isHex ? std::hex : std::dec) >> value ? std::optional(std::to_string(value)) : std::nullopt;
 }
 
-/// The printed form; nothing if the process ends.
+/// The value as it is printed; nothing if the process ends.
 std::optional<std::string> printedFormOf(const std::string& text)
 {
     if (!text.starts_with('"'))

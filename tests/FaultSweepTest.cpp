@@ -2,8 +2,8 @@
 // call of the platform fails, then its second, and so on, until a run meets no fault. Either only that call fails, or
 // all calls from it on.
 //
-// The child tells on standard output what is promised, and "fault NAME" when the first call fails. The order of these
-// lines shows what had been promised before.
+// On standard output the child prints what the program promises, and "fault NAME" when the first call fails. The order
+// of these lines shows which promises came before the fault.
 
 #include "Agent/CheckpointGui/AgentLauncher.h"
 #include "datapath/common/infra/GenFileLogger.h"
@@ -36,17 +36,17 @@ namespace
 
 using namespace platform;
 
-constexpr int HANGS = 99;           // the exit code of a child that does not come to its end
-const std::string FAULT = "fault "; // and the name of the first call that fails
+constexpr int HANGS = 99;           // the exit code of a child that hangs
+const std::string FAULT = "fault "; // followed by the name of the first call that fails
 
-// Under Wine a process takes a tenth of a second; under the thread sanitizer it waits for a second at its end.
+// A process takes a tenth of a second under Wine, and waits for a second at its end under the thread sanitizer.
 #ifdef __SANITIZE_THREAD__
 constexpr bool IS_PROCESS_SLOW = true;
 #else
 constexpr bool IS_PROCESS_SLOW = PATH_SEPARATOR != '/';
 #endif
 
-int faultyCall = 0; // counted from 0 on
+int faultyCall = 0; // the first call is number 0
 bool areLaterFaulty = false;
 std::atomic<int> calls = 0;
 
@@ -60,7 +60,7 @@ bool isFaulty(const char* name)
     return call == faultyCall || (areLaterFaulty && call > faultyCall);
 }
 
-/// Lets an entry of a table fail when its turn comes.
+/// Replaces an entry of a platform table by a function that fails when isFaulty says so.
 template <auto ENTRY> struct Fallible;
 template <class Table, class Result, class... Arguments, Call<Result(Arguments...)> Table::*ENTRY>
 struct Fallible<ENTRY>
@@ -112,8 +112,8 @@ void installFaults()
     Fallible<&DialogCalls::runDialog>::install(dialogCalls, -1);
 }
 
-/// The system of a child: works in the working folder, shows no dialog and starts no agent. The call fails that the
-/// file "fault" tells.
+/// The system of a child: works in the working folder, shows no dialog and starts no agent. The file "fault" tells
+/// which call fails.
 struct FailingSystem
 {
     FailingSystem()
@@ -135,14 +135,14 @@ struct FailingSystem
     };
 };
 
-/// Runs the work over such a system, which stays: threads may still call it when the process ends.
+/// Runs the work over a FailingSystem, which is never destroyed: threads may still call it when the process ends.
 void runOverFailingSystem(const std::function<void()>& work)
 {
     [[maybe_unused]] static const auto& stays = *new FailingSystem;
     work();
 }
 
-/// A log that is standard output.
+/// Writes the log to standard output.
 struct StdoutClient : LoggerClient
 {
     StdoutClient() { Logger::instance().registerClient(this, Logger::ALL_LEVELS); }
@@ -197,16 +197,16 @@ CHILD_SCENARIO(loggingOverARotation)
     });
 }
 
-/// What a run has left.
+/// What a run leaves.
 struct Outcome
 {
     std::string output; ///< standard output, and after it the program's log
     std::string failed; ///< the name of the first call that failed, empty if none did
-    bool isForGood;
-    bool hasEnded; ///< by a failed check or assertion
+    bool isForGood;     ///< all calls after the first failed one failed, too
+    bool hasEnded;      ///< a failed check or assertion has ended the process
 
     [[nodiscard]] bool has(std::string_view text) const { return output.find(text) != std::string::npos; }
-    /// Whether one of these calls has failed, or may have.
+    /// Whether one of these calls has failed, or may have failed after another one.
     [[nodiscard]] bool hasFailed(const Texts& names) const
     {
         return isForGood ? !failed.empty() : std::ranges::count(names, failed) != 0;
@@ -236,8 +236,8 @@ struct FaultSweep : testing::Test
                            [](const auto& file) { return file.path().extension() == ".txt"; });
     }
 
-    /// Runs the scenario with each fault, over the files that prepare makes, and has checked what it leaves if it comes
-    /// to its end.
+    /// Runs the scenario once for each fault, over the files that prepare makes, and checks the outcome of each run
+    /// that comes to its end.
     void sweep(
         const std::string& scenario, const std::function<void(const Outcome&)>& check,
         const std::function<void()>& prepare = [] {}) const
@@ -257,7 +257,7 @@ struct FaultSweep : testing::Test
                 prepare();
                 const Outcome run = runWith(scenario, call, isForGood);
                 SCOPED_TRACE(run.failed + (isForGood ? " for good" : " once") + "\n" + run.output);
-                // A log that could not be opened, or that takes no more text, takes that of an assertion with it.
+                // If the log could not be opened, or takes no more text, the text of an assertion is lost.
                 EXPECT_TRUE(!run.hasEnded || run.has("Assertion (") || run.has(",Assert,") ||
                             run.has("without logger") || (isForGood && hasLog()));
                 run.hasEnded ? void() : check(run);
@@ -323,12 +323,12 @@ TEST_F(FaultSweep, LinesStayWholeAndInOrderAndThoseOfAFlushAreThere)
         {
             EXPECT_TRUE(!line.starts_with("l") || line == "line " + std::to_string(lines++)) << line;
         }
-        const bool isCut = run.hasFailed({"openFile"}); // lines are dropped then
-        const std::string promises = run.output.substr(0, isCut ? run.output.find(FAULT) : std::string::npos);
+        const bool mayDropLines = run.hasFailed({"openFile"}); // promises then hold until the fault only
+        const std::string promises = run.output.substr(0, mayDropLines ? run.output.find(FAULT) : std::string::npos);
         const std::size_t flush = promises.rfind("flushed ");
         const int flushed = flush == std::string::npos ? 0 : promises[flush + std::strlen("flushed ")] - '0';
         EXPECT_LE(flushed, lines);
-        EXPECT_TRUE(flushed == 9 || isCut);
+        EXPECT_TRUE(flushed == 9 || mayDropLines);
     };
     const auto makeOldLog = [this] { folder.write("app.log000001.txt", ""); }; // the rotation removes it
     sweep("loggingOverARotation", check, makeOldLog);

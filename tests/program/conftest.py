@@ -71,20 +71,20 @@ def screen():
 
 @pytest.fixture(scope="session")
 def wine(screen, tmp_path_factory):
-    """Runs commands under Wine. WINEPREFIX may name a prefix to keep; it is ended before and after."""
+    """Runs commands under Wine. WINEPREFIX may name a prefix to keep, whose processes are ended before and after."""
     folder = tmp_path_factory.mktemp("wine")
     wine = Wine(folder, Path(os.environ.get("WINEPREFIX", folder / "prefix")), screen)
     if not (wine.prefix / "system.reg").exists():
         wine.run("wineboot", "-i")
-    # In a desktop of its own Wine draws the caption and its buttons, and a program stays our own child.
+    # In a virtual desktop Wine draws the caption and its buttons, and a program stays a child of this process.
     key = r"HKCU\Software\Wine\Explorer"
     wine.run("wine", "reg", "add", key, "/v", "Desktop", "/d", "Default", "/f")
     wine.run("wine", "reg", "add", key + r"\Desktops", "/v", "Default", "/d", "800x600", "/f")
-    # The font of the caption's buttons, which the distribution keeps out of Wine's sight. It alone: the stand-in
-    # for the dialog's font there is so wide that it would cut the prompt.
+    # The distribution keeps the font of the caption's buttons where Wine does not look. The other fonts stay there:
+    # the substitute for the dialog's font is so wide that it would cut the prompt.
     for font in Path("/usr/share/wine/fonts").glob("marlett.ttf"):
         shutil.copy(font, wine.prefix / "drive_c" / "windows" / "Fonts")
-    wine.end()  # what runs already has a desktop of the old kind
+    wine.end()  # processes that run already have no virtual desktop
     yield wine
     wine.end()
 

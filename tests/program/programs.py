@@ -15,8 +15,8 @@ from pathlib import Path
 AGENT = "TavroVssAgent.exe"
 EDIT, OK, CANCEL = 1002, 1, 2
 DEADLINE_SEC = 60
-# The lines with which the worker and the checker start. They may come too early for the log file, which is being made
-# at that moment; those of its writer and of the CPU counters always do.
+# The lines that the allocator's worker and the deadlock checker log when they start. The log file is being made at that
+# moment and may miss them; it always misses those of its own writer and of the CPU counters.
 THREAD_START = re.compile(r"Info,(\d+),NON,(MemWatcher,AddThread,added  pid=\1 |"
                           r"ThreadWrapper,threadCallback,Starting ThreadWrapper of type "
                           r"(MemShieldAO internalId=[12]|class DeadLockCheckerManager internalId=[23]) )")
@@ -39,7 +39,7 @@ class Program:
         self.path = Path(shutil.copy(build / name, folder))
         self.agent = Path(shutil.copy(build / "stand-in" / AGENT, folder))
         self.settings = folder / f"{name}.conf"
-        self.mark = {"TAVRO_TEST_FOLDER": str(folder)}  # inherited by all that the program starts
+        self.mark = {"TAVRO_TEST_FOLDER": str(folder)}  # every process that the program starts inherits it
 
     def log_lines(self):
         """The lines of the log file, split by a CSV reader."""
@@ -47,21 +47,21 @@ class Program:
             return list(csv.reader(text))
 
     def last_run(self):
-        """The lines after the header of the log's last run: those of the main thread, those of the others."""
+        """The lines of the log's last run after the header: those of the main thread, and those of the others."""
         lines = self.log_lines()
         lines = lines[len(lines) - lines[::-1].index(LOG_COLUMNS):]
         main = next(line[2] for line in lines if line[6] == "Invoked.")
         return [line for line in lines if line[2] == main], [line for line in lines if line[2] != main]
 
     def agent_record(self):
-        """What the agent noted, None if none was started. To be called when the program has ended: whatever
-        is still at work in the folder then was started by it."""
+        """What the agent has noted, or None if none was started. To be called when the program has ended: a process
+        that is still at work in the folder is then the agent."""
         wait_for(lambda: not self._is_busy(), "the end of the agent")
         record = self.folder / "TavroVssAgent.record.json"
         return json.loads(record.read_text("utf-8")) if record.exists() else None
 
     def _is_busy(self):
-        # Either sign has gaps: Wine leaves the working folder for moments, execve the environment.
+        # Both signs are needed: Wine leaves the working folder for moments, and execve hides the environment.
         mark = os.fsencode(f"TAVRO_TEST_FOLDER={self.folder}\0")
         for process in Path("/proc").glob("[0-9]*"):
             try:
@@ -88,7 +88,7 @@ class LinuxProgram(Program):
         return subprocess.Popen([self.path], **self._surroundings(), **options)
 
     def open_dialog(self):
-        """Returns what leaves the dialog without a name, waits for the end and gives the exit code."""
+        """Returns a function that leaves the dialog without a name, waits for the end and returns the exit code."""
         process = self.start(stdin=subprocess.PIPE)
         return lambda: process.communicate(b"\n", DEADLINE_SEC) and process.returncode
 
@@ -127,7 +127,7 @@ class WindowsProgram(Program):
             wait_for(lambda: not self.desktop.dialog(), "the end of the window")
 
     def start(self, **options):
-        """Returns with the dialog on the screen, or when the program has ended without one."""
+        """Returns when the dialog is on the screen, or when the program has ended without one."""
         self.process = self.desktop.wine.start(self.path, self.folder, self.mark, **options)
         wait_for(lambda: self.process.poll() is not None or
                  (state := self.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
@@ -141,14 +141,14 @@ class WindowsProgram(Program):
         return self.process.wait(DEADLINE_SEC)
 
     def submit(self, name, **options):
-        """Puts any name into the edit control, also one that the keyboard has no keys for."""
+        """Submits any name, even one for which the keyboard has no keys."""
         if self.start(**options).dialog(name):
             self.desktop.press("Return")
         return self.exit_code()
 
     def threads(self):
-        """The ids of all threads of all processes that run the program, as the log shows them. Wine's own, which it
-        starts in any process and gives names, do not count."""
+        """The ids of all threads of all processes that run the program, as the log shows them, but for the threads that
+        Wine starts in each process, which have names."""
         listing = self.desktop.wine.run("winedbg", "--command", "info threads", stdout=subprocess.PIPE).decode()
         processes = re.findall(rf"^[0-9a-f]{{8}} {self.path.name}\b.*\n((?:\t.*\n)*)", listing.replace("\r", ""), re.M)
         ids = re.findall(r"^\t([0-9a-f]{8}) (?!.* wine_)", "".join(processes), re.M)
@@ -156,7 +156,7 @@ class WindowsProgram(Program):
 
 
 class FlushedLog:
-    """Logs until it is killed, and tells which lines are flushed."""
+    """The program that logs until it is killed, and prints how many lines are flushed."""
 
     def __init__(self, build, wine):
         self.wine = wine  # None on Linux
@@ -168,14 +168,14 @@ class FlushedLog:
 
 
 class ShowTweaks:
-    """Lists the configuration that a folder holds."""
+    """The program that lists the configuration that a folder holds."""
 
     def __init__(self, build, wine):
         self.wine = wine  # None on Linux
         self.path = build / ("show_tweaks.exe" if wine else "show_tweaks")
 
     def run(self, folder):
-        """The exit status, and what was written to standard output."""
+        """Returns the exit status and standard output."""
         with (self.wine.start(self.path, folder, stdout=subprocess.PIPE) if self.wine
               else subprocess.Popen([self.path], cwd=folder, stdout=subprocess.PIPE)) as process:
             output = process.communicate(timeout=DEADLINE_SEC)[0]
@@ -198,7 +198,7 @@ class Wine:
                               timeout=3 * DEADLINE_SEC, stdout=stdout, stderr=subprocess.DEVNULL).stdout
 
     def end(self):
-        self.run("wineserver", "-k", check=False)  # fails when it has ended by itself
+        self.run("wineserver", "-k", check=False)  # fails if the server has ended by itself
         self.run("wineserver", "-w", check=False)
 
 
@@ -210,7 +210,7 @@ class Desktop:
         self._probe = probe
 
     def dialog(self, name=None):
-        """The state of the dialog, None if there is none, after putting the name into its edit control."""
+        """Puts a given name into the edit control. Returns the state of the dialog, None if there is none."""
         self._probe.stdin.write("\n" if name is None else f"={name}\n")
         self._probe.stdin.flush()
         return json.loads(self._probe.stdout.readline())

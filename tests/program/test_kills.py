@@ -1,4 +1,4 @@
-"""What a program that logs at full speed leaves when it is killed, at random moments and over rotations."""
+"""What a program that logs at full speed, over rotations, leaves when it is killed at random moments."""
 
 import os
 import random
@@ -9,8 +9,8 @@ from programs import wait_for
 
 KILLS = 1000 if os.environ.get("TAVRO_THOROUGH") == "1" else 10
 SEED = 1
-LONGEST_SEC = 0.1  # from the first flush to the kill; some rotations
-LINES_OF_START = 4  # two empty ones, that of the start and the header
+LONGEST_SEC = 0.1  # from the first flush to the kill: time for some rotations
+LINES_OF_START = 4  # two empty lines, the start line and the header
 
 
 def test_a_killed_program_leaves_whole_lines_and_what_it_had_flushed(flushed_log, tmp_path):

@@ -13,7 +13,7 @@ def rows_of_a_run(program, settings="a b c d", name="nightly"):
     """Level, class, method and message of each line of the main thread after the listing."""
     program.settings.write_text(settings)
     assert program.submit(name) == 0
-    program.agent_record()  # waits for its end
+    program.agent_record()  # waits for the end of the agent
     lines, others = program.last_run()
     assert all(THREAD_START.fullmatch(",".join(line[1:])) for line in others), others
     listing = [line for line in lines if line[1] == "Control"]
@@ -49,7 +49,7 @@ def test_each_run_is_appended_whole(program):
 
 def test_others_use_the_live_file(program, tmp_path):
     leave = program.open_dialog()
-    # Without a flush that anybody asked for: a line reaches the file soon.
+    # A line reaches the file soon, even if nobody asks for a flush.
     wait_for(lambda: program.log.exists() and "Showing dialog..." in program.log.read_text(), "the lines")
     copy = shutil.copy(program.log, tmp_path / "copy")
     with open(program.log, encoding="utf-8") as tail:

@@ -22,7 +22,7 @@ def image(windows_build):
 
 @pytest.fixture(scope="module")
 def resources(image):
-    """By type, id and language."""
+    """The bytes of each resource, by type, id and language."""
     return {(kind.id, entry.id, language.id): image.get_data(language.data.struct.OffsetToData,
                                                              language.data.struct.Size)
             for kind in image.DIRECTORY_ENTRY_RESOURCE.entries
@@ -40,7 +40,7 @@ class Reader:
         return values if len(values) > 1 else values[0]
 
     def text(self, length=None):
-        """Of the length given, else up to a zero; a number if one stands in place of a text."""
+        """A text of the given length, or up to a zero; a number if one stands in the place of the text."""
         if length is not None:
             return self.take(f"{2 * length}s").decode("utf-16-le")
         units = []

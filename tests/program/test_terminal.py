@@ -34,7 +34,7 @@ def dialogue(program, *lines):
             shown += os.read(controller, 1024)
         os.write(controller, line)
     assert process.wait(DEADLINE_SEC) == 0
-    with os.fdopen(controller, "rb", 0) as rest, contextlib.suppress(OSError):  # all is read
+    with os.fdopen(controller, "rb", 0) as rest, contextlib.suppress(OSError):  # raised when all has been read
         while True:
             shown += rest.read(1024)
     return shown.decode()
@@ -75,7 +75,7 @@ def test_agent_that_cannot_be_started_is_reported(linux_program):
 
 @pytest.mark.parametrize("closed", [[0], [1], [2], [0, 1, 2]], ids=str)
 def test_log_does_not_take_the_place_of_a_closed_stream(linux_program, closed):
-    linux_program.agent.unlink()  # this is told on standard error, after the prompt on standard output
+    linux_program.agent.unlink()  # reported on standard error, after the prompt on standard output
     controller, terminal = pty.openpty()
     os.write(controller, b"name\n")
     process = linux_program.start(stdin=terminal, preexec_fn=lambda: list(map(os.close, closed)))
@@ -116,7 +116,7 @@ def children():
 
 @pytest.fixture
 def orphans():
-    """What programs that have ended leave behind: this process becomes the parent of such processes."""
+    """The processes that ended programs have left: this process becomes their parent."""
     before = children()
     prctl = ctypes.CDLL(None).prctl
     prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)

@@ -4,7 +4,7 @@ import re
 
 from programs import THREAD_START, wait_for
 
-# Of all threads only the worker of MemShieldAO is watched by the deadlock checker, which it has started.
+# The deadlock checker watches one thread, the worker of MemShieldAO, which has started the checker.
 LOOK = "DeadLockCheckerManager,run, m_lockSet.size()=1 "
 CHECKER = re.compile(rf"Info,\d+,NON,({re.escape(LOOK)}|WindowsTimer,WindowsTimer, m_ticksPerMs=\d+ )")
 
@@ -12,7 +12,7 @@ CHECKER = re.compile(rf"Info,\d+,NON,({re.escape(LOOK)}|WindowsTimer,WindowsTime
 def test_main_writer_worker_and_checker(program):
     (program.folder / "tweaks_extension.txt").write_text("t_deadlockCheckerIntervalSec = 1")
     leave = program.open_dialog()
-    # The checker only queues its lines, and the main thread stands still: it is the writer that puts them there.
+    # The checker only queues its lines, and the main thread waits for the user, so the writer puts them there.
     wait_for(lambda: program.log.exists() and program.log.read_text().count(LOOK) > 1, "two looks of the checker")
     threads = program.threads()
     assert leave() == 0

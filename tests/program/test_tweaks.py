@@ -18,7 +18,7 @@ def slot(number, sequence, data=None, crc=None):
 
 
 def put(folder, files):
-    """With a folder where there is None in place of bytes."""
+    """Writes the files. A file without bytes (None) becomes a folder."""
     for name, data in files.items():
         (folder / name).parent.mkdir(parents=True, exist_ok=True)
         (folder / name).mkdir() if data is None else (folder / name).write_bytes(data)
@@ -61,7 +61,8 @@ def test_consistent_file(show_tweaks, tmp_path, files, scan, winner):
     put(tmp_path, files)
     status, output = show_tweaks.run(tmp_path)
     text = output.decode().replace("\r", "")
-    expected = [("findLatestValidFileIndex", line.format(index)) for index, line in enumerate(scan)] * 2  # made, loaded
+    # The copies are searched when the object is made and again when it loads.
+    expected = [("findLatestValidFileIndex", line.format(index)) for index, line in enumerate(scan)] * 2
     expected += [("load", "Error Error loading from disk")] if winner is None else []
     logged = re.findall("^[^,]*,([^,]*),[^,]*,NON,ConsistentFile,([^,]*),(.*)", text, re.M)
     assert [(method, f"{level} {message}") for level, method, message in logged] == expected
@@ -70,7 +71,7 @@ def test_consistent_file(show_tweaks, tmp_path, files, scan, winner):
 
 
 def submit(program):
-    """The exit status, standard output and standard error, without what ends them."""
+    """Returns the exit status, standard output and standard error, without blanks around them."""
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
         status = program.submit("name", stdout=out, stderr=err)
         out, err = [stream.seek(0) or stream.read().decode().replace("\r", "").strip() for stream in (out, err)]

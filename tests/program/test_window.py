@@ -55,6 +55,6 @@ def test_screenshot(windows_program, artefacts):
     desktop = windows_program.start()
     desktop.type("before the upgrade")
     wait_for_text(desktop, "before the upgrade")
-    desktop.click(600, 400)  # away and back: a caption drawn before the first activation stays grey under Wine
+    desktop.click(600, 400)  # under Wine the caption stays grey until the window is activated again
     desktop.click_control(EDIT)
     desktop.capture(artefacts / "checkpoint-dialog.png")

@@ -9,7 +9,7 @@
 namespace
 {
 
-/// Services of the process are made once and stay, so a test would find what another one left.
+/// Services of the process are made once and stay, so a test would find what an earlier one has left in them.
 struct OneTestAProcess : testing::EmptyTestEventListener
 {
     void OnTestProgramStart(const testing::UnitTest& tests) override

@@ -1,6 +1,6 @@
 #pragma once
 
-// Where the tests of the guarded allocator take their memory and release it.
+// The places at which the tests of the guarded allocator take memory and release it.
 
 #include "datapath/common/infra/MemShield.h"
 

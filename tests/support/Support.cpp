@@ -106,7 +106,7 @@ void exchangeInThreads(int threads, int rounds, const std::function<char*(std::u
 #ifdef __SANITIZE_THREAD__
     rounds /= 10; // each takes ten times as long
 #endif
-    std::vector<std::atomic<char*>> buffers(1'000); // released by whichever thread comes by
+    std::vector<std::atomic<char*>> buffers(1'000); // shared by all threads
     const auto put = [&](std::atomic<char*>& buffer, char* fresh) {
         char* const old = buffer.exchange(fresh);
         old != nullptr ? release(old) : void();
@@ -172,7 +172,7 @@ ScratchFolder::ScratchFolder()
 ScratchFolder::~ScratchFolder()
 {
     fs::current_path(m_workingFolder);
-    // One by one: with a file that is still open, remove_all does not end on Windows.
+    // One by one, because remove_all never returns on Windows if one of the files is still open.
     std::vector<fs::path> paths{m_path};
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(paths.front()))
     {

@@ -18,7 +18,7 @@
 
 using Texts = std::vector<std::string>;
 
-/// Keeps every line it is given; safe for several threads.
+/// Keeps every line that it is given. Several threads may log at once.
 class CapturingClient : public LoggerClient
 {
 public:
@@ -34,9 +34,9 @@ public:
     [[nodiscard]] Texts messages() const;
     /// The messages since the last call.
     Texts newMessages();
-    /// The rest of each message that starts so.
+    /// For each message that begins with this start, what follows it.
     [[nodiscard]] Texts messagesAfter(const std::string& start) const;
-    /// How many messages are as the pattern says.
+    /// How many messages match the pattern.
     [[nodiscard]] std::ptrdiff_t count(std::string_view pattern) const;
     [[nodiscard]] std::string last() const { return messages().back(); }
     [[nodiscard]] int flushes() const;
@@ -44,11 +44,11 @@ public:
 private:
     mutable std::mutex m_mutex;
     Texts m_lines;
-    std::size_t m_known = 0; // messages
+    std::size_t m_known = 0; // how many messages newMessages has returned
     int m_flushes = 0;
 };
 
-/// Calls a function with each line that has that part, for as long as it exists.
+/// While it exists, calls the hook with each line that contains the part.
 struct HookedClient : LoggerClient
 {
     HookedClient(std::string part, std::function<void(const std::string&)> hook);
@@ -76,16 +76,16 @@ private:
     std::function<void()> m_putBack;
 };
 
-/// While it lives, what would end the process throws ProcessEnded instead.
 struct ProcessEnded
 {
 };
+/// While it exists, ProcessEnded is thrown where the process would end.
 struct ScopedProcessEnd
 {
     ScopedReplacement replacement{platform::processCalls.endProcess, [] { throw ProcessEnded(); }};
 };
 
-/// Lets the program go on after lines of level Assert, from its construction on.
+/// From its construction on, lines of level Assert do not end the process.
 struct IgnoredAsserts : LogAssertHook
 {
     IgnoredAsserts() { Logger::instance().setAssertHook(this); }
@@ -94,38 +94,38 @@ struct IgnoredAsserts : LogAssertHook
 
 void repeat(int times, const std::function<void()>& work);
 
-/// Runs the work in that many threads, each with its index, and waits for all.
+/// Runs the work in that many threads at once, each with its index, and waits for all of them.
 void runInThreads(int count, const std::function<void(int)>& work);
 
-/// In each of that many threads, puts that many buffers, or none, in place of others, which it releases; then releases
-/// the rest.
+/// Lets threads release buffers that other threads have made: each thread makes one buffer a round, or null, puts it in
+/// a random place that all threads share, and releases the buffer that was there. At the end the rest is released.
 void exchangeInThreads(int threads, int rounds, const std::function<char*(std::uint32_t random)>& make,
                        const std::function<void(char*)>& release);
 
-/// Looks each millisecond until it is so.
+/// Returns when the condition is true. Looks each millisecond.
 void waitUntil(const std::function<bool()>& condition);
 
-/// Expects lines of a head, which is a pattern, and "thread=1 i=0 end", and the numbers of each thread one after the
-/// other, from 0 on.
+/// Called with lines, expects that each consists of a head, which is a pattern, and "thread=T i=N end", and that the
+/// lines of each thread T have the numbers N from 0 on, in order.
 struct OrderOfThreads
 {
     void operator()(const std::string& line);
 
     const std::string_view head;
-    std::map<int, int> next{}; // of each thread
+    std::map<int, int> next{}; // the next number by thread
 };
-/// Logs such a line.
+/// Logs a line for OrderOfThreads.
 void logNumbered(LogLevel level, int thread, int number);
 
 /// What the work writes to standard output, or to standard error.
 std::string stdoutOf(const std::function<void()>& work);
 std::string stderrOf(const std::function<void()>& work);
 
-/// Returns when the infrastructure's own two threads run and have taken what they take of the guarded allocator.
+/// Returns when the infrastructure's own two threads run and have made all their allocations.
 void waitForOwnThreads();
 
-/// The working folder for as long as it exists, removed with everything in it. Names in it may have slashes; paths are
-/// the system's own.
+/// A new folder, which is the working folder while this object exists and is then removed with everything in it. Names
+/// may have slashes; paths have the system's separators.
 class ScratchFolder
 {
 public:
@@ -137,11 +137,12 @@ public:
     [[nodiscard]] std::string path(const std::string& name) const { return (m_path / name).make_preferred().string(); }
     std::string write(const std::string& name, const std::string& content) const;
     [[nodiscard]] static std::string read(const std::string& path);
-    /// With line feeds only.
+    /// The content without carriage returns.
     [[nodiscard]] static std::string readText(const std::string& path);
-    /// The names of its files, sorted.
+    /// The sorted names of the files in the folder.
     [[nodiscard]] Texts files() const;
-    /// The lines of all its files, in their order, but those of the first one come last: it is a log's live file.
+    /// The lines of all files, which belong to one log, oldest first. The live file is the first by name and has the
+    /// newest lines.
     [[nodiscard]] Texts logLines() const;
     void removeFiles() const;
 
@@ -150,7 +151,7 @@ private:
     std::filesystem::path m_path;
 };
 
-/// In a folder of its own, with all lines at hand; the program goes on after those of level Assert.
+/// A test in a folder of its own, with a client for all lines. Lines of level Assert do not end the process.
 struct LogTest : testing::Test
 {
     const ScratchFolder folder;
@@ -162,7 +163,7 @@ struct LogTest : testing::Test
 struct ChildResult
 {
     int status;         ///< exit code, or 128 plus the signal that ended it
-    std::string output; ///< of its standard output, line feeds only
+    std::string output; ///< its standard output without carriage returns
 };
 
 inline constexpr int ABNORMAL_END_WINDOWS = 3;
@@ -171,14 +172,14 @@ inline constexpr int ABNORMAL_END_POSIX = 128 + 6; // SIGABRT
 /// Runs a scenario, declared with CHILD_SCENARIO, in a fresh process.
 ChildResult runChild(const std::string& scenario);
 
-/// Expects that the scenario ends its process as the program does on errors; returns its output, which is as the
-/// pattern says.
+/// Expects that the scenario ends its process as a failed check does, and that its output matches the pattern. Returns
+/// the output.
 std::string expectAbnormalEnd(const std::string& scenario, std::string_view pattern = "~");
 
-/// Whether a text is as the pattern says, in which ~ stands for any text and # for a positive number.
+/// Whether a text matches the pattern, in which ~ stands for any text and # for a positive number.
 bool matches(std::string_view text, std::string_view pattern);
 
-/// One pattern for each text.
+/// Expects as many texts as patterns, each of which matches its text.
 void expectMatches(const Texts& patterns, const Texts& texts);
 
 /// A scenario for runChild: CHILD_SCENARIO(name) { ... }
@@ -192,6 +193,6 @@ std::map<std::string, std::function<void()>>& childScenarios();
 /// How many handles or descriptors this process has open.
 int openHandles();
 
-/// Starts a program, waits for it and returns its status as ChildResult has it. The path is the first argument, and a
-/// null pointer ends them.
+/// Starts a program, waits for it and returns its status as in ChildResult. The first argument is the path, and a null
+/// pointer follows the last one.
 int runProgram(const char* const* arguments);

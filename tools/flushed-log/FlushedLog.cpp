@@ -3,7 +3,7 @@
 //
 //     00000017 xxxx... end
 //
-// After each flush it prints how many lines the system has then.
+// After each flush it prints the number of lines that the system has.
 //
 //     flushed_log > promises.txt
 

@@ -142,7 +142,7 @@ def draw(size):
 
 def main():
     images = [draw(size) for size in SIZES]
-    # Bitmaps, not PNG: every image stays 32 bits a pixel for all readers.
+    # Bitmaps keep 32 bits a pixel for every reader; PNG images would not.
     images[-1].save(sys.argv[1], format="ICO", bitmap_format="bmp", append_images=images[:-1],
                     sizes=[image.size for image in images])
 

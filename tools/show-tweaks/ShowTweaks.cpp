@@ -2,7 +2,7 @@
 // read, then the tweaks in effect. The program itself reads them before its log exists.
 //
 //     show_tweaks
-//     show_tweaks --known    only prints a row for each tweak that the program knows, as docs/configuration.md has them
+//     show_tweaks --known    prints the table of docs/configuration.md instead: a row for each known tweak
 
 #include "Agent/AgentCommon/AgentInitializer.h"
 #include "datapath/common/infra/Log.h"
@@ -26,7 +26,7 @@ void showEffective()
     static ConsoleClient client;
     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
     setAgentTweakDefaults();
-    static_cast<void>(Tweaks::instance().value(ENABLE_MEMSHIELD)); // the program checks it at this moment, too
+    static_cast<void>(Tweaks::instance().value(ENABLE_MEMSHIELD)); // the program reads it next, and ends if it is wrong
     Tweaks::instance().print();
 }
 

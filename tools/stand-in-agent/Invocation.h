@@ -1,6 +1,6 @@
 #pragma once
 
-// How this process was started, as far as the system tells. One implementation a system.
+// How this process was started, as far as the system tells. Each system has an implementation of its own.
 
 #include <string>
 #include <vector>

@@ -1,5 +1,5 @@
-// Stands in for the agent in demonstrations and tests: it adds no checkpoint, it only leaves a
-// record of how it was started.
+// Stands in for the agent in demonstrations and tests: it adds no checkpoint and only leaves a record
+// of how it was started.
 
 #include "Invocation.h"
 #include "platform/Utf.h"
@@ -26,7 +26,7 @@ constexpr std::string_view HELP =
 std::string toJson(std::string_view text)
 {
     std::string out = "\"";
-    // There and back leaves well-formed UTF-8 only, which JSON asks for.
+    // JSON needs well-formed UTF-8, which is what a conversion to UTF-16 and back yields.
     for (const char c : platform::utf16ToUtf8(platform::utf8ToUtf16(text)))
     {
         if (static_cast<unsigned char>(c) < 0x20)
@@ -68,7 +68,7 @@ std::filesystem::path recordPath(const Invocation& invocation)
     return std::u8string(path.begin(), path.end());
 }
 
-/// Whoever waits for the record never sees half of it: it appears under its name when complete.
+/// The record gets its name only when it is complete, so that nobody who waits for it reads half of it.
 bool writeRecord(const Invocation& invocation)
 {
     const std::filesystem::path path = recordPath(invocation);

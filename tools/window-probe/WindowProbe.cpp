@@ -1,6 +1,6 @@
-// Tells what the checkpoint dialog shows. Each line on standard input asks for its state, which is
-// answered with one line of JSON, null when there is no such window. A line that begins with '=' puts
-// the UTF-8 text after it into the edit control first.
+// Tells what the checkpoint dialog shows. Each line on standard input is answered with the dialog's state, one line of
+// JSON, or with null if there is no such window. If the line begins with '=', the UTF-8 text after it is put into the
+// edit control first.
 
 #include "platform/Utf.h"
 #include "platform/windows/System.h"

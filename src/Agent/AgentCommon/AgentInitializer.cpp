@@ -12,7 +12,7 @@ namespace
 
 constexpr std::uint32_t NUMBER_CLIENT_CREATED = 75;
 
-const FileLoggerClient* logClient = nullptr; // what initAgentLogger has made
+const FileLoggerClient* logClient = nullptr; // made by initAgentLogger, never destroyed
 
 } // namespace
 

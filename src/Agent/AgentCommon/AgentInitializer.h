@@ -7,13 +7,13 @@
 
 #include <string>
 
-/// Sets each tweak that has a registered value (KnownTweaks.h) and that no file sets. Makes the table of tweaks and so
-/// reads its files.
+/// Sets each tweak that has a registered value (KnownTweaks.h) and that no file sets. The first use of the table of
+/// tweaks reads those files.
 void setAgentTweakDefaults();
 
 /// Makes the program's log client, whose files lie in Tavro/logs below the machine's folder for application data, and
 /// registers it for all levels. If the system names no such folder, or Tavro cannot be created in it, the program runs
-/// without a log; the latter is reported on standard output. Must be called after setAgentTweakDefaults.
+/// without a log; only the second failure is reported, on standard output. Must be called after setAgentTweakDefaults.
 void initAgentLogger(const std::string& logFileName);
 
 /// The path of the log file that initAgentLogger has set up, or an empty text if there is none. Any thread may call,

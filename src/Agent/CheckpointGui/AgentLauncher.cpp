@@ -38,7 +38,7 @@ ConnectionSettings readSettings(const std::string& path)
     return settings;
 }
 
-/// Each byte becomes one unit: settings are not interpreted.
+/// Each byte becomes one UTF-16 unit, whatever its encoding.
 std::u16string widened(std::string_view text)
 {
     std::u16string wide;

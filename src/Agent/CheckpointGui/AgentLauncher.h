@@ -7,6 +7,6 @@
 #include <string>
 
 /// Starts the agent for a checkpoint of that name (UTF-16) and does not wait for it. Each step is logged, and so is a
-/// failure. Missing settings are passed on as empty. On POSIX standard error also tells the user that the agent could
-/// not be started, why, and where the log is. Any thread may call.
+/// failure. Missing settings are passed on as empty texts. On POSIX standard error also tells the user that the agent
+/// could not be started, why, and where the log is. Any thread may call.
 void runAgent(const std::u16string& checkpointName);

@@ -1,6 +1,6 @@
 #pragma once
 
-/* Shared by the resource script and the code, so only what both understand. */
+/* The resource script includes this file too, so it holds nothing but macros. */
 
 #define IDD_CHECKPOINT 101
 #define IDS_TITLE 102

@@ -93,7 +93,7 @@ TEST_F(CheckpointProgram, AnswersItsDialogAndFlushesLast)
         });
     EXPECT_EQ(0, wWinMain(&calls, nullptr, nullptr, 0));
     EXPECT_EQ(1, client.count("Info,NON,,Checkpoint,IDCANCEL"));
-    EXPECT_EQ(5, client.flushes()); // by four Error lines, about three tweak files and the agent, and at the end
+    EXPECT_EQ(5, client.flushes()); // for four Error lines (three tweak files, the agent) and at the end
 }
 
 TEST_F(CheckpointProgram, RunsWithoutALogWhereItsFolderCannotBe)

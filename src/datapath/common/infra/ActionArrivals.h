@@ -1,12 +1,12 @@
 #pragma once
 
-// What producers have handed over and no worker has fetched yet. A list in the order of arrival that leads through the
-// items themselves, so that a producer allocates nothing and holds the lock for a few instructions.
+// The items that producers have handed over and no worker has fetched yet, in the order of arrival. The list is linked
+// through the items themselves, so that a producer allocates nothing and holds the lock for a few instructions.
 //
 //     if (arrivals.add(action)) ...                // a producer
-//     Action* oldest = arrivals.takeAll();         // a worker; oldest->m_next leads to the others
+//     Action* oldest = arrivals.takeAll();         // a worker; oldest->m_next is the next one
 //
-// Nothing is locked here, and the items stay the owner's: ActiveObject calls everything but the count under its
+// The list takes no lock and does not own the items: ActiveObject calls everything but numEver under its
 // m_arrivalsMutex.
 
 #include "platform/Atomic.h"
@@ -20,7 +20,7 @@ namespace ActiveObjectInternal
 template <class Item> class ActionArrivals
 {
 public:
-    /// Once closed, nothing is added: returns false and neither reads nor writes the item.
+    /// Appends the item. After close it returns false and neither reads nor writes the item.
     [[nodiscard]] bool add(Item* item) noexcept
     {
         if (m_isClosed) [[unlikely]]
@@ -37,16 +37,16 @@ public:
     /// The oldest item, null if there is none. Each leads to the next one through m_next.
     [[nodiscard]] Item* takeAll() noexcept { return std::exchange(m_first, nullptr); }
 
-    /// For good. What has been added stays.
+    /// Nothing can be added from now on. The items that are in the list stay there.
     void close() noexcept { m_isClosed = true; }
     [[nodiscard]] bool isClosed() const noexcept { return m_isClosed; }
 
-    /// How many items were ever added. It only grows. Any thread may read it without the lock.
+    /// The number of items ever added, which only grows. Any thread may read it without the lock.
     [[nodiscard]] const platform::Atomic<std::uint64_t>& numEver() const noexcept { return m_numEver; }
 
 private:
     Item* m_first = nullptr;
-    Item* m_last = nullptr; // valid while there is a first
+    Item* m_last = nullptr; // valid while m_first is not null
     platform::Atomic<std::uint64_t> m_numEver = 0;
     bool m_isClosed = false;
 };

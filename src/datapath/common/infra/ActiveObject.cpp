@@ -16,13 +16,13 @@ std::uint32_t ActiveObject::Action::getDlcTimeoutSec() const
 namespace
 {
 
-// The methods in whose name other functions log.
+// Functions that these methods call log under the methods' names.
 constexpr MethodText CONSTRUCTOR = MethodText::of("ActiveObject::ActiveObject");
 constexpr MethodText WORKER = MethodText::of("ActiveObject::run");
 constexpr MethodText TERMINATION = MethodText::of("ActiveObject::terminateAllThreads");
 
-/// The address of the allocated object. The action may be a base class of it that does not come first, and must not be
-/// destroyed yet.
+/// The address of the allocated object, in which Action need not be the first base class. The action must still be
+/// alive.
 void* wholeOf(ActiveObject::Action* action) { return dynamic_cast<void*>(action); }
 
 /// Reports a null name before anything uses it.
@@ -124,7 +124,7 @@ void ActiveObject::release(Action* action, void* memory)
     GuardedMemory::destroy(action, memory, SourcePlace::here());
 }
 
-/// The next action, or none when the worker is to leave.
+/// Returns the next action, or none when the worker is to leave.
 ActiveObject::QueuedAction ActiveObject::waitForAction()
 {
     while (m_enabled.load(std::memory_order_relaxed))
@@ -139,7 +139,7 @@ ActiveObject::QueuedAction ActiveObject::waitForAction()
     return {};
 }
 
-/// The next action if there is one and the object is enabled.
+/// Returns the next action, or none if there is none or the object is disabled.
 ActiveObject::QueuedAction ActiveObject::takeNext()
 {
     constexpr std::uint64_t BATCH = 64; // a short queue stays in the cache
@@ -160,7 +160,7 @@ ActiveObject::QueuedAction ActiveObject::takeNext()
     return next;
 }
 
-/// Moves the oldest arrivals into the queue.
+/// Moves the oldest arrivals, at most maxActions, into the queue.
 void ActiveObject::importArrivals(std::uint64_t maxActions)
 {
     while (maxActions != 0 && m_pq.size() != m_pq.itemCount())
@@ -203,7 +203,8 @@ bool ActiveObject::isWorkerNeeded() const
 /// Returns when the calling worker is to look at the queue again.
 void ActiveObject::waitUntilNeeded()
 {
-    // Waking a worker takes 7 us and more. Looking for about as long makes most actions of a stream find one awake.
+    // Waking a worker takes at least 7 us. A worker looks for about as long before it falls asleep, so that most
+    // actions of a stream find a worker awake.
     constexpr platform::SpinBudget SPIN{.looks = 200};
     m_idleWorkers.beginLooking();
     static_cast<void>(platform::spinUntil([this] { return isWorkerNeeded(); }, SPIN));
@@ -229,7 +230,7 @@ bool ActiveObject::fallAsleep()
 void ActiveObject::sleep()
 {
     constexpr std::uint32_t TIMEOUT_MS = 5'000;
-    if (!isVerbose()) // a wait with a limit ends later, and only the verbose line needs it
+    if (!isVerbose()) // a wait with a time limit wakes more slowly, and only the verbose line needs the limit
     {
         m_idleWorkers.sleep();
         return;

@@ -16,8 +16,8 @@
 //
 //     enqueue --> m_arrivals --(64 at a time, by a worker that finds m_pq empty)--> m_pq --> executed and destroyed
 //
-// What m_pq reports as its number of items covers both places, and both are emptied at shutdown, when all workers have
-// left. IdleWorkers.h shows how workers fall asleep and are woken.
+// m_pq.itemCount() counts the actions in both places. Both are emptied at shutdown, when all workers have left.
+// IdleWorkers.h shows how workers fall asleep and are woken.
 
 #include "datapath/common/infra/ActionArrivals.h"
 #include "datapath/common/infra/DeadLockChecker.h"
@@ -46,7 +46,7 @@ public:
         Action& operator=(const Action&) = delete;
         virtual ~Action() = default;
 
-        /// The work itself, on a worker, without a lock of the active object.
+        /// Does the work. A worker calls it without a lock of the active object.
         virtual void execute() = 0;
 
         /// How long execute may take before the process is ended, in seconds.
@@ -67,11 +67,11 @@ public:
         Action* m_next = nullptr; // the next one among the arrivals
     };
 
-    /// The flag turns on the verbose lines of all objects of one kind; it must outlive them. A null name ends
-    /// the process.
+    /// The flag, which must outlive the object, turns on its verbose lines; objects of one kind share a flag. A null
+    /// name ends the process.
     ActiveObject(const char* name, const platform::Atomic<bool>* forceVerbose);
 
-    /// The object's name, by which the log calls the workers.
+    /// The object's name, which is also the name of its workers in the log.
     [[nodiscard]] std::string getTypeName() const override { return m_name; }
 
     /// Terminates the workers. A derived class that overrides onThreadStart has to call terminateAllThreads in its own
@@ -103,10 +103,10 @@ protected:
 
 private:
     using Queue = PriorityQueue<Action*>;
-    using QueuedAction = Queue::Taken; // a null item stands for none, so that two registers hold what is returned
+    using QueuedAction = Queue::Taken; // a null item stands for no action; returned in two registers
 
-    // The functions that producers and workers run for each action are marked hot, which puts them together in memory:
-    // after a pause their code has to be fetched into the cache, too.
+    // The functions that producers and workers run for each action are marked hot, which puts them together in memory.
+    // Fewer cache lines of code then have to be fetched when actions come after a pause.
     [[gnu::hot]] void addArrival(Action* action) EXCLUDES(m_arrivalsMutex);
     [[nodiscard, gnu::hot]] QueuedAction waitForAction() EXCLUDES(m_mutex, m_arrivalsMutex);
     [[nodiscard, gnu::hot]] QueuedAction takeNext() EXCLUDES(m_mutex, m_arrivalsMutex);
@@ -130,23 +130,23 @@ private:
     [[nodiscard]] std::vector<Action*> drain() EXCLUDES(m_mutex, m_arrivalsMutex);
     void logRemaining() const REQUIRES(m_mutex);
 
-    // What producers use, in as few cache lines as possible: after a pause each of them has to be fetched. A worker
-    // comes here only when m_pq is empty or when it falls asleep.
-    Mutex m_arrivalsMutex; // guards the next two, but for what they say themselves; taken inside m_mutex
+    // The members that producers use lie in as few cache lines as possible, because after a pause each of these has to
+    // be fetched. A worker writes to them only when m_pq is empty and when it wakes another worker.
+    Mutex m_arrivalsMutex; // taken inside m_mutex; guards the next two, whose headers state what needs no lock
     ActiveObjectInternal::ActionArrivals<Action> m_arrivals;
     ActiveObjectInternal::IdleWorkers m_idleWorkers;
     platform::Atomic<bool> m_isMonitored = false;
-    platform::Atomic<bool> m_enabled = true; // until shutdown; written under both locks
+    platform::Atomic<bool> m_enabled = true; // false from shutdown on; written under both locks
 
-    // Rarely used members lie between the two sides, which keeps them in different cache lines.
+    // Rarely used members, which keep those of the producers and those of the workers in different cache lines.
     const platform::Atomic<bool>* const m_forceVerbose;
     const std::string m_name;
     std::uint32_t m_numLeft = 0; // workers that terminateAllThreads has seen leave
     Semaphore m_left{0};         // each worker signals it as the last thing that it does with the object
 
     Mutex m_mutex;                                       // the workers' lock; free while an action runs or is destroyed
-    Queue m_pq;                                          // guarded by m_mutex, but for itemCount
-    Action* m_nextArrival GUARDED_BY(m_mutex) = nullptr; // fetched from m_arrivals and not in m_pq yet; m_next leads on
+    Queue m_pq;                                          // guarded by m_mutex, except itemCount
+    Action* m_nextArrival GUARDED_BY(m_mutex) = nullptr; // the oldest of those between m_arrivals and m_pq
     GuardedPtr<RateMonitor> m_rateMonitor GUARDED_BY(m_mutex);
     std::uint32_t m_numStarted GUARDED_BY(m_mutex) = 0; // workers that have entered run
 };

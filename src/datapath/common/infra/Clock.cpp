@@ -47,8 +47,8 @@ Clock::Clock()
 
 std::int64_t Clock::ticks()
 {
-    // Read before the counter: a reading below this one is a step back, and not just that of a thread
-    // that another has overtaken.
+    // Loaded before the counter is read: a lower reading then is a step back of the counter. If it was loaded
+    // afterwards, another thread could have raised it meanwhile.
     std::int64_t last = m_lastTimestamp.load(std::memory_order_acquire);
     std::int64_t reading = 0;
     if (!platform::performanceCounter(reading))
@@ -59,7 +59,7 @@ std::int64_t Clock::ticks()
     {
         return holdStill(reading, last);
     }
-    // The first reading is taken whatever it is; later ones only move the clock on.
+    // The first reading is taken whatever it is; later ones only raise m_lastTimestamp.
     while ((last == 0 || last < reading) &&
            !m_lastTimestamp.compare_exchange_weak(last, reading, std::memory_order_acq_rel, std::memory_order_acquire))
     {
@@ -67,7 +67,8 @@ std::int64_t Clock::ticks()
     return last == 0 ? reading : std::max(last, reading);
 }
 
-/// Compares with what the reader had loaded: the highest reading may have moved on while this thread waited.
+/// Logs the step back from the highest reading that the caller had loaded; that may have risen while this thread waited
+/// for the lock. Returns the present highest reading.
 std::int64_t Clock::holdStill(std::int64_t reading, std::int64_t last)
 {
     const MutexGuard guard(m_counterMutex);
@@ -92,7 +93,7 @@ std::int64_t Clock::timestampMs()
     const std::int64_t nowMs = readMs();
     if (s_lastTimestampMs.load(std::memory_order_relaxed) != nowMs)
     {
-        s_lastTimestampMs.store(nowMs, std::memory_order_relaxed); // once a ms: others read this line
+        s_lastTimestampMs.store(nowMs, std::memory_order_relaxed); // once a ms: others read this cache line
     }
     return nowMs;
 }

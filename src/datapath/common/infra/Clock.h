@@ -1,13 +1,13 @@
 #pragma once
 
-// The readings of the performance counter: the timestamps that everybody takes. Timer offers them through ITimer, with
-// the other time bases, and WindowsTimer has the callbacks; units below those two read the clock here.
+// Reads the performance counter, from which all timestamps come. Timer offers them through ITimer, together with the
+// other time bases; the units of the library below Timer read the clock here.
 //
 //     const std::int64_t nowMs = Clock::instance().timestampMs();
 //
 // A timestamp never goes back. A reading of the counter below one that was handed out before is a fault of the
 // machine: it is logged, and the clock holds still. More than MINIMUM_ACCEPTABLE_TICKS_DIFF below, it ends the
-// process. Lines of the clock name WindowsTimer, by which support knows it.
+// process. Support knows these lines under the class WindowsTimer, so they name that class.
 //
 // Made on first use and never destroyed. Any thread may call.
 
@@ -20,11 +20,10 @@
 class Clock
 {
 public:
-    /// With it the process's WindowsTimer is made, so that its table appears in memory reports from the first reading
-    /// on.
+    /// The first call makes the process's WindowsTimer too, so that memory reports show its table from then on.
     [[nodiscard]] static Clock& instance();
 
-    /// Tests make clocks of their own. Ends the process if the counter's frequency cannot be read or has more than 32
+    /// Public for tests. Ends the process if the counter's frequency cannot be read or has more than 32
     /// bits of ticks a millisecond.
     Clock();
 
@@ -35,8 +34,8 @@ public:
     std::int64_t timestampMs();
     [[nodiscard]] std::int64_t readMs() { return ticks() / m_ticksPerMs; }
 
-    /// What timestampMs last returned to any thread, 0 before the first reading: for hot paths, and for those that may
-    /// run while the clock is being made.
+    /// What timestampMs last returned to any thread, 0 before the first reading: for hot paths, and for code that
+    /// may run while the clock is being made.
     [[nodiscard]] static std::int64_t lastTimestampMs() { return s_lastTimestampMs.load(std::memory_order_relaxed); }
 
     /// The same, brought up to date when the last refresh here is more than a second old.
@@ -58,17 +57,17 @@ private:
 
     [[nodiscard]] std::int64_t holdStill(std::int64_t reading, std::int64_t last) EXCLUDES(m_counterMutex);
 
-    // Only the values matter, so these are read and written without an order.
+    // Nothing else is published through these two, so all their accesses are relaxed.
     static constinit inline platform::Atomic<std::int64_t> s_lastTimestampMs = 0;
     static constinit inline platform::Atomic<std::uint64_t> s_lastRefreshTick = 0; // the system's tick count, in ms
 
-    // The highest reading that was handed out, in ticks; 0: none yet. Every reading writes it, so the clock has a cache
-    // line to itself.
+    // The highest reading that was handed out, in ticks; 0 before the first. Every reading writes it, so the clock has
+    // a cache line to itself.
     alignas(CACHE_LINE) platform::Atomic<std::int64_t> m_lastTimestamp = 0;
-    platform::Atomic<std::int64_t> m_relativeBaseMs = 0; // read and written without an order
+    platform::Atomic<std::int64_t> m_relativeBaseMs = 0; // all accesses are relaxed
     std::uint32_t m_ticksPerMs = 0;
     Mutex m_counterMutex; // held while a backward step is logged, so that its lines stand together
 };
 
-/// Makes the process's WindowsTimer, whose source defines this: the timers stand above the clock.
+/// Makes the process's WindowsTimer. WindowsTimer.cpp defines it, because the clock knows nothing of the timers.
 void makeWindowsTimer();

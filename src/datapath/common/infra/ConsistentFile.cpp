@@ -11,7 +11,7 @@
 namespace
 {
 
-// Lines about single copies have the method text of the search that they belong to.
+// Lines about single copies are logged under the name of the search.
 constexpr MethodText METHOD_FIND = MethodText::of("ConsistentFile::findLatestValidFileIndex");
 
 struct Signature

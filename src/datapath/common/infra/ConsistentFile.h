@@ -10,8 +10,8 @@
 //
 // Copy n (0 or 1) of settings.txt is settings.txt.n, and its signature is settings.txt.n.sig. A copy consists of lines
 // with at most 511 characters. A signature consists of two lines with an unsigned decimal number each: the sequence
-// number, which starts at 1, and the CRC-32 (IEEE 802.3) of all lines, each followed by one line feed, also the last
-// one. A carriage return before a line feed does not count.
+// number, which starts at 1, and the CRC-32 (IEEE 802.3) of all lines, each followed by one line feed, including the
+// last one. A carriage return before a line feed does not count.
 //
 // This class only reads. It logs what is wrong with a copy.
 
@@ -35,7 +35,8 @@ public:
     /// call.
     [[nodiscard]] RcStatus load(std::ostream& text) EXCLUDES(m_mutex);
 
-    /// Where the next copy would go and which sequence number it would have, as of the last look. Any thread may call.
+    /// The number (0 or 1) and the sequence number that the next copy would have, as of the last look. Any thread may
+    /// call.
     [[nodiscard]] std::int32_t nextSlot() const EXCLUDES(m_mutex);
     [[nodiscard]] std::uint64_t nextSequence() const EXCLUDES(m_mutex);
 
@@ -43,24 +44,24 @@ private:
     enum class CopyState : std::uint8_t
     {
         Absent,   // neither of its files exists
-        Unusable, // incomplete, older than another one, or without a match
+        Unusable, // a file is missing, another copy is newer, or the signature does not match
         Valid
     };
     struct Copy
     {
         CopyState state;
-        std::uint64_t sequence; // of a valid copy
+        std::uint64_t sequence; // 0 unless the copy is valid
     };
     struct Latest
     {
-        RcStatus status;   // RC_NOT_FOUND: no file exists; RC_ERROR: no copy is valid or has a number above 0
+        RcStatus status;   // RC_NOT_FOUND: no file exists; RC_ERROR: no valid copy has a sequence number above 0
         std::int32_t slot; // the number of the newest copy that matches its signature, or -1
     };
 
     [[nodiscard]] std::string dataFileName(std::int32_t slot) const;
     [[nodiscard]] std::string signatureFileName(std::int32_t slot) const;
 
-    /// Looks at the copies and sets m_nextSequence if one is valid.
+    /// Looks at the copies, and sets m_nextSequence if the status is RC_OK.
     [[nodiscard]] Latest findLatestValidFileIndex() REQUIRES(m_mutex);
 
     /// Looks at one copy and logs what it finds. A copy with a sequence number below the given one is not read.
@@ -68,7 +69,7 @@ private:
 
     const std::int32_t m_slotCount = 2;
     const std::string m_path;
-    mutable Mutex m_mutex; // one load at a time; what log clients take is taken inside it
+    mutable Mutex m_mutex; // held during a load; the locks of log clients are taken inside it
     std::int32_t m_nextSlot GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_nextSequence GUARDED_BY(m_mutex) = 1;
 };

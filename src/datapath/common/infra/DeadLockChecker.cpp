@@ -23,8 +23,8 @@ void DlcKeepalive::update(const RcStatus& /*value*/) { GuardedMemory::destroy(th
 std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t intervalSec)
 {
     constexpr std::uint64_t MS_PER_SEC = 1'000;
-    // The timeout is read before the flags: if it belongs to the next piece of work already, the flags show the
-    // progress between the two pieces.
+    // The timeout is read before the flags. If the owner has already set it for the next piece of work, the flags then
+    // show that the previous piece has ended.
     const std::uint32_t timeoutSec = this->timeoutSec();
     const bool isArmed = m_armed.load(std::memory_order_acquire);
     if (m_alive.exchange(false, std::memory_order_acquire) || !isArmed)
@@ -91,7 +91,7 @@ void DeadLockCheckerManager::run()
 {
     constexpr std::int64_t MS_PER_SEC = 1'000;
     constexpr std::int64_t LONGEST_SLEEP_MS =
-        std::numeric_limits<std::uint32_t>::max() - 1; // the maximum means forever
+        std::numeric_limits<std::uint32_t>::max() - 1; // the maximum is a sleep without end
     for (;;)
     {
         // An interval of 0 would keep a processor busy.

@@ -42,11 +42,11 @@ public:
     DlcKeepalive& operator=(const DlcKeepalive&) = delete;
     ~DlcKeepalive() override;
 
-    /// Destroys and releases the keepalive, which must come from the guarded allocator: for one that lasts until a
-    /// future is set.
+    /// As the observer of a future that is set: destroys and releases the keepalive, which must come from the guarded
+    /// allocator.
     void update(const RcStatus& value) override;
 
-    /// Progress is expected from now on, and there has been some just now.
+    /// From now on progress is expected; the call itself counts as progress.
     void arm()
     {
         setAlive(); // before m_armed: a check in between must not find it armed without progress
@@ -92,8 +92,8 @@ private:
     DeadLockCheckerManager() { open(); }
     void run() override EXCLUDES(m_lock);
 
-    // Guards the set, and keeps its keepalives from being destroyed during a check. Locks that are taken inside it: the
-    // one of the watched threads and those of log clients.
+    // Guards the set, and keeps its keepalives from being destroyed during a check. The locks of MemWatcher, of Tweaks
+    // and of log clients are taken inside it.
     Mutex m_lock;
     StlMemShiledContainer<std::set<DlcKeepalive*>> m_lockSet GUARDED_BY(m_lock){"DeadLockCheckers"};
 };

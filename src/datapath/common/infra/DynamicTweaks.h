@@ -56,7 +56,7 @@ public:
     DynamicTweak<bool> t_KrnRestoreVerboseLogs;
     DynamicTweak<bool> t_StreamReaderVerboseLogs;
 
-    // Derived switches. Each is on when one of its tweaks is.
+    // Derived switches. Each is on if any tweak that it is derived from is on.
     DynamicTweak<bool> krnBackupOrRestoreVerbose;
     DynamicTweak<bool> curlOrIoVerbose;
     DynamicTweak<bool> streamReaderOrIoVerbose;

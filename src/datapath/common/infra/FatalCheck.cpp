@@ -21,7 +21,7 @@ void failAssertion(LoggerId loggerId, const MethodText& method, const SourcePlac
     {
         streamFailure(std::cout);
     }
-    std::cout.flush(); // what others wrote there
+    std::cout.flush(); // endProcess does not flush what was written before
     platform::endProcess();
 }
 

@@ -1,21 +1,21 @@
 #pragma once
 
-// The two ways to stop the process when something is wrong beyond repair. Each names its place: the
+// The two ways to end the process when something is wrong beyond repair. Each names its place: the
 // unit's path below the source root, and either a stable message number that support matches on or
 // the line.
 //
-// The check is a line of level Assert; whoever streams into it explains. The Logger flushes its
+// A failed check is a line of level Assert, into which the caller streams an explanation. The Logger flushes its
 // clients, writes the line to standard output and ends the process:
 //
 //     CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(204), "m_clientsCnt < 4")
 //         << " m_clientsCnt=" << m_clientsCnt << " " << std::endl;
 //
-// The assertion is a line of level Error and the end of the process right after it. Before there is a log
-// client, its text goes to standard output:
+// A failed assertion is a line of level Error, right after which the process ends. While there is no log client, its
+// text goes to standard output:
 //
 //     failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
 //
-// Any thread may call. The condition is the text of what should have held.
+// Any thread may call. The condition tells, as a text, what should have been true.
 
 #include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/LogItem.h"

@@ -31,7 +31,7 @@ FileLoggerClient::FileLoggerClient(const std::string& basePath, std::uint32_t ma
                                    const std::string& startInfo)
     : m_logger(clientSettings(basePath, maxMemoryMiB))
 {
-    // After the file is open: a value that ends the process leaves the file of the run that it has ended.
+    // The modes are read after the file was opened: if a value ends the process, the log file is there already.
     m_logger.setModes(tweakedModes());
     m_isEnabled = m_logger.isOpen() && Tweaks::instance().value(FILE_LOGGER_ENABLED);
     log("\n\n");

@@ -20,14 +20,13 @@ public:
     /// to be written. startInfo: a text for the start line.
     FileLoggerClient(const std::string& basePath, std::uint32_t maxMemoryMiB, const std::string& startInfo);
 
-    /// Unregisters itself first, if it is registered. Everything that it took is in the file then.
+    /// Unregisters itself first, if it is registered. Afterwards everything that it took is in the file.
     ~FileLoggerClient() override;
 
     void log(const std::string& line) override;
 
     /// Waits until the system has every line taken so far, as far as the budget and the disk had room. Gives up
-    /// after t_OlmFlushFileMaxPeriodMs with a line on standard error, and the next flush then ends at once; 0 is no
-    /// limit.
+    /// after t_OlmFlushFileMaxPeriodMs (0: never) with a line on standard error, and one later flush then ends at once.
     void flush() override;
 
     /// The path of the live file; empty while lines are dropped, or if there is no such file any more.

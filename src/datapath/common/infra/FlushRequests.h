@@ -1,11 +1,11 @@
 #pragma once
 
-// The flushes of a log that threads have asked for, in the order of the requests, and who waits for each. The writer
-// does them in that order, and each waiter is signalled when its flush is done.
+// Requests to flush a log, in their order, and the threads that wait for them. The writer flushes once for each
+// request, in that order, and the request's waiter is signalled when it has done so.
 //
-//     requests.add(&flushDone);                      // who asks, and then waits for the semaphore
+//     requests.add(&flushDone);                      // a thread that asks, and then waits for the semaphore
 //     requests.finish(count);                        // the writer, after that many flushes
-//     if (requests.giveUp(flushDone)) ...            // who has waited for too long
+//     if (requests.giveUp(flushDone)) ...            // the asking thread, if that took too long
 //
 // A request with a waiter goes through these states:
 //
@@ -15,10 +15,10 @@
 //        v
 //     given up --finish--> unclaimed --add--> gone   one later waiter is signalled at once
 //
-// Invariants: a request is waiting or given up exactly while its number is above m_done, so m_waiters is in the order
+// Invariants: m_waiters holds the requests that are waiting or given up, whose numbers are above m_done, in the order
 // of the numbers; each signal that a waiter has given up reaches exactly one later waiter.
 //
-// The owner locks each call. add may throw std::bad_alloc: the request counts then, but has no waiter.
+// The owner locks each call. If add throws std::bad_alloc, the request counts, but has no waiter.
 
 #include "datapath/common/infra/Semaphore.h"
 
@@ -32,24 +32,23 @@ public:
     /// has been signalled or giveUp has returned.
     void add(Semaphore* waiter);
 
-    /// The oldest requests are done, that many of them.
+    /// Marks the oldest pending requests, that many of them, as done.
     void finish(std::uint64_t count);
 
-    /// The waiter does not wait any longer. Returns false if it has been signalled.
+    /// Tells that the waiter does not wait any longer. Returns false if it has been signalled already.
     [[nodiscard]] bool giveUp(const Semaphore& waiter);
 
-    /// Whether any request is not done yet.
     [[nodiscard]] bool isAnyPending() const { return m_asked != m_done; }
 
 private:
     struct Waiter
     {
         std::uint64_t request; // counted from 1 on
-        Semaphore* flushDone;  // null once the wait was given up
+        Semaphore* flushDone;  // null once the waiter has given up
     };
 
-    std::uint64_t m_asked = 0; // requests
-    std::uint64_t m_done = 0;  // requests
+    std::uint64_t m_asked = 0; // the number of requests so far
+    std::uint64_t m_done = 0;  // how many of these are done
     std::deque<Waiter> m_waiters;
-    std::uint32_t m_unclaimed = 0; // requests that were done after their waiters had given up
+    std::uint32_t m_unclaimed = 0; // signals that waiters have given up and no later waiter has taken
 };

@@ -23,8 +23,8 @@
 namespace FutureInternal
 {
 
-/// Is called with the result once: by the thread that sets it, or by the thread that adds the observer if the result is
-/// there already.
+/// Is called once with the result: by the thread that sets it or, if the result is there already, by the thread that
+/// adds the observer.
 template <class T> class FutureObserver
 {
 public:
@@ -79,7 +79,7 @@ public:
         if (!isThere() && !platform::spinUntil(isThere, SPIN))
         {
             m_gate.lock();
-            m_gate.unlock(); // for the next one who waits
+            m_gate.unlock(); // lets the next waiting thread through
         }
         return m_value;
     }
@@ -98,10 +98,10 @@ public:
     }
 
 private:
-    /// A round trip between two running threads takes 2 us with it and 40 us where both fall asleep.
+    /// With these looks a round trip between two running threads takes 2 us; it takes 40 us if both fall asleep.
     static constexpr platform::SpinBudget SPIN{.looks = 100};
 
-    UnownedMutex m_gate{UnownedMutex::Initially::Locked}; // until the result is there
+    UnownedMutex m_gate{UnownedMutex::Initially::Locked}; // locked until the result is there
     Mutex m_mutex;                                        // held while observers are called
     T m_value{};                                          // written once, before m_bSet; read after m_bSet or the gate
     platform::Atomic<bool> m_bSet = false;
@@ -170,7 +170,7 @@ private:
     explicit Future(const T& value) : m_value(value) {}
 
     std::shared_ptr<FutureRep<T>> m_rep; // null if the future was made with its result
-    T m_value{};                         // that result
+    T m_value{};                         // the result if m_rep is null
 };
 
 } // namespace FutureInternal

@@ -55,7 +55,7 @@ GenFileLogger::GenFileLogger(Settings settings)
     if (m_isOpen)
     {
         open();
-        m_writerStarted.wait(); // the thread has logged its start: from here on it logs nothing of its own
+        m_writerStarted.wait(); // the thread has logged its start then, and logs nothing else of its own
     }
 }
 
@@ -114,7 +114,7 @@ void GenFileLogger::write(const char* data, std::uint32_t length)
     }
     catch (const std::bad_alloc&)
     {
-        // Dropped, as text is for which the budget has no room.
+        // The text is dropped, as one for which the budget has no room.
     }
 }
 
@@ -188,7 +188,7 @@ void GenFileLogger::enqueue(std::string_view text, Semaphore* waiter)
     }
 }
 
-/// Returns false if the queue needs a fresh chunk and has not got one that is large enough.
+/// Returns false, with nothing queued, if the queue needs a fresh chunk and this one is null or too small.
 bool GenFileLogger::tryEnqueue(std::string_view text, Semaphore* waiter, LogQueue::Chunk& fresh)
 {
     bool wakes = false;
@@ -234,7 +234,7 @@ bool GenFileLogger::flush()
     }
     if (m_writerId == platform::currentThreadId())
     {
-        writeQueue(); // nobody else would
+        writeQueue(); // no other thread can
         return true;
     }
     Semaphore flushDone(0);
@@ -266,7 +266,7 @@ bool GenFileLogger::waitForFlush(Semaphore& flushDone)
 
 void GenFileLogger::run()
 {
-    MemShield::neverWaitForReport(); // whoever reports waits until its lines are written here
+    MemShield::neverWaitForReport(); // the thread that reports waits until this one has written its lines
     m_writerId = platform::currentThreadId();
     m_writerStarted.signal();
     while (!m_isStopping)
@@ -293,23 +293,23 @@ bool GenFileLogger::isMoreToWrite()
         }
         if (m_modes.asyncFlushEveryLine)
         {
-            return !sleepsWithoutWork();
+            return !sleepIfQueueIsEmpty();
         }
         m_writerState = WriterState::Lingering;
     }
     flushFiles();
     static_cast<void>(m_queueEvent.waitFor(LINGER_MS));
     const MutexGuard guard(m_queueMutex);
-    return !sleepsWithoutWork();
+    return !sleepIfQueueIsEmpty();
 }
 
-bool GenFileLogger::sleepsWithoutWork()
+bool GenFileLogger::sleepIfQueueIsEmpty()
 {
     m_writerState = m_queue->size() == 0 ? WriterState::Sleeping : WriterState::Working;
     return m_writerState == WriterState::Sleeping;
 }
 
-/// Writes and flushes everything queued, on the writer's thread.
+/// Writes and flushes everything queued. Runs on the writer's thread only.
 void GenFileLogger::writeQueue()
 {
     while (writeBatch())
@@ -318,7 +318,7 @@ void GenFileLogger::writeQueue()
     flushFiles();
 }
 
-/// Returns whether anything was queued.
+/// Writes the oldest texts. Returns whether anything was queued.
 bool GenFileLogger::writeBatch()
 {
     if (m_isGuarded)
@@ -337,14 +337,15 @@ bool GenFileLogger::writeBatch()
             flushes += piece.text.empty() ? 1U : 0U;
         }
     }
-    // Without a lock: misuse of memory that is found here is logged, and a flush on this thread writes the queue.
+    // No lock is held here: misuse of memory that is found now is logged, and the flush after that line, on this
+    // thread, writes the queue.
     const LogQueue::Chunk spent = removeBatch();
     m_memoryTracker->free(length);
-    finishFlushes(flushes); // last: whoever waited finds the budget as it is
+    finishFlushes(flushes); // last, so that a thread that waited finds the budget up to date
     return !batch.empty();
 }
 
-/// The same with guarded memory, one block after the other.
+/// As writeBatch, with guarded memory: writes all blocks, one after the other.
 bool GenFileLogger::writeBlocks()
 {
     bool isAnyWritten = false;
@@ -355,7 +356,7 @@ bool GenFileLogger::writeBlocks()
             const MutexGuard guard(m_fileMutex);
             writePiece({.text = *block, .isLast = true});
         }
-        // Without a lock, as above.
+        // No lock is held here either.
         if (block->empty())
         {
             finishFlushes(1);

@@ -1,8 +1,8 @@
 #pragma once
 
-// Writes finished text into log files. In the synchronous mode, the default, the calling thread writes, and hands every
-// piece to the system. In the asynchronous mode the caller's bytes are copied into a queue, and a thread of the logger
-// writes them.
+// Writes finished text into log files. In the synchronous mode, the default, the calling thread writes each text and
+// hands it to the system at once. In the asynchronous mode the caller's bytes are copied into a queue, and a thread of
+// the logger writes them.
 //
 //     GenFileLogger logger("C:\\logs\\app.log", 3);     // C:\logs\app.log.txt, at most 3 MiB wait in memory
 //     logger.write(line.data(), length);
@@ -27,8 +27,9 @@
 // While lines come in quick succession, a writer that lingers need not be woken for each of them, and it does not take
 // the queue's lock for each. Before it waits, it has handed everything to the system, and the file ends where a text
 // ends. A writer that flushes every line goes to sleep without lingering. Invariants, whenever m_queueMutex is free:
-// - While the writer is Sleeping the queue is empty; while it is Lingering nothing in the queue is urgent.
-// - A thread that changes the state from Lingering or Sleeping to Working sets m_queueEvent once after that.
+// - While the writer is Sleeping the queue is empty, but for a request to flush that had no memory for its waiter;
+//   while it is Lingering nothing in the queue is urgent.
+// - A thread other than the writer that changes the state to Working sets m_queueEvent once after that.
 
 #include "datapath/common/infra/FlushRequests.h"
 #include "datapath/common/infra/GuardedPtr.h"
@@ -58,15 +59,15 @@ public:
     struct Settings
     {
         LogFiles::Settings files;
-        std::uint32_t maxBytes = 0;         ///< budget of queued text
+        std::uint32_t maxBytes = 0;         ///< budget of queued text, in bytes
         std::uint32_t resumeBytes = 0;      ///< a pause ends when no more than this is queued
         std::uint32_t flushMaxPeriodMs = 0; ///< longest wait for a flush; 0: no limit
         Modes modes{};
         std::string threadType = "class GenFileLogger"; ///< what the log calls the writer
     };
 
-    /// The settings that the tweaks give, in the synchronous mode. maxMemoryMiB is the budget modulo 4096 MiB;
-    /// 4294967295 stands for 4 GiB.
+    /// The settings that the tweaks give, in the synchronous mode. The budget is maxMemoryMiB modulo 4096, in MiB; for
+    /// 4294967295 it is that number of bytes.
     [[nodiscard]] static Settings tweakedSettings(const std::string& path, std::uint32_t maxMemoryMiB);
 
     /// Opens the live file and starts the writer, and returns when both are ready. Without an open file there is no
@@ -78,15 +79,15 @@ public:
 
     ~GenFileLogger() override;
 
-    /// Other modes than those of the settings. Before the first text only, and on one thread.
+    /// Replaces the modes of the settings. Only before the first text, by the thread that has made the logger.
     void setModes(const Modes& modes) EXCLUDES(m_fileMutex);
 
-    /// Null asks for a flush that nobody waits for. A text of 0 bytes is not queued.
+    /// Writes or queues a text. Null data asks for a flush that nobody waits for. A text of 0 bytes is not queued.
     void write(const char* data, std::uint32_t length) EXCLUDES(m_fileMutex, m_queueMutex);
 
     /// Waits until everything queued so far is with the system, at most flushMaxPeriodMs. Returns false if that was too
-    /// short: the flush is done later then, and the wait of one later call ends at once for it. Also false, without a
-    /// flush, if there is no memory to ask for one. On the writer's own thread it writes the queue instead.
+    /// short: the flush is still done, and the wait of one later call ends at once in return. Also returns false if
+    /// there is no memory for a request to flush. On the writer's own thread it writes the queue instead of waiting.
     [[nodiscard]] bool flush() EXCLUDES(m_fileMutex, m_queueMutex);
 
     /// Whether the live file could be opened at the start.
@@ -122,7 +123,7 @@ private:
     [[nodiscard]] bool waitForFlush(Semaphore& flushDone) EXCLUDES(m_queueMutex);
 
     [[nodiscard]] bool isMoreToWrite() EXCLUDES(m_fileMutex, m_queueMutex);
-    [[nodiscard]] bool sleepsWithoutWork() REQUIRES(m_queueMutex);
+    [[nodiscard]] bool sleepIfQueueIsEmpty() REQUIRES(m_queueMutex);
     void writeQueue() EXCLUDES(m_fileMutex, m_queueMutex);
     bool writeBatch() EXCLUDES(m_fileMutex, m_queueMutex);
     bool writeBlocks() EXCLUDES(m_fileMutex, m_queueMutex);
@@ -135,19 +136,19 @@ private:
 
     const Settings m_settings;
     Modes m_modes;                                   // unchanged from the first text on
-    const bool m_isGuarded = MemShield::isEnabled(); // queued texts are blocks of their own
+    const bool m_isGuarded = MemShield::isEnabled(); // each queued text is a block of its own
     Mutex m_fileMutex;                               // guards the files; nothing is taken inside it
     LogFiles m_files GUARDED_BY(m_fileMutex);
     Mutex m_queueMutex; // guards the queue, its flushes and the writer's state; nothing is taken inside it
     StlMemShiledContainer<LogQueue> m_queue GUARDED_BY(m_queueMutex){"FileLogger"};
-    FlushRequests m_flushes GUARDED_BY(m_queueMutex); // as many of them are pending as requests are in the queue
+    FlushRequests m_flushes GUARDED_BY(m_queueMutex); // for what is in the queue and in the batch being written
     WriterState m_writerState GUARDED_BY(m_queueMutex) = WriterState::Sleeping;
-    Trigger m_queueEvent;                                    // lets the writer go on
+    Trigger m_queueEvent;                                    // ends a wait of the writer
     GuardedPtr<HeapMemoryAllocationTracker> m_memoryTracker; // the budget of queued text
-    bool m_isInsideText = false; // the last piece written does not end its text; only the writer uses it
-    platform::Atomic<std::uint32_t> m_writerId = 0; // the writer's thread, 0 while there is none
+    bool m_isInsideText = false;                             // a text is written in part; only the writer uses it
+    platform::Atomic<std::uint32_t> m_writerId = 0;          // the writer's thread, 0 while there is none
     platform::Atomic<bool> m_isStopping = false;
     Semaphore m_writerStarted{0};
     Semaphore m_writerEnded{0};
-    const bool m_isOpen; // the live file, at the start
+    const bool m_isOpen; // the live file could be opened at the start
 };

@@ -31,8 +31,8 @@ using TimerHandle = std::uint32_t;
 class ITimer
 {
 public:
-    /// Records the number of processors and starts the timer thread, which calls the timers and never ends. Without it
-    /// they are never called. A process calls this once. Ends the process if the system refuses the thread.
+    /// Records the number of processors and starts the timer thread, which never ends. Without that thread no timer is
+    /// ever called. A process calls this once. Ends the process if the system refuses the thread.
     virtual void start() = 0;
 
     /// The steady clock, in ns and µs.

@@ -1,22 +1,23 @@
 #pragma once
 
-// The workers that have nothing to do, and who wakes them. Falling asleep and waking cost some microseconds each, so a
-// worker first looks for work for a while, and whoever brings work wakes a sleeper only if no worker is looking.
+// Counts the workers that have nothing to do, and puts them to sleep. Falling asleep and waking cost some microseconds
+// each, so a worker first looks for work for a while, and a producer wakes a sleeper only if no worker is looking.
 //
-//                 beginLooking             fallAsleep              reserve, leave
-//     working ------------------> looking ------------> sleeping ------------------> working
-//        ^                           |
-//        +---------------------------+
-//                  endLooking
+//               beginLooking            endLooking, fallAsleep             reserve               wake
+//     working ----------------> looking -----------------------> sleeping ---------> reserved -------> working
+//        ^                         |                                |
+//        +-------------------------+                                +-----> working
+//                endLooking                                          leave
 //
-// One lock orders the arrival of work and every operation marked "locked". It is the owner's, and the same for all.
+// One lock, which belongs to the owner, orders the arrival of work and every operation marked "Locked".
 //
-//  1. A worker that stops looking checks under the lock, in the same critical section, that there is no work, and falls
-//     asleep only then. So work that arrives while a worker looks needs no other one: that worker finds it.
+//  1. A worker that stops looking checks in the same critical section that there is no work, and falls asleep only
+//     then. So work that arrives while a worker looks needs no other one: that worker finds it.
 //  2. Each reservation takes one sleeper off the count and is followed by one wake, and each wake ends one sleep. Which
-//     of the sleepers it is does not matter: reserved sleeps and pending wakes are equal in number.
+//     sleeper it wakes does not matter: there are as many reserved workers as wakes to come.
 //  3. A reserved worker stays in sleep until its wake. So the owner, which outlives its workers, cannot be destroyed
-//     between a reservation and its wake. A producer that has reserved none touches nothing after the lock.
+//     between a reservation and its wake. A producer that has reserved no worker touches nothing once it has given up
+//     the lock.
 //
 //     { lock; add work; isReserved = workers.reserve(); }            // a producer
 //     if (isReserved) workers.wake();
@@ -36,7 +37,7 @@ namespace ActiveObjectInternal
 class IdleWorkers
 {
 public:
-    /// Without the lock: if a producer misses it, a worker is woken that would not be needed.
+    /// Without the lock: a producer that does not see it yet wakes a worker that is not needed, and that is all.
     void beginLooking() noexcept { ++m_numLooking; }
 
     /// Locked.
@@ -45,8 +46,8 @@ public:
     /// Locked, after endLooking and only if there is no work. The worker has to call sleep or sleepFor next.
     void fallAsleep() noexcept { ++m_numSleeping; }
 
-    /// Locked. Takes a sleeper off the count if there is one and no worker is looking. Returns whether it has done so:
-    /// the caller then owes one wake, best without the lock.
+    /// Locked. Takes a sleeper off the count if there is one and no worker is looking. Returns whether it has done so;
+    /// the caller then has to call wake once, best without the lock.
     [[nodiscard]] bool reserve() noexcept
     {
         if (m_numLooking != 0 || m_numSleeping == 0)
@@ -57,20 +58,20 @@ public:
         return true;
     }
 
-    /// Locked. Takes all sleepers off the count; the caller owes that many wakes.
+    /// Locked. Takes all sleepers off the count. Returns their number; the caller has to call wake that many times.
     [[nodiscard]] std::uint32_t reserveAll() noexcept { return m_numSleeping.exchange(0); }
 
-    /// Pays what a reservation owes.
+    /// Ends the sleep of one reserved worker.
     void wake() noexcept { m_wakes.post(); }
 
-    /// Returns when the worker has been woken.
+    /// Returns after a wake.
     void sleep() noexcept { m_wakes.wait(); }
 
-    /// Returns false if that does not happen in time. The worker still counts as a sleeper then: leave comes next.
+    /// Returns false if no wake comes in time. The worker still counts as a sleeper then and has to call leave next.
     [[nodiscard]] bool sleepFor(std::uint32_t timeoutMs) noexcept { return m_wakes.waitFor(timeoutMs); }
 
-    /// Locked, after a sleep that took too long. Takes the worker off the count. Returns false if all sleepers have
-    /// been reserved meanwhile: a wake is due that this worker has to take, with sleep, which returns soon.
+    /// Locked, after sleepFor has returned false. Takes the worker off the count. Returns false if all sleepers have
+    /// been reserved meanwhile: one of the wakes to come is for this worker, which has to call sleep.
     [[nodiscard]] bool leave() noexcept
     {
         if (m_numSleeping == 0)
@@ -81,8 +82,8 @@ public:
         return true;
     }
 
-    /// A hint without the lock. It is exact for whoever has been told of the work by a worker or producer that held the
-    /// lock after the last one fell asleep.
+    /// Without the lock. A worker that has taken an action sees every sleeper that fell asleep before the action
+    /// arrived, because the lock went from that sleeper to the producer, and from the producer on to the worker.
     [[nodiscard]] bool isAnySleeping() const noexcept { return m_numSleeping != 0; }
 
 private:

@@ -43,9 +43,9 @@ private:
     std::size_t dropCarriageReturns(std::size_t length);
 
     platform::OwnedFile m_file;
-    bool m_isEnded = false; // a byte that ends a text was read
+    bool m_isEnded = false; // a byte that ends the text was read
     bool m_holdsCarriageReturn = false;
-    std::array<char, CHUNK + 1> m_characters; // a chunk after a carriage return that was held back
+    std::array<char, CHUNK + 1> m_characters; // a carriage return that was held back, and a chunk
 };
 
 struct BufferBase

@@ -1,7 +1,7 @@
 #pragma once
 
-// Every tweak that code of this system reads or registers has its one home here: its name, its type, its default,
-// and what it is for. Code reads a tweak through its description and so never repeats its name or its default:
+// Describes every tweak that code of this system reads or registers: its name, its type, its default, and what it is
+// for. Code reads a tweak through its description and so never repeats its name or its default:
 //
 //     const std::int32_t maxFiles = Tweaks::instance().value(GEN_FILE_LOGGER_MAX_FILES);
 //
@@ -27,11 +27,11 @@ enum class TweakReader : std::uint8_t
 template <class T> struct KnownTweak
 {
     std::string_view name;
-    std::optional<T> defaultVal; ///< what a reader gets while the tweak is not set; none: it must be set
-    std::string_view unit;       ///< empty for a switch, and where the effect explains the number
-    std::string_view effect;     ///< for people, as docs/configuration.md has it
+    std::optional<T> defaultVal; ///< what a reader gets while the tweak is not set; without one it must be set
+    std::string_view unit;       ///< empty for a switch, and if the effect explains the number
+    std::string_view effect;     ///< the text of docs/configuration.md
     TweakReader reader = TweakReader::Table;
-    std::optional<T> registeredVal = {}; ///< what setAgentTweakDefaults sets if no file does; none: nothing
+    std::optional<T> registeredVal = {}; ///< what setAgentTweakDefaults sets if no file does
 
     [[nodiscard]] static constexpr std::string_view typeName() noexcept
     {

@@ -1,6 +1,6 @@
 #pragma once
 
-// The process-wide hub through which every log line passes, and the interface of those who take the
+// The process-wide hub through which every log line passes, and the interface of the clients that take the
 // lines. A finished line is offered to each registered client whose mask accepts its level; severe
 // lines make the clients flush, and a line of level Assert ends the process.
 //
@@ -30,8 +30,8 @@
 /// As the logger column of a line shows it.
 [[nodiscard]] std::string_view loggerName(LoggerId loggerId);
 
-/// Takes log lines. Every operation may be called by several threads at once, and none may throw. A
-/// client may be called under locks of whoever logs, so it must not read configuration.
+/// Takes log lines. Every operation may be called by several threads at once, and none may throw. A client may be
+/// called under locks of the code that logs, so it must not read configuration.
 class LoggerClient
 {
 public:
@@ -40,13 +40,13 @@ public:
     LoggerClient& operator=(const LoggerClient&) = delete;
     virtual ~LoggerClient() = default;
 
-    /// A finished line, its "\n" included.
+    /// Takes a finished line, its "\n" included.
     virtual void log(const std::string& line) = 0;
 
     /// Returns when every line taken so far has reached its destination.
     virtual void flush() {}
 
-    /// Bit n: lines of level n are wanted. Set by registerClient.
+    /// Bit n is set if lines of level n are wanted. registerClient sets the mask.
     std::uint32_t m_levelMask = 0;
 };
 
@@ -70,14 +70,14 @@ public:
     /// Created on first use, by any thread, and never destroyed.
     [[nodiscard]] static Logger& instance();
 
-    /// Adds a client, after those that are there. It stays the caller's and must live until it is unregistered or the
-    /// process ends. There is room for four; a fifth ends the process. Others may log meanwhile.
+    /// Adds a client after the others. It stays the caller's and must live until it is unregistered or the process
+    /// ends. There is room for four; a fifth ends the process. Other threads may log meanwhile.
     void registerClient(LoggerClient* client, std::uint32_t levelMask) EXCLUDES(m_clientsMutex);
 
     /// Takes a client away and returns when no other thread is inside it any more: it may be destroyed then. Lines that
-    /// others log meanwhile go to the clients that remain. Does nothing for a client that is not there, and nothing but
-    /// an Error line when it is called from inside the client's own log or flush. The caller must not hold a lock that
-    /// the client takes there, and two clients must not unregister each other from inside.
+    /// other threads log meanwhile go to the remaining clients. Does nothing for a client that is not registered, and
+    /// only logs an Error line if it is called from inside the client's own log or flush. The caller must not hold a
+    /// lock that the client takes in log or flush, and two clients must not unregister each other from inside those.
     void unregisterClient(LoggerClient* client) EXCLUDES(m_clientsMutex);
 
     [[nodiscard]] bool hasClients() const { return m_order.load(std::memory_order_relaxed) != 0; }
@@ -92,8 +92,8 @@ public:
     /// Called with each line of level Assert of that logger before the process ends. Start-up only.
     void setAssertHandler(LoggerId loggerId, AssertHandler handler);
 
-    /// Asked last before a line of level Assert ends the process; null for nobody. Not owned.
-    /// Start-up only.
+    /// The hook is asked last before a line of level Assert ends the process; null takes it away. Not owned. Start-up
+    /// only.
     void setAssertHook(LogAssertHook* hook) { m_assertHook = hook; }
 
     /// Names the calling thread. A thread that has a name keeps it.
@@ -118,8 +118,8 @@ private:
     static constexpr std::size_t MAX_CLIENTS = ClientVisits::PLACES;
     static constexpr std::size_t LOGGER_COUNT = 4;
 
-    /// Identifies a registration, never 0: the remainder by MAX_CLIENTS is the client's place, and the rest is a number
-    /// that none of the recent registrations has.
+    /// Identifies a registration and is never 0: divided by MAX_CLIENTS, it has the index of the client's place as the
+    /// remainder, and as the quotient a number that none of the recent registrations has.
     using Ticket = std::uint16_t;
     static constexpr unsigned TICKET_BITS = 16;
 
@@ -127,7 +127,7 @@ private:
     struct Place
     {
         LoggerClient* client = nullptr;      // set until the last visitors of an unregistered client have left
-        platform::Atomic<Ticket> ticket = 0; // 0: closed, nobody may begin to use the client
+        platform::Atomic<Ticket> ticket = 0; // 0: no thread may begin to use the client
     };
 
     Logger() = default;
@@ -140,7 +140,7 @@ private:
     void endAfterAssert(const std::string& line, LoggerId loggerId) const;
 
     ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex){"LoggerAsyncThreadNames"};
-    // How many names there are: lines take the lock only in programs that use such names.
+    // The size of that table, so that lines take the lock only in programs that use such names.
     platform::Atomic<std::size_t> m_asyncThreadNamesCnt = 0;
     ThreadNames m_threadNames GUARDED_BY(m_mutex){"LoggerThreadNames"};
     mutable Mutex m_mutex; // guards the two tables of names; nothing is taken inside it

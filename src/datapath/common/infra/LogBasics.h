@@ -1,12 +1,12 @@
 #pragma once
 
-// The words of the log: levels, parts of the product, and places in the source; and how a unit below LogItem logs. The
-// Logger and the watched containers that it uses are such units. Everybody else streams into a LogItem or a
-// CheckFailure.
+// What log lines are about: levels, parts of the product, and places in the source; and the functions with which units
+// below LogItem log, which are the Logger and the watched containers that it uses. All other units stream into a
+// LogItem or a CheckFailure.
 //
 //     failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
 //
-// Any thread may call. Conditions are the text of what should have held.
+// Any thread may call. A condition tells, as a text, what should have been true.
 
 #include "datapath/common/infra/base/MethodText.h"
 

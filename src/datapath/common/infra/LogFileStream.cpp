@@ -14,7 +14,7 @@ bool LogFileStream::open(const std::string& path)
     return true;
 }
 
-/// Asks the system for the length of the file; the fallback counts if the system does not tell it.
+/// Asks the system for the length of the file, and takes the fallback if the system does not tell it.
 void LogFileStream::updateLength(std::uint64_t fallback)
 {
     const auto [bytes, error] = platform::lengthOfFile(m_file.get());
@@ -37,7 +37,7 @@ void LogFileStream::write(std::string_view part, bool isFirst, bool isLast)
     {
         if (isFull())
         {
-            flush(); // the system has refused this block before
+            flush(); // tries again: the system has refused this block before
         }
         m_isDropping = !isOpen() || isFull();
     }

@@ -5,8 +5,8 @@
 //     LogFileStream stream;
 //     if (stream.open(path)) { stream.write("a line\n"); stream.flush(); }
 //
-// A block ends where a text ends, unless one text is longer than a block. A line feed is written as text files of this
-// system end a line. Text that the system does not take, because the disk is full for instance, is kept and offered
+// A block ends where a text ends, unless one text is longer than a block. A line feed is written as the line end of the
+// system's text files. Text that the system does not take, because the disk is full for instance, is kept and offered
 // again with the next text or flush. Once a whole block of it is kept, new texts are dropped, so that every text in the
 // file is whole. Not for several threads at once.
 
@@ -28,8 +28,9 @@ public:
     /// Continues the file, or creates it. Returns whether it is open.
     [[nodiscard]] bool open(const std::string& path);
 
-    /// Whether the file and what it still lacks are longer than that many bytes. What other programs have appended
-    /// counts once the next block has been written; what they have cut off counts at once. False while no file is open.
+    /// Whether the file and the text that it still lacks have more than that many bytes. What other programs have
+    /// appended counts once the next block has been written; what they have cut off counts at once. False while no file
+    /// is open.
     [[nodiscard]] bool isLongerThan(std::uint64_t length);
 
     /// Appends a text or, one after the other, the parts of a text. Dropped while no file is open.
@@ -50,8 +51,8 @@ private:
     void updateLength(std::uint64_t fallback);
 
     platform::OwnedFile m_file;
-    std::uint64_t m_length = 0;    // of the file, as of updateLength
-    std::string m_block;           // what the file still lacks
-    std::size_t m_wholeLength = 0; // of the block: up to the end of the last whole text
-    bool m_isDropping = false;     // the text whose parts are being written is dropped
+    std::uint64_t m_length = 0;    // length of the file when it was last asked for
+    std::string m_block;           // text that the file still lacks
+    std::size_t m_wholeLength = 0; // length of the block up to the end of its last whole text
+    bool m_isDropping = false;     // the present text is dropped, with all its parts
 };

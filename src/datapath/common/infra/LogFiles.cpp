@@ -34,12 +34,12 @@ std::string withSuffixes(std::string name, bool isCompressed)
     return name.append(TEXT_SUFFIX).append(isCompressed ? COMPRESSED_SUFFIX : "");
 }
 
-/// The text that makes the name of a file in the folder comparable with the base path.
+/// What the name of a file in the folder is to begin with, so that it can be compared with the base path.
 std::string prefixOf(const std::string& directory, const std::string& basePath)
 {
     if (platform::PATH_SEPARATOR == '/')
     {
-        return basePath.substr(0, basePath.rfind('/') + 1); // "./" or "/" as well
+        return basePath.substr(0, basePath.rfind('/') + 1); // keeps "./" and "/" too
     }
     return directory == "." ? "" : directory + platform::PATH_SEPARATOR;
 }
@@ -54,7 +54,7 @@ std::int32_t fileNumber(std::string_view tail)
     return std::in_range<std::int32_t>(number) ? static_cast<std::int32_t>(number) : 0;
 }
 
-/// An error of the C library, as messages show it.
+/// The number and the description of an error of the C library.
 std::string described(int error) { return std::to_string(error) + "(" + std::generic_category().message(error) + ")"; }
 
 void removeLogFile(const std::string& path)
@@ -178,7 +178,7 @@ void LogFiles::rotate()
     m_stream.close();
     renameLogFile(live, rotatedFileName(next));
     numbered.makeRoom(m_settings.maxFiles);
-    static_cast<void>(openLiveFile()); // without it, texts are dropped
+    static_cast<void>(openLiveFile()); // while none is open, texts are dropped
 }
 
 std::string LogFiles::rotatedFileName(std::int64_t number) const
@@ -188,7 +188,7 @@ std::string LogFiles::rotatedFileName(std::int64_t number) const
     return withSuffixes(m_settings.basePath + filling + digits, m_compressOnRotate);
 }
 
-/// The paths of the plain files in the folder; none if it cannot be read to its end.
+/// The paths of the plain files in the folder; nullopt if it cannot be read to its end.
 std::optional<std::vector<std::string>> LogFiles::listLogDirectory() const
 {
     using platform::ErrorNumber;

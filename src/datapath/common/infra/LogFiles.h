@@ -11,8 +11,8 @@
 //         files.flush();
 //     }
 //
-// Failures are told on standard output and standard error, never to the Logger, and logging goes on. Not for several
-// threads at once, and not for two programs with the same base path: they would race for the numbers.
+// Failures are reported on standard output and standard error, never to the Logger, and logging goes on. Not for
+// several threads at once, and not for two programs with the same base path: they would race for the numbers.
 
 #include "datapath/common/infra/LogFileStream.h"
 
@@ -40,14 +40,15 @@ public:
     /// whether the file is open.
     [[nodiscard]] bool open();
 
-    /// Whether files that are numbered from now on are named ".txt.gz"; their content stays plain text. At first not.
+    /// Whether files that are numbered from now on are named ".txt.gz"; their content stays plain text. Off
+    /// at first.
     void setCompressOnRotate(bool compressOnRotate) { m_compressOnRotate = compressOnRotate; }
 
     /// Appends a text or, one after the other, the parts of a text; all parts go to the same file. Dropped while no
     /// file is open.
     void write(std::string_view part, bool isFirst = true, bool isLast = true)
     {
-        // The flush: a file is not moved away from the end of a text that it has in part.
+        // Flushed first: a file is not moved away while the end of one of its texts is still to be written.
         if (isFirst && m_stream.isLongerThan(MAX_FILE_LENGTH) && m_stream.flush())
         {
             rotate();
@@ -58,7 +59,6 @@ public:
     /// Hands every whole text on to the system.
     void flush() { m_stream.flush(); }
 
-    /// The path of the live file of that base path.
     [[nodiscard]] static std::string liveFile(const std::string& basePath);
 
 private:
@@ -70,7 +70,7 @@ private:
     [[nodiscard]] std::optional<std::vector<std::string>> listLogDirectory() const;
 
     const Settings m_settings;
-    const std::string m_directory; // of all files
+    const std::string m_directory; // the folder of all files
     bool m_compressOnRotate = false;
     LogFileStream m_stream;
 };

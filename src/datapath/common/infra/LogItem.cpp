@@ -9,7 +9,7 @@
 namespace
 {
 
-constexpr std::size_t USUAL_LINE_LENGTH = 240; // longer lines grow
+constexpr std::size_t USUAL_LINE_LENGTH = 240; // characters; the buffer grows for longer lines
 
 std::string cleaned(std::string methodText)
 {

@@ -44,7 +44,7 @@ public:
 protected:
     int_type overflow(int_type character) override;
 
-    /// Always succeeds. The text is kept: each item is flushed once.
+    /// Always succeeds. Does not empty the buffer, because each item is flushed once.
     int sync() override;
 
 private:
@@ -73,7 +73,7 @@ template <class T>
 concept Integer =
     OneOf<T, bool, short, unsigned short, int, unsigned, long, unsigned long, long long, unsigned long long>;
 
-/// A string, also as a literal or zero-terminated, or a single character.
+/// A string, a string literal, a zero-terminated text or a single character.
 template <class T>
 concept Text =
     OneOf<T, const char*, char*, std::string, std::string_view> || std::same_as<char, std::remove_extent_t<T>>;
@@ -98,7 +98,7 @@ public:
     [[nodiscard]] LogLevel level() const { return m_level; }
     [[nodiscard]] LoggerId loggerId() const { return m_loggerId; }
 
-    /// Inserts as the stream would, and faster where the formatting is the default one. For operator<< only.
+    /// Inserts as the stream would, but faster if the formatting is the default one. Only for operator<<.
     template <class T> void insert(const T& value)
     {
         if (!isPlain() || isNull(value))
@@ -151,7 +151,7 @@ private:
 template <class T>
 concept AnyLogItem = std::derived_from<std::remove_reference_t<T>, LogItem>;
 
-/// Every other type that a narrow stream accepts is inserted by the stream.
+/// For the simple types. The stream itself inserts every other type that a narrow stream accepts.
 template <AnyLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
 {
     item.insert(value);

@@ -36,10 +36,10 @@ struct LogQueue::ChunkHead
     }
 
     const std::size_t capacity; // how many bytes follow this head in memory
-    std::size_t begin = 0;      // what is queued lies from here
-    std::size_t end = 0;        // up to here
-    std::size_t texts = 0;      // texts and requests of which the last piece is queued here
-    std::size_t pieces = 0;     // pieces that are queued here
+    std::size_t begin = 0;      // the offset of the first queued piece
+    std::size_t end = 0;        // the offset after the last queued piece
+    std::size_t texts = 0;      // queued texts and requests whose last piece is here
+    std::size_t pieces = 0;     // all queued pieces
     ChunkHead* next = nullptr;
 };
 
@@ -63,7 +63,7 @@ LogQueue::~LogQueue()
     }
 }
 
-/// How many bytes a text takes in a chunk, with the headers of its pieces.
+/// The bytes that a text takes in a chunk, with the headers of its pieces.
 std::size_t LogQueue::roomFor(std::size_t textLength)
 {
     return textLength + std::max<std::size_t>(1, (textLength + MAX_PIECE_LENGTH - 1) / MAX_PIECE_LENGTH) * HEADER_SIZE;
@@ -74,7 +74,7 @@ LogQueue::Chunk LogQueue::newChunk(std::size_t textLength)
     const std::size_t capacity = std::max(USUAL_CAPACITY, roomFor(textLength));
     auto* const memory =
         GuardedMemory::createArray<std::byte>({"LogQueueChunk", SourcePlace::here()}, sizeof(ChunkHead) + capacity);
-    // NOLINTNEXTLINE(clang-analyzer-cplusplus.PlacementNew): it takes the words before counted memory for all there is
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.PlacementNew): it takes the head of counted memory for all of it
     return Chunk(::new (memory) ChunkHead(capacity));
 }
 

@@ -7,13 +7,14 @@
 //     for (const LogQueue::Piece piece : queue.front()) ...                              // the writer
 //     const LogQueue::Chunk spent = queue.pop();
 //
-// Where each text is to be a block of its own, the owner of the queue makes and releases the blocks, and calls nothing
-// of the above:
+// If each text is to be a block of its own, the owner of the queue makes and releases the blocks, and calls these
+// functions instead:
 //
 //     queue.push(block);
 //     while (const std::optional<std::string_view> block = queue.extract()) ...
 //
-// Chunks are a list. Texts A, B, C and D are queued, C is cut into two pieces, and a batch with A and B is out:
+// The chunks form a list. Here texts A, B, C and D are queued, C is cut into two pieces, and front has returned a batch
+// with A and B:
 //
 //     m_head                                     m_tail                            m_spare
 //       |                                          |                                 |
@@ -24,8 +25,8 @@
 //                              m_batch.end
 //
 //     piece:  +-----------+---------------+      header, 16 bits in the processor's order:
-//             |  header   |  bytes        |        bits 0 to 14   how many bytes follow
-//             +-----------+---------------+        bit 15         CONTINUES: the next piece is of the same text
+//             |  header   |  bytes        |        bits 0 to 14   the number of bytes
+//             +-----------+---------------+        bit 15         CONTINUES: the text goes on in the next piece
 //
 // Invariants:
 // - Every chunk in the list has at least one piece between begin and end. m_head and m_tail are null while the list is
@@ -131,7 +132,8 @@ public:
     /// The oldest pieces, none if the queue is empty.
     [[nodiscard]] Batch front();
 
-    /// Takes away what front returned last. The caller releases what this returns.
+    /// Takes away the pieces that front returned last. Returns the chunk that is spent now, or null, for the caller to
+    /// release.
     Chunk pop();
 
     /// Adds a block, whose bytes stay the caller's; an empty one is a request to flush. Throws std::bad_alloc.
@@ -141,10 +143,10 @@ public:
     [[nodiscard]] std::optional<std::string_view> extract();
 
 private:
-    /// What front returned last, in the first chunk.
+    /// The pieces that front returned last, all in the first chunk.
     struct BatchExtent
     {
-        std::size_t end = 0; // where it ends in the chunk
+        std::size_t end = 0; // the offset in the chunk after the last piece
         std::size_t texts = 0;
         std::size_t pieces = 0;
     };
@@ -153,7 +155,7 @@ private:
 
     ChunkHead* m_head = nullptr; // the chunk that is read from
     ChunkHead* m_tail = nullptr; // the chunk that is written to
-    Chunk m_spare;               // of the usual size, for when the last one is full
+    Chunk m_spare;               // replaces the last chunk when that is full; null, or empty and of the usual size
     std::deque<std::string_view> m_blocks;
     BatchExtent m_batch;
     std::size_t m_size = 0;

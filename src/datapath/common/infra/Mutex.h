@@ -41,8 +41,9 @@ public:
     void unlock() RELEASES() override { m_mutex.unlock(); }
 
 private:
-    /// Most locks are held for less time than falling asleep takes. There are many hints to a look, because each look
-    /// takes the lock's cache line from the thread that holds it; undisturbed, that thread gets several turns done.
+    /// Most locks are held for less time than falling asleep takes. Each look is preceded by many spin-wait hints,
+    /// because it takes the cache line of the lock from the thread that holds it. Between two looks that thread can
+    /// lock and unlock several times.
     static constexpr platform::SpinBudget SPIN{.looks = 2, .hintsPerLook = 96};
 
     void lockContended()
@@ -87,7 +88,7 @@ public:
 
 private:
     Mutex m_mutex;
-    platform::Atomic<std::uint32_t> m_owner = 0; // the id of the thread that has the lock, 0 if none has
+    platform::Atomic<std::uint32_t> m_owner = 0; // the id of the thread that has the lock, or 0
 };
 
 /// Locks for its own lifetime. With IMutex the calls are virtual; with a final class such as Mutex they are direct.

@@ -20,13 +20,13 @@ std::uint32_t perSecond(std::uint32_t count, std::uint64_t timeUs)
     return saturated(timeUs == 0 ? MAX_32_BITS : count * US_PER_SEC / timeUs);
 }
 
-/// The average over no time at all is 0.
+/// The average over no time is 0.
 float average(std::uint64_t integral, std::uint64_t timeUs)
 {
     return timeUs == 0 ? 0 : static_cast<float>(integral) / static_cast<float>(timeUs);
 }
 
-/// 0 where another thread has set the start after the end was read.
+/// 0 if another thread has set the start after the caller had read the end from the clock.
 std::uint64_t elapsed(std::uint64_t startUs, std::uint64_t endUs) { return endUs - std::min(startUs, endUs); }
 
 } // namespace

@@ -29,9 +29,9 @@ public:
         std::uint32_t minTasksForReport = 1;
         /// The times in the line are divided by this: 1000 gives ms. 0 ends the process.
         std::uint64_t timeUnit = 1'000;
-        /// Each line covers the time since the construction; otherwise, the time since the line before.
+        /// Whether each line covers the time since the construction; otherwise it covers the time since the last line.
         bool cumulative = false;
-        /// The steady clock that the monitor reads.
+        /// The steady clock that the monitor reads. Tests replace it.
         std::int64_t (*timestampUs)() = [] { return static_cast<std::int64_t>(Clock::steadyNs() / 1000); };
     };
 
@@ -55,7 +55,6 @@ public:
     /// Logs the line with the results of the last period that was closed.
     void update() const REQUIRES(m_mutex);
 
-    /// The monitor's clock.
     [[nodiscard]] std::uint64_t nowUs() const { return static_cast<std::uint64_t>(m_timestampUs()); }
 
     Mutex m_mutex; // guards the figures; held while the clock is read and while the line is logged
@@ -77,10 +76,10 @@ private:
     const bool m_cumulative;
     std::int64_t (*const m_timestampUs)();
 
-    // Across periods.
+    // The state that goes on from one period to the next.
     std::uint64_t m_lastTaskEndUs GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_idleStartUs GUARDED_BY(m_mutex) = 0; // when the last active task ended, 0 before
-    std::uint64_t m_busyStartUs GUARDED_BY(m_mutex) = 0; // from when busy time is still to be added
+    std::uint64_t m_idleStartUs GUARDED_BY(m_mutex) = 0; // when the last active task ended, 0 before that
+    std::uint64_t m_busyStartUs GUARDED_BY(m_mutex) = 0; // start of the busy time that m_busyTimeUs lacks
     std::uint64_t m_lastConcurrencyChangeUs GUARDED_BY(m_mutex) = 0;
     std::uint32_t m_currentActiveTasks GUARDED_BY(m_mutex) = 0;
 

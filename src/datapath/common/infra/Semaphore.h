@@ -7,7 +7,8 @@
 //     if (!done.waitFor(timeoutMs)) ...    // on any other
 //
 // Any thread may call. A signal before any wait is not lost, and each signal wakes one waiter. The thread whose wait
-// has returned may destroy the semaphore if no other thread uses it.
+// has returned may destroy the semaphore, even before the signal that ended the wait has returned, if no other thread
+// waits or is about to signal.
 
 #include "platform/Sync.h"
 

@@ -1,12 +1,12 @@
 #pragma once
 
-// What the deadlock checker calls for each watched thread when one of them hangs. Any thread may call.
+// The deadlock checker calls this for each watched thread when one of them hangs. Any thread may call.
 
 #include <cstdint>
 
 class ThreadBacktracePrinter
 {
 public:
-    /// Logs which thread it is, and that no back trace of it can be made. The data is the caller's and only logged.
+    /// Logs the thread's id, its name and the caller's data, and that no back trace can be made.
     static void print(std::uint32_t threadId, std::uint64_t threadData);
 };

@@ -1,7 +1,7 @@
 #pragma once
 
-// The process's clock and timers behind one interface; see ITimer for what it promises. The readings are Clock's, the
-// timers WindowsTimer's.
+// The process's clock and timers behind one interface; see ITimer for what it promises. Clock takes the readings, and
+// WindowsTimer keeps the timers.
 
 #include "datapath/common/infra/ITimer.h"
 #include "datapath/common/infra/base/Singleton.h"

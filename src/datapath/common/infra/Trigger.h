@@ -5,8 +5,8 @@
 //     trigger.set();                       // on any thread
 //     trigger.wait();                      // on another
 //
-// set ends one wait: that of a thread which waits now, or else the next one. Setting it again before that changes
-// nothing. Any thread may call.
+// Each set ends one wait: that of a thread that waits now, or else the next one. Setting it again before that wait has
+// begun changes nothing. Any thread may call.
 
 #include "platform/Sync.h"
 

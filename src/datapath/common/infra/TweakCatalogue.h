@@ -1,7 +1,7 @@
 #pragma once
 
-// The tweaks that code of this system acts on, with their types, in ascending byte order of the names. It is made
-// from KnownTweaks.h at build time, and nothing reads it at run time.
+// A catalogue of the tweaks that code of this system acts on, with their types, in ascending byte order of the names.
+// The compiler makes it from KnownTweaks.h, and nothing reads it at run time.
 
 #include "datapath/common/infra/KnownTweaks.h"
 
@@ -13,7 +13,7 @@
 struct TweakDescriptor
 {
     std::string_view name;
-    std::string_view typeName; ///< "int", "uint", "bool", "long" or "string"
+    std::string_view typeName; ///< "int", "uint" or "bool"
     bool isDynamic;            ///< a member of DynamicTweaks holds it
 };
 

@@ -26,7 +26,7 @@ constexpr SourcePlace PLACE_NOT_INITIALIZED = SourcePlace::numbered(228, TWEAKS_
 constexpr SourcePlace PLACE_DEFINED_ONCE = SourcePlace::numbered(244, TWEAKS_UNIT);
 constexpr SourcePlace PLACE_HAS_VALUE = SourcePlace::numbered(602, TWEAKS_UNIT);
 
-// Lines of applyText have the method text that support knows.
+// Support knows the lines of applyText under this method.
 constexpr MethodText METHOD_UPDATE = MethodText::of("Tweaks::update");
 
 constexpr const char* EXTENSION_FILE = "tweaks_extension.txt";
@@ -41,7 +41,7 @@ std::string_view trimmed(std::string_view text)
                                            : text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
 }
 
-/// A text divided at its first separator; there is nothing after it if the text has no separator.
+/// The trimmed parts of a text before and after its first separator; no second part without a separator.
 struct Split
 {
     std::string_view before;
@@ -58,7 +58,7 @@ Split splitAt(std::string_view text, char separator)
     return {trimmed(text.substr(0, place)), trimmed(text.substr(place + 1))};
 }
 
-/// The names that at least two of the given lines have in the same spelling. The lines must outlive it.
+/// The names that at least two of the given lines have in the same spelling. The lines must outlive this object.
 ///
 /// As a rule all names differ. Sorting the hash values of the names then shows that none is repeated, without looking
 /// at the names again. With a set of all names, loading 200,000 lines would take a fifth more time, as the benchmark

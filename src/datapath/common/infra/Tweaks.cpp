@@ -52,7 +52,7 @@ std::optional<std::int64_t> numberOf(std::string_view text)
     return extractNumber(digits, digits.size() == text.size() ? 10 : 16);
 }
 
-/// Tells whoever started the program what is wrong. There may be no log yet.
+/// Tells the user on standard error what is wrong, because there may be no log yet.
 void explain(std::string_view name, std::string_view problem)
 {
     std::cerr << "tweak \"" << name << "\" " << problem << std::endl;
@@ -116,7 +116,7 @@ Tweaks& Tweaks::instance()
 
 Tweaks::Tweaks()
 {
-    // Looking at an entry is expensive, because entries lie far apart in memory.
+    // Few entries to a bucket: looking at an entry is expensive, because entries lie far apart in memory.
     m_tweaks.change([](auto& tweaks) { tweaks.max_load_factor(0.25F); });
     Directories::ensureExists(std::string("test_appdata") + platform::PATH_SEPARATOR);
     loadFromFiles();

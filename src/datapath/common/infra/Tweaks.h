@@ -88,7 +88,7 @@ public:
     [[nodiscard]] std::int64_t longVal(std::string_view name, std::optional<std::int64_t> defaultVal = {}) const
         EXCLUDES(m_mutex);
 
-    /// As longVal; the process also ends if the value is out of range, which -2147483648 is.
+    /// As longVal; the process also ends if the value is out of range, as -2147483648 is.
     [[nodiscard]] std::int32_t intVal(std::string_view name, std::optional<std::int32_t> defaultVal = {}) const;
 
     /// As longVal; the process also ends if the value is out of range.
@@ -112,8 +112,8 @@ public:
     /// Only for the construction of the table: applies an extension file. Returns whether it could be opened.
     bool updateFromFile(const std::string& path);
 
-    /// Gives up the table's lock if this thread holds it, which is so inside a log client to which the table gives a
-    /// line. Only for a thread that never returns from there, so that others can go on.
+    /// Unlocks the table if this thread holds its lock, as it does inside a log client that takes a line of the table.
+    /// Only for a thread that never returns from there, so that others can go on.
     void unlockForGood() const EXCLUDES(m_mutex);
 
 protected:
@@ -134,7 +134,7 @@ private:
         REQUIRES(m_mutex);
 
     StlMemShiledContainer<Map> m_tweaks GUARDED_BY(m_mutex){"Tweaks"};
-    mutable OwnedMutex m_mutex; // guards the table; what log clients take is taken inside it
+    mutable OwnedMutex m_mutex; // guards the table; the locks of log clients are taken inside it
     // Written only while the table is made, when no other thread knows it.
     bool m_isInitialized = false;
     std::string m_fileName; // the file that is being read, so that explanations can name it

@@ -14,7 +14,7 @@ public:
     enum class Initially : std::uint8_t
     {
         Unlocked,
-        Locked ///< by whoever makes it, for any thread to unlock
+        Locked ///< any thread may unlock it
     };
 
     explicit UnownedMutex(Initially state = Initially::Unlocked) : m_semaphore(state == Initially::Locked ? 0 : 1) {}

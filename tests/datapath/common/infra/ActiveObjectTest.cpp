@@ -104,7 +104,7 @@ TEST_F(ActiveObjectTest, EachWorkerExecutesOneActionAtATimeInTheirOrder)
     EXPECT_EQ(807U, timeouts); // the action's own, and the default
     std::vector<int> order;
     std::vector<int> expected;
-    repeat(150, [&] { // more than a worker queues at a time
+    repeat(150, [&] { // more than a worker fetches at a time
         expected.push_back(static_cast<int>(expected.size()));
         enqueue([&, own = expected.back()](Work&) { order.push_back(own); });
     });
@@ -183,7 +183,7 @@ TEST_F(ActiveObjectTest, StartsAndStopsUnderLoad)
             for (int i = 0; i < 50; ++i)
             {
                 enqueue([&](Work&) { ++executed % 7 == 0 ? enqueue([&](Work&) { ++executed; }) : void(); });
-                (i + index) % 40 == 0 ? platform::sleepMs(1) : void(); // workers fall asleep
+                (i + index) % 40 == 0 ? platform::sleepMs(1) : void(); // so that workers fall asleep
             }
         });
         object->terminateAllThreads();

@@ -17,7 +17,7 @@ using platform::ErrorNumber;
 
 struct ConsistentFileTest : LogTest
 {
-    /// Both files of a copy, the signature right for lines that each end with a line feed.
+    /// Writes both files of a copy. The signature matches if each line ends with a line feed.
     void write(int slot, const std::string& sequence, const std::string& text) const
     {
         Crc32 crc;

@@ -90,7 +90,7 @@ TEST_F(FileLogger, LinesOfManyThreadsAreAllWrittenInEachThreadsOrderWhileOtherCl
 {
     constexpr int THREADS = 8;
     constexpr int LINES = 60'000;
-    // The first use of the Logger is a race of its own; the client comes when that is over.
+    // The threads first race for the first use of the Logger; the client comes when that is over.
     runInThreads(THREADS, [](int) { Logger::instance().setThreadName("racer"); });
     std::atomic<int> logging = THREADS;
     {
@@ -129,7 +129,7 @@ TEST_F(FileLogger, GuardedTextsAreBlocksOfTheirOwn)
     client.flush();
     const std::uint64_t before = MemShield::systemHeapBytes();
     whileDiskIsHeldBack([&] {
-        client.log(std::string(300'000, 'x') + "\n"); // keeps the writer
+        client.log(std::string(300'000, 'x') + "\n"); // keeps the writer busy
         client.log(" line...\n");
         client.log("anything\n");
         MemoryReport::memShieldDumpLocked();
@@ -137,7 +137,7 @@ TEST_F(FileLogger, GuardedTextsAreBlocksOfTheirOwn)
                   report.count("~dumpalloc: ~m_class=s8 ~infra/HeapMemoryAllocationTracker.cpp ~m_line=47 ~m_size=9 ~"
                                "m_arrayLength=9 "));
         EXPECT_EQ(before + 300'001 + 9 + 9 + 3 * 80, MemShield::systemHeapBytes());
-        client.log(std::string(1U << 20U, 'y')); // pauses
+        client.log(std::string(1U << 20U, 'y')); // exceeds the budget
     });
     client.flush();
     EXPECT_PRED2(matches, text(), "~x\n line...\nanything\n~,~-pausing logger due to OOM\n");
@@ -170,7 +170,7 @@ TEST_F(FileLogger, BudgetPausesOnceDropsAndResumes)
     }
 }
 
-/// In a child process. The client is destroyed when the process ends by returning from main.
+/// Runs in a child process. The client is destroyed if main returns.
 void logManyLinesToFile(bool isGuarded)
 {
     MemShield::setEnabled(isGuarded);

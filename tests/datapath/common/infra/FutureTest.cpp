@@ -23,7 +23,7 @@ TEST(Future, EveryCopyWaitsForTheOneResult)
         runInThreads(5, [&, copy = future](int index) mutable {
             if (index == 0)
             {
-                round % 20 == 0 ? platform::sleepMs(5) : void(); // the others have fallen asleep
+                round % 20 == 0 ? platform::sleepMs(5) : void(); // so that the others fall asleep
                 copy.set(RC_TIME_OUT);
             }
             EXPECT_TRUE(copy.get() == RC_TIME_OUT && future.get() == RC_TIME_OUT && copy.isSet());

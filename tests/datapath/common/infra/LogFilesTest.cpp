@@ -115,12 +115,12 @@ TEST_F(LogFilesTest, AFileIsFullWhenItHasPassedTheLimitWhoeverWroteIt)
     OpenLogFiles files({base});
     files.writeAndFlush("appended\n");
     EXPECT_EQ(Texts{"log.txt"}, folder.files());
-    makeLiveFile(LIMIT); // cut by another program
+    makeLiveFile(LIMIT); // another program has cut it
     files.writeAndFlush("again\n");
     EXPECT_EQ(Texts{"log.txt"}, folder.files());
     files.writeAndFlush("new\n");
     EXPECT_EQ("again\n", text("log000001.txt").substr(LIMIT));
-    makeLiveFile(LIMIT + 1); // lengthened, and removed, by another program
+    makeLiveFile(LIMIT + 1); // another program has lengthened it, and then removes it
     files.writeAndFlush("the length is noticed with this one\n");
     std::filesystem::remove(folder.path("log.txt"));
     files.writeAndFlush("in a new file\n");

@@ -47,7 +47,7 @@ TEST(Logger, AHookThatAgreesLetsTheProgramGoOnAfterAnAssert)
     Logger::instance().setAssertHandler(LoggerId::OLM, [](const std::string& line) { seen.push_back(line); });
     LogItem(LoggerId::NON, LogLevel::Assert, "f") << "other logger" << std::endl;
     LogItem(LoggerId::OLM, LogLevel::Assert, "f") << "own logger" << std::endl;
-    // Each line is flushed as a severe one, and once more for all; own lines again after the handler.
+    // Clients are flushed with each severe line and again before the hook; after a handler, a third time.
     EXPECT_EQ((Texts{"hook 2", client.lines().back(), "hook 5"}), seen);
 }
 

@@ -1,4 +1,4 @@
-// What is left when a process ends by a failed check or assertion: seen from outside.
+// What a process that a failed check or assertion ends leaves, seen from outside.
 
 #include "datapath/common/infra/FatalCheck.h"
 #include "tests/support/Support.h"
@@ -10,7 +10,7 @@
 namespace
 {
 
-/// Writes what it is told to standard output; its destructor must never run.
+/// Writes each of its calls to standard output. Its destructor must never run.
 class TellingClient : public LoggerClient
 {
 public:
@@ -33,7 +33,7 @@ TEST(ProcessEnd, AnAssertLineIsFlushedWrittenToStandardOutputAndTheLast)
 {
     const std::string message =
         ",NON,,assertLine, tests/datapath/common/infra/ProcessEndTest.cpp 17: a == b failed.  a=1 \n";
-    const std::string taken = "took " + message + "flushed\n"; // by each client, then all are flushed again
+    const std::string taken = "took " + message + "flushed\n"; // from each client, before both are flushed again
     expectAbnormalEnd("assertLine", taken + taken + "flushed\nflushed\n~-~-~ ~:~:~,Assert,#" + message + "\n");
 }
 

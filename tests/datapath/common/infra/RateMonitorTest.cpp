@@ -12,8 +12,10 @@ namespace
 std::int64_t nowMs = 0;
 const auto readClock = [] { return nowMs * 1'000; };
 
-/// Expects the lines of a monitor that is made at 1000 ms. A step is the time in ms, then "1 items bytes" (a task
-/// starts), "-1 latency 0" (one ends, ms) or "0 0 0" (the line is asked for).
+/// Expects the lines of a monitor that is made at 1000 ms. A step is the time in ms, and then one of these:
+///     1 ITEMS BYTES     a task starts
+///     -1 LATENCY 0      a task ends; the latency is in ms
+///     0 0 0             the line is asked for
 void expectLines(const RateMonitor::Settings& settings, const std::string& name, const std::string& steps,
                  Texts patterns)
 {
@@ -68,7 +70,7 @@ TEST(RateMonitor, APeriodStandsForItselfUnlessCumulative)
                 {first, first, "Disk time=6 (5) rate=2<bw=2> latency=[Avg: 1 Max: 2]"});
     expectLines({9, 0, 1, 1, true, readClock}, "", steps, {});
     expectLines({10, 2'000'000, 1, 1, true, readClock}, "Disk", "1000 1 10 0  3000 -1 2000 0",
-                {}); // not more than that
+                {}); // neither is above its limit
 }
 
 TEST(RateMonitor, RatesSaturateNoTimeIsNoFaultAndMisuseEndsTheProcess)

@@ -1,4 +1,4 @@
-// Each process-wide service is the first thing that a fresh process uses.
+// In one fresh process each, every process-wide service is the first thing that is used.
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/FileLoggerClient.h"

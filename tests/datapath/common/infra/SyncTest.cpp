@@ -37,7 +37,7 @@ TEST(Semaphore, EachSignalEndsOneWait)
     runInThreads(8, [&](int index) {
         for (int round = 0; round < 5'000; ++round)
         {
-            index == 0 && round % 25 == 0 ? platform::sleepMs(1) : void(); // about as long as some wait
+            index == 0 && round % 25 == 0 ? platform::sleepMs(1) : void(); // about as long as waitFor waits
             index < 4   ? semaphore.signal()
             : index < 6 ? semaphore.wait()
                         : waitUntil([&] { return semaphore.waitFor(1); });
@@ -83,14 +83,14 @@ TEST(Trigger, EachSetEndsOneWait)
     constexpr int ROUNDS = 5'000;
     Trigger ping;
     Trigger pong;
-    int turns = 0; // handed over by the triggers
+    int turns = 0; // the triggers let one thread at a time use it
     std::thread other([&] { repeat(ROUNDS, [&] { ping.set(), pong.wait(); }); });
     repeat(ROUNDS, [&] { ping.wait(), ++turns, pong.set(); });
     other.join();
     EXPECT_EQ(ROUNDS, turns);
     repeat(2, [&] { ping.set(); });
     ping.wait();                                                          // takes both
-    for (bool isOneLeft = false; !isOneLeft; isOneLeft = ping.waitFor(0)) // until the waiter slept in time
+    for (bool isOneLeft = false; !isOneLeft; isOneLeft = ping.waitFor(0)) // again if the waiter fell asleep too late
     {
         EXPECT_FALSE(ping.waitFor(0));
         std::thread setting([&] {

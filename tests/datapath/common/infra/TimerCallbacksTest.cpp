@@ -1,4 +1,4 @@
-// Timer callbacks.
+// Timer callbacks, compared with a plain model, and under threads.
 
 #include "datapath/common/infra/windows/WindowsTimer.h"
 
@@ -16,7 +16,7 @@ namespace
 
 std::atomic<std::int64_t> nowMs = 10'000;
 
-/// Timers whose passes are followed in a copy of the table.
+/// Timers, and a model of them: a table, which each pass copies and works off in the order of the handles.
 struct FollowedTimers : WindowsTimer
 {
     struct Entry
@@ -38,7 +38,10 @@ struct FollowedTimers : WindowsTimer
     };
 
     [[nodiscard]] bool oneIn(std::uint32_t count) { return random() % count == 0; }
-    [[nodiscard]] TimerHandle someHandle() { return last - static_cast<TimerHandle>(random() % 500); } // live or gone
+    [[nodiscard]] TimerHandle someHandle()
+    {
+        return last - static_cast<TimerHandle>(random() % 500);
+    } // of a timer that lives or is gone
 
     void add(TimerHandle replaced)
     {
@@ -80,24 +83,25 @@ struct FollowedTimers : WindowsTimer
     void called(const Context& context)
     {
         ASSERT_TRUE(isNext(context.handle) && !due.begin()->second.cancelled);
-        const auto deed = random() % 64;
-        if (deed < 3)
+        const auto choice = random() % 64;
+        if (choice < 3)
         {
-            add(deed == 0 ? someHandle() : deed == 1 ? context.handle : due.rbegin()->first); // this pass calls it
+            // The timer that is replaced: any one, this one, or the last one of this pass.
+            add(choice == 0 ? someHandle() : choice == 1 ? context.handle : due.rbegin()->first);
         }
-        else if (deed == 3)
+        else if (choice == 3)
         {
             throw context.handle;
         }
-        else if (deed < 6)
+        else if (choice < 6)
         {
-            nowMs += deed == 4 ? 2'000 : 2'001;
-            numLate += deed == 4 ? 0 : 1;
+            nowMs += choice == 4 ? 2'000 : 2'001;
+            numLate += choice == 4 ? 0 : 1;
         }
         const auto timer = table.find(context.handle);
         if (timer->second.cancelled)
         {
-            due.begin()->second.cancelled = true; // comes next, completed
+            due.begin()->second.cancelled = true; // its future is set next
             return;
         }
         due.erase(context.handle);
@@ -121,10 +125,10 @@ struct FollowedTimers : WindowsTimer
     std::minstd_rand random{1};
     TimerHandle last = 0;
     std::map<TimerHandle, Entry> table;
-    std::map<TimerHandle, Entry> due; // the part of the copy that the pass has not come to
+    std::map<TimerHandle, Entry> due; // what is left of the copy of the present pass
     std::uint64_t passMs = 0;
     std::deque<Context> contexts;
-    Texts expected; // lines of level Info
+    Texts expected; // the lines of level Info
     std::ptrdiff_t numLate = 0;
 };
 
@@ -143,7 +147,7 @@ TEST(TimerCallbacks, BehaveAsIfEachPassCopiedTheTable)
         const CapturingClient client;
         timers.expected.clear();
         timers.numLate = 0;
-        if (step == 1'000 || step == 1'200) // over the end; to handles that are still taken
+        if (step == 1'000 || step == 1'200) // past the largest handle, and to handles that are still taken
         {
             timers.goOnFrom(0U - 100);
         }

@@ -18,7 +18,7 @@ namespace
 std::atomic<std::int64_t> counterTicks = 0;
 std::uint64_t tickCount = 0;
 
-/// A counter of 1000 ticks a millisecond that shows what the test says.
+/// A counter of 1000 ticks a millisecond, which the test sets.
 struct ReplacedClock
 {
     explicit ReplacedClock(std::int64_t ticks) { counterTicks = ticks; }
@@ -118,7 +118,7 @@ TEST(Timer, CalendarAndCpuTimesComeFromTheSystemAndItsThreadIsNeeded)
     const ScopedReplacement frequency(platform::timeCalls.performanceFrequency,
                                       [](std::int64_t& value) { return (value = frequencyHz) > 0; });
     EXPECT_EQ(9'000'000'000'001'234'700U, timer.getTimestampNs());
-    frequencyHz = 24'000'000; // a product of all ticks and a thousand million would not fit
+    frequencyHz = 24'000'000; // all ticks times 10^9 would not fit 64 bits
     EXPECT_EQ(3'750'000'000'000'514'458U, timer.getTimestampNs());
     EXPECT_EQ(3'750'000'000'000'514, timer.getTimestampUs());
     const ScopedReplacement cycles(platform::threadCalls.currentThreadCycles, [] { return std::uint64_t{4711}; });
@@ -137,7 +137,7 @@ TEST(Timer, CalendarAndCpuTimesComeFromTheSystemAndItsThreadIsNeeded)
                                      });
     const CapturingClient client;
     const ScopedProcessEnd ending;
-    EXPECT_THROW(timer.start(), ProcessEnded); // when it has counted the processors
+    EXPECT_THROW(timer.start(), ProcessEnded); // after it has counted the processors
     EXPECT_EQ(platform::ThreadPriority::TimeCritical, priority);
     EXPECT_PRED2(matches, client.last(), "Error,NON,Timer,start,Assertion (h != NULL) failed ~Timer.cpp #");
     EXPECT_EQ(12U, timer.getProcessCpuTimeUs());
