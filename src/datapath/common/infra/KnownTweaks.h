@@ -14,7 +14,7 @@
 #include <string_view>
 #include <type_traits>
 
-/// Who reads a tweak.
+/// The code that reads a tweak.
 enum class TweakReader : std::uint8_t
 {
     Table,           ///< code that asks the table of tweaks each time

@@ -62,7 +62,7 @@ Split splitAt(std::string_view text, char separator)
 ///
 /// As a rule all names differ. Sorting the hash values of the names then shows that none is repeated, without looking
 /// at the names again. With a set of all names, loading 200,000 lines would take a fifth more time, as the benchmark
-/// loadTweaks shows. Only if two hash values are equal is such a set made.
+/// loadTweaks shows. The set is made only if two hash values are equal.
 class RepeatedNames
 {
 public:

@@ -40,8 +40,8 @@ struct TweakLine
 /// Decides what happens to a line without "=", and to a name that more than one line has in the same spelling.
 enum class TweakFileKind : std::uint8_t
 {
-    Consistent, ///< such lines end the process
-    Extension   ///< such lines are left out
+    Consistent, ///< either ends the process
+    Extension   ///< either is left out
 };
 
 class Tweaks
