@@ -85,6 +85,9 @@ public:
     /// Start-up only, before anything is allocated here.
     static void setEnabled(bool isEnabled) { s_isEnabled = isEnabled; }
 
+    /// Makes what the first allocation would make, so that its tweaks are read before those that the caller reads next.
+    static void prepare() { isEnabled() ? static_cast<void>(instance()) : void(); }
+
     /// For a thread that a report needs, such as one that writes what others log: misuse that it finds while another
     /// thread reports one ends the process at once, after its own lines. Any other thread waits for that end.
     static void neverWaitForReport() { s_waitsForReport = false; }
