@@ -2,8 +2,8 @@
 
 // Memory in chunks of one size for modules that each have a reservation and a limit. The pool takes memory from the
 // guarded allocator in blocks of 2 MiB and cuts them into chunks; a request for a number of bytes gets as many chunks
-// as it needs. What cannot be served at once waits, in the order in which it came, until memory is given back or the
-// pool has grown.
+// as it needs. A request that cannot be served at once waits, in the order of arrival, until memory is given back or
+// the pool has grown.
 //
 //     MemoryPoolImpl pool({.chunkSize = 65'536, .maxPoolSize = 64U << 20U});
 //     ModuleMemoryInformation* const cache = pool.registerModule({.name = "Cache", .reservedBytes = 1U << 20U});
@@ -11,12 +11,15 @@
 //     const RcStatus status = pool.requestMemory(*cache, 200'000, buffer, traceId).get(); // waits
 //     pool.freeSegments(buffer.getSegments(), 0);
 //
-// Any thread may call. Modules belong to the pool, segments to whoever asked for them, until they are given back. All
-// figures are in bytes and count whole chunks (gross), but for m_usedMemoryNet, which counts what was asked for.
+//     |<------------------------------ all blocks: m_totalPollSize ------------------------------->|
+//     | in use: m_usedMemoryGross  |  unused reservations: m_reservedFree  |  free for every module  |
+//                                  |<------------- the list of free chunks: m_firstFree ---------->|
 //
-// Futures are completed under the pool's lock: their observers must not call the pool. What is released is released
-// when the lock is free again, so that misuse of memory that is found then is reported as a whole, the pool's usage
-// included.
+// All figures are in bytes and count whole chunks (gross), except m_usedMemoryNet, which counts the bytes asked for.
+//
+// Any thread may call. Modules belong to the pool; segments belong to the requester until it gives them back. Futures
+// are set under the pool's lock, so their observers must not call the pool. The pool releases memory of the guarded
+// allocator only without its lock, because the report of misuse that a release finds takes that lock.
 
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
@@ -42,9 +45,10 @@ class MemoryPoolImpl : public MemoryAllocatorInterface
 public:
     struct Settings
     {
-        /// At least 16 and a divisor of 2 MiB; 0 for a pool without chunks. Any other is an Error line and counts as 0.
+        /// At least 16 and a divisor of 2 MiB; 0 for a pool without chunks. Another value logs an Error line and counts
+        /// as 0.
         std::uint32_t chunkSize = 0;
-        std::uint64_t maxPoolSize = 0; ///< the pool grows while it is smaller, so to at most this rounded up to 2 MiB
+        std::uint64_t maxPoolSize = 0; ///< the pool grows while it is smaller: at most to this, rounded up to 2 MiB
     };
 
     struct ModuleSettings
@@ -52,12 +56,13 @@ public:
         std::string name;
         std::uint64_t reservedBytes = 0;                              ///< rounded up to whole chunks
         std::uint64_t limitBytes = ModuleMemoryInformation::NO_LIMIT; ///< rounded down to whole chunks
-        ModuleMemoryInformation* parent = nullptr; ///< of the same pool, without reservation and limit
+        ModuleMemoryInformation* parent = nullptr; ///< of the same pool, without reservation and limit; or null
     };
 
-    /// Whether and how much memory a module can get.
+    /// How many bytes a module can get now, and why if it can get none.
     struct FreeBytesInfo
     {
+        /// isAble: the module's limit leaves room. isEmpty: the pool has nothing for the module.
         FreeBytesInfo(std::uint64_t freeBytes, bool isAble, bool isEmpty)
             : m_free(freeBytes), isAbleToGetMemory(freeBytes != 0), isEmptyMemPool(freeBytes == 0 && isEmpty),
               isFullMmi(freeBytes == 0 && !isEmpty)
@@ -70,43 +75,44 @@ public:
 
         std::uint64_t m_free;
         bool isAbleToGetMemory;
-        bool isEmptyMemPool; ///< the pool has nothing for it
-        bool isFullMmi;      ///< its limit is reached
+        bool isEmptyMemPool; ///< the pool has nothing for the module
+        bool isFullMmi;      ///< the module's limit is reached
 
     private:
         void fail(bool isAble, bool isEmpty) const;
     };
 
-    /// Figures of one moment.
+    /// Figures of one moment, in bytes.
     struct Usage
     {
         std::uint64_t gross; ///< chunks in use
-        std::uint64_t net;   ///< bytes in use as they were asked for
+        std::uint64_t net;   ///< what was asked for in these
         std::uint64_t free;  ///< chunks that are neither in use nor reserved
     };
 
     MemoryPoolImpl() : MemoryPoolImpl(Settings()) {}
     explicit MemoryPoolImpl(const Settings& settings);
 
-    /// Waits for growth in flight; what still waits is completed with RC_ABORTED. Ends the process if there is memory
-    /// left: call releaseUnused before. Detach the pool from others, and others from it, first. A derived class whose
-    /// growth answers late has to wait for that itself, with waitForGrowth, before it releases what is unused.
+    /// Waits for growth in flight and completes waiting requests with RC_ABORTED. Ends the process if the pool still
+    /// has blocks: call releaseUnused first, and detach the pool and its sub-pools. A derived class whose blocks come
+    /// late calls waitForGrowth and releaseUnused in its own destructor.
     ~MemoryPoolImpl() override;
 
-    /// The one in memory reports, without chunks. Made on first use and never destroyed.
+    /// The pool that memory reports show, without chunks. Made on first use and never destroyed.
     [[nodiscard]] static MemoryPoolImpl& instance();
 
-    /// Waits until the pool has grown enough for the reservation; never to be called by the MemoryHelperThread then.
-    /// Null, with an Error line and nothing changed, for settings that cannot be met: see ModuleSettings.
+    /// Waits until the pool has grown enough for the reservation, so the MemoryHelperThread must not register a module
+    /// with one. Returns null, with an Error line, if the settings cannot be met.
     ModuleMemoryInformation* registerModule(const ModuleSettings& settings) EXCLUDES(m_mutex);
 
-    /// Completes what the module waits for with RC_ABORTED, empties those buffers and destroys the module. Refused with
-    /// an Error line, and nothing changed, while other segments of it are out or it has children.
+    /// Completes the module's waiting requests with RC_ABORTED, takes back the segments that they have got, and
+    /// destroys the module. Returns false, with an Error line and nothing changed, while the module has other segments
+    /// in use or has children.
     bool unregisterModule(ModuleMemoryInformation& module) EXCLUDES(m_mutex);
 
-    /// Appends segments of that many bytes to the buffer, which the pool alone uses until the future is set, to RC_OK
-    /// or, when the module is unregistered meanwhile, to RC_ABORTED. 0 bytes are complete at once. The trace id names
-    /// the request in messages.
+    /// Appends segments of that many bytes to the buffer, which only the pool may use until the future is set: to
+    /// RC_OK, or to RC_ABORTED when the module or the pool is destroyed before. 0 bytes are complete at once. The trace
+    /// id identifies the request in messages.
     [[nodiscard]] FutureInternal::Future<RcStatus> requestMemory(ModuleMemoryInformation& module, std::uint32_t bytes,
                                                                  ScatteredBuf& buffer, std::uint64_t clientTraceId)
         EXCLUDES(m_mutex);
@@ -116,7 +122,7 @@ public:
     void addUsedMemoryNet(std::int32_t bytes) override EXCLUDES(m_mutex);
     [[nodiscard]] std::uint32_t getChunkSize() const override { return m_chunkSize; }
 
-    /// Logs the figures of the pool, of each module and of the sub-pools, and what has waited too long.
+    /// Logs the figures of the pool, of each module and of the sub-pools, and the requests that have waited too long.
     virtual void printMemoryUsage() EXCLUDES(m_mutex, m_subPoolsMutex);
 
     [[nodiscard]] Usage usage() EXCLUDES(m_mutex);
@@ -124,24 +130,25 @@ public:
     /// Returns when no growth is in flight. Never to be called by the MemoryHelperThread.
     void waitForGrowth() EXCLUDES(m_mutex);
 
-    /// Gives back blocks of which every chunk is free, as far as the reservations do not need them. Returns the bytes.
+    /// Gives back blocks whose chunks are all free, except those that reservations need. Returns how many bytes.
     std::uint64_t releaseUnused() EXCLUDES(m_mutex);
 
-    /// The report of this pool shows the other one's usage, too. Refused, with an Error line, for the pool itself, for
-    /// one that is attached already, and for one from which this pool can be reached.
+    /// Lets the report of this pool show the other pool, too. Returns false, with an Error line, for the pool itself,
+    /// for a pool that is attached already, and for a pool to whose sub-pools, direct or indirect, this one belongs.
     bool attachSubPool(MemoryPoolImpl& pool) EXCLUDES(m_subPoolsMutex);
+    /// Returns false, with an Error line, for a pool that is not attached.
     bool detachSubPool(MemoryPoolImpl& pool) EXCLUDES(m_subPoolsMutex);
 
-    /// For a thread that never goes on: lets reports of other threads pass those of the calling one.
+    /// For a thread that stops forever during a report: releases the locks of its reports, so that others can report.
     static void endReportsForGood();
 
-    /// For tests: whether figures, free chunks, modules and what waits agree.
+    /// For tests: whether figures, free chunks, modules and waiting requests agree.
     [[nodiscard]] bool checkInvariants() EXCLUDES(m_mutex);
 
 protected:
-    // Where blocks come from and go to. Derived classes may answer later, on another thread, with RC_OK, RC_ABORTED or
-    // RC_TIME_OUT; the pointer is set by then. What is thrown counts as RC_ABORTED. Called with the lock held
-    // (allocate) and without it (release).
+    // The source of blocks. allocateSingleAllocation is called under the pool's lock. Its future may be set later and
+    // on another thread: to RC_OK when memory has been set, else to RC_ABORTED or RC_TIME_OUT. A std::exception counts
+    // as RC_ABORTED. releaseSingleAllocation is called without the lock.
     virtual void releaseSingleAllocation(char* memory, std::uint32_t size);
     virtual FutureInternal::Future<RcStatus> allocateSingleAllocation(std::uint32_t size, char*& memory);
     [[nodiscard]] virtual bool hasExternalMemory() const { return false; }
@@ -153,18 +160,19 @@ private:
     static constexpr std::uint32_t SINGLE_ALLOCATION_SIZE = 2U << 20U;
     static constexpr std::size_t CACHE_LINE = 64;
 
-    /// What a free chunk begins with. A second link would make each use touch the chunk after it, too.
+    /// The beginning of a free chunk. With a back link, each use of a chunk would write to its neighbour in the list,
+    /// too.
     struct FreeChunk
     {
         FreeChunk* next;
     };
 
-    /// A block from which chunks were cut.
+    /// A block from which chunks were cut. Only releaseUnused uses the last two members.
     struct SingleAllocation
     {
         std::uint32_t size;
-        std::uint64_t freeBytes = 0; // as releaseUnused has counted them
-        bool isReleased = false;     // by it
+        std::uint64_t freeBytes = 0;
+        bool isReleased = false;
     };
 
     class Request;
@@ -198,7 +206,7 @@ private:
         return module.waiting().queue().size();
     }
 
-    /// A module of another pool is not, and serving it ends the process.
+    /// Whether the module belongs to this pool. Serving a module of another pool ends the process.
     [[nodiscard]] bool isOwnLocked(const ModuleMemoryInformation& module) const REQUIRES(m_mutex)
     {
         return module.waiting().isSubscribedTo(m_waitingList);
@@ -210,13 +218,14 @@ private:
     static void releaseUnowned(char* buffer);
 
     // Modules.
-    [[nodiscard]] std::string refusalLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
-                                            std::uint64_t limitBytes) const REQUIRES(m_mutex);
+    [[nodiscard]] std::string registrationRefusalLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
+                                                        std::uint64_t limitBytes) const REQUIRES(m_mutex);
     [[nodiscard]] bool growForReservationLocked(std::uint64_t reservedBytes) REQUIRES(m_mutex);
     [[nodiscard]] ModuleMemoryInformation* addModuleLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
                                                            std::uint64_t limitBytes) REQUIRES(m_mutex);
     [[nodiscard]] std::uint64_t largestPoolSize() const;
-    [[nodiscard]] std::string abandonmentLocked(const ModuleMemoryInformation& module) const REQUIRES(m_mutex);
+    [[nodiscard]] std::string unregistrationRefusalLocked(const ModuleMemoryInformation& module) const
+        REQUIRES(m_mutex);
     void abortRequestsLocked(ModuleMemoryInformation& module) REQUIRES(m_mutex);
 
     // Growing.
@@ -224,10 +233,11 @@ private:
     void requestForMoreAllocationDoneLocked(RcStatus status) REQUIRES(m_mutex);
     void allocatePagesFromSingleAllocationLocked(char* memory, std::uint32_t size) REQUIRES(m_mutex);
     void finishGrowth(RcStatus status) EXCLUDES(m_mutex);
-    /// The future of the growth in flight, if there is one: it is set when that growth is over.
+    /// The growth in flight, if there is one: a future that is set when it is over.
     [[nodiscard]] std::optional<FutureInternal::Future<RcStatus>> growthLocked() const REQUIRES(m_mutex);
 
     // Reports.
+    /// The lock that a report takes: one that does nothing if the calling thread holds the pool's lock already.
     [[nodiscard]] IMutex& reportMutex() RETURNS_CAPABILITY(m_mutex);
     void printModules() EXCLUDES(m_mutex);
     void monitorPendingMemoryAllocations() EXCLUDES(m_mutex);
@@ -240,24 +250,23 @@ private:
     const std::uint32_t m_chunkSize;
     const std::uint64_t m_maxPoolSize;
 
-    // What each request and each return writes shares one cache line with the words of the lock that locking writes,
-    // which are its first ones: threads that use the pool at the same time take that line from each other, and what
-    // follows they only read.
-    alignas(CACHE_LINE) FreeChunk* m_firstFree GUARDED_BY(m_mutex) = nullptr; // the one put there last
+    // The members that each request and each return write share one cache line with the first words of the mutex, which
+    // locking writes: threads that use the pool at the same time pass one line between them. The others they only read.
+    alignas(CACHE_LINE) FreeChunk* m_firstFree GUARDED_BY(m_mutex) = nullptr; // the one freed last
     std::uint64_t m_usedMemoryGross GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_usedMemoryNet GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_reservedFree GUARDED_BY(m_mutex) = 0; // for the unused part of all reservations
-    Mutex m_mutex; // guards all but the sub-pools; what futures' observers take is taken inside it
-    std::uint64_t m_totalPollSize GUARDED_BY(m_mutex) = 0; // of all blocks
-    std::uint64_t m_numPending GUARDED_BY(m_mutex) = 0;    // requests of all modules that wait
+    std::uint64_t m_reservedFree GUARDED_BY(m_mutex) = 0; // the unused parts of all reservations
+    Mutex m_mutex; // guards everything but the sub-pools; the locks of observers are taken inside it
+    std::uint64_t m_totalPollSize GUARDED_BY(m_mutex) = 0; // bytes of all blocks
+    std::uint64_t m_numPending GUARDED_BY(m_mutex) = 0;    // waiting requests of all modules
 
-    // What is to be released, and logged, when the lock is free again.
+    // What Guard releases and logs after it has released the lock.
     WaitingRequestsQueue_Internal::RemovedRequests m_removedRequests GUARDED_BY(m_mutex);
     std::vector<MemoryAllocationHelper*> m_finishedHelpers GUARDED_BY(m_mutex);
-    std::uint64_t m_sizeToReport GUARDED_BY(m_mutex) = 0; // of the pool after growth; 0 for none
+    std::uint64_t m_sizeToReport GUARDED_BY(m_mutex) = 0; // the pool's size after growth; 0: no line is due
 
-    // Guards the sub-pools, and keeps them there during a report. Their locks, and what log clients take, are taken
-    // inside it.
+    // Guards the set of sub-pools, and is held during a report of them, so that none goes meanwhile. Their locks and
+    // those of log clients are taken inside it.
     alignas(CACHE_LINE) OwnedMutex m_subPoolsMutex;
     std::map<char*, SingleAllocation> m_singleAllocations GUARDED_BY(m_mutex);
     StlMemShiledContainer<std::map<std::string, ModuleMemoryInformation*>> m_modules GUARDED_BY(m_mutex){"mmis"};
@@ -265,6 +274,6 @@ private:
     MemoryAllocationHelper* m_requestForMoreAllocationHelper GUARDED_BY(m_mutex) = nullptr; // growth in flight
     std::int64_t m_lastGrowthReportMs GUARDED_BY(m_mutex) = 0;
     std::int64_t m_lastMonitoringMs GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_lastKey GUARDED_BY(m_mutex) = 0; // of a request
+    std::uint64_t m_lastKey GUARDED_BY(m_mutex) = 0; // the key of the request that was queued last
     SequentialRequestsManager m_waitingList GUARDED_BY(m_mutex){"memoryWaitingList"};
 };

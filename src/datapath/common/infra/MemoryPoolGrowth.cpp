@@ -1,6 +1,5 @@
-// The part of the memory pool that takes memory from the guarded allocator, in blocks, and gives it back.
+// The part of the memory pool that takes blocks from the guarded allocator and gives them back.
 
-#include "datapath/common/infra/FatalCheck.h"
 #include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemoryHelperThread.h"
 #include "datapath/common/infra/MemoryPoolInternal.h"
@@ -14,8 +13,8 @@
 namespace
 {
 
-// The unit under which support knows all checks of the pool.
-constexpr const char* POOL_UNIT = "datapath/common/infra/MemoryPool.cpp";
+using MemoryPoolInternal::POOL_UNIT;
+
 constexpr SourcePlace PLACE_BLOCK_RELEASED = SourcePlace::numbered(100, POOL_UNIT);
 constexpr SourcePlace PLACE_BLOCK_ALLOCATED = SourcePlace::numbered(106, POOL_UNIT);
 constexpr SourcePlace PLACE_NOT_WHOLE_CHUNKS = SourcePlace::numbered(188, POOL_UNIT);
@@ -32,7 +31,8 @@ constexpr int NO_FRACTION = 0;
 
 } // namespace
 
-/// Growth in flight: told of its end, on whatever thread that is, it goes to the MemoryHelperThread.
+/// One growth of a pool. If the block comes late, update is called on the thread that brings it, and lets the
+/// MemoryHelperThread finish the growth.
 class MemoryAllocationHelper final : public FutureInternal::FutureObserver<RcStatus>, public ActiveObject::Action
 {
 public:
@@ -50,13 +50,13 @@ public:
             GuardedMemory::create<MemoryHelperThread::ActionWrapper>({"ActionWrapper", PLACE_WRAPPER_CREATED}, *this));
     }
 
-    void execute() override { m_pool.finishGrowth(m_status); } // which destroys this object
+    void execute() override { m_pool.finishGrowth(m_status); } // destroys this object
 
-    char* memory = nullptr; // of the new block
+    char* memory = nullptr; // the new block
     const std::uint32_t size;
-    // Kept here: the last copy is released without the pool's lock.
+    // Set when the block is there. Kept here, so that its last copy is released without the pool's lock.
     FutureInternal::Future<RcStatus> future = FutureInternal::Future<RcStatus>::ready(RC_ERROR);
-    FutureInternal::Future<RcStatus> over; // set when the pool has what there is of it
+    FutureInternal::Future<RcStatus> over; // set when the pool has taken over the block, or there is none
 
 private:
     MemoryPoolImpl& m_pool;
@@ -92,7 +92,7 @@ void MemoryPoolImpl::releaseSingleAllocation(char* memory, std::uint32_t size)
 FutureInternal::Future<RcStatus> MemoryPoolImpl::allocateSingleAllocation(std::uint32_t size, char*& memory)
 {
     memory = GuardedMemory::createArray<char>({"u8", PLACE_BLOCK_ALLOCATED}, size);
-    SystemHeapBytes::giveBack(std::uint64_t{size} + sizeof(std::uint64_t)); // it is not counted there
+    SystemHeapBytes::giveBack(std::uint64_t{size} + sizeof(std::uint64_t)); // a pool's blocks do not count there
     return FutureInternal::Future<RcStatus>::ready(RC_OK);
 }
 
@@ -113,7 +113,7 @@ void MemoryPoolImpl::requestForMoreAllocationLocked()
             const ForeignCode derived(*this);
             return allocateSingleAllocation(helper->size, helper->memory);
         }
-        catch (const std::exception&) // no memory, or no thread that would bring it
+        catch (const std::exception&) // for instance, no memory or no further thread
         {
             return Future::ready(RC_ABORTED);
         }

@@ -11,7 +11,7 @@
 namespace
 {
 
-/// The bytes, rounded up to a whole number of units; the largest such number if that would be too much.
+/// Rounds up to a whole number of units; to the largest whole number of units if 64 bits do not hold more.
 std::uint64_t roundedUp(std::uint64_t bytes, std::uint64_t unit)
 {
     constexpr std::uint64_t LARGEST = std::numeric_limits<std::uint64_t>::max();
@@ -23,14 +23,14 @@ std::uint64_t roundedUp(std::uint64_t bytes, std::uint64_t unit)
 
 std::uint64_t MemoryPoolImpl::largestPoolSize() const { return roundedUp(m_maxPoolSize, singleAllocationSize()); }
 
-/// Why a module cannot be registered; empty if it can, as far as the pool can grow.
-std::string MemoryPoolImpl::refusalLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
-                                          std::uint64_t limitBytes) const
+/// Why a module cannot be registered; empty if it can be, provided that the pool can grow enough.
+std::string MemoryPoolImpl::registrationRefusalLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
+                                                      std::uint64_t limitBytes) const
 {
     std::ostringstream reason;
     const ModuleMemoryInformation* const parent = settings.parent;
     const bool isLimited = settings.limitBytes != ModuleMemoryInformation::NO_LIMIT;
-    const auto isHere = [parent](const auto& entry) { return entry.second == parent; };
+    const auto isParent = [parent](const auto& entry) { return entry.second == parent; };
     if (m_chunkSize == 0)
     {
         reason << "the pool has no chunks";
@@ -48,7 +48,7 @@ std::string MemoryPoolImpl::refusalLocked(const ModuleSettings& settings, std::u
         reason << "a reservation of " << settings.reservedBytes << " bytes takes more chunks than the limit of "
                << settings.limitBytes;
     }
-    else if (parent != nullptr && std::ranges::none_of(*m_modules, isHere))
+    else if (parent != nullptr && std::ranges::none_of(*m_modules, isParent))
     {
         reason << "its parent is not of this pool";
     }
@@ -78,14 +78,14 @@ ModuleMemoryInformation* MemoryPoolImpl::registerModule(const ModuleSettings& se
         std::optional<FutureInternal::Future<RcStatus>> growth;
         {
             const Guard guard(*this);
-            refusal = refusalLocked(settings, reservedBytes, limitBytes);
+            refusal = registrationRefusalLocked(settings, reservedBytes, limitBytes);
             if (refusal.empty())
             {
                 if (growForReservationLocked(reservedBytes))
                 {
                     return addModuleLocked(settings, reservedBytes, limitBytes);
                 }
-                giveMemoryToWaiterLocked(); // as far as the pool has grown
+                giveMemoryToWaiterLocked(); // the pool may have grown by some blocks
                 growth = growthLocked();
             }
         }
@@ -110,11 +110,11 @@ ModuleMemoryInformation* MemoryPoolImpl::addModuleLocked(const ModuleSettings& s
     m_waitingList.subscribe(&module->waiting());
     module->addToParent();
     m_reservedFree += reservedBytes;
-    giveMemoryToWaiterLocked(); // of what the pool has grown beyond the reservation
+    giveMemoryToWaiterLocked(); // the pool may have grown by more than the reservation
     return module;
 }
 
-/// Returns whether there is enough. If not, growth is in flight, or it has failed.
+/// Returns whether the free bytes cover the reservation. If not, growth is in flight or has failed.
 bool MemoryPoolImpl::growForReservationLocked(std::uint64_t reservedBytes)
 {
     while (freeBytesLocked() < reservedBytes && m_totalPollSize < m_maxPoolSize &&
@@ -130,8 +130,8 @@ bool MemoryPoolImpl::growForReservationLocked(std::uint64_t reservedBytes)
     return freeBytesLocked() >= reservedBytes;
 }
 
-/// Why a module cannot be unregistered; empty if it can.
-std::string MemoryPoolImpl::abandonmentLocked(const ModuleMemoryInformation& module) const
+/// Why a module cannot be unregistered; empty if it can be.
+std::string MemoryPoolImpl::unregistrationRefusalLocked(const ModuleMemoryInformation& module) const
 {
     if (std::ranges::none_of(*m_modules, [&](const auto& entry) { return entry.second == &module; }))
     {
@@ -142,7 +142,7 @@ std::string MemoryPoolImpl::abandonmentLocked(const ModuleMemoryInformation& mod
     {
         return name + ", which has " + std::to_string(module.numChildren()) + " children";
     }
-    std::uint64_t heldBytes = 0; // by what waits
+    std::uint64_t heldBytes = 0; // what waiting requests hold
     for (const WaitingRequestsQueue::Item& item : module.waiting().queue().items())
     {
         heldBytes += std::uint64_t{m_chunkSize} * static_cast<const Request&>(*item.request).m_numSegments;
@@ -158,7 +158,7 @@ bool MemoryPoolImpl::unregisterModule(ModuleMemoryInformation& module)
     std::string refusal;
     {
         const Guard guard(*this);
-        refusal = abandonmentLocked(module);
+        refusal = unregistrationRefusalLocked(module);
         if (refusal.empty())
         {
             m_waitingList.unsubscribe(&module.waiting());

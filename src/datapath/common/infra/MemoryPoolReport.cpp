@@ -1,4 +1,4 @@
-// What a memory pool tells: its usage, what waits for too long, and, for tests, whether its figures agree.
+// The reports of the memory pool and its sub-pools: usage, requests that wait too long, and whether all figures agree.
 
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemoryPoolInternal.h"
@@ -22,14 +22,15 @@ constexpr std::int64_t MS_PER_SECOND = 1000;
 constexpr int NO_FRACTION = 0;
 constexpr MethodText USAGE = MethodText::of("MemoryPoolImpl::printMemoryUsage");
 
-/// A report of sub-pools that the calling thread is writing, and the one that it is part of.
+/// A report of sub-pools that the calling thread is writing.
 struct SubPoolReport
 {
     OwnedMutex& mutex;
-    const SubPoolReport* outer;
+    const SubPoolReport* outer; // the report of which this one is a part, or null
 };
 constinit thread_local const SubPoolReport* innermostReport = nullptr;
 
+/// Stands for a lock that the calling thread holds already.
 class NoMutex final : public IMutex
 {
 public:
@@ -37,12 +38,12 @@ public:
     void unlock() override {}
 };
 
-/// Two pools that become each other's sub-pools at the same moment would be a circle.
+/// Held while a pool is attached: two threads must not make two pools each other's sub-pools at the same time.
 Mutex& topologyLock() { return creationLock<struct PoolTopology>(); }
 
 } // namespace
 
-// Lines are logged without the pool's lock: a log client may find misuse of memory, which is reported through here.
+// Lines are logged without the pool's lock: a log client may find misuse of memory, whose report takes that lock.
 
 constinit thread_local const MemoryPoolImpl::ForeignCode* MemoryPoolImpl::ForeignCode::innermost = nullptr;
 
@@ -55,13 +56,13 @@ MemoryPoolImpl::ForeignCode::~ForeignCode() { innermost = m_outer; }
 
 IMutex& MemoryPoolImpl::reportMutex()
 {
-    static NoMutex held;
+    static NoMutex noMutex;
     const ForeignCode* running = ForeignCode::innermost;
     while (running != nullptr && &running->m_pool != this)
     {
         running = running->m_outer;
     }
-    return running == nullptr ? static_cast<IMutex&>(m_mutex) : held;
+    return running == nullptr ? static_cast<IMutex&>(m_mutex) : noMutex;
 }
 
 MemoryPoolImpl::Usage MemoryPoolImpl::usage()
@@ -84,7 +85,7 @@ void MemoryPoolImpl::printMemoryUsage()
     {
         monitorPendingMemoryAllocations();
     }
-    if (!m_subPoolsMutex.isMine()) // else a line of the report below has led here
+    if (!m_subPoolsMutex.isMine()) // else a log client has led here from a line of such a report
     {
         printSubPools();
     }
@@ -276,7 +277,7 @@ bool MemoryPoolImpl::checkInvariants()
     const MutexGuard guard(m_mutex);
     std::map<const ModuleMemoryInformation*, std::uint64_t> usedByChildren;
     std::uint64_t reserved = 0;
-    std::uint64_t used = 0; // by those without parents, and so by all
+    std::uint64_t used = 0; // by modules without parents, children included
     std::uint64_t pending = 0;
     for (const auto& [name, module] : *m_modules)
     {
