@@ -1,8 +1,14 @@
 #pragma once
 
-// The modules whose oldest request waits to be served, in the order of those requests' keys: a visitor is offered the
-// request with the smallest key of all modules, then the next one. What a visitor answers decides whether the request
-// is completed, whether its module goes on waiting with its next request, and whether to go on at all.
+// The order in which modules wait: a visitor is offered the request with the smallest key of all modules, then the next
+// one. Each module that waits has one entry, under the key of its oldest request.
+//
+//     module   keys in its queue   entry
+//     A        5 6                 5 -> A
+//     B        2 7                 none     not offered until it is imported again: its limit was reached, for instance
+//     C        none                none
+//
+// An entry exists exactly while the module's flag (getIsRequestInWaitingModules) is set.
 //
 //     SequentialRequestsManager manager("memoryWaitingList");
 //     manager.subscribe(&module);
@@ -10,8 +16,8 @@
 //     manager.importRequestReferenceInternal(&module);
 //     manager.iterateWaiting(FunctorSequentialHandler([&](PostIterationFlags& flags, Request* request) { ... }));
 //
-// Not for several threads at once: the owner locks. Nothing but the two containers belongs to the manager. A broken
-// invariant, and an answer that makes no sense, end the process.
+// Not for several threads at once: the owner locks, and owns the modules. A broken invariant or a wrong answer ends the
+// process.
 
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/WaitingRequestsQueue.h"
@@ -35,19 +41,19 @@ public:
     [[nodiscard]] WaitingRequestsQueue& queue() { return m_queue; }
     [[nodiscard]] const WaitingRequestsQueue& queue() const { return m_queue; }
 
-    /// Whether the module is among those that wait.
+    /// Whether the manager has an entry for the module.
     [[nodiscard]] bool getIsRequestInWaitingModules() const { return m_isRequestInWaitingModules; }
 
     [[nodiscard]] bool isSubscribedTo(const SequentialRequestsManager& manager) const { return m_manager == &manager; }
 
-    // The manager's own.
+    // For the manager.
     void setIsRequestInWaitingModules(bool isWaiting) { m_isRequestInWaitingModules = isWaiting; }
     void setManager(const SequentialRequestsManager* manager) { m_manager = manager; }
 
 private:
     WaitingRequestsQueue m_queue;
     bool m_isRequestInWaitingModules = false;
-    const SequentialRequestsManager* m_manager = nullptr; // that it is subscribed to
+    const SequentialRequestsManager* m_manager = nullptr; // the one that the module is subscribed to, or null
 };
 
 } // namespace SequentialRequestsManager_Internal
@@ -61,24 +67,26 @@ public:
 
     explicit SequentialRequestsManager(const std::string& name);
 
-    /// The module, which stays its owner's, must be unsubscribed before it is destroyed.
+    /// The module, not owned, must be unsubscribed before it is destroyed.
     void subscribe(ModuleInformation* module);
 
-    /// The module does not wait any more. Its requests stay in its queue.
+    /// Removes the module's entry. Its requests stay in its queue.
     void unsubscribe(ModuleInformation* module);
 
-    /// Offers waiting requests in the order of their keys until the visitor stops or no module waits. One that is
-    /// neither completed nor stopped at makes its module leave those that wait.
+    /// Offers the request of the first entry until the visitor stops or there is no entry. With CONTINUE_ITERATION
+    /// alone, the module loses its entry. With all three bits, the request is removed, and the module's entry is that
+    /// of its next request. Every other answer ends the process.
     void iterateWaiting(const Handler& visitor);
 
-    /// Visits all requests of every module, or of one, the oldest of each module first.
+    /// Visits all requests of every module, or of one, as WaitingRequestsQueue::iterateRequests does; a visitor that
+    /// stops is then shown the next module. An entry follows its module's oldest request.
     void iterateAll(const Handler& visitor);
     void iterateAll(const Handler& visitor, ModuleInformation* module);
 
-    /// Takes the entry of a module, which must be that one's, away.
+    /// Removes an entry, which must be the module's.
     void removeRequestReference(WaitingModules::const_iterator entry, ModuleInformation* module);
 
-    /// Lets a module wait with its oldest request, if it has one. It must not wait already.
+    /// Makes an entry for the module if it has a request. It must not have one already.
     void importRequestReferenceInternal(ModuleInformation* module);
 
     [[nodiscard]] bool hasWaiting() const { return !m_waitingModules->empty(); }
@@ -89,6 +97,6 @@ public:
 private:
     void iterateModule(const Handler& visitor, ModuleInformation* module);
 
-    StlMemShiledContainer<WaitingModules> m_waitingModules;                              // by key
-    StlMemShiledContainer<std::set<ModuleInformation*>> m_modulesInfo{"WaitingModules"}; // those subscribed
+    StlMemShiledContainer<WaitingModules> m_waitingModules;                              // the entries
+    StlMemShiledContainer<std::set<ModuleInformation*>> m_modulesInfo{"WaitingModules"}; // all that are subscribed
 };

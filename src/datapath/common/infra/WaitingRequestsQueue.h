@@ -1,14 +1,14 @@
 #pragma once
 
-// The requests of one client module that wait to be served, first in first out, each with a key. A visitor is shown one
-// request after the other and answers with flags whether it is completed and whether to go on.
+// The waiting requests of one client module, first in first out, each with a key. A visitor looks at one request after
+// the other and answers with flags whether the request is completed and whether to go on.
 //
 //     queue.push(GuardedMemory::create<Request>({"Request", SourcePlace::here()}), key);
 //     queue.iterateRequests(FunctorSequentialHandler([&](PostIterationFlags& flags, Request* request) { ... }));
 //
 // Not for several threads at once: the owner locks. Requests are objects of the guarded allocator and belong to the
-// queue. A request that is removed is destroyed at once, or, where the owner works under a lock that a memory report
-// takes, handed to a RemovedRequests that destroys it when that lock is free. A wrong answer ends the process.
+// queue. A removed request is destroyed at once, or, if the owner's lock is one that a memory report takes, handed to a
+// RemovedRequests, which destroys it without that lock. A wrong answer ends the process.
 
 #include "datapath/common/infra/FatalCheck.h"
 
@@ -22,7 +22,7 @@
 namespace WaitingRequestsQueue_Internal
 {
 
-/// What waits. Other bases may not stand before it.
+/// The base class of requests. In a derived class it must be the first base.
 class Request
 {
 public:
@@ -32,16 +32,16 @@ public:
     virtual ~Request() = default;
 };
 
-/// A visitor's answer.
+/// A visitor's answer: no bit to stop, or CONTINUE_ITERATION, alone or with the other bits. The call that takes the
+/// visitor says what they do.
 using PostIterationFlags = std::bitset<3>;
 
-/// Bits of the answer.
 struct NextIterationData
 {
-    static constexpr std::size_t COMPLETED_REQUEST = 0; ///< the visited request is finished and to be removed
-    static constexpr std::size_t MMI_STILL_WAITING = 1; ///< its module keeps waiting
+    static constexpr std::size_t COMPLETED_REQUEST = 0; ///< removes the visited request
+    static constexpr std::size_t MMI_STILL_WAITING = 1; ///< its module goes on waiting with its next request
 };
-static constexpr std::size_t CONTINUE_ITERATION = 2; ///< go on with the next request; else stop
+static constexpr std::size_t CONTINUE_ITERATION = 2; ///< goes on with the next request
 
 class ISequentialItemHandler
 {
@@ -63,7 +63,7 @@ private:
     Visit m_visit;
 };
 
-/// Requests that were removed and are to be destroyed later, by whoever calls destroyAll or ends the object.
+/// Removed requests, which destroyAll and the destructor destroy.
 class RemovedRequests
 {
 public:
@@ -91,10 +91,10 @@ public:
     struct Item
     {
         Request* request;
-        std::uint64_t key; ///< not 0, and of no other request of the same manager
+        std::uint64_t key; ///< not 0, and unique among the requests of a manager
     };
 
-    /// Where removed requests go, which must outlive the queue; null: they are destroyed at once.
+    /// Removed requests go to removed, which must outlive the queue; if it is null, they are destroyed at once.
     explicit WaitingRequestsQueue(WaitingRequestsQueue_Internal::RemovedRequests* removed = nullptr)
         : m_removed(removed)
     {
@@ -108,17 +108,17 @@ public:
     [[nodiscard]] bool empty() const { return m_items.empty(); }
     [[nodiscard]] std::size_t size() const { return m_items.size(); }
 
-    /// The oldest one. Not for an empty queue.
+    /// The oldest request. Not for an empty queue.
     [[nodiscard]] const Item& front() const { return m_items.front(); }
 
-    /// The oldest one first.
+    /// All requests, the oldest first.
     [[nodiscard]] const std::deque<Item>& items() const { return m_items; }
 
-    /// Removes the oldest one. An empty queue ends the process.
+    /// Removes the oldest request. An empty queue ends the process.
     void popRequest();
 
-    /// Visits the requests, the oldest first, until the visitor stops. Completed ones are removed. Returns the key of
-    /// the oldest one if the visitor completed it, else 0.
+    /// Visits the requests, the oldest first, until the visitor stops. COMPLETED_REQUEST removes a request;
+    /// MMI_STILL_WAITING has no meaning here. Returns the key of the oldest request if that was removed, else 0.
     std::uint64_t iterateRequests(const WaitingRequestsQueue_Internal::ISequentialItemHandler& visitor);
 
 private:

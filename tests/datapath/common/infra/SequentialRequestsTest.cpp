@@ -21,7 +21,7 @@ constexpr unsigned COMPLETED_AND_WAITING = 0b111;
 
 struct KeyedRequest : Request
 {
-    explicit KeyedRequest(std::uint64_t itsKey) : key(itsKey) {}
+    explicit KeyedRequest(std::uint64_t requestKey) : key(requestKey) {}
     ~KeyedRequest() override { destroyed.push_back(key); }
     const std::uint64_t key;
     static inline Keys destroyed;
@@ -42,7 +42,7 @@ struct SequentialRequests : testing::Test
         }
     }
 
-    /// A visitor that notes the keys and gives one answer after the other, then stops.
+    /// A visitor that records the keys, gives one answer after the other, and then stops.
     auto answering(std::vector<unsigned> answers)
     {
         visited.clear();
@@ -64,10 +64,10 @@ TEST_F(SequentialRequests, AreOfferedInTheOrderOfTheirKeys)
     push(modules[2], {9});
     std::ranges::for_each(modules, [&](auto& module) { manager.importRequestReferenceInternal(&module); });
     manager.iterateWaiting(answering({COMPLETED_AND_WAITING, CONTINUE, CONTINUE}));
-    EXPECT_EQ((Keys{2, 5, 7, 9}), visited); // 5 and 7 leave those that wait, 9 is stopped at
+    EXPECT_EQ((Keys{2, 5, 7, 9}), visited); // the modules of 5 and 7 lose their entries; the visitor stops at 9
     EXPECT_EQ(Keys{2}, KeyedRequest::destroyed);
     EXPECT_TRUE(manager.checkInvariants() && !modules[0].getIsRequestInWaitingModules());
-    manager.importRequestReferenceInternal(&modules[1]); // back under the same key
+    manager.importRequestReferenceInternal(&modules[1]); // again with the key 7
     manager.iterateWaiting(answering({COMPLETED_AND_WAITING, COMPLETED_AND_WAITING}));
     EXPECT_EQ((Keys{7, 9}), visited);
     EXPECT_TRUE(manager.checkInvariants() && !manager.hasWaiting());
@@ -79,7 +79,7 @@ TEST_F(SequentialRequests, AreOfferedInTheOrderOfTheirKeys)
     push(modules[2], {13});
     manager.iterateAll(answering({COMPLETED}), &modules[2]);
     EXPECT_EQ((Keys{10, 13}), visited);
-    manager.iterateWaiting(answering({})); // under its new first key
+    manager.iterateWaiting(answering({})); // the entry has the key of the new first request
     EXPECT_EQ(Keys{13}, visited);
     push(modules[1], {14});
     manager.importRequestReferenceInternal(&modules[1]);
@@ -90,7 +90,7 @@ TEST_F(SequentialRequests, AreOfferedInTheOrderOfTheirKeys)
 TEST_F(SequentialRequests, WrongAnswersAndStatesEndTheProcess)
 {
     static const IgnoredAsserts ignoredAsserts;
-    const CapturingClient client(1); // of level Assert
+    const CapturingClient client(1); // takes lines of level Assert
     modules[0].queue().popRequest();
     push(modules[0], {1, 2, 3, 4, 5, 6});
     manager.importRequestReferenceInternal(&modules[0]);
@@ -100,7 +100,7 @@ TEST_F(SequentialRequests, WrongAnswersAndStatesEndTheProcess)
     manager.importRequestReferenceInternal(&modules[0]);
     manager.iterateWaiting(answering({COMPLETED}));
     manager.importRequestReferenceInternal(&modules[0]);
-    modules[0].queue().popRequest(); // where the manager does not know of it
+    modules[0].queue().popRequest(); // without the manager's knowledge
     manager.iterateWaiting(answering({}));
     modules[0].queue().iterateRequests(answering({0b001}));
     manager.iterateAll(answering({COMPLETED}), &modules[0]);
