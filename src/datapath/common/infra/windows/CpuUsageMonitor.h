@@ -9,7 +9,7 @@
 // each update chooses at random between the last value, 0, just below the threshold of high load, and 100. The tweaks
 // are read at each update.
 //
-// Nothing is locked here; the owner does that. The monitor keeps the counter open as long as it exists.
+// The owner locks. The monitor keeps the counter open as long as it exists.
 
 #include "platform/Counters.h"
 
@@ -32,7 +32,7 @@ private:
     void randomCpuGeneratorForTests();
 
     std::uint32_t m_cpuUsage = 0;
-    std::int64_t m_lastTotalTicks = 0; // the counter at the last update, in units of 100 ns, as m_lastIdleTicks
+    std::int64_t m_lastTotalTicks = 0; // at the last update, in units of 100 ns
     std::int64_t m_lastIdleTicks = 0;
     const std::uint32_t m_cpuCount;
     platform::OwnedCpuCounter m_counter; // opened only if the usage is not simulated

@@ -19,8 +19,8 @@ bool makeFolder(const std::string& path)
     return error == 0 || error == FILE_EXISTS;
 }
 
-/// Returns the path up to the last separator that does not end it; nothing if there is none, or if the parent is the
-/// root, which always exists.
+/// Returns the path before its last separator, where a separator at its very end does not count; nothing if there is
+/// none, or if the parent is the root, which always exists.
 std::optional<std::string> parentOf(const std::string& path)
 {
     const std::size_t separator =

@@ -9,10 +9,10 @@
 namespace Directories
 {
 
-/// Creates the folder and, before it, its immediate parent, if they do not exist. A parent further up must exist. A
-/// path that exists is accepted, whatever it is. Paths are narrow, as the operating system takes them, and may end with
-/// a separator. A parent that cannot be created is reported on standard error. A folder that cannot be created, for
-/// instance because its name is empty, ends the process. Any thread may call.
+/// Creates the folder and, before it, its parent, if they do not exist. Folders above the parent must exist. Whatever
+/// exists at the path is accepted, a file as well. Paths are narrow, as the operating system takes them, and may end
+/// with a separator. A parent that cannot be created is reported on standard error. A folder that cannot be created,
+/// for instance because its name is empty, ends the process. Any thread may call.
 void ensureExists(const std::string& path);
 
 } // namespace Directories

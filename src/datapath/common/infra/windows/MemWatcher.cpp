@@ -34,7 +34,7 @@ void MemWatcher::AddThread(std::uint32_t threadId)
 
 void MemWatcher::removeThread()
 {
-    std::map<std::int32_t, ThreadInfo>::node_type removed; // released when the lock is free again
+    std::map<std::int32_t, ThreadInfo>::node_type removed; // destroyed after the lock has been released
     const MutexGuard guard(m_mutex);
     removed = m_threads.change(
         [](auto& threads) { return threads.extract(static_cast<std::int32_t>(platform::currentThreadId())); });
@@ -71,7 +71,7 @@ void MemWatcher::printCpu()
         << totalTicks << " cpu ticks in " << static_cast<std::uint32_t>(nowMs - m_lastCpuReportMs) << " ms"
         << std::endl;
     m_lastCpuReportMs = nowMs;
-    const std::string usages = threadUsages(totalTicks); // logs too: the time of the last line is read after it
+    const std::string usages = threadUsages(totalTicks); // logs, too: before the line below takes its time
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0) << usages << std::endl;
 }
 
@@ -86,7 +86,7 @@ void MemWatcher::endReportForGood()
 
 std::string MemWatcher::threadUsages(std::int64_t totalTicks)
 {
-    std::vector<std::pair<std::int64_t, std::string>> usages; // percent and label
+    std::vector<std::pair<std::int64_t, std::string>> usages; // percentage and label of each thread
     std::vector<const char*> failures;
     float total = 0;
     {

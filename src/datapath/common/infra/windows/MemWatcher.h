@@ -1,7 +1,7 @@
 #pragma once
 
-// The registry of the program's worker threads, and two reports: the memory of the process, and each thread's share
-// of the CPU since the last such report.
+// The registry of the program's worker threads, and two reports: the memory of the process, and each thread's share of
+// the CPU time since the last such report.
 //
 //     MemWatcher::printMem();
 //     MemWatcher::instance().printCpu();
@@ -24,20 +24,21 @@ public:
 
     [[nodiscard]] static MemWatcher& instance();
 
-    /// A thread that is there already stays as it is.
+    /// Registers a thread. One that is registered already stays as it is.
     void AddThread(std::uint32_t threadId) EXCLUDES(m_mutex);
 
-    /// Removes the calling thread, if it is there.
+    /// Removes the calling thread, if it is registered.
     void removeThread() EXCLUDES(m_mutex);
 
-    /// Calls the visitor for every thread that is there at this moment, in the order of the ids.
+    /// Calls the visitor, without a lock, for each thread that was registered when the call began, in the order of the
+    /// ids.
     void iterateThreads(const Visitor& visitor) EXCLUDES(m_mutex);
 
-    /// Logs the machine's CPU usage, then the threads that used most of it since the last call. Waits while another
-    /// thread does it. Does nothing when what the thread logs for such a report leads here again.
+    /// Logs the machine's CPU usage, then the threads that used at least 1 percent since the last call, the busiest
+    /// first. Waits while another thread reports. Does nothing if a log client calls it from a line of such a report.
     void printCpu() EXCLUDES(m_mutex, m_reportMutex);
 
-    /// For a thread that never goes on: lets others report, if a log client is called by it during its own report.
+    /// For a thread that stops forever during its report: releases the report's lock, so that others can report.
     void endReportForGood() EXCLUDES(m_reportMutex);
 
     /// Logs the memory counters of the process.
@@ -47,10 +48,10 @@ private:
     MemWatcher() = default;
     [[nodiscard]] std::string threadUsages(std::int64_t totalTicks) EXCLUDES(m_mutex);
 
-    Mutex m_mutex; // guards the table; the Logger's table of names is read inside it, and nothing logged
+    Mutex m_mutex; // guards the table; the Logger's lock of names is taken inside it, and no line is logged
     StlMemShiledContainer<std::map<std::int32_t, ThreadInfo>> m_threads GUARDED_BY(m_mutex){"MemWatcherThreads"};
 
-    OwnedMutex m_reportMutex; // of the one CPU report that runs; m_mutex and what log clients take are taken inside it
-    std::int64_t m_lastCpuReportMs GUARDED_BY(m_reportMutex) = 0; // on the clock's relative time
+    OwnedMutex m_reportMutex; // held during a CPU report; m_mutex and the locks of log clients are taken inside it
+    std::int64_t m_lastCpuReportMs GUARDED_BY(m_reportMutex) = 0; // Clock::relativeMs
     CpuUsageMonitor m_cpuMonitor GUARDED_BY(m_reportMutex);
 };

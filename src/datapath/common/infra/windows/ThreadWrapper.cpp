@@ -15,7 +15,7 @@
 namespace
 {
 
-/// The number of the thread that has started last; the first one of the process has 1.
+/// The number of the thread that was started last. The first one of the process has the number 1.
 constinit platform::Atomic<std::uint32_t> lastInternalId = 0;
 
 } // namespace
@@ -41,7 +41,7 @@ void ThreadWrapper::threadCallback(void* wrapper)
 {
     ThreadWrapper& self = *static_cast<ThreadWrapper*>(wrapper);
     const std::uint32_t internalId = ++lastInternalId;
-    const std::string typeName = self.getTypeName(); // copied, because the object may be gone when run has returned
+    const std::string typeName = self.getTypeName(); // now, because the object may be gone when run has returned
     Logger::instance().setThreadName(typeName);
     platform::nameThread(typeName.substr(typeName.find(' ') + 1));
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)

@@ -7,9 +7,9 @@
 //     writer.open();
 //     writer.waitUntilRunning();
 //
-// A wrapper can have several threads, which all call the same run(). Threads are never joined: whoever destroys a
-// wrapper must have made sure that its threads have left run(). Only the owner's thread opens threads and destroys the
-// wrapper; any thread may call everything else.
+// A wrapper can have several threads, which all call the same run(). Threads are never joined: before the owner
+// destroys the wrapper, it must make sure that all threads have left run(). Only the owner's thread opens threads and
+// destroys the wrapper; any thread may call everything else.
 
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Trigger.h"
@@ -26,8 +26,8 @@ public:
     ThreadWrapper(const ThreadWrapper&) = delete;
     ThreadWrapper& operator=(const ThreadWrapper&) = delete;
 
-    /// The name of the kind of thread: the object's class, as in "class DeadLockCheckerManager". The compiler
-    /// determines how template arguments and unnamed namespaces are spelled.
+    /// The name of the object's class: "class DeadLockCheckerManager". Template arguments and unnamed namespaces are
+    /// spelled as the compiler spells them.
     [[nodiscard]] virtual std::string getTypeName() const;
 
     virtual ~ThreadWrapper() = default;
@@ -40,7 +40,7 @@ public:
     void waitUntilRunning() EXCLUDES(m_threadIdsMutex);
 
 protected:
-    /// The body of each thread. The base class does not touch the object after it has returned.
+    /// The body of each thread. Nothing of the object is used after it has returned.
     virtual void run() = 0;
 
     /// The number of threads that were opened.
@@ -52,7 +52,7 @@ private:
     [[nodiscard]] bool areAllRegistered() EXCLUDES(m_threadIdsMutex);
 
     Trigger m_trigger;                                                   // set when all opened threads have registered
-    std::vector<std::uint32_t> m_threadIds GUARDED_BY(m_threadIdsMutex); // of all threads that ever started
+    std::vector<std::uint32_t> m_threadIds GUARDED_BY(m_threadIdsMutex); // ids of all threads that have ever started
     Mutex m_threadIdsMutex;                                              // nothing is taken inside it
     platform::Atomic<std::uint32_t> m_numOpened = 0;
 };

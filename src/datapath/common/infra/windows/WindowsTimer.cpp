@@ -39,7 +39,7 @@ TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::u
     return handle;
 }
 
-/// A timer's place in the order: the first timestamp at which a pass takes it. Every pass takes cancelled timers.
+/// A timer's entry in the order, with the first timestamp at which a pass takes it. Every pass takes cancelled timers.
 WindowsTimer::Order::Entry WindowsTimer::orderOf(Timer& timer)
 {
     return {.timeMs = timer.second.cancelled ? 0 : timer.second.dueMs + 1, .item = &timer};
@@ -76,17 +76,17 @@ void WindowsTimer::cancel(Timer& timer)
         return;
     }
     const Order::Entry first = {.timeMs = 0, .item = &timer};
-    m_order.insert(first);
+    m_order.insert(first); // may throw, and leaves the timer as it was then
     if (!m_order.erase(orderOf(timer)))
     {
-        m_order.erase(first); // a pass has taken it already and will see that it is cancelled
+        m_order.erase(first); // a pass has taken the timer and will see that it is cancelled
     }
     timer.second.cancelled = true;
 }
 
 std::optional<WindowsTimer::Completion> WindowsTimer::completionOf(TimerHandle handle)
 {
-    auto made = std::make_unique<Completion>(); // without the lock, because it may create the guarded allocator
+    auto made = std::make_unique<Completion>(); // without the lock, because it may make the guarded allocator
     const MutexGuard guard(m_timersMutex);
     Timer* const timer = findTimer(handle);
     if (timer == nullptr)
@@ -111,7 +111,7 @@ void WindowsTimer::activateTimers()
     {
         if (!m_taken.back().wasCancelled)
         {
-            const WindowsTimerInfo& info = m_taken.back().timer->second; // what is read here never changes
+            const WindowsTimerInfo& info = m_taken.back().timer->second; // the members that are read here never change
             const std::int64_t startMs = Clock::instance().readMs();
             info.callback(info.context);
             if (Clock::instance().readMs() - startMs > LONGEST_CALL_MS)
@@ -127,7 +127,7 @@ void WindowsTimer::activateTimers()
 void WindowsTimer::takeTimers(std::uint64_t nowMs)
 {
     const MutexGuard guard(m_timersMutex);
-    for (TakenTimer& left : m_taken) // some are left where a callback has thrown
+    for (TakenTimer& left : m_taken) // what a pass has left in which a callback threw
     {
         left.wasCancelled = left.timer->second.cancelled;
     }
@@ -135,8 +135,8 @@ void WindowsTimer::takeTimers(std::uint64_t nowMs)
     sortTaken();
 }
 
-/// Sorts many timers by the bytes of their handles, the lowest byte first (a radix sort): comparing handles in random
-/// order would be a fifth of the time of a pass.
+/// Sorts in descending order of the handles. Many timers are sorted by one byte of the handle after the other, the
+/// lowest first (a radix sort), because comparisons would take a fifth of the time of a pass.
 void WindowsTimer::sortTaken()
 {
     constexpr std::size_t MANY = 64;
@@ -169,7 +169,7 @@ void WindowsTimer::sortTaken()
     }
 }
 
-/// Erases or reschedules the next of the taken timers, after it has been called or found to be cancelled.
+/// Erases or reschedules the timer at the back of m_taken, which has been called unless it was cancelled.
 void WindowsTimer::endOrReschedule(std::uint64_t nowMs)
 {
     std::optional<WindowsTimerInfo> ended;

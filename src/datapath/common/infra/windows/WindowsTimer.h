@@ -1,16 +1,20 @@
 #pragma once
 
-// The timers: functions that are called once or periodically, in passes. Programs reach them through Timer. Any thread
-// may call.
+// The timers: functions that are called once or periodically, in passes of a timer thread. Programs use them through
+// Timer. Any thread may call.
 //
 //     const TimerHandle handle = timer.addTimer(callback, context, 250, false, 0);   // calls in about 300 ms
 //     timer.activateTimers();                                                        // the timer thread, every 100 ms
 //
-// A pass reads the clock once. It takes the timers that were due before that moment and those that were cancelled
-// before the pass began. In ascending order of their handles, it calls those that are due, sets the completion of those
-// that are cancelled by then, and erases the cancelled and the one-shot ones. So a timer that a callback adds waits for
-// the next pass, and one that is due and replaced in the same pass may still be called once. The time that a pass takes
-// depends on the timers that it takes, not on the number that is registered.
+// A pass reads the clock once and takes the timers that were due before that moment or have been cancelled. In
+// ascending order of their handles, it calls those that were not cancelled when the pass began:
+//
+//     added --> m_order --(a pass takes it)--> m_taken --(it is called)--> erased if it is one-shot or cancelled;
+//                  ^                                             |         if cancelled, its completion is set
+//                  +------- if it is periodic, due again --------+
+//
+// So a timer that a callback adds waits for the next pass, and one that is replaced during the pass that has taken it
+// may still be called once.
 
 #include "datapath/common/infra/Future.h"
 #include "datapath/common/infra/ITimer.h"
@@ -36,42 +40,42 @@ public:
         std::uint64_t dueMs; ///< the timestamp after which the callback is due
         TimerCallback callback;
         void* context;                          ///< not owned
-        std::unique_ptr<Completion> completion; ///< made for the first who asks
+        std::unique_ptr<Completion> completion; ///< made by the first completionOf
         std::uint32_t periodMs;                 ///< 0 for a one-shot timer
         bool cancelled;                         ///< another timer has replaced it
     };
 
-    /// Tests choose the first handle.
+    /// For tests: any first handle.
     explicit WindowsTimer(TimerHandle firstHandle = 1);
     WindowsTimer(const WindowsTimer&) = delete;
     WindowsTimer& operator=(const WindowsTimer&) = delete;
     virtual ~WindowsTimer() = default;
 
-    /// See ITimer. The new timer replaces the one with handleToReplace, if there is one: that is cancelled and not
-    /// called in any pass that starts afterwards. 0 replaces none. Handles ascend; 0 follows 2^32 - 1, and a timer
-    /// whose handle is still in use then is not added. Lines are logged under the lock of the timers, so log clients
-    /// must not call this.
+    /// See ITimer. The new timer replaces the one with handleToReplace, if there is one: that timer is cancelled, and
+    /// no pass that starts afterwards calls it. 0 replaces none. Handles ascend; 0 follows 2^32 - 1. A timer whose
+    /// handle is still in use after such a wrap-around is not added. Lines are logged under the lock of the timers, so
+    /// log clients must not call this.
     TimerHandle addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot,
                          TimerHandle handleToReplace) EXCLUDES(m_timersMutex);
 
-    /// The future of a timer that has not been erased yet. It is set to RC_OK when a timer that was replaced is erased,
-    /// and never otherwise. Its observers are called during a pass, without the lock of the timers: they may do what
-    /// callbacks may do.
+    /// The future of a timer that has not been erased yet; nothing if there is no such timer. The future is set to
+    /// RC_OK when the timer is erased after it was cancelled, and never otherwise. Its observers are called during a
+    /// pass, without the lock of the timers, and may do what callbacks may do.
     [[nodiscard]] std::optional<Completion> completionOf(TimerHandle handle) EXCLUDES(m_timersMutex);
 
-    /// Makes one pass. Waits while another one is under way, so a callback must not call this. Callbacks may add
-    /// timers. A callback that takes more than 2,000 ms is reported. An exception from a callback passes through; its
-    /// timer and those that come after it in the pass stay due.
+    /// Makes one pass. Waits while another pass runs, so a callback must not call this. Callbacks may add timers. A
+    /// callback that takes more than 2,000 ms is logged as an error. An exception from a callback passes through; that
+    /// timer and those after it in the pass stay due.
     void activateTimers() EXCLUDES(m_activationMutex, m_timersMutex);
 
     /// The body of the timer thread: makes a pass over the timers of the given WindowsTimer every 100 ms, forever.
     static void timerThread(void* windowsTimer);
 
-    /// Whether the order of the due times fits the table. For tests.
+    /// Whether the order of the due times matches the table. For tests.
     [[nodiscard]] bool checkInvariants() EXCLUDES(m_activationMutex, m_timersMutex);
 
 protected:
-    /// Lets tests reach the wrap-around of the handles.
+    /// For tests of the wrap-around of the handles.
     void setNextHandle(TimerHandle handle) EXCLUDES(m_timersMutex);
 
 private:
@@ -97,13 +101,13 @@ private:
     void takeTimers(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
     void endOrReschedule(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
 
-    // Guards the table, its order and the last handle. The clock's lock, and what log clients take, is taken inside it.
+    // Guards the table, its order and the last handle. The locks of the clock and of log clients are taken inside it.
     Mutex m_timersMutex;
-    Mutex m_activationMutex; // held during a pass; m_timersMutex, and what callbacks take, is taken inside it
+    Mutex m_activationMutex; // held during a pass; m_timersMutex and the locks of callbacks are taken inside it
     Timers m_timers GUARDED_BY(m_timersMutex){"Timers"};
     Order m_order GUARDED_BY(m_timersMutex); // every timer that is not among m_taken; see orderOf
     TimerHandle m_lastHandle GUARDED_BY(m_timersMutex);
-    // In descending order of the handles, so that the last one comes next. Empty between passes, unless a callback has
+    // In descending order of the handles: the next timer is at the back. Empty between passes, unless a callback has
     // thrown.
     std::vector<TakenTimer> m_taken GUARDED_BY(m_activationMutex);
     std::vector<TakenTimer> m_sorted GUARDED_BY(m_activationMutex); // scratch space of sortTaken

@@ -22,10 +22,10 @@ int opened = 0;
 
 struct CpuUsage : LogTest
 {
-    /// Whether the last line but that many shows a fraction of its second.
-    bool hasFraction(int line = 0) const
+    /// Whether the time of a line, counted from the last one, has a fraction of a second.
+    bool hasFraction(int linesBack = 0) const
     {
-        return client.lines().rbegin()[line].substr(0, 20).find('.') != std::string::npos;
+        return client.lines().rbegin()[linesBack].substr(0, 20).find('.') != std::string::npos;
     }
 
     const ScopedReplacement opening{platform::counterCalls.openCpuCounter,
@@ -110,7 +110,7 @@ TEST_F(CpuUsage, IsDrawnWhenItIsSimulated)
 }
 
 using Handle = platform::ThreadHandle;
-std::map<std::uint32_t, std::optional<std::uint64_t>> userTimes; // of the threads that can be opened
+std::map<std::uint32_t, std::optional<std::uint64_t>> userTimes; // a thread that is not here cannot be opened
 int openThreads = 0;
 
 TEST_F(CpuUsage, IsReportedForEachWatchedThread)
@@ -157,12 +157,12 @@ TEST_F(CpuUsage, IsReportedForEachWatchedThread)
     EXPECT_FALSE(hasFraction() || hasFraction(5));
     const Texts all = client.lines();
     EXPECT_TRUE(std::is_sorted(all.end() - 6, all.end())); // by their times
-    lines = report(0, {{self, 9'000'000}});                // nothing to compare with
+    lines = report(0, {{self, 9'000'000}});                // no CPU time has passed
     EXPECT_EQ("Info,NON,MemWatcher,printCpu,total=0 cpu(perc)", lines.back());
     EXPECT_EQ(0, openThreads);
 
     watcher.removeThread();
-    watcher.removeThread(); // not there
+    watcher.removeThread(); // is not registered any more
     EXPECT_EQ(6U, visited().size());
     EXPECT_EQ(0, std::ranges::count(visited(), self));
     EXPECT_EQ(before + 4 * (MemShield::isEnabled() ? sizeof(ThreadCpuUsageMonitor) + 80 : 0),
@@ -177,7 +177,7 @@ TEST_F(CpuUsage, ReportsOfSeveralThreadsComeOneAfterTheOther)
         if (!other.joinable())
         {
             other = std::thread([] { MemWatcher::instance().printCpu(); });
-            MemWatcher::instance().printCpu(); // leads to no report within a report
+            MemWatcher::instance().printCpu(); // does nothing within a report
         }
     });
     MemWatcher::instance().printCpu();
@@ -186,7 +186,7 @@ TEST_F(CpuUsage, ReportsOfSeveralThreadsComeOneAfterTheOther)
     expectMatches({first, "total=~", first, "total=~"}, client.messagesAfter("Info,NON,MemWatcher,printCpu,"));
 }
 
-TEST_F(CpuUsage, ComesBehindTheMemoryOfTheProcess)
+TEST_F(CpuUsage, TheMemoryCountersOfTheProcessAreLogged)
 {
     static bool isReadable = true;
     const ScopedReplacement use(platform::counterCalls.processMemory,

@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-/// Its threads stay in run until leave.
+/// Its threads stay in run until leave is called.
 class WaitingWorker : public ThreadWrapper
 {
 public:
@@ -22,7 +22,7 @@ public:
         repeat(threads, [&] { m_left.wait(); });
     }
     Mutex mutex;
-    std::map<std::int32_t, std::string> names; // by the ids of its threads
+    std::map<std::int32_t, std::string> names; // the key is the thread's id
     std::set<std::uint32_t> randomNumbers;
 
 private:
@@ -47,7 +47,7 @@ namespace
 
 TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
 {
-    // Stays, because the library's own threads use it to the end; volatile, so that it counts as reachable.
+    // Never destroyed, because the library's own threads use it to the end; volatile, so that leak checkers see it.
     [[maybe_unused]] static ScopedReplacement* volatile utc =
         new ScopedReplacement(platform::timeCalls.utcNow, [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
     waitForOwnThreads(); // numbers 1 and 2
@@ -66,7 +66,7 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
     EXPECT_FALSE(areRunning);
     mayPass.signal();
     early.join();
-    worker.waitUntilRunning(); // at once: the counts agree
+    worker.waitUntilRunning(); // does not wait
     worker.leave(3);
     waitUntil([&] { return client.count("~Ending ThreadWrapper of type class WaitingWorker~") == 3; });
     EXPECT_EQ(6, client.count("~WaitingWorker~"));
