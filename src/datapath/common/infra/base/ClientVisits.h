@@ -1,21 +1,21 @@
 #pragma once
 
-// Counts which threads are inside which log client, so that whoever takes a client away can wait until nobody is
-// inside. A client is known by its place, a number below PLACES.
+// Counts which threads are inside which log client, so that the thread that removes a client can wait until no thread
+// is inside. A client is known by its place, a number below PLACES.
 //
 //     const ClientVisits::Visit visit(place);       // then check that the client is still there, and call it
-//     ClientVisits::waitUntilLeft(place);           // after the client has been taken from its place
+//     ClientVisits::waitUntilLeft(place);           // after the client has been removed from its place
 //
 // Each thread counts its visits in a slot of its own: a visit costs one exchange on a cache line that no other thread
 // writes, and takes no lock. Any thread may call.
 //
 //     visitor                                  remover
-//     1. raises its count                      1. takes the client from its place
+//     1. raises its count                      1. removes the client from its place
 //     2. checks that the client is there       2. waits until each slot's count is 0
 //     3. calls the client
 //     4. lowers its count
 //
-// Steps 1 and 2 are sequentially consistent on both sides: either the visitor finds that the client is gone, or the
+// Steps 1 and 2 are sequentially consistent on both sides, so either the visitor finds that the client is gone, or the
 // remover finds the visitor's count.
 
 #include "platform/Atomic.h"
@@ -32,7 +32,7 @@ class ClientVisits
 public:
     static constexpr std::size_t PLACES = 4;
 
-    /// The calling thread is inside for as long as this lives. Visits may nest.
+    /// The calling thread is inside for as long as this object lives. Visits may nest.
     class Visit
     {
     public:
@@ -56,12 +56,12 @@ public:
         return slotOfThisThread().visits[place].load(std::memory_order_relaxed) != 0;
     }
 
-    /// Returns when every other thread that was inside at the time of the call has left. Polls once a millisecond: it
-    /// is called rarely, and visits are short.
+    /// Returns when every other thread that was inside at the time of the call has left. Looks once a millisecond:
+    /// calls are rare, and visits are short.
     static void waitUntilLeft(std::size_t place);
 
 private:
-    /// The counts of one thread, on a cache line of their own. The slot of a thread that has ended goes to a new one.
+    /// The counts of one thread, on a cache line of their own. A new thread takes over the slot of one that has ended.
     struct alignas(64) Slot
     {
         std::array<platform::Atomic<std::uint32_t>, PLACES> visits{};
@@ -84,5 +84,5 @@ private:
     [[gnu::noinline]] static Slot& claimSlot();
     [[nodiscard]] static Slot& unownedSlot();
 
-    static constinit inline platform::Atomic<Slot*> s_slots = nullptr; // a list of all slots
+    static constinit inline platform::Atomic<Slot*> s_slots = nullptr; // the first of all slots
 };

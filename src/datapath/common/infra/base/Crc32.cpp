@@ -11,7 +11,7 @@ constexpr std::size_t SLICES = 8;
 
 using Table = std::array<std::uint32_t, 256>;
 
-/// Table n holds the effect of a byte on the state when n further bytes follow it, so that one step takes eight bytes:
+/// Table n holds the effect of a byte on the state when n further bytes follow it. So one step takes eight bytes:
 /// "slicing-by-8", M. E. Kounavis and F. L. Berry, "Novel Table Lookup-Based Algorithms for High-Performance CRC
 /// Generation", IEEE Transactions on Computers 57 (2008).
 constexpr std::array<Table, SLICES> TABLES = [] {

@@ -1,19 +1,18 @@
 #pragma once
 
-// Items ordered by a time each, so that those which are due can be taken from the front. Taking takes time in
-// proportion to what is taken; finding that nothing is due takes the same time however many items there are.
+// Items ordered by their times, so that the items that are due can be taken from the front. Taking moves each item that
+// is taken, and the header of each run that stays; finding that nothing is due takes constant time.
 //
 //     DueOrder<Timers::iterator> order;
 //     order.insert({.timeMs = 1'500, .item = timer});
 //     order.takeUntil(nowMs, taken);
 //
-// An item is a pointer or an iterator that stays valid while it is in the order. Nothing is locked here; the
-// owner does that.
+// An item is a pointer or an iterator that stays valid while it is in the order. The owner locks.
 //
 //     runs:  [ 3 3 7 9 ]  [ 12 12 15 ]  [ 20 31 ]      sorted, each of 1 to RUN_LENGTH entries
 //
-// Two binary searches find an entry. Timers come and go by the thousand, and moving a piece of a run is cheaper than
-// the nodes of a tree, which lie scattered in memory.
+// Two binary searches find an entry: one for the run, one in it. For thousands of timers this is faster than a tree:
+// moving a piece of a run costs less than nodes that lie scattered in memory.
 
 #include <algorithm>
 #include <cstddef>
@@ -73,7 +72,7 @@ public:
         }
         else if (next != m_runs.end() && run->size() + next->size() <= RUN_LENGTH / 2)
         {
-            run->insert(run->end(), next->begin(), next->end()); // otherwise few entries could keep many runs
+            run->insert(run->end(), next->begin(), next->end()); // so that few entries do not keep many runs
             m_runs.erase(next);
         }
         return true;
@@ -85,7 +84,7 @@ public:
         return run != m_runs.end() && std::binary_search(run->begin(), run->end(), entry);
     }
 
-    /// Removes the items whose time is at most timeMs and appends a Taken, made from the item, to taken for each.
+    /// Removes the items whose time is at most timeMs, and for each appends a Taken, made from the item, to taken.
     /// Throws std::bad_alloc, with nothing changed, if memory is lacking.
     template <class Taken> void takeUntil(std::uint64_t timeMs, std::vector<Taken>& taken)
     {
@@ -116,7 +115,7 @@ public:
         m_runs.erase(m_runs.begin(), isLastTaken ? end : last);
     }
 
-    /// Whether the runs are as the picture above shows them. For tests.
+    /// Whether the runs are as the picture at the top shows them. For tests.
     [[nodiscard]] bool checkInvariants() const
     {
         std::vector<Entry> all;
@@ -144,7 +143,7 @@ private:
         return run;
     }
 
-    /// The run in which the entry is or belongs: the last one that begins with it or before it, else the first.
+    /// The run in which the entry is or to which it belongs: the last run that does not begin after it, else the first.
     [[nodiscard]] auto runOf(const Entry& entry)
     {
         const auto next = std::upper_bound(m_runs.begin(), m_runs.end(), entry,
@@ -152,7 +151,7 @@ private:
         return next == m_runs.begin() ? next : std::prev(next);
     }
 
-    /// Moves the upper half into a run of its own and returns that.
+    /// Moves the upper half of a full run into a new run and returns that.
     [[nodiscard]] auto split(typename std::vector<Run>::iterator run)
     {
         Run upper = emptyRun();

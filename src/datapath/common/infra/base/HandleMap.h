@@ -1,13 +1,13 @@
 #pragma once
 
-// Values by handle, for handles that are handed out in ascending order. Entries stay where they are in memory.
+// A map from handles to values, for handles that are handed out in ascending order. Entries never move in memory.
 //
 //     HandleMap<Info> map;
 //     const auto [entry, isNew] = map.try_emplace(handle, Info{...});
 //     Info info = map.extract(*entry);
 //
-// Nothing is locked here; the owner does that. Neighbouring handles share a block, so that a value needs no allocation
-// of its own, and adding or removing one moves no other. A block is released with its last value.
+// The owner locks. 16 neighbouring handles share a block, so that a value needs no allocation of its own. A block is
+// released with its last value.
 
 #include <array>
 #include <cstddef>
@@ -44,8 +44,8 @@ public:
         return block != m_blocks.end() && placeOf(block->second, handle) ? &*placeOf(block->second, handle) : nullptr;
     }
 
-    /// The entry, and whether it is new. An entry that is there already stays as it is. Throws std::bad_alloc, with
-    /// nothing changed, if memory is lacking.
+    /// Returns the entry and whether it is new. An entry that exists already stays as it is. Throws std::bad_alloc,
+    /// with nothing changed, if memory is lacking.
     std::pair<Entry*, bool> try_emplace(Handle handle, Value&& value)
     {
         if (m_newest == m_blocks.end() || m_newest->first != handle / BLOCK_LENGTH)
@@ -111,6 +111,6 @@ private:
     }
 
     std::map<Handle, Block> m_blocks;                                     // by handle / BLOCK_LENGTH; none is empty
-    typename std::map<Handle, Block>::iterator m_newest = m_blocks.end(); // the block of the last addition
+    typename std::map<Handle, Block>::iterator m_newest = m_blocks.end(); // the block that try_emplace used last
     std::size_t m_size = 0;
 };

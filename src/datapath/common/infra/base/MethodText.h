@@ -7,9 +7,9 @@
 //     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
 //     static constexpr MethodText METHOD = MethodText::of("PriorityQueue<class ActiveObject::Action *>::enqueue");
 //
-// Both are worked out by the compiler, cost nothing at run time and may be used on any thread and before main.
-// THIS_METHOD understands plain functions, members and lambdas of GCC and clang; anything else, templates for instance,
-// does not compile and states its text with MethodText::of. So does a function whose lines others log.
+// The compiler computes both, so they cost nothing at run time and may be used on any thread and before main.
+// THIS_METHOD understands plain functions, members and lambdas of GCC and clang. In any other function, a template for
+// instance, it does not compile: state the text with MethodText::of, also to log in the name of another function.
 
 #include <algorithm>
 #include <array>
@@ -25,8 +25,8 @@ struct MethodFields
     std::string_view suffix; ///< "<lambda>" or nothing
 };
 
-/// The last "::" separates the class, which may be missing. Everything from a lambda on is "<lambda>", a part of its
-/// enclosing function's name.
+/// The last "::" separates the class, which may be missing, from the method. Everything from a lambda on becomes
+/// "<lambda>", which counts as a part of its enclosing function's name.
 constexpr MethodFields splitMethodText(std::string_view text)
 {
     const std::size_t lambda = text.find("<lambda");
@@ -50,7 +50,7 @@ public:
     {
         for (const std::string_view piece : {fields.className, std::string_view(","), fields.method, fields.suffix})
         {
-            std::copy(piece.begin(), piece.end(), m_fields.begin() + m_length); // too long a text does not compile
+            std::copy(piece.begin(), piece.end(), m_fields.begin() + m_length); // a longer text does not compile
             m_length += piece.size();
         }
     }
@@ -70,7 +70,7 @@ namespace MethodTextInternal
 /// Both compilers write a return type, the name, the parameters and, within a lambda, more after these:
 ///     "static std::string (anonymous namespace)::Outer::f(int)"
 ///     "std::string {anonymous}::Outer::f(int)::<lambda(char)>"
-/// Returns where the parameters begin. Brackets within template arguments are passed by.
+/// Returns where the parameters begin. Parentheses within template arguments are skipped.
 constexpr std::size_t findParameters(std::string_view signature)
 {
     constexpr std::string_view UNNAMED = "(anonymous namespace)";
@@ -92,7 +92,7 @@ constexpr std::size_t findParameters(std::string_view signature)
     return std::string_view::npos;
 }
 
-/// The name without the unnamed namespace that it begins with; nothing if that stands within another namespace.
+/// The name without an unnamed namespace at its beginning; empty if the unnamed namespace is within another one.
 constexpr std::string_view withoutUnnamed(std::string_view name)
 {
     for (const std::string_view unnamed : {"{anonymous}::", "(anonymous namespace)::"})
@@ -132,19 +132,19 @@ constexpr MethodText methodTextOf(std::string_view signature)
 /// A function signature as a template argument, so that its text is stored once.
 template <std::size_t SIZE> struct Signature
 {
-    // NOLINTNEXTLINE(google-explicit-constructor): stands in for the literal it copies
+    // NOLINTNEXTLINE(google-explicit-constructor): a literal converts to it
     constexpr Signature(const char (&literal)[SIZE]) { std::copy_n(literal, SIZE, text); }
 
     char text[SIZE] = {};
 };
 
-// Made from a copy: with its sanitizers, GCC does not follow pointers into template arguments while compiling.
+// The lambda takes a copy: with sanitizers, GCC rejects pointers into template arguments in constant expressions.
 template <Signature SIGNATURE>
 inline constexpr MethodText METHOD_TEXT = [](auto signature) { return methodTextOf(signature.text); }(SIGNATURE);
 
 } // namespace MethodTextInternal
 
-/// Turns a method text that is only known at run time into the class field, a comma and the method field.
+/// Turns a method text that is known only at run time into the class field, a comma and the method field.
 inline void cleanMethodName(std::string& name)
 {
     const auto [className, method, suffix] = splitMethodText(name);

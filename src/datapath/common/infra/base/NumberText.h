@@ -1,6 +1,6 @@
 #pragma once
 
-// Reads a number at the start of a text as a standard stream extracts it. Any thread may call.
+// Reads a number at the start of a text as a standard stream does. Any thread may call.
 
 #include <cstdint>
 #include <optional>
@@ -9,6 +9,6 @@
 /// Returns the text after a leading "0x" or "0X", or the whole text if it has no such prefix.
 [[nodiscard]] std::string_view withoutHexPrefix(std::string_view text);
 
-/// Reads blanks, a sign, a prefix if the base is 16, and digits, as std::num_get does; what follows is ignored. Returns
-/// nothing if there is no digit or if the number needs more than 64 bits.
+/// Skips white space, then reads a sign, a prefix if the base is 16, and digits, as std::num_get does; the rest is
+/// ignored. Returns nothing if there is no digit or if the number does not fit into a std::int64_t.
 [[nodiscard]] std::optional<std::int64_t> extractNumber(std::string_view text, int base);

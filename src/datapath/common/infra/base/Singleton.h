@@ -5,21 +5,21 @@
 //     class Timer : public Singleton<ITimer, Timer>, public ITimer
 //     Timer::instance().getTimestampMs();
 //
-// A service must not ask for itself while it is being made. The order in which services make each
-// other is drawn in docs/design.md.
+// A service must not ask for itself while it is being made. docs/design.md has the order in which services make each
+// other.
 
 #include "datapath/common/infra/Mutex.h"
 #include "platform/Atomic.h"
 
-/// A creation lock of its own for each Tag. Usable before main and, as it is never destroyed, after.
+/// The creation lock of a Tag. Usable before main, and after it, because the lock is never destroyed.
 template <class Tag> Mutex& creationLock()
 {
     static Mutex& lock = *new Mutex;
     return lock;
 }
 
-/// Returns the published object, made by make() under the lock if there is none yet. What make did is
-/// visible to whoever gets the object.
+/// Returns the published object, which make() makes under the lock if there is none yet. Every thread that gets the
+/// object sees what make() did.
 template <class T, class Make> T& createOnce(platform::Atomic<T*>& published, Mutex& lock, Make make)
 {
     T* object = published.load(std::memory_order_acquire);
@@ -36,7 +36,7 @@ template <class T, class Make> T& createOnce(platform::Atomic<T*>& published, Mu
     return *object;
 }
 
-/// The one Implementation, reached through Interface. Any thread may call.
+/// The only Implementation of the process, as an Interface. Any thread may call.
 template <class Interface, class Implementation> class Singleton
 {
 public:

@@ -1,7 +1,7 @@
 #pragma once
 
 // Gives the lines of a text one at a time, as configuration files are read. A line has at most 511 characters before
-// its line feed; a longer line ends the text, and so does a read error. A zero byte is a character.
+// its line feed; a longer line ends the text, and so does a read error. A zero byte is a character like any other.
 //
 //     TextLines lines(stream);
 //     while (const auto line = lines.next())
@@ -19,8 +19,8 @@ class TextLines
 public:
     explicit TextLines(std::istream& stream) : m_stream(stream) {}
 
-    /// Returns the next line without its line feed, which the last line may lack; nothing at the end of the text and
-    /// from then on. The line is valid until the next call.
+    /// Returns the next line without its line feed, which the last line may lack. Returns nothing once the text has
+    /// ended. The line is valid until the next call.
     [[nodiscard]] std::optional<std::string_view> next()
     {
         if (!m_stream.getline(m_line.data(), static_cast<std::streamsize>(m_line.size())))

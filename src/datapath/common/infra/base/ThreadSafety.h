@@ -1,8 +1,7 @@
 #pragma once
 
-// Annotations for clang's thread-safety analysis: which lock guards a member, which function takes
-// or needs a lock. Other compilers see nothing. Source: the Thread Safety Analysis chapter of
-// clang's documentation.
+// Annotations for clang's thread-safety analysis: which lock guards a member, and which function takes or needs a lock.
+// Other compilers see nothing. Source: the chapter Thread Safety Analysis of clang's documentation.
 
 #if defined(__clang__)
 #define TAVRO_ANNOTATION(annotation) __attribute__((annotation))

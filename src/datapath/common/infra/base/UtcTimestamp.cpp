@@ -7,7 +7,7 @@
 namespace
 {
 
-/// Writes the lowest digits of a number that is not negative, with leading zeros.
+/// Writes the lowest WIDTH digits, with leading zeros. The value is not negative.
 template <int WIDTH> char* writeDigits(char* out, int value)
 {
     for (int i = WIDTH - 1; i >= 0; --i)
