@@ -1,14 +1,14 @@
 #pragma once
 
-// Objects and arrays of the guarded allocator. MemShield counts or guards the blocks below them.
+// Makes objects and arrays in memory of the guarded allocator: MemShield counts or guards their blocks.
 //
 //     Thing* const thing = GuardedMemory::create<Thing>({"Thing", SourcePlace::here()}, argument);
 //     GuardedMemory::destroy(thing, SourcePlace::here());
 //     char* const bytes = GuardedMemory::createArray<char>({"s8", SourcePlace::here()}, length);
 //     GuardedMemory::destroyArray(bytes, SourcePlace::here());
 //
-// The caller owns what it creates; GuardedPtr owns an object in its place. Any thread may call, and may destroy what
-// another one created. What the system heap cannot give is a std::bad_alloc; misuse ends the process.
+// The caller owns what it creates, or hands an object to a GuardedPtr. Any thread may call, and may destroy what
+// another thread created. When the system heap has no memory, std::bad_alloc is thrown; misuse ends the process.
 
 #include "datapath/common/infra/MemShield.h"
 
@@ -22,7 +22,6 @@
 namespace GuardedMemory
 {
 
-/// Allocates and constructs.
 template <class T, class... Args> [[nodiscard]] T* create(const AllocationSite& site, Args&&... args)
 {
     static_assert(alignof(T) <= MemShield::BLOCK_ALIGNMENT);
@@ -38,23 +37,23 @@ template <class T, class... Args> [[nodiscard]] T* create(const AllocationSite& 
     }
 }
 
-/// Destroys and releases an object that its owner knows by a base class that need not stand first in it: memory is the
-/// address that create gave, as dynamic_cast<void*> finds it while the object certainly lives. Nothing is read through
-/// a pointer that is not a live guarded block.
+/// Destroys and releases an object through a pointer to any of its base classes. memory is the address that create
+/// returned: dynamic_cast<void*> finds it, as long as the object is known to live. With guarded memory, nothing is read
+/// through memory unless that is a live block.
 template <class T> void destroy(T* object, void* memory, const SourcePlace& place)
 {
     static_assert(!std::is_polymorphic_v<T> || std::has_virtual_destructor_v<T> || std::is_final_v<T>);
-    MemShield::verifyObject(memory, place); // before the destructor of an object that is gone already
+    MemShield::verifyObject(memory, place); // before the destructor, which must not run on a released object
     object->~T();
     MemShield::releaseVerified(memory, place);
 }
 
-/// The same for the address that create gave, also through a base class if that stands first and has a virtual
-/// destructor. Not for null.
+/// The same for a pointer that is the address that create returned. T may be a base class if it is the first one and
+/// has a virtual destructor. Not for null.
 template <class T> void destroy(T* object, const SourcePlace& place) { destroy(object, object, place); }
 
-/// Elements are not initialized. An array of 0 elements is an error when blocks are guarded, and must be released as
-/// an object when they are counted.
+/// An array whose elements are not initialized. An array of 0 elements ends the process with guarded memory, and must
+/// be released as an object otherwise.
 template <class T> [[nodiscard]] T* createArray(const AllocationSite& site, std::uint64_t length)
 {
     static_assert(alignof(T) <= MemShield::BLOCK_ALIGNMENT && std::is_trivially_default_constructible_v<T> &&

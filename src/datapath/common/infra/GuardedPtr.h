@@ -1,10 +1,10 @@
 #pragma once
 
-// Owns an object of the guarded allocator and releases it with the place that the owner was given.
+// Owns an object of the guarded allocator. A release that finds misuse reports the place that the pointer was given.
 //
 //     const GuardedPtr<Thing> thing(GuardedMemory::create<Thing>(SITE), {RELEASE_PLACE});
 //
-// It must point to where the object begins: a GuardedPtr to a base class that does not stand first is misuse.
+// It must hold the address that create returned: T may be a base class of the object only if it is the first one.
 
 #include "datapath/common/infra/GuardedMemory.h"
 

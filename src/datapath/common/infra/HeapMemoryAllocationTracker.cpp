@@ -77,7 +77,7 @@ char* HeapMemoryAllocationTracker::allocateIgnoringLimit(std::uint32_t length)
     return newBuffer(length);
 }
 
-/// A buffer for bytes that are reserved.
+/// A buffer for bytes that are reserved already. Frees them if it throws.
 char* HeapMemoryAllocationTracker::newBuffer(std::uint32_t length)
 {
     if (length == 0)

@@ -1,14 +1,15 @@
 #pragma once
 
-// A byte budget, and byte buffers that count against it. A request that would exceed the budget pauses the tracker. The
-// pause ends when so much has been given back that usage is down to a lower level: a producer that outruns its consumer
-// is not served and refused in turns.
+// A byte budget, and byte buffers that count against it. A request that would exceed the budget pauses the tracker,
+// which then refuses every request until usage has fallen to a lower level. So a producer that outruns its consumer is
+// not granted and refused in turns.
 //
 //     if (char* const buffer = tracker.allocate(length).buffer) ...
 //     tracker.free(buffer, length);
 //
-// An owner that has memory of its own reserves bytes without a buffer. Any thread may call; no operation takes a lock.
-// Lengths are in bytes. Buffers come from MemShield and belong to the caller; std::bad_alloc leaves nothing counted.
+// An owner with memory of its own reserves bytes without a buffer. Any thread may call; no operation takes a lock.
+// Lengths are in bytes. Buffers come from MemShield and belong to the caller. If that throws std::bad_alloc, nothing is
+// counted.
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "platform/Atomic.h"
@@ -22,8 +23,8 @@ public:
     enum class Answer
     {
         Granted,
-        BeganPause, ///< refused, and the first one since the last pause
-        Refused     ///< refused because of a pause that had begun before
+        BeganPause, ///< refused, and the tracker has paused
+        Refused     ///< refused during a pause
     };
 
     struct Allocation
@@ -32,21 +33,22 @@ public:
         Answer answer;
     };
 
-    /// Requests are granted up to maxBytes and, after a refusal, again once usage is at or below resumeBytes. The flag
-    /// must live as long as the tracker; the name is for messages.
+    /// Requests are granted up to maxBytes. A pause ends with the first free that leaves usage at or below resumeBytes,
+    /// so one that began while nothing was in use lasts until something has been reserved without the limit and freed.
+    /// trackingDisabled must outlive the tracker; the name is for messages.
     HeapMemoryAllocationTracker(std::uint32_t maxBytes, std::uint32_t resumeBytes,
                                 const DynamicTweak<bool>& trackingDisabled, std::string name);
 
     [[nodiscard]] Allocation allocate(std::uint32_t length);
 
-    /// Granted whatever the budget, and counted. Null only for a length of 0.
+    /// Is granted whatever is in use, also during a pause. Null only for a length of 0.
     [[nodiscard]] char* allocateIgnoringLimit(std::uint32_t length);
 
-    /// Takes a buffer back; the length is the one that it was allocated with. More bytes than are counted end the
+    /// Takes back a buffer, with the length that it was allocated with. Freeing more bytes than are counted ends the
     /// process.
     void free(const char* buffer, std::uint32_t length);
 
-    /// The same three without a buffer.
+    /// The same three calls without a buffer.
     [[nodiscard]] Answer reserve(std::uint32_t length);
     void reserveIgnoringLimit(std::uint32_t length);
     void free(std::uint32_t length);
@@ -58,7 +60,7 @@ private:
     struct alignas(sizeof(std::uint64_t)) Usage
     {
         std::uint32_t bytes = 0;
-        std::uint32_t isPaused = 0; // as wide as the bytes: no padding takes part in comparisons
+        std::uint32_t isPaused = 0; // 32 bits, so that there is no padding in comparisons
     };
 
     [[nodiscard]] char* newBuffer(std::uint32_t length);

@@ -26,9 +26,9 @@ constexpr std::uint32_t NUMBER_NOT_AN_ARRAY = 204;
 constexpr std::uint32_t NUMBER_MISUSE = 342;
 
 constexpr std::uint32_t U32_MAX = std::numeric_limits<std::uint32_t>::max();
-constexpr unsigned char FILLING = 0xFF; // of margins, and of fresh and released memory
+constexpr unsigned char FILLING = 0xFF; // fills margins, and fresh and released memory
 
-// Functions whose lines are logged by others.
+// The functions whose names the fail functions log.
 constexpr MethodText COUNTED_OBJECT_RELEASE = MethodText::of("MemShield::freeAndCount");
 constexpr MethodText COUNTED_ALLOCATION = MethodText::of("MemShield::internalAllocAndCountOnlyArray");
 constexpr MethodText COUNTED_ARRAY_RELEASE = MethodText::of("MemShield::freeAndCountArray");
@@ -38,8 +38,8 @@ bool isFilled(const std::byte* bytes, std::uint32_t length)
     return std::all_of(bytes, bytes + length, [](std::byte byte) { return byte == std::byte{FILLING}; });
 }
 
-/// Whether this thread misuses memory during the report of another one, and must not wait for the end of that.
-constinit thread_local bool isReportLeftOut = false;
+/// Whether the calling thread ends the process without a report, because another thread is writing one.
+constinit thread_local bool skipsReport = false;
 
 std::uint64_t nowMs() { return static_cast<std::uint64_t>(Clock::lastTimestampMs()); }
 
@@ -205,6 +205,11 @@ std::string MemShield::corruptionOf(const std::byte* memory, const AllocInfo& in
     return text.str();
 }
 
+/// Called by a thread that has found misuse:
+///     the first such thread                   returns, and reports
+///     that thread again, in its report        ends the process here
+///     another one that waits for reports      stops here forever; the first one ends the process
+///     another one that never waits            returns, and ends the process without a report
 void MemShield::beginReport()
 {
     static constinit platform::Atomic<std::uint32_t> reportingThread = 0;
@@ -212,12 +217,13 @@ void MemShield::beginReport()
     std::uint32_t first = 0;
     if (reportingThread.compare_exchange_strong(first, thisThread))
     {
-        Tweaks::instance().unlockForGood(); // whoever has what the report waits for may wait for the tweaks
+        // This thread may hold the lock of the tweaks, and the report may wait for a thread that waits for that lock.
+        Tweaks::instance().unlockForGood();
         return;
     }
     if (first == thisThread)
     {
-        // A log client that misuses memory itself would be reported through itself without end.
+        // A log client has misused memory while it took a line of the report: reporting that would not come to an end.
         std::cout << "Assertion (false) failed " << __builtin_FILE() << " " << NUMBER_MISUSE
                   << ", misuse of memory while one is reported" << std::endl;
         platform::endProcess();
@@ -229,12 +235,12 @@ void MemShield::beginReport()
         Semaphore never(0);
         never.wait();
     }
-    isReportLeftOut = true;
+    skipsReport = true;
 }
 
 void MemShield::memshieldError(const std::vector<Record>& culprits)
 {
-    if (!isReportLeftOut)
+    if (!skipsReport)
     {
         MEM_SHIELD_HOOKS.printMisuse(culprits);
     }

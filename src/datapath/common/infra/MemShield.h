@@ -1,19 +1,20 @@
 #pragma once
 
-// The process-wide allocator below the infrastructure's own objects and arrays, in one of two modes that holds for the
-// life of the process. Counting, the usual one, costs 8 bytes a block and knows objects from arrays. Guarded, for
-// diagnosis, surrounds each block with margins, registers it with its place of allocation, checks it when it is
-// released, and ends the process with a full memory report on any misuse. Code allocates through GuardedMemory.h.
+// The process-wide allocator of the infrastructure's own objects and arrays. It works in one of two modes for the life
+// of the process. The usual mode, counting, takes 8 bytes more for each block and tells objects from arrays. The
+// guarded mode, for diagnosis, surrounds each block with margins, registers it with its place of allocation, checks it
+// when it is released, and ends the process with a full memory report on any misuse. Code allocates through
+// GuardedMemory.h.
 //
 //     counted    | length u32 | sanity word u32 | memory ... |           the words are little-endian on every target
 //     guarded    | padding | pre margin | memory ... | post margin |     margins and fresh memory are filled with 0xFF
 //
-// Any thread may call, and may release what another one allocated. Sizes are in bytes. What the system heap cannot
-// give is a std::bad_alloc. Texts of types and places are kept as pointers: pass literals.
+// Any thread may call, and may release what another thread allocated. Sizes are in bytes. When the system heap has no
+// memory, std::bad_alloc is thrown. Texts of types and places are kept as pointers: pass literals.
 //
-// Lines are never logged under the allocator's lock, so log clients may allocate here, a report included, if
-// they hold no lock of their own meanwhile that their logging takes. A client that allocates must be registered
-// after the first block was allocated.
+// Lines are never logged under the allocator's lock, so log clients may allocate here, also while they take the lines
+// of a report. While a client does so, it must not hold a lock that it takes to log a line. A client that allocates
+// must be registered after the first block was allocated.
 
 #include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
@@ -44,19 +45,19 @@ public:
     /// A guarded block, its margins included, is shorter.
     static constexpr std::uint64_t MAX_SINGLE_ALLOCATION_LENGTH = 314'572'800;
 
-    /// What a counted block's header leaves of the system heap's alignment.
+    /// What the header of 8 bytes leaves a counted block of the system heap's alignment.
     static constexpr std::size_t BLOCK_ALIGNMENT = 8;
 
-    /// What is known of a guarded block. Times are in ms, as the clock's inaccurate reading gives them.
+    /// The record of a guarded block. Times are those of Clock::lastTimestampMs, in ms.
     struct AllocInfo
     {
-        std::uint32_t m_size = 0;        ///< that was asked for
+        std::uint32_t m_size = 0;        ///< the bytes that were asked for
         std::uint32_t m_arrayLength = 0; ///< elements; 0 for an object
         const char* m_class = nullptr;
         const char* m_file = nullptr;
         std::uint32_t m_line = 0;
         std::uint64_t m_allocTime = 0;
-        std::uint64_t m_freeTime = 0; ///< 0 while live
+        std::uint64_t m_freeTime = 0; ///< 0 while the block is live
     };
 
     struct Record
@@ -66,20 +67,20 @@ public:
     };
     using Visitor = std::function<void(const std::byte* memory, const AllocInfo& info)>;
 
-    /// What the allocator asks of the layers above it, which know what else holds memory.
+    /// What the allocator needs from the layers above it.
     struct Hooks
     {
-        /// The allocator is being made: starts MemShieldAO's worker. The worker's thread waits until it is made.
+        /// Starts MemShieldAO's worker. Called while the allocator is being made; the worker waits until it is made.
         void (*onCreation)();
 
-        /// Logs the memory report that precedes the end of the process: what no other line tells of the culprits, too.
+        /// Logs the memory report that precedes the end of the process, with a line for each of the culprits.
         void (*printMisuse)(const std::vector<Record>& culprits);
 
-        /// The calling thread never goes on: gives up the locks that it may hold and a report takes.
+        /// Called by a thread that then stops forever: releases those of its locks that a report takes.
         void (*endReportsForGood)();
     };
 
-    /// Whether blocks are guarded, or only counted.
+    /// Whether blocks are guarded, and not only counted.
     [[nodiscard]] static bool isEnabled() { return s_isEnabled; }
 
     /// Start-up only, before anything is allocated here.
@@ -88,11 +89,11 @@ public:
     /// Makes what the first allocation would make, so that its tweaks are read before those that the caller reads next.
     static void prepare() { isEnabled() ? static_cast<void>(instance()) : void(); }
 
-    /// For a thread that a report needs, such as one that writes what others log: misuse that it finds while another
-    /// thread reports one ends the process at once, after its own lines. Any other thread waits for that end.
+    /// For a thread that a report needs, such as one that writes what others log. If the calling thread finds misuse
+    /// while another thread reports, it does not wait for the end of the process, but ends it after its own lines.
     static void neverWaitForReport() { s_waitsForReport = false; }
 
-    /// A block for an object (no items) or for an array of numItems elements that take size bytes in all.
+    /// A block of size bytes: for an object if numItems is 0, else for an array of numItems elements.
     [[nodiscard]] static void* allocate(std::uint64_t size, std::uint64_t numItems, const AllocationSite& site)
     {
         return isEnabled() ? instance().internalAllocAndRegister(size, numItems, site)
@@ -110,7 +111,7 @@ public:
         isEnabled() ? instance().freeAndUnregister(memory, place) : freeAndCountArray(memory);
     }
 
-    /// The two halves of releaseObject: what stands between them may still use the object.
+    /// The two halves of releaseObject. Between them the caller may still use the object.
     static void verifyObject(const void* memory, const SourcePlace& place)
     {
         if (isEnabled())
@@ -123,7 +124,7 @@ public:
         isEnabled() ? instance().freeAndUnregister(memory, place) : freeAndCount(memory);
     }
 
-    // The two modes by themselves. A block must be released the way it was allocated.
+    // The calls of the single modes. A block must be released in the mode in which it was allocated.
     [[nodiscard]] static void* internalAllocAndCountOnlyArray(std::uint64_t size, std::uint64_t numItems)
     {
         if (numItems >= OBJECT_SANITY_WORD) [[unlikely]]
@@ -158,14 +159,14 @@ public:
     /// Ends the process unless the memory is a live guarded block.
     void verifyPtr(const void* memory, const SourcePlace& place) EXCLUDES(m_mutex);
 
-    /// How messages show the address of a block: hexadecimal without a prefix.
+    /// An address as messages show it: hexadecimal without a prefix.
     [[nodiscard]] static std::string addressText(const void* memory);
 
-    /// Bytes taken from the system heap, margins and headers included, at this moment.
+    /// Bytes that are taken from the system heap at this moment, margins and headers included.
     [[nodiscard]] static std::uint64_t systemHeapBytes() { return SystemHeapBytes::read(); }
 
-    /// Calls the visitor for every guarded block that is live, or that is kept after its release, in no order. It runs
-    /// under the lock: it must neither log nor allocate here.
+    /// Call the visitor for each guarded block that is live, or that is kept after its release, in no particular order.
+    /// The visitor runs under the lock: it must neither log nor use this allocator.
     void visitLive(const Visitor& visitor) EXCLUDES(m_mutex);
     void visitRecentlyFreed(const Visitor& visitor) EXCLUDES(m_mutex);
 
@@ -175,26 +176,25 @@ public:
 private:
     friend Singleton;
 
-    // By hash: the cost of a release must not grow with the number of live blocks.
+    // A hash table, so that the cost of a release does not grow with the number of live blocks.
     using Map = std::unordered_map<std::byte*, AllocInfo>;
     using Records = StlMemShiledContainer<Map>;
 
-    /// What became of a block that is to be released.
+    /// The result of unregistering a block.
     struct Release
     {
         std::optional<AllocInfo> info; // nothing: there is no such live block
-        std::string corruption;        // not empty: what is wrong with its margin; it stays registered then
-        bool isKept = false;           // among the recently freed ones
-        Map::node_type node = {};      // its record, to be released without the lock
+        std::string corruption;        // what is wrong with the margin; a corrupt block stays registered
+        bool isKept = false;           // the block is among the recently freed ones
+        Map::node_type node = {};      // the block's record, which is destroyed without the lock
     };
 
     static constexpr std::size_t HEAP_ALIGNMENT = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
     static constexpr std::uint32_t OBJECT_SANITY_WORD = 0xFFFF'FFFF;
 
-    /// What precedes the memory of a counted block.
     struct CountedHeader
     {
-        std::uint32_t length;     // of the whole block
+        std::uint32_t length;     // bytes of the whole block
         std::uint32_t sanityWord; // OBJECT_SANITY_WORD, or the number of an array's elements
     };
 
@@ -206,7 +206,7 @@ private:
     {
         if (!SystemHeapBytes::isCounting()) [[unlikely]]
         {
-            static_cast<void>(instance()); // made by the first use, also where blocks are only counted
+            static_cast<void>(instance()); // made by the first block, also in counting mode
         }
         const std::uint64_t length = size + sizeof(CountedHeader);
         if (length < size) [[unlikely]]
@@ -214,7 +214,7 @@ private:
             throw std::bad_alloc();
         }
         auto* const header = static_cast<CountedHeader*>(::operator new(length));
-        header->length = static_cast<std::uint32_t>(length); // counted in 32 bits, here and when released
+        header->length = static_cast<std::uint32_t>(length); // blocks count with 32 bits of their length
         header->sanityWord = sanityWord;
         SystemHeapBytes::take(header->length);
         return header + 1;
@@ -243,9 +243,9 @@ private:
     Records m_recentlyFreed GUARDED_BY(m_mutex){"MemShieldRecentFreed"};
     const std::uint32_t m_preMargin;     // bytes before each guarded block
     const std::uint32_t m_postMargin;    // bytes after it
-    const std::size_t m_padding;         // bytes before the first margin, not counted: they align what is handed out
+    const std::size_t m_padding;         // bytes before the first margin, not counted; they align the memory after it
     Mutex m_mutex;                       // guards both maps; nothing is taken inside it
-    const std::uint32_t m_historyLength; // ms; not 0: released blocks are kept
+    const std::uint32_t m_historyLength; // ms; unless it is 0, released blocks are kept
 };
 
 /// The one table of hooks. MemoryReport.cpp defines it, so that whatever links the allocator links its report.

@@ -1,6 +1,6 @@
 #pragma once
 
-// The guarded allocator's own active object, made with it. It has one worker and is given no work.
+// The guarded allocator's own active object. MemShield makes it and starts its one worker, which gets no work.
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/base/Singleton.h"

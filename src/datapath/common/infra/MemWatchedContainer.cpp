@@ -25,7 +25,7 @@ void MemWatchedContainerDatabase::registerContainer(MemWatchedContainer* contain
         const MutexGuard guard(m_mutex);
         return m_containers.insert(container).second;
     };
-    if (!insert()) // logging makes the Logger, which registers its own
+    if (!insert()) // logged without the lock: logging may make the Logger, which registers containers of its own
     {
         failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_REGISTERED_TWICE), "rt");
     }

@@ -1,14 +1,14 @@
 #pragma once
 
-// Long-lived containers that a memory report can list: each registers itself under a name in a
-// process-wide database.
+// Long-lived containers that a memory report can list: each registers itself under a name in a process-wide database.
 //
 //     StlMemShiledContainer<std::map<int, Thing>> m_things{"Things"};
 //     m_things.change([&](auto& things) { things.emplace(4, thing); });
 //     if (m_things->contains(4)) ...
 //     MemWatchedContainerDatabase::instance().printWatchedContainers();
 //
-// The owner of a container locks. A report reads the item counts without the owner's lock.
+// The owner of a container locks. A report reads the item counts without the owner's lock. Any thread may call the
+// database.
 
 #include "datapath/common/infra/Mutex.h"
 #include "platform/Atomic.h"
@@ -35,7 +35,8 @@ public:
 
     [[nodiscard]] const std::string& name() const { return m_name; }
 
-    /// The estimate of the container's memory in bytes when it holds that many items.
+    /// The container's estimated memory in bytes when it holds that many items. The bytes for one item are added up in
+    /// 32 bits.
     [[nodiscard]] std::uint64_t memoryOf(std::uint64_t items) const { return (m_itemSize + m_itemOverhead) * items; }
 
 private:
@@ -44,21 +45,20 @@ private:
     std::uint32_t m_itemOverhead; // further bytes counted for each item
 };
 
-/// The registry of watched containers. Made on first use and never destroyed. Any thread may call.
+/// The registry of watched containers. Made on first use and never destroyed.
 class MemWatchedContainerDatabase
 {
 public:
     [[nodiscard]] static MemWatchedContainerDatabase& instance();
 
-    /// The container, not owned, must be unregistered before it is destroyed. One that is registered
-    /// already ends the process.
+    /// The container, not owned, must be unregistered before it is destroyed. A container that is registered already
+    /// ends the process.
     void registerContainer(MemWatchedContainer* container) EXCLUDES(m_mutex);
 
     /// A container that is not registered ends the process.
     void unregisterContainer(MemWatchedContainer* container) EXCLUDES(m_mutex);
 
-    /// Logs, for each name, how many items its containers hold and the memory they are estimated to
-    /// take, then the total.
+    /// Logs for each name how many items its containers hold, and their estimated memory, then the total.
     void printWatchedContainers() const EXCLUDES(m_mutex);
 
 private:
@@ -67,7 +67,7 @@ private:
 };
 
 /// A container that is watched from the end of its construction to the start of its destruction. It is read like a
-/// pointer to the container, and changed through change alone, which leaves the count where a report reads it.
+/// pointer to the container, and changed only through change, which updates the count that a report reads.
 template <class Container> class StlMemShiledContainer : public MemWatchedContainer
 {
 public:
@@ -84,7 +84,7 @@ public:
     [[nodiscard]] const Container& operator*() const { return m_container; }
     [[nodiscard]] const Container* operator->() const { return &m_container; }
 
-    /// Calls the change with the container and returns what it returns, under the owner's lock.
+    /// Calls the given change with the container and returns its result. The caller has the owner's lock.
     template <class Change> decltype(auto) change(const Change& change)
     {
         struct Recount
@@ -99,7 +99,7 @@ public:
         return change(m_container);
     }
 
-    /// As of the last change. Any thread may call.
+    /// The number of items after the last change. Any thread may call.
     [[nodiscard]] std::uint64_t itemCount() const override { return m_itemCount.load(std::memory_order_relaxed); }
 
 private:

@@ -1,4 +1,4 @@
-// The listing of the watched containers. It logs, and the log itself keeps watched containers.
+// The report of the watched containers. It is a unit of its own, because it logs, and the log has watched containers.
 
 #include "datapath/common/infra/LogItem.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
@@ -15,7 +15,7 @@ struct Sums
 {
     std::uint64_t items = 0;
     std::uint64_t memory = 0;
-    std::uint64_t largestMemory = 0; // that one of the containers takes
+    std::uint64_t largestMemory = 0; // the largest memory of one container
 };
 
 } // namespace

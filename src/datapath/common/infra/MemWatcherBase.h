@@ -1,6 +1,6 @@
 #pragma once
 
-// The user time of one thread from report to report, for the MemWatcher that owns it. The owner locks.
+// The user time that one thread has used since the last report. The owner, the MemWatcher, locks.
 
 #include "datapath/common/infra/GuardedPtr.h"
 
@@ -11,11 +11,11 @@ class ThreadCpuUsageMonitor
 public:
     explicit ThreadCpuUsageMonitor(std::uint32_t threadId);
 
-    /// The thread's user time since the last call, in 100-ns units; 0 for the first call, and for a thread that cannot
-    /// be looked at: failure, null otherwise, tells why. Kernel time is not counted.
+    /// The thread's user time since the last call, in 100-ns units; 0 for the first call. Kernel time is not counted.
+    /// If the time cannot be read, returns 0 and sets failure to the reason, else to null.
     [[nodiscard]] std::int64_t update(const char*& failure);
 
-    /// Logs a failure of update, when no lock is held any more.
+    /// Logs a failure of update. The caller holds no lock.
     static void logFailure(const char* failure);
 
 private:
@@ -25,13 +25,12 @@ private:
     std::int64_t m_lastUserTime = NONE; // in 100-ns units
 };
 
-/// What the MemWatcher knows of a thread.
+/// The MemWatcher's record of a thread.
 struct ThreadInfo
 {
     GuardedPtr<ThreadCpuUsageMonitor> monitor;
-    std::uint64_t tag = 0; ///< handed to visitors
+    std::uint64_t tag = 0; ///< passed to visitors
 };
 
-/// Makes the record of a thread that is not in the table yet. It takes memory of the guarded allocator, so no lock may
-/// be held.
+/// Makes a record. Takes memory of the guarded allocator, so the caller holds no lock.
 [[nodiscard]] ThreadInfo makeThreadInfo(std::uint32_t threadId);

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the memory pool and the memory heap have in common: whoever holds a segment can give it back without knowing
-// where it came from. Any thread may call. Sizes are in bytes.
+// What the memory pool and the memory heap have in common, so that the holder of a segment can give it back without
+// knowing where it came from. Any thread may call. Sizes are in bytes.
 
 #include <cstddef>
 #include <cstdint>
@@ -20,9 +20,9 @@ public:
 
     [[nodiscard]] std::uint64_t getSizeBytes() const { return sizeBytes; }
 
-    std::uint64_t sizeBytes = 0; ///< that were asked for, at most a chunk of a pool
-    char* buffer = nullptr;      ///< null when the segment has been given back
-    ModuleMemoryInformation* owner = nullptr;
+    std::uint64_t sizeBytes = 0;              ///< the bytes that were asked for; from a pool at most a chunk
+    char* buffer = nullptr;                   ///< null after the segment was given back
+    ModuleMemoryInformation* owner = nullptr; ///< null: none, so a pool releases the buffer as an array of MemShield
 };
 
 class MemoryAllocatorInterface
@@ -33,16 +33,15 @@ public:
     MemoryAllocatorInterface& operator=(const MemoryAllocatorInterface&) = delete;
     virtual ~MemoryAllocatorInterface() = default;
 
-    /// Gives every segment from that position to the end back; their buffers are null then. Nothing for a position that
-    /// is not in the list. Not for segments that were given back already, nor for those of another allocator: that ends
+    /// Gives back the segments from that position to the end of the list, and sets their buffers to null. Does nothing
+    /// if there is no such position. A segment that was given back already, or that belongs to another allocator, ends
     /// the process.
     virtual void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) = 0;
     virtual void freeSegment(MemorySegment& segment) = 0;
 
-    /// Adds to the bytes in use as the modules asked for them; may be negative.
+    /// Adds to the figure of the bytes that were asked for; may be negative.
     virtual void addUsedMemoryNet(std::int32_t bytes) = 0;
 
-    /// In bytes.
     [[nodiscard]] virtual std::uint32_t getChunkSize() const = 0;
 
 protected:

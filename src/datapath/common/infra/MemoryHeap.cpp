@@ -9,7 +9,7 @@ namespace
 
 constexpr std::uint32_t NUMBER_NO_OWNER = 64;
 constexpr std::uint32_t NUMBER_NULL_OWNER = 65;
-constexpr std::uint32_t NUMBER_NOT_OF_THE_HEAP = 66;
+constexpr std::uint32_t NUMBER_NOT_A_HEAP_MODULE = 66;
 constexpr std::uint32_t NUMBER_RELEASED = 67;
 constexpr std::uint32_t NUMBER_GROSS_TOO_SMALL = 69;
 constexpr std::uint32_t NUMBER_MODULE_TOO_SMALL = 72;
@@ -75,10 +75,9 @@ void MemoryHeap::freeSegment(MemorySegment& segment)
 {
     check(segment.owner != MemorySegment::NoOwner, NUMBER_NO_OWNER, "mmi != MemorySegment::NoOwner");
     check(segment.owner != nullptr, NUMBER_NULL_OWNER, "mmi != 0");
-    check(segment.owner->isHeapMemory(), NUMBER_NOT_OF_THE_HEAP, "mmi->isHeapMemory()");
+    check(segment.owner->isHeapMemory(), NUMBER_NOT_A_HEAP_MODULE, "mmi->isHeapMemory()");
     check(segment.buffer != nullptr, __LINE__, "segment->buffer != 0"); // given back already
-    GuardedMemory::destroyArray(segment.buffer,
-                                SourcePlace::numbered(NUMBER_RELEASED)); // misuse is reported, heap included
+    GuardedMemory::destroyArray(segment.buffer, SourcePlace::numbered(NUMBER_RELEASED));
     countFreed(segment);
 }
 
@@ -115,7 +114,7 @@ void MemoryHeap::printMemoryUsage()
             modules.emplace_back(name, module->getCurrentlyUsedBytes());
         }
     }
-    // Logged when the lock is free again: a log client may find misuse of memory, which is reported through here.
+    // Logged without the lock: a log client may find misuse of memory, whose report comes here.
     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, NO_FRACTION) << "Memory HEAP: "
                                                                      << " m_usedMemoryGross=" << gross << " "
                                                                      << " m_usedMemoryNet=" << net << " " << std::endl;

@@ -7,8 +7,8 @@
 //     MemorySegment segment = MemoryHeap::instance().takeSegment(*module, 100);
 //     MemoryHeap::instance().freeSegment(segment);
 //
-// Made on first use and never destroyed; so are the modules. Any thread may call. Memory comes from MemShield; it is
-// released without the heap's lock, so that a memory report can be written when misuse is found.
+// Made on first use and never destroyed, as are the modules. Any thread may call. Memory comes from MemShield and is
+// released without the heap's lock, because the report of misuse that a release finds takes that lock.
 
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/MemoryAllocatorInterface.h"
@@ -22,12 +22,12 @@
 class MemoryHeap final : public Singleton<MemoryHeap, MemoryHeap>, public MemoryAllocatorInterface
 {
 public:
-    /// Null, with an Error line, if the name is taken. What a module uses counts for its parent, too, and so on up.
+    /// Returns null, with an Error line, if the name is taken. What a module uses counts for all its ancestors, too.
     HeapModuleMemoryInformation* registerModule(const std::string& name, HeapModuleMemoryInformation* parent)
         EXCLUDES(m_mutex);
 
-    /// A segment of that many bytes, which are not initialized. One of 0 bytes is refused with an Error line: it has no
-    /// buffer and no owner. Throws std::bad_alloc, and nothing is counted then.
+    /// A segment of that many bytes, which are not initialized. For 0 bytes, logs an Error line and returns a segment
+    /// without buffer and owner. Throws std::bad_alloc, with nothing counted.
     [[nodiscard]] MemorySegment takeSegment(HeapModuleMemoryInformation& module, std::uint64_t bytes) EXCLUDES(m_mutex);
 
     void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) override EXCLUDES(m_mutex);
@@ -35,7 +35,7 @@ public:
     void addUsedMemoryNet(std::int32_t bytes) override EXCLUDES(m_mutex);
     [[nodiscard]] std::uint32_t getChunkSize() const override { return CHUNK_SIZE; }
 
-    /// Logs both totals, and what each module uses.
+    /// Logs both totals and what each module uses.
     void printMemoryUsage() EXCLUDES(m_mutex);
 
 private:
@@ -48,6 +48,6 @@ private:
 
     Mutex m_mutex; // guards the members below and the modules' figures; nothing is taken inside it
     StlMemShiledContainer<std::map<std::string, HeapModuleMemoryInformation*>> m_modules GUARDED_BY(m_mutex){"mmis"};
-    std::uint64_t m_usedMemoryGross GUARDED_BY(m_mutex) = 0; // whole chunks
-    std::uint64_t m_usedMemoryNet GUARDED_BY(m_mutex) = 0;   // as the modules asked for it
+    std::uint64_t m_usedMemoryGross GUARDED_BY(m_mutex) = 0; // a chunk for each segment
+    std::uint64_t m_usedMemoryNet GUARDED_BY(m_mutex) = 0;   // what was asked for
 };

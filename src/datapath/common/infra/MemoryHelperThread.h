@@ -1,7 +1,7 @@
 #pragma once
 
-// The active object that finishes the growth of memory pools whose memory was not available at once. It is made and
-// started on first use and never destroyed.
+// The active object that finishes the growth of memory pools whose blocks come late. Made and started on first use and
+// never destroyed. Any thread may call.
 
 #include "datapath/common/infra/ActiveObject.h"
 #include "datapath/common/infra/base/Singleton.h"
@@ -10,7 +10,7 @@
 class MemoryHelperThread final : public Singleton<MemoryHelperThread, MemoryHelperThread>, public ActiveObject
 {
 public:
-    /// Executes an action that somebody else owns and that must outlive it.
+    /// Executes another action, which it does not own and which must outlive it.
     class ActionWrapper final : public Action
     {
     public:

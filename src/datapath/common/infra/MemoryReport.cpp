@@ -57,7 +57,7 @@ void printMisuse(const Records& culprits)
 {
     MemoryReport::printAllocations();
     MemoryReport::printRecentlyFreed();
-    dump(culprits); // what no other line tells of a block: how large it is
+    dump(culprits); // no other line tells the size of such a block
 }
 
 void endReportsForGood()

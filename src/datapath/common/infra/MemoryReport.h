@@ -6,22 +6,21 @@
 //
 //     MemoryReport::printAllocations();
 //
-// Any thread may call. Lines are logged, and the locks of the units that are reported on are taken: the caller may hold
-// none of these. Places and blocks appear only with guarded memory. Its lines name MemShield, by which support knows
-// them.
+// A thread that calls must hold no lock of the units that are reported on. Places and blocks appear only with guarded
+// memory. The lines carry the name of MemShield, by which support knows them.
 
 namespace MemoryReport
 {
 
 /// Logs how much is allocated and by which places, then the watched containers, the process-wide memory pool and heap,
-/// and the memory and CPU usage of the process. A place with too many blocks ends the process
-/// (t_MemShieldMaxAllocationInCodeLine).
+/// and the memory and CPU usage of the process. A place with t_MemShieldMaxAllocationInCodeLine blocks or more ends the
+/// process.
 void printAllocations();
 
 /// Logs the guarded blocks that are kept after their release (t_allocationHistoryLengthMs), in the order of addresses.
 void printRecentlyFreed();
 
-/// Logs every live guarded block, as of one moment, in the order of addresses.
+/// Logs every guarded block that is live at one moment, in the order of addresses.
 void memShieldDumpLocked();
 
 } // namespace MemoryReport

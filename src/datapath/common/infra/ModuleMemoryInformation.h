@@ -3,8 +3,8 @@
 // What an allocator of segments, a MemoryPoolImpl or the MemoryHeap, knows of one client module: a part of the program
 // whose memory is accounted and limited by itself.
 //
-// Records are made, owned and locked by the allocator that registered the module. Bytes are those of whole chunks
-// unless said otherwise.
+// Records are made, owned and locked by the allocator that registered the module. All figures in bytes count whole
+// chunks.
 
 #include "datapath/common/infra/SequentialRequestsManager.h"
 
@@ -29,7 +29,7 @@ public:
     ModuleMemoryInformation& operator=(const ModuleMemoryInformation&) = delete;
     virtual ~ModuleMemoryInformation() = default;
 
-    /// Whether the module's segments come from the MemoryHeap; else from a pool.
+    /// Whether the module's segments come from the MemoryHeap, and not from a pool.
     [[nodiscard]] virtual bool isHeapMemory() const { return false; }
 
     [[nodiscard]] const std::string& name() const { return m_name; }
@@ -38,31 +38,30 @@ public:
     /// Registered modules whose parent this is.
     [[nodiscard]] std::uint32_t numChildren() const { return m_numChildren; }
 
-    /// Kept free for the module as long as it does not use them.
+    /// Bytes that only this module can use.
     [[nodiscard]] std::uint64_t reservedBytes() const { return m_reservedBytes; }
 
-    /// What it may use by itself at most; NO_LIMIT for none.
+    /// The most bytes that the module may use, or NO_LIMIT.
     [[nodiscard]] std::uint64_t limitBytes() const { return m_limitBytes; }
 
-    /// In use by the module and by those below it.
+    /// Bytes that the module and its descendants use.
     [[nodiscard]] std::uint64_t getCurrentlyUsedBytes() const { return m_usedBytes; }
 
-    /// How much of the reservation is not in use.
     [[nodiscard]] std::uint64_t unusedReservation() const
     {
         return m_reservedBytes > m_usedBytes ? m_reservedBytes - m_usedBytes : 0;
     }
 
-    /// Chunks beyond the limit that the module may have. Registering leaves it at 0.
+    /// Chunks that the module may have beyond its limit: 0, because nothing grants any.
     [[nodiscard]] std::uint64_t extraChunks() const { return m_extraChunks; }
 
-    /// How often the module was told that there is no memory; only printed.
+    /// How often the module was told that there is no memory: 0, because requests wait instead.
     [[nodiscard]] std::uint32_t numNAs() const { return m_numNAs; }
 
     [[nodiscard]] SequentialRequestsManager_Internal::ModuleInformation& waiting() { return m_waiting; }
     [[nodiscard]] const SequentialRequestsManager_Internal::ModuleInformation& waiting() const { return m_waiting; }
 
-    // For the allocator, under its lock. What is used counts for the module and for all above it.
+    // For the allocator, under its lock. Used bytes count for the module and for all its ancestors.
     void addToParent() { m_parent != nullptr ? ++m_parent->m_numChildren : 0; }
     void removeFromParent() { m_parent != nullptr ? --m_parent->m_numChildren : 0; }
     void addUsedBytes(std::uint64_t bytes)
@@ -81,7 +80,7 @@ public:
     }
 
 private:
-    SequentialRequestsManager_Internal::ModuleInformation m_waiting; // its requests
+    SequentialRequestsManager_Internal::ModuleInformation m_waiting;
     const std::string m_name;
     const std::uint64_t m_reservedBytes;
     const std::uint64_t m_limitBytes;

@@ -1,13 +1,13 @@
 #pragma once
 
-// A watched queue with one first-in first-out list for each priority; a higher number is taken earlier.
+// A watched queue with one first-in first-out list for each priority. Items of a higher priority are taken first.
 //
 //     PriorityQueue<Thing*> queue(2, "Things", false);
 //     queue.enqueue(thing, 1);
 //     while (const auto taken = queue.dequeue()) ...                    // taken->item, taken->priority
 //
-// The owner locks every call but itemCount, which any thread may make at any time. What pointers in the queue point to
-// stays the owner's. Memory is allocated for many items at a time.
+// The owner locks every call but itemCount, which any thread may make at any time. Items that are pointers do not own
+// what they point to.
 
 #include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/DynamicTweaks.h"
@@ -33,13 +33,14 @@ public:
     struct Taken
     {
         T item;
-        std::uint32_t priority; ///< that it was queued at
+        std::uint32_t priority; ///< the one at which the item was queued
     };
 
-    /// Priorities go from 0 to numPriorities - 1. With printStats, a line of watermarks is logged from time to time.
-    /// An owner that keeps items elsewhere before it enqueues them passes numArrived, in which it counts every item
-    /// that has ever arrived, before it is enqueued. Reports then show those items, too. numArrived must outlive the
-    /// queue.
+    /// Priorities go from 0 to numPriorities - 1. With printStats, watermarks are logged at most once in
+    /// printIntervalMs().
+    /// An owner that keeps items elsewhere before it enqueues them passes numArrived, a count of all items that have
+    /// ever arrived, so that reports show those items, too. An item is counted there before it is enqueued. numArrived
+    /// must outlive the queue.
     PriorityQueue(std::uint32_t numPriorities, std::string name, bool printStats,
                   const platform::Atomic<std::uint64_t>* numArrived = nullptr)
         : MemWatchedContainer(std::move(name), ITEM_SIZE, 0),
@@ -52,7 +53,7 @@ public:
     PriorityQueue& operator=(const PriorityQueue&) = delete;
     ~PriorityQueue() override { MemWatchedContainerDatabase::instance().unregisterContainer(this); }
 
-    /// A priority out of range ends the process. If the Logger's hook prevents that, the item is not queued.
+    /// A priority out of range ends the process. If the Logger's hook prevents that, the item is dropped.
     void enqueue(T item, std::uint32_t priority)
     {
         if (priority >= m_queues.size()) [[unlikely]]
@@ -67,12 +68,12 @@ public:
         printStatsIfNeeded();
         Queue& queue = m_queues[priority];
         queue.items.push_back(std::move(item));
-        add1(m_numEnqueued);
+        increment(m_numEnqueued);
         m_highestPriority = std::max(m_highestPriority, priority);
         queue.highWatermark = std::max<std::uint64_t>(queue.highWatermark, queue.items.size());
     }
 
-    /// The oldest item of the highest priority that has any; nothing if the queue is empty.
+    /// Removes and returns the oldest item of the highest priority; nothing if the queue is empty.
     [[nodiscard]] std::optional<Taken> dequeue()
     {
         if (empty())
@@ -87,7 +88,7 @@ public:
         Queue& queue = m_queues[m_highestPriority];
         std::optional<Taken> taken(Taken{std::move(queue.items.front()), m_highestPriority});
         queue.items.pop_front();
-        add1(m_numTaken);
+        increment(m_numTaken);
         queue.lowWatermark = std::min<std::uint64_t>(queue.lowWatermark, queue.items.size());
         printStatsIfNeeded();
         return taken;
@@ -134,13 +135,13 @@ public:
         }
     }
 
-    /// A bound: no item has a higher priority.
+    /// No item has a higher priority than this. Items with this one may have been taken already.
     [[nodiscard]] std::uint32_t highestPriority() const { return m_highestPriority; }
 
-    /// Changes the name in the line of watermarks. Reports of watched containers keep the first name.
+    /// Changes the name in the lines of watermarks. Reports of watched containers keep the first name.
     void setName(std::string name) { m_name = std::move(name); }
 
-    /// The number that reports show. It was exact at some moment during the call.
+    /// The number of items that reports show: the exact number at some moment during the call.
     [[nodiscard]] std::uint64_t itemCount() const override
     {
         std::uint64_t numTaken = m_numTaken.load(std::memory_order_acquire);
@@ -148,14 +149,14 @@ public:
         {
             const std::uint64_t numArrived = m_numArrived.load(std::memory_order_acquire);
             const std::uint64_t numTakenBefore = std::exchange(numTaken, m_numTaken.load(std::memory_order_acquire));
-            if (numTaken == numTakenBefore) // so it had that value when numArrived was read
+            if (numTaken == numTakenBefore) // it only grows, so it had this value when numArrived was read
             {
                 return numArrived - numTaken;
             }
         }
     }
 
-    /// Whether the counts, the highest priority and the watermarks fit the lists. For tests.
+    /// Whether the counts, the highest priority and the watermarks match the lists. For tests.
     [[nodiscard]] bool checkInvariants() const
     {
         std::uint64_t total = 0;
@@ -176,7 +177,7 @@ private:
     struct Queue
     {
         std::deque<T> items;
-        std::uint64_t highWatermark = 0; // the largest number of items since the last line
+        std::uint64_t highWatermark = 0; // the largest number of items since watermarks were logged last
         std::uint64_t lowWatermark = 0;  // the smallest
     };
 
@@ -189,8 +190,8 @@ private:
         return DynamicTweaks::instance().t_IOVerboseLogs ? VERBOSE_INTERVAL_MS : static_cast<std::uint32_t>(intervalMs);
     }
 
-    /// The calling thread has the owner's lock, so it is the only one that writes.
-    static void add1(platform::Atomic<std::uint64_t>& count)
+    /// Not atomic as a whole: only threads with the owner's lock write.
+    static void increment(platform::Atomic<std::uint64_t>& count)
     {
         count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
@@ -223,11 +224,11 @@ private:
         line << std::endl;
     }
 
-    platform::Atomic<std::uint64_t> m_numEnqueued = 0; // since the construction, as m_numTaken
-    platform::Atomic<std::uint64_t> m_numTaken = 0;
-    const platform::Atomic<std::uint64_t>& m_numArrived;
-    std::vector<Queue> m_queues;         // by priority
-    std::uint32_t m_highestPriority = 0; // every list above it is empty
+    platform::Atomic<std::uint64_t> m_numEnqueued = 0;   // items that were ever enqueued
+    platform::Atomic<std::uint64_t> m_numTaken = 0;      // items that were ever taken
+    const platform::Atomic<std::uint64_t>& m_numArrived; // the owner's count, or m_numEnqueued
+    std::vector<Queue> m_queues;                         // indexed by priority
+    std::uint32_t m_highestPriority = 0;                 // every list above it is empty
     const bool m_printStats;
     const std::uint32_t m_printIntervalMs;
     std::int64_t m_lastPrintMs = 0;

@@ -1,8 +1,8 @@
 #pragma once
 
-// The segments that together hold the bytes of one request, in the order in which they came. Belongs to whoever made
-// the request; while it waits, the pool appends segments under its lock. The segments' memory is not owned: it goes
-// back through the allocator that it came from.
+// The segments that together hold the bytes of one request, in the order in which they came. The requester owns the
+// buffer; while the request waits, the pool appends segments under its lock. The segments' memory is not owned: the
+// requester gives it back to the allocator that it came from.
 //
 //     ScatteredBuf buffer;
 //     const RcStatus status = pool.requestMemory(module, 200'000, buffer, traceId).get(); // waits
@@ -31,11 +31,11 @@ public:
         appendFirst(made);
     }
 
-    /// Moves the first segment of the list, which was made somewhere else, so that this takes no memory.
+    /// Moves the first segment of the given list to the end of this one. Takes no memory.
     void appendFirst(std::list<MemorySegment>& made)
     {
         const MemorySegment& segment = made.front();
-        if (m_segments.empty()) // which it may be after others were taken out of it
+        if (m_segments.empty()) // also after others were taken out through getSegments
         {
             m_totalBytes = 0;
             m_firstSize = segment.sizeBytes;
@@ -51,7 +51,7 @@ public:
         m_segments.splice(m_segments.end(), made, made.begin());
     }
 
-    /// Forgets the segments, whose memory has gone back.
+    /// Forgets the segments, whose memory must have been given back.
     void clear() { *this = ScatteredBuf(); }
 
     /// Forgets that many of the last segments.

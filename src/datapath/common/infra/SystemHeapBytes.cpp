@@ -6,7 +6,7 @@ void SystemHeapBytes::claimShare() noexcept
 {
     for (Share& share : s_shares)
     {
-        // The acquire makes the counts of the previous owner visible, from which this thread goes on.
+        // The acquire order makes the previous owner's counts visible, from which this thread goes on.
         if (!share.isOwned.load(std::memory_order_relaxed) && !share.isOwned.exchange(true, std::memory_order_acquire))
         {
             s_share = &share;
@@ -35,14 +35,14 @@ std::uint64_t SystemHeapBytes::read() noexcept
         }
         return sum;
     };
-    // What other threads give back during the sums still counts as held. Of several attempts, the one with the smallest
-    // such error is used.
+    // Bytes that other threads give back while the shares are added up still count as held. Of several attempts, the
+    // one with the fewest such bytes is used.
     constexpr int ATTEMPTS = 32;
     std::uint64_t held = 0;
     std::uint64_t leastError = std::numeric_limits<std::uint64_t>::max();
     for (int i = 0; i < ATTEMPTS && leastError != 0; ++i)
     {
-        const std::uint64_t returned = sumOf(&Share::returned); // read first, so that all of it is included in taken
+        const std::uint64_t returned = sumOf(&Share::returned); // read first, so that taken includes all of it
         const std::uint64_t taken = sumOf(&Share::taken);
         if (const std::uint64_t error = sumOf(&Share::returned) - returned; error < leastError)
         {

@@ -1,10 +1,10 @@
 #pragma once
 
-// How many bytes the guarded allocator holds from the system heap, in both of its modes.
+// Counts the bytes that the guarded allocator has taken from the system heap, in both of its modes.
 //
-// Each thread counts in a share of its own, so that counting costs no more with many threads than with one;
-// reading sums the shares. A sum that is read while other threads count may be a little more than there was at any
-// single moment; it is never negative. Any thread may call.
+// Each thread counts in a share of its own, so that counting costs no more with many threads than with one; reading
+// adds up the shares. A sum that is read while other threads count may be a little above the figure of any single
+// moment; it is never negative. Any thread may call.
 
 #include <array>
 #include <atomic>
@@ -14,12 +14,13 @@
 namespace SystemHeapBytesInternal
 {
 
-/// The counts of one thread, on a cache line of their own. No thread acts upon another one's counts, so the order of
-/// threads does not matter here: these are no platform::Atomic, and so no switch points of simulated schedules.
+/// The counts of one thread, on a cache line of their own. What a thread does never depends on the counts of another,
+/// so these are std::atomic and not platform::Atomic, which would make each access a switch point of simulated
+/// schedules.
 struct alignas(64) Share
 {
     std::atomic<std::uint64_t> taken = 0;
-    std::atomic<std::uint64_t> returned = 0; // including bytes that other threads took
+    std::atomic<std::uint64_t> returned = 0; // includes bytes that other threads took
     std::atomic<bool> isOwned = false;
 };
 
@@ -33,11 +34,11 @@ public:
 
     [[nodiscard]] static std::uint64_t read() noexcept;
 
-    /// Whether the calling thread has counted something already.
+    /// Whether the calling thread has a share, so has counted before.
     [[nodiscard]] static bool isCounting() noexcept { return s_share != nullptr; }
 
-    /// Leaves the calling thread's share to the next thread. Called by threads that end; the share of a thread that
-    /// ends without it is lost.
+    /// Leaves the calling thread's share to the next new thread. A thread calls it before it ends; otherwise no other
+    /// thread can use that share.
     static void leaveShare() noexcept;
 
 private:
@@ -55,16 +56,16 @@ private:
             count.fetch_add(bytes, std::memory_order_release);
             return;
         }
-        // No other thread writes the share, so this is no read-modify-write: two of them, for an allocation and its
-        // release, would take 8 ns, which is as long as both take together. The release makes sure that whoever reads
-        // what was returned also reads that it was taken.
+        // No other thread writes this share, so a load and a store are enough; atomic additions would take as long
+        // again as an allocation with its release, 8 ns. The release order makes a reader that sees returned bytes see
+        // that they were taken.
         count.store(count.load(std::memory_order_relaxed) + bytes, std::memory_order_release);
     }
 
-    /// Gives the calling thread a share, or the common one if all are owned.
+    /// Gives the calling thread a share of its own, or the common one if there is none left.
     static void claimShare() noexcept;
 
     static constinit inline std::array<Share, 256> s_shares{};
     static constinit inline Share s_commonShare{};
-    static constinit inline thread_local Share* s_share = nullptr; // of the calling thread
+    static constinit inline thread_local Share* s_share = nullptr; // the calling thread's; null before it counts
 };

@@ -1,4 +1,5 @@
-// Every misuse of memory that the guarded allocator finds, seen from outside: lines and status.
+// Every misuse of memory that the guarded allocator finds. A child process commits it; the test looks at its output and
+// status.
 
 #include "datapath/common/infra/GuardedMemory.h"
 #include "datapath/common/infra/MemShield.h"
@@ -28,7 +29,8 @@ const DynamicTweak<bool> NOT_DISABLED;
 
 HeapMemoryAllocationTracker tracker(1'000'000, 1'000'000, NOT_DISABLED, "client");
 
-/// As the log file does, allocates for each line; writes that many bytes after the end of each copy.
+/// Registers a log client that, like the log file, copies each line into a block of the allocator, and writes overrun
+/// bytes beyond the block.
 void logThroughTheAllocator(bool isGuarded, std::size_t overrun)
 {
     MemShield::setEnabled(isGuarded);
@@ -57,8 +59,8 @@ template <class Byte> Byte* written(Byte* bytes, std::size_t offset, int value)
     return bytes;
 }
 
-/// While a misuse is reported, threads find more: under the lock of the tweaks, in a CPU report and in one of
-/// sub-pools.
+/// While a misuse is reported, other threads find misuse, too: under the lock of the tweaks, in a CPU report and in a
+/// report of sub-pools.
 void misuseUnderLocks()
 {
     static std::atomic<int> misuses = 0;
@@ -77,7 +79,7 @@ void misuseUnderLocks()
     releaseWhatIsNoBlock();
 }
 
-/// While a misuse is reported, a thread finds one that the report needs.
+/// While a misuse is reported, a thread that the report needs finds misuse, too.
 void misuseOnANeededThread()
 {
     static std::atomic<int> misuses = 0;
@@ -90,7 +92,7 @@ void misuseOnANeededThread()
     releaseWhatIsNoBlock();
 }
 
-/// In the report with the process-wide pool, whose lock is therefore free.
+/// A pool whose usage a report of misuse shows, for which it takes the pool's lock.
 template <class Pool = MemoryPoolImpl> Pool& reportedPool()
 {
     auto& pool = *new Pool({.chunkSize = 65'536, .maxPoolSize = 1});
@@ -104,7 +106,7 @@ void giveBack(MemoryAllocatorInterface& allocator, ModuleMemoryInformation* owne
     allocator.freeSegment(segment);
 }
 
-/// The pool destroys it when it is served out of its module's reservation.
+/// Overruns a request that waits. The pool destroys the request when its module's reservation can serve it.
 void overrunRequestThatWaited()
 {
     auto& pool = reportedPool<>();
@@ -118,7 +120,7 @@ void overrunRequestThatWaited()
     pool.freeSegments(buffers[0].getSegments(), 31);
 }
 
-/// Releases, when its request is served, a block that was overrun.
+/// Releases an overrun block when the request that it observes is served.
 struct OverrunReleasingObserver : FutureInternal::FutureObserver<RcStatus>
 {
     void update(const RcStatus& /*value*/) override { GuardedMemory::destroyArray(overrun, SourcePlace::here()); }
@@ -126,7 +128,7 @@ struct OverrunReleasingObserver : FutureInternal::FutureObserver<RcStatus>
     char* const overrun = written(GuardedMemory::createArray<char>(ARRAY_SITE, 5), 5, 65);
 };
 
-/// Growth that writes after the end of what describes it, and fails.
+/// A pool whose growth fails after it has overrun the MemoryAllocationHelper that holds memory.
 struct OverrunningPool : MemoryPoolImpl
 {
     using MemoryPoolImpl::MemoryPoolImpl;
@@ -142,7 +144,7 @@ const std::string END = "MemShield,memshieldError,Assertion (false) failed datap
 std::string report(const std::string& live, const std::string& dump)
 {
     const bool isEmpty = live.empty();
-    const std::uint64_t watched = 2 * sizeof(ThreadCpuUsageMonitor); // of the allocator's own threads
+    const std::uint64_t watched = 2 * sizeof(ThreadCpuUsageMonitor); // those of the library's own two threads
     return "MemShield,printAllocations,Allocated from system heap: " +
            std::to_string(watched + 2 * 80 + (isEmpty ? 0 : 180)) +
            "\nMemShield,printAllocations,Total memory allocation: " + std::to_string(watched + (isEmpty ? 0 : 100)) +
@@ -169,7 +171,7 @@ std::string overrun(const std::string& type, const std::string& file, const std:
                                          "  it->second.m_size=100  it->second.m_arrayLength=" + arrayLength + " \n");
 }
 
-/// The report of an overrun in what a pool or the heap released, with the usage of both where it belongs.
+/// The report of an overrun in a block that the pool or the heap has released, with the usage of both.
 std::string overrunIn(const std::string& unit, const std::string& line, const std::string& pool,
                       const std::string& heap)
 {
@@ -183,7 +185,7 @@ std::string overrunIn(const std::string& unit, const std::string& line, const st
 const std::string NO_SUB_POOLS = "subMemPools: totalFree=0  totalUsed=0  totalFrag=0  maxFree=0  maxUsed=0 ";
 const std::string NO_HEAP = "m_usedMemoryGross=0  m_usedMemoryNet=0 \n";
 
-/// The line of a failed check, from the log client and from the end of the process.
+/// The line of a failed check, as the log client writes it and as the process does when it ends.
 std::string failedCheck(const std::string& check)
 {
     return "~ datapath/common/infra/" + check + " failed. \n~,Assert,~";
@@ -228,7 +230,7 @@ const std::vector<Misuse> MISUSES = {
     {"overrunAtTheEnd",
      [] {
          Bytes const array = GuardedMemory::createArray<unsigned char>(ARRAY_SITE, 100);
-         MemShield::releaseArray(written(written(array, 100, 0xFF), 163, 0), PLACE); // the first is not noticed
+         MemShield::releaseArray(written(written(array, 100, 0xFF), 163, 0), PLACE); // 0xFF is not noticed
      },
      overrun("s8", "maker.cpp", "12", "63->0", "100", "user.cpp  line=22")},
     {"overrunOfABuffer", [] { tracker.free(written(tracker.allocateIgnoringLimit(100), 100, 65), 100); },
@@ -264,7 +266,7 @@ const std::vector<Misuse> MISUSES = {
                "Memory POOL:  m_usedMemoryGross=2097152  m_usedMemoryNet=2031617  free=0\n~", NO_HEAP)},
     {"overrunFoundByAnObserver",
      [] {
-         waitForOwnThreads(); // else a line of theirs may follow the report
+         waitForOwnThreads(); // otherwise one of their lines may come after the report
          auto& pool = reportedPool<>();
          ModuleMemoryInformation& module = *pool.registerModule({.name = "module"});
          std::array<ScatteredBuf, 2> buffers;

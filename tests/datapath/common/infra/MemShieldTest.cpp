@@ -123,7 +123,7 @@ TEST_F(MemShieldHistory, ReleasedBlocksStayWithTheirRecords)
     EXPECT_EQ(0, client.count("~,allocation ~"));
     MemShield::releaseObject(object, PLACE);
     EXPECT_EQ(ownBytes + 20 * (17 + 2U), MemShield::systemHeapBytes());
-    EXPECT_EQ(0xFF, object[0]); // still there
+    EXPECT_EQ(0xFF, object[0]); // the memory is kept
     MemoryReport::printRecentlyFreed();
     EXPECT_PRED2(matches, client.last(),
                  "Info,NON,MemShield,printRecentlyFreed,Freed item mem =~ info= info.m_size=2  info.m_file=maker.cpp  "

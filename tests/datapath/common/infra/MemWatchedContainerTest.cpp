@@ -12,7 +12,7 @@
 namespace
 {
 
-/// Expects these lines in a report, and before them those of what the Logger itself keeps.
+/// Expects these lines in a report, after those of the Logger's own containers.
 void expectReport(Texts lines)
 {
     lines.insert(lines.begin(),

@@ -30,7 +30,7 @@ struct MemoryPool : testing::Test
 {
     MemoryPool() { MemShield::setEnabled(false); }
 
-    /// Compares the messages of a level and logger since the last call.
+    /// Compares the messages since the last call that begin with the head. expected has what follows the head in each.
     void expectMessages(const std::string& head, const Texts& expected)
     {
         Texts messages = client.messages();
@@ -48,7 +48,7 @@ struct MemoryPool : testing::Test
     std::ptrdiff_t numSeen = 0;
 };
 
-/// Growth that fails later, also while the pool is being destroyed.
+/// The answers to growth that comes late. The test may give them while the pool is being destroyed.
 struct LateGrowth
 {
     void fail(RcStatus status)
@@ -62,10 +62,12 @@ struct LateGrowth
 
 struct LatePool : MemoryPoolImpl
 {
-    explicit LatePool(LateGrowth& its) : MemoryPoolImpl({.chunkSize = CHUNK, .maxPoolSize = BLOCK}), growth(its) {}
+    explicit LatePool(LateGrowth& answers) : MemoryPoolImpl({.chunkSize = CHUNK, .maxPoolSize = BLOCK}), growth(answers)
+    {
+    }
     Future allocateSingleAllocation(std::uint32_t /*size*/, char*& /*memory*/) override
     {
-        Future future; // the asker's own
+        Future future; // a new one for each growth
         growth.future = future;
         growth.asked.signal();
         return future;
@@ -123,7 +125,8 @@ void expectFillings(bool isGuarded)
     for (const char filling : {'\xFE', isGuarded ? '\xEE' : 'x'})
     {
         MemorySegment segment = take(pool, module);
-        EXPECT_EQ(CHUNK - 16, std::count(segment.buffer + 16, segment.buffer + CHUNK, filling)); // after the links
+        EXPECT_EQ(CHUNK - 16,
+                  std::count(segment.buffer + 16, segment.buffer + CHUNK, filling)); // the first bytes are a link
         std::memset(segment.buffer, 'x', CHUNK);
         pool.freeSegment(segment);
     }
@@ -156,7 +159,7 @@ TEST_F(MemoryPool, BrokenFiguresEndTheProcess)
     pool.freeSegment(segment);
     pool.addUsedMemoryNet(-5);
     segment = take(pool, module, 7);
-    segment.owner = &other; // of another pool
+    segment.owner = &other; // a module of another pool
     odd.freeSegment(segment);
     segment = take(pool, module, 7);
     HeapModuleMemoryInformation heapModule("heap", nullptr);
@@ -193,7 +196,7 @@ TEST_F(MemoryPool, BrokenFiguresEndTheProcess)
              "1245: a_val == RC_ABORTED || a_val == RC_TIME_OUT failed.  a_val=1"});
 }
 
-TEST_F(MemoryPool, WhatCannotBeMetIsRefusedByName)
+TEST_F(MemoryPool, SettingsThatCannotBeMetAreRefusedWithAReason)
 {
     MemoryPoolImpl pool({.chunkSize = CHUNK, .maxPoolSize = BLOCK - 1});
     MemoryPoolImpl sub({.chunkSize = 24});
@@ -241,7 +244,7 @@ TEST_F(MemoryPool, WhatCannotBeMetIsRefusedByName)
     EXPECT_EQ(BLOCK, pool.releaseUnused());
 }
 
-TEST_F(MemoryPool, GrowthAndLongWaitsAreToldAtMostOnceASecond)
+TEST_F(MemoryPool, GrowthAndLongWaitsAreLoggedAtMostOnceASecond)
 {
     const ScopedReplacement tickCount{platform::timeCalls.tickCountMs,
                                       [] { return static_cast<std::uint64_t>(nowMs); }};
@@ -289,7 +292,7 @@ TEST_F(MemoryPool, GrowthThatFailsLateIsWaitedFor)
     std::atomic<bool> isOver = false;
     std::thread answers([&] {
         growth.fail(RC_ABORTED);
-        do // a failure that comes at once makes the same call ask again
+        do // again, because the same request asks once more when its growth fails early
         {
             growth.fail(RC_TIME_OUT);
         } while (!isOver);
@@ -359,7 +362,7 @@ TEST_F(MemoryPool, TheHeapCountsAChunkForEachSegment)
                     "parent: used=8192", "Memory HEAP:  m_usedMemoryGross=0  m_usedMemoryNet=0 ", "child: used=0",
                     "parent: used=0"});
     own = {.sizeBytes = 1, .buffer = GuardedMemory::createArray<char>({"s8", SourcePlace::here()}, 1), .owner = child};
-    heap.freeSegment(own); // which nobody has taken
+    heap.freeSegment(own); // takeSegment has not returned this one
     expectMessages("Assert,NON,MemoryHeap,freeSegmentContentLocked, datapath/common/infra/MemoryHeap.cpp ",
                    {"69: m_usedMemoryGross >= getChunkSize() failed. ",
                     "72: mmi->getCurrentlyUsedBytes() >= getChunkSize() failed. ",
@@ -369,7 +372,7 @@ TEST_F(MemoryPool, TheHeapCountsAChunkForEachSegment)
 void expectNoFaultOfRandomOperations(bool isGuarded)
 {
     MemShield::setEnabled(isGuarded);
-    for (const unsigned seed : {1U, 2U, 3U, 15U, 38U, 120U}) // some reach growth that fails and then succeeds
+    for (const unsigned seed : {1U, 2U, 3U, 15U, 38U, 120U}) // with some, growth fails and succeeds later
     {
         std::mt19937 random(seed);
         std::string bytes(2'000, '\0');
@@ -378,7 +381,7 @@ void expectNoFaultOfRandomOperations(bool isGuarded)
     }
 }
 
-TEST_F(MemoryPool, DoesWhatAPlainModelDoes) { expectNoFaultOfRandomOperations(false); }
-TEST_F(MemoryPool, DoesWhatAPlainModelDoesWhileMemoryIsGuarded) { expectNoFaultOfRandomOperations(true); }
+TEST_F(MemoryPool, BehavesLikeAPlainModel) { expectNoFaultOfRandomOperations(false); }
+TEST_F(MemoryPool, BehavesLikeAPlainModelWhileMemoryIsGuarded) { expectNoFaultOfRandomOperations(true); }
 
 } // namespace

@@ -56,29 +56,29 @@ TEST_F(PriorityQueueTest, WatermarksAreLoggedOnceAnInterval)
     enqueueAt(queue, 29'999, 0);
     EXPECT_TRUE(queue.dequeue() && queue.dequeue());
     enqueueAt(queue, 30'000, 1);
-    nowMs = 60'000; // nobody else reads the clock
+    nowMs = 60'000; // only dequeue reads the clock
     EXPECT_TRUE(queue.dequeue());
     enqueueAt(verbose, 60'000, 0);
     enqueueAt(verbose, 60'499, 0);
     enqueueAt(verbose, 60'500, 0);
     EXPECT_EQ(
         (Texts{"(Bytes)Q1:0 (0 B WM-H0 L0) Q0:0 (0 B WM-H0 L0) ", "(Renamed)Q1:0 (0 B WM-H1 L0) Q0:2 (2 B WM-H3 L0) ",
-               "(Renamed)Q1:0 (0 B WM-H1 L0) Q0:2 (2 B WM-H2 L2) ", // since the line before
+               "(Renamed)Q1:0 (0 B WM-H1 L0) Q0:2 (2 B WM-H2 L2) ", // since the last line
                "(Verbose)Q0:0 (0 B WM-H0 L0) ", "(Verbose)Q0:2 (2 B WM-H2 L0) "}),
         client.messagesAfter("Info,NON,PriorityQueue,printStatsIfNeeded,"));
 }
 
 TEST_F(PriorityQueueTest, TakesTheOldestOfTheHighestPriorityWhateverCameBefore)
 {
-    platform::Atomic<std::uint64_t> numArrived = 7; // more than are enqueued
+    platform::Atomic<std::uint64_t> numArrived = 7; // 7 items are never enqueued
     auto queue = std::make_unique<PriorityQueue<int>>(5, "Items", true, &numArrived);
-    std::set<std::pair<std::int64_t, int>> model; // negative priorities and ages
+    std::set<std::pair<std::int64_t, int>> model; // pairs of a negative priority and an item: the first is next
     std::mt19937 random(4711);
     for (int step = 0; step < 20'000; ++step)
     {
         nowMs += static_cast<std::int64_t>(random() % 40);
         const auto priority = static_cast<std::uint32_t>(random() % 5);
-        if (random() % 4 < (step / 500 % 2 == 0 ? 3U : 1U)) // grows for a while, then shrinks
+        if (random() % 4 < (step / 500 % 2 == 0 ? 3U : 1U)) // the queue grows for a while, then shrinks
         {
             ++numArrived;
             queue->enqueue(step, priority);
