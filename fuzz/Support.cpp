@@ -55,7 +55,7 @@ LastLineClient& lastLineClient()
     std::cout.rdbuf(nullptr);
     std::cerr.rdbuf(nullptr);
     processCalls.endProcess.current = [] { throw ProcessEnded(); };
-    fileCalls.makeFolder.current = [](const char*) { return 0; };
+    fileCalls.createFolderErrno.current = [](const char*) { return 0; };
     fileCalls.openFile.current = [](const char* path, OpenMode) {
         const auto found = files.find(path);
         return found == files.end()

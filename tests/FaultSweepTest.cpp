@@ -89,7 +89,7 @@ void installFaults()
     Fallible<&FileCalls::lengthOfFile>::install(fileCalls, {0, ErrorNumber::IoDevice});
     Fallible<&FileCalls::closeFile>::install(fileCalls, ErrorNumber::IoDevice);
     Fallible<&FileCalls::createFolder>::install(fileCalls, ErrorNumber::AccessDenied);
-    Fallible<&FileCalls::makeFolder>::install(fileCalls, NO_PERMISSION);
+    Fallible<&FileCalls::createFolderErrno>::install(fileCalls, NO_PERMISSION);
     Fallible<&FileCalls::pathExists>::install(fileCalls, false);
     Fallible<&FileCalls::removeFile>::install(fileCalls, NO_PERMISSION);
     Fallible<&FileCalls::renameFile>::install(fileCalls, NO_PERMISSION);

@@ -1,14 +1,14 @@
 #pragma once
 
-// One entry of a platform table: a call to the operating system that a test can replace. This is where the code above
-// the platform can be shown a system that fails, that is slow or that has another clock.
+// One entry of a platform table: a call to the operating system that a test can replace, to simulate a system that
+// fails, that is slow or that has another clock.
 //
 //     struct FileCalls { Call<ErrorNumber(FileHandle file)> closeFile; };
 //     constinit FileCalls fileCalls = {.closeFile = {"closeFile", posix::closeFile}};
 //     fileCalls.closeFile(file);
 //
-// A call costs what one through a function pointer costs. Any thread may call. Only current ever changes, while no
-// other thread calls.
+// A call costs as much as one through a function pointer. Any thread may call. The member current may be changed while
+// no other thread calls the entry; nothing else ever changes.
 
 #include <utility>
 
@@ -32,8 +32,8 @@ template <class Result, class... Arguments> struct Call<Result(Arguments...)>
     Result operator()(Arguments... arguments) const { return current(std::forward<Arguments>(arguments)...); }
 
     const char* const name;
-    const Function original; ///< the system's own
-    Function current;        ///< what a call runs
+    const Function original; ///< the system's own function
+    Function current;        ///< the function that a call runs
 };
 
 } // namespace platform

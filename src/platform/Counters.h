@@ -23,7 +23,8 @@ enum class CpuCounter : std::intptr_t
     Invalid = 0
 };
 
-/// Times since the system started, in 100-ns units, averaged over the processors.
+/// Two running totals in 100-ns units, averaged over the processors. Where they start depends on the system: only the
+/// differences between two readings have a meaning.
 struct CpuTicks
 {
     std::int64_t idle;
@@ -35,7 +36,7 @@ struct CpuTicks
 struct ProcessMemory
 {
     std::uint64_t peakWorkingSet;        ///< PeakWorkingSetSize; VmHWM: the largest workingSet so far
-    std::uint64_t workingSet;            ///< WorkingSetSize; VmRSS: what is in physical memory, shared files included
+    std::uint64_t workingSet;            ///< WorkingSetSize; VmRSS: resident memory, shared files included
     std::uint64_t peakPagedPoolQuota;    ///< QuotaPeakPagedPoolUsage; 0
     std::uint64_t pagedPoolQuota;        ///< QuotaPagedPoolUsage; 0
     std::uint64_t peakNonPagedPoolQuota; ///< QuotaPeakNonPagedPoolUsage; 0
@@ -60,15 +61,14 @@ struct CounterCalls
     Call<void(ProcessHandle process)> closeProcess;
 };
 
-/// The calls in use. Tests replace single entries, before other threads call them.
 extern CounterCalls counterCalls;
 
 /// PdhOpenQueryA, PdhAddCounterA for "\Processor(_Total)\% Idle Time" and a first sample; /proc/stat. A counter that
 /// could not be opened fails when it is read.
 [[nodiscard]] inline CpuCounter openCpuCounter() { return counterCalls.openCpuCounter(); }
 
-/// PdhCollectQueryData and PdhGetRawCounterValue; /proc/stat. Returns 0, or on failure the system's code, which may be
-/// negative, and leaves ticks unchanged. An Invalid counter fails too.
+/// PdhCollectQueryData and PdhGetRawCounterValue; /proc/stat. Returns 0. On failure, an Invalid counter included, it
+/// returns the system's error code, which may be negative, and leaves ticks unchanged.
 [[nodiscard]] inline std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
 {
     return counterCalls.readCpuCounter(counter, ticks);

@@ -5,14 +5,14 @@
 //
 //     runDialog(module, IDD_CHECKPOINT, procedure); // returns when the procedure has called endDialog
 //
-// In a terminal a line is the text of the edit control, and its end presses OK if that is enabled and Cancel if not.
-// A line that ends with Esc, and the end of the input, cancel. A line with control characters, or one that is so long
-// that the terminal has cut it, is refused with the reason and asked for again. Where standard input is no terminal,
-// nothing is asked: the first line is the text, and if it is refused, for its control characters, the reason goes to
+// In a terminal each line becomes the text of the edit control, and its end presses OK if that is enabled, else Cancel.
+// A line that ends with Esc cancels the dialog, and so does the end of the input. A line with control characters, or
+// one that is so long that the terminal has cut it, is refused with the reason and asked for again. Where standard
+// input is no terminal, nothing is asked: the first line is the text. If it has control characters, the reason goes to
 // standard error and the dialog is cancelled.
 //
-// Only the thread that runs the dialog may call these functions; reportFailure is for any thread. The texts of the
-// dialog are UTF-16.
+// Only the thread that runs the dialog may call these functions, except reportFailure, which any thread may call. The
+// texts of the dialog are UTF-16.
 
 #include "platform/Call.h"
 #include "platform/ErrorNumber.h"
@@ -24,8 +24,8 @@
 namespace platform
 {
 
-/// The loaded program whose resources hold the dialog; the entry point is given it. On POSIX it is
-/// a ModuleResources.
+/// The loaded program whose resources hold the dialog, as the entry point receives it. On POSIX it points to a
+/// ModuleResources.
 using ModuleHandle = void*;
 
 struct DialogBox;
@@ -33,7 +33,7 @@ struct DialogControl;
 using DialogHandle = DialogBox*;
 using ControlHandle = DialogControl*;
 
-/// Receives each message of the dialog. Returns nonzero for a message it handled.
+/// Receives each message of the dialog. Returns nonzero if it has handled the message.
 using DialogProcedure = std::intptr_t (*)(DialogHandle dialog, std::uint32_t message, std::uintptr_t wParam,
                                           std::intptr_t lParam);
 
@@ -55,7 +55,7 @@ struct DialogResource
     int editControl;
 };
 
-/// What a program on POSIX brings in place of compiled resources.
+/// What a program on POSIX has in place of compiled resources.
 struct ModuleResources
 {
     DialogResource dialog;
@@ -73,11 +73,10 @@ struct DialogCalls
     Call<void(const std::string& what, ErrorNumber error, const std::string& more)> reportFailure;
 };
 
-/// The calls in use. Tests replace single entries.
 extern DialogCalls dialogCalls;
 
-/// DialogBoxParamW without an owner window and with init parameter 0. Returns what endDialog was
-/// given, or -1 when the dialog cannot be shown. One dialog at a time.
+/// DialogBoxParamW without an owner window and with init parameter 0. Returns the result that endDialog was given, or
+/// -1 if the dialog cannot be shown. Only one dialog may run at a time.
 inline std::intptr_t runDialog(ModuleHandle module, int dialogId, DialogProcedure procedure)
 {
     return dialogCalls.runDialog(module, dialogId, procedure);
@@ -95,7 +94,8 @@ inline bool endDialog(DialogHandle dialog, std::intptr_t result) { return dialog
 /// EnableWindow. Returns whether the control was disabled before the call.
 inline bool enableControl(ControlHandle control, bool enable) { return dialogCalls.enableControl(control, enable); }
 
-/// SendDlgItemMessageW. Pointers to UTF-16 text travel in lParam.
+/// SendDlgItemMessageW. lParam holds a pointer where the message needs a buffer for UTF-16 text. On POSIX only the edit
+/// control answers, and only the two messages MESSAGE_EDIT_...; other messages return 0.
 inline std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::uint32_t message, std::uintptr_t wParam,
                                      std::intptr_t lParam)
 {
@@ -103,8 +103,8 @@ inline std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::ui
 }
 
 /// Tells the user of the dialog what has failed. On POSIX this is a line of UTF-8 on standard error, with the system's
-/// description of the error, and a second line with the further text, if it is not empty. On Windows it does nothing:
-/// the window closes without a message. Any thread may call.
+/// description of the error, and a second line with `more` if that is not empty. On Windows it does nothing: the window
+/// closes without a message. Any thread may call.
 inline void reportFailure(const std::string& what, ErrorNumber error, const std::string& more)
 {
     dialogCalls.reportFailure(what, error, more);

@@ -1,6 +1,6 @@
 #pragma once
 
-// The error numbers that platform calls report. They are the numbers of Windows on every target, because log lines and
+// The error numbers that platform calls report. On every target they are those of Windows, because log lines and
 // messages quote them; the POSIX implementation maps errno to the nearest one.
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 #pragma once
 
-// Files and folders. Each function is one system call.
+// Files and folders. Each function stands for one system call.
 //
 //     const OwnedFile file(openFile(path, OpenMode::Read).handle);
 //     if (file) { const Transfer transfer = readFile(file.get(), buffer.data(), buffer.size()); ... }
@@ -43,14 +43,13 @@ struct OpenedFile
     ErrorNumber error;
 };
 
-/// The length of a file, 0 on failure.
 struct FileLength
 {
-    std::uint64_t bytes;
+    std::uint64_t bytes; ///< 0 on failure
     ErrorNumber error;
 };
 
-/// The result of a read or a write. A read of 0 bytes without an error is the end of the file.
+/// The result of a read or a write. A read of 0 bytes without an error means the end of the file.
 struct Transfer
 {
     std::size_t bytes;
@@ -77,7 +76,7 @@ struct FileCalls
     Call<FileLength(FileHandle file)> lengthOfFile;
     Call<ErrorNumber(FileHandle file)> closeFile;
     Call<ErrorNumber(const char* path)> createFolder;
-    Call<int(const char* path)> makeFolder;
+    Call<int(const char* path)> createFolderErrno;
     Call<bool(const char* path)> pathExists;
     Call<int(const char* path)> removeFile;
     Call<int(const char* from, const char* to)> renameFile;
@@ -86,7 +85,6 @@ struct FileCalls
     Call<void(FolderHandle folder)> closeFolder;
 };
 
-/// The calls in use. Tests replace single entries, before other threads call them.
 extern FileCalls fileCalls;
 
 /// CreateFileA; open.
@@ -112,11 +110,12 @@ inline ErrorNumber closeFile(FileHandle file) { return fileCalls.closeFile(file)
 
 using OwnedFile = UniqueHandle<FileHandle, closeFile>;
 
-/// CreateDirectoryA; mkdir. Returns ErrorNumber::AlreadyExists for an existing path, whatever it is.
+/// CreateDirectoryA; mkdir. Creates one folder and reports the system's error: AlreadyExists if anything has that path.
 [[nodiscard]] inline ErrorNumber createFolder(const char* path) { return fileCalls.createFolder(path); }
 
-/// The C runtime's _mkdir; mkdir. Returns 0 or the C library's error number (17: it exists).
-[[nodiscard]] inline int makeFolder(const char* path) { return fileCalls.makeFolder(path); }
+/// The C runtime's _mkdir; mkdir. Does the same as createFolder, but returns 0 or the C library's error number, which
+/// is 17 (EEXIST) if anything has that path. It serves the callers whose messages quote that number.
+[[nodiscard]] inline int createFolderErrno(const char* path) { return fileCalls.createFolderErrno(path); }
 
 /// stat. Returns whether a file or folder exists.
 [[nodiscard]] inline bool pathExists(const char* path) { return fileCalls.pathExists(path); }
@@ -124,8 +123,8 @@ using OwnedFile = UniqueHandle<FileHandle, closeFile>;
 /// The C runtime's remove; unlink. Folders are not removed. Returns 0 or the C library's error number.
 [[nodiscard]] inline int removeFile(const char* path) { return fileCalls.removeFile(path); }
 
-/// The C runtime's rename; renameat2. Returns 0 or the C library's error number. Never replaces a file: for an existing
-/// target it returns 17 (EEXIST) and leaves both files unchanged.
+/// The C runtime's rename; renameat2. Returns 0 or the C library's error number. Never replaces a file: if the target
+/// exists, it returns 17 (EEXIST) and leaves both files unchanged.
 [[nodiscard]] inline int renameFile(const char* from, const char* to) { return fileCalls.renameFile(from, to); }
 
 /// FindFirstFileA on everything in the folder; opendir and the first readdir. Entries come in the system's order, "."

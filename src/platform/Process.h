@@ -1,6 +1,6 @@
 #pragma once
 
-// The running process and the processes it starts.
+// The running process and the processes that it starts.
 //
 //     std::u16string commandLine = u"TavroVssAgent.exe -GUI";
 //     const ErrorNumber error = createProcess(commandLine);
@@ -24,7 +24,6 @@ struct ProcessCalls
     Call<void()> endProcess;
 };
 
-/// The calls in use. Tests replace single entries, before other threads call them.
 extern ProcessCalls processCalls;
 
 /// GetModuleFileNameA; /proc/self/exe. Writes the full path of the running program, narrow, zero-terminated and with
@@ -50,7 +49,7 @@ inline std::uint32_t moduleFileName(char* buffer, std::uint32_t size)
 [[noreturn]] inline void endProcess()
 {
     processCalls.endProcess();
-    std::abort(); // a replacement throws if the caller is to go on
+    std::abort(); // not reached: a replacement that lets the caller go on throws
 }
 
 } // namespace platform

@@ -20,13 +20,12 @@ struct RandomCalls
     Call<std::uint32_t()> nextRandom;
 };
 
-/// The calls in use. Tests replace single entries, before other threads call them.
 extern RandomCalls randomCalls;
 
 /// Seeds the calling thread's generator, which starts as if seeded with 1.
 inline void seedRandom(std::uint32_t seed) { randomCalls.seedRandom(seed); }
 
-/// The next number of the calling thread, from 0 to at least 32767.
+/// The next number of the calling thread's generator, from 0 to RAND_MAX, which is at least 32,767.
 [[nodiscard]] inline std::uint32_t nextRandom() { return randomCalls.nextRandom(); }
 
 } // namespace platform

@@ -24,7 +24,6 @@ struct ShellCalls
     Call<bool(char* path, const char* more)> appendToPath;
 };
 
-/// The calls in use. Tests replace single entries, before other threads call them.
 extern ShellCalls shellCalls;
 
 /// SHGetFolderPathA of CSIDL_COMMON_APPDATA, which creates a missing folder; the environment's PROGRAMDATA or else

@@ -1,8 +1,8 @@
 #pragma once
 
-// Waiting for what another processor is about to change, without falling asleep. Falling asleep and being woken take
-// some microseconds, so it pays to look for about as long first. A spin-wait hint (x86's PAUSE, ARM's YIELD) lets the
-// processor's other threads go on meanwhile. One takes 10 to 50 ns, depending on the processor.
+// Waits without falling asleep for a change that another processor is about to make. Falling asleep and being woken
+// take some microseconds, so it pays to look for about as long first. A spin-wait hint (x86's PAUSE, ARM's YIELD) lets
+// the processor's other threads go on meanwhile; one hint takes 10 to 50 ns, depending on the processor.
 //
 //     if (!isSet() && !platform::spinUntil(isSet, {.looks = 100})) ... fall asleep
 //
@@ -15,12 +15,12 @@ namespace platform
 
 struct SpinBudget
 {
-    int looks;            ///< at most
-    int hintsPerLook = 1; ///< more, where a look takes a cache line away from whoever is about to change it
+    int looks;            ///< how often the condition is checked, at most
+    int hintsPerLook = 1; ///< more than 1 if each look takes a cache line from the thread that is about to change it
 };
 
-/// Gives the hints and looks, at most as often as the budget says. Returns whether a look found the condition true;
-/// it has not been called since then.
+/// Checks the condition after each group of hints, as often as the budget allows. Returns true as soon as the condition
+/// does, without another call of it, because the condition may take what it has found.
 template <class Condition> [[nodiscard]] bool spinUntil(const Condition& condition, SpinBudget budget)
 {
     const int looks = RUNS_ONE_THREAD_AT_A_TIME ? 1 : budget.looks;

@@ -4,11 +4,13 @@
 //
 //   NativeMutex       belongs to the thread that has locked it. lock sleeps until it is free; tryLock returns at once.
 //   NativeSemaphore   a count. post adds one and wakes one waiter; wait takes one.
-//   NativeEvent       an auto-reset event, as CreateEventA makes it. set ends one wait, now or later, also while a wait
-//                     that an earlier set has ended has not returned yet.
+//   NativeEvent       an auto-reset event, as CreateEventA makes it. set ends one wait: that of a thread which waits
+//                     now, or else the next one. A wait that another set has ended does not count, even if it has not
+//                     returned yet.
 //
-// Any thread may call. A count stays below 2^32 - 1. On POSIX none makes a system call while nobody has to wait. A
-// thread whose wait has returned may destroy the object once no other thread waits or is about to post. The thread that
-// has locked a mutex last may destroy the mutex.
+// Any thread may call. A count stays below 2^32 - 1. On POSIX no operation makes a system call unless a thread has to
+// wait or to be woken. A thread whose wait has returned may destroy the object if no other thread waits and none will
+// call post or set; the calls that have ended waits may still be returning. The thread that has locked a mutex last may
+// destroy it after its unlock, even if the unlock of the thread before it is still returning.
 
 #include "NativeSync.h"

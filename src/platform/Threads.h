@@ -23,7 +23,7 @@ using ThreadProcedure = void (*)(void* argument);
 enum class ThreadPriority
 {
     Normal,
-    TimeCritical ///< the highest that the system allows, else normal; what the thread starts has normal priority
+    TimeCritical ///< above normal threads where the system allows that; the threads that it starts are normal
 };
 
 /// An open handle to a thread, to read its times. Whoever opened it closes it.
@@ -44,7 +44,6 @@ struct ThreadCalls
     Call<void(std::uint32_t durationMs)> sleepMs;
 };
 
-/// The calls in use. Tests replace single entries, before other threads call them.
 extern ThreadCalls threadCalls;
 
 /// CreateThread; pthread_create, detached. Nobody joins the thread: the system releases it when the procedure returns.
@@ -62,7 +61,8 @@ extern ThreadCalls threadCalls;
 /// of threads. Linux keeps the first 15 bytes.
 inline void nameThread(const std::string& name) { threadCalls.nameThread(name); }
 
-/// OpenThread with query access; /proc. Returns Invalid if this process has no such thread.
+/// OpenThread with query access; /proc. Returns Invalid if there is no such thread. Windows also opens threads of other
+/// processes.
 [[nodiscard]] inline ThreadHandle openThread(std::uint32_t threadId) { return threadCalls.openThread(threadId); }
 
 /// GetThreadTimes; /proc. The user time of the thread in 100-ns units, or nothing on failure.
@@ -76,8 +76,8 @@ inline void closeThread(ThreadHandle thread) { threadCalls.closeThread(thread); 
 
 using OwnedThread = UniqueHandle<ThreadHandle, closeThread>;
 
-/// QueryThreadCycleTime, in cycles; the CPU clock of the thread, in ns. Never decreases within one thread; 0 where the
-/// system does not count.
+/// QueryThreadCycleTime, in cycles; the CPU clock of the thread, in ns. Never decreases within one thread; always 0
+/// where the system does not count.
 [[nodiscard]] inline std::uint64_t currentThreadCycles() { return threadCalls.currentThreadCycles(); }
 
 /// Sleep; nanosleep. Not shortened by signals.

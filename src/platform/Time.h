@@ -43,7 +43,6 @@ struct TimeCalls
     Call<std::optional<CpuTime>()> processCpuTime;
 };
 
-/// The calls in use. Tests replace single entries, before other threads call them.
 extern TimeCalls timeCalls;
 
 /// GetSystemTime; clock_gettime(CLOCK_REALTIME).
@@ -59,11 +58,12 @@ extern TimeCalls timeCalls;
     return timeCalls.performanceFrequency(ticksPerSecond);
 }
 
-/// GetTickCount64; CLOCK_MONOTONIC_COARSE. Milliseconds since the system started. Cheap, and exact to some
+/// GetTickCount64; CLOCK_MONOTONIC_COARSE. Milliseconds since the system started. A cheap clock with steps of some
 /// milliseconds.
 [[nodiscard]] inline std::uint64_t tickCountMs() { return timeCalls.tickCountMs(); }
 
-/// GetSystemInfo; sysconf. The number of processors of the machine, at least 1.
+/// GetSystemInfo; sysconf. The number of logical processors, at least 1. Windows counts those of one processor group,
+/// at most 64.
 [[nodiscard]] inline std::uint32_t processorCount() { return timeCalls.processorCount(); }
 
 /// GetProcessTimes; getrusage. The CPU time of this process, or nothing on failure.

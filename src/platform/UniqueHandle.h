@@ -1,6 +1,6 @@
 #pragma once
 
-// Owns a handle of the platform and closes it once. Each type of handle has the value Invalid, which stands for none.
+// Owns a handle of the platform and closes it once. The type of the handle has a value Invalid, which means no handle.
 //
 //     using OwnedProcess = UniqueHandle<ProcessHandle, closeProcess>;
 //     const OwnedProcess process(openOwnProcess());
@@ -29,7 +29,6 @@ public:
     [[nodiscard]] Handle get() const noexcept { return m_handle; }
     explicit operator bool() const noexcept { return m_handle != Handle::Invalid; }
 
-    /// Closes the owned handle, if there is one, and owns the other one from then on.
     void reset(Handle handle = Handle::Invalid) noexcept
     {
         if (const Handle old = std::exchange(m_handle, handle); old != Handle::Invalid)

@@ -51,7 +51,7 @@ void appendUtf16(std::u16string& out, char32_t codePoint)
     out += {static_cast<char16_t>(0xD800U + (offset >> 10U)), static_cast<char16_t>(0xDC00U + (offset & 0x3FFU))};
 }
 
-/// Takes the code point at the front of text off it.
+/// Removes the first code point of the text, which is not empty, and returns it.
 char32_t takeUtf8(std::string_view& text)
 {
     const auto lead = static_cast<unsigned char>(text.front());
@@ -61,7 +61,7 @@ char32_t takeUtf8(std::string_view& text)
         return lead;
     }
     const std::size_t continuations = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-    constexpr char32_t SMALLEST[] = {0, 0x80, 0x800, FIRST_SUPPLEMENTARY}; // shorter forms are refused
+    constexpr char32_t SMALLEST[] = {0, 0x80, 0x800, FIRST_SUPPLEMENTARY}; // smaller ones have a shorter form
     if (lead < 0xC2 || lead > 0xF4)
     {
         return REPLACEMENT;

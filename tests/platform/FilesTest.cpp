@@ -1,5 +1,3 @@
-// The contract of files and folders, which every implementation of the platform keeps.
-
 #include "platform/Files.h"
 #include "tests/support/Support.h"
 
@@ -80,18 +78,18 @@ TEST(Files, RenamingNeverReplacesAndRemovingSparesFolders)
     EXPECT_EQ("new", ScratchFolder::read(from));
     EXPECT_EQ("old", ScratchFolder::read(to));
     const std::string sub = folder.path("sub");
-    EXPECT_EQ(0, makeFolder(sub.c_str()));
+    EXPECT_EQ(0, createFolderErrno(sub.c_str()));
     EXPECT_NE(0, removeFile(sub.c_str()));
-    EXPECT_EQ(17, makeFolder(sub.c_str()));
+    EXPECT_EQ(17, createFolderErrno(sub.c_str()));
     EXPECT_EQ(ErrorNumber::AlreadyExists, createFolder(to.c_str()));
-    EXPECT_EQ(2, makeFolder(folder.path("no/such").c_str()));
+    EXPECT_EQ(2, createFolderErrno(folder.path("no/such").c_str()));
     EXPECT_EQ(ErrorNumber::PathNotFound, createFolder(folder.path("no/such").c_str()));
 }
 
 TEST(Files, AWalkMeetsEveryEntryOnceAndSaysWhichAreFolders)
 {
     const ScratchFolder folder;
-    EXPECT_EQ(0, makeFolder(folder.path("sub").c_str()));
+    EXPECT_EQ(0, createFolderErrno(folder.path("sub").c_str()));
     folder.write("a.txt", "");
     folder.write("b.txt", "");
     Texts seen;

@@ -1,5 +1,5 @@
-// The contract of the running program's path. What starting a program does is seen by the tests that
-// drive the finished program.
+// The contract of the running program's path, and of programs that cannot be started. The tests of the finished program
+// show what starting one does.
 
 #include "platform/Process.h"
 #include "platform/Text.h"
@@ -38,7 +38,7 @@ TEST(Process, ProgramsThatCannotBeStartedAreRefusedWithTheSystemsNumber)
     };
     EXPECT_EQ(ErrorNumber::FileNotFound, start("no-such-program-anywhere.exe argument"));
     EXPECT_EQ(ErrorNumber::FileNotFound, start(folder.path("missing.exe")));
-    // Wine does not tell these two from a missing file.
+    // Wine reports a missing file in the next two cases.
     const ErrorNumber inMissingFolder = start(folder.path("missing/program.exe"));
     EXPECT_TRUE(inMissingFolder == ErrorNumber::PathNotFound || inMissingFolder == ErrorNumber::FileNotFound);
     const ErrorNumber ofFolder = start(folder.path(""));

@@ -1,5 +1,3 @@
-// The contract of threads.
-
 #include "platform/Threads.h"
 #include "platform/Sync.h"
 

@@ -32,10 +32,10 @@ TEST(Utf, WhatIsNotWellFormedBecomesTheReplacementCharacter)
     EXPECT_EQ(replacement, utf16ToUtf8(u"\xDE00"));
     EXPECT_EQ(replacement + replacement, utf16ToUtf8(u"\xDE00\xD83D"));
     EXPECT_EQ(u"\uFFFDa", utf8ToUtf16("\x80"
-                                      "a"));       // a continuation without its lead
+                                      "a"));       // a continuation byte without a lead byte
     EXPECT_EQ(u"\uFFFD", utf8ToUtf16("\xE2\x82")); // cut short
     EXPECT_EQ(u"\uFFFDz", utf8ToUtf16("\xF0\x9F"
-                                      "z"));               // broken off
+                                      "z"));               // interrupted
     EXPECT_EQ(u"\uFFFD\uFFFD", utf8ToUtf16("\xC0\xAF"));   // longer than needed
     EXPECT_EQ(u"\uFFFD", utf8ToUtf16("\xED\xA0\x80"));     // a surrogate
     EXPECT_EQ(u"\uFFFD", utf8ToUtf16("\xF4\x90\x80\x80")); // beyond the last code point

@@ -17,7 +17,7 @@ constexpr std::int32_t STATUS_NO_DATA = -1;
 
 CpuCounter openCpuCounter()
 {
-    return CpuCounter{1}; // the counters are always there
+    return CpuCounter{1}; // any valid value: /proc needs no handle
 }
 
 std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
@@ -26,7 +26,8 @@ std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
     {
         return STATUS_NO_DATA;
     }
-    // "cpu", then clock ticks spent in: user, nice, system, idle, waiting for I/O, irq, softirq, steal
+    // The line begins with "cpu" and the clock ticks in each state: user, nice, system, idle, waiting for I/O, irq,
+    // softirq, steal.
     constexpr int FIELDS = 8;
     constexpr int IDLE = 3;
     constexpr int IO_WAIT = 4;
@@ -55,7 +56,7 @@ void closeCpuCounter(CpuCounter /*counter*/) {}
 
 ProcessHandle openOwnProcess() { return ProcessHandle{getpid()}; }
 
-/// The system keeps none: the largest figure so far, this one included.
+/// Linux keeps no such peak, so this keeps the largest figure that was reported, the given one included.
 std::uint64_t peakPageFile(std::uint64_t pageFile)
 {
     static std::atomic<std::uint64_t> peak = 0;

@@ -25,7 +25,7 @@ struct DialogBox
     DialogControl edit;
     DialogControl ok{CONTROL_OK, false};
     DialogControl cancel{CONTROL_CANCEL, true};
-    std::u16string text; // of the edit control
+    std::u16string editText;
     std::optional<std::intptr_t> result;
 };
 
@@ -45,7 +45,7 @@ void sendCommand(DialogBox& dialog, std::uint16_t notification, DialogControl& c
     dialog.procedure(&dialog, MESSAGE_COMMAND, wParam, reinterpret_cast<std::intptr_t>(&control));
 }
 
-/// The longest line that a terminal certainly passes on whole, in bytes; what goes beyond is dropped.
+/// The longest line, in bytes, that every terminal passes on whole. The terminal drops what is beyond its own limit.
 constexpr std::size_t TERMINAL_LINE_LIMIT = 4094;
 
 constexpr char ESCAPE = '\x1B';
@@ -53,10 +53,10 @@ constexpr std::string_view HOW_TO_CANCEL = "To cancel: Return alone, Esc and Ret
 
 bool isTerminal() { return isatty(STDIN_FILENO) == 1; }
 
-/// C0, which has the tab and Esc, DEL and C1.
+/// Whether the unit is in C0, which has the tab and Esc, is DEL, or is in C1.
 bool isControlCharacter(char16_t unit) { return unit < 0x20 || (unit >= 0x7F && unit < 0xA0); }
 
-/// Why a line cannot be what the user wants to have in the edit control; empty if it can.
+/// The reason why a line cannot become the text of the edit control; empty if it can.
 std::string refusal(std::string_view line, std::u16string_view text)
 {
     if (isTerminal() && line.size() > TERMINAL_LINE_LIMIT)
@@ -71,7 +71,8 @@ std::string refusal(std::string_view line, std::u16string_view text)
     return {};
 }
 
-/// The text of the next line, without a value if the user cancels. What is refused can be typed again in a terminal.
+/// The text of the next line; no value if the dialog is cancelled. In a terminal, a line that is refused can be typed
+/// again.
 std::optional<std::u16string> nextText(const std::string& prompt)
 {
     for (;;)
@@ -84,7 +85,7 @@ std::optional<std::u16string> nextText(const std::string& prompt)
         const bool isRead = static_cast<bool>(std::getline(std::cin, line));
         if (!isRead || (isTerminal() && (std::cin.eof() || line.ends_with(ESCAPE))))
         {
-            std::cout << (isTerminal() && std::cin.eof() ? "\n" : "") << std::flush; // Ctrl-D leaves the line open
+            std::cout << (isTerminal() && std::cin.eof() ? "\n" : "") << std::flush; // Ctrl-D does not end the line
             return std::nullopt;
         }
         if (line.ends_with('\r'))
@@ -106,7 +107,7 @@ std::optional<std::u16string> nextText(const std::string& prompt)
     }
 }
 
-/// One line is what the user types into the edit control, its end is the Return key.
+/// Each line stands for text that the user types into the edit control, and its end for the Return key.
 std::intptr_t converse(DialogBox& dialog, const std::string& prompt)
 {
     dialog.procedure(&dialog, MESSAGE_INIT_DIALOG, 0, 0);
@@ -118,7 +119,7 @@ std::intptr_t converse(DialogBox& dialog, const std::string& prompt)
             sendCommand(dialog, 0, dialog.cancel);
             break;
         }
-        dialog.text = std::move(*text);
+        dialog.editText = std::move(*text);
         sendCommand(dialog, NOTIFICATION_EDIT_CHANGED, dialog.edit);
         sendCommand(dialog, 0, dialog.ok.isEnabled ? dialog.ok : dialog.cancel);
     }
@@ -136,7 +137,8 @@ std::intptr_t runDialog(ModuleHandle module, int dialogId, DialogProcedure proce
     {
         std::cout << resources->dialog.title << '\n';
     }
-    DialogBox dialog{.procedure = procedure, .edit = {resources->dialog.editControl, true}, .text = {}, .result = {}};
+    DialogBox dialog{
+        .procedure = procedure, .edit = {resources->dialog.editControl, true}, .editText = {}, .result = {}};
     return converse(dialog, std::string(HOW_TO_CANCEL) + "\n" + std::string(resources->dialog.prompt) + ": ");
 }
 
@@ -178,13 +180,13 @@ std::intptr_t sendItemMessage(DialogHandle dialog, int controlId, std::uint32_t 
     }
     if (message == MESSAGE_EDIT_LINE_LENGTH)
     {
-        return static_cast<std::intptr_t>(dialog->text.size());
+        return static_cast<std::intptr_t>(dialog->editText.size());
     }
     if (message == MESSAGE_EDIT_GET_LINE)
     {
-        // The buffer's first unit says how many it holds. No zero is added.
+        // The first unit of the buffer holds its size in units. No zero is added.
         auto* const buffer = reinterpret_cast<char16_t*>(lParam);
-        return static_cast<std::intptr_t>(dialog->text.copy(buffer, *buffer));
+        return static_cast<std::intptr_t>(dialog->editText.copy(buffer, *buffer));
     }
     return 0;
 }

@@ -18,7 +18,7 @@ struct Meaning
     ErrorNumber number;
 };
 
-/// Where several have the same number, the words for that number are those of the first one.
+/// Where several errors have the same number, errorText describes the first of them.
 constexpr std::array MEANINGS = {
     Meaning{0, ErrorNumber::Success},
     Meaning{ENOENT, ErrorNumber::FileNotFound},
@@ -30,7 +30,7 @@ constexpr std::array MEANINGS = {
     Meaning{EISDIR, ErrorNumber::AccessDenied},
     Meaning{EBADF, ErrorNumber::InvalidHandle},
     Meaning{ENOMEM, ErrorNumber::NotEnoughMemory},
-    Meaning{EAGAIN, ErrorNumber::NotEnoughMemory}, // no room for another process or thread
+    Meaning{EAGAIN, ErrorNumber::NotEnoughMemory}, // the limit of processes and threads is reached
     Meaning{EXDEV, ErrorNumber::NotSameDevice},
     Meaning{EROFS, ErrorNumber::WriteProtect},
     Meaning{ETXTBSY, ErrorNumber::SharingViolation},

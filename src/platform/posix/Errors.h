@@ -1,6 +1,6 @@
 #pragma once
 
-// Maps errno to the error numbers that the platform reports.
+// Maps values of errno to the error numbers that the platform reports, and describes these.
 
 #include "platform/ErrorNumber.h"
 
@@ -9,13 +9,13 @@
 namespace platform::posix
 {
 
-/// The nearest of Windows' numbers for a value of errno; 0 stays success.
+/// The Windows error number nearest to a value of errno; Success for 0.
 [[nodiscard]] ErrorNumber fromErrno(int error);
 
-/// The system's words for the error.
+/// The system's description of the error.
 [[nodiscard]] std::string errorText(ErrorNumber number);
 
-/// For a call on a path, which is in the system's own form: tells a missing folder from a missing file in it.
+/// The same for a call on a path: PathNotFound if the path's folder is missing, FileNotFound if only the file is.
 [[nodiscard]] ErrorNumber fromErrno(int error, const std::string& path);
 
 } // namespace platform::posix

@@ -22,7 +22,6 @@ int toDescriptor(FileHandle file) { return static_cast<int>(file); }
 
 DIR* toStream(FolderHandle folder) { return reinterpret_cast<DIR*>(folder); }
 
-/// 0 for a call that succeeded, else errno.
 int errnoOf(int result) { return result == 0 ? 0 : errno; }
 
 Transfer toTransfer(ssize_t result)
@@ -43,7 +42,7 @@ OpenedFile openFile(const char* path, OpenMode mode)
     if (fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode))
     {
         close(descriptor);
-        return {FileHandle::Invalid, ErrorNumber::AccessDenied}; // a folder opens for reading here
+        return {FileHandle::Invalid, ErrorNumber::AccessDenied}; // Linux would open a folder for reading
     }
     return {FileHandle{descriptor}, ErrorNumber::Success};
 }
@@ -67,9 +66,9 @@ FileLength lengthOfFile(FileHandle file)
 
 ErrorNumber closeFile(FileHandle file) { return fromErrno(errnoOf(close(toDescriptor(file)))); }
 
-int makeFolder(const char* path) { return errnoOf(mkdir(path, FOLDER_PERMISSIONS)); }
+int createFolderErrno(const char* path) { return errnoOf(mkdir(path, FOLDER_PERMISSIONS)); }
 
-ErrorNumber createFolder(const char* path) { return fromErrno(makeFolder(path), path); }
+ErrorNumber createFolder(const char* path) { return fromErrno(createFolderErrno(path), path); }
 
 bool pathExists(const char* path)
 {
@@ -86,7 +85,7 @@ int renameFile(const char* from, const char* to)
     {
         return error;
     }
-    // The file system cannot refuse to replace while renaming; a second link cannot replace either.
+    // This file system cannot rename without replacing. Making a second link does not replace either.
     if (link(from, to) != 0)
     {
         return errno;
@@ -142,7 +141,7 @@ constinit platform::FileCalls platform::fileCalls = {
     .lengthOfFile = {"lengthOfFile", posix::lengthOfFile},
     .closeFile = {"closeFile", posix::closeFile},
     .createFolder = {"createFolder", posix::createFolder},
-    .makeFolder = {"makeFolder", posix::makeFolder},
+    .createFolderErrno = {"createFolderErrno", posix::createFolderErrno},
     .pathExists = {"pathExists", posix::pathExists},
     .removeFile = {"removeFile", posix::removeFile},
     .renameFile = {"renameFile", posix::renameFile},

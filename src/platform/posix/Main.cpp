@@ -8,13 +8,13 @@
 namespace
 {
 
-/// Whoever started the program may have closed some of these. The next file that is opened, the log for instance,
-/// would take the place of one and get what is printed.
+/// Opens each standard stream with which the program was not started. Otherwise the next file that is opened, for
+/// instance the log, would take its number and receive what is printed.
 void openStandardStreams()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
     {
-        // The lowest descriptor that is free is given out, so it is this one.
+        // open returns the lowest free descriptor, which is this one.
         if (fcntl(descriptor, F_GETFD) < 0 && open("/dev/null", O_RDWR) != descriptor)
         {
             platform::endProcess();

@@ -63,8 +63,8 @@ bool NativeSemaphore::tryTake() noexcept
     return false;
 }
 
-/// Two threads that hand a turn to each other take a quarter of the time with these budgets, because neither of them
-/// falls asleep. The yields are for the case that the other thread has no processor.
+/// Two threads that hand a turn back and forth need a quarter of the time with these budgets, because neither of them
+/// falls asleep. The yields help if the other thread has no processor to run on.
 bool NativeSemaphore::spinUntilTaken() noexcept
 {
     constexpr SpinBudget SPIN{.looks = 12};
@@ -108,7 +108,8 @@ bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
     return true;
 }
 
-/// Takes a late thread off the sleepers. Returns false if there was a post for it meanwhile, which it has taken.
+/// For a thread whose deadline has passed: takes it out of the count of sleepers. Returns false if a post has already
+/// done so; then the thread has taken that post.
 bool NativeSemaphore::leaveSleepers() noexcept
 {
     std::int64_t count = m_count.load(std::memory_order_relaxed);
@@ -123,18 +124,18 @@ bool NativeSemaphore::leaveSleepers() noexcept
     return false;
 }
 
-/// Returns when a post has woken the calling thread, which has made the count negative.
+/// For a thread that has decremented the count below 0. Returns when a post has woken it.
 void NativeSemaphore::sleep() noexcept
 {
     while (sem_wait(&m_sleepers) != 0) // interrupted by a signal
     {
     }
-    static_cast<void>(m_count.load(std::memory_order_acquire)); // pairs with the post, for the thread sanitizer too
+    static_cast<void>(m_count.load(std::memory_order_acquire)); // pairs with post, also for the thread sanitizer
 }
 
 void NativeEvent::set() noexcept
 {
-    // The count is written in any case, so that whoever takes it sees what came before this call.
+    // The count is written even if it stays 1, so that the thread which takes it sees what came before this call.
     std::int64_t count = m_count.load(std::memory_order_relaxed);
     while (!m_count.compare_exchange_weak(count, std::min<std::int64_t>(count + 1, 1), std::memory_order_release,
                                           std::memory_order_relaxed))

@@ -25,8 +25,13 @@ private:
 
 #else
 
-/// One word, over the standard library's waiting on atomics. Locking and unlocking take three quarters of the time of a
-/// std::mutex, which calls into the C library for both. Source: Drepper, "Futexes Are Tricky", its third mutex.
+/// One word that waits as std::atomic does. Locking and unlocking take three quarters of the time of a std::mutex,
+/// which calls into the C library for both. Source: Drepper, "Futexes Are Tricky", its third mutex.
+///
+///     FREE                  to  LOCKED                by tryLock
+///     any state             to  LOCKED_WITH_SLEEPERS  by a waiting thread, which sleeps unless the state was FREE
+///     LOCKED                to  FREE                  by unlock, which wakes nobody
+///     LOCKED_WITH_SLEEPERS  to  FREE                  by unlock, which wakes one sleeper
 class NativeMutex
 {
 public:
@@ -56,7 +61,7 @@ public:
 private:
     static constexpr std::uint32_t FREE = 0;
     static constexpr std::uint32_t LOCKED = 1;
-    static constexpr std::uint32_t LOCKED_WITH_SLEEPERS = 2; // perhaps: the last sleeper may have gone
+    static constexpr std::uint32_t LOCKED_WITH_SLEEPERS = 2; // LOCKED, and other threads may sleep
 
     void sleepUntilLocked() noexcept;
 
@@ -65,16 +70,16 @@ private:
 
 #endif
 
-/// A count in front of the C library's semaphore, so that there is no call while nobody has to wait.
+/// A count in front of the C library's semaphore, which is called only if a thread has to wait or to be woken.
 ///
 ///     m_count      meaning
 ///     n >= 0       n waits can end at once; nobody sleeps
 ///     -n < 0       n threads sleep, or are about to, in m_sleepers
 ///
-/// A wait takes one off the count, and sleeps if there was none. A post adds one, and wakes a sleeper if there was one:
-/// each thread that has made the count negative needs exactly one post of m_sleepers, and cannot return before. So a
-/// post touches nothing of an object that the last waiter may have destroyed. A wait that is late adds its one again,
-/// unless posts have brought the count back to 0 meanwhile: then its wake is under way, and it takes that.
+/// A wait takes one off the count, and sleeps if the count was not positive. A post adds one, and posts m_sleepers if
+/// the count was negative. A sleeper returns only after that post of m_sleepers, which is the last step of the call
+/// that makes it, so the last waiter may destroy the object. A wait whose deadline passes adds its one again if the
+/// count is still negative. If it is not, a post of m_sleepers is under way for this thread, and it takes that one.
 class NativeSemaphore
 {
 public:
@@ -98,7 +103,7 @@ private:
     [[nodiscard]] bool leaveSleepers() noexcept;
     void sleep() noexcept;
 
-    sem_t m_sleepers; // first, so that the count, which is used more often, lies beside the owner's next member
+    sem_t m_sleepers; // first: the count, which is used more often, then lies beside the owner's next member
 
 protected:
     std::atomic<std::int64_t> m_count;

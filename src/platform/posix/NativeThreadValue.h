@@ -17,7 +17,7 @@ public:
     }
 
 private:
-    /// Keys are released after every thread_local object, so nothing of those comes later.
+    /// The system releases keys after all thread_local objects, so no destructor of these sets a value afterwards.
     static pthread_key_t key()
     {
         static const pthread_key_t KEY = [] {
@@ -31,7 +31,7 @@ private:
         return KEY;
     }
 
-    static constinit inline thread_local void* s_value = nullptr; // cheaper to read than the key
+    static constinit inline thread_local void* s_value = nullptr; // a copy of the key's value, which is cheaper to read
 };
 
 } // namespace platform

@@ -31,7 +31,7 @@ std::string programPath()
     std::array<char, PATH_MAX> buffer{};
     const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
     std::string path(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
-    // How the system marks a program file that was replaced or removed since the start.
+    // The system marks a program file so if it was replaced or removed since the start.
     if (constexpr std::string_view MARK = " (deleted)"; path.ends_with(MARK) && access(path.c_str(), F_OK) != 0)
     {
         path.resize(path.size() - MARK.size());
@@ -58,7 +58,7 @@ bool isFile(const std::string& path)
     return stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode);
 }
 
-/// Where the program of that name is; empty if it is nowhere.
+/// The path of the program with this name or path; empty if a bare name is found nowhere.
 std::string findProgram(const std::string& name)
 {
     if (name.find('/') != std::string::npos)
@@ -77,7 +77,7 @@ std::string findProgram(const std::string& name)
     return found == folders.end() ? std::string() : *found + name;
 }
 
-/// Descriptors that a started program must not get are closed; those below keep stays.
+/// Closes this descriptor and all above it, which the started program must not get.
 void closeDescriptorsFrom(int first)
 {
     if (syscall(SYS_close_range, first, ~0U, 0) == 0)
@@ -91,8 +91,8 @@ void closeDescriptorsFrom(int first)
     }
 }
 
-/// Runs in the forked child, where only async-signal-safe calls are allowed. Reports errno through
-/// the descriptor when the program cannot be executed; a successful execve closes it unwritten.
+/// Runs in the forked child, where only async-signal-safe calls are allowed. Writes errno into errorPipe if the program
+/// cannot be executed; a successful execve closes the pipe unwritten.
 [[noreturn]] void becomeProgram(const char* path, char* const* arguments, int errorPipe)
 {
     constexpr int ERROR_DESCRIPTOR = STDERR_FILENO + 1;
@@ -125,7 +125,8 @@ void closeDescriptorsFrom(int first)
 
 ErrorNumber createProcess(std::u16string& commandLine)
 {
-    std::vector<std::string> arguments = splitCommandLine(utf16ToUtf8(commandLine.c_str())); // a zero ends it
+    std::vector<std::string> arguments =
+        splitCommandLine(utf16ToUtf8(commandLine.c_str())); // up to the first zero, as on Windows
     const std::string path = findProgram(arguments.front());
     if (path.empty())
     {

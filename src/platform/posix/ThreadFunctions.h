@@ -1,6 +1,6 @@
 #pragma once
 
-// The calls of the table threadCalls on POSIX. The simulated platform takes over those that it does not replace.
+// The calls of the table threadCalls on POSIX. The simulated platform uses those that it does not replace.
 
 #include "platform/Threads.h"
 

@@ -32,7 +32,8 @@ struct ThreadStart
     ThreadPriority priority;
 };
 
-/// Raises the calling thread only: the threads and programs that it starts have normal priority, as on Windows.
+/// Raises the calling thread only: the threads and programs that it starts have normal priority, as on Windows. A
+/// system that allows no real-time policy may still allow a lower niceness.
 void raisePriority()
 {
     sched_param parameter = {};
@@ -109,7 +110,7 @@ std::optional<std::uint64_t> threadUserTime(ThreadHandle thread)
     const ssize_t length = read(file, buffer.data(), buffer.size());
     close(file);
     std::string_view text(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
-    // The thread's name, in parentheses, may hold anything; user time is the 12th field after it.
+    // The thread's name, in parentheses, may contain any characters; user time is the 12th field after it.
     text.remove_prefix(std::min(text.rfind(')') + 1, text.size()));
     for (int field = 0; field < 12 && !text.empty(); ++field)
     {

@@ -1,6 +1,6 @@
 #pragma once
 
-// The calls of the table timeCalls on POSIX. The simulated platform takes over those that it does not replace.
+// The calls of the table timeCalls on POSIX. The simulated platform uses those that it does not replace.
 
 #include "platform/Time.h"
 
@@ -10,7 +10,7 @@ namespace platform::posix
 {
 
 UtcTime utcNow();
-/// Another moment than now on the same calendar.
+/// The calendar fields of a given moment.
 UtcTime utcAt(std::chrono::system_clock::time_point moment);
 bool performanceCounter(std::int64_t& ticks);
 bool performanceFrequency(std::int64_t& ticksPerSecond);

@@ -18,10 +18,9 @@ HANDLE toHandle(FileHandle file) { return reinterpret_cast<HANDLE>(file); }
 
 HANDLE toHandle(FolderHandle folder) { return reinterpret_cast<HANDLE>(folder); }
 
-/// 0 for a call of the C runtime that succeeded, else errno.
 int errnoOf(int result) { return result == 0 ? 0 : errno; }
 
-/// The most that one call transfers.
+/// The part of the size that one call can transfer.
 DWORD toDword(std::size_t size) { return static_cast<DWORD>(std::min<std::size_t>(size, MAXLONG)); }
 
 OpenedFile openFile(const char* path, OpenMode mode)
@@ -38,7 +37,8 @@ Transfer readFile(FileHandle file, void* buffer, std::size_t size)
 {
     DWORD bytes = 0;
     const ErrorNumber error = errorOf(ReadFile(toHandle(file), buffer, toDword(size), &bytes, nullptr));
-    return {bytes, error == static_cast<ErrorNumber>(ERROR_BROKEN_PIPE) ? ErrorNumber::Success : error};
+    const bool isEndOfPipe = error == static_cast<ErrorNumber>(ERROR_BROKEN_PIPE);
+    return {bytes, isEndOfPipe ? ErrorNumber::Success : error};
 }
 
 Transfer writeFile(FileHandle file, const void* bytes, std::size_t size)
@@ -59,7 +59,7 @@ ErrorNumber closeFile(FileHandle file) { return errorOf(CloseHandle(toHandle(fil
 
 ErrorNumber createFolder(const char* path) { return errorOf(CreateDirectoryA(path, nullptr)); }
 
-int makeFolder(const char* path) { return errnoOf(_mkdir(path)); }
+int createFolderErrno(const char* path) { return errnoOf(_mkdir(path)); }
 
 bool pathExists(const char* path)
 {
@@ -114,7 +114,7 @@ constinit platform::FileCalls platform::fileCalls = {
     .lengthOfFile = {"lengthOfFile", windows::lengthOfFile},
     .closeFile = {"closeFile", windows::closeFile},
     .createFolder = {"createFolder", windows::createFolder},
-    .makeFolder = {"makeFolder", windows::makeFolder},
+    .createFolderErrno = {"createFolderErrno", windows::createFolderErrno},
     .pathExists = {"pathExists", windows::pathExists},
     .removeFile = {"removeFile", windows::removeFile},
     .renameFile = {"renameFile", windows::renameFile},

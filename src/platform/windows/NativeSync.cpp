@@ -14,7 +14,7 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-// The header declares them as the pointers of which they consist, because it includes no header of the system.
+// The header includes no header of the system, so it declares each of these as the pointer that it consists of.
 SRWLOCK& lockIn(void*& storage) { return reinterpret_cast<SRWLOCK&>(storage); }
 CONDITION_VARIABLE& conditionIn(void*& storage) { return reinterpret_cast<CONDITION_VARIABLE&>(storage); }
 static_assert(sizeof(SRWLOCK) == sizeof(void*) && sizeof(CONDITION_VARIABLE) == sizeof(void*));
@@ -31,14 +31,14 @@ private:
     SRWLOCK& m_lock;
 };
 
-/// The time until the deadline in ms, rounded up; 0 if the deadline has passed.
-DWORD timeUntil(Clock::time_point deadline)
+/// Rounded up; 0 if the deadline has passed.
+DWORD msUntil(Clock::time_point deadline)
 {
     const std::int64_t left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return static_cast<DWORD>(std::clamp<std::int64_t>(left, 0, INFINITE - 1));
 }
 
-/// The pause between two checks where the system refuses to wait.
+/// Runs between two checks if the system fails to wait.
 void pause() { Sleep(1); }
 
 } // namespace
@@ -70,7 +70,7 @@ bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(durationMs);
     while (m_count == 0)
     {
-        const DWORD leftMs = timeUntil(deadline);
+        const DWORD leftMs = msUntil(deadline);
         if (leftMs == 0)
         {
             return false;
@@ -123,7 +123,7 @@ bool NativeEvent::waitFor(std::uint32_t durationMs) noexcept
         {
             return result == WAIT_OBJECT_0;
         }
-        leftMs = timeUntil(deadline);
+        leftMs = msUntil(deadline);
         if (leftMs == 0)
         {
             return false;

@@ -15,6 +15,7 @@ void setThreadValue(std::uint32_t index, void* value) noexcept;
 
 } // namespace windows
 
+/// Keeps the value in the system's slot alone: mingw destroys thread_local objects before the last release runs.
 template <class Owner> class ThreadValue
 {
 public:
@@ -22,7 +23,6 @@ public:
     static void set(void* value) noexcept { windows::setThreadValue(index(), value); }
 
 private:
-    // Not a thread_local: those of mingw are gone before what is released last.
     static std::uint32_t index()
     {
         static const std::uint32_t INDEX = windows::allocateThreadValue(Owner::release);

@@ -17,7 +17,7 @@ std::uint32_t moduleFileName(char* buffer, std::uint32_t size)
     const DWORD length = GetModuleFileNameA(nullptr, buffer, size);
     if (size > 0)
     {
-        buffer[std::min(length, static_cast<DWORD>(size - 1))] = '\0'; // not every system ends a path that it cut
+        buffer[std::min(length, static_cast<DWORD>(size - 1))] = '\0'; // older systems do not end a path that they cut
     }
     return length;
 }

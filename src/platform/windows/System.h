@@ -1,6 +1,6 @@
 #pragma once
 
-// The one place that brings in the system's headers, and its error number in our terms.
+// Includes the system's main header, and converts its errors and times.
 
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
@@ -15,16 +15,14 @@
 namespace platform::windows
 {
 
-/// The calling thread's last error.
 [[nodiscard]] inline ErrorNumber lastError() noexcept { return static_cast<ErrorNumber>(GetLastError()); }
 
-/// Success for a call that succeeded, else the last error.
 [[nodiscard]] inline ErrorNumber errorOf(BOOL succeeded) noexcept
 {
     return succeeded != FALSE ? ErrorNumber::Success : lastError();
 }
 
-/// The 100-ns count of a FILETIME.
+/// The value of a FILETIME, which counts units of 100 ns.
 [[nodiscard]] inline ULONGLONG toTicks(const FILETIME& time) noexcept
 {
     return (static_cast<ULONGLONG>(time.dwHighDateTime) << 32U) | time.dwLowDateTime;

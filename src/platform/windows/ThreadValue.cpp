@@ -9,7 +9,7 @@ namespace platform::windows
 
 std::uint32_t allocateThreadValue(void (*release)(void* value))
 {
-    // The system passes the value alone, and calls nothing for null.
+    // The system calls release with the value as its only argument, and not for null.
     const DWORD index = FlsAlloc(reinterpret_cast<PFLS_CALLBACK_FUNCTION>(release));
     if (index == FLS_OUT_OF_INDEXES)
     {

@@ -1,4 +1,4 @@
-// What a thread of high priority hands on.
+// The priority of threads that a time-critical thread starts.
 
 #include "platform/Threads.h"
 

@@ -15,7 +15,7 @@ constexpr int FILE_EXISTS = 17; // the C library's EEXIST on every target
 
 bool makeFolder(const std::string& path)
 {
-    const int error = platform::makeFolder(path.c_str());
+    const int error = platform::createFolderErrno(path.c_str());
     return error == 0 || error == FILE_EXISTS;
 }
 
