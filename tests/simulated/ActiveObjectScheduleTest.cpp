@@ -25,14 +25,14 @@ struct Disk : ActiveObject
     void onThreadStart(std::uint32_t threadIndex) override { nameThread("worker " + std::to_string(threadIndex)); }
 };
 
-/// What became of the actions; one thread runs at a time.
+/// What became of the actions. Not atomic, because only one thread runs at a time.
 struct Counts
 {
     int executing = 0;
     int executed = 0;
     int destroyed = 0;
     Semaphore destructions{0};
-    std::array<Semaphore, 2> begun{Semaphore(0), Semaphore(0)}; // by partners
+    std::array<Semaphore, 2> begun{Semaphore(0), Semaphore(0)}; // signalled by partners
 };
 
 /// Does some work, and counts its execution and its destruction.
@@ -56,7 +56,7 @@ Counted* make(
     return GuardedMemory::create<Counted>({"Counted", SourcePlace::here()}, counts, work);
 }
 
-/// One of two that wait for each other: if one worker slept meanwhile, the other one would wait forever.
+/// Makes one of two actions that wait for each other: if only one worker ran, it would wait for ever.
 Counted* makePartner(Counts& counts, std::size_t own)
 {
     return make(counts, [&counts, own] { counts.begun.at(own).signal(), counts.begun.at(1 - own).wait(); });
@@ -69,7 +69,7 @@ auto makeMonitor()
         {SourcePlace::here()});
 }
 
-/// The workers may look for work, fall asleep or sleep when the partners arrive.
+/// The partners may arrive while the workers look for work, fall asleep or sleep.
 void keepBusy(ActiveObject& object)
 {
     Counts counts;
@@ -111,7 +111,7 @@ void endWhileActionsArrive(bool isMonitored)
     }
     for (auto left = static_cast<std::size_t>(counts.destroyed); left < actions.size(); ++left)
     {
-        GuardedMemory::destroy(actions.at(left), SourcePlace::here()); // came after the drain
+        GuardedMemory::destroy(actions.at(left), SourcePlace::here()); // it came after the drain
     }
     check(counts.destroyed == 2, "no other is destroyed");
 }
@@ -149,16 +149,16 @@ TEST_F(ActiveObjectSchedules, AnObjectMayGoWhenItsLastActionHasRunWhileTheProduc
 
 TEST_F(ActiveObjectSchedules, AWorkerWhoseWaitHasTimedOutStillTakesWork)
 {
-    forceVerbose = true; // only then the waits have a limit, of 5 s
+    forceVerbose = true; // so that the waits have a limit, which is 5 s
     static int numTold;
-    // After a failure its threads may stand in it for ever, so it stays.
+    // Never destroyed: threads of a failed schedule may be inside it for ever.
     new HookedClient("wait timed out", [](const std::string&) { ++numTold; });
     exploreBothWays([] {
         numTold = 0;
         Counts counts;
         Disk object(2);
-        object.enqueue(make(counts, [] { platform::sleepMs(1'000); })); // its worker sleeps a second after the other
-        platform::sleepMs(5'500);                                       // only the other one has timed out then
+        object.enqueue(make(counts, [] { platform::sleepMs(1'000); })); // its worker falls asleep a second later
+        platform::sleepMs(5'500);                                       // only the other worker's wait has timed out
         const std::int64_t start = now();
         const auto enqueue = [&] { object.enqueue(makePartner(counts, 0)), object.enqueue(makePartner(counts, 1)); };
         enqueue();
@@ -175,7 +175,7 @@ TEST_F(ActiveObjectSchedules, TheShutdownBeginsWhenAllWorkersHaveRegistered)
 {
     static Counts* counts;
     static int numStarting;
-    // Stays, as above.
+    // Never destroyed, as above.
     new HookedClient("Starting ThreadWrapper of type Disk", [](const std::string&) {
         ++numStarting == 2 ? counts->destructions.wait() : void(); // until the other worker has executed the action
     });
@@ -215,7 +215,7 @@ TEST_F(ActiveObjectSchedules, TheCountOfWhatIsQueuedWasTrueDuringTheCall)
         platform::Atomic<std::uint64_t> numArrived = 0;
         PriorityQueue<int> queue(1, "Items", false, &numArrived);
         std::uint64_t count = 0;
-        std::uint64_t lowest = 0; // since the call began
+        std::uint64_t lowest = 0; // since the call of itemCount began
         std::uint64_t highest = 0;
         const auto change = [&](int by) {
             count += static_cast<std::uint64_t>(by);

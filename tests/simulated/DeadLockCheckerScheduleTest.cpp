@@ -19,7 +19,7 @@ struct DeadLockCheckerSchedules : LogTest
 
 TEST_F(DeadLockCheckerSchedules, LooksOnceAnInterval)
 {
-    // Each look chooses the interval that comes after it.
+    // Each check sets the interval until the next one; the last element comes first.
     std::vector<std::pair<const char*, std::int64_t>> intervals{
         {"60", 60'000}, {"0", 1'000}, {"2147483647", 4'294'967'294}, {"8", 8'000}, {"7", 7'000}};
     std::vector<std::int64_t> expectedMs;
@@ -46,7 +46,7 @@ TEST_F(DeadLockCheckerSchedules, EndsTheProcessAfterTheTimeoutOfWhatIsStuckAlone
     DlcKeepalive alive("Alive");
     Tweaks::instance().update("t_disableBtPrint", "1");
     repeat(21, [&] { platform::sleepMs(50'000), alive.setAlive(); });
-    Texts expected; // the first look finds it alive, the second one no more than an interval later
+    Texts expected; // the first check finds it alive, and the second comes only one interval later
     for (int seconds = 120; seconds <= 960; seconds += 60)
     {
         expected.push_back(std::to_string(seconds) + " sec");
@@ -56,7 +56,7 @@ TEST_F(DeadLockCheckerSchedules, EndsTheProcessAfterTheTimeoutOfWhatIsStuckAlone
     EXPECT_EQ(1, client.count("Control" + LEASE + "Stuck waited too long  deltaSec=960  m_timeoutSec=900 ~"));
 }
 
-// A worker goes over to an action with a shorter timeout while it is checked.
+// A worker changes to an action with a shorter timeout during a check.
 TEST_F(DeadLockCheckerSchedules, ATimeoutCountsFromTheProgressThatItCameWith)
 {
     exploreBothWays([] {
@@ -73,7 +73,7 @@ TEST_F(DeadLockCheckerSchedules, KeepalivesComeAndGoWhileTheManagerLooks)
 {
     exploreBothWays([] {
         const auto live = [](const char* name) {
-            platform::sleepMs(60'000); // until the look
+            platform::sleepMs(60'000); // until the check
             DlcKeepalive keepalive(name);
             keepalive.disarm();
         };

@@ -11,7 +11,7 @@ namespace
 
 using Result = FutureInternal::Future<int>;
 
-/// May hold a copy, which it releases when it is called.
+/// May hold a copy of the future, which it releases when it is called.
 struct Observer : FutureInternal::FutureObserver<int>
 {
     void update(const int& value) override
@@ -21,9 +21,9 @@ struct Observer : FutureInternal::FutureObserver<int>
         copy.reset();
     }
 
-    static inline int numCalls = 0; // of all observers
-    int rank = 0;                   // among all calls
-    int sum = 0;                    // of the values that it was called with
+    static inline int numCalls = 0; // calls of any observer
+    int rank = 0;                   // the number of its last call among these
+    int sum = 0;                    // the sum of the values that it was given
     std::optional<Result> copy{};
 };
 

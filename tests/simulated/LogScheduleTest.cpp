@@ -10,7 +10,7 @@
 namespace
 {
 
-std::uint32_t diskMs = 0; // how long a write takes; 0: another thread may go on first
+std::uint32_t diskMs = 0; // how long a write takes; with 0 other threads may go on first
 int diskWrites = 0;
 
 platform::Transfer writeSlowly(platform::FileHandle file, const void* bytes, std::size_t size)
@@ -20,7 +20,7 @@ platform::Transfer writeSlowly(platform::FileHandle file, const void* bytes, std
     return platform::fileCalls.writeFile.original(file, bytes, size);
 }
 
-constexpr std::uint64_t FULL = 5; // bytes of a file that is rotated
+constexpr std::uint64_t FULL = 5; // bytes; a file of this length is rotated
 
 platform::FileLength tenMebibytesWhenFull(platform::FileHandle file)
 {
@@ -28,14 +28,14 @@ platform::FileLength tenMebibytesWhenFull(platform::FileHandle file)
     return {bytes * (10'485'760 / FULL + 1), error};
 }
 
-/// Writes a letter, a number and so many bytes more: "a0..".
-void write(GenFileLogger& logger, char thread, int number, std::size_t more = 0)
+/// Writes a line of the thread's letter, a number and further bytes, such as "a0..".
+void write(GenFileLogger& logger, char thread, int number, std::size_t furtherBytes = 0)
 {
-    const std::string text = thread + std::to_string(number) + std::string(more, '.') + "\n";
+    const std::string text = thread + std::to_string(number) + std::string(furtherBytes, '.') + "\n";
     logger.write(text.data(), static_cast<std::uint32_t>(text.size()));
 }
 
-/// Each schedule has files and a logger of its own.
+/// Each schedule makes its own files and its own logger.
 struct LogSchedules : testing::Test
 {
     explicit LogSchedules(bool isGuarded = false)
@@ -44,7 +44,7 @@ struct LogSchedules : testing::Test
         waitForOwnThreads();
     }
 
-    /// The numbers of a thread's lines in all files.
+    /// The numbers of a thread's lines in all files, in their order.
     std::string linesOf(char thread) const
     {
         std::string found;
@@ -97,7 +97,7 @@ TEST_F(LogSchedules, EachLineComesIntoTheFileOnceByItself)
             GenFileLogger logger(settings);
             runTogether({{"one", [&] { write(logger, 'a', 0); }},
                          {"two", [&] {
-                              advance(2'000'000); // the writer waits for more no longer, and may go on first
+                              advance(2'000'000); // ends the writer's wait for more lines
                               platform::relax();
                               write(logger, 'b', 0);
                           }}});
@@ -127,7 +127,7 @@ TEST_F(LogSchedules, ABudgetThatIsUsedUpPausesOnceAndComesBack)
         GenFileLogger logger(settings);
         diskMs = 100;
         write(logger, 'x', 0);
-        platform::sleepMs(10); // the writer waits for the disk
+        platform::sleepMs(10); // until the writer waits for the disk
         runTogether({{"one", [&] { write(logger, 'a', 0), write(logger, 'a', 1); }},
                      {"two", [&] { write(logger, 'b', 0), write(logger, 'b', 1); }}});
         diskMs = 0;
@@ -187,7 +187,7 @@ TEST_F(LogSchedules, AFlushThatGivesUpLeavesItsSignalToOneLaterFlush)
     });
 }
 
-/// Another thread may go on while one is inside.
+/// Its log function has switch points, so another thread may go on while one is inside.
 struct Client : LoggerClient
 {
     Client() { Logger::instance().registerClient(this, Logger::ALL_LEVELS); }
@@ -208,7 +208,7 @@ struct Client : LoggerClient
 
     platform::Atomic<int> inside = 0;
     bool isGone = false;
-    std::string numbers{}; // of the lines
+    std::string numbers{}; // those of the lines that it was given
 };
 
 void log(const std::string& number) { Logger::instance().dispatch("a" + number + "\n", LogLevel::Info, LoggerId::NON); }

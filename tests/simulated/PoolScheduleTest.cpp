@@ -21,7 +21,7 @@ struct LatePool : MemoryPoolImpl
 {
     explicit LatePool(std::uint32_t most) : MemoryPoolImpl({.chunkSize = CHUNK, .maxPoolSize = most * BLOCK})
     {
-        advance(2'000'000'000); // the inaccurate clock, which growth looks at, is brought up to date in each schedule
+        advance(2'000'000'000); // growth reads a cached timestamp, which is old enough then to be renewed
     }
     ~LatePool() override
     {
@@ -52,8 +52,8 @@ struct LatePool : MemoryPoolImpl
     using Block = std::array<char, BLOCK>;
     std::vector<std::unique_ptr<Block>> blocks;
     Semaphore asked{0};
-    Future growth; // that was asked for last
-    char** memory = nullptr;
+    Future growth;           // the last one that was asked for
+    char** memory = nullptr; // where it puts its block
 };
 
 /// A request with its buffer.
@@ -103,7 +103,7 @@ TEST_F(PoolSchedules, GrowthAndWhatComesBackReachWhoeverWaits)
         runTogether({{"large", [&] { large.request(pool, one, 3 * CHUNK); }},
                      {"small", [&] { small.request(pool, two, CHUNK); }},
                      {"bringer", [&] { pool.answer(RC_OK); }},
-                     {"giver", [&] { held.giveBack(pool); }}}); // both need what the others bring and give
+                     {"giver", [&] { held.giveBack(pool); }}}); // both requests need what the other two threads provide
         large.giveBack(pool);
         small.giveBack(pool);
         expectAllBack(pool, 2 * BLOCK);
@@ -140,7 +140,7 @@ TEST_F(PoolSchedules, TheEndOfGrowthIsThatOfAllGrowthThatFollows)
     });
 }
 
-/// With growth in flight for a request.
+/// Destroys a pool that still grows for a request.
 void destroyGrowing(RcStatus answer)
 {
     const std::uint64_t heapBytes = MemShield::systemHeapBytes();
@@ -158,7 +158,7 @@ void destroyGrowing(RcStatus answer)
     };
     runTogether({{"bringer", [&] { pool->answer(answer); }}, {"owner", destroy}});
     taken.result = Future::ready(RC_OK);
-    while (MemShield::systemHeapBytes() != heapBytes) // the helper thread may still release what it has finished
+    while (MemShield::systemHeapBytes() != heapBytes) // the helper thread may still release finished helpers
     {
         platform::relax();
     }

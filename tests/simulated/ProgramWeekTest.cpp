@@ -1,4 +1,4 @@
-// The whole program for a week of virtual time.
+// The whole program during a week of virtual time.
 
 #include "datapath/common/infra/MemShield.h"
 #include "platform/Dialog.h"
@@ -23,7 +23,7 @@ struct Holdings
     std::uint64_t guardedBytes = MemShield::systemHeapBytes();
 };
 
-/// Lets a week pass, and a little more.
+/// Lets a week and half a minute pass.
 std::intptr_t showForAWeek(platform::ModuleHandle /*module*/, int /*dialogId*/, platform::DialogProcedure /*procedure*/)
 {
     constexpr std::uint32_t DAY_MS = 86'400'000;
@@ -34,7 +34,7 @@ std::intptr_t showForAWeek(platform::ModuleHandle /*module*/, int /*dialogId*/, 
     EXPECT_EQ(before.handles, after.handles);
     EXPECT_EQ(before.guardedBytes, after.guardedBytes);
     EXPECT_LT(after.bytes, before.bytes + 6U * 24 * 60) << "a byte a minute would be more";
-    platform::sleepMs(30'000); // the last look is over
+    platform::sleepMs(30'000); // until the last check is over
     return 1;
 }
 
@@ -49,17 +49,17 @@ TEST(Program, AWeekTakesNothingAndWritesALineAMinute)
     EXPECT_EQ(0, wWinMain(nullptr, nullptr, nullptr, 0));
 
     std::istringstream log(ScratchFolder::readText(folder.path("Tavro/logs/TavroVssAgentGUI.exe.log.txt")));
-    Texts rest; // what is written while the dialog is open, and is no look
-    int looks = 0;
+    Texts rest; // the lines from then on that are not about a check
+    int checks = 0;
     bool isOpen = false;
     for (std::string line; std::getline(log, line);)
     {
-        const bool isLook = line.ends_with("DeadLockCheckerManager,run, m_lockSet.size()=1 ");
-        looks += isLook ? 1 : 0;
-        isOpen && !isLook ? rest.push_back(line) : void();
+        const bool isCheck = line.ends_with("DeadLockCheckerManager,run, m_lockSet.size()=1 ");
+        checks += isCheck ? 1 : 0;
+        isOpen && !isCheck ? rest.push_back(line) : void();
         isOpen = isOpen || line.ends_with("wWinMain,Showing dialog...");
     }
-    EXPECT_EQ(MINUTES, looks);
+    EXPECT_EQ(MINUTES, checks);
     expectMatches({"~WindowsTimer,WindowsTimer, m_ticksPerMs=1000000 ", "~wWinMain,Done."}, rest);
 }
 

@@ -1,4 +1,4 @@
-// What exploring finds, and the library's smallest parts under every schedule.
+// What an exploration finds, and the library's smallest parts under every schedule.
 
 #include "datapath/common/infra/Semaphore.h"
 #include "datapath/common/infra/Trigger.h"
@@ -177,7 +177,7 @@ TEST(Semaphore, EachSignalLetsOneWaitPass)
 {
     exploreBothWays([] {
         Semaphore semaphore(1);
-        int passed = 0; // by waits without a limit
+        int passed = 0;
         runTogether({{"signal", [&] { semaphore.signal(); }},
                      {"wait", [&] { semaphore.wait(), ++passed; }},
                      {"limited", [&] { passed += semaphore.waitFor(5) ? 1 : 0; }}});
@@ -190,7 +190,7 @@ TEST(Trigger, LetsEachOfTwoWaitsPassForASetOfItsOwn)
     exploreBothWays([] {
         Trigger ping;
         Trigger pong;
-        int turns = 0; // handed over by the triggers
+        int turns = 0; // not atomic, because the triggers order the accesses
         runTogether({{"ping", [&] { ++turns, ping.set(), pong.wait(), ping.set(); }},
                      {"pong", [&] { ping.wait(), check(++turns == 2, "two turns"), pong.set(), ping.wait(); }}});
     });

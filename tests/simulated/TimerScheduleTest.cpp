@@ -24,7 +24,7 @@ struct Alarm : FutureInternal::FutureObserver<RcStatus>
     void update(const RcStatus& /*value*/) override { ++ends; }
 
     int calls = 0;
-    int ends = 0; // of its future
+    int ends = 0; // how often its future was set
 };
 
 struct TimerSchedules : testing::Test
@@ -34,8 +34,8 @@ struct TimerSchedules : testing::Test
 
 TEST_F(TimerSchedules, EachTimerIsCalledOrReplacedWhateverPassesDo)
 {
-    static int numReplaced; // as the log tells
-    // After a failure its threads may stand in it for ever, so it stays.
+    static int numReplaced; // from the log
+    // Never destroyed: threads of a failed schedule may be inside it for ever.
     new HookedClient("replacing existing timer", [](const std::string&) { ++numReplaced; });
     exploreBothWays([] {
         numReplaced = 0;
@@ -43,7 +43,7 @@ TEST_F(TimerSchedules, EachTimerIsCalledOrReplacedWhateverPassesDo)
         Alarm once;
         Alarm again;
         Alarm fresh;
-        int numObservers = 0; // of the second timer
+        int numObservers = 0; // added to the second timer
         const TimerHandle onceHandle = timer.addTimer(Alarm::ring, &once, 0, true, 0);
         const TimerHandle againHandle = timer.addTimer(Alarm::ring, &again, 1, false, 0);
         timer.completionOf(onceHandle)->addObserver(&once);
@@ -71,7 +71,7 @@ TEST_F(TimerSchedules, EachTimerIsCalledOrReplacedWhateverPassesDo)
 
 TEST_F(TimerSchedules, TheTimerThreadLooksEveryTenthOfASecondAndIsWatched)
 {
-    static std::vector<std::int64_t> callsMs; // after the thread has started
+    static std::vector<std::int64_t> callsMs; // times since the thread was started
     static std::int64_t start;
     static std::uint32_t seed = 0;
     const ScopedReplacement random(platform::randomCalls.seedRandom, [](std::uint32_t value) { seed = value; });
@@ -90,7 +90,7 @@ TEST_F(TimerSchedules, TheTimerThreadLooksEveryTenthOfASecondAndIsWatched)
     EXPECT_TRUE(seed == startMs || seed == startMs + 1) << seed;
     WindowsTimer::instance().addTimer([](void*) { platform::sleepMs(190'000); }, nullptr, 0, true, periodic);
     platform::sleepMs(600'000);
-    // Of three looks meanwhile the first finds it alive, and the second one is no more than an interval later.
+    // Three checks come meanwhile. The first finds the timer alive, the second comes one interval later.
     EXPECT_EQ(Texts{"120 sec"}, client.messagesAfter("Error,NON,DlcKeepalive,checkLease,timer is stuck for "));
     EXPECT_EQ(0, client.count("~,ThreadWrapper,~") + client.count("~,MemWatcher,~"));
 }
@@ -105,7 +105,7 @@ TEST_F(TimerSchedules, NoReaderIsGivenLessThanWasHandedOutBefore)
     exploreBothWays([] {
         numReadings = 0;
         Clock clock;
-        std::int64_t highest = 0; // that was handed out
+        std::int64_t highest = 0; // value that was handed out
         const auto read = [&] {
             const std::int64_t before = highest;
             const std::int64_t value = clock.ticks();

@@ -1,4 +1,4 @@
-// The table of tweaks and what hot code reads of it, under many schedules.
+// The table of tweaks and the dynamic tweaks, under many schedules.
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/Tweaks.h"

@@ -8,8 +8,8 @@
 namespace platform
 {
 
-/// As std::atomic, with a switch point before each operation. One thread runs at a time, so every order is sequentially
-/// consistent here, and a weak exchange does not fail without a reason.
+/// Like std::atomic, with a switch point before each operation. Only one thread runs at a time, so every operation is
+/// sequentially consistent here whatever its order, and a weak exchange never fails spuriously.
 template <class T> class Atomic
 {
 public:

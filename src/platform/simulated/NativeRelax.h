@@ -3,7 +3,7 @@
 namespace platform
 {
 
-/// A switch point at which the other threads that can go on come first.
+/// A switch point that prefers the other threads that can run.
 void relax() noexcept;
 
 inline constexpr bool RUNS_ONE_THREAD_AT_A_TIME = true;

@@ -14,7 +14,7 @@ using simulated::switchPoint;
 namespace
 {
 
-void expectUnused(bool isUsed, const char* what)
+void failIfUsed(bool isUsed, const char* what)
 {
     if (isUsed)
     {
@@ -24,7 +24,7 @@ void expectUnused(bool isUsed, const char* what)
 
 } // namespace
 
-NativeMutex::~NativeMutex() { expectUnused(m_owner != 0 || m_waiters != 0, "a mutex"); }
+NativeMutex::~NativeMutex() { failIfUsed(m_owner != 0 || m_waiters != 0, "a mutex"); }
 
 void NativeMutex::lock() noexcept
 {
@@ -60,7 +60,7 @@ void NativeMutex::unlock() noexcept
     Scheduler::instance().wakeAt(this);
 }
 
-NativeSemaphore::~NativeSemaphore() { expectUnused(m_waiters != 0, "a semaphore"); }
+NativeSemaphore::~NativeSemaphore() { failIfUsed(m_waiters != 0, "a semaphore"); }
 
 void NativeSemaphore::post() noexcept
 {
@@ -96,7 +96,7 @@ bool NativeSemaphore::waitFor(std::uint32_t durationMs) noexcept
     return isTaken;
 }
 
-NativeEvent::~NativeEvent() { expectUnused(m_waiters != 0, "an event"); }
+NativeEvent::~NativeEvent() { failIfUsed(m_waiters != 0, "an event"); }
 
 void NativeEvent::set() noexcept
 {
@@ -105,15 +105,15 @@ void NativeEvent::set() noexcept
     Scheduler::instance().wakeAt(this);
 }
 
-void NativeEvent::wait() noexcept { static_cast<void>(passBefore(nullptr, false)); }
+void NativeEvent::wait() noexcept { static_cast<void>(waitUntil(nullptr, false)); }
 
 bool NativeEvent::waitFor(std::uint32_t durationMs) noexcept
 {
     const std::int64_t deadlineNs = Scheduler::instance().nowPlus(durationMs);
-    return passBefore(&deadlineNs, durationMs == 0);
+    return waitUntil(&deadlineNs, durationMs == 0);
 }
 
-bool NativeEvent::passBefore(const std::int64_t* deadlineNs, bool isLate) noexcept
+bool NativeEvent::waitUntil(const std::int64_t* deadlineNs, bool isLate) noexcept
 {
     switchPoint();
     ++m_waiters;
@@ -122,9 +122,9 @@ bool NativeEvent::passBefore(const std::int64_t* deadlineNs, bool isLate) noexce
         isLate = !Scheduler::instance().waitAt(this, {"an event"}, deadlineNs);
     }
     --m_waiters;
-    const bool isLetPass = m_passes != 0;
-    m_passes -= isLetPass ? 1 : 0;
-    return isLetPass;
+    const bool hasPass = m_passes != 0;
+    m_passes -= hasPass ? 1 : 0;
+    return hasPass;
 }
 
 } // namespace platform

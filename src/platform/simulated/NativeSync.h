@@ -5,9 +5,10 @@
 namespace platform
 {
 
-/// All three: a switch point before each operation, and whoever waits leaves the turn to others. What they hold is
-/// read and written by the thread whose turn it is. A schedule goes wrong when one is destroyed that a thread has or
-/// waits for.
+// Each operation of the three classes begins with a switch point, and a thread that waits hands on the turn. Their
+// members need no lock, because only the thread that has the turn uses them. A schedule fails when it destroys an
+// object that a thread holds or waits for.
+
 class NativeMutex
 {
 public:
@@ -21,7 +22,7 @@ public:
     void unlock() noexcept;
 
 private:
-    int m_owner = 0; // the scheduler's number of the thread that has it
+    int m_owner = 0; // the scheduler's number of the thread that holds the mutex; 0 if it is free
     std::uint32_t m_waiters = 0;
 };
 
@@ -36,7 +37,7 @@ public:
     void post() noexcept;
     void wait() noexcept;
 
-    /// Waits at most durationMs of virtual time, 0 for not at all. Returns whether it took one.
+    /// Waits at most durationMs of virtual time; 0 does not wait. Returns whether it has decremented the count.
     [[nodiscard]] bool waitFor(std::uint32_t durationMs) noexcept;
 
 private:
@@ -55,14 +56,15 @@ public:
     void set() noexcept;
     void wait() noexcept;
 
-    /// Waits at most durationMs of virtual time, 0 for not at all. Returns whether it was let pass.
+    /// Waits at most durationMs of virtual time; 0 does not wait. Returns whether a set has ended the wait.
     [[nodiscard]] bool waitFor(std::uint32_t durationMs) noexcept;
 
 private:
-    bool passBefore(const std::int64_t* deadlineNs, bool isLate) noexcept;
+    /// No deadline means no limit. If isLate, it does not wait.
+    bool waitUntil(const std::int64_t* deadlineNs, bool isLate) noexcept;
 
-    std::uint32_t m_passes = 0;  // that sets have left
-    std::uint32_t m_waiters = 0; // each of which a set of its own can let pass
+    std::uint32_t m_passes = 0;  // sets that have not ended a wait yet: at most one for each waiter, and one more
+    std::uint32_t m_waiters = 0; // threads inside wait or waitFor
 };
 
 } // namespace platform

@@ -24,15 +24,15 @@ namespace platform::simulated
 namespace
 {
 
-/// The schedule goes wrong here; outside of schedules the process ends.
-[[noreturn]] void goWrong(const std::string& failure)
+/// Fails the schedule; outside of schedules ends the process.
+[[noreturn]] void failSchedule(const std::string& failure)
 {
     Scheduler::instance().fail(failure);
     static_cast<void>(std::fprintf(stderr, "outside of schedules, %s\n", failure.c_str()));
     std::abort();
 }
 
-/// The body of a schedule's thread. An exception that it lets go is a failure of the schedule.
+/// The body of a schedule's thread. An exception that leaves the work is a failure of the schedule.
 void runThread(const std::string& name, const std::function<void()>& work)
 {
     nameThread(name);
@@ -51,20 +51,23 @@ void runThread(const std::string& name, const std::function<void()>& work)
     }
     if (!failure.empty())
     {
-        goWrong(failure);
+        failSchedule(failure);
     }
 }
 
 void runScenario(void* scenario) { runThread("scenario", *static_cast<const Scenario*>(scenario)); }
 
-/// The end of the process is a failure of the schedule.
-class ScopedEnd
+/// While it lives, endProcess fails the schedule.
+class ScopedProcessEnd
 {
 public:
-    ScopedEnd() : m_replaced(std::exchange(processCalls.endProcess.current, endSchedule)) { s_replaced = m_replaced; }
-    ScopedEnd(const ScopedEnd&) = delete;
-    ScopedEnd& operator=(const ScopedEnd&) = delete;
-    ~ScopedEnd() { processCalls.endProcess.current = m_replaced; }
+    ScopedProcessEnd() : m_replaced(std::exchange(processCalls.endProcess.current, endSchedule))
+    {
+        s_replaced = m_replaced;
+    }
+    ScopedProcessEnd(const ScopedProcessEnd&) = delete;
+    ScopedProcessEnd& operator=(const ScopedProcessEnd&) = delete;
+    ~ScopedProcessEnd() { processCalls.endProcess.current = m_replaced; }
 
 private:
     static void endSchedule()
@@ -79,18 +82,18 @@ private:
     const End m_replaced;
 };
 
-void tell(const Exploration& exploration, const std::string& failure, const std::string& schedule)
+void printFailure(const Exploration& exploration, const std::string& failure, const std::string& schedule)
 {
     static_cast<void>(std::fprintf(stderr, "schedule %llu %s: %s\nto replay: \"%s\"\n",
                                    static_cast<unsigned long long>(exploration.schedules), exploration.way.c_str(),
                                    failure.c_str(), schedule.c_str()));
 }
 
-/// Tells the schedule when a signal is about to end the process, and of a fault also where it is.
+/// Prints the schedule when a signal is about to end the process, and for a fault its address and the back trace.
 class ScopedCrashReport
 {
 public:
-    ScopedCrashReport(const Recording& strategy, const Exploration& exploration)
+    ScopedCrashReport(const RecordingStrategy& strategy, const Exploration& exploration)
     {
         s_strategy = &strategy;
         s_exploration = &exploration;
@@ -104,17 +107,17 @@ public:
     }
     ScopedCrashReport(const ScopedCrashReport&) = delete;
     ScopedCrashReport& operator=(const ScopedCrashReport&) = delete;
-    ~ScopedCrashReport() { putBack(); }
+    ~ScopedCrashReport() { restoreHandlers(); }
 
 private:
     static constexpr int MAX_FRAMES = 64;
     static constexpr std::array SIGNALS = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV};
 
-    /// On the thread that has the turn, so that the schedule's text does not change meanwhile.
+    /// Runs on the thread that has the turn, so the text of the schedule does not change meanwhile.
     static void report(int signal, siginfo_t* info, void* /*context*/)
     {
-        putBack(); // the fault comes again when this returns, and abort goes on to end the process
-        tell(*s_exploration, "signal " + std::to_string(signal) + " ends the process", s_strategy->text());
+        restoreHandlers(); // after this returns, the fault occurs again, and abort ends the process
+        printFailure(*s_exploration, "signal " + std::to_string(signal) + " ends the process", s_strategy->text());
         if (signal != SIGABRT)
         {
             static_cast<void>(std::fprintf(stderr, "the fault is at address %p\n", info->si_addr));
@@ -123,7 +126,7 @@ private:
         }
     }
 
-    static void putBack()
+    static void restoreHandlers()
     {
         for (std::size_t index = 0; index < SIGNALS.size(); ++index)
         {
@@ -131,16 +134,16 @@ private:
         }
     }
 
-    static constinit inline const Recording* s_strategy = nullptr;
+    static constinit inline const RecordingStrategy* s_strategy = nullptr;
     static constinit inline const Exploration* s_exploration = nullptr;
     static inline std::array<struct sigaction, SIGNALS.size()> s_previous{};
 };
 
-/// Returns what went wrong; empty if nothing did. The schedule counts among those of the exploration already.
-std::string runSchedule(const Scenario& scenario, Recording& strategy, const Exploration& exploration,
+/// Returns what went wrong; empty if nothing did. exploration.schedules has already counted this schedule.
+std::string runSchedule(const Scenario& scenario, RecordingStrategy& strategy, const Exploration& exploration,
                         std::uint64_t maxSteps)
 {
-    const ScopedEnd end;
+    const ScopedProcessEnd end;
     const ScopedCrashReport crash(strategy, exploration);
     Scheduler::instance().beginSchedule(maxSteps);
     const ErrorNumber error = startThread(runScenario, const_cast<Scenario*>(&scenario));
@@ -152,70 +155,71 @@ std::string runSchedule(const Scenario& scenario, Recording& strategy, const Exp
     return strategy.mismatch().empty() ? failure : strategy.mismatch();
 }
 
-/// The last step of each exploration.
-Exploration reported(Exploration exploration)
+/// Prints the failure, if there is one, and returns the exploration.
+Exploration withReport(Exploration exploration)
 {
     if (!exploration.failure.empty())
     {
-        tell(exploration, exploration.failure, exploration.schedule);
+        printFailure(exploration, exploration.failure, exploration.schedule);
     }
     return exploration;
 }
 
-/// A schedule by where it leaves the usual course.
+/// A schedule that is described by its departures from the usual course.
 struct Course
 {
-    std::vector<Departing::Departure> departures{};
-    std::uint32_t preemptions = 0; // of these departures
+    std::vector<DepartingStrategy::Departure> departures{};
+    std::uint32_t preemptions = 0; // how many of the departures are preemptions
 };
 
-/// The courses with one departure more than those that were run. Of more than there is room for it keeps a part in
-/// which each is as likely as another.
+/// Collects the courses that have one departure more than those that were run. If they exceed the capacity, it keeps a
+/// uniform random sample of them.
 class NextCourses
 {
 public:
-    explicit NextCourses(std::uint64_t most) : m_most(most), m_random(most) {}
+    explicit NextCourses(std::uint64_t capacity) : m_capacity(capacity), m_random(capacity) {}
 
-    /// All that depart later than the course, which was run with these choices.
-    void addFrom(const Course& course, const std::vector<Departing::Choice>& choices, std::uint32_t mostPreemptions)
+    /// Adds all courses that follow the given one, which was run with these choices, and then depart once more.
+    void addFrom(const Course& course, const std::vector<DepartingStrategy::Choice>& choices,
+                 std::uint32_t maxPreemptions)
     {
         for (std::uint64_t choice = course.departures.empty() ? 0 : course.departures.back().choice + 1;
              choice < choices.size(); ++choice)
         {
-            const auto [numOptions, firstCostly, history] = choices[choice];
-            const bool mayPreempt = course.preemptions < mostPreemptions;
-            for (std::size_t option = 1; option < (mayPreempt ? numOptions : firstCostly); ++option)
+            const auto [numOptions, firstPreemption, history] = choices[choice];
+            const bool mayPreempt = course.preemptions < maxPreemptions;
+            for (std::size_t option = 1; option < (mayPreempt ? numOptions : firstPreemption); ++option)
             {
                 if (Course* const place = placeForOneMore(); place != nullptr)
                 {
                     *place = course;
                     place->departures.push_back({choice, option, history});
-                    place->preemptions += option >= firstCostly ? 1 : 0;
+                    place->preemptions += option >= firstPreemption ? 1 : 0;
                 }
             }
         }
     }
 
-    [[nodiscard]] bool areAll() const { return m_seen == m_courses.size(); }
+    [[nodiscard]] bool hasAll() const { return m_numSeen == m_courses.size(); }
     [[nodiscard]] std::vector<Course> take() { return std::move(m_courses); }
 
 private:
-    /// Null: it is left out. Source: Vitter, "Random Sampling with a Reservoir", algorithm R.
+    /// Returns null if the course is left out. Source: Vitter, "Random Sampling with a Reservoir", algorithm R.
     Course* placeForOneMore()
     {
-        ++m_seen;
-        if (m_courses.size() < m_most)
+        ++m_numSeen;
+        if (m_courses.size() < m_capacity)
         {
             return &m_courses.emplace_back();
         }
-        const std::uint64_t place = m_random() % m_seen;
-        return place < m_most ? &m_courses[place] : nullptr;
+        const std::uint64_t place = m_random() % m_numSeen;
+        return place < m_capacity ? &m_courses[place] : nullptr;
     }
 
-    const std::uint64_t m_most;
-    std::uint64_t m_seen = 0;
+    const std::uint64_t m_capacity;
+    std::uint64_t m_numSeen = 0;
     std::vector<Course> m_courses;
-    std::mt19937_64 m_random; // the same for the same number
+    std::mt19937_64 m_random; // seeded with the capacity, so that an exploration can be repeated
 };
 
 void exploreInOrder(const Scenario& scenario, const ExploreOptions& options, Exploration& exploration)
@@ -226,7 +230,7 @@ void exploreInOrder(const Scenario& scenario, const ExploreOptions& options, Exp
         NextCourses next(options.maxSchedules - std::min(options.maxSchedules, exploration.schedules + courses.size()));
         for (const Course& course : courses)
         {
-            Departing strategy(course.departures);
+            DepartingStrategy strategy(course.departures);
             ++exploration.schedules;
             exploration.failure = runSchedule(scenario, strategy, exploration, options.maxSteps);
             if (exploration.failure.empty())
@@ -242,24 +246,24 @@ void exploreInOrder(const Scenario& scenario, const ExploreOptions& options, Exp
             }
             next.addFrom(course, strategy.choices(), options.preemptions);
         }
-        exploration.isComplete = exploration.isComplete && next.areAll();
+        exploration.isComplete = exploration.isComplete && next.hasAll();
         courses = next.take();
     }
 }
 
-void exploreAtRandom(const Scenario& scenario, const ExploreOptions& options, std::uint64_t seed, std::uint64_t most,
-                     Exploration& exploration)
+void exploreAtRandom(const Scenario& scenario, const ExploreOptions& options, std::uint64_t seed,
+                     std::uint64_t maxSchedules, Exploration& exploration)
 {
-    constexpr std::uint64_t FIRST_GUESS = 100; // of how many steps a schedule has
+    constexpr std::uint64_t FIRST_EXPECTED_STEPS = 100; // a guess: no schedule has run yet
     std::mt19937_64 seeds(seed);
-    std::uint64_t usualSteps = FIRST_GUESS;
-    while (exploration.schedules != most && exploration.failure.empty())
+    std::uint64_t expectedSteps = FIRST_EXPECTED_STEPS;
+    while (exploration.schedules != maxSchedules && exploration.failure.empty())
     {
-        AtRandom strategy(seeds(), usualSteps, options.priorityChanges);
+        RandomStrategy strategy(seeds(), expectedSteps, options.priorityChanges);
         ++exploration.schedules;
         exploration.failure = runSchedule(scenario, strategy, exploration, options.maxSteps);
         exploration.schedule = exploration.failure.empty() ? "" : strategy.text();
-        usualSteps = std::max<std::uint64_t>(Scheduler::instance().stepsOfSchedule(), 1);
+        expectedSteps = std::max<std::uint64_t>(Scheduler::instance().stepsOfSchedule(), 1);
     }
 }
 
@@ -277,7 +281,7 @@ Exploration explore(const Scenario& scenario, const ExploreOptions& options)
 {
     if (Exploration warm = warmUp(scenario, options); !warm.failure.empty())
     {
-        return reported(std::move(warm));
+        return withReport(std::move(warm));
     }
     Exploration exploration;
     if (options.seed)
@@ -290,17 +294,17 @@ Exploration explore(const Scenario& scenario, const ExploreOptions& options)
         exploration.way = "in order";
         exploreInOrder(scenario, options, exploration);
     }
-    return reported(std::move(exploration));
+    return withReport(std::move(exploration));
 }
 
 Exploration replay(std::string_view schedule, const Scenario& scenario, const ExploreOptions& options)
 {
-    Repeating strategy(schedule);
+    ReplayStrategy strategy(schedule);
     if (strategy.mismatch().empty())
     {
         if (Exploration warm = warmUp(scenario, options); !warm.failure.empty())
         {
-            return reported(std::move(warm));
+            return withReport(std::move(warm));
         }
     }
     Exploration exploration{.schedules = 1, .way = "of a replay", .schedule = std::string(schedule)};
@@ -313,14 +317,14 @@ Exploration replay(std::string_view schedule, const Scenario& scenario, const Ex
     {
         exploration.failure = strategy.mismatch();
     }
-    return reported(std::move(exploration));
+    return withReport(std::move(exploration));
 }
 
-void check(bool isSo, const std::string& what)
+void check(bool holds, const std::string& what)
 {
-    if (!isSo)
+    if (!holds)
     {
-        goWrong("not so: " + what);
+        failSchedule("not so: " + what);
     }
 }
 

@@ -13,7 +13,7 @@
 namespace platform
 {
 
-void relax() noexcept { simulated::Scheduler::instance().pass(true); }
+void relax() noexcept { simulated::Scheduler::instance().switchPoint(true); }
 
 } // namespace platform
 
@@ -24,15 +24,15 @@ namespace
 {
 
 constexpr std::int64_t READING_NS = 100;
-/// As late as it may become, 291 years: a moment that is waited for can be told in 64 bits after it too.
+/// The end of virtual time, after 291 years. A deadline that is set just before it, at most 50 days later, still fits.
 constexpr std::int64_t LATEST_NS = std::numeric_limits<std::int64_t>::max() - NS_PER_SECOND * 86'400 * 366;
 
 constinit thread_local Scheduler::Thread* ownThread = nullptr;
-constinit thread_local bool hasEnded = false; // what the system may still run on it makes no switch points
-constexpr int ENDED_NUMBER = std::numeric_limits<int>::min();
+constinit thread_local bool hasEnded = false; // code that the system still runs on the thread makes no switch points
+constexpr int ENDED_NUMBER = std::numeric_limits<int>::min(); // the number of a thread that has ended
 
-/// Keeps the calling thread, and those that it starts, where the first one ran that came here. Handing on the turn to a
-/// thread of another processor takes three times as long.
+/// Keeps the calling thread, and the threads that it starts, on the processor on which the first caller ran. Handing
+/// the turn to a thread on another processor takes three times as long.
 void stayOnOneProcessor()
 {
     static const cpu_set_t PROCESSOR = [] {
@@ -46,7 +46,7 @@ void stayOnOneProcessor()
 
 } // namespace
 
-void switchPoint() noexcept { Scheduler::instance().pass(false); }
+void switchPoint() noexcept { Scheduler::instance().switchPoint(false); }
 
 Scheduler& Scheduler::instance()
 {
@@ -54,12 +54,12 @@ Scheduler& Scheduler::instance()
     return scheduler;
 }
 
-/// The calling thread, which has the turn on return.
-Scheduler::Thread& Scheduler::adopted(Lock& lock)
+/// The record of the calling thread. A thread that the floor has not started is adopted, and has the turn on return.
+Scheduler::Thread& Scheduler::callingThread(Lock& lock)
 {
     if (ownThread == nullptr)
     {
-        auto* const thread = new Thread{.number = --m_lastNumberOfOthers};
+        auto* const thread = new Thread{.number = --m_lastNegativeNumber};
         m_threads.push_back(thread);
         if (m_running == nullptr)
         {
@@ -81,9 +81,9 @@ Scheduler::Thread& Scheduler::adopted(Lock& lock)
 
 Scheduler::Thread* Scheduler::announce()
 {
-    pass(false);
+    switchPoint(false);
     const Lock lock(m_lock);
-    auto* const thread = new Thread{.number = m_explorer != nullptr ? ++m_lastNumber : --m_lastNumberOfOthers};
+    auto* const thread = new Thread{.number = m_explorer != nullptr ? ++m_lastScheduleNumber : --m_lastNegativeNumber};
     m_threads.push_back(thread);
     return thread;
 }
@@ -110,13 +110,13 @@ void Scheduler::forget(Thread* thread)
 
 void Scheduler::onThreadEnd(void* thread)
 {
-    // The system releases a thread's values in rounds, four at most, for as long as releasing sets others. The last
-    // round but one is late enough.
+    // The system releases the values of a thread in at most four rounds, as long as releases set new values. The third
+    // round is late enough, and there is one after it if another value is released only then.
     constexpr int ROUNDS = 3;
     auto* const self = static_cast<Thread*>(thread);
-    if (++self->numReleases < ROUNDS)
+    if (++self->numReleaseRounds < ROUNDS)
     {
-        instance().enter(self); // called again in the next round
+        instance().enter(self); // sets the value again, so that there is a next round
         return;
     }
     instance().leave(self);
@@ -153,15 +153,15 @@ void Scheduler::handOn(Lock& lock, Thread& self, bool isResting)
     awaitTurn(lock, self);
 }
 
-void Scheduler::pass(bool isResting)
+void Scheduler::switchPoint(bool isResting)
 {
     if (hasEnded)
     {
         return;
     }
-    constexpr std::uint32_t MOST_IN_A_ROW = 1'000;
+    constexpr std::uint32_t MAX_KEPT_TURNS = 1'000;
     Lock lock(m_lock);
-    Thread& self = adopted(lock);
+    Thread& self = callingThread(lock);
     if (&self == m_explorer)
     {
         return;
@@ -172,10 +172,10 @@ void Scheduler::pass(bool isResting)
     }
     if (m_explorer == nullptr)
     {
-        const bool isLong = ++m_passesInARow >= MOST_IN_A_ROW;
+        const bool isLong = ++m_numKeptTurns >= MAX_KEPT_TURNS;
         if (isResting || isLong)
         {
-            m_passesInARow = 0;
+            m_numKeptTurns = 0;
             handOn(lock, self, true);
         }
         return;
@@ -184,7 +184,7 @@ void Scheduler::pass(bool isResting)
     handOn(lock, self, isResting);
 }
 
-/// Does not return if that is one more than the schedule may have.
+/// Counts a switch point of the schedule. Does not return if it is one more than the schedule may have.
 void Scheduler::countStep(Lock& lock)
 {
     if (m_explorer == nullptr || ++m_steps <= m_maxSteps)
@@ -192,7 +192,7 @@ void Scheduler::countStep(Lock& lock)
         return;
     }
     const std::string number = std::to_string(m_maxSteps) + " switch points";
-    const std::string waits = Scheduler::waits();
+    const std::string waits = describeWaitsLocked();
     const bool hasBegun = m_strategy != nullptr;
     lock.unlock();
     fail(hasBegun ? "not over after " + number + (waits.empty() ? "" : " while " + waits)
@@ -203,11 +203,11 @@ void Scheduler::sleep(std::uint32_t durationMs)
 {
     if (durationMs == 0)
     {
-        pass(true);
+        switchPoint(true);
         return;
     }
     Lock lock(m_lock);
-    static_cast<void>(adopted(lock));
+    static_cast<void>(callingThread(lock));
     countStep(lock);
     lock.unlock();
     const std::int64_t deadlineNs = nowPlus(durationMs);
@@ -217,7 +217,7 @@ void Scheduler::sleep(std::uint32_t durationMs)
 bool Scheduler::waitAt(const void* object, WaitReason reason, const std::int64_t* deadlineNs)
 {
     Lock lock(m_lock);
-    Thread& self = adopted(lock);
+    Thread& self = callingThread(lock);
     self.waitsFor = object;
     self.reason = reason;
     self.isLate = false;
@@ -246,17 +246,17 @@ void Scheduler::wakeAt(const void* object)
 int Scheduler::ownNumber()
 {
     Lock lock(m_lock);
-    return hasEnded ? ENDED_NUMBER : adopted(lock).number;
+    return hasEnded ? ENDED_NUMBER : callingThread(lock).number;
 }
 
 void Scheduler::setOwnName(std::string name)
 {
     Lock lock(m_lock);
-    adopted(lock).name = std::move(name);
+    callingThread(lock).name = std::move(name);
 }
 
-/// Self first if it can go on, last if it rests; the others in the order of their start, from self on.
-std::vector<Scheduler::Thread*> Scheduler::thoseWhoCanRun(const Thread& self, bool isResting)
+/// In the order of their start, beginning with self and wrapping around. If self rests, it comes last.
+std::vector<Scheduler::Thread*> Scheduler::runnableThreads(const Thread& self, bool isResting)
 {
     std::vector<Thread*> threads = m_threads;
     std::rotate(threads.begin(), std::ranges::find(threads, &self), threads.end());
@@ -270,7 +270,7 @@ std::vector<Scheduler::Thread*> Scheduler::thoseWhoCanRun(const Thread& self, bo
 
 Scheduler::Thread* Scheduler::chooseNext(const Thread& self, bool isResting)
 {
-    std::vector<Thread*> threads = thoseWhoCanRun(self, isResting);
+    std::vector<Thread*> threads = runnableThreads(self, isResting);
     while (threads.empty())
     {
         Thread* const other = whenNobodyCanRun();
@@ -278,28 +278,29 @@ Scheduler::Thread* Scheduler::chooseNext(const Thread& self, bool isResting)
         {
             return other;
         }
-        threads = thoseWhoCanRun(self, isResting);
+        threads = runnableThreads(self, isResting);
     }
     std::size_t chosen = 0;
     if (m_strategy != nullptr && threads.size() > 1)
     {
-        Options options{.threads = {}, .firstCostly = threads.size(), .rester = {}, .step = m_steps};
+        Options options{.threads = {}, .firstPreemption = threads.size(), .resting = {}, .step = m_steps};
         std::ranges::transform(threads, std::back_inserter(options.threads), &Thread::number);
         if (self.canRun())
         {
-            options.firstCostly = isResting ? threads.size() - 1 : 1;
-            options.rester = isResting ? std::optional(self.number) : std::nullopt;
+            options.firstPreemption = isResting ? threads.size() - 1 : 1;
+            options.resting = isResting ? std::optional(self.number) : std::nullopt;
         }
         chosen = m_strategy->choose(options);
     }
-    m_idleMoves = threads[chosen]->number > 0 ? 0 : m_idleMoves;
+    m_numIdleMoves = threads[chosen]->number > 0 ? 0 : m_numIdleMoves;
     return threads[chosen];
 }
 
-/// Moves the time, and returns a thread that has a deadline then; or the explorer, if the schedule is over; or null.
+/// Moves the time to the next deadline, and returns the thread that it belongs to. Returns the explorer if the schedule
+/// is over or fails, and null if no thread has a deadline.
 Scheduler::Thread* Scheduler::whenNobodyCanRun()
 {
-    constexpr std::uint32_t MOST_IDLE_MOVES = 1'000; // others get that many chances to free the schedule's threads
+    constexpr std::uint32_t MAX_IDLE_MOVES = 1'000; // services may free the schedule's threads until then
     if (m_explorer != nullptr && isScheduleDone())
     {
         return endSchedule("");
@@ -314,9 +315,10 @@ Scheduler::Thread* Scheduler::whenNobodyCanRun()
             isScheduleWaitingForTime = isScheduleWaitingForTime || thread->number > 0;
         }
     }
-    if (m_explorer != nullptr && !isScheduleWaitingForTime && (earliest == nullptr || ++m_idleMoves > MOST_IDLE_MOVES))
+    if (m_explorer != nullptr && !isScheduleWaitingForTime &&
+        (earliest == nullptr || ++m_numIdleMoves > MAX_IDLE_MOVES))
     {
-        return endSchedule("deadlock: " + waits());
+        return endSchedule("deadlock: " + describeWaitsLocked());
     }
     if (m_explorer != nullptr && earliest != nullptr && *earliest->deadlineNs > LATEST_NS)
     {
@@ -360,7 +362,7 @@ std::int64_t Scheduler::nowPlus(std::uint32_t durationMs) { return now() + std::
 void Scheduler::advance(std::int64_t durationNs)
 {
     Lock lock(m_lock);
-    Thread& self = adopted(lock);
+    Thread& self = callingThread(lock);
     countStep(lock);
     setTime(m_nowNs + std::min(durationNs, std::max<std::int64_t>(LATEST_NS - m_nowNs, 0)));
     handOn(lock, self, false);

@@ -1,4 +1,4 @@
-// How the scheduler runs one schedule, from the rest of all other threads to its end or failure.
+// The part of the scheduler that runs one schedule, until it ends or fails.
 
 #include "platform/simulated/Scheduler.h"
 #include "platform/simulated/SchedulerThread.h"
@@ -20,18 +20,18 @@ constexpr std::int64_t UTC_OF_SCHEDULES_NS = 1'767'225'600 * NS_PER_SECOND; // t
 
 void Scheduler::beginSchedule(std::uint64_t maxSteps)
 {
-    constexpr std::uint64_t MOST_UNTIL_REST = 10'000'000; // switch points
+    constexpr std::uint64_t MAX_STEPS_UNTIL_REST = 10'000'000; // switch points
     Lock lock(m_lock);
-    Thread& self = adopted(lock);
+    Thread& self = callingThread(lock);
     m_explorer = &self;
     m_failure.reset();
     m_steps = 0;
-    m_maxSteps = MOST_UNTIL_REST;
-    m_lastNumber = 0;
+    m_maxSteps = MAX_STEPS_UNTIL_REST;
+    m_lastScheduleNumber = 0;
     self.waitsFor = this;
     self.reason = {"the schedule"};
     self.deadlineNs.reset();
-    handOn(lock, self, false); // until the others rest
+    handOn(lock, self, false); // returns when the others rest
     m_steps = 0;
     m_maxSteps = maxSteps;
     m_nowNs = (m_nowNs / NS_PER_SECOND + 1) * NS_PER_SECOND;
@@ -40,7 +40,7 @@ void Scheduler::beginSchedule(std::uint64_t maxSteps)
     {
         if (thread->deadlineNs)
         {
-            thread->deadlineNs = m_nowNs + thread->waitNs; // begun afresh, as in every schedule
+            thread->deadlineNs = m_nowNs + thread->waitNs; // each schedule begins at the start of this wait
         }
     }
 }
@@ -85,7 +85,7 @@ Scheduler::Thread* Scheduler::endSchedule(std::string failure)
 void Scheduler::fail(const std::string& text)
 {
     Lock lock(m_lock);
-    Thread& self = adopted(lock);
+    Thread& self = callingThread(lock);
     if (m_explorer == nullptr)
     {
         return;
@@ -98,19 +98,19 @@ void Scheduler::fail(const std::string& text)
 std::string Scheduler::describeWaits()
 {
     const Lock lock(m_lock);
-    return waits();
+    return describeWaitsLocked();
 }
 
 std::string Scheduler::nameOf(int number) const
 {
     const auto thread = std::ranges::find_if(m_threads, [number](const Thread* other) {
-        return other->number == number && !other->isStopped; // those of a failed schedule had such numbers too
+        return other->number == number && !other->isStopped; // threads of failed schedules have the same numbers
     });
     const bool isNamed = thread != m_threads.end() && !(*thread)->name.empty();
     return isNamed ? (*thread)->name : "thread " + std::to_string(number);
 }
 
-std::string Scheduler::waits() const
+std::string Scheduler::describeWaitsLocked() const
 {
     std::string text;
     for (const Thread* const thread : m_threads)

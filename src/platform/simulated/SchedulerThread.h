@@ -1,6 +1,6 @@
 #pragma once
 
-// What the scheduler knows of a thread; for its own sources.
+// The scheduler's record of a thread; for its own sources only.
 
 #include "platform/simulated/Scheduler.h"
 
@@ -19,14 +19,14 @@ struct Scheduler::Thread
 {
     const int number;
     std::string name{};
-    std::condition_variable turn{};
-    const void* waitsFor = nullptr; // null: it can run
+    std::condition_variable turn{}; // notified when the thread gets the turn
+    const void* waitsFor = nullptr; // the object that wakeAt is called for; null if the thread does not wait
     WaitReason reason{""};
-    std::int64_t waitNs = 0;                  // from the start of the wait to its deadline
-    std::optional<std::int64_t> deadlineNs{}; // of a wait
-    bool isLate = false;                      // the last wait ended at its deadline
-    bool isStopped = false;                   // for ever: its schedule failed, or it has ended
-    int numReleases = 0;                      // of the system's values of the thread, for its end
+    std::optional<std::int64_t> deadlineNs{}; // virtual time at which the last wait ends; no value: no limit
+    std::int64_t waitNs = 0;                  // the whole time until that deadline, from the start of the wait
+    bool isLate = false;                      // the last wait has ended at its deadline
+    bool isStopped = false;                   // never runs again, because it has ended or its schedule has failed
+    int numReleaseRounds = 0;                 // rounds in which the system has released the thread's values
 
     [[nodiscard]] bool canRun() const { return waitsFor == nullptr && !isStopped; }
 };

@@ -15,7 +15,7 @@ constexpr const char* NOT_THE_SAME = "the scenario is not the same in every sche
 
 } // namespace
 
-std::size_t Recording::choose(const Options& options)
+std::size_t RecordingStrategy::choose(const Options& options)
 {
     const std::size_t chosen = pick(options);
     if (chosen != 0)
@@ -27,18 +27,18 @@ std::size_t Recording::choose(const Options& options)
     return chosen;
 }
 
-void Recording::setMismatch(std::string text) { m_mismatch = std::move(text); }
+void RecordingStrategy::setMismatch(std::string text) { m_mismatch = std::move(text); }
 
-std::size_t Departing::pick(const Options& options)
+std::size_t DepartingStrategy::pick(const Options& options)
 {
-    constexpr std::uint64_t FACTOR = 0x9E37'79B9'7F4A'7C15; // odd, so that no bit is lost
+    constexpr std::uint64_t FACTOR = 0x9E37'79B9'7F4A'7C15; // 2^64 / golden ratio: Knuth's multiplicative hashing
     for (const int thread : options.threads)
     {
         m_history = (m_history + static_cast<std::uint64_t>(thread) + 1) * FACTOR;
     }
-    m_history = (m_history + options.firstCostly) * FACTOR;
+    m_history = (m_history + options.firstPreemption) * FACTOR;
     m_choices.push_back(
-        {.numOptions = options.threads.size(), .firstCostly = options.firstCostly, .history = m_history});
+        {.numOptions = options.threads.size(), .firstPreemption = options.firstPreemption, .history = m_history});
     if (m_numDeparted == m_departures.size() || m_departures[m_numDeparted].choice != numChoices())
     {
         return 0;
@@ -52,7 +52,7 @@ std::size_t Departing::pick(const Options& options)
     return departure.option;
 }
 
-void Departing::expectAllDeparted()
+void DepartingStrategy::expectAllDeparted()
 {
     if (m_numDeparted != m_departures.size() && mismatch().empty())
     {
@@ -60,20 +60,21 @@ void Departing::expectAllDeparted()
     }
 }
 
-AtRandom::AtRandom(std::uint64_t seed, std::uint64_t usualSteps, std::uint32_t numChanges) : m_random(seed)
+RandomStrategy::RandomStrategy(std::uint64_t seed, std::uint64_t expectedSteps, std::uint32_t numChanges)
+    : m_random(seed)
 {
     while (numChanges-- != 0)
     {
-        m_changes.push_back(1 + m_random() % usualSteps);
+        m_changes.push_back(1 + m_random() % expectedSteps);
     }
     std::ranges::sort(m_changes, std::greater<>());
 }
 
-std::size_t AtRandom::pick(const Options& options)
+std::size_t RandomStrategy::pick(const Options& options)
 {
-    if (options.rester)
+    if (options.resting)
     {
-        m_priorities[*options.rester] = --m_lowest;
+        m_priorities[*options.resting] = --m_lowest;
     }
     std::size_t chosen = highest(options);
     while (!m_changes.empty() && options.step >= m_changes.back())
@@ -85,7 +86,7 @@ std::size_t AtRandom::pick(const Options& options)
     return chosen;
 }
 
-std::size_t AtRandom::highest(const Options& options)
+std::size_t RandomStrategy::highest(const Options& options)
 {
     const auto priority = [this](int thread) {
         return m_priorities.try_emplace(thread, static_cast<std::int64_t>(m_random() >> 1U)).first->second;
@@ -93,7 +94,7 @@ std::size_t AtRandom::highest(const Options& options)
     return static_cast<std::size_t>(std::ranges::max_element(options.threads, {}, priority) - options.threads.begin());
 }
 
-Repeating::Repeating(std::string_view text)
+ReplayStrategy::ReplayStrategy(std::string_view text)
 {
     while (!text.empty())
     {
@@ -113,7 +114,7 @@ Repeating::Repeating(std::string_view text)
     }
 }
 
-void Repeating::expectAllUsed()
+void ReplayStrategy::expectAllUsed()
 {
     if (!m_threads.empty() && mismatch().empty())
     {
@@ -121,7 +122,7 @@ void Repeating::expectAllUsed()
     }
 }
 
-std::size_t Repeating::pick(const Options& options)
+std::size_t ReplayStrategy::pick(const Options& options)
 {
     const auto entry = m_threads.extract(numChoices());
     if (entry.empty())

@@ -1,7 +1,12 @@
 #pragma once
 
-// The ways to choose who goes on in a schedule: with given departures from the usual course, at random, or as a text
-// says.
+// The strategies that choose which thread goes on in a schedule. In the usual course a thread goes on until it waits or
+// rests: the first of the options is taken at each choice. Taking another option is a departure. The text of a schedule
+// lists its departures:
+//
+//     choice     0  1  2  3  4  5
+//     usual      1  1  2  1  1  3     the thread that goes on in the usual course
+//     taken      1  1  2  1  3  3     the text is "4:3": at choice 4, counted from 0, thread 3 goes on instead
 
 #include "platform/simulated/Scheduler.h"
 
@@ -15,15 +20,14 @@
 namespace platform::simulated
 {
 
-/// Writes down where the schedule leaves the choice that is made without a reason.
-class Recording : public Strategy
+/// Records the departures of the schedule, whichever strategy derives from it.
+class RecordingStrategy : public Strategy
 {
 public:
     std::size_t choose(const Options& options) final;
 
-    /// "17:2 40:1": at choice 17, counted from 0, thread 2 goes on, ...
     [[nodiscard]] const std::string& text() const final { return m_text; }
-    /// Why the schedule is not what it was to be; empty if it is.
+    /// Why the schedule could not be run as intended; empty if it could.
     [[nodiscard]] const std::string& mismatch() const { return m_mismatch; }
 
 protected:
@@ -38,29 +42,29 @@ private:
     std::string m_mismatch;
 };
 
-/// Leaves the usual course at given choices, and notes what there is to choose.
-class Departing final : public Recording
+/// Departs from the usual course at given choices, and records the options of every choice.
+class DepartingStrategy final : public RecordingStrategy
 {
 public:
     struct Departure
     {
-        std::uint64_t choice;  ///< its number
-        std::size_t option;    ///< that is chosen, none of the first one
-        std::uint64_t history; ///< of that choice in the schedule that the departure is from
+        std::uint64_t choice;  ///< counted from 0
+        std::size_t option;    ///< the place in Options::threads, never 0
+        std::uint64_t history; ///< the choice's history in the schedule from which the departure was derived
     };
     struct Choice
     {
         std::size_t numOptions;
-        std::size_t firstCostly;
-        std::uint64_t history; ///< a hash of what there was to choose until here
+        std::size_t firstPreemption;
+        std::uint64_t history; ///< a hash of all options up to this choice
     };
 
-    /// In the order of their choices; they outlive this.
-    explicit Departing(const std::vector<Departure>& departures) : m_departures(departures) {}
+    /// The departures are in the order of their choices, and must outlive this object.
+    explicit DepartingStrategy(const std::vector<Departure>& departures) : m_departures(departures) {}
 
     [[nodiscard]] const std::vector<Choice>& choices() const { return m_choices; }
 
-    /// For the end of the schedule: a departure that is left is a mismatch.
+    /// Called at the end of the schedule: a departure that was not reached is a mismatch.
     void expectAllDeparted();
 
 private:
@@ -72,38 +76,38 @@ private:
     std::vector<Choice> m_choices;
 };
 
-/// Each thread has a priority, and the highest goes on. At numChanges steps, and where it rests, a thread's priority
-/// becomes the lowest of all.
-class AtRandom final : public Recording
+/// Gives each thread a random priority; the highest one goes on. At numChanges random steps the thread that would go on
+/// gets the lowest priority of all, and so does a thread that rests.
+class RandomStrategy final : public RecordingStrategy
 {
 public:
-    /// The steps are among the first usualSteps, at least 1.
-    AtRandom(std::uint64_t seed, std::uint64_t usualSteps, std::uint32_t numChanges);
+    /// The steps of the changes are among the first expectedSteps, which is at least 1.
+    RandomStrategy(std::uint64_t seed, std::uint64_t expectedSteps, std::uint32_t numChanges);
 
 private:
     std::size_t pick(const Options& options) override;
     std::size_t highest(const Options& options);
 
     std::mt19937_64 m_random;
-    std::vector<std::uint64_t> m_changes;       // at which steps, the next one last
-    std::map<int, std::int64_t> m_priorities{}; // of the threads
+    std::vector<std::uint64_t> m_changes;       // steps, in descending order
+    std::map<int, std::int64_t> m_priorities{}; // by the number of the thread
     std::int64_t m_lowest = 0;
 };
 
-/// What Recording has written down.
-class Repeating final : public Recording
+/// Repeats the schedule that a text of RecordingStrategy describes.
+class ReplayStrategy final : public RecordingStrategy
 {
 public:
-    /// A text that is no schedule is a mismatch.
-    explicit Repeating(std::string_view text);
+    /// A text that does not describe a schedule is a mismatch.
+    explicit ReplayStrategy(std::string_view text);
 
-    /// For the end of the schedule: what is left of the text is a mismatch.
+    /// Called at the end of the schedule: a departure that was not reached is a mismatch.
     void expectAllUsed();
 
 private:
     std::size_t pick(const Options& options) override;
 
-    std::map<std::uint64_t, int> m_threads; // by the number of the choice
+    std::map<std::uint64_t, int> m_threads; // the departures that are left: threads by choices
 };
 
 } // namespace platform::simulated

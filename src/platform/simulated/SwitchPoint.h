@@ -3,8 +3,8 @@
 namespace platform::simulated
 {
 
-/// Before each operation that other threads can notice: another thread may go on here. Returns when it is the calling
-/// thread's turn again.
+/// Called before each operation that other threads can observe: another thread may go on here. Returns when the calling
+/// thread has the turn again.
 void switchPoint() noexcept;
 
 } // namespace platform::simulated

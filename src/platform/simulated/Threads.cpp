@@ -26,7 +26,7 @@ void threadMain(void* argument)
     start.procedure(start.argument);
 }
 
-/// The priority is left out: who goes on is the scheduler's choice.
+/// The priority has no effect: the scheduler decides which thread goes on.
 ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriority /*priority*/)
 {
     auto start = std::make_unique<ThreadStart>(ThreadStart{procedure, argument, nullptr});
@@ -41,7 +41,7 @@ ErrorNumber startThread(ThreadProcedure procedure, void* argument, ThreadPriorit
     return error;
 }
 
-/// With its number, because several threads may have that name.
+/// Adds the number of the thread, because several threads may have the same name.
 void nameOwn(const std::string& name)
 {
     Scheduler::instance().setOwnName(name + " (thread " + std::to_string(Scheduler::instance().ownNumber()) + ")");
