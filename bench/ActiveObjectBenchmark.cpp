@@ -1,4 +1,4 @@
-// Active objects beside boost::asio::thread_pool, a pool of the standard library's parts and a oneTBB arena, and
+// Active objects beside boost::asio::thread_pool, a pool of the standard library's parts and a oneTBB arena;
 // futures beside std::future. Prints one JSON object.
 
 #include "Medians.h"
@@ -38,10 +38,10 @@ constexpr int WAKES = 300;
 constexpr int ROUNDS = 20'000;
 constexpr int SINGLES = 300'000;
 constexpr int SLEEPS = 1'000;
-constexpr auto UNTIL_ASLEEP = 3ms; // of idle workers
+constexpr auto UNTIL_ASLEEP = 3ms; // after this time idle workers sleep
 
-std::binary_semaphore turn{0}; // of the one measurement that runs
-std::atomic<int> sink = 0;     // keeps what is got from futures
+std::binary_semaphore turn{0}; // used by one measurement at a time
+std::atomic<int> sink = 0;     // keeps the compiler from removing the reads of futures
 
 void recordSamples(const std::string& name, std::vector<double> samples)
 {
@@ -50,7 +50,7 @@ void recordSamples(const std::string& name, std::vector<double> samples)
     results[name + "/p99"].push_back(samples[samples.size() / 100 * 99]);
 }
 
-// Pools: so many workers, and work that any thread posts.
+// The pools have a given number of workers; any thread may post work.
 
 const std::atomic<bool> isVerbose = false;
 
@@ -112,8 +112,8 @@ public:
 
     ~Plain()
     {
-        std::ranges::for_each(m_workers, [this](auto&) { post({}); });
-    } // no work: a worker's end
+        std::ranges::for_each(m_workers, [this](auto&) { post({}); }); // empty work ends a worker
+    }
 
     void post(std::function<void()> work)
     {
@@ -145,25 +145,25 @@ class Tbb
 public:
     explicit Tbb(int workers)
         : m_limit(tbb::global_control::max_allowed_parallelism, static_cast<std::size_t>(workers) + 1),
-          m_arena(workers, 0) // no place for the threads that post
+          m_arena(workers, 0) // no place is reserved for the threads that post
     {
     }
 
     ~Tbb()
     {
         m_arena.terminate();
-        tbb::finalize(m_workers); // they would disturb whoever is measured next
+        tbb::finalize(m_workers); // they would disturb the next measurement
     }
 
     template <class Work> void post(const Work& work) { m_arena.enqueue(work); }
 
 private:
     tbb::task_scheduler_handle m_workers{tbb::attach{}};
-    tbb::global_control m_limit; // of all threads, the one that posts included
+    tbb::global_control m_limit; // counts the thread that posts, too
     tbb::task_arena m_arena;
 };
 
-/// Returns when each of the workers has worked, and all of them sleep again.
+/// Returns when each worker has run once and all of them sleep again.
 template <class Pool> void awaitWorkers(Pool& pool, int workers)
 {
     const auto present = std::make_shared<std::latch>(workers + 1);
@@ -204,7 +204,7 @@ template <class Pool> void measureActions(const std::string& name, int workers, 
         nsBetween(begin, SteadyClock::now()) / ACTIONS);
 }
 
-/// From just before the call that posts to the first instruction of the work.
+/// Returns the time in ns from just before the call that posts to the first instruction of the work.
 template <class Pool> double wakeUp(Pool& pool)
 {
     std::this_thread::sleep_for(UNTIL_ASLEEP);
@@ -236,7 +236,7 @@ void measureWakeUps(int workers)
     recordSamples(name + "asio", std::move(asioTimes));
 }
 
-// Futures: set by one thread, got by another.
+// Futures, which one thread sets and another one reads.
 
 struct OurFuture
 {
@@ -255,7 +255,7 @@ struct StdFuture
     std::future<int> m_future = m_promise.get_future();
 };
 
-/// Round trips between two threads, each way with a future that was made before.
+/// Measures round trips between two threads, each way with a future that was made before.
 template <class Future> void measureHandover(const std::string& name)
 {
     std::vector<Future> there(ROUNDS);
@@ -289,7 +289,7 @@ template <class Future> void measureSingle(const std::string& name)
     results["future/single/" + name].push_back(nsBetween(begin, SteadyClock::now()) / SINGLES);
 }
 
-/// From just before the call that sets to the return of the one that gets, which has waited for long.
+/// Measures the time from just before set to the return of get on a thread that has fallen asleep in it.
 template <class Future> void measureAsleep(const std::string& name)
 {
     std::vector<Future> futures(SLEEPS);

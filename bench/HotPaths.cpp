@@ -1,4 +1,4 @@
-// Runs one hot path so many times, to be counted from outside (scripts/instructions).
+// Runs one hot path a given number of times; scripts/instructions counts its instructions from outside.
 //
 //     hot_paths log|lock|action|future|allocation|tweak TIMES
 

@@ -1,5 +1,6 @@
-// 10,000 live blocks, of which a random one is replaced at a time: "guarded" through the guarded allocator,
-// "plain" through malloc, which an address sanitizer or valgrind may watch. Writes ns for one replacement.
+// Replaces random ones of 10,000 live blocks and prints the time of one replacement in ns. The first argument is
+// "guarded" for the guarded allocator or "plain" for malloc, which an address sanitizer or valgrind may watch; the
+// second one is the number of replacements.
 
 #include "datapath/common/infra/MemShield.h"
 

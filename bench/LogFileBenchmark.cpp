@@ -1,5 +1,5 @@
-// Lines of about 120 bytes into rotated files, beside spdlog's rotating file loggers with the same text, and
-// beside the same bytes written ready made. Run in an empty folder; prints one JSON object.
+// Lines of about 120 bytes into rotated files, beside spdlog's rotating file loggers with the same text, and beside the
+// same bytes written in whole blocks. Run it in an empty folder; it prints one JSON object.
 
 #include "Medians.h"
 #include "datapath/common/infra/FileLoggerClient.h"
@@ -28,7 +28,7 @@ constexpr int TIMED_LINES = 200'000;
 constexpr std::uint32_t FILE_LENGTH = 10'485'760;
 constexpr std::uint32_t FILES = 3;
 
-/// Each thread logs its share of the lines; finish returns when all of them are in the file.
+/// Each thread logs its share of the lines; finish must return when all of them are in the file.
 template <class Log, class Finish>
 void measure(const std::string& name, int threads, int lines, const Log& log, const Finish& finish)
 {
@@ -64,7 +64,7 @@ void measure(const std::string& name, int threads, int lines, const Log& log, co
     results[key + "/line"].push_back(nsBetween(start, SteadyClock::now()) / (share * threads));
 }
 
-/// The time that 999 of 1000 calls do not exceed.
+/// Measures the 99.9th percentile of a call.
 template <class Log> void measureTail(const std::string& name, int threads, const Log& log)
 {
     std::vector<std::vector<double>> times(static_cast<std::size_t>(threads));
@@ -122,14 +122,14 @@ void measureAsynchronous(FileLoggerClient& client, int threads)
         auto logger = peer<spdlog::async_logger>(pool, spdlog::async_overflow_policy::block);
         const auto log = [&](int value) { peerLine(*logger, value); };
         const auto finish = [&] {
-            pool.reset(); // its end writes what is queued
+            pool.reset(); // its destructor writes what is queued
             logger->sinks().front()->flush();
         };
         isTail ? measureTail("peer", threads, log) : measure("peer", threads, LINES, log, finish);
     }
 }
 
-/// Hands the lines that LogItem makes to a logger in its default mode, the synchronous one, as a client would.
+/// Hands lines to a logger in its default mode, which is synchronous.
 struct SynchronousClient : LoggerClient
 {
     void log(const std::string& line) override { logger.write(line.data(), static_cast<std::uint32_t>(line.size())); }
@@ -154,7 +154,7 @@ void measureSynchronous(FileLoggerClient& client, SynchronousClient& synchronous
     measure("peerSyncFlushed", threads, FLUSHED_LINES, log, finish);
 }
 
-/// The bytes of the lines, ready made, in blocks of 64 KiB.
+/// Measures writing the bytes of the lines in blocks of 64 KiB, without making the lines.
 void measureBytes()
 {
     const std::string line = "2024-03-05 07:08:09.042,Info,471100,NON,,logLine,write took longer than expected, "
@@ -176,7 +176,7 @@ void measureBytes()
     std::filesystem::remove("bytes.txt");
 }
 
-/// One write that rotates beside many numbered files, and removes one of them.
+/// Measures a write that rotates the file beside 10,000 numbered files and removes one of them.
 void measureRotation()
 {
     std::filesystem::create_directory("many");
@@ -199,7 +199,7 @@ void measureRotation()
 
 std::atomic<bool> isDiskStill = false;
 
-/// What the process takes from the heap, in parts of the budget, while a writer cannot write.
+/// Measures what the process takes from the heap while a writer cannot write, as a fraction of the budget.
 void measureMemory()
 {
     constexpr std::uint32_t BUDGET_MIB = 3;

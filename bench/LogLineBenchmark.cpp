@@ -1,6 +1,5 @@
-// One log line of about 120 bytes with eight streamed pieces: built and handed to a client that does
-// nothing. The peer builds the same text with std::ostringstream, its head ready made, and hands it
-// to nobody.
+// One log line of about 120 bytes with eight streamed pieces: built and handed to a client that does nothing. The peer
+// builds the same text with std::ostringstream, with a constant head, and hands it to no client.
 
 #include "datapath/common/infra/LogItem.h"
 

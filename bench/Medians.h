@@ -1,6 +1,6 @@
 #pragma once
 
-// What the benchmark programs with a timing of their own share: figures of several repetitions, printed as JSON.
+// For benchmark programs that do their own timing: figures of several repetitions, whose medians are printed as JSON.
 
 #include <algorithm>
 #include <chrono>
@@ -13,7 +13,7 @@ using SteadyClock = std::chrono::steady_clock;
 
 constexpr int REPETITIONS = 5;
 
-inline std::map<std::string, std::vector<double>> results; // one for each repetition
+inline std::map<std::string, std::vector<double>> results; // by name, with a figure for each repetition
 
 inline double nsBetween(SteadyClock::time_point start, SteadyClock::time_point end)
 {

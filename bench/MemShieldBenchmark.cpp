@@ -1,4 +1,4 @@
-// Blocks of 100 bytes through the guarded allocator, in both of its modes, beside plain new and delete.
+// Blocks of 100 bytes from the guarded allocator, counted only or guarded, beside plain new and delete.
 
 #include "datapath/common/infra/MemShield.h"
 
@@ -70,7 +70,7 @@ template <class Allocator> void usedPairs(benchmark::State& state)
     SystemHeapBytes::leaveShare();
 }
 
-/// A fresh block for a random one of many that live.
+/// Replaces a random one of many live blocks.
 template <class Allocator> void replaceRandom(benchmark::State& state)
 {
     std::vector<void*> blocks(static_cast<std::size_t>(state.range(0)));
@@ -85,7 +85,7 @@ template <class Allocator> void replaceRandom(benchmark::State& state)
     std::ranges::for_each(blocks, Allocator::release);
 }
 
-/// A block that comes and goes beside many that live.
+/// Allocates and releases a block beside many live ones.
 void guardedAmong(benchmark::State& state)
 {
     std::vector<void*> blocks(static_cast<std::size_t>(state.range(0)));

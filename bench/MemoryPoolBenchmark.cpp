@@ -1,5 +1,5 @@
 // Chunks of 65,536 bytes from a memory pool, requested, served at once and given back, beside lists of free chunks
-// under a std::mutex; and requests that wait until somebody gives memory back.
+// under a std::mutex; and requests that wait until memory is given back.
 
 #include "datapath/common/infra/MemoryPool.h"
 
@@ -22,9 +22,9 @@ namespace
 {
 
 constexpr std::uint32_t CHUNK_SIZE = 65'536;
-constexpr std::size_t MOST_THREADS = 4;
+constexpr std::size_t MAX_THREADS = 4;
 constexpr std::size_t BURST = 16;
-constexpr std::uint64_t ENOUGH_BYTES = MOST_THREADS * BURST * CHUNK_SIZE;
+constexpr std::uint64_t ENOUGH_BYTES = MAX_THREADS * BURST * CHUNK_SIZE;
 
 /// One thread's chunks from the pool, for a module of its own.
 class Pooled
@@ -51,7 +51,7 @@ private:
     static ModuleMemoryInformation& moduleOf(std::size_t thread)
     {
         static const auto modules = [] {
-            std::array<ModuleMemoryInformation*, MOST_THREADS> made{};
+            std::array<ModuleMemoryInformation*, MAX_THREADS> made{};
             for (ModuleMemoryInformation*& module : made)
             {
                 module = pool().registerModule({.name = "Module" + std::to_string(&module - made.data())});
@@ -65,7 +65,7 @@ private:
     std::array<ScatteredBuf, BURST> m_buffers;
 };
 
-/// The least that does it: the links are in the free chunks.
+/// The simplest peer: a list of free chunks, which hold the links themselves.
 class FreeList
 {
 public:
@@ -104,7 +104,7 @@ private:
     Free* m_first = nullptr;
 };
 
-/// One thread's chunks from such a list.
+/// One thread's chunks from a peer.
 template <class List> class Listed
 {
 public:
@@ -191,8 +191,8 @@ BENCHMARK(peerBoostBursts)->ThreadRange(1, 4)->UseRealTime();
 
 #endif
 
-/// So many requests, ten of each module in turn, that wait for the only chunk of a pool. Giving it back serves one of
-/// them, and so on until nobody waits.
+/// As many requests as the argument says, ten of each module in turn, wait for the only chunk of a pool. Giving it back
+/// serves one of them, and so on until no request waits.
 void serveWaiting(benchmark::State& state)
 {
     constexpr std::size_t REQUESTS_OF_A_MODULE = 10;

@@ -1,4 +1,4 @@
-// Locks, semaphores, triggers and the clock, each beside the standard library's.
+// Mutexes, semaphores, triggers and the clock, each beside a peer of the standard library.
 
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/Semaphore.h"
@@ -28,7 +28,7 @@ void mutex(benchmark::State& state) { lockAndUnlock<Mutex>(state); }
 
 void peerMutex(benchmark::State& state) { lockAndUnlock<std::mutex>(state); }
 
-/// Hands a turn to another thread and back.
+/// Hands a turn to another thread and back. The arguments of set and wait are the direction, 0 or 1.
 template <class Set, class Wait> void pingPong(benchmark::State& state, Set set, Wait wait)
 {
     std::atomic<bool> isOver = false;

@@ -1,5 +1,5 @@
-// Timers: 10,000 wait, with intervals of up to 10 s; in each round as many come as expire in the 100 ms between two
-// passes. The peers write the same line for a new timer and, but for asio, read the same clock as often.
+// 10,000 timers wait, with intervals of up to 10 s; each round adds as many as expire in the 100 ms between two
+// passes. The peers write the same log line for a new timer and, except asio, read the same clock as often.
 
 #include "datapath/common/infra/Clock.h"
 #include "datapath/common/infra/MemShield.h"
@@ -29,13 +29,13 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr MethodText ADD_METHOD = MethodText::of("Timers::add");
 constexpr std::uint32_t LONGEST_MS = 10'000;
 constexpr std::uint32_t PASS_MS = 100;
-constexpr int A_ROUND = 200; // 2 a ms, and each waits for 5,000 ms on average
+constexpr int TIMERS_A_ROUND = 200; // 2 for each ms, and each waits for 5,000 ms on average
 
 std::atomic<std::int64_t> passedTicks = 0;
 bool (*realCounter)(std::int64_t& ticks) = nullptr;
 
-/// From the first one on, the real counter with what the benchmark lets pass. It stays: other threads may have read the
-/// process-wide clock meanwhile, which must not step back.
+/// The first one replaces the performance counter for good: it then adds the ticks that the benchmark has let pass to
+/// the real reading. It is never put back, because the process-wide clock must not step back.
 struct PassingTime
 {
     PassingTime()
@@ -70,7 +70,7 @@ struct Ours
     std::unique_ptr<WindowsTimer> timer = std::make_unique<WindowsTimer>();
 };
 
-/// What a timer needs that nobody waits for.
+/// What a timer needs if no thread waits for it.
 struct SmallRecord
 {
     std::uint32_t periodMs;
@@ -78,7 +78,7 @@ struct SmallRecord
     void* context;
 };
 
-/// The same with a future that tells when a replaced timer is gone. Ours is made for whoever asks for it.
+/// The same with a future that is set when a replaced timer is gone. Our timers make theirs only when it is asked for.
 struct FullRecord : SmallRecord
 {
     WindowsTimer::Completion completion;
@@ -135,7 +135,7 @@ template <class Record> struct Multimap
 };
 
 #ifdef BENCH_HAS_ASIO
-/// Each timer is an object that its handler owns. Their clock cannot be replaced, so a ms takes 10 us here.
+/// Each timer is an object that its handler owns. The clock of asio cannot be replaced, so 10 us stand for a ms here.
 struct Asio
 {
     using Timer = boost::asio::steady_timer;
@@ -158,7 +158,7 @@ struct Asio
 };
 #endif
 
-/// Times one half of each round.
+/// Measures one half of each round: adding timers, or letting them expire.
 template <class Timers, bool IS_EXPIRY> void rounds(benchmark::State& state)
 {
     Timers timers;
@@ -170,7 +170,7 @@ template <class Timers, bool IS_EXPIRY> void rounds(benchmark::State& state)
     {
         const std::uint64_t before = expired;
         const auto start = SteadyClock::now();
-        for (int i = 0; i < A_ROUND; ++i)
+        for (int i = 0; i < TIMERS_A_ROUND; ++i)
         {
             timers.add(&expired, intervalMs(random));
         }
@@ -182,7 +182,7 @@ template <class Timers, bool IS_EXPIRY> void rounds(benchmark::State& state)
         if (round >= 0)
         {
             state.SetIterationTime(std::chrono::duration<double>(IS_EXPIRY ? end - passed : added - start).count());
-            counted += IS_EXPIRY ? expired - before : A_ROUND;
+            counted += IS_EXPIRY ? expired - before : TIMERS_A_ROUND;
         }
     }
     state.SetItemsProcessed(static_cast<std::int64_t>(counted));
@@ -196,7 +196,7 @@ void peerExpireMultimap(benchmark::State& state) { rounds<Multimap<FullRecord>, 
 void peerAddSmall(benchmark::State& state) { rounds<Multimap<SmallRecord>, false>(state); }
 void peerExpireSmall(benchmark::State& state) { rounds<Multimap<SmallRecord>, true>(state); }
 
-/// A pass over so many timers of which none is due.
+/// A pass over many timers of which none is due.
 void idlePass(benchmark::State& state)
 {
     MemShield::setEnabled(false);

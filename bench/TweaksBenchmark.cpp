@@ -1,8 +1,8 @@
-// The table of tweaks: lookups by name and loading a file, beside a std::map under a lock and beside a
-// configuration library, which cannot be changed and takes no lock. A dynamic tweak beside a variable.
+// The table of tweaks: lookups by name and loading a file, beside a std::map under a lock and beside a configuration
+// library whose table never changes and takes no lock. A dynamic tweak beside a variable.
 //
-// Loading logs a line for each tweak. It is built whether or not a client takes it, so it does not matter
-// whether another benchmark has registered one.
+// Loading logs a line for each tweak. A line is built whether or not there is a log client, so the clients of other
+// benchmarks do not change the result.
 
 #include "datapath/common/infra/DynamicTweaks.h"
 #include "datapath/common/infra/Tweaks.h"
@@ -23,17 +23,17 @@
 #include <INIReader.h>
 #endif
 
-bool plainBool = false; // not static: other units could write it, so it must be read each time
+bool plainBool = false; // not static, so the compiler must read it each time
 
 namespace
 {
 
 namespace fs = std::filesystem;
 
-constexpr const char* FILE_NAME = "tweaks_extension.txt"; // one of those that a table of tweaks reads
+constexpr const char* FILE_NAME = "tweaks_extension.txt"; // one of the files that a table of tweaks reads
 constexpr std::int64_t MISSING = -1;
 
-/// Distinct names in no order, like "t_componentSettingFlush000123Ms".
+/// Distinct names in random order, such as "t_componentSettingFlush000123Ms".
 std::vector<std::string> makeNames(std::size_t count)
 {
     constexpr std::array WORDS = {"Queue", "Snapshot", "Memory",    "Retry",  "component", "Flush", "agent",   "Cloud",
@@ -52,7 +52,7 @@ std::vector<std::string> makeNames(std::size_t count)
     return names;
 }
 
-/// While it lives, the working folder is one of its own. A tweak file in it gives each name its place.
+/// While it lives, the working folder is a temporary one. A tweak file in it gives each name its index as its value.
 class TweakFolder
 {
 public:
@@ -79,7 +79,7 @@ private:
     fs::path m_path = fs::temp_directory_path() / ("tweaks-benchmark-" + std::to_string(getpid()));
 };
 
-// Each table reads the file in the working folder when it is made.
+// Each table reads the file in the working folder in its constructor.
 
 struct FreshTweaks : Tweaks
 {
@@ -113,8 +113,8 @@ struct LockedMap
     std::map<std::string, std::int64_t, Less> values;
 };
 
-/// The names 0 to COUNT - 1 in random order, laid out in memory in that order.
-template <class Table, std::size_t COUNT> void look(benchmark::State& state)
+/// Looks up COUNT names in random order, which is also their order in memory.
+template <class Table, std::size_t COUNT> void lookUp(benchmark::State& state)
 {
     static const std::vector<std::string> inFile = makeNames(COUNT);
     static const Table table = [] {
@@ -139,7 +139,7 @@ template <class Table, std::size_t COUNT> void look(benchmark::State& state)
     }
 }
 
-/// Into memory fresh from the system, as when a program starts.
+/// Loads into memory that is fresh from the system, as when a program starts.
 template <class Table> void load(benchmark::State& state)
 {
     const std::vector<std::string> names = makeNames(static_cast<std::size_t>(state.range()));
@@ -166,14 +166,14 @@ template <class Flag> void readFlag(benchmark::State& state, const Flag& flag)
     for (auto _ : state)
     {
         count += flag ? 1 : 0;
-        benchmark::ClobberMemory(); // it could have changed
+        benchmark::ClobberMemory(); // the flag must be read again
     }
     benchmark::DoNotOptimize(count);
 }
 
 void dynamicTweak(benchmark::State& state)
 {
-    const TweakFolder folder; // the first run makes the table of the process
+    const TweakFolder folder; // for the table of the process, which the first run makes
     readFlag(state, DynamicTweaks::instance().t_IOVerboseLogs);
 }
 
@@ -186,10 +186,10 @@ void withFileSizes(benchmark::internal::Benchmark* loading)
     loading->Arg(20'000)->Arg(200'000)->UseRealTime()->ComputeStatistics("least", least);
 }
 
-BENCHMARK(look<FreshTweaks, 100>)->Name("longVal/100")->Threads(1)->Threads(4)->UseRealTime();
-BENCHMARK(look<FreshTweaks, 100'000>)->Name("longVal/100000")->Threads(1)->Threads(4)->UseRealTime();
-BENCHMARK(look<LockedMap, 100>)->Name("peerMap/100")->Threads(1)->Threads(4)->UseRealTime();
-BENCHMARK(look<LockedMap, 100'000>)->Name("peerMap/100000")->Threads(1)->Threads(4)->UseRealTime();
+BENCHMARK(lookUp<FreshTweaks, 100>)->Name("longVal/100")->Threads(1)->Threads(4)->UseRealTime();
+BENCHMARK(lookUp<FreshTweaks, 100'000>)->Name("longVal/100000")->Threads(1)->Threads(4)->UseRealTime();
+BENCHMARK(lookUp<LockedMap, 100>)->Name("peerMap/100")->Threads(1)->Threads(4)->UseRealTime();
+BENCHMARK(lookUp<LockedMap, 100'000>)->Name("peerMap/100000")->Threads(1)->Threads(4)->UseRealTime();
 BENCHMARK(load<FreshTweaks>)->Name("loadTweaks")->Apply(withFileSizes);
 BENCHMARK(dynamicTweak);
 BENCHMARK(peerBool);
@@ -202,8 +202,8 @@ struct IniFile
     INIReader reader{FILE_NAME};
 };
 
-BENCHMARK(look<IniFile, 100>)->Name("peerIniGet/100")->Threads(1)->Threads(4)->UseRealTime();
-BENCHMARK(look<IniFile, 100'000>)->Name("peerIniGet/100000")->Threads(1)->Threads(4)->UseRealTime();
+BENCHMARK(lookUp<IniFile, 100>)->Name("peerIniGet/100")->Threads(1)->Threads(4)->UseRealTime();
+BENCHMARK(lookUp<IniFile, 100'000>)->Name("peerIniGet/100000")->Threads(1)->Threads(4)->UseRealTime();
 BENCHMARK(load<IniFile>)->Name("peerIniLoad")->Apply(withFileSizes);
 #endif
 

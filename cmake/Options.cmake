@@ -7,7 +7,7 @@ target_compile_options(tavro_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wold-style-cast -Wnon-virtual-dtor
     -Woverloaded-virtual -Wcast-align -Wformat=2 -Werror
-    # Messages name a unit by its path below the source root; nothing names this machine's folders.
+    # Messages name a unit by its path below the source root. No path of the build machine stays in the program.
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/src/=
     -fstack-protector-strong>)
@@ -25,11 +25,11 @@ endif()
 
 if(WIN32)
   target_compile_definitions(tavro_options INTERFACE UNICODE _UNICODE _WIN32_WINNT=0x0601)
-  # One file that needs nothing but the system: the runtimes are linked in.
+  # The program is one file: the compiler's runtime libraries are linked statically.
   target_link_options(tavro_options INTERFACE -static -fstack-protector-strong -Wl,--dynamicbase,--high-entropy-va,--nxcompat)
 else()
   set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-  # Indirect jumps and returns only where the program means to go; each processor has its own option for it.
+  # Control-flow protection: indirect jumps and returns reach only marked places. Each processor has its own option.
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
     set(control_flow_protection -mbranch-protection=standard)
   elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|i[3-6]86)$")

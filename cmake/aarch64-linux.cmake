@@ -7,5 +7,5 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# Return addresses are signed with QEMU's own algorithm: emulating the architecture's makes each call expensive.
+# QEMU signs return addresses with its own algorithm, because emulating that of the architecture makes calls expensive.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -cpu max,pauth-impdef=on -L /usr/aarch64-linux-gnu)

@@ -1,6 +1,6 @@
-# Sourced by run and test. Installs Debian packages that are missing, where that is possible.
+# Sourced by other scripts. Installs missing Debian packages, if that is possible.
 
-# Names of the given packages that are not installed.
+# Prints those of the given packages that are not installed.
 missing_packages() {
     local package
     for package in "$@"; do
@@ -8,8 +8,7 @@ missing_packages() {
     done
 }
 
-# Makes sure that the given packages are there. What cannot be installed is named, and the caller
-# goes on without it.
+# Installs those of the given packages that are missing. Fails if that is not possible, after it has named them.
 ensure_packages() {
     local missing
     missing=$(missing_packages "$@" | tr '\n' ' ')

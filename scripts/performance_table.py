@@ -3,7 +3,7 @@ import json
 import platform
 import sys
 
-# Benchmark, what it measures ({} is its size), its peer.
+# The benchmark, what it measures ({} stands for its size) and its peer.
 ROWS = [
     ("logItem", "one log line, built and dispatched", "peerOstringstream"),
     ("mutex", "lock and unlock a Mutex", "peerMutex"),
