@@ -58,6 +58,13 @@ def test_dialogue_in_a_terminal(linux_program):
     assert linux_program.agent_record()["arguments"][-1] == "typed"
 
 
+def test_agent_takes_every_signal(linux_program):
+    linux_program.agent.write_text("#!/bin/sh\ngrep SigBlk /proc/$$/status >blocked\n")
+    linux_program.run("name\n", preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM}))
+    linux_program.agent_record()  # waits for its end
+    assert (linux_program.folder / "blocked").read_text() == "SigBlk:\t0000000000000000\n"
+
+
 @pytest.mark.parametrize("leave", [b"\n", b"\x1b\n", b"text\x1b\n", b"\x04", b"text\x04\x04"], ids=ascii)
 def test_leaving_the_dialogue_starts_nothing(linux_program, leave):
     dialogue(linux_program, leave)
