@@ -38,6 +38,9 @@ public:
 
     [[nodiscard]] std::size_t size() const { return m_size; }
 
+    /// How many blocks of memory the map has. For tests.
+    [[nodiscard]] std::size_t numBlocks() const { return m_blocks.size(); }
+
     [[nodiscard]] Entry* find(Handle handle)
     {
         const auto block = m_blocks.find(handle / BLOCK_LENGTH);
