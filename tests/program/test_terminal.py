@@ -58,10 +58,19 @@ def test_dialogue_in_a_terminal(linux_program):
     assert linux_program.agent_record()["arguments"][-1] == "typed"
 
 
+def test_program_whose_file_was_removed_finds_its_settings(linux_program):
+    linux_program.settings.write_text("a b c d")
+    process = linux_program.start(stdin=subprocess.PIPE)
+    wait_for(linux_program.log.exists, "the start of the program")
+    linux_program.path.unlink()
+    process.communicate(b"name\n", DEADLINE_SEC)
+    assert linux_program.agent_record()["arguments"][2:] == ["a", "b", "c", "d", "name"]
+
+
 def test_agent_takes_every_signal(linux_program):
-    linux_program.agent.write_text("#!/bin/sh\ngrep SigBlk /proc/$$/status >blocked\n")
+    linux_program.agent.write_text("#!/bin/sh\ngrep SigBlk /proc/$$/status >part && mv part blocked\n")
     linux_program.run("name\n", preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM}))
-    linux_program.agent_record()  # waits for its end
+    wait_for((linux_program.folder / "blocked").exists, "the agent")
     assert (linux_program.folder / "blocked").read_text() == "SigBlk:\t0000000000000000\n"
 
 
