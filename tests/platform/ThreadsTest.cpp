@@ -1,5 +1,6 @@
 #include "platform/Threads.h"
 #include "platform/Sync.h"
+#include "tests/support/Support.h"
 
 #include <gtest/gtest.h>
 
@@ -32,6 +33,7 @@ TEST(Threads, AStartedThreadHasAnIdOfItsOwnWhoseTimesCanBeRead)
 TEST(Threads, TimesGrowWithWorkAndUnknownThreadsHaveNone)
 {
     EXPECT_EQ(ThreadHandle::Invalid, openThread(0x7FFFFFF0));
+    const int handles = openHandles();
     const ThreadHandle self = openThread(currentThreadId());
     const std::uint64_t userTime = threadUserTime(self).value();
     const std::uint64_t cycles = currentThreadCycles();
@@ -40,6 +42,7 @@ TEST(Threads, TimesGrowWithWorkAndUnknownThreadsHaveNone)
     }
     EXPECT_TRUE(currentThreadCycles() > cycles || cycles == 0); // 0: the system does not count
     closeThread(self);
+    EXPECT_EQ(handles, openHandles()) << "a reading leaves nothing open";
 }
 
 } // namespace
