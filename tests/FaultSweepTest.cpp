@@ -184,7 +184,7 @@ CHILD_SCENARIO(loggingOverARotation)
     });
     MemShield::setEnabled(false);
     runOverFailingSystem([] {
-        GenFileLogger logger({{"app.log", 1}, 1'000'000, 500'000, 0, false});
+        GenFileLogger logger({{"app.log", 1}, 1'000'000, 500'000, 0, {.flushEveryLine = false}});
         for (int line = 0; line < 9; ++line)
         {
             const std::string text = "line " + std::to_string(line) + "\n";

@@ -162,8 +162,12 @@ ScratchFolder::ScratchFolder()
 {
     static std::atomic<int> count = 0;
     const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
-    const std::string name = std::string("scratch-") + (test == nullptr ? "child" : test->name());
-    m_path = fs::current_path() / (name + std::to_string(count++));
+    // Not shared with a test that runs at the same time, such as one of the same name in another suite.
+    std::string name = "scratch-";
+    name += test == nullptr ? "child-" + std::to_string(platform::currentThreadId())
+                            : std::string(test->test_suite_name()) + "." + test->name();
+    std::ranges::replace(name, '/', '-');
+    m_path = fs::current_path() / (name + "-" + std::to_string(count++));
     fs::remove_all(m_path);
     fs::create_directories(m_path);
     fs::current_path(m_path);
@@ -224,7 +228,7 @@ Texts ScratchFolder::files() const
 Texts ScratchFolder::logLines() const
 {
     Texts names = files();
-    std::rotate(names.begin(), names.begin() + 1, names.end());
+    std::rotate(names.begin(), names.begin() + (names.empty() ? 0 : 1), names.end());
     Texts lines;
     for (const std::string& name : names)
     {
