@@ -43,7 +43,7 @@ void initAgentLogger(const std::string& logFileName)
     }
     platform::appendToPath(path.data(), "logs");
     platform::appendToPath(path.data(), logFileName.c_str());
-    MemShield::prepare();
+    static_cast<void>(MemShield::instance()); // reads its tweaks before the budget is read
     const auto maxMemoryMiB = static_cast<std::uint32_t>(Tweaks::instance().value(QLOG_MAX_FILES));
     auto* const client = GuardedMemory::create<FileLoggerClient>(
         {"FileLoggerClient", SourcePlace::numbered(NUMBER_CLIENT_CREATED)}, path.data(), maxMemoryMiB, "");

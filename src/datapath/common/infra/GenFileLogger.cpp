@@ -38,8 +38,9 @@ GenFileLogger::Settings GenFileLogger::tweakedSettings(const std::string& path, 
     settings.maxBytes = maxMemoryMiB == NO_MEMORY_LIMIT ? NO_MEMORY_LIMIT : maxMemoryMiB << 20U;
     settings.resumeBytes =
         static_cast<std::uint32_t>(std::min<double>(percent / 100.0 * settings.maxBytes, NO_MEMORY_LIMIT));
-    static_cast<void>(DynamicTweaks::instance()); // what the budget needs is made before the number of files is read,
-    MemShield::prepare();                         // because a wrong number ends the process
+    // The budget's services are made before the number of files is read, because a wrong number ends the process.
+    static_cast<void>(DynamicTweaks::instance());
+    static_cast<void>(MemShield::instance());
     settings.files.maxFiles = static_cast<std::uint32_t>(tweaks.value(GEN_FILE_LOGGER_MAX_FILES));
     if (const std::int32_t maxFiles = tweaks.value(FILE_LOGGER_MAX_FILES_OVERRIDE); maxFiles != 0)
     {

@@ -86,9 +86,6 @@ public:
     /// Start-up only, before anything is allocated here.
     static void setEnabled(bool isEnabled) { s_isEnabled = isEnabled; }
 
-    /// Makes what the first allocation would make, so that its tweaks are read before those that the caller reads next.
-    static void prepare() { isEnabled() ? static_cast<void>(instance()) : void(); }
-
     /// For a thread that a report needs, such as one that writes what others log. If the calling thread finds misuse
     /// while another thread reports, it does not wait for the end of the process, but ends it after its own lines.
     static void neverWaitForReport() { s_waitsForReport = false; }
