@@ -14,6 +14,8 @@
 namespace platform
 {
 
+constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
+
 /// A moment in UTC, with the fields of GetSystemTime.
 struct UtcTime
 {

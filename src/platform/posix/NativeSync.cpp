@@ -1,6 +1,7 @@
 #include "platform/Sync.h"
 
 #include "platform/Spin.h"
+#include "platform/Time.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +17,6 @@ namespace
 
 timespec nowPlus(std::uint32_t durationMs)
 {
-    constexpr long NS_PER_SECOND = 1'000'000'000;
     timespec time = {};
     clock_gettime(CLOCK_MONOTONIC, &time);
     time.tv_sec += static_cast<time_t>(durationMs / 1'000);

@@ -1,5 +1,6 @@
 #include "platform/posix/ThreadFunctions.h"
 
+#include "platform/Time.h"
 #include "platform/posix/Errors.h"
 
 #include <algorithm>
@@ -23,7 +24,6 @@ namespace
 {
 
 constexpr std::uint64_t TICKS_PER_SECOND = 10'000'000; // 100-ns units
-constexpr std::uint64_t NS_PER_SECOND = 1'000'000'000;
 
 struct ThreadStart
 {
@@ -130,7 +130,7 @@ std::uint64_t currentThreadCycles()
 {
     timespec time = {};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * NS_PER_SECOND + static_cast<std::uint64_t>(time.tv_nsec);
+    return static_cast<std::uint64_t>(time.tv_sec * NS_PER_SECOND + time.tv_nsec);
 }
 
 void sleepMs(std::uint32_t durationMs)

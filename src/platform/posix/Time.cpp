@@ -10,8 +10,6 @@ namespace platform::posix
 namespace
 {
 
-constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
-
 std::uint64_t toTicks(const timeval& time)
 {
     return static_cast<std::uint64_t>(time.tv_sec) * 10'000'000 + static_cast<std::uint64_t>(time.tv_usec) * 10;

@@ -2,6 +2,7 @@
 
 // The scheduler's record of a thread; for its own sources only.
 
+#include "platform/Time.h"
 #include "platform/simulated/Scheduler.h"
 
 #include <condition_variable>
@@ -11,8 +12,6 @@
 
 namespace platform::simulated
 {
-
-constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 
 /// Guarded by the lock of the scheduler.
 struct Scheduler::Thread

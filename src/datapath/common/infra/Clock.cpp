@@ -12,7 +12,7 @@ namespace
 {
 
 constexpr const char* TIMER_UNIT = "datapath/common/infra/windows/WindowsTimer.cpp";
-constexpr MethodText CONSTRUCTOR = MethodText::of("WindowsTimer::WindowsTimer");
+constexpr MethodText TIMER_CONSTRUCTOR = MethodText::of("WindowsTimer::WindowsTimer");
 constexpr MethodText READING = MethodText::of("WindowsTimer::getPerformanceCounter");
 
 constexpr SourcePlace placeHere(std::uint32_t line = __builtin_LINE()) { return SourcePlace::here(line, TIMER_UNIT); }
@@ -34,15 +34,15 @@ Clock::Clock()
     std::int64_t ticksPerSecond = 0;
     if (!platform::performanceFrequency(ticksPerSecond))
     {
-        failAssertion(LoggerId::NON, CONSTRUCTOR, placeHere(), "bSuccess");
+        failAssertion(LoggerId::NON, TIMER_CONSTRUCTOR, placeHere(), "bSuccess");
     }
     const std::int64_t ticksPerMs = ticksPerSecond / MS_PER_SECOND;
     if (ticksPerMs > std::numeric_limits<std::uint32_t>::max())
     {
-        failAssertion(LoggerId::NON, CONSTRUCTOR, placeHere(), "freq.HighPart == 0");
+        failAssertion(LoggerId::NON, TIMER_CONSTRUCTOR, placeHere(), "freq.HighPart == 0");
     }
     m_ticksPerMs = static_cast<std::uint32_t>(ticksPerMs);
-    LogItem(LoggerId::NON, LogLevel::Info, CONSTRUCTOR) << " m_ticksPerMs=" << m_ticksPerMs << " " << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TIMER_CONSTRUCTOR) << " m_ticksPerMs=" << m_ticksPerMs << " " << std::endl;
 }
 
 std::int64_t Clock::ticks()

@@ -88,6 +88,7 @@ class LogItem : private LogItemInternal::Buffer, public std::ostream
 {
 public:
     static constexpr int DEFAULT_FRACTION_DIGITS = 3;
+    static constexpr int NO_FRACTION = 0;
 
     /// fractionDigits: 0 to 3 digits of a second's fraction in the time field.
     LogItem(LoggerId loggerId, LogLevel level, const MethodText& method, int fractionDigits = DEFAULT_FRACTION_DIGITS);

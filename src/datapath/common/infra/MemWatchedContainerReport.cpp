@@ -9,8 +9,6 @@
 namespace
 {
 
-constexpr int NO_FRACTION = 0;
-
 struct Sums
 {
     std::uint64_t items = 0;
@@ -41,7 +39,7 @@ void MemWatchedContainerDatabase::printWatchedContainers() const
     }
     for (const auto& [name, sums] : sumsByName)
     {
-        LogItem line(LoggerId::NON, LogLevel::Info, THIS_METHOD, NO_FRACTION);
+        LogItem line(LoggerId::NON, LogLevel::Info, THIS_METHOD, LogItem::NO_FRACTION);
         line << "ContainerName = " << name << " items = " << sums.items;
         if (sums.largestMemory != 0)
         {
@@ -49,6 +47,7 @@ void MemWatchedContainerDatabase::printWatchedContainers() const
         }
         line << std::endl;
     }
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, NO_FRACTION) << " estimatedTotal=" << estimatedTotal << " "
-                                                                     << "in " << count << " containers" << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, LogItem::NO_FRACTION)
+        << " estimatedTotal=" << estimatedTotal << " "
+        << "in " << count << " containers" << std::endl;
 }

@@ -7,15 +7,14 @@
 namespace
 {
 
-constexpr std::uint32_t NUMBER_NO_OWNER = 64;
+constexpr std::uint32_t NUMBER_HEAP_NO_OWNER = 64;
 constexpr std::uint32_t NUMBER_NULL_OWNER = 65;
 constexpr std::uint32_t NUMBER_NOT_A_HEAP_MODULE = 66;
-constexpr std::uint32_t NUMBER_RELEASED = 67;
-constexpr std::uint32_t NUMBER_GROSS_TOO_SMALL = 69;
-constexpr std::uint32_t NUMBER_MODULE_TOO_SMALL = 72;
-constexpr std::uint32_t NUMBER_NET_TOO_SMALL = 75;
+constexpr std::uint32_t NUMBER_HEAP_RELEASED = 67;
+constexpr std::uint32_t NUMBER_HEAP_GROSS_TOO_SMALL = 69;
+constexpr std::uint32_t NUMBER_HEAP_MODULE_TOO_SMALL = 72;
+constexpr std::uint32_t NUMBER_HEAP_NET_TOO_SMALL = 75;
 
-constexpr int NO_FRACTION = 0;
 constexpr MethodText RELEASE = MethodText::of("MemoryHeap::freeSegmentContentLocked");
 
 void check(bool holds, std::uint32_t number, const char* condition)
@@ -73,23 +72,24 @@ void MemoryHeap::freeSegments(std::list<MemorySegment>& segments, std::int32_t f
 
 void MemoryHeap::freeSegment(MemorySegment& segment)
 {
-    check(segment.owner != MemorySegment::NoOwner, NUMBER_NO_OWNER, "mmi != MemorySegment::NoOwner");
+    check(segment.owner != MemorySegment::NoOwner, NUMBER_HEAP_NO_OWNER, "mmi != MemorySegment::NoOwner");
     check(segment.owner != nullptr, NUMBER_NULL_OWNER, "mmi != 0");
     check(segment.owner->isHeapMemory(), NUMBER_NOT_A_HEAP_MODULE, "mmi->isHeapMemory()");
     check(segment.buffer != nullptr, __LINE__, "segment->buffer != 0"); // given back already
-    GuardedMemory::destroyArray(segment.buffer, SourcePlace::numbered(NUMBER_RELEASED));
+    GuardedMemory::destroyArray(segment.buffer, SourcePlace::numbered(NUMBER_HEAP_RELEASED));
     countFreed(segment);
 }
 
 void MemoryHeap::countFreed(MemorySegment& segment)
 {
     const MutexGuard guard(m_mutex);
-    check(m_usedMemoryGross >= CHUNK_SIZE, NUMBER_GROSS_TOO_SMALL, "m_usedMemoryGross >= getChunkSize()");
+    check(m_usedMemoryGross >= CHUNK_SIZE, NUMBER_HEAP_GROSS_TOO_SMALL, "m_usedMemoryGross >= getChunkSize()");
     m_usedMemoryGross -= CHUNK_SIZE;
-    check(segment.owner->getCurrentlyUsedBytes() >= CHUNK_SIZE, NUMBER_MODULE_TOO_SMALL,
+    check(segment.owner->getCurrentlyUsedBytes() >= CHUNK_SIZE, NUMBER_HEAP_MODULE_TOO_SMALL,
           "mmi->getCurrentlyUsedBytes() >= getChunkSize()");
     segment.owner->subtractUsedBytes(CHUNK_SIZE);
-    check(m_usedMemoryNet >= segment.sizeBytes, NUMBER_NET_TOO_SMALL, "m_usedMemoryNet >= segment->getSizeBytes()");
+    check(m_usedMemoryNet >= segment.sizeBytes, NUMBER_HEAP_NET_TOO_SMALL,
+          "m_usedMemoryNet >= segment->getSizeBytes()");
     m_usedMemoryNet -= segment.sizeBytes;
     segment.buffer = nullptr;
 }
@@ -115,12 +115,13 @@ void MemoryHeap::printMemoryUsage()
         }
     }
     // Logged without the lock: a log client may find misuse of memory, whose report comes here.
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, NO_FRACTION) << "Memory HEAP: "
-                                                                     << " m_usedMemoryGross=" << gross << " "
-                                                                     << " m_usedMemoryNet=" << net << " " << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, LogItem::NO_FRACTION)
+        << "Memory HEAP: "
+        << " m_usedMemoryGross=" << gross << " "
+        << " m_usedMemoryNet=" << net << " " << std::endl;
     for (const auto& [name, used] : modules)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, NO_FRACTION) << name << ":"
-                                                                         << " used=" << used << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, LogItem::NO_FRACTION) << name << ":"
+                                                                                  << " used=" << used << std::endl;
     }
 }

@@ -27,7 +27,6 @@ constexpr SourcePlace PLACE_WRONG_STATUS = SourcePlace::numbered(1245, POOL_UNIT
 
 constexpr unsigned char FRESH_FILLING = 0xFE;
 constexpr std::int64_t REPORT_INTERVAL_MS = 1000;
-constexpr int NO_FRACTION = 0;
 
 } // namespace
 
@@ -73,7 +72,7 @@ void MemoryPoolImpl::Guard::unlockAndRelease()
     if (sizeToReport != 0)
     {
         static constexpr MethodText METHOD = MethodText::of("MemoryPoolImpl::allocatePagesFromSingleAllocationLocked");
-        LogItem(LoggerId::OLM, LogLevel::Info, METHOD, NO_FRACTION)
+        LogItem(LoggerId::OLM, LogLevel::Info, METHOD, LogItem::NO_FRACTION)
             << "allocated " << sizeToReport << " bytes" << std::endl;
     }
     requests.destroyAll();

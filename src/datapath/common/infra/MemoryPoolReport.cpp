@@ -19,7 +19,6 @@ namespace
 
 constexpr std::int64_t MONITORING_INTERVAL_MS = 1000;
 constexpr std::int64_t MS_PER_SECOND = 1000;
-constexpr int NO_FRACTION = 0;
 constexpr MethodText USAGE = MethodText::of("MemoryPoolImpl::printMemoryUsage");
 
 /// A report of sub-pools that the calling thread is writing.
@@ -116,13 +115,13 @@ void MemoryPoolImpl::printModules()
             modules.push_back(line.str());
         }
     }
-    LogItem(LoggerId::OLM, LogLevel::Info, USAGE, NO_FRACTION) << "Memory POOL: "
-                                                               << " m_usedMemoryGross=" << pool.gross << " "
-                                                               << " m_usedMemoryNet=" << pool.net << " "
-                                                               << " free=" << pool.free << std::endl;
+    LogItem(LoggerId::OLM, LogLevel::Info, USAGE, LogItem::NO_FRACTION) << "Memory POOL: "
+                                                                        << " m_usedMemoryGross=" << pool.gross << " "
+                                                                        << " m_usedMemoryNet=" << pool.net << " "
+                                                                        << " free=" << pool.free << std::endl;
     for (const std::string& module : modules)
     {
-        LogItem(LoggerId::OLM, LogLevel::Info, USAGE, NO_FRACTION) << module << std::endl;
+        LogItem(LoggerId::OLM, LogLevel::Info, USAGE, LogItem::NO_FRACTION) << module << std::endl;
     }
 }
 
@@ -146,12 +145,12 @@ void MemoryPoolImpl::printSubPools()
         maxFree = std::max(maxFree, used.free);
         maxUsed = std::max(maxUsed, used.gross);
     }
-    LogItem(LoggerId::OLM, LogLevel::Info, USAGE, NO_FRACTION) << "subMemPools:"
-                                                               << " totalFree=" << totalFree << " "
-                                                               << " totalUsed=" << totalUsed << " "
-                                                               << " totalFrag=" << totalFrag << " "
-                                                               << " maxFree=" << maxFree << " "
-                                                               << " maxUsed=" << maxUsed << " " << std::endl;
+    LogItem(LoggerId::OLM, LogLevel::Info, USAGE, LogItem::NO_FRACTION) << "subMemPools:"
+                                                                        << " totalFree=" << totalFree << " "
+                                                                        << " totalUsed=" << totalUsed << " "
+                                                                        << " totalFrag=" << totalFrag << " "
+                                                                        << " maxFree=" << maxFree << " "
+                                                                        << " maxUsed=" << maxUsed << " " << std::endl;
     innermostReport = report.outer;
 }
 

@@ -14,7 +14,7 @@ namespace
 constexpr std::uint32_t NUMBER_POP_OF_EMPTY = 35;
 constexpr std::uint32_t NUMBER_POPPED = 37;
 constexpr std::uint32_t NUMBER_COMPLETED = 87;
-constexpr std::uint32_t NUMBER_WRONG_FLAGS = 97;
+constexpr std::uint32_t NUMBER_WRONG_REQUEST_FLAGS = 97;
 
 } // namespace
 
@@ -71,7 +71,7 @@ std::uint64_t WaitingRequestsQueue::iterateRequests(const ISequentialItemHandler
         {
             if (flags.any())
             {
-                CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_WRONG_FLAGS),
+                CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_WRONG_REQUEST_FLAGS),
                              "postIterationFlags.count() == 0")
                     << "wrong postIterationFlags info"
                     << " postIterationFlags=" << flags << " " << std::endl;
