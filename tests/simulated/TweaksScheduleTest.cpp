@@ -26,6 +26,36 @@ TEST_F(TweaksSchedules, TheLastValueOfTheTableIsWhatIsReadInTheEnd)
     });
 }
 
+TEST_F(TweaksSchedules, AReaderSeesTheValuesInTheirOrderWhileTheTableGrows)
+{
+    exploreBothWays([] {
+        using Kind = TweakTable::Kind;
+        TweakTable table;
+        table.setNumber("t_read", 1);
+        table.setNumber("t_other", 7);
+        const auto change = [&] {
+            table.reserve(100);
+            table.setNumber("T_READ", 2);
+            table.setText("t_read", "three");
+            table.reserve(200);
+            table.remove("t_read");
+        };
+        int last = 1;
+        const auto read = [&] {
+            for (int i = 0; i < 4; ++i)
+            {
+                const auto [kind, number] = table.read("t_Read");
+                const int seen = kind == Kind::Number ? static_cast<int>(number) : kind == Kind::Text ? 3 : 4;
+                check(seen >= last && seen <= 4, "no value comes back");
+                last = seen;
+                check(table.read("t_other").number == 7, "the other value is there");
+            }
+        };
+        runTogether({{"change", change}, {"read", read}});
+        check(table.read("t_read").kind == Kind::Absent && table.size() == 1, "the value is gone");
+    });
+}
+
 TEST_F(TweaksSchedules, OneOfTwoThreadsAddsTheDefault)
 {
     exploreBothWays([] {

@@ -97,6 +97,11 @@ Tweaks::Tweak::Tweak(std::string_view valueText, std::string_view name, std::str
     m_isInt = true;
 }
 
+Tweaks::Tweak::Tweak(const TweakTable::Entry& entry)
+    : m_stringVal(entry.text()), m_intVal(entry.read().number), m_isInt(entry.read().kind == TweakTable::Kind::Number)
+{
+}
+
 std::int64_t Tweaks::Tweak::longVal() const
 {
     if (!m_isInt)
@@ -116,8 +121,6 @@ Tweaks& Tweaks::instance()
 
 Tweaks::Tweaks()
 {
-    // Few entries to a bucket: looking at an entry is expensive, because entries lie far apart in memory.
-    m_tweaks.change([](auto& tweaks) { tweaks.max_load_factor(0.25F); });
     Directories::ensureExists(std::string("test_appdata") + platform::PATH_SEPARATOR);
     loadFromFiles();
     m_isInitialized = true;
@@ -126,7 +129,7 @@ Tweaks::Tweaks()
 void Tweaks::reserve(std::size_t more)
 {
     const MutexGuard guard(m_mutex);
-    m_tweaks.change([=](auto& tweaks) { tweaks.reserve(tweaks.size() + more); });
+    m_tweaks.change([=](auto& tweaks) { tweaks.reserve(more); });
 }
 
 std::string Tweaks::update(const std::string& name, const std::string& valueText)
@@ -134,19 +137,21 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
     std::string replaced;
     {
         const MutexGuard guard(m_mutex);
-        if (const auto found = m_tweaks->find(name); found != m_tweaks->end())
+        if (const TweakTable::Entry* const found = m_tweaks->find(name); found != nullptr)
         {
-            replaced = found->second.toString();
-            m_tweaks.change([&](auto& tweaks) { tweaks.erase(found); });
+            replaced = Tweak(*found).toString();
         }
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Updating tweak: "
                                                             << " name=" << name << " "
                                                             << " val=" << valueText << " "
                                                             << " ret=" << replaced << " " << std::endl;
-        if (!valueText.empty())
+        if (valueText.empty())
         {
-            Tweak tweak(valueText, name, m_fileName);
-            m_tweaks.change([&](auto& tweaks) { tweaks.emplace(name, std::move(tweak)); });
+            m_tweaks.change([&](auto& tweaks) { tweaks.remove(name); });
+        }
+        else
+        {
+            set(name, Tweak(valueText, name, m_fileName));
         }
     }
     notifyDynamicTweaks();
@@ -157,18 +162,31 @@ bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& v
 {
     {
         const MutexGuard guard(m_mutex);
-        if (m_tweaks->contains(name))
+        if (m_tweaks->find(name) != nullptr)
         {
             return false;
         }
         LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "default tweak added:  name=" << name << " "
                                                             << " val=" << valueText << " "
                                                             << " ret= " << std::endl;
-        Tweak tweak(valueText, name, m_fileName);
-        m_tweaks.change([&](auto& tweaks) { tweaks.emplace(name, std::move(tweak)); });
+        set(name, Tweak(valueText, name, m_fileName));
     }
     notifyDynamicTweaks();
     return true;
+}
+
+void Tweaks::set(const std::string& name, const Tweak& tweak)
+{
+    m_tweaks.change([&](TweakTable& tweaks) {
+        if (tweak.isInt())
+        {
+            tweaks.setNumber(name, tweak.longVal());
+        }
+        else
+        {
+            tweaks.setText(name, tweak.m_stringVal);
+        }
+    });
 }
 
 void Tweaks::unlockForGood() const
@@ -190,6 +208,15 @@ void Tweaks::notifyDynamicTweaks() const
 
 std::int64_t Tweaks::longVal(std::string_view name, std::optional<std::int64_t> defaultVal) const
 {
+    const auto [kind, number] = m_readable.read(name);
+    if (kind == TweakTable::Kind::Number)
+    {
+        return number;
+    }
+    if (kind == TweakTable::Kind::Absent && defaultVal)
+    {
+        return *defaultVal;
+    }
     if (m_mutex.isMine())
     {
         m_mutex.assertLocked();
@@ -201,13 +228,14 @@ std::int64_t Tweaks::longVal(std::string_view name, std::optional<std::int64_t> 
 
 std::int64_t Tweaks::findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
 {
-    if (const auto found = m_tweaks->find(name); found != m_tweaks->end())
+    if (const TweakTable::Entry* const found = m_tweaks->find(name); found != nullptr)
     {
-        if (!found->second.isInt())
+        const Tweak tweak(*found);
+        if (!tweak.isInt())
         {
-            explain(name, "must be an integer and is " + found->second.toString());
+            explain(name, "must be an integer and is " + tweak.toString());
         }
-        return found->second.longVal();
+        return tweak.longVal();
     }
     if (!defaultVal)
     {
@@ -261,17 +289,12 @@ bool Tweaks::boolVal(std::string_view name, std::optional<bool> defaultVal) cons
 void Tweaks::print() const
 {
     const MutexGuard guard(m_mutex);
-    std::vector<const Map::value_type*> listed;
-    for (const auto& entry : *m_tweaks)
-    {
-        listed.push_back(&entry);
-    }
-    std::ranges::sort(listed, CaseInsensitiveLess(),
-                      [](const auto* entry) -> std::string_view { return entry->first; });
-    for (const auto* const entry : listed)
+    std::vector<const TweakTable::Entry*> listed = m_tweaks->entries();
+    std::ranges::sort(listed, CaseInsensitiveLess(), &TweakTable::Entry::name);
+    for (const TweakTable::Entry* const entry : listed)
     {
         LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD)
-            << entry->first << "=" << entry->second.toString() << std::endl;
+            << entry->name() << "=" << Tweak(*entry).toString() << std::endl;
     }
     if (listed.empty())
     {

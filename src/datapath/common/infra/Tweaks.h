@@ -10,15 +10,16 @@
 // default is not set, when a value is of another kind or out of range, and when a value text cannot be read; standard
 // error then tells what is wrong.
 //
-// Any thread may call any operation, except those that are only for the construction of the table. Lines are logged
-// under the table's lock. A log client must therefore not change tweaks; it should not read them either, but a thread
-// that reads a tweak while it logs such a line does not wait for its own lock. Code that reads a tweak often reads a
-// member of DynamicTweaks instead.
+// Any thread may call any operation, except those that are only for the construction of the table. Reading a tweak
+// takes no lock, unless the process is about to end because of it. Lines are logged under the table's lock. A log
+// client must therefore not change tweaks; it should not read them either, but a thread that reads a tweak while it
+// logs such a line does not wait for its own lock. Code that reads a tweak often reads a member of DynamicTweaks
+// instead.
 
 #include "datapath/common/infra/KnownTweaks.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
-#include "datapath/common/infra/base/AsciiCase.h"
+#include "datapath/common/infra/TweakTable.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -27,7 +28,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 /// One line of a tweak file; its parts have no blanks around them.
 struct TweakLine
@@ -64,6 +64,10 @@ public:
         [[nodiscard]] std::string toString() const;
 
     private:
+        friend class Tweaks;
+
+        explicit Tweak(const TweakTable::Entry& entry);
+
         std::string m_stringVal; // empty for an integer
         std::int64_t m_intVal = 0;
         bool m_isInt = false;
@@ -123,18 +127,17 @@ protected:
     ~Tweaks() = default;
 
 private:
-    // A hash table, so that files of 100,000 lines load in linear time. Only the listing needs the names in order.
-    using Map = std::unordered_map<std::string, Tweak, CaseInsensitiveHash, CaseInsensitiveEqual>;
-
     void loadFromFiles();
     std::deque<TweakLine> applyText(std::istream& text, TweakFileKind kind);
     void reserve(std::size_t more) EXCLUDES(m_mutex);
     void notifyDynamicTweaks() const EXCLUDES(m_mutex);
+    void set(const std::string& name, const Tweak& tweak) REQUIRES(m_mutex);
     [[nodiscard]] std::int64_t findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
         REQUIRES(m_mutex);
 
-    StlMemShiledContainer<Map> m_tweaks GUARDED_BY(m_mutex){"Tweaks"};
-    mutable OwnedMutex m_mutex; // guards the table; the locks of log clients are taken inside it
+    StlMemShiledContainer<TweakTable> m_tweaks GUARDED_BY(m_mutex){"Tweaks"};
+    const TweakTable& m_readable = *m_tweaks; // for reading without the lock
+    mutable OwnedMutex m_mutex;               // guards the table; the locks of log clients are taken inside it
     // Written only while the table is made, when no other thread knows it.
     bool m_isInitialized = false;
     std::string m_fileName; // the file that is being read, so that explanations can name it
