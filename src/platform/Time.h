@@ -26,6 +26,8 @@ struct UtcTime
     std::int32_t minute;
     std::int32_t second;
     std::int32_t millisecond;
+
+    bool operator==(const UtcTime&) const = default;
 };
 
 /// The CPU time of a process in 100-ns units.

@@ -15,21 +15,12 @@ std::uint64_t toTicks(const timeval& time)
     return static_cast<std::uint64_t>(time.tv_sec) * 10'000'000 + static_cast<std::uint64_t>(time.tv_usec) * 10;
 }
 
-/// Always inlined, because every log line calls utcNow.
-[[gnu::always_inline]] inline UtcTime onCalendar(std::chrono::system_clock::time_point moment)
+UtcTime onCalendar(std::chrono::sys_time<std::chrono::milliseconds> moment)
 {
     using namespace std::chrono;
-    const auto now = floor<milliseconds>(moment);
-    const auto day = floor<days>(now);
-    // Computing the date is expensive, and it changes once a day.
-    thread_local sys_days dateOf{};
-    thread_local year_month_day date{dateOf};
-    if (day != dateOf)
-    {
-        dateOf = day;
-        date = day;
-    }
-    const hh_mm_ss time(now - day);
+    const auto day = floor<days>(moment);
+    const year_month_day date(day);
+    const hh_mm_ss time(moment - day);
     return {.year = static_cast<int>(date.year()),
             .month = static_cast<int>(static_cast<unsigned>(date.month())),
             .day = static_cast<int>(static_cast<unsigned>(date.day())),
@@ -41,9 +32,21 @@ std::uint64_t toTicks(const timeval& time)
 
 } // namespace
 
-UtcTime utcNow() { return onCalendar(std::chrono::system_clock::now()); }
+UtcTime utcAt(std::chrono::system_clock::time_point moment)
+{
+    using namespace std::chrono;
+    // Every log line asks, and many ask within one millisecond.
+    static constinit thread_local sys_time<milliseconds> lastMoment{};
+    static constinit thread_local UtcTime last{1970, 1, 1, 0, 0, 0, 0};
+    if (const auto now = floor<milliseconds>(moment); now != lastMoment)
+    {
+        last = onCalendar(now);
+        lastMoment = now;
+    }
+    return last;
+}
 
-UtcTime utcAt(std::chrono::system_clock::time_point moment) { return onCalendar(moment); }
+UtcTime utcNow() { return utcAt(std::chrono::system_clock::now()); }
 
 bool performanceCounter(std::int64_t& ticks)
 {

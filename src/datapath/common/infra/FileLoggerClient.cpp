@@ -35,7 +35,7 @@ FileLoggerClient::FileLoggerClient(const std::string& basePath, std::uint32_t ma
     m_logger.setModes(tweakedModes());
     m_isEnabled = m_logger.isOpen() && Tweaks::instance().value(FILE_LOGGER_ENABLED);
     log("\n\n");
-    log(std::string(UtcTimestamp(3).view()) + ", -----------------Log Start---------------------- " + startInfo +
+    log(UtcTimestamp::now(3) + ", -----------------Log Start---------------------- " + startInfo +
         " ----------------------\n");
     log("time,level,thread,logger,method,message,exception\n");
 }

@@ -174,8 +174,7 @@ GenFileLogger::Answer GenFileLogger::enqueueBlock(std::string_view text, bool is
 
 void GenFileLogger::pauseForMemory()
 {
-    const std::string notice =
-        std::string(UtcTimestamp(3).view()) + "," + m_settings.files.basePath + "-pausing logger due to OOM\n";
+    const std::string notice = UtcTimestamp::now(3) + "," + m_settings.files.basePath + "-pausing logger due to OOM\n";
     static_cast<void>(enqueueText(notice, false));
     enqueue({});
 }

@@ -13,10 +13,6 @@ namespace
 
 constexpr std::uint32_t NUMBER_TOO_MANY_CLIENTS = 204;
 
-constexpr std::array<std::string_view, 8> LEVEL_NAMES = {"Assert", "Fatal", "Error",   "Warn",
-                                                         "Info",   "Debug", "Control", "Info"};
-constexpr std::array<std::string_view, 4> LOGGER_NAMES = {"Invalid", "OLM", "KRN", "NON"};
-
 constexpr bool mustFlush(LogLevel level) { return level <= LogLevel::Error; }
 
 std::int32_t currentThreadKey() { return static_cast<std::int32_t>(platform::currentThreadId()); }
@@ -24,17 +20,6 @@ std::int32_t currentThreadKey() { return static_cast<std::int32_t>(platform::cur
 constinit platform::Atomic<Logger*> theLogger = nullptr;
 
 } // namespace
-
-std::string_view logLevelName(LogLevel level)
-{
-    return LEVEL_NAMES[static_cast<std::size_t>(level) % LEVEL_NAMES.size()];
-}
-
-std::string_view loggerName(LoggerId loggerId)
-{
-    const auto index = static_cast<std::size_t>(loggerId);
-    return LOGGER_NAMES[index < LOGGER_NAMES.size() ? index : 0];
-}
 
 Logger& Logger::instance()
 {
@@ -241,7 +226,7 @@ void Logger::setAsyncThreadName(const std::string& name)
 
 std::string Logger::getAsyncThreadName() const
 {
-    if (m_asyncThreadNamesCnt.load(std::memory_order_relaxed) == 0)
+    if (!hasAsyncThreadNames())
     {
         return {};
     }

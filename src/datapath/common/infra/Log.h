@@ -21,14 +21,7 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <string_view>
 #include <vector>
-
-/// As the level column of a line shows it.
-[[nodiscard]] std::string_view logLevelName(LogLevel level);
-
-/// As the logger column of a line shows it.
-[[nodiscard]] std::string_view loggerName(LoggerId loggerId);
 
 /// Takes log lines. Every operation may be called by several threads at once, and none may throw. A client may be
 /// called under locks of the code that logs, so it must not read configuration.
@@ -108,6 +101,12 @@ public:
     /// Lets the thread column of the calling thread's lines show this name after the thread's id;
     /// an empty name takes it away.
     void setAsyncThreadName(const std::string& name) EXCLUDES(m_mutex);
+
+    /// Whether any thread has such a name.
+    [[nodiscard]] bool hasAsyncThreadNames() const
+    {
+        return m_asyncThreadNamesCnt.load(std::memory_order_relaxed) != 0;
+    }
 
     /// The calling thread's name for the thread column, empty if it has none.
     [[nodiscard]] std::string getAsyncThreadName() const EXCLUDES(m_mutex);

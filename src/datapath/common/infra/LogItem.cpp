@@ -1,15 +1,104 @@
 #include "datapath/common/infra/LogItem.h"
 
 #include "datapath/common/infra/base/UtcTimestamp.h"
+#include "platform/ThreadValue.h"
 #include "platform/Threads.h"
 
 #include <algorithm>
-#include <limits>
+#include <array>
+#include <cstring>
+
+namespace LogItemInternal
+{
+
+/// A short piece of the head of a line, with its commas.
+class HeadField
+{
+public:
+    static constexpr std::size_t ROOM = 16;
+
+    explicit constexpr HeadField(std::string_view text) : m_length(text.size())
+    {
+        std::ranges::copy(text, m_room.begin());
+    }
+
+    /// Writes at most ROOM bytes and returns the end of the text.
+    char* write(char* out) const
+    {
+        std::memcpy(out, m_room.data(), ROOM); // more than the text, but of a length that the compiler knows
+        return out + m_length;
+    }
+
+private:
+    std::array<char, ROOM> m_room{};
+    std::size_t m_length = 0;
+};
+
+class LineStore
+{
+public:
+    /// The store of the calling thread, or a new one while that is in use.
+    [[nodiscard]] static LineStore& acquire()
+    {
+        auto* const own = static_cast<LineStore*>(OfThread::get());
+        LineStore& store = own != nullptr && !own->m_isInUse ? *own : make(own == nullptr);
+        store.m_isInUse = true;
+        return store;
+    }
+
+    void giveBack()
+    {
+        text.clear();
+        if (line.capacity() > LineText::MAX_KEPT) [[unlikely]]
+        {
+            line = std::string();
+        }
+        m_isInUse = false;
+        if (!m_isOfThread)
+        {
+            delete this;
+        }
+    }
+
+    LineText text{};
+    std::string line{}; // for the Logger
+    UtcTimestamp time{};
+    const HeadField threadField{std::to_string(static_cast<std::int32_t>(platform::currentThreadId()))};
+
+private:
+    struct Owner
+    {
+        static void release(void* store) { delete static_cast<LineStore*>(store); }
+    };
+    using OfThread = platform::ThreadValue<Owner>;
+
+    [[gnu::noinline]] static LineStore& make(bool isOfThread)
+    {
+        auto* const store = new LineStore;
+        if (isOfThread)
+        {
+            OfThread::set(store);
+        }
+        store->m_isOfThread = isOfThread;
+        return *store;
+    }
+
+    bool m_isInUse = false;
+    bool m_isOfThread = false;
+};
+
+} // namespace LogItemInternal
 
 namespace
 {
 
-constexpr std::size_t USUAL_LINE_LENGTH = 240; // characters; the buffer grows for longer lines
+using LogItemInternal::HeadField;
+
+constexpr std::array LEVEL_FIELDS = {HeadField(",Assert,"),  HeadField(",Fatal,"), HeadField(",Error,"),
+                                     HeadField(",Warn,"),    HeadField(",Info,"),  HeadField(",Debug,"),
+                                     HeadField(",Control,"), HeadField(",Info,")};
+constexpr std::array LOGGER_FIELDS = {HeadField(",Invalid,"), HeadField(",OLM,"), HeadField(",KRN,"),
+                                      HeadField(",NON,")};
 
 std::string cleaned(std::string methodText)
 {
@@ -19,38 +108,25 @@ std::string cleaned(std::string methodText)
 
 } // namespace
 
-LogStringBuf::LogStringBuf(const LogItem& item) : m_item(item), m_text(USUAL_LINE_LENGTH, '\0')
-{
-    setp(m_text.data(), m_text.data() + m_text.size());
-}
-
-void LogStringBuf::resize(std::size_t size)
-{
-    std::size_t kept = std::min(length(), size);
-    m_text.resize(size);
-    setp(m_text.data(), m_text.data() + size);
-    for (constexpr std::size_t MAX_STEP = std::numeric_limits<int>::max(); kept > 0;)
-    {
-        const std::size_t step = std::min(kept, MAX_STEP);
-        pbump(static_cast<int>(step));
-        kept -= step;
-    }
-}
-
 LogStringBuf::int_type LogStringBuf::overflow(int_type character)
 {
-    resize(2 * m_text.size());
     if (!traits_type::eq_int_type(character, traits_type::eof()))
     {
-        sputc(traits_type::to_char_type(character));
+        const char appended = traits_type::to_char_type(character);
+        m_item.m_text.append({&appended, 1});
     }
     return traits_type::not_eof(character);
 }
 
+std::streamsize LogStringBuf::xsputn(const char* text, std::streamsize length)
+{
+    m_item.m_text.append({text, static_cast<std::size_t>(length)});
+    return length;
+}
+
 int LogStringBuf::sync()
 {
-    resize(length());
-    Logger::instance().dispatch(m_text, m_item.level(), m_item.loggerId());
+    m_item.dispatch();
     return 0;
 }
 
@@ -65,15 +141,45 @@ LogItem::LogItem(LoggerId loggerId, LogLevel level, const char* methodText, int 
 }
 
 LogItem::LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int fractionDigits)
-    : Buffer(*this), std::ostream(&buffer), m_level(level), m_loggerId(loggerId)
+    : m_store(LogItemInternal::LineStore::acquire()), m_text(m_store.text), m_level(level), m_loggerId(loggerId)
 {
-    *this << UtcTimestamp(fractionDigits).view() << "," << logLevelName(level) << ","
-          << static_cast<std::int32_t>(platform::currentThreadId());
-    if (const std::string name = Logger::instance().getAsyncThreadName(); !name.empty())
+    m_store.time.update();
+    char* out = m_text.reserve(UtcTimestamp::ROOM + 2 * HeadField::ROOM);
+    out = m_store.time.write(out, fractionDigits);
+    out = LEVEL_FIELDS[static_cast<std::size_t>(level) % LEVEL_FIELDS.size()].write(out);
+    m_text.setEnd(m_store.threadField.write(out));
+    if (const Logger& logger = Logger::instance(); logger.hasAsyncThreadNames())
     {
-        *this << "/" << name;
+        const std::string name = logger.getAsyncThreadName();
+        m_text.append(name.empty() ? "" : "/");
+        m_text.append(name);
     }
-    *this << "," << loggerName(loggerId) << "," << fields << ",";
+    out = m_text.reserve(HeadField::ROOM + fields.size() + 1);
+    out = LOGGER_FIELDS[static_cast<std::size_t>(loggerId) % LOGGER_FIELDS.size()].write(out);
+    out = std::copy(fields.begin(), fields.end(), out);
+    *out = ',';
+    m_text.setEnd(out + 1);
+}
+
+LogItem::~LogItem() { m_store.giveBack(); }
+
+std::ostream& LogItem::makeStream() { return m_stream.emplace(*this).stream; }
+
+void LogItem::endLine()
+{
+    if (m_stream)
+    {
+        m_stream->stream << std::endl;
+        return;
+    }
+    m_text.append("\n");
+    dispatch();
+}
+
+void LogItem::dispatch()
+{
+    m_store.line = m_text.view();
+    Logger::instance().dispatch(m_store.line, m_level, m_loggerId);
 }
 
 void logLine(LogLevel level, const MethodText& method, std::string_view message)

@@ -8,14 +8,17 @@
 // A line is "2024-03-05 07:08:09.042,Warn,4711,NON,Class,method,slow disk, waited ms=12\n". Nothing
 // is quoted or escaped and nothing is cut. An item belongs to the thread that made it. An item that
 // never ends its line sends nothing.
+//
+// An item accepts what a narrow output stream accepts, and converts to one. Making a std::ostream takes longer than a
+// whole line of texts and integers, so the item makes it when it is needed for the first time: for any other type, for
+// manipulators but std::endl, or for code that takes a stream. Everything goes into the same line, in order.
 
 #include "datapath/common/infra/Log.h"
+#include "datapath/common/infra/base/LineText.h"
 #include "datapath/common/infra/base/MethodText.h"
 
-#include <array>
-#include <charconv>
 #include <concepts>
-#include <cstring>
+#include <optional>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -24,47 +27,25 @@
 
 class LogItem;
 
-/// Collects a line without limit and sends it to the Logger when it is flushed.
+/// Lets a stream write into the line of an item. A flush sends the line to the Logger.
 class LogStringBuf : public std::streambuf
 {
 public:
-    explicit LogStringBuf(const LogItem& item);
-
-    void append(std::string_view text)
-    {
-        if (text.size() > static_cast<std::size_t>(epptr() - pptr()))
-        {
-            sputn(text.data(), static_cast<std::streamsize>(text.size()));
-            return;
-        }
-        std::memcpy(pptr(), text.data(), text.size());
-        pbump(static_cast<int>(text.size()));
-    }
+    explicit LogStringBuf(LogItem& item) : m_item(item) {}
 
 protected:
     int_type overflow(int_type character) override;
+    std::streamsize xsputn(const char* text, std::streamsize length) override;
 
-    /// Always succeeds. Does not empty the buffer, because each item is flushed once.
+    /// Always succeeds. Does not empty the line, because each item is flushed once.
     int sync() override;
 
 private:
-    [[nodiscard]] std::size_t length() const { return static_cast<std::size_t>(pptr() - pbase()); }
-    void resize(std::size_t size);
-
-    const LogItem& m_item;
-    std::string m_text; // the put area: its length is the room for the line, not the length of the line
+    LogItem& m_item;
 };
 
 namespace LogItemInternal
 {
-
-/// A base class of LogItem, so that the buffer exists before the stream that writes to it.
-struct Buffer
-{
-    explicit Buffer(const LogItem& item) : buffer(item) {}
-
-    LogStringBuf buffer;
-};
 
 template <class T, class... Others>
 concept OneOf = (std::same_as<T, Others> || ...);
@@ -78,13 +59,23 @@ template <class T>
 concept Text =
     OneOf<T, const char*, char*, std::string, std::string_view> || std::same_as<char, std::remove_extent_t<T>>;
 
-/// The types that are appended without the help of the stream.
+/// The types that are appended without the help of a stream.
 template <class T>
 concept Simple = Integer<T> || Text<T>;
 
+template <class T>
+concept Streamed = !Simple<T> && requires(std::ostream & stream, const T& value)
+{
+    stream << value;
+};
+
+/// The memory of one line, and what the head of a thread's lines has in common. Each thread keeps one until it ends; an
+/// item that is made while the thread has another one has a store of its own.
+class LineStore;
+
 } // namespace LogItemInternal
 
-class LogItem : private LogItemInternal::Buffer, public std::ostream
+class LogItem
 {
 public:
     static constexpr int DEFAULT_FRACTION_DIGITS = 3;
@@ -96,33 +87,58 @@ public:
     /// For a method text that is only known at run time: "Tweaks::Tweak::longVal", "wWinMain".
     LogItem(LoggerId loggerId, LogLevel level, const char* methodText, int fractionDigits = DEFAULT_FRACTION_DIGITS);
 
+    LogItem(const LogItem&) = delete;
+    LogItem& operator=(const LogItem&) = delete;
+    ~LogItem();
+
     [[nodiscard]] LogLevel level() const { return m_level; }
     [[nodiscard]] LoggerId loggerId() const { return m_loggerId; }
+
+    /// A stream that writes into this line. It lives as long as the item.
+    [[nodiscard]] std::ostream& stream() { return m_stream ? m_stream->stream : makeStream(); }
+    operator std::ostream&() { return stream(); }
 
     /// Inserts as the stream would, but faster if the formatting is the default one. Only for operator<<.
     template <class T> void insert(const T& value)
     {
         if (!isPlain() || isNull(value))
         {
-            static_cast<std::ostream&>(*this) << value;
+            stream() << value;
         }
         else if constexpr (LogItemInternal::Integer<T>)
         {
-            appendNumber(value);
+            m_text.append(static_cast<std::conditional_t<std::same_as<T, bool>, int, T>>(value));
         }
         else
         {
-            buffer.append(asText(value));
+            m_text.append(asText(value));
         }
     }
 
+    /// std::endl, without a stream if there is none. Only for operator<<.
+    void endLine();
+
 private:
+    friend class LogStringBuf;
+
+    struct Stream
+    {
+        explicit Stream(LogItem& item) : buffer(item), stream(&buffer) {}
+
+        LogStringBuf buffer;
+        std::ostream stream;
+    };
+
     LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int fractionDigits);
+
+    std::ostream& makeStream();
+    void dispatch();
 
     [[nodiscard]] bool isPlain() const
     {
-        constexpr fmtflags SPECIAL = hex | oct | showpos | boolalpha;
-        return width() == 0 && (flags() & SPECIAL) == 0;
+        constexpr std::ios_base::fmtflags SPECIAL =
+            std::ios_base::hex | std::ios_base::oct | std::ios_base::showpos | std::ios_base::boolalpha;
+        return !m_stream || (m_stream->stream.width() == 0 && (m_stream->stream.flags() & SPECIAL) == 0);
     }
 
     static std::string_view asText(const char& character) { return {&character, 1}; }
@@ -137,24 +153,38 @@ private:
         return false;
     }
 
-    template <class T> void appendNumber(T value)
-    {
-        using Printed = std::conditional_t<std::same_as<T, bool>, int, T>;
-        std::array<char, 24> digits;
-        const auto result = std::to_chars(digits.begin(), digits.end(), static_cast<Printed>(value));
-        buffer.append({digits.begin(), result.ptr});
-    }
-
-    LogLevel m_level;
-    LoggerId m_loggerId;
+    LogItemInternal::LineStore& m_store;
+    LineText& m_text; // of the store
+    std::optional<Stream> m_stream;
+    const LogLevel m_level;
+    const LoggerId m_loggerId;
 };
 
 template <class T>
 concept AnyLogItem = std::derived_from<std::remove_reference_t<T>, LogItem>;
 
-/// For the simple types. The stream itself inserts every other type that a narrow stream accepts.
 template <AnyLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
 {
     item.insert(value);
+    return item;
+}
+
+template <AnyLogItem Item, LogItemInternal::Streamed T> LogItem& operator<<(Item&& item, const T& value)
+{
+    item.stream() << value;
+    return item;
+}
+
+/// std::endl and its like.
+template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ostream& (*manipulator)(std::ostream&))
+{
+    if (manipulator == static_cast<std::ostream& (*)(std::ostream&)>(std::endl))
+    {
+        item.endLine();
+    }
+    else
+    {
+        item.stream() << manipulator;
+    }
     return item;
 }

@@ -1,9 +1,5 @@
 #include "datapath/common/infra/base/UtcTimestamp.h"
 
-#include "platform/Time.h"
-
-#include <algorithm>
-
 namespace
 {
 
@@ -18,7 +14,7 @@ template <int WIDTH> char* writeDigits(char* out, int value)
     return out + WIDTH;
 }
 
-char* write(char* out, char separator)
+char* writeSeparator(char* out, char separator)
 {
     *out = separator;
     return out + 1;
@@ -26,24 +22,31 @@ char* write(char* out, char separator)
 
 } // namespace
 
-UtcTimestamp::UtcTimestamp(int fractionDigits)
+void UtcTimestamp::update()
 {
     constexpr int LAST_YEAR_OF_FOUR_DIGITS = 9999;
     const platform::UtcTime now = platform::utcNow();
+    if (m_length != 0 && now == m_time)
+    {
+        return;
+    }
+    m_time = now;
     char* out = m_text.data();
     out = now.year > LAST_YEAR_OF_FOUR_DIGITS ? writeDigits<5>(out, now.year) : writeDigits<4>(out, now.year);
-    out = writeDigits<2>(write(out, '-'), now.month);
-    out = writeDigits<2>(write(out, '-'), now.day);
-    out = writeDigits<2>(write(out, ' '), now.hour);
-    out = writeDigits<2>(write(out, ':'), now.minute);
-    out = writeDigits<2>(write(out, ':'), now.second);
-    if (fractionDigits > 0)
-    {
-        constexpr int MILLISECOND_DIGITS = 3;
-        writeDigits<MILLISECOND_DIGITS>(write(out, '.'), now.millisecond);
-        out += 1 + std::min(fractionDigits, MILLISECOND_DIGITS);
-    }
+    out = writeDigits<2>(writeSeparator(out, '-'), now.month);
+    out = writeDigits<2>(writeSeparator(out, '-'), now.day);
+    out = writeDigits<2>(writeSeparator(out, ' '), now.hour);
+    out = writeDigits<2>(writeSeparator(out, ':'), now.minute);
+    out = writeDigits<2>(writeSeparator(out, ':'), now.second);
+    out = writeDigits<MILLISECOND_DIGITS>(writeSeparator(out, '.'), now.millisecond);
     m_length = static_cast<std::size_t>(out - m_text.data());
 }
 
-void formatUtcTimestamp(std::ostream& stream, int fractionDigits) { stream << UtcTimestamp(fractionDigits).view(); }
+std::string UtcTimestamp::now(int fractionDigits)
+{
+    UtcTimestamp time;
+    time.update();
+    return {time.m_text.data(), time.length(fractionDigits)};
+}
+
+void formatUtcTimestamp(std::ostream& stream, int fractionDigits) { stream << UtcTimestamp::now(fractionDigits); }
