@@ -55,7 +55,7 @@ PEERS = {
     "peerBoostBursts": "boost::pool under a std::mutex",
 }
 
-results = json.load(open(sys.argv[1]))
+results = json.load(open(sys.argv[3]))
 model = next((line.split(":")[1].strip() for line in open("/proc/cpuinfo") if line.startswith("model name")), "?")
 medians = {}
 least = {}
@@ -70,7 +70,10 @@ for row in results["benchmarks"]:
 
 print("# Performance\n")
 print("Written by `scripts/bench`: medians of 5 interleaved repetitions, ns of wall time an item, all threads together.\n")
-print(f"Machine: {model}, {results['context']['num_cpus']} processors, {platform.system()} {platform.machine()}.\n")
+print(f"Machine: {model}, {results['context']['num_cpus']} processors, {platform.system()} {platform.machine()}.")
+busy_before, busy_after = map(int, sys.argv[1:3])
+is_idle = max(busy_before, busy_after) < 5
+print(f"It was {'idle' if is_idle else 'NOT IDLE'} ({busy_before} percent busy before the run, {busy_after} after it).\n")
 
 
 def table(rows):
@@ -88,7 +91,7 @@ small, large = sorted(size for name, size in least if name == "loadTweaks")
 growth, peer_growth = (least[name, large] / least[name, small] for name in ("loadTweaks", "peerIniLoad"))
 print(f"\nLoading {large // small} times as many lines takes {growth:.1f} times as long "
       f"(INIReader: {peer_growth:.1f} times), each in its fastest repetition.")
-guarded, sanitized, checked, plain = map(float, sys.argv[4:])
+guarded, sanitized, checked, plain = map(float, sys.argv[6:])
 print(f"\nReplacing a random one of 10,000 blocks of 100 bytes: {guarded:.0f} ns guarded, {sanitized:.0f} ns with plain "
       f"blocks under an address sanitizer, {checked:.0f} ns under valgrind's memcheck, {plain:.0f} ns by themselves.")
 small, large = (medians["guardedAmong", size, 1] for size in (1000, 1_000_000))
@@ -104,32 +107,36 @@ few, many = (medians["serveWaiting", size, 1] for size in (1000, 10_000))
 print(f"\nGiving back what serves a request that waits takes {few:.0f} ns beside 1,000 requests of 100 modules and "
       f"{many:.0f} ns beside 10,000 of 1,000.")
 
-log = json.load(open(sys.argv[2]))
+log = json.load(open(sys.argv[4]))
 print("\n## The log file\n")
-print("Lines of about 120 bytes through the whole program path into files of 10 MiB; the peer is spdlog's rotating file\n"
-      "logger with the same text, asynchronous (8192 places, blocking) or synchronous. A call is what one producer\n"
-      "waits, a line the time until everything is in the file, all producers together.\n")
-print("| what | producers | ours | spdlog | ratio |\n|---|---|---|---|---|")
-
-
-def log_rows(title, threads, ours, peer):
-    print(f"| {title} | {threads} | {log[ours]:,.0f} | {log[peer]:,.0f} | {log[ours] / log[peer]:.2f} |")
-
-
+print("Lines of about 120 bytes through the whole program path into files of 10 MiB. The peers log the same text into\n"
+      "rotating files: spdlog asynchronously (8192 places, blocking) and synchronously (without flushing), Boost.Log\n"
+      "asynchronously (8192 places, blocking). By hand: the line is formatted into one buffer of 64 KiB under one lock.\n"
+      "A line is the time until everything is in the file, all producers together; CPU is that of all threads. Calls are\n"
+      "timed one by one, with the two readings of the clock.\n")
+COLUMNS = [("ours", "ours"), ("hand", "by hand"), ("peer", "spdlog"), ("peerSync", "spdlog, synchronous"), ("boost", "Boost.Log")]
+print("| what | producers |" + "".join(f" {title} |" for _, title in COLUMNS))
+print("|---|---|" + "---|" * len(COLUMNS))
+for title, figure in [("million lines a second", "line"), ("ns a line", "line"), ("ns of CPU a line", "cpu"),
+                      ("a call, p50, ns", "p50"), ("a call, p99, ns", "p99"), ("a call, p99.9, ns", "p99.9")]:
+    for threads in (1, 2, 4):
+        cells = [log.get(f"{name}/{threads}/{figure}") for name, _ in COLUMNS]
+        if title.startswith("million"):
+            texts = ["" if cell is None else f"{1000 / cell:.1f}" for cell in cells]
+        else:
+            texts = ["" if cell is None else f"{cell:,.0f}" for cell in cells]
+        print(f"| {title} | {threads} | " + " | ".join(texts) + " |")
+print("\nSynchronous, each line flushed, ns a line:\n\n| producers | ours | spdlog | ratio |\n|---|---|---|---|")
 for threads in (1, 2, 4):
-    log_rows("ns a call", threads, f"ours/{threads}/call", f"peer/{threads}/call")
-    log_rows("ns a line", threads, f"ours/{threads}/line", f"peer/{threads}/line")
-    log_rows("ns a line, spdlog synchronous without flushing", threads, f"ours/{threads}/line", f"peerSync/{threads}/line")
-    log_rows("99.9th percentile of a call, ns", threads, f"ours/{threads}/tail", f"peer/{threads}/tail")
-    log_rows("ns a line, both synchronous, each line flushed", threads, f"oursSync/{threads}/line",
-             f"peerSyncFlushed/{threads}/line")
+    ours, theirs = log[f"oursSync/{threads}/line"], log[f"peerSyncFlushed/{threads}/line"]
+    print(f"| {threads} | {ours:,.0f} | {theirs:,.0f} | {ours / theirs:.2f} |")
 print(f"\nThe same bytes ready made in blocks of 64 KiB take {log['bytes/1/line']:.0f} ns a line: one producer reaches "
       f"{100 * log['bytes/1/line'] / log['ours/1/line']:.0f} percent of that.")
 print(f"\nA rotation beside 10,000 numbered files takes {log['rotation/1/call'] / 1e6:.1f} ms.")
 print(f"\nWhile the disk stands still, a logger with a budget of 3 MiB takes {100 * log['memory/1/share']:.0f} percent of "
       "it from the heap.")
 
-active = json.load(open(sys.argv[3]))
+active = json.load(open(sys.argv[5]))
 print("\n## Active objects and futures\n")
 print("A million actions that add 1 to a counter, from the making of the first until the last one has run, ns an action;\n"
       "the peer is boost::asio::thread_pool. The plain pool is a std::deque of std::function, which allocates nothing for\n"
