@@ -18,7 +18,9 @@ constexpr std::uint32_t NUMBER_TRACKER_RELEASED = 120;
 
 constexpr std::uint32_t NO_MEMORY_LIMIT = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint32_t LINGER_MS = 1;
-constexpr std::uint64_t URGENT_BYTES = std::uint64_t{64} * 1024; // as much as the file takes with one system call
+// Whoever queues that much wakes the writer, which takes some microseconds: with lines of 120 bytes it is one call in
+// 2,000.
+constexpr std::uint64_t URGENT_BYTES = std::uint64_t{256} * 1024;
 
 HeapMemoryAllocationTracker* createTracker(const GenFileLogger::Settings& settings)
 {
