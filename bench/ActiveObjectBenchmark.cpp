@@ -34,10 +34,12 @@ namespace
 using namespace std::chrono_literals;
 
 constexpr int ACTIONS = 1'000'000;
-constexpr int WAKES = 300;
+constexpr int WAKES = 600;
 constexpr int ROUNDS = 20'000;
 constexpr int SINGLES = 300'000;
 constexpr int SLEEPS = 1'000;
+// Sleeps that are not counted: after a busy phase an idle processor halts at once for a while, which delays wake-ups.
+constexpr std::size_t WARM_UP = 300;
 constexpr auto UNTIL_ASLEEP = 3ms; // after this time idle workers sleep
 
 std::binary_semaphore turn{0}; // used by one measurement at a time
@@ -45,6 +47,7 @@ std::atomic<int> sink = 0;     // keeps the compiler from removing the reads of 
 
 void recordSamples(const std::string& name, std::vector<double> samples)
 {
+    samples.erase(samples.begin(), samples.begin() + WARM_UP);
     std::ranges::sort(samples);
     results[name].push_back(samples[samples.size() / 2]);
     results[name + "/p99"].push_back(samples[samples.size() / 100 * 99]);
