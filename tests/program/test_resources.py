@@ -112,6 +112,12 @@ def test_needs_only_the_system(image):
     assert {name for name in imported if not name.startswith("api-ms-")} <= SYSTEM_LIBRARIES
 
 
+def test_is_small_without_its_debug_information(image):
+    sections = [section for section in image.sections if not section.Name.startswith(b"/")] # debug sections have long names
+    assert len(sections) < len(image.sections)
+    assert sum(section.SizeOfRawData for section in sections) < 1_600_000
+
+
 def test_windowed_and_hardened(image):
     assert image.OPTIONAL_HEADER.Subsystem == pefile.SUBSYSTEM_TYPE["IMAGE_SUBSYSTEM_WINDOWS_GUI"]
     assert image.OPTIONAL_HEADER.IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA

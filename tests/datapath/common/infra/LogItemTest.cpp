@@ -8,6 +8,7 @@
 #include <iomanip>
 #include <limits>
 #include <sstream>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -91,6 +92,22 @@ TEST(LogItem, StreamsLikeAnyNarrowStream)
     const std::string longText(100'000, 'y');
     EXPECT_EQ(longText + "z", logged([&](std::ostream& stream) { stream << longText << 'z'; }));
     EXPECT_EQ(longText + "z" + longText, logged([&](LogItem& item) { item << longText << 'z' << longText; }));
+}
+
+TEST(LogItem, AnItemWithinAnotherOneIsALineOfItsOwn)
+{
+    CapturingClient client;
+    {
+        LogItem outer(LoggerId::NON, LogLevel::Warn, "outer");
+        outer << "be" << 1.5;
+        const auto inner = [] { LogItem(LoggerId::OLM, LogLevel::Info, "inner") << "whole" << std::endl; };
+        inner();
+        std::thread(inner).join();
+        outer << "gun" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, "f") << "never ends";
+    }
+    EXPECT_EQ((Texts{"Info,OLM,,inner,whole", "Info,OLM,,inner,whole", "Warn,NON,,outer,be1.5gun"}),
+              client.newMessages());
 }
 
 } // namespace
