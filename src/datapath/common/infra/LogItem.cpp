@@ -155,7 +155,8 @@ LogItem::LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int
         m_text.append(name);
     }
     out = m_text.reserve(HeadField::ROOM + fields.size() + 1);
-    out = LOGGER_FIELDS[static_cast<std::size_t>(loggerId) % LOGGER_FIELDS.size()].write(out);
+    const auto loggerIndex = static_cast<std::size_t>(loggerId);
+    out = LOGGER_FIELDS[loggerIndex < LOGGER_FIELDS.size() ? loggerIndex : 0].write(out);
     out = std::copy(fields.begin(), fields.end(), out);
     *out = ',';
     m_text.setEnd(out + 1);
