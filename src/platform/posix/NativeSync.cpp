@@ -7,10 +7,6 @@
 #include <cerrno>
 #include <ctime>
 
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 namespace platform
 {
 

@@ -141,13 +141,13 @@ LogItem::LogItem(LoggerId loggerId, LogLevel level, const char* methodText, int 
 }
 
 LogItem::LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int fractionDigits)
-    : m_store(LogItemInternal::LineStore::acquire()), m_text(m_store.text), m_level(level), m_loggerId(loggerId)
+    : m_store(&LogItemInternal::LineStore::acquire()), m_text(m_store->text), m_level(level), m_loggerId(loggerId)
 {
-    m_store.time.update();
+    m_store->time.update();
     char* out = m_text.reserve(UtcTimestamp::ROOM + 2 * HeadField::ROOM);
-    out = m_store.time.write(out, fractionDigits);
+    out = m_store->time.write(out, fractionDigits);
     out = LEVEL_FIELDS[static_cast<std::size_t>(level) % LEVEL_FIELDS.size()].write(out);
-    m_text.setEnd(m_store.threadField.write(out));
+    m_text.setEnd(m_store->threadField.write(out));
     if (const Logger& logger = Logger::instance(); logger.hasAsyncThreadNames())
     {
         const std::string name = logger.getAsyncThreadName();
@@ -162,7 +162,7 @@ LogItem::LogItem(LoggerId loggerId, LogLevel level, std::string_view fields, int
     m_text.setEnd(out + 1);
 }
 
-LogItem::~LogItem() { m_store.giveBack(); }
+void LogItem::GiveBack::operator()(LogItemInternal::LineStore* store) const { store->giveBack(); }
 
 std::ostream& LogItem::makeStream() { return m_stream.emplace(*this).stream; }
 
@@ -179,8 +179,8 @@ void LogItem::endLine()
 
 void LogItem::dispatch()
 {
-    m_store.line = m_text.view();
-    Logger::instance().dispatch(m_store.line, m_level, m_loggerId);
+    m_store->line = m_text.view();
+    Logger::instance().dispatch(m_store->line, m_level, m_loggerId);
 }
 
 void logLine(LogLevel level, const MethodText& method, std::string_view message)

@@ -9,21 +9,24 @@
 // is quoted or escaped and nothing is cut. An item belongs to the thread that made it. An item that
 // never ends its line sends nothing.
 //
-// An item accepts what a narrow output stream accepts, and converts to one. Making a std::ostream takes longer than a
-// whole line of texts and integers, so the item makes it when it is needed for the first time: for any other type, for
-// manipulators but std::endl, or for code that takes a stream. Everything goes into the same line, in order.
+// An item accepts what a narrow output stream accepts, and converts to one; stream() has the members of a stream.
+// Making a std::ostream takes longer than a whole line of texts and integers, so the item makes it when it is needed
+// for the first time: for any other type, for manipulators but std::endl, or for code that takes a stream. Everything
+// goes into the same line, in order.
 
 #include "datapath/common/infra/Log.h"
 #include "datapath/common/infra/base/LineText.h"
 #include "datapath/common/infra/base/MethodText.h"
 
 #include <concepts>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <streambuf>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 class LogItem;
 
@@ -64,9 +67,10 @@ template <class T>
 concept Simple = Integer<T> || Text<T>;
 
 template <class T>
-concept Streamed = !Simple<T> && requires(std::ostream & stream, const T& value)
+concept Streamed =
+    !Simple<std::remove_const_t<std::remove_reference_t<T>>> && requires(std::ostream & stream, T&& value)
 {
-    stream << value;
+    stream << std::forward<T>(value);
 };
 
 /// The memory of one line, and what the head of a thread's lines has in common. Each thread keeps one until it ends; an
@@ -89,7 +93,7 @@ public:
 
     LogItem(const LogItem&) = delete;
     LogItem& operator=(const LogItem&) = delete;
-    ~LogItem();
+    ~LogItem() = default;
 
     [[nodiscard]] LogLevel level() const { return m_level; }
     [[nodiscard]] LoggerId loggerId() const { return m_loggerId; }
@@ -97,6 +101,13 @@ public:
     /// A stream that writes into this line. It lives as long as the item.
     [[nodiscard]] std::ostream& stream() { return m_stream ? m_stream->stream : makeStream(); }
     operator std::ostream&() { return stream(); }
+    std::ostream& flush() { return stream().flush(); }
+    std::ostream& put(char character) { return stream().put(character); }
+    std::ostream& write(const char* text, std::streamsize length) { return stream().write(text, length); }
+    std::streamsize width(std::streamsize characters) { return stream().width(characters); }
+    std::streamsize precision(std::streamsize digits) { return stream().precision(digits); }
+    char fill(char character) { return stream().fill(character); }
+    std::ios_base::fmtflags setf(std::ios_base::fmtflags flags) { return stream().setf(flags); }
 
     /// Inserts as the stream would, but faster if the formatting is the default one. Only for operator<<.
     template <class T> void insert(const T& value)
@@ -136,9 +147,10 @@ private:
 
     [[nodiscard]] bool isPlain() const
     {
-        constexpr std::ios_base::fmtflags SPECIAL =
-            std::ios_base::hex | std::ios_base::oct | std::ios_base::showpos | std::ios_base::boolalpha;
-        return !m_stream || (m_stream->stream.width() == 0 && (m_stream->stream.flags() & SPECIAL) == 0);
+        constexpr std::ios_base::fmtflags SPECIAL = std::ios_base::hex | std::ios_base::oct | std::ios_base::showpos |
+                                                    std::ios_base::boolalpha | std::ios_base::unitbuf;
+        return !m_stream ||
+               (m_stream->stream.good() && m_stream->stream.width() == 0 && (m_stream->stream.flags() & SPECIAL) == 0);
     }
 
     static std::string_view asText(const char& character) { return {&character, 1}; }
@@ -153,7 +165,12 @@ private:
         return false;
     }
 
-    LogItemInternal::LineStore& m_store;
+    struct GiveBack
+    {
+        void operator()(LogItemInternal::LineStore* store) const;
+    };
+
+    const std::unique_ptr<LogItemInternal::LineStore, GiveBack> m_store;
     LineText& m_text; // of the store
     std::optional<Stream> m_stream;
     const LogLevel m_level;
@@ -169,9 +186,9 @@ template <AnyLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&&
     return item;
 }
 
-template <AnyLogItem Item, LogItemInternal::Streamed T> LogItem& operator<<(Item&& item, const T& value)
+template <AnyLogItem Item, LogItemInternal::Streamed T> LogItem& operator<<(Item&& item, T&& value)
 {
-    item.stream() << value;
+    item.stream() << std::forward<T>(value);
     return item;
 }
 
@@ -186,5 +203,17 @@ template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ostream& (*mani
     {
         item.stream() << manipulator;
     }
+    return item;
+}
+
+template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ios_base& (*manipulator)(std::ios_base&))
+{
+    item.stream() << manipulator;
+    return item;
+}
+
+template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ios& (*manipulator)(std::ios&))
+{
+    item.stream() << manipulator;
     return item;
 }

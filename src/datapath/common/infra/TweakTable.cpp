@@ -28,7 +28,11 @@ const TweakTable::Entry* TweakTable::find(std::string_view name) const
 void TweakTable::setNumber(std::string_view name, std::int64_t number)
 {
     Entry& entry = entryFor(name);
-    entry.m_number.store(number, std::memory_order_relaxed);
+    if (entry.m_texts)
+    {
+        entry.m_texts->value.clear();
+    }
+    entry.m_number.store(number, std::memory_order_release);
     publish(entry, Kind::Number);
 }
 

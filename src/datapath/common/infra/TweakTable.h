@@ -3,13 +3,12 @@
 // Values by name, for readers that take no lock and write nothing that other threads read. Names compare without regard
 // to ASCII case.
 //
-//     table.set("t_maxFiles", value);                      // one thread at a time
+//     table.setNumber("t_maxFiles", 7);                     // one thread at a time
 //     const auto [kind, number] = table.read("T_MAXFILES"); // any thread, at any time
 //
 // The table is a hash table with open addressing. A place, once taken, keeps its entry, and an entry keeps its address:
 //
-//     m_slots --> | hash, entry | empty | hash, entry | ...         the places, a power of two, at most half of them
-//     taken
+//     m_slots --> | hash, entry | empty | hash, entry | ...         a power of two, half of them empty
 //                         |                     |
 //     m_entries   | name, kind, number, text | name, kind, number, text | ...
 //
@@ -61,8 +60,15 @@ public:
         [[nodiscard]] std::string_view text() const { return m_texts ? m_texts->value : std::string_view(); }
         [[nodiscard]] Reading read() const
         {
-            const Kind kind = m_kind.load(std::memory_order_acquire);
-            return {kind, m_number.load(std::memory_order_relaxed)};
+            while (true)
+            {
+                const Kind kind = m_kind.load(std::memory_order_acquire);
+                const std::int64_t number = m_number.load(std::memory_order_acquire);
+                if (m_kind.load(std::memory_order_relaxed) == kind) // else the number may not be that of the kind
+                {
+                    return {kind, number};
+                }
+            }
         }
 
     private:

@@ -12,11 +12,9 @@
 // threads at once.
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <concepts>
 #include <cstddef>
-#include <cstring>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -31,8 +29,7 @@ public:
     void append(std::string_view text)
     {
         char* const place = reserve(text.size());
-        std::memcpy(place, text.data(), text.size());
-        setEnd(place + text.size());
+        setEnd(place + text.copy(place, text.size()));
     }
 
     /// In decimal.
