@@ -126,7 +126,10 @@ std::deque<TweakLine> Tweaks::getTweaksFromStream(std::istream& text, TweakFileK
         const auto [name, valueText] = splitAt(content, '=');
         if (valueText)
         {
-            parsed.push_back({std::string(name), std::string(*valueText), std::string(comment.value_or(""))});
+            TweakLine& parsedLine = parsed.emplace_back();
+            parsedLine.name = name;
+            parsedLine.valueText = *valueText;
+            parsedLine.comment = comment.value_or("");
         }
         else if (kind == TweakFileKind::Consistent)
         {

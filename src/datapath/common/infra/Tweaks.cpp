@@ -141,10 +141,8 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
         {
             replaced = Tweak(*found).toString();
         }
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Updating tweak: "
-                                                            << " name=" << name << " "
-                                                            << " val=" << valueText << " "
-                                                            << " ret=" << replaced << " " << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+            << "Updating tweak:  name=" << name << "  val=" << valueText << "  ret=" << replaced << " " << std::endl;
         if (valueText.empty())
         {
             m_tweaks.change([&](auto& tweaks) { tweaks.remove(name); });
@@ -166,9 +164,8 @@ bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& v
         {
             return false;
         }
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "default tweak added:  name=" << name << " "
-                                                            << " val=" << valueText << " "
-                                                            << " ret= " << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+            << "default tweak added:  name=" << name << "  val=" << valueText << "  ret= " << std::endl;
         set(name, Tweak(valueText, name, m_fileName));
     }
     notifyDynamicTweaks();
