@@ -89,7 +89,7 @@ TEST_F(FileLogger, TweaksChooseItsLimits)
 TEST_F(FileLogger, LinesOfManyThreadsAreAllWrittenInEachThreadsOrderWhileOtherClientsComeAndGo)
 {
     constexpr int THREADS = 8;
-    constexpr int LINES = 60'000;
+    constexpr int LINES = 45'000;
     // The threads first race for the first use of the Logger; the client comes when that is over.
     runInThreads(THREADS, [](int) { Logger::instance().setThreadName("racer"); });
     std::atomic<int> logging = THREADS;
