@@ -42,6 +42,7 @@ struct ThreadCalls
     Call<void(ThreadHandle thread)> closeThread;
     Call<std::uint64_t()> currentThreadCycles;
     Call<void(std::uint32_t durationMs)> sleepMs;
+    Call<bool()> fenceAllThreads;
 };
 
 extern ThreadCalls threadCalls;
@@ -82,5 +83,11 @@ using OwnedThread = UniqueHandle<ThreadHandle, closeThread>;
 
 /// Sleep; nanosleep. Not shortened by signals.
 inline void sleepMs(std::uint32_t durationMs) { threadCalls.sleepMs(durationMs); }
+
+/// membarrier. The rare side of an asymmetric fence: when it returns, every thread of this process has passed a full
+/// memory fence since the call, so that the frequent side needs a fence for the compiler only. It takes some
+/// microseconds. Returns false, and does nothing, where the system has no such call; whether it has one does not change
+/// while the process runs. Always false on Windows, because FlushProcessWriteBuffers does nothing under Wine.
+[[nodiscard]] inline bool fenceAllThreads() { return threadCalls.fenceAllThreads(); }
 
 } // namespace platform

@@ -9,4 +9,5 @@ constinit platform::ThreadCalls platform::threadCalls = {
     .closeThread = {"closeThread", posix::closeThread},
     .currentThreadCycles = {"currentThreadCycles", posix::currentThreadCycles},
     .sleepMs = {"sleepMs", posix::sleepMs},
+    .fenceAllThreads = {"fenceAllThreads", posix::fenceAllThreads},
 };

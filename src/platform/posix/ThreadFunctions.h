@@ -15,5 +15,6 @@ std::optional<std::uint64_t> threadUserTime(ThreadHandle thread);
 void closeThread(ThreadHandle thread);
 std::uint64_t currentThreadCycles();
 void sleepMs(std::uint32_t durationMs);
+bool fenceAllThreads();
 
 } // namespace platform::posix

@@ -9,12 +9,14 @@
 #include <charconv>
 #include <ctime>
 #include <fcntl.h>
+#include <linux/membarrier.h>
 #include <memory>
 #include <pthread.h>
 #include <sched.h>
 #include <string>
 #include <string_view>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace platform::posix
@@ -140,6 +142,13 @@ void sleepMs(std::uint32_t durationMs)
     while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR)
     {
     }
+}
+
+bool fenceAllThreads()
+{
+    constexpr auto MEMBARRIER = [](membarrier_cmd command) { return syscall(SYS_membarrier, command, 0, 0) == 0; };
+    static const bool isAvailable = MEMBARRIER(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED);
+    return isAvailable && MEMBARRIER(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
 }
 
 } // namespace platform::posix

@@ -62,4 +62,5 @@ constinit platform::ThreadCalls platform::threadCalls = {
     .closeThread = {"closeThread", posix::closeThread},
     .currentThreadCycles = {"currentThreadCycles", posix::currentThreadCycles},
     .sleepMs = {"sleepMs", simulated::sleepMs},
+    .fenceAllThreads = {"fenceAllThreads", posix::fenceAllThreads},
 };

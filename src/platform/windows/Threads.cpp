@@ -84,6 +84,8 @@ std::uint64_t currentThreadCycles()
 
 void sleepMs(std::uint32_t durationMs) { Sleep(durationMs); }
 
+bool fenceAllThreads() { return false; }
+
 } // namespace
 
 } // namespace platform::windows
@@ -97,4 +99,5 @@ constinit platform::ThreadCalls platform::threadCalls = {
     .closeThread = {"closeThread", windows::closeThread},
     .currentThreadCycles = {"currentThreadCycles", windows::currentThreadCycles},
     .sleepMs = {"sleepMs", windows::sleepMs},
+    .fenceAllThreads = {"fenceAllThreads", windows::fenceAllThreads},
 };

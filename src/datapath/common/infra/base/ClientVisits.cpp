@@ -5,6 +5,7 @@
 void ClientVisits::waitUntilLeft(std::size_t place)
 {
     const Slot* const own = &slotOfThisThread();
+    static_cast<void>(platform::fenceAllThreads()); // where it is false, visitors have fences of their own
     for (const Slot* slot = s_slots.load(); slot != nullptr; slot = slot->next)
     {
         while (slot != own && slot->visits[place].load() != 0)
@@ -17,6 +18,10 @@ void ClientVisits::waitUntilLeft(std::size_t place)
 ClientVisits::Slot& ClientVisits::claimSlot()
 {
     Slot& slot = unownedSlot();
+    if (!s_areVisitsFenced.load(std::memory_order_relaxed) && platform::fenceAllThreads())
+    {
+        s_areVisitsFenced = true;
+    }
     OwnSlot::set(&slot);
     return slot;
 }
