@@ -2,7 +2,7 @@
 
 // The clocks of the system, and the CPU time of this process.
 //
-//     const UtcTime now = utcNow();
+//     const std::int64_t nowMs = utcNow();
 //
 // Every function may be called from any thread.
 
@@ -16,20 +16,6 @@ namespace platform
 
 constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 
-/// A moment in UTC, with the fields of GetSystemTime.
-struct UtcTime
-{
-    std::int32_t year;
-    std::int32_t month; ///< 1 to 12
-    std::int32_t day;   ///< 1 to 31
-    std::int32_t hour;
-    std::int32_t minute;
-    std::int32_t second;
-    std::int32_t millisecond;
-
-    bool operator==(const UtcTime&) const = default;
-};
-
 /// The CPU time of a process in 100-ns units.
 struct CpuTime
 {
@@ -39,7 +25,7 @@ struct CpuTime
 
 struct TimeCalls
 {
-    Call<UtcTime()> utcNow;
+    Call<std::int64_t()> utcNow;
     Call<bool(std::int64_t& ticks)> performanceCounter;
     Call<bool(std::int64_t& ticksPerSecond)> performanceFrequency;
     Call<std::uint64_t()> tickCountMs;
@@ -49,8 +35,9 @@ struct TimeCalls
 
 extern TimeCalls timeCalls;
 
-/// GetSystemTime; clock_gettime(CLOCK_REALTIME).
-[[nodiscard]] inline UtcTime utcNow() { return timeCalls.utcNow(); }
+/// GetSystemTimeAsFileTime; clock_gettime(CLOCK_REALTIME). The calendar time in whole milliseconds since the beginning of
+/// 1970, UTC, without leap seconds.
+[[nodiscard]] inline std::int64_t utcNow() { return timeCalls.utcNow(); }
 
 /// QueryPerformanceCounter; clock_gettime(CLOCK_MONOTONIC) in ns. Returns false on failure and leaves ticks unchanged.
 [[nodiscard]] inline bool performanceCounter(std::int64_t& ticks) { return timeCalls.performanceCounter(ticks); }

@@ -15,38 +15,14 @@ std::uint64_t toTicks(const timeval& time)
     return static_cast<std::uint64_t>(time.tv_sec) * 10'000'000 + static_cast<std::uint64_t>(time.tv_usec) * 10;
 }
 
-UtcTime onCalendar(std::chrono::sys_time<std::chrono::milliseconds> moment)
-{
-    using namespace std::chrono;
-    const auto day = floor<days>(moment);
-    const year_month_day date(day);
-    const hh_mm_ss time(moment - day);
-    return {.year = static_cast<int>(date.year()),
-            .month = static_cast<int>(static_cast<unsigned>(date.month())),
-            .day = static_cast<int>(static_cast<unsigned>(date.day())),
-            .hour = static_cast<int>(time.hours().count()),
-            .minute = static_cast<int>(time.minutes().count()),
-            .second = static_cast<int>(time.seconds().count()),
-            .millisecond = static_cast<int>(time.subseconds().count())};
-}
-
 } // namespace
 
-UtcTime utcAt(std::chrono::system_clock::time_point moment)
+std::int64_t utcNow()
 {
-    using namespace std::chrono;
-    // Every log line asks, and many ask within one millisecond.
-    static constinit thread_local sys_time<milliseconds> lastMoment{};
-    static constinit thread_local UtcTime last{1970, 1, 1, 0, 0, 0, 0};
-    if (const auto now = floor<milliseconds>(moment); now != lastMoment)
-    {
-        last = onCalendar(now);
-        lastMoment = now;
-    }
-    return last;
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
-
-UtcTime utcNow() { return utcAt(std::chrono::system_clock::now()); }
 
 bool performanceCounter(std::int64_t& ticks)
 {

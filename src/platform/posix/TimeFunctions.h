@@ -4,14 +4,10 @@
 
 #include "platform/Time.h"
 
-#include <chrono>
-
 namespace platform::posix
 {
 
-UtcTime utcNow();
-/// The calendar fields of a given moment.
-UtcTime utcAt(std::chrono::system_clock::time_point moment);
+std::int64_t utcNow();
 bool performanceCounter(std::int64_t& ticks);
 bool performanceFrequency(std::int64_t& ticksPerSecond);
 std::uint64_t tickCountMs();

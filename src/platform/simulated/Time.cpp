@@ -9,11 +9,7 @@ namespace platform::simulated
 namespace
 {
 
-UtcTime utcNow()
-{
-    using namespace std::chrono;
-    return posix::utcAt(system_clock::time_point(nanoseconds(Scheduler::instance().readUtc())));
-}
+std::int64_t utcNow() { return Scheduler::instance().readUtc() / 1'000'000; }
 
 /// Virtual time in ns.
 bool performanceCounter(std::int64_t& ticks)

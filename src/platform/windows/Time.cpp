@@ -8,17 +8,13 @@ namespace platform::windows
 namespace
 {
 
-UtcTime utcNow()
+std::int64_t utcNow()
 {
-    SYSTEMTIME now = {};
-    GetSystemTime(&now);
-    return {.year = now.wYear,
-            .month = now.wMonth,
-            .day = now.wDay,
-            .hour = now.wHour,
-            .minute = now.wMinute,
-            .second = now.wSecond,
-            .millisecond = now.wMilliseconds};
+    constexpr std::uint64_t TICKS_PER_MS = 10'000;
+    constexpr std::int64_t FROM_1601_TO_1970_MS = 11'644'473'600'000;
+    FILETIME now = {};
+    GetSystemTimeAsFileTime(&now);
+    return static_cast<std::int64_t>(toTicks(now) / TICKS_PER_MS) - FROM_1601_TO_1970_MS;
 }
 
 bool performanceCounter(std::int64_t& ticks)

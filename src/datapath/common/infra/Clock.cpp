@@ -22,7 +22,7 @@ constexpr SourcePlace placeHere(std::uint32_t line = __builtin_LINE()) { return 
 Clock& Clock::instance()
 {
     static constinit platform::Atomic<Clock*> published = nullptr;
-    return createOnce(published, creationLock<Clock>(), [] {
+    return createOnce(published, creationLock<Clock>, [] {
         makeWindowsTimer();
         return new Clock;
     });
@@ -124,14 +124,7 @@ std::uint64_t Clock::steadyNs()
     return static_cast<std::uint64_t>(ns);
 }
 
-std::int64_t Clock::utcMs()
-{
-    using namespace std::chrono;
-    const platform::UtcTime now = platform::utcNow();
-    const sys_days day = year(now.year) / now.month / now.day;
-    const auto time = day + hours(now.hour) + minutes(now.minute) + seconds(now.second);
-    return duration_cast<milliseconds>(time.time_since_epoch()).count() + now.millisecond;
-}
+std::int64_t Clock::utcMs() { return platform::utcNow(); }
 
 std::int64_t Clock::relativeMs() { return timestampMs() - m_relativeBaseMs.load(std::memory_order_relaxed); }
 

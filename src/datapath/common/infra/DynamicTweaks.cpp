@@ -12,7 +12,7 @@ constinit platform::Atomic<DynamicTweaks*> theDynamicTweaks = nullptr;
 
 DynamicTweaks& DynamicTweaks::instance()
 {
-    return createOnce(theDynamicTweaks, creationLock<DynamicTweaks>(), [] { return new DynamicTweaks; });
+    return createOnce(theDynamicTweaks, creationLock<DynamicTweaks>, [] { return new DynamicTweaks; });
 }
 
 void refreshDynamicTweaks() { DynamicTweaks::instance().refresh(); }

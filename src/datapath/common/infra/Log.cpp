@@ -23,7 +23,7 @@ constinit platform::Atomic<Logger*> theLogger = nullptr;
 
 Logger& Logger::instance()
 {
-    return createOnce(theLogger, creationLock<Logger>(), [] { return new Logger; });
+    return createOnce(theLogger, creationLock<Logger>, [] { return new Logger; });
 }
 
 void Logger::registerClient(LoggerClient* client, std::uint32_t levelMask)

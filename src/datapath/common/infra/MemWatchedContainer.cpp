@@ -15,7 +15,7 @@ constinit platform::Atomic<MemWatchedContainerDatabase*> theDatabase = nullptr;
 
 MemWatchedContainerDatabase& MemWatchedContainerDatabase::instance()
 {
-    return createOnce(theDatabase, creationLock<MemWatchedContainerDatabase>(),
+    return createOnce(theDatabase, creationLock<MemWatchedContainerDatabase>,
                       [] { return new MemWatchedContainerDatabase; });
 }
 

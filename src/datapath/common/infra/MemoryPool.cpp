@@ -88,7 +88,7 @@ MemoryPoolImpl::~MemoryPoolImpl()
 
 MemoryPoolImpl& MemoryPoolImpl::instance()
 {
-    return createOnce(thePool, creationLock<MemoryPoolImpl>(), [] { return new MemoryPoolImpl; });
+    return createOnce(thePool, creationLock<MemoryPoolImpl>, [] { return new MemoryPoolImpl; });
 }
 
 void MemoryPoolImpl::freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex)

@@ -116,7 +116,7 @@ std::string Tweaks::Tweak::toString() const { return m_isInt ? std::to_string(m_
 
 Tweaks& Tweaks::instance()
 {
-    return createOnce(theTweaks, creationLock<Tweaks>(), [] { return new Tweaks; });
+    return createOnce(theTweaks, creationLock<Tweaks>, [] { return new Tweaks; });
 }
 
 Tweaks::Tweaks()

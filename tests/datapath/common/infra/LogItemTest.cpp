@@ -15,7 +15,7 @@
 namespace
 {
 
-platform::UtcTime now{.year = 2024, .month = 3, .day = 5, .hour = 7, .minute = 8, .second = 9, .millisecond = 987};
+std::int64_t nowMs = 1'709'622'489'987; // 2024-03-05 07:08:09.987
 
 std::string formatted(int fractionDigits)
 {
@@ -27,22 +27,21 @@ std::string formatted(int fractionDigits)
 
 TEST(UtcTimestamp, CutsTheFractionToTheDigitsAskedForAndYearsAreAtLeastFourWide)
 {
-    const ScopedReplacement clock(platform::timeCalls.utcNow, [] { return now; });
+    const ScopedReplacement clock(platform::timeCalls.utcNow, [] { return nowMs; });
     EXPECT_EQ("2024-03-05 07:08:09", formatted(0));
     EXPECT_EQ("2024-03-05 07:08:09.9", formatted(1));
     EXPECT_EQ("2024-03-05 07:08:09.98", formatted(2));
     EXPECT_EQ("2024-03-05 07:08:09.987", formatted(3));
-    now.year = 987;
-    now.millisecond = 4;
+    nowMs = -31'014'982'310'996;
     EXPECT_EQ("0987-03-05 07:08:09.004", formatted(3));
-    now.year = 12345;
+    nowMs = 327'408'851'289'004;
     EXPECT_EQ("12345-03-05 07:08:09.00", formatted(2));
 }
 
 TEST(LogItem, WritesTheHeadThenTheMessageUnchanged)
 {
     const CapturingClient client;
-    const ScopedReplacement clock(platform::timeCalls.utcNow, [] { return now; });
+    const ScopedReplacement clock(platform::timeCalls.utcNow, [] { return nowMs; });
     const ScopedReplacement thread(
         platform::threadCalls.currentThreadId, +[] { return 0xFFFFFFFEU; });
     LogItem(LoggerId::NON, LogLevel::Info, "wWinMain") << "Invoked." << std::endl;

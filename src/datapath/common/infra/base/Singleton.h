@@ -18,22 +18,26 @@ template <class Tag> Mutex& creationLock()
     return lock;
 }
 
-/// Returns the published object, which make() makes under the lock if there is none yet. Every thread that gets the
-/// object sees what make() did.
-template <class T, class Make> T& createOnce(platform::Atomic<T*>& published, Mutex& lock, Make make)
+template <class T, class Make>
+[[gnu::noinline]] T& createUnderLock(platform::Atomic<T*>& published, Mutex& lock, const Make& make)
 {
-    T* object = published.load(std::memory_order_acquire);
+    const MutexGuard guard(lock);
+    T* object = published.load(std::memory_order_relaxed);
     if (object == nullptr)
     {
-        const MutexGuard guard(lock);
-        object = published.load(std::memory_order_relaxed);
-        if (object == nullptr)
-        {
-            object = make();
-            published.store(object, std::memory_order_release);
-        }
+        object = make();
+        published.store(object, std::memory_order_release);
     }
     return *object;
+}
+
+/// Returns the published object, which make() makes under the lock if there is none yet. Every thread that gets the
+/// object sees what make() did.
+template <class T, class Make>
+T& createOnce(platform::Atomic<T*>& published, Mutex& (*creationLock)(), const Make& make)
+{
+    T* const object = published.load(std::memory_order_acquire);
+    return object != nullptr ? *object : createUnderLock(published, creationLock(), make);
 }
 
 /// The only Implementation of the process, as an Interface. Any thread may call.
@@ -43,6 +47,6 @@ public:
     [[nodiscard]] static Interface& instance()
     {
         static constinit platform::Atomic<Interface*> published = nullptr;
-        return createOnce(published, creationLock<Singleton>(), []() -> Interface* { return new Implementation; });
+        return createOnce(published, creationLock<Singleton>, []() -> Interface* { return new Implementation; });
     }
 };

@@ -2,11 +2,10 @@
 
 // The UTC time as text, as log lines begin with it: "2024-03-05 07:08:09.042".
 
-#include "platform/Time.h"
-
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <ostream>
 #include <string>
@@ -38,6 +37,8 @@ public:
 private:
     static constexpr int MILLISECOND_DIGITS = 3;
 
+    void format();
+
     [[nodiscard]] std::size_t length(int fractionDigits) const
     {
         const int digits = std::clamp(fractionDigits, 0, MILLISECOND_DIGITS);
@@ -45,7 +46,7 @@ private:
         return m_length - static_cast<std::size_t>(cut);
     }
 
-    platform::UtcTime m_time{};
+    std::int64_t m_timeMs = 0; // since the beginning of 1970
     std::array<char, ROOM> m_text{};
     std::size_t m_length = 0;
 };

@@ -13,7 +13,7 @@
 MemWatcher& MemWatcher::instance()
 {
     static constinit platform::Atomic<MemWatcher*> published = nullptr;
-    return createOnce(published, creationLock<MemWatcher>(), [] { return new MemWatcher; });
+    return createOnce(published, creationLock<MemWatcher>, [] { return new MemWatcher; });
 }
 
 void MemWatcher::AddThread(std::uint32_t threadId)

@@ -35,8 +35,8 @@ struct CpuUsage : LogTest
         platform::counterCalls.readCpuCounter,
         [](platform::CpuCounter, platform::CpuTicks& read) { return read = ticks, status; }};
     const ScopedReplacement clock{platform::timeCalls.utcNow, [] {
-                                      static std::atomic<std::int32_t> seconds = 0;
-                                      return platform::UtcTime{2024, 1, 1, 0, 0, seconds++, 0};
+                                      static std::atomic<std::int64_t> ms = 1'704'067'200'000;
+                                      return ms.fetch_add(1'000);
                                   }};
     const ScopedReplacement random{platform::randomCalls.nextRandom, [] { return draw; }};
     const ScopedReplacement counter{platform::timeCalls.performanceCounter,

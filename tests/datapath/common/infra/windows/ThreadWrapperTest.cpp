@@ -49,7 +49,7 @@ TEST(ThreadWrapper, ThreadsAreNamedNumberedAndLoggedFromStartToEnd)
 {
     // Never destroyed, because the library's own threads use it to the end; volatile, so that leak checkers see it.
     [[maybe_unused]] static ScopedReplacement* volatile utc =
-        new ScopedReplacement(platform::timeCalls.utcNow, [] { return platform::UtcTime{2024, 3, 5, 7, 8, 9, 0}; });
+        new ScopedReplacement(platform::timeCalls.utcNow, [] { return std::int64_t{1'709'622'489'000}; });
     waitForOwnThreads(); // numbers 1 and 2
     const CapturingClient client;
     Semaphore mayPass(0);
