@@ -34,13 +34,13 @@ namespace
 using namespace std::chrono_literals;
 
 constexpr int ACTIONS = 1'000'000;
-constexpr int WAKES = 600;
+constexpr int WAKES = 1'500;
 constexpr int ROUNDS = 20'000;
 constexpr int SINGLES = 300'000;
-constexpr int SLEEPS = 1'000;
+constexpr std::size_t SLEEPS = 2'000;
 // Sleeps that are not counted: after a busy phase an idle processor halts at once for a while, which delays wake-ups.
 constexpr std::size_t WARM_UP = 300;
-constexpr auto UNTIL_ASLEEP = 3ms; // after this time idle workers sleep
+constexpr auto UNTIL_ASLEEP = 1ms; // after this time idle workers sleep
 
 std::binary_semaphore turn{0}; // used by one measurement at a time
 std::atomic<int> sink = 0;     // keeps the compiler from removing the reads of futures
@@ -229,10 +229,12 @@ void measureWakeUps(int workers)
     awaitWorkers(asio, workers);
     std::vector<double> oursTimes;
     std::vector<double> asioTimes;
-    for (int i = 0; i < WAKES; ++i)
+    for (int i = 0; i < WAKES / 2; ++i) // each comes after itself and after the other one
     {
         oursTimes.push_back(wakeUp(ours));
         asioTimes.push_back(wakeUp(asio));
+        asioTimes.push_back(wakeUp(asio));
+        oursTimes.push_back(wakeUp(ours));
     }
     const std::string name = "wake/" + std::to_string(workers) + "w/";
     recordSamples(name + "ours", std::move(oursTimes));
@@ -292,29 +294,56 @@ template <class Future> void measureSingle(const std::string& name)
     results["future/single/" + name].push_back(nsBetween(begin, SteadyClock::now()) / SINGLES);
 }
 
-/// Measures the time from just before set to the return of get on a thread that has fallen asleep in it.
-template <class Future> void measureAsleep(const std::string& name)
+/// A thread that falls asleep in get again and again.
+template <class Future> class Sleeper
 {
-    std::vector<Future> futures(SLEEPS);
-    std::vector<SteadyClock::time_point> begins(SLEEPS);
-    std::vector<double> times(SLEEPS);
-    std::thread waiter([&] {
+public:
+    /// Measures the time from just before set to the return of get.
+    void wake(std::size_t i)
+    {
+        m_turn.acquire();
+        std::this_thread::sleep_for(200us);
+        m_begins[i] = SteadyClock::now();
+        m_futures[i].set();
+    }
+
+    [[nodiscard]] std::vector<double> times()
+    {
+        m_thread.join();
+        return std::move(m_times);
+    }
+
+private:
+    void sleepAgainAndAgain()
+    {
         for (std::size_t i = 0; i < SLEEPS; ++i)
         {
-            turn.release();
-            sink += futures[i].get();
-            times[i] = nsBetween(begins[i], SteadyClock::now());
+            m_turn.release();
+            sink += m_futures[i].get();
+            m_times[i] = nsBetween(m_begins[i], SteadyClock::now());
         }
-    });
-    for (std::size_t i = 0; i < SLEEPS; ++i)
-    {
-        turn.acquire();
-        std::this_thread::sleep_for(200us);
-        begins[i] = SteadyClock::now();
-        futures[i].set();
     }
-    waiter.join();
-    recordSamples("future/asleep/" + name, std::move(times));
+
+    std::binary_semaphore m_turn{0};
+    std::vector<Future> m_futures = std::vector<Future>(SLEEPS);
+    std::vector<SteadyClock::time_point> m_begins = std::vector<SteadyClock::time_point>(SLEEPS);
+    std::vector<double> m_times = std::vector<double>(SLEEPS);
+    std::thread m_thread{[this] { sleepAgainAndAgain(); }};
+};
+
+void measureAsleep()
+{
+    Sleeper<OurFuture> ours;
+    Sleeper<StdFuture> theirs;
+    for (std::size_t i = 0; i < SLEEPS; i += 2) // each comes after itself and after the other one
+    {
+        ours.wake(i);
+        theirs.wake(i);
+        theirs.wake(i + 1);
+        ours.wake(i + 1);
+    }
+    recordSamples("future/asleep/ours", ours.times());
+    recordSamples("future/asleep/std", theirs.times());
 }
 
 } // namespace
@@ -339,8 +368,7 @@ int main()
         measureHandover<StdFuture>("std");
         measureSingle<OurFuture>("ours");
         measureSingle<StdFuture>("std");
-        measureAsleep<OurFuture>("ours");
-        measureAsleep<StdFuture>("std");
+        measureAsleep();
     }
     printMedians();
 }

@@ -35,8 +35,8 @@ struct TimeCalls
 
 extern TimeCalls timeCalls;
 
-/// GetSystemTimeAsFileTime; clock_gettime(CLOCK_REALTIME). The calendar time in whole milliseconds since the beginning of
-/// 1970, UTC, without leap seconds.
+/// GetSystemTimeAsFileTime; clock_gettime(CLOCK_REALTIME). The calendar time in whole milliseconds since the beginning
+/// of 1970, UTC, without leap seconds.
 [[nodiscard]] inline std::int64_t utcNow() { return timeCalls.utcNow(); }
 
 /// QueryPerformanceCounter; clock_gettime(CLOCK_MONOTONIC) in ns. Returns false on failure and leaves ticks unchanged.

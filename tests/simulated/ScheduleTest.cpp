@@ -201,10 +201,11 @@ TEST(CreateOnce, ThreeThreadsGetOneObject)
     exploreBothWays([] {
         platform::Atomic<int*> published = nullptr;
         Mutex lock;
+        const auto getLock = [&]() -> Mutex& { return lock; };
         platform::Atomic<int> numMade = 0;
         int object = 0;
         const auto get = [&] {
-            const int& got = createOnce(published, lock, [&] {
+            const int& got = createOnce(published, getLock, [&] {
                 ++numMade;
                 object = 7;
                 return &object;

@@ -30,6 +30,8 @@
 #include "datapath/common/infra/windows/ThreadWrapper.h"
 #include "platform/Atomic.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -62,9 +64,6 @@ public:
 
     private:
         friend ActiveObject;
-        friend ActiveObjectInternal::ActionArrivals<Action>;
-
-        Action* m_next = nullptr; // the next one among the arrivals
     };
 
     /// The flag, which must outlive the object, turns on its verbose lines; objects of one kind share a flag. A null
@@ -86,8 +85,8 @@ public:
 
     /// The object owns the action from now on. It destroys the action after its execution, or at shutdown, when the
     /// last worker has left. An action that is enqueued after that is neither executed nor destroyed nor written to and
-    /// stays the caller's. The object may be destroyed as soon as a worker has executed the action, even before this
-    /// returns.
+    /// stays the caller's; std::bad_alloc leaves it to the caller, too. The object may be destroyed as soon as a worker
+    /// has executed the action, even before this returns.
     [[gnu::hot]] void enqueue(Action* action) EXCLUDES(m_mutex);
 
     /// Waits until each worker has finished the action that it executes and has left. Then logs and destroys the
@@ -102,6 +101,8 @@ protected:
     [[gnu::hot]] void run() override EXCLUDES(m_mutex);
 
 private:
+    static constexpr std::size_t CACHE_LINE = 64; // bytes
+
     using Queue = PriorityQueue<Action*>;
     using QueuedAction = Queue::Taken; // a null item stands for no action; returned in two registers
 
@@ -130,23 +131,23 @@ private:
     [[nodiscard]] std::vector<Action*> drain() EXCLUDES(m_mutex, m_arrivalsMutex);
     void logRemaining() const REQUIRES(m_mutex);
 
-    // The members that producers use lie in as few cache lines as possible, because after a pause each of these has to
-    // be fetched. A worker writes to them only when m_pq is empty and when it wakes another worker.
-    Mutex m_arrivalsMutex; // taken inside m_mutex; guards the next two, whose headers state what needs no lock
+    // What producers write with each action, what changes only when a worker falls asleep or wakes, and what workers
+    // write with each action lie in different cache lines, so that producers and workers seldom wait for each other.
+    Mutex m_arrivalsMutex; // taken inside m_mutex; guards the arrivals and the idle workers, which state exceptions
     ActiveObjectInternal::ActionArrivals<Action> m_arrivals;
-    ActiveObjectInternal::IdleWorkers m_idleWorkers;
     platform::Atomic<bool> m_isMonitored = false;
-    platform::Atomic<bool> m_enabled = true; // false from shutdown on; written under both locks
+    const std::array<char, CACHE_LINE> m_afterProducers{};
 
-    // Rarely used members, which keep those of the producers and those of the workers in different cache lines.
+    ActiveObjectInternal::IdleWorkers m_idleWorkers;
+    platform::Atomic<bool> m_enabled = true; // false from shutdown on; written under both locks
     const platform::Atomic<bool>* const m_forceVerbose;
     const std::string m_name;
     std::uint32_t m_numLeft = 0; // workers that terminateAllThreads has seen leave
     Semaphore m_left{0};         // each worker signals it as the last thing that it does with the object
 
-    Mutex m_mutex;                                       // the workers' lock; free while an action runs or is destroyed
-    Queue m_pq;                                          // guarded by m_mutex, except itemCount
-    Action* m_nextArrival GUARDED_BY(m_mutex) = nullptr; // the oldest of those between m_arrivals and m_pq
+    Mutex m_mutex; // the workers' lock; free while an action runs or is destroyed
+    Queue m_pq;    // guarded by m_mutex, except itemCount
+    ActiveObjectInternal::FetchedActions<Action> m_fetched GUARDED_BY(m_mutex); // between m_arrivals and m_pq
     GuardedPtr<RateMonitor> m_rateMonitor GUARDED_BY(m_mutex);
     std::uint32_t m_numStarted GUARDED_BY(m_mutex) = 0; // workers that have entered run
 };

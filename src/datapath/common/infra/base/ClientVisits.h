@@ -16,9 +16,9 @@
 //     4. lowers its count
 //
 // On both sides a full memory fence lies between steps 1 and 2, so either the visitor finds that the client is gone, or
-// the remover finds the visitor's count. A visitor's own fence would be a tenth of the time that a log line takes. Where
-// the system has fenceAllThreads, the remover, which is rare, runs it between its steps for all visitors, and theirs is
-// one for the compiler only.
+// the remover finds the visitor's count. A visitor's own fence would be a tenth of the time that a log line takes.
+// Where the system has fenceAllThreads, the remover, which is rare, runs it between its steps for all visitors, and
+// theirs is one for the compiler only.
 
 #include "platform/Atomic.h"
 #include "platform/ThreadValue.h"
@@ -94,6 +94,6 @@ private:
     [[gnu::noinline]] static Slot& claimSlot();
     [[nodiscard]] static Slot& unownedSlot();
 
-    static constinit inline platform::Atomic<Slot*> s_slots = nullptr; // the first of all slots
+    static constinit inline platform::Atomic<Slot*> s_slots = nullptr;        // the first of all slots
     static constinit inline platform::Atomic<bool> s_areVisitsFenced = false; // by the remover; never false again
 };

@@ -31,13 +31,13 @@ template <class T, class Make>
     return *object;
 }
 
-/// Returns the published object, which make() makes under the lock if there is none yet. Every thread that gets the
-/// object sees what make() did.
-template <class T, class Make>
-T& createOnce(platform::Atomic<T*>& published, Mutex& (*creationLock)(), const Make& make)
+/// Returns the published object, which make() makes under the lock that getLock() returns if there is none yet. Every
+/// thread that gets the object sees what make() did.
+template <class T, class GetLock, class Make>
+T& createOnce(platform::Atomic<T*>& published, const GetLock& getLock, const Make& make)
 {
     T* const object = published.load(std::memory_order_acquire);
-    return object != nullptr ? *object : createUnderLock(published, creationLock(), make);
+    return object != nullptr ? *object : createUnderLock(published, getLock(), make);
 }
 
 /// The only Implementation of the process, as an Interface. Any thread may call.

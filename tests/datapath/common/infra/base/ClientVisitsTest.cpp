@@ -25,7 +25,8 @@ TEST(ClientVisits, NobodyIsInsideAClientThatHasBeenRemoved)
     constexpr int ROUNDS = 20'000;
     constexpr int DELAYS = 512;
     constexpr std::size_t CACHE_LINE = 64;
-    const ScopedReplacement lookingAgainAtOnce(platform::threadCalls.sleepMs, +[](std::uint32_t) {});
+    const ScopedReplacement lookingAgainAtOnce(
+        platform::threadCalls.sleepMs, +[](std::uint32_t) {});
     alignas(CACHE_LINE) platform::Atomic<bool> isThere = false;
     alignas(CACHE_LINE) platform::Atomic<bool> isDestroyed = false;
     alignas(CACHE_LINE) platform::Atomic<int> arrived = 0;
