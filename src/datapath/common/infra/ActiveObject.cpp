@@ -96,11 +96,12 @@ void ActiveObject::run()
         DlcKeepalive keepalive("");
         keepalive.disarm();
         onThreadStart(threadIndex);
-        for (QueuedAction next = waitForAction(); next.item != nullptr; next = waitForAction())
+        HeapBatch released;
+        for (QueuedAction next = waitForAction(released); next.item != nullptr; next = waitForAction(released))
         {
             void* const memory = wholeOf(next.item);
             execute(next, threadIndex, keepalive);
-            release(next.item, memory);
+            release(next.item, memory, released);
         }
     }
     m_left.signal();
@@ -119,13 +120,13 @@ void ActiveObject::execute(const QueuedAction& queued, std::uint32_t threadIndex
     keepalive.disarm();
 }
 
-void ActiveObject::release(Action* action, void* memory)
+void ActiveObject::release(Action* action, void* memory, HeapBatch& batch)
 {
-    GuardedMemory::destroy(action, memory, SourcePlace::here());
+    GuardedMemory::destroy(action, memory, SourcePlace::here(), batch);
 }
 
-/// Returns the next action, or none when the worker is to leave.
-ActiveObject::QueuedAction ActiveObject::waitForAction()
+/// Returns the next action, or none when the worker is to leave. Gives released memory back before it waits.
+ActiveObject::QueuedAction ActiveObject::waitForAction(HeapBatch& released)
 {
     while (m_enabled.load(std::memory_order_relaxed))
     {
@@ -134,6 +135,7 @@ ActiveObject::QueuedAction ActiveObject::waitForAction()
             wakeHelp();
             return next;
         }
+        released.giveBack();
         waitUntilNeeded();
     }
     return {};
@@ -306,9 +308,10 @@ void ActiveObject::terminateAllThreads()
     }
     if (isFirst)
     {
+        HeapBatch released;
         for (Action* const action : drain())
         {
-            release(action, wholeOf(action));
+            release(action, wholeOf(action), released);
         }
     }
 }

@@ -22,6 +22,7 @@
 #include "datapath/common/infra/ActionArrivals.h"
 #include "datapath/common/infra/DeadLockChecker.h"
 #include "datapath/common/infra/GuardedPtr.h"
+#include "datapath/common/infra/HeapBatch.h"
 #include "datapath/common/infra/IdleWorkers.h"
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/PriorityQueue.h"
@@ -109,7 +110,7 @@ private:
     // The functions that producers and workers run for each action are marked hot, which puts them together in memory.
     // Fewer cache lines of code then have to be fetched when actions come after a pause.
     [[gnu::hot]] void addArrival(Action* action) EXCLUDES(m_arrivalsMutex);
-    [[nodiscard, gnu::hot]] QueuedAction waitForAction() EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[nodiscard, gnu::hot]] QueuedAction waitForAction(HeapBatch& released) EXCLUDES(m_mutex, m_arrivalsMutex);
     [[nodiscard, gnu::hot]] QueuedAction takeNext() EXCLUDES(m_mutex, m_arrivalsMutex);
     [[gnu::hot]] void importArrivals(std::uint64_t maxActions) REQUIRES(m_mutex) EXCLUDES(m_arrivalsMutex);
     [[nodiscard, gnu::hot]] QueuedAction extract() REQUIRES(m_mutex);
@@ -120,7 +121,7 @@ private:
     [[gnu::hot]] void sleep() EXCLUDES(m_mutex, m_arrivalsMutex);
     [[nodiscard]] bool leaveSleepers() EXCLUDES(m_arrivalsMutex);
     [[gnu::hot]] static void execute(const QueuedAction& queued, std::uint32_t threadIndex, DlcKeepalive& keepalive);
-    [[gnu::hot]] static void release(Action* action, void* memory);
+    [[gnu::hot]] static void release(Action* action, void* memory, HeapBatch& batch);
 
     [[nodiscard]] bool isVerbose() const;
     void logTimedOutWait() EXCLUDES(m_mutex);

@@ -16,6 +16,7 @@
 // of a report. While a client does so, it must not hold a lock that it takes to log a line. A client that allocates
 // must be registered after the first block was allocated.
 
+#include "datapath/common/infra/HeapBatch.h"
 #include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
@@ -120,6 +121,11 @@ public:
     {
         isEnabled() ? instance().freeAndUnregister(memory, place) : freeAndCount(memory);
     }
+    /// Without guarded memory the block, which is checked and counted now, goes back to the system heap with the batch.
+    static void releaseVerified(void* memory, const SourcePlace& place, HeapBatch& batch)
+    {
+        isEnabled() ? instance().freeAndUnregister(memory, place) : batch.add(countReleaseOfObject(memory));
+    }
 
     // The calls of the single modes. A block must be released in the mode in which it was allocated.
     [[nodiscard]] static void* internalAllocAndCountOnlyArray(std::uint64_t size, std::uint64_t numItems)
@@ -131,14 +137,7 @@ public:
         return allocateCounted(size, numItems == 0 ? OBJECT_SANITY_WORD : static_cast<std::uint32_t>(numItems));
     }
 
-    static void freeAndCount(void* memory)
-    {
-        if (headerOf(memory)->sanityWord != OBJECT_SANITY_WORD) [[unlikely]]
-        {
-            failNotAnObject();
-        }
-        releaseCounted(memory);
-    }
+    static void freeAndCount(void* memory) { ::operator delete(countReleaseOfObject(memory)); }
 
     static void freeAndCountArray(void* memory)
     {
@@ -146,7 +145,7 @@ public:
         {
             failNotAnArray();
         }
-        releaseCounted(memory);
+        ::operator delete(countRelease(memory));
     }
 
     [[nodiscard]] void* internalAllocAndRegister(std::uint64_t size, std::uint64_t arrayLength,
@@ -217,11 +216,21 @@ private:
         return header + 1;
     }
 
-    static void releaseCounted(void* memory)
+    /// Returns the block, which is to go back to the system heap.
+    [[nodiscard]] static void* countReleaseOfObject(void* memory)
+    {
+        if (headerOf(memory)->sanityWord != OBJECT_SANITY_WORD) [[unlikely]]
+        {
+            failNotAnObject();
+        }
+        return countRelease(memory);
+    }
+
+    [[nodiscard]] static void* countRelease(void* memory)
     {
         CountedHeader* const header = headerOf(memory);
         SystemHeapBytes::giveBack(header->length);
-        ::operator delete(header);
+        return header;
     }
 
     [[noreturn]] static void failTooManyItems();
