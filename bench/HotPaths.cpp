@@ -45,7 +45,7 @@ void repeatLog(int times)
     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
     for (; times != 0; --times)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "copied files=" << times << " of " << 4711 << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "copied files=" << times << " of " << 4711 << std::endl;
     }
     Logger::instance().unregisterClient(&client);
 }

@@ -123,7 +123,7 @@ template <class Log> void measureTail(const std::string& name, int threads, cons
 
 void logLine(int value)
 {
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "write took longer than expected, waitedMs=" << value << " bytes=" << 65536 << " queued=" << value
         << " retries=" << 3 << std::endl;
 }

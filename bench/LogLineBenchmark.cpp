@@ -38,7 +38,7 @@ void logItem(benchmark::State& state)
     int value = 12345;
     for (auto _ : state)
     {
-        streamMessage(LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD), value++);
+        streamMessage(LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD), value++);
     }
     state.SetItemsProcessed(state.iterations());
 }

@@ -15,7 +15,7 @@ int main()
 {
     ConsoleClient client;
     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "copied files=" << 3 << " of " << 4 << std::endl;
-    LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "cannot copy notes.txt, lastError=" << 5 << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "copied files=" << 3 << " of " << 4 << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "cannot copy notes.txt, lastError=" << 5 << std::endl;
     Logger::instance().unregisterClient(&client); // from here on nobody calls it
 }

@@ -44,11 +44,11 @@ int main()
     ScatteredBuf written;
     const RcStatus status = pool.requestMemory(*reader, 2U << 20U, read, 1).get(); // all that there is
     const FutureInternal::Future<RcStatus> served = pool.requestMemory(*writer, 100'000, written, 2);
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "reader status=" << status << ", writer waits=" << !served.isSet() << std::endl;
     workers.enqueue(GuardedMemory::create<Digest>({"Digest", SourcePlace::here()}, pool, read));
     const RcStatus servedStatus = served.get(); // waits until the worker has given back enough
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "writer status=" << servedStatus << " segments=" << written.getSegments().size() << std::endl;
 
     static auto& ticks = *new Semaphore(0); // never destroyed: the timer's thread lives as long as the process
@@ -64,6 +64,7 @@ int main()
     pool.unregisterModule(*reader);
     const std::uint64_t givenBack = pool.releaseUnused();
     MemoryPoolImpl::instance().detachSubPool(pool);
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "service ended, bytes given back=" << givenBack << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
+        << "service ended, bytes given back=" << givenBack << std::endl;
     Logger::instance().unregisterClient(&client);
 }

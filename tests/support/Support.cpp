@@ -141,7 +141,7 @@ void OrderOfThreads::operator()(const std::string& line)
 
 void logNumbered(LogLevel level, int thread, int number)
 {
-    LogItem(LoggerId::NON, level, THIS_METHOD) << "thread=" << thread << " i=" << number << " end" << std::endl;
+    LogItem(LoggerId::NON, level, TAVRO_METHOD) << "thread=" << thread << " i=" << number << " end" << std::endl;
 }
 
 std::string stdoutOf(const std::function<void()>& work)

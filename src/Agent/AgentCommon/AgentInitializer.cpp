@@ -1,6 +1,6 @@
 #include "Agent/AgentCommon/AgentInitializer.h"
 
-#include "datapath/common/infra/FileLoggerClient.h"
+#include "datapath/common/infra/ProgramSetup.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "platform/Shell.h"
 
@@ -43,12 +43,7 @@ void initAgentLogger(const std::string& logFileName)
     }
     platform::appendToPath(path.data(), "logs");
     platform::appendToPath(path.data(), logFileName.c_str());
-    static_cast<void>(MemShield::instance()); // reads its tweaks before the budget is read
-    const auto maxMemoryMiB = static_cast<std::uint32_t>(Tweaks::instance().value(QLOG_MAX_FILES));
-    auto* const client = GuardedMemory::create<FileLoggerClient>(
-        {"FileLoggerClient", SourcePlace::numbered(NUMBER_CLIENT_CREATED)}, path.data(), maxMemoryMiB, "");
-    Logger::instance().registerClient(client, Logger::ALL_LEVELS);
-    logClient = client;
+    logClient = &ProgramSetup::startLogFile(path.data(), SourcePlace::numbered(NUMBER_CLIENT_CREATED));
 }
 
 std::string agentLogFile() { return logClient == nullptr ? std::string() : logClient->liveFileName(); }

@@ -61,23 +61,23 @@ void runAgent(const std::u16string& checkpointName)
 {
     std::array<char, platform::PATH_BUFFER_SIZE> programPath{};
     platform::moduleFileName(programPath.data(), programPath.size());
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "GetModuleFileNameA retrieved the following file name: " << programPath.data() << std::endl;
 
     const std::string settingsPath = std::string(programPath.data()) + ".conf";
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Configuration file name: " << settingsPath << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "Configuration file name: " << settingsPath << std::endl;
     const ConnectionSettings settings = readSettings(settingsPath);
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "localURL: " << settings.localURL << std::endl;
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "localPort: " << settings.localPort << std::endl;
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "peerURL: " << settings.peerURL << std::endl;
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "peerPort: " << settings.peerPort << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "localURL: " << settings.localURL << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "localPort: " << settings.localPort << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "peerURL: " << settings.peerURL << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "peerPort: " << settings.peerPort << std::endl;
 
     std::u16string commandLine = composeCommandLine(settings, checkpointName);
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "cmdline: " << platform::utf16ToUtf8(commandLine) << std::endl;
     if (const auto error = platform::createProcess(commandLine); error != platform::ErrorNumber::Success)
     {
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
             << "Error " << platform::toNumber(error) << " in CreateProcessW." << std::endl;
         const std::string logFile = agentLogFile();
         platform::reportFailure(std::string(AGENT) + " could not be started", error,

@@ -50,14 +50,14 @@ std::intptr_t Checkpoint(platform::DialogHandle dialog, std::uint32_t message, s
     }
     if (control == platform::CONTROL_OK)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "IDOK" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "IDOK" << std::endl;
         runAgent(getCheckpointName(dialog));
         platform::endDialog(dialog, DIALOG_RESULT);
         return HANDLED;
     }
     if (control == platform::CONTROL_CANCEL)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "IDCANCEL" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "IDCANCEL" << std::endl;
         platform::endDialog(dialog, DIALOG_RESULT);
         return HANDLED;
     }

@@ -4,7 +4,7 @@
 #include "Agent/CheckpointGui/CheckpointDialog.h"
 #include "Agent/CheckpointGui/ResourceIds.h"
 #include "datapath/common/infra/LogItem.h"
-#include "datapath/common/infra/MemShield.h"
+#include "datapath/common/infra/ProgramSetup.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "platform/Entry.h"
 
@@ -13,13 +13,13 @@ int wWinMain(platform::ModuleHandle instance, platform::ModuleHandle /*previousI
 {
     const std::string logFileName = "TavroVssAgentGUI.exe.log";
     setAgentTweakDefaults();
-    MemShield::setEnabled(Tweaks::instance().value(ENABLE_MEMSHIELD));
+    ProgramSetup::chooseMemoryMode();
     initAgentLogger(logFileName);
     Tweaks::instance().print();
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Showing dialog..." << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "Invoked." << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "Showing dialog..." << std::endl;
     platform::runDialog(instance, IDD_CHECKPOINT, Checkpoint);
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Done." << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "Done." << std::endl;
     Logger::instance().flushClients();
     return 0;
 }

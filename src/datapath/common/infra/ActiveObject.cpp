@@ -42,7 +42,7 @@ ActiveObject::ActiveObject(const char* name, const platform::Atomic<bool>* force
     : m_forceVerbose(forceVerbose), m_name(checkedName(name)), m_pq(1, m_name, false, &m_arrivals.numEver())
 {
     const bool isVerbose = DynamicTweaks::instance().t_ActiveObjectVerboseLogs;
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "AO<" << m_name << ">  m_name=" << m_name << " "
         << " m_forceVerbose=" << m_forceVerbose->load(std::memory_order_relaxed) << " "
         << " DynamicTweaks::instance()->t_ActiveObjectVerboseLogs=" << isVerbose << " " << std::endl;

@@ -79,7 +79,7 @@ public:
     ~ActiveObject() override;
 
     /// The number of workers that have started, less the number of queued actions, plus 1; at least 0.
-    [[nodiscard]] virtual std::uint32_t getIdleEstimate() EXCLUDES(m_mutex);
+    [[nodiscard]] virtual std::uint32_t getIdleEstimate() TAVRO_EXCLUDES(m_mutex);
 
     /// Each worker calls this once, on its own thread, before it looks for work. The first worker's index is 1.
     virtual void onThreadStart(std::uint32_t /*threadIndex*/) {}
@@ -88,18 +88,18 @@ public:
     /// last worker has left. An action that is enqueued after that is neither executed nor destroyed nor written to and
     /// stays the caller's; std::bad_alloc leaves it to the caller, too. The object may be destroyed as soon as a worker
     /// has executed the action, even before this returns.
-    [[gnu::hot]] void enqueue(Action* action) EXCLUDES(m_mutex);
+    [[gnu::hot]] void enqueue(Action* action) TAVRO_EXCLUDES(m_mutex);
 
     /// Waits until each worker has finished the action that it executes and has left. Then logs and destroys the
     /// actions that are still queued, including those that were enqueued meanwhile.
-    void terminateAllThreads() EXCLUDES(m_mutex);
+    void terminateAllThreads() TAVRO_EXCLUDES(m_mutex);
 
     /// The object owns the monitor, which replaces the one before; null takes it away. Until shutdown is over, the
     /// monitor counts each action as an item, and each period in which actions are queued as a task.
-    void attachRateMonitor(GuardedPtr<RateMonitor> monitor) EXCLUDES(m_mutex);
+    void attachRateMonitor(GuardedPtr<RateMonitor> monitor) TAVRO_EXCLUDES(m_mutex);
 
 protected:
-    [[gnu::hot]] void run() override EXCLUDES(m_mutex);
+    [[gnu::hot]] void run() override TAVRO_EXCLUDES(m_mutex);
 
 private:
     static constexpr std::size_t CACHE_LINE = 64; // bytes
@@ -109,28 +109,28 @@ private:
 
     // The functions that producers and workers run for each action are marked hot, which puts them together in memory.
     // Fewer cache lines of code then have to be fetched when actions come after a pause.
-    [[gnu::hot]] void addArrival(Action* action) EXCLUDES(m_arrivalsMutex);
-    [[nodiscard, gnu::hot]] QueuedAction waitForAction(HeapBatch& released) EXCLUDES(m_mutex, m_arrivalsMutex);
-    [[nodiscard, gnu::hot]] QueuedAction takeNext() EXCLUDES(m_mutex, m_arrivalsMutex);
-    [[gnu::hot]] void importArrivals(std::uint64_t maxActions) REQUIRES(m_mutex) EXCLUDES(m_arrivalsMutex);
-    [[nodiscard, gnu::hot]] QueuedAction extract() REQUIRES(m_mutex);
-    [[gnu::hot]] void wakeHelp() EXCLUDES(m_arrivalsMutex);
-    [[gnu::hot]] void waitUntilNeeded() EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[gnu::hot]] void addArrival(Action* action) TAVRO_EXCLUDES(m_arrivalsMutex);
+    [[nodiscard, gnu::hot]] QueuedAction waitForAction(HeapBatch& released) TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[nodiscard, gnu::hot]] QueuedAction takeNext() TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[gnu::hot]] void importArrivals(std::uint64_t maxActions) TAVRO_REQUIRES(m_mutex) TAVRO_EXCLUDES(m_arrivalsMutex);
+    [[nodiscard, gnu::hot]] QueuedAction extract() TAVRO_REQUIRES(m_mutex);
+    [[gnu::hot]] void wakeHelp() TAVRO_EXCLUDES(m_arrivalsMutex);
+    [[gnu::hot]] void waitUntilNeeded() TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
     [[nodiscard, gnu::hot]] bool isWorkerNeeded() const;
-    [[nodiscard, gnu::hot]] bool fallAsleep() EXCLUDES(m_arrivalsMutex);
-    [[gnu::hot]] void sleep() EXCLUDES(m_mutex, m_arrivalsMutex);
-    [[nodiscard]] bool leaveSleepers() EXCLUDES(m_arrivalsMutex);
+    [[nodiscard, gnu::hot]] bool fallAsleep() TAVRO_EXCLUDES(m_arrivalsMutex);
+    [[gnu::hot]] void sleep() TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[nodiscard]] bool leaveSleepers() TAVRO_EXCLUDES(m_arrivalsMutex);
     [[gnu::hot]] static void execute(const QueuedAction& queued, std::uint32_t threadIndex, DlcKeepalive& keepalive);
     [[gnu::hot]] static void release(Action* action, void* memory, HeapBatch& batch);
 
     [[nodiscard]] bool isVerbose() const;
-    void logTimedOutWait() EXCLUDES(m_mutex);
-    void logFailedExtraction() const REQUIRES(m_mutex);
-    void monitorEnqueue() REQUIRES(m_mutex);
-    void monitorEmptyQueue() REQUIRES(m_mutex);
-    void stopWorkers() EXCLUDES(m_mutex, m_arrivalsMutex);
-    [[nodiscard]] std::vector<Action*> drain() EXCLUDES(m_mutex, m_arrivalsMutex);
-    void logRemaining() const REQUIRES(m_mutex);
+    void logTimedOutWait() TAVRO_EXCLUDES(m_mutex);
+    void logFailedExtraction() const TAVRO_REQUIRES(m_mutex);
+    void monitorEnqueue() TAVRO_REQUIRES(m_mutex);
+    void monitorEmptyQueue() TAVRO_REQUIRES(m_mutex);
+    void stopWorkers() TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[nodiscard]] std::vector<Action*> drain() TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
+    void logRemaining() const TAVRO_REQUIRES(m_mutex);
 
     // What producers write with each action, what changes only when a worker falls asleep or wakes, and what workers
     // write with each action lie in different cache lines, so that producers and workers seldom wait for each other.
@@ -148,7 +148,7 @@ private:
 
     Mutex m_mutex; // the workers' lock; free while an action runs or is destroyed
     Queue m_pq;    // guarded by m_mutex, except itemCount
-    ActiveObjectInternal::FetchedActions<Action> m_fetched GUARDED_BY(m_mutex); // between m_arrivals and m_pq
-    GuardedPtr<RateMonitor> m_rateMonitor GUARDED_BY(m_mutex);
-    std::uint32_t m_numStarted GUARDED_BY(m_mutex) = 0; // workers that have entered run
+    ActiveObjectInternal::FetchedActions<Action> m_fetched TAVRO_GUARDED_BY(m_mutex); // between m_arrivals and m_pq
+    GuardedPtr<RateMonitor> m_rateMonitor TAVRO_GUARDED_BY(m_mutex);
+    std::uint32_t m_numStarted TAVRO_GUARDED_BY(m_mutex) = 0; // workers that have entered run
 };

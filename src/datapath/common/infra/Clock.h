@@ -28,7 +28,7 @@ public:
     Clock();
 
     /// The counter, in its own ticks. Ends the process if it cannot be read.
-    [[nodiscard]] std::int64_t ticks() EXCLUDES(m_counterMutex);
+    [[nodiscard]] std::int64_t ticks() TAVRO_EXCLUDES(m_counterMutex);
 
     /// The same in whole ms; readMs leaves lastTimestampMs as it is.
     std::int64_t timestampMs();
@@ -55,7 +55,7 @@ private:
     static constexpr std::int64_t MINIMUM_ACCEPTABLE_TICKS_DIFF = 100;
     static constexpr std::size_t CACHE_LINE = 64;
 
-    [[nodiscard]] std::int64_t holdStill(std::int64_t reading, std::int64_t last) EXCLUDES(m_counterMutex);
+    [[nodiscard]] std::int64_t holdStill(std::int64_t reading, std::int64_t last) TAVRO_EXCLUDES(m_counterMutex);
 
     // Nothing else is published through these two, so all their accesses are relaxed.
     static constinit inline platform::Atomic<std::int64_t> s_lastTimestampMs = 0;

@@ -133,18 +133,18 @@ RcStatus ConsistentFile::load(std::ostream& text)
     const Latest latest = findLatestValidFileIndex();
     if (latest.status == RC_ERROR)
     {
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "Error loading from disk" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "Error loading from disk" << std::endl;
         return RC_ERROR;
     }
     if (latest.status == RC_NOT_FOUND)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "File does not exist" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "File does not exist" << std::endl;
         return RC_OK;
     }
     InputTextFile data(dataFileName(latest.slot));
     if (!data.isOpen())
     {
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
             << "Could not open file for read: " << dataFileName(latest.slot) << std::endl;
         return RC_ERROR;
     }
@@ -154,7 +154,7 @@ RcStatus ConsistentFile::load(std::ostream& text)
     }
     if (data.bad())
     {
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "Error loading from disk" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "Error loading from disk" << std::endl;
         return RC_ERROR;
     }
     m_nextSlot = (latest.slot + 1) % m_slotCount;

@@ -33,12 +33,12 @@ public:
     /// written if there is neither a copy nor a signature. RC_ERROR if no copy that exists is valid, if the copy cannot
     /// be opened any more, or if reading it fails; in the last case the stream has its first lines. Any thread may
     /// call.
-    [[nodiscard]] RcStatus load(std::ostream& text) EXCLUDES(m_mutex);
+    [[nodiscard]] RcStatus load(std::ostream& text) TAVRO_EXCLUDES(m_mutex);
 
     /// The number (0 or 1) and the sequence number that the next copy would have, as of the last look. Any thread may
     /// call.
-    [[nodiscard]] std::int32_t nextSlot() const EXCLUDES(m_mutex);
-    [[nodiscard]] std::uint64_t nextSequence() const EXCLUDES(m_mutex);
+    [[nodiscard]] std::int32_t nextSlot() const TAVRO_EXCLUDES(m_mutex);
+    [[nodiscard]] std::uint64_t nextSequence() const TAVRO_EXCLUDES(m_mutex);
 
 private:
     enum class CopyState : std::uint8_t
@@ -62,7 +62,7 @@ private:
     [[nodiscard]] std::string signatureFileName(std::int32_t slot) const;
 
     /// Looks at the copies, and sets m_nextSequence if the status is RC_OK.
-    [[nodiscard]] Latest findLatestValidFileIndex() REQUIRES(m_mutex);
+    [[nodiscard]] Latest findLatestValidFileIndex() TAVRO_REQUIRES(m_mutex);
 
     /// Looks at one copy and logs what it finds. A copy with a sequence number below the given one is not read.
     [[nodiscard]] Copy examineCopy(std::int32_t slot, std::uint64_t bestSequence) const;
@@ -70,6 +70,6 @@ private:
     const std::int32_t m_slotCount = 2;
     const std::string m_path;
     mutable Mutex m_mutex; // held during a load; the locks of log clients are taken inside it
-    std::int32_t m_nextSlot GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_nextSequence GUARDED_BY(m_mutex) = 1;
+    std::int32_t m_nextSlot TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_nextSequence TAVRO_GUARDED_BY(m_mutex) = 1;
 };

@@ -37,11 +37,11 @@ std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t interv
     {
         return NOTHING_DUE;
     }
-    LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
         << m_name << " is stuck for " << deltaSec << " sec" << std::endl;
     if (deltaSec > timeoutSec)
     {
-        LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Control, TAVRO_METHOD)
             << m_name << " waited too long "
             << " deltaSec=" << deltaSec << " "
             << " m_timeoutSec=" << timeoutSec << " "
@@ -49,7 +49,7 @@ std::uint32_t DlcKeepalive::checkLease(std::uint64_t nowMs, std::uint32_t interv
             << reinterpret_cast<std::uintptr_t>(m_listener) << " "
             << " checking custom behavior" << std::endl;
         printThreadsBackTrace();
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "false")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "false")
             << m_name << " waited too long" << std::endl;
     }
     return timeoutSec - deltaSec;
@@ -59,7 +59,7 @@ void DlcKeepalive::printThreadsBackTrace()
 {
     if (Tweaks::instance().value(DISABLE_BT_PRINT) != 0)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "backtrace printing is disabled" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "backtrace printing is disabled" << std::endl;
         return;
     }
     MemWatcher::instance().iterateThreads(ThreadBacktracePrinter::print);
@@ -70,7 +70,7 @@ void DeadLockCheckerManager::registerChecker(DlcKeepalive* checker)
     const MutexGuard guard(m_lock);
     if (!m_lockSet.change([=](auto& checkers) { return checkers.insert(checker).second; }))
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "ret")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "ret")
             << " checker=" << std::hex << reinterpret_cast<std::uintptr_t>(checker) << " checker already registered"
             << std::endl;
     }
@@ -81,7 +81,7 @@ void DeadLockCheckerManager::unregisterChecker(DlcKeepalive* checker)
     const MutexGuard guard(m_lock);
     if (m_lockSet.change([=](auto& checkers) { return checkers.erase(checker); }) == 0)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "ret")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "ret")
             << " checker=" << std::hex << reinterpret_cast<std::uintptr_t>(checker) << " checker not found"
             << std::endl;
     }
@@ -99,7 +99,7 @@ void DeadLockCheckerManager::run()
             std::max<std::int32_t>(DynamicTweaks::instance().t_deadlockCheckerIntervalSec, 1);
         platform::sleepMs(static_cast<std::uint32_t>(std::min(intervalSec * MS_PER_SEC, LONGEST_SLEEP_MS)));
         const MutexGuard guard(m_lock);
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
             << " m_lockSet.size()=" << m_lockSet->size() << " " << std::endl;
         const std::int64_t nowMs = Clock::instance().timestampMs();
         for (DlcKeepalive* const checker : *m_lockSet)

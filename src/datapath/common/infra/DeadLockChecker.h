@@ -81,19 +81,19 @@ class DeadLockCheckerManager final : public Singleton<DeadLockCheckerManager, De
 {
 public:
     /// The keepalive is not owned. Registering it twice ends the process.
-    void registerChecker(DlcKeepalive* checker) EXCLUDES(m_lock);
+    void registerChecker(DlcKeepalive* checker) TAVRO_EXCLUDES(m_lock);
 
     /// Waits for the end of a check that is under way. A keepalive that is not registered ends the process.
-    void unregisterChecker(DlcKeepalive* checker) EXCLUDES(m_lock);
+    void unregisterChecker(DlcKeepalive* checker) TAVRO_EXCLUDES(m_lock);
 
 private:
     friend Singleton;
 
     DeadLockCheckerManager() { open(); }
-    void run() override EXCLUDES(m_lock);
+    void run() override TAVRO_EXCLUDES(m_lock);
 
     // Guards the set, and keeps its keepalives from being destroyed during a check. The locks of MemWatcher, of Tweaks
     // and of log clients are taken inside it.
     Mutex m_lock;
-    StlMemShiledContainer<std::set<DlcKeepalive*>> m_lockSet GUARDED_BY(m_lock){"DeadLockCheckers"};
+    StlMemShiledContainer<std::set<DlcKeepalive*>> m_lockSet TAVRO_GUARDED_BY(m_lock){"DeadLockCheckers"};
 };

@@ -41,7 +41,7 @@ public:
 
     /// Reads every member from the table again. The table calls this after each change. Any thread but one that is
     /// inside a log client may call; refreshes on several threads take turns.
-    void refresh() EXCLUDES(m_refreshMutex);
+    void refresh() TAVRO_EXCLUDES(m_refreshMutex);
 
     DynamicTweak<bool> t_ActiveObjectVerboseLogs;
     DynamicTweak<bool> t_BatchIOVerboseLogs;

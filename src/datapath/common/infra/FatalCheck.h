@@ -7,13 +7,13 @@
 // A failed check is a line of level Assert, into which the caller streams an explanation. The Logger flushes its
 // clients, writes the line to standard output and ends the process:
 //
-//     CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(204), "m_clientsCnt < 4")
+//     CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(204), "m_clientsCnt < 4")
 //         << " m_clientsCnt=" << m_clientsCnt << " " << std::endl;
 //
 // A failed assertion is a line of level Error, right after which the process ends. While there is no log client, its
 // text goes to standard output:
 //
-//     failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
+//     failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "h != NULL");
 //
 // Any thread may call. The condition tells, as a text, what should have been true.
 

@@ -51,7 +51,7 @@ public:
     FutureRep& operator=(const FutureRep&) = delete;
     ~FutureRep() = default;
 
-    void set(const T& value) EXCLUDES(m_mutex)
+    void set(const T& value) TAVRO_EXCLUDES(m_mutex)
     {
         const MutexGuard guard(m_mutex);
         if (m_bSet.load(std::memory_order_relaxed))
@@ -67,7 +67,7 @@ public:
         }
     }
 
-    [[nodiscard]] bool isSet() EXCLUDES(m_mutex)
+    [[nodiscard]] bool isSet() TAVRO_EXCLUDES(m_mutex)
     {
         const MutexGuard guard(m_mutex);
         return m_bSet.load(std::memory_order_relaxed);
@@ -84,7 +84,7 @@ public:
         return m_value;
     }
 
-    void addObserver(FutureObserver<T>* observer) EXCLUDES(m_mutex)
+    void addObserver(FutureObserver<T>* observer) TAVRO_EXCLUDES(m_mutex)
     {
         const MutexGuard guard(m_mutex);
         if (m_bSet.load(std::memory_order_relaxed))
@@ -105,7 +105,8 @@ private:
     Mutex m_mutex;                                        // held while observers are called
     T m_value{};                                          // written once, before m_bSet; read after m_bSet or the gate
     platform::Atomic<bool> m_bSet = false;
-    std::vector<FutureObserver<T>*> m_observers GUARDED_BY(m_mutex); // in the order in which they were added; not owned
+    std::vector<FutureObserver<T>*>
+        m_observers TAVRO_GUARDED_BY(m_mutex); // in the order in which they were added; not owned
 };
 
 /// Allocates the state, together with its count of copies, as one block of the guarded allocator.

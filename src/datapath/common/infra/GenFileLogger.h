@@ -80,15 +80,15 @@ public:
     ~GenFileLogger() override;
 
     /// Replaces the modes of the settings. Only before the first text, by the thread that has made the logger.
-    void setModes(const Modes& modes) EXCLUDES(m_fileMutex);
+    void setModes(const Modes& modes) TAVRO_EXCLUDES(m_fileMutex);
 
     /// Writes or queues a text. Null data asks for a flush that nobody waits for. A text of 0 bytes is not queued.
-    void write(const char* data, std::uint32_t length) EXCLUDES(m_fileMutex, m_queueMutex);
+    void write(const char* data, std::uint32_t length) TAVRO_EXCLUDES(m_fileMutex, m_queueMutex);
 
     /// Waits until everything queued so far is with the system, at most flushMaxPeriodMs. Returns false if that was too
     /// short: the flush is still done, and the wait of one later call ends at once in return. Also returns false if
     /// there is no memory for a request to flush. On the writer's own thread it writes the queue instead of waiting.
-    [[nodiscard]] bool flush() EXCLUDES(m_fileMutex, m_queueMutex);
+    [[nodiscard]] bool flush() TAVRO_EXCLUDES(m_fileMutex, m_queueMutex);
 
     /// Whether the live file could be opened at the start.
     [[nodiscard]] bool isOpen() const { return m_isOpen; }
@@ -115,34 +115,34 @@ private:
     [[nodiscard]] Answer enqueueText(std::string_view text, bool isLimited);
     [[nodiscard]] Answer enqueueBlock(std::string_view text, bool isLimited);
     void pauseForMemory();
-    void enqueue(std::string_view text, Semaphore* waiter = nullptr) EXCLUDES(m_queueMutex);
+    void enqueue(std::string_view text, Semaphore* waiter = nullptr) TAVRO_EXCLUDES(m_queueMutex);
     [[nodiscard]] bool tryEnqueue(std::string_view text, Semaphore* waiter, LogQueue::Chunk& fresh)
-        EXCLUDES(m_queueMutex);
-    [[nodiscard]] bool mustWakeWriter() const REQUIRES(m_queueMutex);
-    [[nodiscard]] bool isUrgent() const REQUIRES(m_queueMutex);
-    [[nodiscard]] bool waitForFlush(Semaphore& flushDone) EXCLUDES(m_queueMutex);
+        TAVRO_EXCLUDES(m_queueMutex);
+    [[nodiscard]] bool mustWakeWriter() const TAVRO_REQUIRES(m_queueMutex);
+    [[nodiscard]] bool isUrgent() const TAVRO_REQUIRES(m_queueMutex);
+    [[nodiscard]] bool waitForFlush(Semaphore& flushDone) TAVRO_EXCLUDES(m_queueMutex);
 
-    [[nodiscard]] bool isMoreToWrite() EXCLUDES(m_fileMutex, m_queueMutex);
-    [[nodiscard]] bool sleepIfQueueIsEmpty() REQUIRES(m_queueMutex);
-    void writeQueue() EXCLUDES(m_fileMutex, m_queueMutex);
-    bool writeBatch() EXCLUDES(m_fileMutex, m_queueMutex);
-    bool writeBlocks() EXCLUDES(m_fileMutex, m_queueMutex);
-    void writePiece(const LogQueue::Piece& piece) REQUIRES(m_fileMutex);
-    void flushFiles() EXCLUDES(m_fileMutex);
-    [[nodiscard]] LogQueue::Batch nextBatch() EXCLUDES(m_queueMutex);
-    [[nodiscard]] LogQueue::Chunk removeBatch() EXCLUDES(m_queueMutex);
-    [[nodiscard]] std::optional<std::string_view> takeBlock() EXCLUDES(m_queueMutex);
-    void finishFlushes(std::uint64_t count) EXCLUDES(m_queueMutex);
+    [[nodiscard]] bool isMoreToWrite() TAVRO_EXCLUDES(m_fileMutex, m_queueMutex);
+    [[nodiscard]] bool sleepIfQueueIsEmpty() TAVRO_REQUIRES(m_queueMutex);
+    void writeQueue() TAVRO_EXCLUDES(m_fileMutex, m_queueMutex);
+    bool writeBatch() TAVRO_EXCLUDES(m_fileMutex, m_queueMutex);
+    bool writeBlocks() TAVRO_EXCLUDES(m_fileMutex, m_queueMutex);
+    void writePiece(const LogQueue::Piece& piece) TAVRO_REQUIRES(m_fileMutex);
+    void flushFiles() TAVRO_EXCLUDES(m_fileMutex);
+    [[nodiscard]] LogQueue::Batch nextBatch() TAVRO_EXCLUDES(m_queueMutex);
+    [[nodiscard]] LogQueue::Chunk removeBatch() TAVRO_EXCLUDES(m_queueMutex);
+    [[nodiscard]] std::optional<std::string_view> takeBlock() TAVRO_EXCLUDES(m_queueMutex);
+    void finishFlushes(std::uint64_t count) TAVRO_EXCLUDES(m_queueMutex);
 
     const Settings m_settings;
     Modes m_modes;                                   // unchanged from the first text on
     const bool m_isGuarded = MemShield::isEnabled(); // each queued text is a block of its own
     Mutex m_fileMutex;                               // guards the files; nothing is taken inside it
-    LogFiles m_files GUARDED_BY(m_fileMutex);
+    LogFiles m_files TAVRO_GUARDED_BY(m_fileMutex);
     Mutex m_queueMutex; // guards the queue, its flushes and the writer's state; nothing is taken inside it
-    StlMemShiledContainer<LogQueue> m_queue GUARDED_BY(m_queueMutex){"FileLogger"};
-    FlushRequests m_flushes GUARDED_BY(m_queueMutex); // for what is in the queue and in the batch being written
-    WriterState m_writerState GUARDED_BY(m_queueMutex) = WriterState::Sleeping;
+    StlMemShiledContainer<LogQueue> m_queue TAVRO_GUARDED_BY(m_queueMutex){"FileLogger"};
+    FlushRequests m_flushes TAVRO_GUARDED_BY(m_queueMutex); // for what is in the queue and in the batch being written
+    WriterState m_writerState TAVRO_GUARDED_BY(m_queueMutex) = WriterState::Sleeping;
     Trigger m_queueEvent;                                    // ends a wait of the writer
     GuardedPtr<HeapMemoryAllocationTracker> m_memoryTracker; // the budget of queued text
     bool m_isInsideText = false;                             // a text is written in part; only the writer uses it

@@ -56,7 +56,7 @@ void HeapMemoryAllocationTracker::free(std::uint32_t length)
     } while (!m_usage.compare_exchange_weak(before, after));
     if (before.bytes < length)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MUCH_FREED),
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_TOO_MUCH_FREED),
                      "usedBytesBeforeFree >= (u32)lengthBytes")
             << "<" << m_name << "> "
             << "trying to free more than allocated"

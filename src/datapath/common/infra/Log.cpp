@@ -31,7 +31,7 @@ void Logger::registerClient(LoggerClient* client, std::uint32_t levelMask)
     client->m_levelMask = levelMask;
     if (!tryRegister(client))
     {
-        failCheck(THIS_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_CLIENTS), "m_clientsCnt < 4",
+        failCheck(TAVRO_METHOD, SourcePlace::numbered(NUMBER_TOO_MANY_CLIENTS), "m_clientsCnt < 4",
                   " m_clientsCnt=" + std::to_string(MAX_CLIENTS) + " ");
     }
 }
@@ -74,7 +74,7 @@ void Logger::unregisterClient(LoggerClient* client)
         static constinit thread_local bool isLogging = false;
         if (!std::exchange(isLogging, true))
         {
-            logLine(LogLevel::Error, THIS_METHOD,
+            logLine(LogLevel::Error, TAVRO_METHOD,
                     "a log client cannot be unregistered from inside its own log or flush");
             isLogging = false;
         }

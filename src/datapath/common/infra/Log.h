@@ -5,7 +5,7 @@
 // lines make the clients flush, and a line of level Assert ends the process.
 //
 //     Logger::instance().registerClient(&client, Logger::ALL_LEVELS);
-//     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
+//     LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "Invoked." << std::endl;
 //     Logger::instance().unregisterClient(&client);       // before it is destroyed
 //
 // Lines are made with a LogItem. The hub also keeps the names of the program's threads.
@@ -65,13 +65,13 @@ public:
 
     /// Adds a client after the others. It stays the caller's and must live until it is unregistered or the process
     /// ends. There is room for four; a fifth ends the process. Other threads may log meanwhile.
-    void registerClient(LoggerClient* client, std::uint32_t levelMask) EXCLUDES(m_clientsMutex);
+    void registerClient(LoggerClient* client, std::uint32_t levelMask) TAVRO_EXCLUDES(m_clientsMutex);
 
     /// Takes a client away and returns when no other thread is inside it any more: it may be destroyed then. Lines that
     /// other threads log meanwhile go to the remaining clients. Does nothing for a client that is not registered, and
     /// only logs an Error line if it is called from inside the client's own log or flush. The caller must not hold a
     /// lock that the client takes in log or flush, and two clients must not unregister each other from inside those.
-    void unregisterClient(LoggerClient* client) EXCLUDES(m_clientsMutex);
+    void unregisterClient(LoggerClient* client) TAVRO_EXCLUDES(m_clientsMutex);
 
     [[nodiscard]] bool hasClients() const { return m_order.load(std::memory_order_relaxed) != 0; }
 
@@ -90,17 +90,17 @@ public:
     void setAssertHook(LogAssertHook* hook) { m_assertHook = hook; }
 
     /// Names the calling thread. A thread that has a name keeps it.
-    void setThreadName(const std::string& name) EXCLUDES(m_mutex);
+    void setThreadName(const std::string& name) TAVRO_EXCLUDES(m_mutex);
 
     /// Takes the calling thread's name away.
-    void removeThreadName() EXCLUDES(m_mutex);
+    void removeThreadName() TAVRO_EXCLUDES(m_mutex);
 
     /// The name of a thread, empty if it has none.
-    [[nodiscard]] std::string getThreadName(std::int32_t threadId) const EXCLUDES(m_mutex);
+    [[nodiscard]] std::string getThreadName(std::int32_t threadId) const TAVRO_EXCLUDES(m_mutex);
 
     /// Lets the thread column of the calling thread's lines show this name after the thread's id;
     /// an empty name takes it away.
-    void setAsyncThreadName(const std::string& name) EXCLUDES(m_mutex);
+    void setAsyncThreadName(const std::string& name) TAVRO_EXCLUDES(m_mutex);
 
     /// Whether any thread has such a name.
     [[nodiscard]] bool hasAsyncThreadNames() const
@@ -109,7 +109,7 @@ public:
     }
 
     /// The calling thread's name for the thread column, empty if it has none.
-    [[nodiscard]] std::string getAsyncThreadName() const EXCLUDES(m_mutex);
+    [[nodiscard]] std::string getAsyncThreadName() const TAVRO_EXCLUDES(m_mutex);
 
 private:
     using ThreadNames = StlMemShiledContainer<std::map<std::int32_t, std::string>>;
@@ -131,24 +131,24 @@ private:
 
     Logger() = default;
     template <class Visitor> void visitClients(const Visitor& visitor) const;
-    [[nodiscard]] bool tryRegister(LoggerClient* client) EXCLUDES(m_clientsMutex);
-    [[nodiscard]] std::vector<std::size_t> placesOf(const LoggerClient* client) const REQUIRES(m_clientsMutex);
-    void closePlaces(const std::vector<std::size_t>& places) REQUIRES(m_clientsMutex);
+    [[nodiscard]] bool tryRegister(LoggerClient* client) TAVRO_EXCLUDES(m_clientsMutex);
+    [[nodiscard]] std::vector<std::size_t> placesOf(const LoggerClient* client) const TAVRO_REQUIRES(m_clientsMutex);
+    void closePlaces(const std::vector<std::size_t>& places) TAVRO_REQUIRES(m_clientsMutex);
     [[nodiscard]] static std::vector<Ticket> ticketsOf(std::uint64_t order);
-    void setOrder(const std::vector<Ticket>& tickets) REQUIRES(m_clientsMutex);
+    void setOrder(const std::vector<Ticket>& tickets) TAVRO_REQUIRES(m_clientsMutex);
     void endAfterAssert(const std::string& line, LoggerId loggerId) const;
 
-    ThreadNames m_asyncThreadNames GUARDED_BY(m_mutex){"LoggerAsyncThreadNames"};
+    ThreadNames m_asyncThreadNames TAVRO_GUARDED_BY(m_mutex){"LoggerAsyncThreadNames"};
     // The size of that table, so that lines take the lock only in programs that use such names.
     platform::Atomic<std::size_t> m_asyncThreadNamesCnt = 0;
-    ThreadNames m_threadNames GUARDED_BY(m_mutex){"LoggerThreadNames"};
+    ThreadNames m_threadNames TAVRO_GUARDED_BY(m_mutex){"LoggerThreadNames"};
     mutable Mutex m_mutex; // guards the two tables of names; nothing is taken inside it
     Mutex m_clientsMutex;  // guards changes of the places and of their order; nothing is taken inside it
     std::array<Place, MAX_CLIENTS> m_places{};
     // The tickets of the registered clients in the order of their registration, 16 bits each:
     //     | 0 | third | second | first |        first in bits 0 to 15; 0 after the last one
     platform::Atomic<std::uint64_t> m_order = 0;
-    std::uint32_t m_registrations GUARDED_BY(m_clientsMutex) = 0;
+    std::uint32_t m_registrations TAVRO_GUARDED_BY(m_clientsMutex) = 0;
     LogAssertHook* m_assertHook = nullptr;
     std::array<AssertHandler, LOGGER_COUNT> m_assertHandlers;
 };

@@ -4,7 +4,7 @@
 // below LogItem log, which are the Logger and the watched containers that it uses. All other units stream into a
 // LogItem or a CheckFailure.
 //
-//     failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
+//     failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "h != NULL");
 //
 // Any thread may call. A condition tells, as a text, what should have been true.
 

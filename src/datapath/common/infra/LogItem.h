@@ -3,7 +3,7 @@
 // One log line. The constructor writes the head (time, level, thread, logger, class, method), the
 // caller streams the message, and the end of line hands the whole line to the Logger.
 //
-//     LogItem(LoggerId::NON, LogLevel::Warn, THIS_METHOD) << "slow disk, waited ms=" << waitedMs << std::endl;
+//     LogItem(LoggerId::NON, LogLevel::Warn, TAVRO_METHOD) << "slow disk, waited ms=" << waitedMs << std::endl;
 //
 // A line is "2024-03-05 07:08:09.042,Warn,4711,NON,Class,method,slow disk, waited ms=12\n". Nothing
 // is quoted or escaped and nothing is cut. An item belongs to the thread that made it. An item that

@@ -76,12 +76,12 @@ void* MemShield::internalAllocAndRegister(std::uint64_t size, std::uint64_t arra
 {
     if (size == 0)
     {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_SIZE_IS_ZERO), "size > 0");
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_SIZE_IS_ZERO), "size > 0");
     }
     const std::uint64_t allocationLength = m_preMargin + size + m_postMargin;
     if (allocationLength >= MAX_SINGLE_ALLOCATION_LENGTH)
     {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_ALLOCATION_TOO_LONG),
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_ALLOCATION_TOO_LONG),
                       "allocationLength < MAX_SINGLE_ALLOCATION_LENGTH");
     }
     std::byte* const block = static_cast<std::byte*>(::operator new(m_padding + allocationLength)) + m_padding;
@@ -95,12 +95,12 @@ void* MemShield::internalAllocAndRegister(std::uint64_t size, std::uint64_t arra
                          .m_allocTime = nowMs()};
     if (size >= U32_MAX)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_SIZE_TOO_LARGE), "size < (u32)-1")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_SIZE_TOO_LARGE), "size < (u32)-1")
             << " size=" << size << " " << std::endl;
     }
     if (arrayLength >= U32_MAX)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_ARRAY_TOO_LONG), "arrayLength < (u32)-1")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_ARRAY_TOO_LONG), "arrayLength < (u32)-1")
             << " arrayLength=" << arrayLength << " " << std::endl;
     }
     SystemHeapBytes::take(allocationLength);
@@ -122,10 +122,10 @@ void MemShield::verifyPtr(const void* memory, const SourcePlace& place)
         return;
     }
     beginReport();
-    LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "trying to access (verifyPtr) un-allocated memory"
-                                                         << " file=" << place.path << " "
-                                                         << " line=" << place.number << " "
-                                                         << " mem=" << addressText(memory) << " " << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "trying to access (verifyPtr) un-allocated memory"
+                                                          << " file=" << place.path << " "
+                                                          << " line=" << place.number << " "
+                                                          << " mem=" << addressText(memory) << " " << std::endl;
     memshieldError({});
 }
 
@@ -136,19 +136,19 @@ void MemShield::freeAndUnregister(void* memory, const SourcePlace& place)
     if (!release.info)
     {
         beginReport();
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "trying to free un-allocated memory"
-                                                             << " file=" << place.path << " "
-                                                             << " line=" << place.number << " " << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "trying to free un-allocated memory"
+                                                              << " file=" << place.path << " "
+                                                              << " line=" << place.number << " " << std::endl;
         memshieldError({});
     }
     if (!release.corruption.empty())
     {
         beginReport();
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
             << "memory overrun (during free)!" << release.corruption << std::endl;
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "freed at"
-                                                             << " file=" << place.path << " "
-                                                             << " line=" << place.number << " " << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "freed at"
+                                                              << " file=" << place.path << " "
+                                                              << " line=" << place.number << " " << std::endl;
         memshieldError({{bytes, *release.info}});
     }
     if (!release.isKept)
@@ -244,7 +244,7 @@ void MemShield::memshieldError(const std::vector<Record>& culprits)
     {
         MEM_SHIELD_HOOKS.printMisuse(culprits);
     }
-    failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_MISUSE), "false");
+    failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_MISUSE), "false");
 }
 
 std::string MemShield::addressText(const void* memory)

@@ -149,11 +149,11 @@ public:
     }
 
     [[nodiscard]] void* internalAllocAndRegister(std::uint64_t size, std::uint64_t arrayLength,
-                                                 const AllocationSite& site) EXCLUDES(m_mutex);
-    void freeAndUnregister(void* memory, const SourcePlace& place) EXCLUDES(m_mutex);
+                                                 const AllocationSite& site) TAVRO_EXCLUDES(m_mutex);
+    void freeAndUnregister(void* memory, const SourcePlace& place) TAVRO_EXCLUDES(m_mutex);
 
     /// Ends the process unless the memory is a live guarded block.
-    void verifyPtr(const void* memory, const SourcePlace& place) EXCLUDES(m_mutex);
+    void verifyPtr(const void* memory, const SourcePlace& place) TAVRO_EXCLUDES(m_mutex);
 
     /// An address as messages show it: hexadecimal without a prefix.
     [[nodiscard]] static std::string addressText(const void* memory);
@@ -163,11 +163,11 @@ public:
 
     /// Call the visitor for each guarded block that is live, or that is kept after its release, in no particular order.
     /// The visitor runs under the lock: it must neither log nor use this allocator.
-    void visitLive(const Visitor& visitor) EXCLUDES(m_mutex);
-    void visitRecentlyFreed(const Visitor& visitor) EXCLUDES(m_mutex);
+    void visitLive(const Visitor& visitor) TAVRO_EXCLUDES(m_mutex);
+    void visitRecentlyFreed(const Visitor& visitor) TAVRO_EXCLUDES(m_mutex);
 
     /// Whether every registered block is sound and both its margins are whole. For tests.
-    [[nodiscard]] bool checkInvariants() EXCLUDES(m_mutex);
+    [[nodiscard]] bool checkInvariants() TAVRO_EXCLUDES(m_mutex);
 
 private:
     friend Singleton;
@@ -236,8 +236,8 @@ private:
     [[noreturn]] static void failTooManyItems();
     [[noreturn]] static void failNotAnObject();
     [[noreturn]] static void failNotAnArray();
-    [[nodiscard]] bool isLive(const void* memory) EXCLUDES(m_mutex);
-    [[nodiscard]] Release unregister(std::byte* memory) EXCLUDES(m_mutex);
+    [[nodiscard]] bool isLive(const void* memory) TAVRO_EXCLUDES(m_mutex);
+    [[nodiscard]] Release unregister(std::byte* memory) TAVRO_EXCLUDES(m_mutex);
     [[nodiscard]] std::string corruptionOf(const std::byte* memory, const AllocInfo& info) const;
     static void beginReport();
     [[noreturn]] static void memshieldError(const std::vector<Record>& culprits);
@@ -245,8 +245,8 @@ private:
     static constinit inline bool s_isEnabled = true; // until the entry point has read the configuration
     static constinit inline thread_local bool s_waitsForReport = true;
 
-    Records m_live GUARDED_BY(m_mutex){"MemShiledMap"};
-    Records m_recentlyFreed GUARDED_BY(m_mutex){"MemShieldRecentFreed"};
+    Records m_live TAVRO_GUARDED_BY(m_mutex){"MemShiledMap"};
+    Records m_recentlyFreed TAVRO_GUARDED_BY(m_mutex){"MemShieldRecentFreed"};
     const std::uint32_t m_preMargin;     // bytes before each guarded block
     const std::uint32_t m_postMargin;    // bytes after it
     const std::size_t m_padding;         // bytes before the first margin, not counted; they align the memory after it

@@ -27,7 +27,7 @@ void MemWatchedContainerDatabase::registerContainer(MemWatchedContainer* contain
     };
     if (!insert()) // logged without the lock: logging may make the Logger, which registers containers of its own
     {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_REGISTERED_TWICE), "rt");
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_REGISTERED_TWICE), "rt");
     }
 }
 
@@ -39,7 +39,7 @@ void MemWatchedContainerDatabase::unregisterContainer(MemWatchedContainer* conta
     };
     if (!erase())
     {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_NOT_REGISTERED),
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_NOT_REGISTERED),
                       "iter != m_containers.end()");
     }
 }

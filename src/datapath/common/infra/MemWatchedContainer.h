@@ -53,17 +53,17 @@ public:
 
     /// The container, not owned, must be unregistered before it is destroyed. A container that is registered already
     /// ends the process.
-    void registerContainer(MemWatchedContainer* container) EXCLUDES(m_mutex);
+    void registerContainer(MemWatchedContainer* container) TAVRO_EXCLUDES(m_mutex);
 
     /// A container that is not registered ends the process.
-    void unregisterContainer(MemWatchedContainer* container) EXCLUDES(m_mutex);
+    void unregisterContainer(MemWatchedContainer* container) TAVRO_EXCLUDES(m_mutex);
 
     /// Logs for each name how many items its containers hold, and their estimated memory, then the total.
-    void printWatchedContainers() const EXCLUDES(m_mutex);
+    void printWatchedContainers() const TAVRO_EXCLUDES(m_mutex);
 
 private:
     mutable Mutex m_mutex; // guards the set; nothing is taken inside it
-    std::set<MemWatchedContainer*> m_containers GUARDED_BY(m_mutex);
+    std::set<MemWatchedContainer*> m_containers TAVRO_GUARDED_BY(m_mutex);
 };
 
 /// A container that is watched from the end of its construction to the start of its destruction. It is read like a

@@ -39,7 +39,7 @@ void MemWatchedContainerDatabase::printWatchedContainers() const
     }
     for (const auto& [name, sums] : sumsByName)
     {
-        LogItem line(LoggerId::NON, LogLevel::Info, THIS_METHOD, LogItem::NO_FRACTION);
+        LogItem line(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, LogItem::NO_FRACTION);
         line << "ContainerName = " << name << " items = " << sums.items;
         if (sums.largestMemory != 0)
         {
@@ -47,7 +47,7 @@ void MemWatchedContainerDatabase::printWatchedContainers() const
         }
         line << std::endl;
     }
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, LogItem::NO_FRACTION)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, LogItem::NO_FRACTION)
         << " estimatedTotal=" << estimatedTotal << " "
         << "in " << count << " containers" << std::endl;
 }

@@ -39,7 +39,7 @@ HeapModuleMemoryInformation* MemoryHeap::registerModule(const std::string& name,
     if (!isAdded)
     {
         GuardedMemory::destroy(module, SourcePlace::here());
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
             << "a module named \"" << name << "\" is registered already" << std::endl;
         return nullptr;
     }
@@ -50,7 +50,7 @@ MemorySegment MemoryHeap::takeSegment(HeapModuleMemoryInformation& module, std::
 {
     if (bytes == 0)
     {
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
             << "a segment of 0 bytes was asked for by module \"" << module.name() << "\"" << std::endl;
         return {};
     }
@@ -115,13 +115,13 @@ void MemoryHeap::printMemoryUsage()
         }
     }
     // Logged without the lock: a log client may find misuse of memory, whose report comes here.
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, LogItem::NO_FRACTION)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, LogItem::NO_FRACTION)
         << "Memory HEAP: "
         << " m_usedMemoryGross=" << gross << " "
         << " m_usedMemoryNet=" << net << " " << std::endl;
     for (const auto& [name, used] : modules)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, LogItem::NO_FRACTION) << name << ":"
-                                                                                  << " used=" << used << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, LogItem::NO_FRACTION) << name << ":"
+                                                                                   << " used=" << used << std::endl;
     }
 }

@@ -24,19 +24,20 @@ class MemoryHeap final : public Singleton<MemoryHeap, MemoryHeap>, public Memory
 public:
     /// Returns null, with an Error line, if the name is taken. What a module uses counts for all its ancestors, too.
     HeapModuleMemoryInformation* registerModule(const std::string& name, HeapModuleMemoryInformation* parent)
-        EXCLUDES(m_mutex);
+        TAVRO_EXCLUDES(m_mutex);
 
     /// A segment of that many bytes, which are not initialized. For 0 bytes, logs an Error line and returns a segment
     /// without buffer and owner. Throws std::bad_alloc, with nothing counted.
-    [[nodiscard]] MemorySegment takeSegment(HeapModuleMemoryInformation& module, std::uint64_t bytes) EXCLUDES(m_mutex);
+    [[nodiscard]] MemorySegment takeSegment(HeapModuleMemoryInformation& module, std::uint64_t bytes)
+        TAVRO_EXCLUDES(m_mutex);
 
-    void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) override EXCLUDES(m_mutex);
-    void freeSegment(MemorySegment& segment) override EXCLUDES(m_mutex);
-    void addUsedMemoryNet(std::int32_t bytes) override EXCLUDES(m_mutex);
+    void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) override TAVRO_EXCLUDES(m_mutex);
+    void freeSegment(MemorySegment& segment) override TAVRO_EXCLUDES(m_mutex);
+    void addUsedMemoryNet(std::int32_t bytes) override TAVRO_EXCLUDES(m_mutex);
     [[nodiscard]] std::uint32_t getChunkSize() const override { return CHUNK_SIZE; }
 
     /// Logs both totals and what each module uses.
-    void printMemoryUsage() EXCLUDES(m_mutex);
+    void printMemoryUsage() TAVRO_EXCLUDES(m_mutex);
 
 private:
     friend Singleton;
@@ -44,10 +45,11 @@ private:
     static constexpr std::uint32_t CHUNK_SIZE = 4096;
 
     MemoryHeap() = default;
-    void countFreed(MemorySegment& segment) EXCLUDES(m_mutex);
+    void countFreed(MemorySegment& segment) TAVRO_EXCLUDES(m_mutex);
 
     Mutex m_mutex; // guards the members below and the modules' figures; nothing is taken inside it
-    StlMemShiledContainer<std::map<std::string, HeapModuleMemoryInformation*>> m_modules GUARDED_BY(m_mutex){"mmis"};
-    std::uint64_t m_usedMemoryGross GUARDED_BY(m_mutex) = 0; // a chunk for each segment
-    std::uint64_t m_usedMemoryNet GUARDED_BY(m_mutex) = 0;   // what was asked for
+    StlMemShiledContainer<std::map<std::string, HeapModuleMemoryInformation*>> m_modules TAVRO_GUARDED_BY(m_mutex){
+        "mmis"};
+    std::uint64_t m_usedMemoryGross TAVRO_GUARDED_BY(m_mutex) = 0; // a chunk for each segment
+    std::uint64_t m_usedMemoryNet TAVRO_GUARDED_BY(m_mutex) = 0;   // what was asked for
 };

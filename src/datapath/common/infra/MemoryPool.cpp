@@ -75,7 +75,7 @@ MemoryPoolImpl::~MemoryPoolImpl()
     waitForGrowth();
     if (m_totalPollSize != 0)
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_MEMORY_LEFT), "m_totalPollSize == 0")
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_MEMORY_LEFT), "m_totalPollSize == 0")
             << " m_totalPollSize=" << m_totalPollSize << std::endl;
     }
     for (const auto& [name, module] : *m_modules)
@@ -161,19 +161,19 @@ void MemoryPoolImpl::freeChunkFromMmiLocked(std::uint64_t netBytes, ModuleMemory
 {
     if (m_usedMemoryGross < m_chunkSize) [[unlikely]]
     {
-        failPoolCheck(THIS_METHOD, NUMBER_GROSS_TOO_SMALL, "m_usedMemoryGross >= m_chunkSize",
+        failPoolCheck(TAVRO_METHOD, NUMBER_GROSS_TOO_SMALL, "m_usedMemoryGross >= m_chunkSize",
                       " m_usedMemoryGross=", m_usedMemoryGross);
     }
     m_usedMemoryGross -= m_chunkSize;
     if (m_usedMemoryNet < netBytes) [[unlikely]]
     {
-        failPoolCheck(THIS_METHOD, NUMBER_NET_TOO_SMALL, "m_usedMemoryNet >= netBytes",
+        failPoolCheck(TAVRO_METHOD, NUMBER_NET_TOO_SMALL, "m_usedMemoryNet >= netBytes",
                       " m_usedMemoryNet=", m_usedMemoryNet, "segment size = ", netBytes);
     }
     m_usedMemoryNet -= netBytes;
     if (m_usedMemoryGross == 0 && m_usedMemoryNet != 0) [[unlikely]]
     {
-        failPoolCheck(THIS_METHOD, NUMBER_NET_LEFT, "m_usedMemoryNet == 0");
+        failPoolCheck(TAVRO_METHOD, NUMBER_NET_LEFT, "m_usedMemoryNet == 0");
     }
     if (module.getCurrentlyUsedBytes() <= module.reservedBytes())
     {
@@ -181,7 +181,7 @@ void MemoryPoolImpl::freeChunkFromMmiLocked(std::uint64_t netBytes, ModuleMemory
     }
     if (module.getCurrentlyUsedBytes() < m_chunkSize) [[unlikely]]
     {
-        failPoolCheck(THIS_METHOD, NUMBER_MODULE_TOO_SMALL, "mmi->getCurrentlyUsedBytes() >= m_chunkSize",
+        failPoolCheck(TAVRO_METHOD, NUMBER_MODULE_TOO_SMALL, "mmi->getCurrentlyUsedBytes() >= m_chunkSize",
                       " mmi->getCurrentlyUsedBytes()=", module.getCurrentlyUsedBytes(), " m_chunkSize=", m_chunkSize);
     }
     module.subtractUsedBytes(m_chunkSize);

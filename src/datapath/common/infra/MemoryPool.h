@@ -103,47 +103,47 @@ public:
 
     /// Waits until the pool has grown enough for the reservation, so the MemoryHelperThread must not register a module
     /// with one. Returns null, with an Error line, if the settings cannot be met.
-    ModuleMemoryInformation* registerModule(const ModuleSettings& settings) EXCLUDES(m_mutex);
+    ModuleMemoryInformation* registerModule(const ModuleSettings& settings) TAVRO_EXCLUDES(m_mutex);
 
     /// Completes the module's waiting requests with RC_ABORTED, takes back the segments that they have got, and
     /// destroys the module. Returns false, with an Error line and nothing changed, while the module has other segments
     /// in use or has children.
-    bool unregisterModule(ModuleMemoryInformation& module) EXCLUDES(m_mutex);
+    bool unregisterModule(ModuleMemoryInformation& module) TAVRO_EXCLUDES(m_mutex);
 
     /// Appends segments of that many bytes to the buffer, which only the pool may use until the future is set: to
     /// RC_OK, or to RC_ABORTED when the module or the pool is destroyed before. 0 bytes are complete at once. The trace
     /// id identifies the request in messages.
     [[nodiscard]] FutureInternal::Future<RcStatus> requestMemory(ModuleMemoryInformation& module, std::uint32_t bytes,
                                                                  ScatteredBuf& buffer, std::uint64_t clientTraceId)
-        EXCLUDES(m_mutex);
+        TAVRO_EXCLUDES(m_mutex);
 
-    void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) override EXCLUDES(m_mutex);
-    void freeSegment(MemorySegment& segment) override EXCLUDES(m_mutex);
-    void addUsedMemoryNet(std::int32_t bytes) override EXCLUDES(m_mutex);
+    void freeSegments(std::list<MemorySegment>& segments, std::int32_t fromIndex) override TAVRO_EXCLUDES(m_mutex);
+    void freeSegment(MemorySegment& segment) override TAVRO_EXCLUDES(m_mutex);
+    void addUsedMemoryNet(std::int32_t bytes) override TAVRO_EXCLUDES(m_mutex);
     [[nodiscard]] std::uint32_t getChunkSize() const override { return m_chunkSize; }
 
     /// Logs the figures of the pool, of each module and of the sub-pools, and the requests that have waited too long.
-    virtual void printMemoryUsage() EXCLUDES(m_mutex, m_subPoolsMutex);
+    virtual void printMemoryUsage() TAVRO_EXCLUDES(m_mutex, m_subPoolsMutex);
 
-    [[nodiscard]] Usage usage() EXCLUDES(m_mutex);
+    [[nodiscard]] Usage usage() TAVRO_EXCLUDES(m_mutex);
 
     /// Returns when no growth is in flight. Never to be called by the MemoryHelperThread.
-    void waitForGrowth() EXCLUDES(m_mutex);
+    void waitForGrowth() TAVRO_EXCLUDES(m_mutex);
 
     /// Gives back blocks whose chunks are all free, except those that reservations need. Returns how many bytes.
-    std::uint64_t releaseUnused() EXCLUDES(m_mutex);
+    std::uint64_t releaseUnused() TAVRO_EXCLUDES(m_mutex);
 
     /// Lets the report of this pool show the other pool, too. Returns false, with an Error line, for the pool itself,
     /// for a pool that is attached already, and for a pool to whose sub-pools, direct or indirect, this one belongs.
-    bool attachSubPool(MemoryPoolImpl& pool) EXCLUDES(m_subPoolsMutex);
+    bool attachSubPool(MemoryPoolImpl& pool) TAVRO_EXCLUDES(m_subPoolsMutex);
     /// Returns false, with an Error line, for a pool that is not attached.
-    bool detachSubPool(MemoryPoolImpl& pool) EXCLUDES(m_subPoolsMutex);
+    bool detachSubPool(MemoryPoolImpl& pool) TAVRO_EXCLUDES(m_subPoolsMutex);
 
     /// For a thread that stops forever during a report: releases the locks of its reports, so that others can report.
     static void endReportsForGood();
 
     /// For tests: whether figures, free chunks, modules and waiting requests agree.
-    [[nodiscard]] bool checkInvariants() EXCLUDES(m_mutex);
+    [[nodiscard]] bool checkInvariants() TAVRO_EXCLUDES(m_mutex);
 
 protected:
     // The source of blocks. allocateSingleAllocation is called under the pool's lock. Its future may be set later and
@@ -180,100 +180,106 @@ private:
     class Guard;
 
     // Free chunks.
-    [[nodiscard]] bool isEmptyLocked() const REQUIRES(m_mutex) { return m_firstFree == nullptr; }
-    void putChunkLocked(void* memory) REQUIRES(m_mutex) { m_firstFree = ::new (memory) FreeChunk{.next = m_firstFree}; }
-    [[nodiscard]] inline char* takeChunkLocked() REQUIRES(m_mutex);
-    [[nodiscard]] std::uint64_t freeBytesLocked() const REQUIRES(m_mutex)
+    [[nodiscard]] bool isEmptyLocked() const TAVRO_REQUIRES(m_mutex) { return m_firstFree == nullptr; }
+    void putChunkLocked(void* memory) TAVRO_REQUIRES(m_mutex)
+    {
+        m_firstFree = ::new (memory) FreeChunk{.next = m_firstFree};
+    }
+    [[nodiscard]] inline char* takeChunkLocked() TAVRO_REQUIRES(m_mutex);
+    [[nodiscard]] std::uint64_t freeBytesLocked() const TAVRO_REQUIRES(m_mutex)
     {
         return m_totalPollSize - m_usedMemoryGross - m_reservedFree;
     }
 
     // Serving.
-    [[nodiscard]] inline FreeBytesInfo classifyLocked(const ModuleMemoryInformation& module) const REQUIRES(m_mutex);
-    [[nodiscard]] inline FreeBytesInfo getFreeBytesLocked(const ModuleMemoryInformation& module) REQUIRES(m_mutex);
+    [[nodiscard]] inline FreeBytesInfo classifyLocked(const ModuleMemoryInformation& module) const
+        TAVRO_REQUIRES(m_mutex);
+    [[nodiscard]] inline FreeBytesInfo getFreeBytesLocked(const ModuleMemoryInformation& module)
+        TAVRO_REQUIRES(m_mutex);
     inline void getMemorySegmentLocked(std::uint32_t bytes, ModuleMemoryInformation& module, MemorySegment& segment)
-        REQUIRES(m_mutex);
+        TAVRO_REQUIRES(m_mutex);
     inline FreeBytesInfo takeSegmentsLocked(ModuleMemoryInformation& module, std::uint32_t& missingBytes,
                                             ScatteredBuf& buffer, std::uint32_t& numSegments,
-                                            std::list<MemorySegment>& spare) REQUIRES(m_mutex);
-    FreeBytesInfo giveMemoryIfPreparedToTakeLocked(ModuleMemoryInformation& module, Request& request) REQUIRES(m_mutex);
-    void giveMemoryToWaiterLocked() REQUIRES(m_mutex);
-    void giveMemoryToModuleLocked(ModuleMemoryInformation& module) REQUIRES(m_mutex);
-    void completeLocked(Request& request, RcStatus status) REQUIRES(m_mutex);
-    void serveLocked(std::span<ModuleMemoryInformation* const> affected) REQUIRES(m_mutex);
+                                            std::list<MemorySegment>& spare) TAVRO_REQUIRES(m_mutex);
+    FreeBytesInfo giveMemoryIfPreparedToTakeLocked(ModuleMemoryInformation& module, Request& request)
+        TAVRO_REQUIRES(m_mutex);
+    void giveMemoryToWaiterLocked() TAVRO_REQUIRES(m_mutex);
+    void giveMemoryToModuleLocked(ModuleMemoryInformation& module) TAVRO_REQUIRES(m_mutex);
+    void completeLocked(Request& request, RcStatus status) TAVRO_REQUIRES(m_mutex);
+    void serveLocked(std::span<ModuleMemoryInformation* const> affected) TAVRO_REQUIRES(m_mutex);
     [[nodiscard]] static std::size_t getMmiPendingRequestsLocked(const ModuleMemoryInformation& module)
     {
         return module.waiting().queue().size();
     }
 
     /// Whether the module belongs to this pool. Serving a module of another pool ends the process.
-    [[nodiscard]] bool isOwnLocked(const ModuleMemoryInformation& module) const REQUIRES(m_mutex)
+    [[nodiscard]] bool isOwnLocked(const ModuleMemoryInformation& module) const TAVRO_REQUIRES(m_mutex)
     {
         return module.waiting().isSubscribedTo(m_waitingList);
     }
 
     // Giving back.
-    inline void freeSegmentContentLocked(MemorySegment& segment) REQUIRES(m_mutex);
-    inline void freeChunkFromMmiLocked(std::uint64_t netBytes, ModuleMemoryInformation& module) REQUIRES(m_mutex);
+    inline void freeSegmentContentLocked(MemorySegment& segment) TAVRO_REQUIRES(m_mutex);
+    inline void freeChunkFromMmiLocked(std::uint64_t netBytes, ModuleMemoryInformation& module) TAVRO_REQUIRES(m_mutex);
     static void releaseUnowned(char* buffer);
 
     // Modules.
     [[nodiscard]] std::string registrationRefusalLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
-                                                        std::uint64_t limitBytes) const REQUIRES(m_mutex);
-    [[nodiscard]] bool growForReservationLocked(std::uint64_t reservedBytes) REQUIRES(m_mutex);
+                                                        std::uint64_t limitBytes) const TAVRO_REQUIRES(m_mutex);
+    [[nodiscard]] bool growForReservationLocked(std::uint64_t reservedBytes) TAVRO_REQUIRES(m_mutex);
     [[nodiscard]] ModuleMemoryInformation* addModuleLocked(const ModuleSettings& settings, std::uint64_t reservedBytes,
-                                                           std::uint64_t limitBytes) REQUIRES(m_mutex);
+                                                           std::uint64_t limitBytes) TAVRO_REQUIRES(m_mutex);
     [[nodiscard]] std::uint64_t largestPoolSize() const;
     [[nodiscard]] std::string unregistrationRefusalLocked(const ModuleMemoryInformation& module) const
-        REQUIRES(m_mutex);
-    void abortRequestsLocked(ModuleMemoryInformation& module) REQUIRES(m_mutex);
+        TAVRO_REQUIRES(m_mutex);
+    void abortRequestsLocked(ModuleMemoryInformation& module) TAVRO_REQUIRES(m_mutex);
 
     // Growing.
-    void requestForMoreAllocationLocked() REQUIRES(m_mutex);
-    void requestForMoreAllocationDoneLocked(RcStatus status) REQUIRES(m_mutex);
-    void allocatePagesFromSingleAllocationLocked(char* memory, std::uint32_t size) REQUIRES(m_mutex);
-    void finishGrowth(RcStatus status) EXCLUDES(m_mutex);
+    void requestForMoreAllocationLocked() TAVRO_REQUIRES(m_mutex);
+    void requestForMoreAllocationDoneLocked(RcStatus status) TAVRO_REQUIRES(m_mutex);
+    void allocatePagesFromSingleAllocationLocked(char* memory, std::uint32_t size) TAVRO_REQUIRES(m_mutex);
+    void finishGrowth(RcStatus status) TAVRO_EXCLUDES(m_mutex);
     /// The growth in flight, if there is one: a future that is set when it is over.
-    [[nodiscard]] std::optional<FutureInternal::Future<RcStatus>> growthLocked() const REQUIRES(m_mutex);
+    [[nodiscard]] std::optional<FutureInternal::Future<RcStatus>> growthLocked() const TAVRO_REQUIRES(m_mutex);
 
     // Reports.
     /// The lock that a report takes: one that does nothing if the calling thread holds the pool's lock already.
-    [[nodiscard]] IMutex& reportMutex() RETURNS_CAPABILITY(m_mutex);
-    void printModules() EXCLUDES(m_mutex);
-    void monitorPendingMemoryAllocations() EXCLUDES(m_mutex);
-    void printSubPools() EXCLUDES(m_subPoolsMutex);
-    [[nodiscard]] bool canReach(const MemoryPoolImpl& pool) EXCLUDES(m_subPoolsMutex);
-    [[nodiscard]] bool areFreeChunksSoundLocked() const REQUIRES(m_mutex);
+    [[nodiscard]] IMutex& reportMutex() TAVRO_RETURNS_CAPABILITY(m_mutex);
+    void printModules() TAVRO_EXCLUDES(m_mutex);
+    void monitorPendingMemoryAllocations() TAVRO_EXCLUDES(m_mutex);
+    void printSubPools() TAVRO_EXCLUDES(m_subPoolsMutex);
+    [[nodiscard]] bool canReach(const MemoryPoolImpl& pool) TAVRO_EXCLUDES(m_subPoolsMutex);
+    [[nodiscard]] bool areFreeChunksSoundLocked() const TAVRO_REQUIRES(m_mutex);
 
-    void assertLocked() const ASSERTS_HELD(m_mutex) {}
+    void assertLocked() const TAVRO_ASSERTS_HELD(m_mutex) {}
 
     const std::uint32_t m_chunkSize;
     const std::uint64_t m_maxPoolSize;
 
     // The members that each request and each return write share one cache line with the first words of the mutex, which
     // locking writes: threads that use the pool at the same time pass one line between them. The others they only read.
-    alignas(CACHE_LINE) FreeChunk* m_firstFree GUARDED_BY(m_mutex) = nullptr; // the one freed last
-    std::uint64_t m_usedMemoryGross GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_usedMemoryNet GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_reservedFree GUARDED_BY(m_mutex) = 0; // the unused parts of all reservations
+    alignas(CACHE_LINE) FreeChunk* m_firstFree TAVRO_GUARDED_BY(m_mutex) = nullptr; // the one freed last
+    std::uint64_t m_usedMemoryGross TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_usedMemoryNet TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_reservedFree TAVRO_GUARDED_BY(m_mutex) = 0; // the unused parts of all reservations
     Mutex m_mutex; // guards everything but the sub-pools; the locks of observers are taken inside it
-    std::uint64_t m_totalPollSize GUARDED_BY(m_mutex) = 0; // bytes of all blocks
-    std::uint64_t m_numPending GUARDED_BY(m_mutex) = 0;    // waiting requests of all modules
+    std::uint64_t m_totalPollSize TAVRO_GUARDED_BY(m_mutex) = 0; // bytes of all blocks
+    std::uint64_t m_numPending TAVRO_GUARDED_BY(m_mutex) = 0;    // waiting requests of all modules
 
     // What Guard releases and logs after it has released the lock.
-    WaitingRequestsQueue_Internal::RemovedRequests m_removedRequests GUARDED_BY(m_mutex);
-    std::vector<MemoryAllocationHelper*> m_finishedHelpers GUARDED_BY(m_mutex);
-    std::uint64_t m_sizeToReport GUARDED_BY(m_mutex) = 0; // the pool's size after growth; 0: no line is due
+    WaitingRequestsQueue_Internal::RemovedRequests m_removedRequests TAVRO_GUARDED_BY(m_mutex);
+    std::vector<MemoryAllocationHelper*> m_finishedHelpers TAVRO_GUARDED_BY(m_mutex);
+    std::uint64_t m_sizeToReport TAVRO_GUARDED_BY(m_mutex) = 0; // the pool's size after growth; 0: no line is due
 
     // Guards the set of sub-pools, and is held during a report of them, so that none goes meanwhile. Their locks and
     // those of log clients are taken inside it.
     alignas(CACHE_LINE) OwnedMutex m_subPoolsMutex;
-    std::map<char*, SingleAllocation> m_singleAllocations GUARDED_BY(m_mutex);
-    StlMemShiledContainer<std::map<std::string, ModuleMemoryInformation*>> m_modules GUARDED_BY(m_mutex){"mmis"};
-    StlMemShiledContainer<std::set<MemoryPoolImpl*>> m_subPools GUARDED_BY(m_subPoolsMutex){"subPools"};
-    MemoryAllocationHelper* m_requestForMoreAllocationHelper GUARDED_BY(m_mutex) = nullptr; // growth in flight
-    std::int64_t m_lastGrowthReportMs GUARDED_BY(m_mutex) = 0;
-    std::int64_t m_lastMonitoringMs GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_lastKey GUARDED_BY(m_mutex) = 0; // the key of the request that was queued last
-    SequentialRequestsManager m_waitingList GUARDED_BY(m_mutex){"memoryWaitingList"};
+    std::map<char*, SingleAllocation> m_singleAllocations TAVRO_GUARDED_BY(m_mutex);
+    StlMemShiledContainer<std::map<std::string, ModuleMemoryInformation*>> m_modules TAVRO_GUARDED_BY(m_mutex){"mmis"};
+    StlMemShiledContainer<std::set<MemoryPoolImpl*>> m_subPools TAVRO_GUARDED_BY(m_subPoolsMutex){"subPools"};
+    MemoryAllocationHelper* m_requestForMoreAllocationHelper TAVRO_GUARDED_BY(m_mutex) = nullptr; // growth in flight
+    std::int64_t m_lastGrowthReportMs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::int64_t m_lastMonitoringMs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_lastKey TAVRO_GUARDED_BY(m_mutex) = 0; // the key of the request that was queued last
+    SequentialRequestsManager m_waitingList TAVRO_GUARDED_BY(m_mutex){"memoryWaitingList"};
 };

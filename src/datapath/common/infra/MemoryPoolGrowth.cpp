@@ -41,7 +41,7 @@ public:
     {
         if (value != RC_OK && value != RC_ABORTED && value != RC_TIME_OUT)
         {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, PLACE_WRONG_STATUS, "a_val == RC_ABORTED || a_val == RC_TIME_OUT")
+            CheckFailure(LoggerId::OLM, TAVRO_METHOD, PLACE_WRONG_STATUS, "a_val == RC_ABORTED || a_val == RC_TIME_OUT")
                 << " a_val=" << static_cast<std::int32_t>(value) << std::endl;
         }
         m_status = value;
@@ -99,7 +99,7 @@ void MemoryPoolImpl::requestForMoreAllocationLocked()
 {
     if (m_requestForMoreAllocationHelper != nullptr)
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, PLACE_GROWTH_TWICE, "m_requestForMoreAllocationHelper == 0")
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, PLACE_GROWTH_TWICE, "m_requestForMoreAllocationHelper == 0")
             << std::endl;
     }
     using Future = FutureInternal::Future<RcStatus>;
@@ -132,7 +132,8 @@ void MemoryPoolImpl::requestForMoreAllocationDoneLocked(RcStatus status)
 {
     if (m_requestForMoreAllocationHelper == nullptr)
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, PLACE_NO_GROWTH, "m_requestForMoreAllocationHelper != 0") << std::endl;
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, PLACE_NO_GROWTH, "m_requestForMoreAllocationHelper != 0")
+            << std::endl;
     }
     MemoryAllocationHelper* const helper = std::exchange(m_requestForMoreAllocationHelper, nullptr);
     if (status == RC_OK)
@@ -147,7 +148,7 @@ void MemoryPoolImpl::allocatePagesFromSingleAllocationLocked(char* memory, std::
 {
     if (size % m_chunkSize != 0)
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, PLACE_NOT_WHOLE_CHUNKS, "allocationSize % m_chunkSize == 0")
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, PLACE_NOT_WHOLE_CHUNKS, "allocationSize % m_chunkSize == 0")
             << " allocationSize=" << size << " m_chunkSize=" << m_chunkSize << std::endl;
     }
     std::memset(memory, FRESH_FILLING, size);

@@ -62,13 +62,13 @@ private:
 };
 
 /// Locks the pool. After the lock has been released, releases what was removed under it and logs growth.
-class SCOPED_CAPABILITY MemoryPoolImpl::Guard
+class TAVRO_SCOPED_CAPABILITY MemoryPoolImpl::Guard
 {
 public:
-    explicit Guard(MemoryPoolImpl& pool) ACQUIRES(pool.m_mutex) : m_pool(pool) { m_pool.m_mutex.lock(); }
+    explicit Guard(MemoryPoolImpl& pool) TAVRO_ACQUIRES(pool.m_mutex) : m_pool(pool) { m_pool.m_mutex.lock(); }
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
-    ~Guard() noexcept(false) RELEASES()
+    ~Guard() noexcept(false) TAVRO_RELEASES()
     {
         if (m_pool.m_removedRequests.empty() && m_pool.m_finishedHelpers.empty()) [[likely]]
         {
@@ -81,7 +81,7 @@ public:
     }
 
 private:
-    void unlockAndRelease() RELEASES(m_pool.m_mutex);
+    void unlockAndRelease() TAVRO_RELEASES(m_pool.m_mutex);
 
     MemoryPoolImpl& m_pool;
 };

@@ -95,7 +95,7 @@ ModuleMemoryInformation* MemoryPoolImpl::registerModule(const ModuleSettings& se
                 "the pool could not grow for a reservation of " + std::to_string(settings.reservedBytes) + " bytes";
         }
     }
-    LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD)
+    LogItem(LoggerId::OLM, LogLevel::Error, TAVRO_METHOD)
         << "module \"" << settings.name << "\" is not registered: " << refusal << std::endl;
     return nullptr;
 }
@@ -171,7 +171,7 @@ bool MemoryPoolImpl::unregisterModule(ModuleMemoryInformation& module)
     }
     if (!refusal.empty())
     {
-        LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD) << "cannot unregister " << refusal << std::endl;
+        LogItem(LoggerId::OLM, LogLevel::Error, TAVRO_METHOD) << "cannot unregister " << refusal << std::endl;
         return false;
     }
     GuardedMemory::destroy(&module, SourcePlace::here());

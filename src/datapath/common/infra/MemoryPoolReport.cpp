@@ -232,7 +232,7 @@ bool MemoryPoolImpl::attachSubPool(MemoryPoolImpl& pool)
     }
     if (refusal != nullptr)
     {
-        LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD) << refusal << std::endl;
+        LogItem(LoggerId::OLM, LogLevel::Error, TAVRO_METHOD) << refusal << std::endl;
     }
     return refusal == nullptr;
 }
@@ -246,7 +246,7 @@ bool MemoryPoolImpl::detachSubPool(MemoryPoolImpl& pool)
     }
     if (!isDetached)
     {
-        LogItem(LoggerId::OLM, LogLevel::Error, THIS_METHOD) << "the pool is not attached" << std::endl;
+        LogItem(LoggerId::OLM, LogLevel::Error, TAVRO_METHOD) << "the pool is not attached" << std::endl;
     }
     return isDetached;
 }

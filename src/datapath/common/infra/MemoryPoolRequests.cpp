@@ -79,7 +79,7 @@ void MemoryPoolImpl::getMemorySegmentLocked(std::uint32_t bytes, ModuleMemoryInf
 {
     if (isEmptyLocked()) [[unlikely]]
     {
-        failPoolCheck(THIS_METHOD, NUMBER_NO_FREE_CHUNK, "!isEmptyLocked()");
+        failPoolCheck(TAVRO_METHOD, NUMBER_NO_FREE_CHUNK, "!isEmptyLocked()");
     }
     segment.sizeBytes = std::min(bytes, m_chunkSize);
     segment.buffer = takeChunkLocked();
@@ -90,7 +90,7 @@ void MemoryPoolImpl::getMemorySegmentLocked(std::uint32_t bytes, ModuleMemoryInf
     {
         if (m_reservedFree < m_chunkSize) [[unlikely]]
         {
-            failPoolCheck(THIS_METHOD, NUMBER_RESERVATION_TOO_SMALL, "m_reservedFree >= m_chunkSize",
+            failPoolCheck(TAVRO_METHOD, NUMBER_RESERVATION_TOO_SMALL, "m_reservedFree >= m_chunkSize",
                           " m_reservedFree=", m_reservedFree, " m_chunkSize=", m_chunkSize);
         }
         m_reservedFree -= m_chunkSize;
@@ -135,7 +135,7 @@ MemoryPoolImpl::FreeBytesInfo MemoryPoolImpl::giveMemoryIfPreparedToTakeLocked(M
     {
         if (getMmiPendingRequestsLocked(module) == 0)
         {
-            failPoolCheck(THIS_METHOD, NUMBER_NOTHING_PENDING, "getMmiPendingRequestsLocked(mmi) > 0");
+            failPoolCheck(TAVRO_METHOD, NUMBER_NOTHING_PENDING, "getMmiPendingRequestsLocked(mmi) > 0");
         }
         completeLocked(request, RC_OK);
     }
@@ -168,7 +168,7 @@ void MemoryPoolImpl::giveMemoryToWaiterLocked()
             }
             else if (!info.isEmptyMemPool)
             {
-                failPoolCheck(THIS_METHOD, NUMBER_WRONG_INFO, "false",
+                failPoolCheck(TAVRO_METHOD, NUMBER_WRONG_INFO, "false",
                               "wrong FreeBytes Info:", "IsAbleToGetMemory=", info.isAbleToGetMemory, ",",
                               "IsFullMmi=", info.isFullMmi, ",", "IsEmptyMemPool=", info.isEmptyMemPool);
             }

@@ -15,30 +15,30 @@
 
 #include <cstdint>
 
-class CAPABILITY("mutex") IMutex
+class TAVRO_CAPABILITY("mutex") IMutex
 {
 public:
-    virtual void lock() ACQUIRES() = 0;
-    virtual void unlock() RELEASES() = 0;
+    virtual void lock() TAVRO_ACQUIRES() = 0;
+    virtual void unlock() TAVRO_RELEASES() = 0;
     virtual ~IMutex() = default;
 };
 
 /// A non-recursive mutex.
-class CAPABILITY("mutex") Mutex final : public IMutex
+class TAVRO_CAPABILITY("mutex") Mutex final : public IMutex
 {
 public:
     Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    void lock() ACQUIRES() override
+    void lock() TAVRO_ACQUIRES() override
     {
         if (!m_mutex.tryLock())
         {
             lockContended();
         }
     }
-    void unlock() RELEASES() override { m_mutex.unlock(); }
+    void unlock() TAVRO_RELEASES() override { m_mutex.unlock(); }
 
 private:
     /// Most locks are held for less time than falling asleep takes. Each look is preceded by many spin-wait hints,
@@ -59,19 +59,19 @@ private:
 
 /// A Mutex that knows its owner: for a lock under which lines are logged, because a log client may call the code that
 /// took the lock.
-class CAPABILITY("mutex") OwnedMutex final : public IMutex
+class TAVRO_CAPABILITY("mutex") OwnedMutex final : public IMutex
 {
 public:
     OwnedMutex() = default;
     OwnedMutex(const OwnedMutex&) = delete;
     OwnedMutex& operator=(const OwnedMutex&) = delete;
 
-    void lock() ACQUIRES() override
+    void lock() TAVRO_ACQUIRES() override
     {
         m_mutex.lock();
         m_owner.store(platform::currentThreadId(), std::memory_order_relaxed);
     }
-    void unlock() RELEASES() override
+    void unlock() TAVRO_RELEASES() override
     {
         m_owner.store(0, std::memory_order_relaxed);
         m_mutex.unlock();
@@ -84,7 +84,7 @@ public:
     }
 
     /// Tells the thread-safety analysis what isMine has found.
-    void assertLocked() const ASSERTS_HELD(this) {}
+    void assertLocked() const TAVRO_ASSERTS_HELD(this) {}
 
 private:
     Mutex m_mutex;
@@ -92,13 +92,13 @@ private:
 };
 
 /// Locks for its own lifetime. With IMutex the calls are virtual; with a final class such as Mutex they are direct.
-template <class Lockable> class SCOPED_CAPABILITY MutexGuard
+template <class Lockable> class TAVRO_SCOPED_CAPABILITY MutexGuard
 {
 public:
-    explicit MutexGuard(Lockable& mutex) ACQUIRES(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    explicit MutexGuard(Lockable& mutex) TAVRO_ACQUIRES(mutex) : m_mutex(mutex) { m_mutex.lock(); }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
-    ~MutexGuard() RELEASES() { m_mutex.unlock(); }
+    ~MutexGuard() TAVRO_RELEASES() { m_mutex.unlock(); }
 
 private:
     Lockable& m_mutex;

@@ -39,7 +39,7 @@ RateMonitor::RateMonitor(std::string name, const Settings& settings)
 {
     if (settings.timeUnit == 0)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "settings.timeUnit != 0")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "settings.timeUnit != 0")
             << " m_name=" << m_name << " " << std::endl;
     }
 }
@@ -48,7 +48,7 @@ RateMonitor::~RateMonitor()
 {
     if (m_currentActiveTasks != 0)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "m_currentActiveTasks == 0")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "m_currentActiveTasks == 0")
             << " m_name=" << m_name << " "
             << " m_currentActiveTasks=" << m_currentActiveTasks << " " << std::endl;
     }
@@ -58,14 +58,14 @@ void RateMonitor::incActiveTasksLocked(std::int32_t c)
 {
     if (c != 1 && c != -1)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "c == 1 || c == -1")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "c == 1 || c == -1")
             << " c=" << c << " "
             << " m_name=" << m_name << " " << std::endl;
         return;
     }
     if (c == -1 && m_currentActiveTasks == 0)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "m_currentActiveTasks > 0")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "m_currentActiveTasks > 0")
             << " m_name=" << m_name << " " << std::endl;
         return;
     }
@@ -144,7 +144,7 @@ void RateMonitor::update() const
     {
         return;
     }
-    LogItem line(LoggerId::NON, LogLevel::Info, THIS_METHOD);
+    LogItem line(LoggerId::NON, LogLevel::Info, TAVRO_METHOD);
     line << m_name << " time=" << m_totalTimeUs / m_timeUnit << " (" << m_busyTimeUs / m_timeUnit
          << ") rate=" << m_itemsPerSecBusy;
     if (m_bytesPerSecBusy != 0)

@@ -44,16 +44,16 @@ public:
     ~RateMonitor();
 
     /// A task starts (c is 1) or ends (-1). Any other value, or an end without an active task, ends the process.
-    void incActiveTasksLocked(std::int32_t c) REQUIRES(m_mutex);
+    void incActiveTasksLocked(std::int32_t c) TAVRO_REQUIRES(m_mutex);
 
     /// Adds to what the tasks have handled. The sums of a period saturate at the largest 32-bit value.
-    void addItemsLocked(std::uint32_t items, std::uint64_t bytes) REQUIRES(m_mutex);
+    void addItemsLocked(std::uint32_t items, std::uint64_t bytes) TAVRO_REQUIRES(m_mutex);
 
     /// A task ends at nowUs and has taken latencyUs. Logs the line if it is due.
-    void taskCompleted(std::uint64_t nowUs, std::uint64_t latencyUs) REQUIRES(m_mutex);
+    void taskCompleted(std::uint64_t nowUs, std::uint64_t latencyUs) TAVRO_REQUIRES(m_mutex);
 
     /// Logs the line with the results of the last period that was closed.
-    void update() const REQUIRES(m_mutex);
+    void update() const TAVRO_REQUIRES(m_mutex);
 
     [[nodiscard]] std::uint64_t nowUs() const { return static_cast<std::uint64_t>(m_timestampUs()); }
 
@@ -61,12 +61,12 @@ public:
 
     /// The start of the busy period of the active object that the monitor is attached to, 0 outside of one. That object
     /// writes it.
-    std::uint64_t m_aoBusyStartUs GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_aoBusyStartUs TAVRO_GUARDED_BY(m_mutex) = 0;
 
 private:
-    [[nodiscard]] bool isReportDue() const REQUIRES(m_mutex);
-    void closePeriod(std::uint64_t nowUs) REQUIRES(m_mutex);
-    void startPeriod() REQUIRES(m_mutex);
+    [[nodiscard]] bool isReportDue() const TAVRO_REQUIRES(m_mutex);
+    void closePeriod(std::uint64_t nowUs) TAVRO_REQUIRES(m_mutex);
+    void startPeriod() TAVRO_REQUIRES(m_mutex);
 
     const std::string m_name;
     const std::uint32_t m_minItemsForReport;
@@ -77,31 +77,31 @@ private:
     std::int64_t (*const m_timestampUs)();
 
     // The state that goes on from one period to the next.
-    std::uint64_t m_lastTaskEndUs GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_idleStartUs GUARDED_BY(m_mutex) = 0; // when the last active task ended, 0 before that
-    std::uint64_t m_busyStartUs GUARDED_BY(m_mutex) = 0; // start of the busy time that m_busyTimeUs lacks
-    std::uint64_t m_lastConcurrencyChangeUs GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_currentActiveTasks GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_lastTaskEndUs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_idleStartUs TAVRO_GUARDED_BY(m_mutex) = 0; // when the last active task ended, 0 before that
+    std::uint64_t m_busyStartUs TAVRO_GUARDED_BY(m_mutex) = 0; // start of the busy time that m_busyTimeUs lacks
+    std::uint64_t m_lastConcurrencyChangeUs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_currentActiveTasks TAVRO_GUARDED_BY(m_mutex) = 0;
 
     // The current period.
-    std::uint64_t m_periodStartUs GUARDED_BY(m_mutex);
-    std::uint64_t m_idleTimeUs GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_busyTimeUs GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_latencySumUs GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_maxLatencyUs GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_items GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_bytes GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_completedTasks GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_maxConcurrency GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_minConcurrency GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_concurrencyIntegral GUARDED_BY(m_mutex) = 0; // active tasks times µs
+    std::uint64_t m_periodStartUs TAVRO_GUARDED_BY(m_mutex);
+    std::uint64_t m_idleTimeUs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_busyTimeUs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_latencySumUs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_maxLatencyUs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_items TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_bytes TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_completedTasks TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_maxConcurrency TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_minConcurrency TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_concurrencyIntegral TAVRO_GUARDED_BY(m_mutex) = 0; // active tasks times µs
 
     // The results of the last period that was closed.
-    std::uint64_t m_totalTimeUs GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_bytesPerSecBusy GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_itemsPerSecBusy GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_bytesPerSecWall GUARDED_BY(m_mutex) = 0;
-    std::uint32_t m_itemsPerSecWall GUARDED_BY(m_mutex) = 0;
-    float m_avgConcurrency GUARDED_BY(m_mutex) = 0;
-    float m_avgBusyConcurrency GUARDED_BY(m_mutex) = 0; // over the busy time alone
+    std::uint64_t m_totalTimeUs TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_bytesPerSecBusy TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_itemsPerSecBusy TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_bytesPerSecWall TAVRO_GUARDED_BY(m_mutex) = 0;
+    std::uint32_t m_itemsPerSecWall TAVRO_GUARDED_BY(m_mutex) = 0;
+    float m_avgConcurrency TAVRO_GUARDED_BY(m_mutex) = 0;
+    float m_avgBusyConcurrency TAVRO_GUARDED_BY(m_mutex) = 0; // over the busy time alone
 };

@@ -54,7 +54,7 @@ void SequentialRequestsManager::iterateWaiting(const Handler& visitor)
         const WaitingRequestsQueue::Item sequentialRequest = module->queue().front();
         if (sequentialRequest.key != key)
         {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_OUT_OF_ORDER),
+            CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_OUT_OF_ORDER),
                          "sequentialRequest.getKey() == key")
                 << "out of order- current request in WaitingModules  is not the same as the request in "
                    "waitingRequestsQueue front"
@@ -69,7 +69,7 @@ void SequentialRequestsManager::iterateWaiting(const Handler& visitor)
         {
             if (flags.any())
             {
-                CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_WRONG_FLAGS),
+                CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_WRONG_FLAGS),
                              "postIterationFlags.count()==0")
                     << "wrong postIterationFlags info"
                     << " postIterationFlags=" << flags << " " << std::endl;
@@ -85,14 +85,14 @@ void SequentialRequestsManager::iterateWaiting(const Handler& visitor)
         }
         if (isStillWaiting)
         {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_WAITING_WITHOUT_COMPLETED), "false")
+            CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_WAITING_WITHOUT_COMPLETED), "false")
                 << "wrong flags data "
                 << " postIterationFlags[NextIterationData::COMPLETED_REQUEST]=" << isCompleted << " "
                 << " postIterationFlags[NextIterationData::MMI_STILL_WAITING]=" << isStillWaiting << " " << std::endl;
         }
         if (isCompleted)
         {
-            CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_COMPLETED_WITHOUT_NEXT),
+            CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_COMPLETED_WITHOUT_NEXT),
                          "postIterationFlags[NextIterationData::COMPLETED_REQUEST] == false")
                 << "removing completed request without importing a new request reference is not supported" << std::endl;
         }
@@ -104,13 +104,13 @@ void SequentialRequestsManager::removeRequestReference(WaitingModules::const_ite
 {
     if (entry->second != module)
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_WRONG_MODULE),
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_WRONG_MODULE),
                      "waitingModulesIter->second == mmi")
             << "trying to remove request reference of wrong mmi" << std::endl;
     }
     if (!module->getIsRequestInWaitingModules())
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_NOT_WAITING),
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_NOT_WAITING),
                      "mmi->getIsRequestInWaitingModules() == true")
             << "wrong IsRequestInWaitingModules flag info"
             << " mmi->getIsRequestInWaitingModules()=" << module->getIsRequestInWaitingModules() << " " << std::endl;
@@ -123,13 +123,13 @@ void SequentialRequestsManager::importRequestReferenceInternal(ModuleInformation
 {
     if (!module->isSubscribedTo(*this))
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_UNSUBSCRIBED),
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_UNSUBSCRIBED),
                      "itWaitingModule != m_modulesInfo.end()")
             << "unsubscribed mmi" << std::endl;
     }
     if (module->getIsRequestInWaitingModules())
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_WAITING_ALREADY),
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_WAITING_ALREADY),
                      "mmi->getIsRequestInWaitingModules() == false")
             << "trying to import request ref for mmi that already has request ref in waiting modules" << std::endl;
     }
@@ -152,7 +152,7 @@ void SequentialRequestsManager::iterateAll(const Handler& visitor, ModuleInforma
 {
     if (!module->isSubscribedTo(*this))
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_UNKNOWN_MODULE),
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_UNKNOWN_MODULE),
                      "it != m_modulesInfo.end()")
             << "mmi doesn't exist in WaitingRequests container" << std::endl;
     }

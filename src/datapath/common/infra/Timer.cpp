@@ -19,7 +19,7 @@ void Timer::start()
     if (platform::startThread(WindowsTimer::timerThread, &WindowsTimer::instance(),
                               platform::ThreadPriority::TimeCritical) != platform::ErrorNumber::Success)
     {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "h != NULL");
     }
 }
 

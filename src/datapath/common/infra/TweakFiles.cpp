@@ -134,7 +134,7 @@ std::deque<TweakLine> Tweaks::getTweaksFromStream(std::istream& text, TweakFileK
         else if (kind == TweakFileKind::Consistent)
         {
             std::cerr << "tweak line without \"=\": " << content << std::endl;
-            failAssertion(LoggerId::NON, THIS_METHOD, PLACE_HAS_VALUE, "false");
+            failAssertion(LoggerId::NON, TAVRO_METHOD, PLACE_HAS_VALUE, "false");
         }
     }
     return parsed;
@@ -186,7 +186,7 @@ bool Tweaks::updateFromFile(const std::string& path)
     InputTextFile file(path);
     if (!file.isOpen())
     {
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
             << "Failed to open " << path << "while trying to update tweaks from it" << std::endl;
         return false;
     }
@@ -204,7 +204,7 @@ void Tweaks::loadFromFiles()
     if (ConsistentFile(consistentFile).load(text) != RC_OK)
     {
         std::cerr << consistentFile << " has no valid copy" << std::endl;
-        CheckFailure(LoggerId::NON, THIS_METHOD, PLACE_LOADED, "false")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, PLACE_LOADED, "false")
             << "Could not load consistent tweak information" << std::endl;
     }
     m_fileName = consistentFile;
@@ -213,7 +213,7 @@ void Tweaks::loadFromFiles()
 
     if (!updateFromFile(EXTENSION_FILE))
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
             << "local tweaks file \"" << EXTENSION_FILE << "\" not found" << std::endl;
     }
     // The first of these paths lacks its separator by an old mistake. Files exist in both places.
@@ -222,7 +222,7 @@ void Tweaks::loadFromFiles()
         const std::string path = SURVIVING_FOLDER + std::string(separators, platform::PATH_SEPARATOR) + SURVIVING_FILE;
         if (!updateFromFile(path))
         {
-            LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+            LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
                 << "local upgrade-surviving tweaks file \"" << path << "\" not found" << std::endl;
         }
     }

@@ -62,7 +62,7 @@ void explain(std::string_view name, std::string_view problem)
 
 Tweaks::Tweak::Tweak(std::string_view valueText, std::string_view name, std::string_view fileName)
 {
-    const MethodText method = THIS_METHOD;
+    const MethodText method = TAVRO_METHOD;
     const auto fail = [&](std::uint32_t number, const char* condition, const char* problem) {
         std::ostringstream text;
         text << "has the value '" << valueText << "', which " << problem;
@@ -106,8 +106,8 @@ std::int64_t Tweaks::Tweak::longVal() const
 {
     if (!m_isInt)
     {
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << "value is not int" << std::endl;
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_VALUE_IS_NOT_INT), "false");
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "value is not int" << std::endl;
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_VALUE_IS_NOT_INT), "false");
     }
     return m_intVal;
 }
@@ -141,7 +141,7 @@ std::string Tweaks::update(const std::string& name, const std::string& valueText
         {
             replaced = Tweak(*found).toString();
         }
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
             << "Updating tweak:  name=" << name << "  val=" << valueText << "  ret=" << replaced << " " << std::endl;
         if (valueText.empty())
         {
@@ -164,7 +164,7 @@ bool Tweaks::setDefaultValIfNotSet(const std::string& name, const std::string& v
         {
             return false;
         }
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
             << "default tweak added:  name=" << name << "  val=" << valueText << "  ret= " << std::endl;
         set(name, Tweak(valueText, name, m_fileName));
     }
@@ -251,12 +251,13 @@ std::int32_t Tweaks::intVal(std::string_view name, std::optional<std::int32_t> d
     if (value > LARGEST)
     {
         explain(name, "is " + std::to_string(value) + " and must be at most 2147483647");
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_INT_TOO_LARGE), "ival <= ((u32)-1) / 2");
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_INT_TOO_LARGE),
+                      "ival <= ((u32)-1) / 2");
     }
     if (value < -LARGEST)
     {
         explain(name, "is " + std::to_string(value) + " and must be at least -2147483647");
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_INT_TOO_SMALL),
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_INT_TOO_SMALL),
                       "-1 * ival <= ((u32)-1) / 2");
     }
     return static_cast<std::int32_t>(value);
@@ -268,12 +269,12 @@ std::uint32_t Tweaks::uintVal(std::string_view name, std::optional<std::uint32_t
     if (value < 0)
     {
         explain(name, "is " + std::to_string(value) + " and must not be negative");
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_UINT_NEGATIVE), "ival >= 0");
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_UINT_NEGATIVE), "ival >= 0");
     }
     if (value > std::numeric_limits<std::uint32_t>::max())
     {
         explain(name, "is " + std::to_string(value) + " and must be at most 4294967295");
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_UINT_TOO_LARGE), "ival <= ((u32)-1)");
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_UINT_TOO_LARGE), "ival <= ((u32)-1)");
     }
     return static_cast<std::uint32_t>(value);
 }
@@ -290,11 +291,11 @@ void Tweaks::print() const
     std::ranges::sort(listed, CaseInsensitiveLess(), &TweakTable::Entry::name);
     for (const TweakTable::Entry* const entry : listed)
     {
-        LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Control, TAVRO_METHOD)
             << entry->name() << "=" << Tweak(*entry).toString() << std::endl;
     }
     if (listed.empty())
     {
-        LogItem(LoggerId::NON, LogLevel::Control, THIS_METHOD) << "tweaks are empty" << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Control, TAVRO_METHOD) << "tweaks are empty" << std::endl;
     }
 }

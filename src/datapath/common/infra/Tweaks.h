@@ -83,14 +83,14 @@ public:
 
     /// Sets a tweak and the spelling of its name, or removes it if the value text is empty. Returns the earlier value
     /// as Tweak::toString gives it, or an empty text if there was none.
-    std::string update(const std::string& name, const std::string& valueText) EXCLUDES(m_mutex);
+    std::string update(const std::string& name, const std::string& valueText) TAVRO_EXCLUDES(m_mutex);
 
     /// Sets a tweak that is not set. Returns whether it did.
-    bool setDefaultValIfNotSet(const std::string& name, const std::string& valueText) EXCLUDES(m_mutex);
+    bool setDefaultValIfNotSet(const std::string& name, const std::string& valueText) TAVRO_EXCLUDES(m_mutex);
 
     /// The value, or the default if the tweak is not set; without either the process ends.
     [[nodiscard]] std::int64_t longVal(std::string_view name, std::optional<std::int64_t> defaultVal = {}) const
-        EXCLUDES(m_mutex);
+        TAVRO_EXCLUDES(m_mutex);
 
     /// As longVal; the process also ends if the value is out of range, as -2147483648 is.
     [[nodiscard]] std::int32_t intVal(std::string_view name, std::optional<std::int32_t> defaultVal = {}) const;
@@ -102,7 +102,7 @@ public:
     [[nodiscard]] bool boolVal(std::string_view name, std::optional<bool> defaultVal = {}) const;
 
     /// Logs every tweak at level Control, in the order of the names.
-    void print() const EXCLUDES(m_mutex);
+    void print() const TAVRO_EXCLUDES(m_mutex);
 
     /// The lines of a text that set or remove a tweak. The kind decides what happens to a line without "=".
     [[nodiscard]] static std::deque<TweakLine> getTweaksFromStream(std::istream& text, TweakFileKind kind);
@@ -118,7 +118,7 @@ public:
 
     /// Unlocks the table if this thread holds its lock, as it does inside a log client that takes a line of the table.
     /// Only for a thread that never returns from there, so that others can go on.
-    void unlockForGood() const EXCLUDES(m_mutex);
+    void unlockForGood() const TAVRO_EXCLUDES(m_mutex);
 
 protected:
     /// Reads the files. Benchmarks and fuzz targets make tables of their own; a change of such a table refreshes
@@ -129,13 +129,13 @@ protected:
 private:
     void loadFromFiles();
     std::deque<TweakLine> applyText(std::istream& text, TweakFileKind kind);
-    void reserve(std::size_t more) EXCLUDES(m_mutex);
-    void notifyDynamicTweaks() const EXCLUDES(m_mutex);
-    void set(const std::string& name, const Tweak& tweak) REQUIRES(m_mutex);
+    void reserve(std::size_t more) TAVRO_EXCLUDES(m_mutex);
+    void notifyDynamicTweaks() const TAVRO_EXCLUDES(m_mutex);
+    void set(const std::string& name, const Tweak& tweak) TAVRO_REQUIRES(m_mutex);
     [[nodiscard]] std::int64_t findLong(std::string_view name, std::optional<std::int64_t> defaultVal) const
-        REQUIRES(m_mutex);
+        TAVRO_REQUIRES(m_mutex);
 
-    StlMemShiledContainer<TweakTable> m_tweaks GUARDED_BY(m_mutex){"Tweaks"};
+    StlMemShiledContainer<TweakTable> m_tweaks TAVRO_GUARDED_BY(m_mutex){"Tweaks"};
     const TweakTable& m_readable = *m_tweaks; // for reading without the lock
     mutable OwnedMutex m_mutex;               // guards the table; the locks of log clients are taken inside it
     // Written only while the table is made, when no other thread knows it.

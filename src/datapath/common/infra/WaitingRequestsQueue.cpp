@@ -50,7 +50,7 @@ void WaitingRequestsQueue::popRequest()
 {
     if (empty())
     {
-        CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_POP_OF_EMPTY), "!empty()")
+        CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_POP_OF_EMPTY), "!empty()")
             << "trying to remove request from an empty waiting list" << std::endl;
         return;
     }
@@ -71,7 +71,7 @@ std::uint64_t WaitingRequestsQueue::iterateRequests(const ISequentialItemHandler
         {
             if (flags.any())
             {
-                CheckFailure(LoggerId::OLM, THIS_METHOD, SourcePlace::numbered(NUMBER_WRONG_REQUEST_FLAGS),
+                CheckFailure(LoggerId::OLM, TAVRO_METHOD, SourcePlace::numbered(NUMBER_WRONG_REQUEST_FLAGS),
                              "postIterationFlags.count() == 0")
                     << "wrong postIterationFlags info"
                     << " postIterationFlags=" << flags << " " << std::endl;

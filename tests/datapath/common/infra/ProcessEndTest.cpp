@@ -25,7 +25,7 @@ CHILD_SCENARIO(assertLine)
     std::atexit([] { std::cout << "exit handler" << std::endl; });
     static const TellingClient first;
     const TellingClient second;
-    CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(17), "a == b") << " a=" << 1 << " " << std::endl;
+    CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(17), "a == b") << " a=" << 1 << " " << std::endl;
     std::cout << "went on" << std::endl;
 }
 
@@ -40,7 +40,7 @@ TEST(ProcessEnd, AnAssertLineIsFlushedWrittenToStandardOutputAndTheLast)
 CHILD_SCENARIO(assertLineWithoutClients)
 {
     Logger::instance().setAssertHandler(LoggerId::OLM, [](const std::string&) { std::cout << "handled" << std::endl; });
-    LogItem(LoggerId::OLM, LogLevel::Assert, THIS_METHOD) << "alone" << std::endl;
+    LogItem(LoggerId::OLM, LogLevel::Assert, TAVRO_METHOD) << "alone" << std::endl;
 }
 
 TEST(ProcessEnd, AnAssertLineEndsTheProcessWithoutClientsToo)
@@ -51,7 +51,7 @@ TEST(ProcessEnd, AnAssertLineEndsTheProcessWithoutClientsToo)
 CHILD_SCENARIO(assertion)
 {
     static const TellingClient client;
-    failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(4711), "h != NULL");
+    failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(4711), "h != NULL");
 }
 
 TEST(ProcessEnd, AFailedAssertionIsAFlushedErrorLineAndTheEnd)

@@ -14,7 +14,7 @@ namespace
 {
 
 CHILD_SCENARIO(loggerFirst) { Logger::instance().flushClients(); }
-CHILD_SCENARIO(lineFirst) { LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD) << std::endl; }
+CHILD_SCENARIO(lineFirst) { LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << std::endl; }
 CHILD_SCENARIO(clockFirst) { Timer::instance().getTimestampMs(); }
 CHILD_SCENARIO(timerFirst) { Timer::instance().addTimer(nullptr, nullptr, 1'000, true); }
 CHILD_SCENARIO(reportFirst) { MemWatchedContainerDatabase::instance().printWatchedContainers(); }

@@ -4,11 +4,11 @@
 // ("Tweaks::Tweak::longVal"), or the bare name of a free function ("wWinMain"). A lambda is its enclosing function
 // followed by "::<lambda>".
 //
-//     LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "Invoked." << std::endl;
+//     LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "Invoked." << std::endl;
 //     static constexpr MethodText METHOD = MethodText::of("PriorityQueue<class ActiveObject::Action *>::enqueue");
 //
 // The compiler computes both, so they cost nothing at run time and may be used on any thread and before main.
-// THIS_METHOD understands plain functions, members and lambdas of GCC and clang. In any other function, a template for
+// TAVRO_METHOD understands plain functions, members and lambdas of GCC and clang. In any other function, a template for
 // instance, it does not compile: state the text with MethodText::of, also to log in the name of another function.
 
 #include <algorithm>
@@ -152,4 +152,4 @@ inline void cleanMethodName(std::string& name)
 }
 
 /// The MethodText of the function in which it stands.
-#define THIS_METHOD (MethodTextInternal::METHOD_TEXT<MethodTextInternal::Signature{__PRETTY_FUNCTION__}>)
+#define TAVRO_METHOD (MethodTextInternal::METHOD_TEXT<MethodTextInternal::Signature{__PRETTY_FUNCTION__}>)

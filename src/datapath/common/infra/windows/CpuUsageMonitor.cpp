@@ -22,7 +22,7 @@ CpuUsageMonitor::CpuUsageMonitor() : m_cpuCount(std::max(std::thread::hardware_c
     const char* const mode = !isSimulated             ? "Using real windows CPU counters "
                              : isOn(RANDOM_CPU_USAGE) ? "Using simulative random CPU counters "
                                                       : "Using simulative CPU counters ";
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << mode << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << mode << std::endl;
     if (!isSimulated)
     {
         m_counter.reset(platform::openCpuCounter());
@@ -46,7 +46,7 @@ std::int64_t CpuUsageMonitor::update()
     platform::CpuTicks ticks = {};
     if (const std::int32_t status = platform::readCpuCounter(m_counter.get(), ticks); status != 0)
     {
-        LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
             << "PdhGetRawCounterValue returned error  sts=" << status << " " << std::endl;
         return 0;
     }
@@ -55,9 +55,9 @@ std::int64_t CpuUsageMonitor::update()
     m_cpuUsage = totalDelta > 0 ? static_cast<std::uint32_t>((totalDelta - idleDelta) * PERCENT / totalDelta) : 0;
     m_lastTotalTicks = ticks.total;
     m_lastIdleTicks = ticks.idle;
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0) << "totalTicks=" << totalDelta << " idleTicks=" << idleDelta
-                                                           << " m_cpuCount=" << m_cpuCount << " " << std::endl;
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0) << "CPU is " << m_cpuUsage << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, 0) << "totalTicks=" << totalDelta << " idleTicks=" << idleDelta
+                                                            << " m_cpuCount=" << m_cpuCount << " " << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, 0) << "CPU is " << m_cpuUsage << std::endl;
     return totalDelta;
 }
 
@@ -70,7 +70,7 @@ void CpuUsageMonitor::randomCpuGeneratorForTests()
     const std::int64_t keep = tweaks.value(KEEP_PREV_CPU_USAGE_PROBABILITY_PERCENT);
     if (high + low + keep + mid != PERCENT)
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::here(),
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(),
                      "highCpuUsageProbabilityPercent + lowCpuUsageProbabilityPercent + "
                      "keepPrevCpuUsageProbabilityPercent + midCpuUsageProbabilityPercent == 100")
             << " highCpuUsageProbabilityPercent=" << high << " "
@@ -84,5 +84,5 @@ void CpuUsageMonitor::randomCpuGeneratorForTests()
     {
         m_cpuUsage = draw < keep + low ? 0 : draw < keep + low + mid ? threshold - 1 : PERCENT;
     }
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "CPU is " << m_cpuUsage << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "CPU is " << m_cpuUsage << std::endl;
 }

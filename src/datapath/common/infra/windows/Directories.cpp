@@ -39,7 +39,7 @@ void Directories::ensureExists(const std::string& path)
     }
     if (!makeFolder(path))
     {
-        CheckFailure(LoggerId::NON, THIS_METHOD, SourcePlace::numbered(NUMBER_FOLDER_MISSING), "(*_errno()) == 17")
+        CheckFailure(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_FOLDER_MISSING), "(*_errno()) == 17")
             << "mkdir failed for dir " << path << " and it does not exist" << std::endl;
     }
 }

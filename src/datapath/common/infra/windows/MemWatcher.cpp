@@ -28,7 +28,7 @@ void MemWatcher::AddThread(std::uint32_t threadId)
     }
     if (isAdded)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "added  pid=" << threadId << " " << std::endl;
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "added  pid=" << threadId << " " << std::endl;
     }
 }
 
@@ -42,7 +42,7 @@ void MemWatcher::removeThread()
 
 void MemWatcher::iterateThreads(const Visitor& visitor)
 {
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "start" << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "start" << std::endl;
     std::vector<std::pair<std::int32_t, std::uint64_t>> threads;
     {
         const MutexGuard guard(m_mutex);
@@ -55,7 +55,7 @@ void MemWatcher::iterateThreads(const Visitor& visitor)
     {
         visitor(static_cast<std::uint32_t>(threadId), tag);
     }
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD) << "done" << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "done" << std::endl;
 }
 
 void MemWatcher::printCpu()
@@ -67,12 +67,12 @@ void MemWatcher::printCpu()
     const MutexGuard guard(m_reportMutex);
     const std::int64_t totalTicks = m_cpuMonitor.update();
     const std::int64_t nowMs = Clock::instance().relativeMs();
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, 0)
         << totalTicks << " cpu ticks in " << static_cast<std::uint32_t>(nowMs - m_lastCpuReportMs) << " ms"
         << std::endl;
     m_lastCpuReportMs = nowMs;
     const std::string usages = threadUsages(totalTicks); // logs, too: before the line below takes its time
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0) << usages << std::endl;
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, 0) << usages << std::endl;
 }
 
 void MemWatcher::endReportForGood()
@@ -128,12 +128,12 @@ void MemWatcher::printMem()
     const platform::OwnedProcess process(platform::openOwnProcess());
     if (!process)
     {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "NULL != hProcess");
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "NULL != hProcess");
     }
     platform::ProcessMemory memory = {};
     if (platform::processMemory(process.get(), memory))
     {
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD, 0)
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD, 0)
             << "memory information: PWSS=" << memory.peakWorkingSet << " WSS=" << memory.workingSet
             << " QPPPU=" << memory.peakPagedPoolQuota << " QPU=" << memory.pagedPoolQuota
             << " QPNPPU=" << memory.peakNonPagedPoolQuota << " QNPPU=" << memory.nonPagedPoolQuota

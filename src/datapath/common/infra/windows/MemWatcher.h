@@ -25,33 +25,33 @@ public:
     [[nodiscard]] static MemWatcher& instance();
 
     /// Registers a thread. One that is registered already stays as it is.
-    void AddThread(std::uint32_t threadId) EXCLUDES(m_mutex);
+    void AddThread(std::uint32_t threadId) TAVRO_EXCLUDES(m_mutex);
 
     /// Removes the calling thread, if it is registered.
-    void removeThread() EXCLUDES(m_mutex);
+    void removeThread() TAVRO_EXCLUDES(m_mutex);
 
     /// Calls the visitor, without a lock, for each thread that was registered when the call began, in the order of the
     /// ids.
-    void iterateThreads(const Visitor& visitor) EXCLUDES(m_mutex);
+    void iterateThreads(const Visitor& visitor) TAVRO_EXCLUDES(m_mutex);
 
     /// Logs the machine's CPU usage, then the threads that used at least 1 percent since the last call, the busiest
     /// first. Waits while another thread reports. Does nothing if a log client calls it from a line of such a report.
-    void printCpu() EXCLUDES(m_mutex, m_reportMutex);
+    void printCpu() TAVRO_EXCLUDES(m_mutex, m_reportMutex);
 
     /// For a thread that stops forever during its report: releases the report's lock, so that others can report.
-    void endReportForGood() EXCLUDES(m_reportMutex);
+    void endReportForGood() TAVRO_EXCLUDES(m_reportMutex);
 
     /// Logs the memory counters of the process.
     static void printMem();
 
 private:
     MemWatcher() = default;
-    [[nodiscard]] std::string threadUsages(std::int64_t totalTicks) EXCLUDES(m_mutex);
+    [[nodiscard]] std::string threadUsages(std::int64_t totalTicks) TAVRO_EXCLUDES(m_mutex);
 
     Mutex m_mutex; // guards the table; the Logger's lock of names is taken inside it, and no line is logged
-    StlMemShiledContainer<std::map<std::int32_t, ThreadInfo>> m_threads GUARDED_BY(m_mutex){"MemWatcherThreads"};
+    StlMemShiledContainer<std::map<std::int32_t, ThreadInfo>> m_threads TAVRO_GUARDED_BY(m_mutex){"MemWatcherThreads"};
 
     OwnedMutex m_reportMutex; // held during a CPU report; m_mutex and the locks of log clients are taken inside it
-    std::int64_t m_lastCpuReportMs GUARDED_BY(m_reportMutex) = 0; // Clock::relativeMs
-    CpuUsageMonitor m_cpuMonitor GUARDED_BY(m_reportMutex);
+    std::int64_t m_lastCpuReportMs TAVRO_GUARDED_BY(m_reportMutex) = 0; // Clock::relativeMs
+    CpuUsageMonitor m_cpuMonitor TAVRO_GUARDED_BY(m_reportMutex);
 };

@@ -33,7 +33,7 @@ void ThreadWrapper::open()
     ++m_numOpened;
     if (platform::startThread(threadCallback, this) != platform::ErrorNumber::Success)
     {
-        failAssertion(LoggerId::NON, THIS_METHOD, SourcePlace::here(), "h != NULL");
+        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::here(), "h != NULL");
     }
 }
 
@@ -44,7 +44,7 @@ void ThreadWrapper::threadCallback(void* wrapper)
     const std::string typeName = self.getTypeName(); // now, because the object may be gone when run has returned
     Logger::instance().setThreadName(typeName);
     platform::nameThread(typeName.substr(typeName.find(' ') + 1));
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "Starting ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
     self.registerThread();
     MemWatcher::instance().AddThread(platform::currentThreadId());
@@ -54,7 +54,7 @@ void ThreadWrapper::threadCallback(void* wrapper)
 
     MemWatcher::instance().removeThread();
     Logger::instance().removeThreadName();
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "Ending ThreadWrapper of type " << typeName << " internalId=" << internalId << " " << std::endl;
     SystemHeapBytes::leaveShare();
 }

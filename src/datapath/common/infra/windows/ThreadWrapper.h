@@ -37,7 +37,7 @@ public:
 
     /// Returns when every opened thread has started, even if some have ended since. Only one thread at a time may call
     /// this.
-    void waitUntilRunning() EXCLUDES(m_threadIdsMutex);
+    void waitUntilRunning() TAVRO_EXCLUDES(m_threadIdsMutex);
 
 protected:
     /// The body of each thread. Nothing of the object is used after it has returned.
@@ -48,11 +48,12 @@ protected:
 
 private:
     static void threadCallback(void* wrapper);
-    void registerThread() EXCLUDES(m_threadIdsMutex);
-    [[nodiscard]] bool areAllRegistered() EXCLUDES(m_threadIdsMutex);
+    void registerThread() TAVRO_EXCLUDES(m_threadIdsMutex);
+    [[nodiscard]] bool areAllRegistered() TAVRO_EXCLUDES(m_threadIdsMutex);
 
-    Trigger m_trigger;                                                   // set when all opened threads have registered
-    std::vector<std::uint32_t> m_threadIds GUARDED_BY(m_threadIdsMutex); // ids of all threads that have ever started
-    Mutex m_threadIdsMutex;                                              // nothing is taken inside it
+    Trigger m_trigger; // set when all opened threads have registered
+    std::vector<std::uint32_t>
+        m_threadIds TAVRO_GUARDED_BY(m_threadIdsMutex); // ids of all threads that have ever started
+    Mutex m_threadIdsMutex;                             // nothing is taken inside it
     platform::Atomic<std::uint32_t> m_numOpened = 0;
 };

@@ -24,7 +24,7 @@ TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::u
     if (replaced != nullptr)
     {
         cancel(*replaced);
-        LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
             << "replacing existing timer handle=" << handleToReplace << std::endl;
     }
     const TimerHandle handle = ++m_lastHandle;
@@ -34,7 +34,7 @@ TimerHandle WindowsTimer::addTimer(TimerCallback callback, void* context, std::u
                     .completion = nullptr,
                     .periodMs = oneShot ? 0 : intervalMs,
                     .cancelled = false});
-    LogItem(LoggerId::NON, LogLevel::Info, THIS_METHOD)
+    LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "added timer old=" << handleToReplace << " new=" << handle << std::endl;
     return handle;
 }
@@ -116,7 +116,7 @@ void WindowsTimer::activateTimers()
             info.callback(info.context);
             if (Clock::instance().readMs() - startMs > LONGEST_CALL_MS)
             {
-                LogItem(LoggerId::NON, LogLevel::Error, THIS_METHOD)
+                LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
                     << "timer invocation took more than 1 seconds!" << std::endl;
             }
         }

@@ -56,27 +56,27 @@ public:
     /// handle is still in use after such a wrap-around is not added. Lines are logged under the lock of the timers, so
     /// log clients must not call this.
     TimerHandle addTimer(TimerCallback callback, void* context, std::uint32_t intervalMs, bool oneShot,
-                         TimerHandle handleToReplace) EXCLUDES(m_timersMutex);
+                         TimerHandle handleToReplace) TAVRO_EXCLUDES(m_timersMutex);
 
     /// The future of a timer that has not been erased yet; nothing if there is no such timer. The future is set to
     /// RC_OK when the timer is erased after it was cancelled, and never otherwise. Its observers are called during a
     /// pass, without the lock of the timers, and may do what callbacks may do.
-    [[nodiscard]] std::optional<Completion> completionOf(TimerHandle handle) EXCLUDES(m_timersMutex);
+    [[nodiscard]] std::optional<Completion> completionOf(TimerHandle handle) TAVRO_EXCLUDES(m_timersMutex);
 
     /// Makes one pass. Waits while another pass runs, so a callback must not call this. Callbacks may add timers. A
     /// callback that takes more than 2,000 ms is logged as an error. An exception from a callback passes through; that
     /// timer and those after it in the pass stay due.
-    void activateTimers() EXCLUDES(m_activationMutex, m_timersMutex);
+    void activateTimers() TAVRO_EXCLUDES(m_activationMutex, m_timersMutex);
 
     /// The body of the timer thread: makes a pass over the timers of the given WindowsTimer every 100 ms, forever.
     static void timerThread(void* windowsTimer);
 
     /// Whether the order of the due times matches the table. For tests.
-    [[nodiscard]] bool checkInvariants() EXCLUDES(m_activationMutex, m_timersMutex);
+    [[nodiscard]] bool checkInvariants() TAVRO_EXCLUDES(m_activationMutex, m_timersMutex);
 
 protected:
     /// For tests of the wrap-around of the handles.
-    void setNextHandle(TimerHandle handle) EXCLUDES(m_timersMutex);
+    void setNextHandle(TimerHandle handle) TAVRO_EXCLUDES(m_timersMutex);
 
 private:
     using Timers = StlMemShiledContainer<HandleMap<WindowsTimerInfo>>;
@@ -94,21 +94,21 @@ private:
     };
 
     [[nodiscard]] static Order::Entry orderOf(Timer& timer);
-    [[nodiscard]] Timer* findTimer(TimerHandle handle) REQUIRES(m_timersMutex);
-    void insert(TimerHandle handle, WindowsTimerInfo&& info) REQUIRES(m_timersMutex);
-    void cancel(Timer& timer) REQUIRES(m_timersMutex);
-    void sortTaken() REQUIRES(m_activationMutex);
-    void takeTimers(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
-    void endOrReschedule(std::uint64_t nowMs) REQUIRES(m_activationMutex) EXCLUDES(m_timersMutex);
+    [[nodiscard]] Timer* findTimer(TimerHandle handle) TAVRO_REQUIRES(m_timersMutex);
+    void insert(TimerHandle handle, WindowsTimerInfo&& info) TAVRO_REQUIRES(m_timersMutex);
+    void cancel(Timer& timer) TAVRO_REQUIRES(m_timersMutex);
+    void sortTaken() TAVRO_REQUIRES(m_activationMutex);
+    void takeTimers(std::uint64_t nowMs) TAVRO_REQUIRES(m_activationMutex) TAVRO_EXCLUDES(m_timersMutex);
+    void endOrReschedule(std::uint64_t nowMs) TAVRO_REQUIRES(m_activationMutex) TAVRO_EXCLUDES(m_timersMutex);
 
     // Guards the table, its order and the last handle. The locks of the clock and of log clients are taken inside it.
     Mutex m_timersMutex;
     Mutex m_activationMutex; // held during a pass; m_timersMutex and the locks of callbacks are taken inside it
-    Timers m_timers GUARDED_BY(m_timersMutex){"Timers"};
-    Order m_order GUARDED_BY(m_timersMutex); // every timer that is not among m_taken; see orderOf
-    TimerHandle m_lastHandle GUARDED_BY(m_timersMutex);
+    Timers m_timers TAVRO_GUARDED_BY(m_timersMutex){"Timers"};
+    Order m_order TAVRO_GUARDED_BY(m_timersMutex); // every timer that is not among m_taken; see orderOf
+    TimerHandle m_lastHandle TAVRO_GUARDED_BY(m_timersMutex);
     // In descending order of the handles: the next timer is at the back. Empty between passes, unless a callback has
     // thrown.
-    std::vector<TakenTimer> m_taken GUARDED_BY(m_activationMutex);
-    std::vector<TakenTimer> m_sorted GUARDED_BY(m_activationMutex); // scratch space of sortTaken
+    std::vector<TakenTimer> m_taken TAVRO_GUARDED_BY(m_activationMutex);
+    std::vector<TakenTimer> m_sorted TAVRO_GUARDED_BY(m_activationMutex); // scratch space of sortTaken
 };

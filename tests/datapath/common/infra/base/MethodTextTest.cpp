@@ -11,7 +11,7 @@
 namespace
 {
 
-MethodText inUnnamedNamespace() { return THIS_METHOD; }
+MethodText inUnnamedNamespace() { return TAVRO_METHOD; }
 
 } // namespace
 
@@ -20,11 +20,11 @@ namespace SampleInternal
 
 struct Outer
 {
-    explicit Outer(Texts& texts) : m_texts(texts) { add(THIS_METHOD); }
-    ~Outer() { add(THIS_METHOD); }
+    explicit Outer(Texts& texts) : m_texts(texts) { add(TAVRO_METHOD); }
+    ~Outer() { add(TAVRO_METHOD); }
     std::vector<std::function<int(int)>> inLambda(std::pair<int, Outer*>, int (&)[3]) const
     {
-        [this](const std::function<void(int)>&) { add(THIS_METHOD); }({});
+        [this](const std::function<void(int)>&) { add(TAVRO_METHOD); }({});
         return {};
     }
     void add(const MethodText& method) const { m_texts.emplace_back(method.fields()); }
