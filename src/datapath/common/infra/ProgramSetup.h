@@ -8,12 +8,13 @@
 //         FileLoggerClient& log = ProgramSetup::start("/var/log/example/example.log");
 //         if (log.liveFileName().empty()) ...                        // the program runs, but without a log file
 //         ...
-//         Logger::instance().flushClients();                         // before the end: what is in memory is lost with it
+//         Logger::instance().flushClients();                         // before the end: what is in memory is lost with
+//         it
 //     }
 //
 // start takes the steps below one after the other. The main thread calls it once, before anything is allocated through
-// GuardedMemory, so before the program starts threads, active objects or pools. Defaults of the program's own for tweaks
-// (Tweaks::setDefaultValIfNotSet) come before it.
+// GuardedMemory, so before the program starts threads, active objects or pools. Defaults of the program's own for
+// tweaks (Tweaks::setDefaultValIfNotSet) come before it.
 
 #include "datapath/common/infra/FileLoggerClient.h"
 #include "datapath/common/infra/LogBasics.h"
@@ -26,10 +27,10 @@ namespace ProgramSetup
 /// Chooses guarded or counted memory as the tweak t_enableMemshield says: counted, unless a tweak file sets it.
 void chooseMemoryMode();
 
-/// Makes a log client and registers it for all levels. The live file is basePath with ".txt", the missing folders of its
-/// path are made, and the tweak t_qlogMaxFiles is the budget of lines that wait for the disk, in MiB. If the file cannot
-/// be opened, standard output says why and the lines are dropped. The client stays until the process ends. place: what a
-/// memory report names as the origin of the client.
+/// Makes a log client and registers it for all levels. The live file is basePath with ".txt", the missing folders of
+/// its path are made, and the tweak t_qlogMaxFiles is the budget of lines that wait for the disk, in MiB. If the file
+/// cannot be opened, standard output says why and the lines are dropped. The client stays until the process ends.
+/// place: what a memory report names as the origin of the client.
 FileLoggerClient& startLogFile(const std::string& basePath, const SourcePlace& place = SourcePlace::here());
 
 /// Both, in this order.
