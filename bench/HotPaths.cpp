@@ -30,6 +30,14 @@ struct Dropping : LoggerClient
     void log(const std::string& /*line*/) override {}
 };
 
+struct Waiting : ActiveObject::Action
+{
+    explicit Waiting(Semaphore& waitedFor) : semaphore(waitedFor) {}
+    void execute() override { semaphore.wait(); }
+
+    Semaphore& semaphore;
+};
+
 struct Counting : ActiveObject::Action
 {
     Counting(Semaphore& signalled, bool isLast) : done(signalled), signals(isLast) {}
@@ -70,15 +78,19 @@ void repeatLock(int times)
     }
 }
 
+/// The worker stands still meanwhile, because the memory that it gives back decides what the next action's costs.
 void repeatAction(int times)
 {
+    Semaphore mayGoOn(0);
     Semaphore done(0);
     ActiveObject object("Counter", &isVerbose);
     object.open();
+    object.enqueue(GuardedMemory::create<Waiting>({"Waiting", SourcePlace::here()}, mayGoOn));
     for (; times != 0; --times)
     {
         object.enqueue(GuardedMemory::create<Counting>({"Counting", SourcePlace::here()}, done, times == 1));
     }
+    mayGoOn.signal();
     done.wait();
 }
 

@@ -7,17 +7,15 @@ if(TARGET tavro_simulated)
 endif()
 install(TARGETS ${targets} EXPORT TavroTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
-set(floor_folders posix simulated)
-if(WIN32)
-  set(floor_folders windows)
-endif()
+# Of an implementation of the platform, only what the public headers include; of the simulated one, exploring too.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/datapath DESTINATION ${TAVRO_INCLUDE_FOLDER} FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/platform/ DESTINATION ${TAVRO_INCLUDE_FOLDER}/platform
-  FILES_MATCHING PATTERN "*.h" PATTERN posix EXCLUDE PATTERN simulated EXCLUDE PATTERN windows EXCLUDE)
-foreach(folder ${floor_folders})
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/platform/${folder} DESTINATION ${TAVRO_INCLUDE_FOLDER}/platform
-    FILES_MATCHING PATTERN "*.h")
-endforeach()
+set(floors windows)
+if(NOT WIN32)
+  set(floors posix simulated)
+endif()
+list(JOIN floors "|" floors)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/platform DESTINATION ${TAVRO_INCLUDE_FOLDER} FILES_MATCHING
+  REGEX "platform/[A-Za-z]+\\.h$" REGEX "platform/(${floors})/(Native[A-Za-z]+|SwitchPoint|Schedule)\\.h$")
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Tavro)
 install(EXPORT TavroTargets NAMESPACE Tavro:: DESTINATION ${package_folder})
@@ -29,10 +27,11 @@ install(FILES ${PROJECT_BINARY_DIR}/TavroConfig.cmake ${PROJECT_BINARY_DIR}/Tavr
 
 # The pkg-config files find the folder by their own place, so that it can be moved.
 file(RELATIVE_PATH TAVRO_UP /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" TAVRO_UP ${TAVRO_UP})
 set(TAVRO_SYSTEM_LIBRARIES "-pthread")
 set(TAVRO_FOLDERS "-I\${includedir}/platform/posix")
 if(WIN32)
-  set(TAVRO_SYSTEM_LIBRARIES "-lpdh -lpsapi -lshlwapi -lshell32 -lole32 -luser32")
+  set(TAVRO_SYSTEM_LIBRARIES "-lpdh -lpsapi -lshlwapi -lshell32 -lole32 -luser32 -lssp")
   set(TAVRO_FOLDERS "-I\${includedir}/platform/windows")
 endif()
 function(install_pkg_config name description libraries)

@@ -139,7 +139,7 @@ std::intptr_t runDialog(ModuleHandle module, int dialogId, DialogProcedure proce
     }
     DialogBox dialog{
         .procedure = procedure, .edit = {resources->dialog.editControl, true}, .editText = {}, .result = {}};
-    return converse(dialog, std::string(HOW_TO_CANCEL) + "\n" + std::string(resources->dialog.prompt) + ": ");
+    return converse(dialog, std::string(HOW_TO_CANCEL).append("\n").append(resources->dialog.prompt).append(": "));
 }
 
 bool endDialog(DialogHandle dialog, std::intptr_t result)

@@ -183,13 +183,13 @@ concept AnyLogItem = std::derived_from<std::remove_reference_t<T>, LogItem>;
 template <AnyLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
 {
     item.insert(value);
-    return item;
+    return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
 template <AnyLogItem Item, LogItemInternal::Streamed T> LogItem& operator<<(Item&& item, T&& value)
 {
     item.stream() << std::forward<T>(value);
-    return item;
+    return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
 /// std::endl and its like.
@@ -203,17 +203,17 @@ template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ostream& (*mani
     {
         item.stream() << manipulator;
     }
-    return item;
+    return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
 template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ios_base& (*manipulator)(std::ios_base&))
 {
     item.stream() << manipulator;
-    return item;
+    return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
 template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ios& (*manipulator)(std::ios&))
 {
     item.stream() << manipulator;
-    return item;
+    return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
