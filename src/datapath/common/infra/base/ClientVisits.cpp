@@ -8,7 +8,8 @@ void ClientVisits::waitUntilLeft(std::size_t place)
     static_cast<void>(platform::fenceAllThreads()); // where it is false, visitors have fences of their own
     for (const Slot* slot = s_slots.load(); slot != nullptr; slot = slot->next)
     {
-        while (slot != own && slot->visits[place].load() != 0)
+        // A thread that takes over an unowned slot after this look finds that the client is gone.
+        while (slot != own && slot->isOwned.load() && slot->visits[place].load() != 0)
         {
             platform::sleepMs(1);
         }

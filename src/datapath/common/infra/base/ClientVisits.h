@@ -24,6 +24,7 @@
 #include "platform/ThreadValue.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -71,11 +72,14 @@ public:
     static void waitUntilLeft(std::size_t place);
 
 private:
+    // How many slots there are, and which one a thread gets, depends on all threads that ran before. Simulated
+    // schedules repeat only without switch points there, so these atomics are those of the standard library.
+
     /// The counts of one thread, on a cache line of their own. A new thread takes over the slot of one that has ended.
     struct alignas(64) Slot
     {
         std::array<platform::Atomic<std::uint32_t>, PLACES> visits{};
-        platform::Atomic<bool> isOwned = true;
+        std::atomic<bool> isOwned = true;
         Slot* next = nullptr;
     };
 
@@ -94,6 +98,6 @@ private:
     [[gnu::noinline]] static Slot& claimSlot();
     [[nodiscard]] static Slot& unownedSlot();
 
-    static constinit inline platform::Atomic<Slot*> s_slots = nullptr;        // the first of all slots
-    static constinit inline platform::Atomic<bool> s_areVisitsFenced = false; // by the remover; never false again
+    static constinit inline std::atomic<Slot*> s_slots = nullptr;        // the first of all slots
+    static constinit inline std::atomic<bool> s_areVisitsFenced = false; // by the remover; never false again
 };
