@@ -137,7 +137,7 @@ private:
     Mutex m_arrivalsMutex; // taken inside m_mutex; guards the arrivals and the idle workers, which state exceptions
     ActiveObjectInternal::ActionArrivals<Action> m_arrivals;
     platform::Atomic<bool> m_isMonitored = false;
-    const std::array<char, CACHE_LINE> m_afterProducers{};
+    [[maybe_unused]] const std::array<char, CACHE_LINE> m_afterProducers{};
 
     ActiveObjectInternal::IdleWorkers m_idleWorkers;
     platform::Atomic<bool> m_enabled = true; // false from shutdown on; written under both locks
