@@ -17,6 +17,9 @@ FileLoggerClient& ProgramSetup::startLogFile(const std::string& basePath, const 
 
 FileLoggerClient& ProgramSetup::start(const std::string& basePath)
 {
+    Tweaks& tweaks = Tweaks::instance();
+    tweaks.setDefaultValIfNotSet(std::string(QLOG_MAX_FILES.name), std::to_string(*QLOG_MAX_FILES.registeredVal));
+    tweaks.setDefaultValIfNotSet(std::string(DISABLE_BT_PRINT.name), "0");
     chooseMemoryMode();
     return startLogFile(basePath);
 }

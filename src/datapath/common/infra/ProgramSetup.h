@@ -27,13 +27,14 @@ namespace ProgramSetup
 /// Chooses guarded or counted memory as the tweak t_enableMemshield says: counted, unless a tweak file sets it.
 void chooseMemoryMode();
 
-/// Makes a log client and registers it for all levels. The live file is basePath with ".txt", the missing folders of
-/// its path are made, and the tweak t_qlogMaxFiles is the budget of lines that wait for the disk, in MiB. If the file
-/// cannot be opened, standard output says why and the lines are dropped. The client stays until the process ends.
-/// place: what a memory report names as the origin of the client.
+/// Makes a log client and registers it for all levels. The live file is basePath with ".txt"; its folder is made if it
+/// is missing, but not the folders above that one. The tweak t_qlogMaxFiles, which must be set, is the budget of lines
+/// that wait for the disk, in MiB. If the file cannot be opened, standard output says why and the lines are dropped. The
+/// client stays until the process ends. place: what a memory report names as the origin of the client.
 FileLoggerClient& startLogFile(const std::string& basePath, const SourcePlace& place = SourcePlace::here());
 
-/// Both, in this order.
+/// Both, in this order. Before that it sets the tweaks that have no default of their own and without which the library
+/// would end the process, unless they are set: t_qlogMaxFiles to 3 MiB and t_disableBtPrint to 0.
 FileLoggerClient& start(const std::string& basePath);
 
 } // namespace ProgramSetup
