@@ -29,8 +29,8 @@ void chooseMemoryMode();
 
 /// Makes a log client and registers it for all levels. The live file is basePath with ".txt"; its folder is made if it
 /// is missing, but not the folders above that one. The tweak t_qlogMaxFiles, which must be set, is the budget of lines
-/// that wait for the disk, in MiB. If the file cannot be opened, standard output says why and the lines are dropped. The
-/// client stays until the process ends. place: what a memory report names as the origin of the client.
+/// that wait for the disk, in MiB. If the file cannot be opened, standard output says why and the lines are dropped.
+/// The client stays until the process ends. place: what a memory report names as the origin of the client.
 FileLoggerClient& startLogFile(const std::string& basePath, const SourcePlace& place = SourcePlace::here());
 
 /// Both, in this order. Before that it sets the tweaks that have no default of their own and without which the library
