@@ -8,8 +8,7 @@
 //         FileLoggerClient& log = ProgramSetup::start("/var/log/example/example.log");
 //         if (log.liveFileName().empty()) ...                        // the program runs, but without a log file
 //         ...
-//         Logger::instance().flushClients();                         // before the end: what is in memory is lost with
-//         it
+//         Logger::instance().flushClients();                         // the last step, or the last lines are lost
 //     }
 //
 // start takes the steps below one after the other. The main thread calls it once, before anything is allocated through
