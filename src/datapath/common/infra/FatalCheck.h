@@ -25,5 +25,6 @@
 class CheckFailure : public LogItem
 {
 public:
-    CheckFailure(LoggerId loggerId, const MethodText& method, const SourcePlace& place, const char* condition);
+    [[nodiscard("end the line: << std::endl")]] CheckFailure(LoggerId loggerId, const MethodText& method,
+                                                             const SourcePlace& place, const char* condition);
 };

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iostream>
 
 namespace LogItemInternal
 {
@@ -48,6 +49,13 @@ public:
 
     void giveBack()
     {
+#ifdef TAVRO_REPORT_UNENDED_LINES
+        if (!isSent)
+        {
+            std::cerr << "A log line was never ended and is lost: " + std::string(text.view()) + "\n";
+        }
+        isSent = false;
+#endif
         text.clear();
         if (line.capacity() > LineText::MAX_KEPT) [[unlikely]]
         {
@@ -62,6 +70,9 @@ public:
 
     LineText text{};
     std::string line{}; // for the Logger
+#ifdef TAVRO_REPORT_UNENDED_LINES
+    bool isSent = false;
+#endif
     UtcTimestamp time{};
     const HeadField threadField{std::to_string(static_cast<std::int32_t>(platform::currentThreadId()))};
 
@@ -180,6 +191,9 @@ void LogItem::endLine()
 void LogItem::dispatch()
 {
     m_store->line = m_text.view();
+#ifdef TAVRO_REPORT_UNENDED_LINES
+    m_store->isSent = true;
+#endif
     Logger::instance().dispatch(m_store->line, m_level, m_loggerId);
 }
 

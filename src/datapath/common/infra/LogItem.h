@@ -6,8 +6,13 @@
 //     LogItem(LoggerId::NON, LogLevel::Warn, TAVRO_METHOD) << "slow disk, waited ms=" << waitedMs << std::endl;
 //
 // A line is "2024-03-05 07:08:09.042,Warn,4711,NON,Class,method,slow disk, waited ms=12\n". Nothing
-// is quoted or escaped and nothing is cut. An item belongs to the thread that made it. An item that
-// never ends its line sends nothing.
+// is quoted or escaped and nothing is cut. An item belongs to the thread that made it.
+//
+// An item that never ends its line sends nothing: neither "\n" nor the end of the statement ends it. Compilers warn
+// (-Wunused-result, which is on by default) about a statement that begins with LogItem(...) or CheckFailure(...) and
+// does not close with std::endl or another manipulator. They cannot see whether an item with a name ends its line. So
+// builds of the library for debugging, with sanitizers or on the simulated floor write what an item has kept for
+// itself to standard error.
 //
 // An item accepts what a narrow output stream accepts, and converts to one; stream() has the members of a stream.
 // Making a std::ostream takes longer than a whole line of texts and integers, so the item makes it when it is needed
@@ -86,10 +91,12 @@ public:
     static constexpr int NO_FRACTION = 0;
 
     /// fractionDigits: 0 to 3 digits of a second's fraction in the time field.
-    LogItem(LoggerId loggerId, LogLevel level, const MethodText& method, int fractionDigits = DEFAULT_FRACTION_DIGITS);
+    [[nodiscard("end the line: << std::endl")]] LogItem(LoggerId loggerId, LogLevel level, const MethodText& method,
+                                                        int fractionDigits = DEFAULT_FRACTION_DIGITS);
 
     /// For a method text that is only known at run time: "Tweaks::Tweak::longVal", "wWinMain".
-    LogItem(LoggerId loggerId, LogLevel level, const char* methodText, int fractionDigits = DEFAULT_FRACTION_DIGITS);
+    [[nodiscard("end the line: << std::endl")]] LogItem(LoggerId loggerId, LogLevel level, const char* methodText,
+                                                        int fractionDigits = DEFAULT_FRACTION_DIGITS);
 
     LogItem(const LogItem&) = delete;
     LogItem& operator=(const LogItem&) = delete;
@@ -180,20 +187,27 @@ private:
 template <class T>
 concept AnyLogItem = std::derived_from<std::remove_reference_t<T>, LogItem>;
 
-template <AnyLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
+template <class T>
+concept NamedLogItem = AnyLogItem<T> && std::is_lvalue_reference_v<T>;
+
+/// An item for one statement, which makes the whole line.
+template <class T>
+concept UnnamedLogItem = AnyLogItem<T> && !std::is_lvalue_reference_v<T>;
+
+template <NamedLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
 {
     item.insert(value);
     return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
-template <AnyLogItem Item, LogItemInternal::Streamed T> LogItem& operator<<(Item&& item, T&& value)
+template <NamedLogItem Item, LogItemInternal::Streamed T> LogItem& operator<<(Item&& item, T&& value)
 {
     item.stream() << std::forward<T>(value);
     return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
 /// std::endl and its like.
-template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ostream& (*manipulator)(std::ostream&))
+template <NamedLogItem Item> LogItem& operator<<(Item&& item, std::ostream& (*manipulator)(std::ostream&))
 {
     if (manipulator == static_cast<std::ostream& (*)(std::ostream&)>(std::endl))
     {
@@ -206,14 +220,50 @@ template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ostream& (*mani
     return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
-template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ios_base& (*manipulator)(std::ios_base&))
+template <NamedLogItem Item> LogItem& operator<<(Item&& item, std::ios_base& (*manipulator)(std::ios_base&))
 {
     item.stream() << manipulator;
     return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
-template <AnyLogItem Item> LogItem& operator<<(Item&& item, std::ios& (*manipulator)(std::ios&))
+template <NamedLogItem Item> LogItem& operator<<(Item&& item, std::ios& (*manipulator)(std::ios&))
 {
     item.stream() << manipulator;
     return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
+}
+
+/// A statement whose last operator is one of these never ends the line.
+template <UnnamedLogItem Item, LogItemInternal::Simple T>
+[[nodiscard("end the line: << std::endl")]] LogItem&& operator<<(Item&& item, const T& value)
+{
+    item << value;
+    return std::forward<Item>(item);
+}
+
+template <UnnamedLogItem Item, LogItemInternal::Streamed T>
+[[nodiscard("end the line: << std::endl")]] LogItem&& operator<<(Item&& item, T&& value)
+{
+    item << std::forward<T>(value);
+    return std::forward<Item>(item);
+}
+
+template <UnnamedLogItem Item>
+[[nodiscard("end the line: << std::endl")]] LogItem&& operator<<(Item&& item,
+                                                                 std::ios_base& (*manipulator)(std::ios_base&))
+{
+    item << manipulator;
+    return std::forward<Item>(item);
+}
+
+template <UnnamedLogItem Item>
+[[nodiscard("end the line: << std::endl")]] LogItem&& operator<<(Item&& item, std::ios& (*manipulator)(std::ios&))
+{
+    item << manipulator;
+    return std::forward<Item>(item);
+}
+
+template <UnnamedLogItem Item> LogItem&& operator<<(Item&& item, std::ostream& (*manipulator)(std::ostream&))
+{
+    item << manipulator;
+    return std::forward<Item>(item);
 }

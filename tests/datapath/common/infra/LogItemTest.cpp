@@ -46,7 +46,6 @@ TEST(LogItem, WritesTheHeadThenTheMessageUnchanged)
         platform::threadCalls.currentThreadId, +[] { return 0xFFFFFFFEU; });
     LogItem(LoggerId::NON, LogLevel::Info, "wWinMain") << "Invoked." << std::endl;
     LogItem(LoggerId::OLM, LogLevel::Warn, "Tweaks::Tweak::longVal", 0) << "a,\"b\"\nc" << std::endl;
-    LogItem(LoggerId::NON, LogLevel::Info, "f") << "lost without its end";
     EXPECT_EQ((Texts{"2024-03-05 07:08:09.987,Info,-2,NON,,wWinMain,Invoked.\n",
                      "2024-03-05 07:08:09,Warn,-2,OLM,Tweaks::Tweak,longVal,a,\"b\"\nc\n"}),
               client.lines());
@@ -103,10 +102,32 @@ TEST(LogItem, AnItemWithinAnotherOneIsALineOfItsOwn)
         inner();
         std::thread(inner).join();
         outer << "gun" << std::endl;
-        LogItem(LoggerId::NON, LogLevel::Info, "f") << "never ends";
     }
     EXPECT_EQ((Texts{"Info,OLM,,inner,whole", "Info,OLM,,inner,whole", "Warn,NON,,outer,be1.5gun"}),
               client.newMessages());
+}
+
+TEST(LogItem, ThatNeverEndsItsLineSendsNothingAndDebuggingBuildsTellWhatWasLost)
+{
+    CapturingClient client;
+    testing::internal::CaptureStderr();
+    static_cast<void>(LogItem(LoggerId::NON, LogLevel::Info, "f") << "lost\n");
+    {
+        LogItem kept(LoggerId::NON, LogLevel::Info, "f");
+        kept << "sent" << std::endl;
+        LogItem lost(LoggerId::NON, LogLevel::Info, "f");
+        lost << std::hex << 255;
+    }
+    const std::string report = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(Texts{"Info,NON,,f,sent"}, client.newMessages());
+#ifdef TAVRO_REPORT_UNENDED_LINES
+    EXPECT_NE(std::string::npos, report.find("A log line was never ended and is lost: "));
+    EXPECT_NE(std::string::npos, report.find(",NON,,f,lost\n"));
+    EXPECT_NE(std::string::npos, report.find(",NON,,f,ff\n"));
+    EXPECT_EQ(std::string::npos, report.find("sent"));
+#else
+    EXPECT_EQ("", report);
+#endif
 }
 
 } // namespace
