@@ -17,6 +17,7 @@ namespace platform
 
 template <class Signature> struct Call;
 
+/// The entry for a call with this result and these arguments.
 template <class Result, class... Arguments> struct Call<Result(Arguments...)>
 {
     using Function = Result (*)(Arguments...);

@@ -51,6 +51,7 @@ enum class ProcessHandle : std::intptr_t
     Invalid = 0
 };
 
+/// The table of this header's calls, which tests replace.
 struct CounterCalls
 {
     Call<CpuCounter()> openCpuCounter;

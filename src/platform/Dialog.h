@@ -61,6 +61,7 @@ struct ModuleResources
     DialogResource dialog;
 };
 
+/// The table of this header's calls, which tests replace.
 struct DialogCalls
 {
     Call<std::intptr_t(ModuleHandle module, int dialogId, DialogProcedure procedure)> runDialog;

@@ -5,5 +5,7 @@
 
 #include "platform/Dialog.h"
 
+/// Runs the program and returns its exit status. previousInstance is null. commandLine is what follows the program's
+/// name on Windows, and empty on POSIX. showCommand says how the first window is to be shown.
 extern "C" int wWinMain(platform::ModuleHandle instance, platform::ModuleHandle previousInstance, wchar_t* commandLine,
                         int showCommand);

@@ -8,6 +8,7 @@
 namespace platform
 {
 
+/// A reason for a failure, named after what happened; Success is 0.
 enum class ErrorNumber : std::uint32_t
 {
     Success = 0,

@@ -21,28 +21,33 @@
 namespace platform
 {
 
+/// An open file. Whoever opened it closes it.
 enum class FileHandle : std::intptr_t
 {
     Invalid = -1
 };
 
+/// A listing of a folder that has been begun. Whoever began it closes it.
 enum class FolderHandle : std::intptr_t
 {
     Invalid = -1
 };
 
+/// What a file is opened for.
 enum class OpenMode
 {
     Read,  ///< the file must exist
     Append ///< created if missing; every write goes to the end
 };
 
+/// The result of opening a file.
 struct OpenedFile
 {
     FileHandle handle; ///< Invalid on failure
     ErrorNumber error;
 };
 
+/// The result of asking for a length.
 struct FileLength
 {
     std::uint64_t bytes; ///< 0 on failure
@@ -56,18 +61,21 @@ struct Transfer
     ErrorNumber error;
 };
 
+/// One name in a folder.
 struct FolderEntry
 {
     std::string name; ///< without the folder
     bool isFolder = false;
 };
 
+/// The result of beginning to list a folder.
 struct OpenedFolder
 {
     FolderHandle handle; ///< Invalid on failure
     ErrorNumber error;
 };
 
+/// The table of this header's calls, which tests replace.
 struct FileCalls
 {
     Call<OpenedFile(const char* path, OpenMode mode)> openFile;

@@ -17,6 +17,7 @@
 namespace platform
 {
 
+/// The table of this header's calls, which tests replace.
 struct ProcessCalls
 {
     Call<std::uint32_t(char* buffer, std::uint32_t size)> moduleFileName;

@@ -14,6 +14,7 @@
 namespace platform
 {
 
+/// The table of this header's calls, which tests replace.
 struct RandomCalls
 {
     Call<void(std::uint32_t seed)> seedRandom;

@@ -18,6 +18,7 @@ namespace platform
 /// The size of the buffers, in characters, with the terminating zero.
 inline constexpr std::size_t PATH_BUFFER_SIZE = 260;
 
+/// The table of this header's calls, which tests replace.
 struct ShellCalls
 {
     Call<std::int32_t(char* buffer)> commonAppDataFolder;

@@ -13,6 +13,7 @@
 namespace platform
 {
 
+/// How long a spin may last.
 struct SpinBudget
 {
     int looks;            ///< how often the condition is checked, at most

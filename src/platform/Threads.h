@@ -20,6 +20,7 @@ namespace platform
 
 using ThreadProcedure = void (*)(void* argument);
 
+/// How urgently the system runs a thread.
 enum class ThreadPriority
 {
     Normal,
@@ -32,6 +33,7 @@ enum class ThreadHandle : std::intptr_t
     Invalid = 0
 };
 
+/// The table of this header's calls, which tests replace.
 struct ThreadCalls
 {
     Call<ErrorNumber(ThreadProcedure procedure, void* argument, ThreadPriority priority)> startThread;

@@ -23,6 +23,7 @@ struct CpuTime
     std::uint64_t user;
 };
 
+/// The table of this header's calls, which tests replace.
 struct TimeCalls
 {
     Call<std::int64_t()> utcNow;

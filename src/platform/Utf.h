@@ -13,8 +13,10 @@
 namespace platform
 {
 
+/// The same text in UTF-8.
 [[nodiscard]] std::string utf16ToUtf8(std::u16string_view text);
 
+/// The same text in UTF-16, in the byte order of the machine.
 [[nodiscard]] std::u16string utf8ToUtf16(std::string_view text);
 
 } // namespace platform

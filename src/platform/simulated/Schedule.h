@@ -38,6 +38,7 @@
 namespace platform::simulated
 {
 
+/// Which schedules are run.
 struct ExploreOptions
 {
     /// The maximum number of preemptions in a schedule: choices that pass over a thread which could go on. The usual
@@ -56,6 +57,7 @@ struct ExploreOptions
     std::uint32_t warmUps = 0;
 };
 
+/// What explore and replay have found.
 struct Exploration
 {
     std::uint64_t schedules = 0; ///< how many were run; only random ones may have been the same
@@ -80,6 +82,7 @@ Exploration replay(std::string_view schedule, const Scenario& scenario, const Ex
 /// Unless the statement `what` holds, fails the schedule and does not return; outside of schedules ends the process.
 void check(bool holds, const std::string& what);
 
+/// What one thread of a scenario does.
 struct NamedWork
 {
     std::string name; ///< what reports call its thread

@@ -76,6 +76,7 @@ private:
     DlcTimeoutListener* const m_listener;
 };
 
+/// Checks all keepalives, one after another, on a thread of its own. The first keepalive makes it.
 class DeadLockCheckerManager final : public Singleton<DeadLockCheckerManager, DeadLockCheckerManager>,
                                      public ThreadWrapper
 {

@@ -35,6 +35,7 @@ public:
     virtual void update(const T& value) = 0;
 };
 
+/// Ends the process because a future was set a second time.
 [[noreturn]] inline void failSetTwice()
 {
     // Spelled out, because a function's signature does not tell enumerations from classes.

@@ -49,6 +49,7 @@
 class GenFileLogger final : public ThreadWrapper
 {
 public:
+    /// What setModes changes while the logger works.
     struct Modes
     {
         bool flushEveryLine = true;       ///< the synchronous mode
@@ -56,6 +57,7 @@ public:
         bool compressOnRotate = false;    ///< see LogFiles::setCompressOnRotate
     };
 
+    /// What a logger is made with.
     struct Settings
     {
         LogFiles::Settings files;

@@ -23,6 +23,7 @@
 namespace GuardedMemory
 {
 
+/// Makes an object. If its constructor throws, the memory is released and the exception goes on to the caller.
 template <class T, class... Args> [[nodiscard]] T* create(const AllocationSite& site, Args&&... args)
 {
     static_assert(alignof(T) <= MemShield::BLOCK_ALIGNMENT);
@@ -66,6 +67,7 @@ template <class T> [[nodiscard]] T* createArray(const AllocationSite& site, std:
     return static_cast<T*>(MemShield::allocate(bytes, length, site));
 }
 
+/// Releases an array that createArray has made. Its elements have no destructors to run.
 template <class T> void destroyArray(T* array, const SourcePlace& place)
 {
     MemShield::releaseArray(const_cast<std::remove_const_t<T>*>(array), place);

@@ -10,6 +10,7 @@
 
 #include <memory>
 
+/// Releases an object and, if that finds misuse, reports the place.
 struct GuardedDelete
 {
     SourcePlace place;
@@ -17,4 +18,5 @@ struct GuardedDelete
     template <class T> void operator()(T* object) const { GuardedMemory::destroy(object, place); }
 };
 
+/// The owner of an object; GuardedPtr.h shows how one is made.
 template <class T> using GuardedPtr = std::unique_ptr<T, GuardedDelete>;

@@ -27,6 +27,7 @@ public:
         Refused     ///< refused during a pause
     };
 
+    /// What a request for a buffer returns.
     struct Allocation
     {
         char* buffer; ///< null when refused, and for a length of 0

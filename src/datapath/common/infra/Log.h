@@ -53,6 +53,8 @@ public:
     virtual bool onAssert(const std::string& line) = 0;
 };
 
+/// The process-wide hub through which every log line passes on its way to the clients; Log.h shows its use. Any thread
+/// may call.
 class Logger
 {
 public:

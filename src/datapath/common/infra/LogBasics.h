@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string_view>
 
+/// How severe a line is. The clients' masks have one bit for each level.
 enum class LogLevel : std::uint32_t
 {
     Assert = 0, ///< a failed check; ends the process

@@ -25,6 +25,7 @@
 class LogFiles
 {
 public:
+    /// Where the files are and how many are kept.
     struct Settings
     {
         /// The path of all files without number and ".txt", narrow and in the system's own form: a backslash separates

@@ -184,9 +184,11 @@ private:
     const LoggerId m_loggerId;
 };
 
+/// A LogItem or an object of a derived class.
 template <class T>
 concept AnyLogItem = std::derived_from<std::remove_reference_t<T>, LogItem>;
 
+/// An item to which several statements may add.
 template <class T>
 concept NamedLogItem = AnyLogItem<T> && std::is_lvalue_reference_v<T>;
 
@@ -194,12 +196,14 @@ concept NamedLogItem = AnyLogItem<T> && std::is_lvalue_reference_v<T>;
 template <class T>
 concept UnnamedLogItem = AnyLogItem<T> && !std::is_lvalue_reference_v<T>;
 
+/// Integers and texts, which need no stream.
 template <NamedLogItem Item, LogItemInternal::Simple T> LogItem& operator<<(Item&& item, const T& value)
 {
     item.insert(value);
     return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
+/// Whatever else a narrow output stream accepts.
 template <NamedLogItem Item, LogItemInternal::Streamed T> LogItem& operator<<(Item&& item, T&& value)
 {
     item.stream() << std::forward<T>(value);
@@ -220,12 +224,14 @@ template <NamedLogItem Item> LogItem& operator<<(Item&& item, std::ostream& (*ma
     return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
+/// std::hex and its like.
 template <NamedLogItem Item> LogItem& operator<<(Item&& item, std::ios_base& (*manipulator)(std::ios_base&))
 {
     item.stream() << manipulator;
     return static_cast<LogItem&>(item); // a name of an rvalue is one itself when returned, from C++23 on
 }
 
+/// Manipulators of a std::ios.
 template <NamedLogItem Item> LogItem& operator<<(Item&& item, std::ios& (*manipulator)(std::ios&))
 {
     item.stream() << manipulator;
@@ -240,6 +246,7 @@ template <UnnamedLogItem Item, LogItemInternal::Simple T>
     return std::forward<Item>(item);
 }
 
+/// Whatever else a narrow output stream accepts; does not end the line.
 template <UnnamedLogItem Item, LogItemInternal::Streamed T>
 [[nodiscard("end the line: << std::endl")]] LogItem&& operator<<(Item&& item, T&& value)
 {
@@ -247,6 +254,7 @@ template <UnnamedLogItem Item, LogItemInternal::Streamed T>
     return std::forward<Item>(item);
 }
 
+/// std::hex and its like; does not end the line.
 template <UnnamedLogItem Item>
 [[nodiscard("end the line: << std::endl")]] LogItem&& operator<<(Item&& item,
                                                                  std::ios_base& (*manipulator)(std::ios_base&))
@@ -255,6 +263,7 @@ template <UnnamedLogItem Item>
     return std::forward<Item>(item);
 }
 
+/// Manipulators of a std::ios; does not end the line.
 template <UnnamedLogItem Item>
 [[nodiscard("end the line: << std::endl")]] LogItem&& operator<<(Item&& item, std::ios& (*manipulator)(std::ios&))
 {
@@ -262,6 +271,7 @@ template <UnnamedLogItem Item>
     return std::forward<Item>(item);
 }
 
+/// std::endl and its like, which may come last in a statement.
 template <UnnamedLogItem Item> LogItem&& operator<<(Item&& item, std::ostream& (*manipulator)(std::ostream&))
 {
     item << manipulator;

@@ -73,6 +73,7 @@ public:
     class Batch
     {
     public:
+        /// Visits the pieces in their order.
         class Iterator
         {
         public:

@@ -61,6 +61,7 @@ public:
         std::uint64_t m_freeTime = 0; ///< 0 while the block is live
     };
 
+    /// A guarded block and what is known about it.
     struct Record
     {
         const std::byte* memory;

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+/// Reads how much user time a thread has used since the last reading.
 class ThreadCpuUsageMonitor
 {
 public:

@@ -40,9 +40,12 @@
 
 class MemoryAllocationHelper;
 
+/// A pool that cuts its memory into chunks and gives them to modules; MemoryPool.h describes it. Derived classes may
+/// bring its memory from elsewhere.
 class MemoryPoolImpl : public MemoryAllocatorInterface
 {
 public:
+    /// What a pool is made with.
     struct Settings
     {
         /// At least 16 and a divisor of 2 MiB; 0 for a pool without chunks. Another value logs an Error line and counts
@@ -51,6 +54,7 @@ public:
         std::uint64_t maxPoolSize = 0; ///< the pool grows while it is smaller: at most to this, rounded up to 2 MiB
     };
 
+    /// What a module is registered with. Sizes are in bytes.
     struct ModuleSettings
     {
         std::string name;

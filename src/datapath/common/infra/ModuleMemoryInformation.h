@@ -91,6 +91,7 @@ private:
     ModuleMemoryInformation* const m_parent;
 };
 
+/// A module of the MemoryHeap: without a reservation and without a limit.
 class HeapModuleMemoryInformation final : public ModuleMemoryInformation
 {
 public:

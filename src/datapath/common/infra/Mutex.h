@@ -15,6 +15,7 @@
 
 #include <cstdint>
 
+/// What can be locked and unlocked.
 class TAVRO_CAPABILITY("mutex") IMutex
 {
 public:

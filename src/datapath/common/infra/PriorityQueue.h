@@ -30,6 +30,7 @@
 template <class T> class PriorityQueue final : public MemWatchedContainer
 {
 public:
+    /// What dequeue returns.
     struct Taken
     {
         T item;

@@ -20,6 +20,7 @@
 class RateMonitor
 {
 public:
+    /// When a line is logged, and what it covers.
     struct Settings
     {
         // A line is logged when a task ends and the period has at least minTasksForReport completed tasks, and more

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <string_view>
 
+/// One line of the catalogue.
 struct TweakDescriptor
 {
     std::string_view name;

@@ -88,6 +88,7 @@ class WaitingRequestsQueue
 public:
     using Request = WaitingRequestsQueue_Internal::Request;
 
+    /// A request and its place in the order of arrival.
     struct Item
     {
         Request* request;

@@ -79,6 +79,7 @@ template <class Visit> void visitPieces(std::size_t length, const Visit& visit)
 
 } // namespace AsciiCaseInternal
 
+/// Whether two texts are equal if ASCII letters count as the same in both cases.
 struct CaseInsensitiveEqual
 {
     [[nodiscard]] bool operator()(std::string_view left, std::string_view right) const noexcept

@@ -24,6 +24,7 @@
 template <class Item> class DueOrder
 {
 public:
+    /// An item and the time at which it is due.
     struct Entry
     {
         std::uint64_t timeMs;

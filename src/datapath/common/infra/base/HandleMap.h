@@ -23,6 +23,7 @@ template <class Value> class HandleMap
 public:
     using Handle = std::uint32_t;
 
+    /// A handle and its value. It stays where it is until it is extracted.
     class Entry
     {
     public:

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+/// What became of an operation. RC_ABORTED: it was given up before it had come to its end.
 enum RcStatus : std::int32_t
 {
     RC_OK = 0,

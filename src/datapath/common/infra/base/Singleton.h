@@ -18,6 +18,7 @@ template <class Tag> Mutex& creationLock()
     return lock;
 }
 
+/// The part of createOnce that takes the lock; out of line, because it seldom runs.
 template <class T, class Make>
 [[gnu::noinline]] T& createUnderLock(platform::Atomic<T*>& published, Mutex& lock, const Make& make)
 {

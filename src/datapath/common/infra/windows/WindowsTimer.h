@@ -35,6 +35,7 @@ class WindowsTimer : public Singleton<WindowsTimer, WindowsTimer>
 public:
     using Completion = FutureInternal::Future<RcStatus>;
 
+    /// One timer, as the passes see it.
     struct WindowsTimerInfo
     {
         std::uint64_t dueMs; ///< the timestamp after which the callback is due
