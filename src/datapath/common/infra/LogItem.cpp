@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+
+#ifdef TAVRO_REPORT_UNENDED_LINES
 #include <iostream>
+#endif
 
 namespace LogItemInternal
 {
