@@ -32,7 +32,7 @@ if(WIN32)
   # The program is one file: the compiler's runtime libraries are linked statically. What it does not use is left out, and
   # larger functions are not inlined, so that it stays under 1.6 MB.
   add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-ffunction-sections> $<$<COMPILE_LANGUAGE:CXX>:-fdata-sections>
-    $<$<COMPILE_LANGUAGE:CXX>:-fno-inline-functions> $<$<COMPILE_LANGUAGE:CXX>:--param=max-inline-insns-single=20>)
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-inline-functions> $<$<COMPILE_LANGUAGE:CXX>:--param=max-inline-insns-single=12>)
   add_link_options(-static -fstack-protector-strong -Wl,--gc-sections,--dynamicbase,--high-entropy-va,--nxcompat)
 else()
   set(CMAKE_POSITION_INDEPENDENT_CODE ON)
