@@ -40,7 +40,7 @@ int main()
 
     static auto& ticks = *new Semaphore(0); // never destroyed: the timer's thread lives as long as the process
     Timer::instance().start();              // once in a process
-    Timer::instance().addTimer([](void*) { ticks.signal(); }, nullptr, 200, false); // every 200 ms
+    Timer::instance().addTimer([](void*) { ticks.signal(); }, nullptr, 200, false); // after more than 200 ms
     ticks.wait();
     ticks.wait();
     LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "two ticks" << std::endl;

@@ -18,7 +18,13 @@ std::uint32_t allocateThreadValue(void (*release)(void* value))
     return index;
 }
 
-void* threadValue(std::uint32_t index) noexcept { return FlsGetValue(index); }
+void* threadValue(std::uint32_t index) noexcept
+{
+    const DWORD error = GetLastError(); // FlsGetValue clears it, and a log line that quotes it begins with this call
+    void* const value = FlsGetValue(index);
+    SetLastError(error);
+    return value;
+}
 
 void setThreadValue(std::uint32_t index, void* value) noexcept { FlsSetValue(index, value); }
 

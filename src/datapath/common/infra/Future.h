@@ -120,6 +120,8 @@ template <class T> struct RepAllocator
 
     [[nodiscard]] static T* allocate(std::size_t /*one*/)
     {
+        static_assert(alignof(T) <= MemShield::BLOCK_ALIGNMENT,
+                      "a result with a larger alignment needs a pointer to it");
         return static_cast<T*>(MemShield::allocate(sizeof(T), 0, {"FutureRep<T>", SourcePlace::here()}));
     }
     static void deallocate(T* memory, std::size_t /*one*/) { MemShield::releaseObject(memory, SourcePlace::here()); }

@@ -26,7 +26,7 @@ namespace GuardedMemory
 /// Makes an object. If its constructor throws, the memory is released and the exception goes on to the caller.
 template <class T, class... Args> [[nodiscard]] T* create(const AllocationSite& site, Args&&... args)
 {
-    static_assert(alignof(T) <= MemShield::BLOCK_ALIGNMENT);
+    static_assert(alignof(T) <= MemShield::BLOCK_ALIGNMENT, "guarded blocks are aligned to 8 bytes");
     void* const memory = MemShield::allocate(sizeof(T), 0, site);
     try
     {

@@ -8,7 +8,7 @@
 //     GuardedMemory::destroy(object, memory, SourcePlace::here(), released);    // for each object
 //     released.giveBack();                                                      // before the thread waits
 //
-// Not for several threads at once. Up to CAPACITY blocks stay until giveBack or the end of the batch.
+// Not for several threads at once. Up to CAPACITY small blocks stay until giveBack or the end of the batch.
 
 #include <array>
 #include <cstddef>
@@ -17,16 +17,22 @@
 class HeapBatch
 {
 public:
-    static constexpr std::size_t CAPACITY = 32; // blocks
+    static constexpr std::size_t CAPACITY = 32;    // blocks
+    static constexpr std::size_t MAX_KEPT = 1'024; // bytes of a block that stays
 
     HeapBatch() = default;
     HeapBatch(const HeapBatch&) = delete;
     HeapBatch& operator=(const HeapBatch&) = delete;
     ~HeapBatch() { giveBack(); }
 
-    /// Takes over a block of operator new that nobody uses any more.
-    void add(void* block) noexcept
+    /// Takes over a block of operator new that nobody uses any more. A large one goes back at once.
+    void add(void* block, std::size_t bytes) noexcept
     {
+        if (bytes > MAX_KEPT) [[unlikely]]
+        {
+            ::operator delete(block);
+            return;
+        }
         if (m_numBlocks == CAPACITY)
         {
             giveBack();

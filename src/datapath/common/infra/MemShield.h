@@ -125,7 +125,13 @@ public:
     /// Without guarded memory the block, which is checked and counted now, goes back to the system heap with the batch.
     static void releaseVerified(void* memory, const SourcePlace& place, HeapBatch& batch)
     {
-        isEnabled() ? instance().freeAndUnregister(memory, place) : batch.add(countReleaseOfObject(memory));
+        if (isEnabled())
+        {
+            instance().freeAndUnregister(memory, place);
+            return;
+        }
+        CountedHeader* const block = countReleaseOfObject(memory);
+        batch.add(block, block->length);
     }
 
     // The calls of the single modes. A block must be released in the mode in which it was allocated.
@@ -218,7 +224,7 @@ private:
     }
 
     /// Returns the block, which is to go back to the system heap.
-    [[nodiscard]] static void* countReleaseOfObject(void* memory)
+    [[nodiscard]] static CountedHeader* countReleaseOfObject(void* memory)
     {
         if (headerOf(memory)->sanityWord != OBJECT_SANITY_WORD) [[unlikely]]
         {
@@ -227,7 +233,7 @@ private:
         return countRelease(memory);
     }
 
-    [[nodiscard]] static void* countRelease(void* memory)
+    [[nodiscard]] static CountedHeader* countRelease(void* memory)
     {
         CountedHeader* const header = headerOf(memory);
         SystemHeapBytes::giveBack(header->length);

@@ -28,7 +28,7 @@ template <class T> constexpr bool isListed(const KnownTweak<T>& tweak)
 
 constexpr std::size_t NUM_LISTED = [] {
     std::size_t count = 0;
-    forEachKnownTweak([&](const auto& tweak) { count += isListed(tweak) ? 1 : 0; });
+    forEachKnownTweak([&](const auto& tweak) { count += static_cast<std::size_t>(isListed(tweak)); });
     return count;
 }();
 
