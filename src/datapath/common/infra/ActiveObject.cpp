@@ -96,12 +96,11 @@ void ActiveObject::run()
         DlcKeepalive keepalive("");
         keepalive.disarm();
         onThreadStart(threadIndex);
-        HeapBatch released;
-        for (QueuedAction next = waitForAction(released); next.item != nullptr; next = waitForAction(released))
+        for (QueuedAction next = waitForAction(); next.item != nullptr; next = waitForAction())
         {
             void* const memory = wholeOf(next.item);
             execute(next, threadIndex, keepalive);
-            release(next.item, memory, released);
+            release(next.item, memory);
         }
     }
     m_left.signal();
@@ -120,13 +119,13 @@ void ActiveObject::execute(const QueuedAction& queued, std::uint32_t threadIndex
     keepalive.disarm();
 }
 
-void ActiveObject::release(Action* action, void* memory, HeapBatch& batch)
+void ActiveObject::release(Action* action, void* memory)
 {
-    GuardedMemory::destroy(action, memory, SourcePlace::here(), batch);
+    GuardedMemory::destroy(action, memory, SourcePlace::here());
 }
 
-/// Returns the next action, or none when the worker is to leave. Gives released memory back before it waits.
-ActiveObject::QueuedAction ActiveObject::waitForAction(HeapBatch& released)
+/// Returns the next action, or none when the worker is to leave.
+ActiveObject::QueuedAction ActiveObject::waitForAction()
 {
     while (m_enabled.load(std::memory_order_relaxed))
     {
@@ -135,7 +134,6 @@ ActiveObject::QueuedAction ActiveObject::waitForAction(HeapBatch& released)
             wakeHelp();
             return next;
         }
-        released.giveBack();
         waitUntilNeeded();
     }
     return {};
@@ -308,10 +306,9 @@ void ActiveObject::terminateAllThreads()
     }
     if (isFirst)
     {
-        HeapBatch released;
         for (Action* const action : drain())
         {
-            release(action, wholeOf(action), released);
+            release(action, wholeOf(action));
         }
     }
 }

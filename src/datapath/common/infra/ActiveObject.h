@@ -22,7 +22,6 @@
 #include "datapath/common/infra/ActionArrivals.h"
 #include "datapath/common/infra/DeadLockChecker.h"
 #include "datapath/common/infra/GuardedPtr.h"
-#include "datapath/common/infra/HeapBatch.h"
 #include "datapath/common/infra/IdleWorkers.h"
 #include "datapath/common/infra/Mutex.h"
 #include "datapath/common/infra/PriorityQueue.h"
@@ -110,7 +109,7 @@ private:
     // The functions that producers and workers run for each action are marked hot, which puts them together in memory.
     // Fewer cache lines of code then have to be fetched when actions come after a pause.
     [[gnu::hot]] void addArrival(Action* action) TAVRO_EXCLUDES(m_arrivalsMutex);
-    [[nodiscard, gnu::hot]] QueuedAction waitForAction(HeapBatch& released) TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
+    [[nodiscard, gnu::hot]] QueuedAction waitForAction() TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
     [[nodiscard, gnu::hot]] QueuedAction takeNext() TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
     [[gnu::hot]] void importArrivals(std::uint64_t maxActions) TAVRO_REQUIRES(m_mutex) TAVRO_EXCLUDES(m_arrivalsMutex);
     [[nodiscard, gnu::hot]] QueuedAction extract() TAVRO_REQUIRES(m_mutex);
@@ -121,7 +120,7 @@ private:
     [[gnu::hot]] void sleep() TAVRO_EXCLUDES(m_mutex, m_arrivalsMutex);
     [[nodiscard]] bool leaveSleepers() TAVRO_EXCLUDES(m_arrivalsMutex);
     [[gnu::hot]] static void execute(const QueuedAction& queued, std::uint32_t threadIndex, DlcKeepalive& keepalive);
-    [[gnu::hot]] static void release(Action* action, void* memory, HeapBatch& batch);
+    [[gnu::hot]] static void release(Action* action, void* memory);
 
     [[nodiscard]] bool isVerbose() const;
     void logTimedOutWait() TAVRO_EXCLUDES(m_mutex);

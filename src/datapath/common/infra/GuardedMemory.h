@@ -12,7 +12,6 @@
 
 #include "datapath/common/infra/MemShield.h"
 
-#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -42,14 +41,12 @@ template <class T, class... Args> [[nodiscard]] T* create(const AllocationSite& 
 /// Destroys and releases an object through a pointer to any of its base classes. memory is the address that create
 /// returned: dynamic_cast<void*> finds it, as long as the object is known to live. With guarded memory, nothing is read
 /// through memory unless that is a live block.
-/// Without guarded memory, blocks may go back to the system heap with a batch.
-template <class T, std::same_as<HeapBatch>... Batch>
-void destroy(T* object, void* memory, const SourcePlace& place, Batch&... batch)
+template <class T> void destroy(T* object, void* memory, const SourcePlace& place)
 {
     static_assert(!std::is_polymorphic_v<T> || std::has_virtual_destructor_v<T> || std::is_final_v<T>);
     MemShield::verifyObject(memory, place); // before the destructor, which must not run on a released object
     object->~T();
-    MemShield::releaseVerified(memory, place, batch...);
+    MemShield::releaseVerified(memory, place);
 }
 
 /// The same for a pointer that is the address that create returned. T may be a base class if it is the first one and

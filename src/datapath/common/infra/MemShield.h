@@ -16,7 +16,6 @@
 // of a report. While a client does so, it must not hold a lock that it takes to log a line. A client that allocates
 // must be registered after the first block was allocated.
 
-#include "datapath/common/infra/HeapBatch.h"
 #include "datapath/common/infra/LogBasics.h"
 #include "datapath/common/infra/MemWatchedContainer.h"
 #include "datapath/common/infra/Mutex.h"
@@ -122,17 +121,6 @@ public:
     {
         isEnabled() ? instance().freeAndUnregister(memory, place) : freeAndCount(memory);
     }
-    /// Without guarded memory the block, which is checked and counted now, goes back to the system heap with the batch.
-    static void releaseVerified(void* memory, const SourcePlace& place, HeapBatch& batch)
-    {
-        if (isEnabled())
-        {
-            instance().freeAndUnregister(memory, place);
-            return;
-        }
-        CountedHeader* const block = countReleaseOfObject(memory);
-        batch.add(block, block->length);
-    }
 
     // The calls of the single modes. A block must be released in the mode in which it was allocated.
     [[nodiscard]] static void* internalAllocAndCountOnlyArray(std::uint64_t size, std::uint64_t numItems)
@@ -144,7 +132,14 @@ public:
         return allocateCounted(size, numItems == 0 ? OBJECT_SANITY_WORD : static_cast<std::uint32_t>(numItems));
     }
 
-    static void freeAndCount(void* memory) { ::operator delete(countReleaseOfObject(memory)); }
+    static void freeAndCount(void* memory)
+    {
+        if (headerOf(memory)->sanityWord != OBJECT_SANITY_WORD) [[unlikely]]
+        {
+            failNotAnObject();
+        }
+        releaseCounted(memory);
+    }
 
     static void freeAndCountArray(void* memory)
     {
@@ -152,7 +147,7 @@ public:
         {
             failNotAnArray();
         }
-        ::operator delete(countRelease(memory));
+        releaseCounted(memory);
     }
 
     [[nodiscard]] void* internalAllocAndRegister(std::uint64_t size, std::uint64_t arrayLength,
@@ -216,28 +211,19 @@ private:
         {
             throw std::bad_alloc();
         }
-        auto* const header = static_cast<CountedHeader*>(::operator new(length));
+        auto* const header = static_cast<CountedHeader*>(SystemHeapBytes::allocate(length));
         header->length = static_cast<std::uint32_t>(length); // blocks count with 32 bits of their length
         header->sanityWord = sanityWord;
         SystemHeapBytes::take(header->length);
         return header + 1;
     }
 
-    /// Returns the block, which is to go back to the system heap.
-    [[nodiscard]] static CountedHeader* countReleaseOfObject(void* memory)
-    {
-        if (headerOf(memory)->sanityWord != OBJECT_SANITY_WORD) [[unlikely]]
-        {
-            failNotAnObject();
-        }
-        return countRelease(memory);
-    }
-
-    [[nodiscard]] static CountedHeader* countRelease(void* memory)
+    static void releaseCounted(void* memory)
     {
         CountedHeader* const header = headerOf(memory);
-        SystemHeapBytes::giveBack(header->length);
-        return header;
+        const std::uint32_t length = header->length;
+        SystemHeapBytes::giveBack(length);
+        SystemHeapBytes::release(header, length);
     }
 
     [[noreturn]] static void failTooManyItems();

@@ -24,22 +24,19 @@ public:
     virtual ~IMutex() = default;
 };
 
-/// A non-recursive mutex.
-class TAVRO_CAPABILITY("mutex") Mutex final : public IMutex
+/// A non-recursive mutex that nothing has to construct or destroy: for static objects that are used before and after
+/// main.
+class TAVRO_CAPABILITY("mutex") StaticMutex
 {
 public:
-    Mutex() = default;
-    Mutex(const Mutex&) = delete;
-    Mutex& operator=(const Mutex&) = delete;
-
-    void lock() TAVRO_ACQUIRES() override
+    void lock() TAVRO_ACQUIRES()
     {
         if (!m_mutex.tryLock())
         {
             lockContended();
         }
     }
-    void unlock() TAVRO_RELEASES() override { m_mutex.unlock(); }
+    void unlock() TAVRO_RELEASES() { m_mutex.unlock(); }
 
 private:
     /// Most locks are held for less time than falling asleep takes. Each look is preceded by many spin-wait hints,
@@ -56,6 +53,21 @@ private:
     }
 
     platform::NativeMutex m_mutex;
+};
+
+/// A non-recursive mutex.
+class TAVRO_CAPABILITY("mutex") Mutex final : public IMutex
+{
+public:
+    Mutex() = default;
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    void lock() TAVRO_ACQUIRES() override { m_mutex.lock(); }
+    void unlock() TAVRO_RELEASES() override { m_mutex.unlock(); }
+
+private:
+    StaticMutex m_mutex;
 };
 
 /// A Mutex that knows its owner: for a lock under which lines are logged, because a log client may call the code that

@@ -1,10 +1,13 @@
 #pragma once
 
-// Counts the bytes that the guarded allocator has taken from the system heap, in both of its modes.
+// Counts the bytes that the guarded allocator has taken from the system heap, in both of its modes, and keeps each
+// thread's small blocks that wait for their next use.
 //
 // Each thread counts in a share of its own, so that counting costs no more with many threads than with one; reading
 // adds up the shares. A sum that is read while other threads count may be a little above the figure of any single
 // moment; it is never negative. Any thread may call.
+
+#include "datapath/common/infra/HeapBlocks.h"
 
 #include <array>
 #include <atomic>
@@ -22,6 +25,7 @@ struct alignas(64) Share
     std::atomic<std::uint64_t> taken = 0;
     std::atomic<std::uint64_t> returned = 0; // includes bytes that other threads took
     std::atomic<bool> isOwned = false;
+    HeapBlocks::ThreadBlocks blocks; // used by the owner; the next owner of the share gets what is left
 };
 
 } // namespace SystemHeapBytesInternal
@@ -34,6 +38,27 @@ public:
 
     [[nodiscard]] static std::uint64_t read() noexcept;
 
+    /// A block of the system heap for that many bytes, which count from the call of take on. Throws std::bad_alloc.
+    [[nodiscard]] static void* allocate(std::size_t bytes)
+    {
+        if (!isRecycled(bytes))
+        {
+            return ::operator new(bytes);
+        }
+        return ownsShare() ? s_share->blocks.take(bytes) : ::operator new(HeapBlocks::capacityOf(bytes));
+    }
+
+    /// Releases a block that allocate has returned for that many bytes.
+    static void release(void* block, std::size_t bytes) noexcept
+    {
+        if (isRecycled(bytes) && ownsShare())
+        {
+            s_share->blocks.release(block, bytes);
+            return;
+        }
+        ::operator delete(block);
+    }
+
     /// Whether the calling thread has a share, so has counted before.
     [[nodiscard]] static bool isCounting() noexcept { return s_share != nullptr; }
 
@@ -43,6 +68,12 @@ public:
 
 private:
     using Share = SystemHeapBytesInternal::Share;
+
+    static constexpr bool isRecycled(std::size_t bytes)
+    {
+        return HeapBlocks::ARE_RECYCLED && bytes <= HeapBlocks::MAX_BYTES;
+    }
+    static bool ownsShare() noexcept { return s_share != nullptr && s_share != &s_commonShare; }
 
     static void add(std::atomic<std::uint64_t> Share::*member, std::uint64_t bytes) noexcept
     {
