@@ -25,7 +25,7 @@ ensure_packages() {
     return 1
 }
 
-BUILD_PACKAGES="g++ cmake ninja-build"
-WINDOWS_PACKAGES="g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64"
+BUILD_PACKAGES="g++ cmake ninja-build libcli11-dev zlib1g-dev"
+WINDOWS_PACKAGES="g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 libz-mingw-w64-dev"
 WINE_PACKAGES="wine wine64 fonts-wine"
 ARM64_PACKAGES="g++-aarch64-linux-gnu qemu-user"

@@ -17,7 +17,9 @@
 /// The code that reads a tweak.
 enum class TweakReader : std::uint8_t
 {
-    Table,           ///< code that asks the table of tweaks each time
+    Start,           ///< code that asks the table of tweaks before the program's window appears
+    SimulatedStart,  ///< the same, if `t_simulativeCpuUsage` is on
+    Table,           ///< code that asks the table of tweaks later, each time
     DynamicTweaks,   ///< code that reads a member of DynamicTweaks
     DerivedSwitches, ///< only the derived switches of DynamicTweaks; the catalogue does not list it
     OtherPrograms    ///< no code of this system; the catalogue does not list it
@@ -51,14 +53,15 @@ inline constexpr std::nullopt_t NO_DEFAULT = std::nullopt;
 
 inline constexpr BoolTweak ENABLE_MEMSHIELD{
     "t_enableMemshield", false, "",
-    "on guards every allocation of the infrastructure, off only counts bytes; fixed for the life of the process"};
+    "on guards every allocation of the infrastructure, off only counts bytes; fixed for the life of the process",
+    TweakReader::Start};
 inline constexpr IntTweak MEMSHIELD_PRE_MARGIN_SIZE{"t_memshield_pre_margin_size", 16, "bytes",
-                                                    "guard bytes before each guarded block"};
+                                                    "guard bytes before each guarded block", TweakReader::Start};
 inline constexpr IntTweak MEMSHIELD_POST_MARGIN_SIZE{"t_memshield_post_margin_size", 64, "bytes",
-                                                     "guard bytes after each guarded block"};
+                                                     "guard bytes after each guarded block", TweakReader::Start};
 inline constexpr IntTweak ALLOCATION_HISTORY_LENGTH_MS{
     "t_allocationHistoryLengthMs", 0, "",
-    "not 0: released guarded blocks are kept and reported, and never given back to the system"};
+    "not 0: released guarded blocks are kept and reported, and never given back to the system", TweakReader::Start};
 inline constexpr IntTweak MEM_SHIELD_VERBOSE{"t_MemShieldVerbose", 1, "",
                                              "not 0: the memory report lists places of allocation"};
 inline constexpr IntTweak MEM_SHIELD_MAX_ALLOCATION_IN_CODE_LINE{
@@ -68,24 +71,27 @@ inline constexpr IntTweak MEM_SHIELD_MAX_ALLOCATION_IN_CODE_LINE{
 // The log
 
 inline constexpr IntTweak QLOG_MAX_FILES{
-    "t_qlogMaxFiles", NO_DEFAULT, "MiB", "memory for log lines that are not in the file yet", TweakReader::Table, 3};
+    "t_qlogMaxFiles", NO_DEFAULT, "MiB", "memory for log lines that are not in the file yet", TweakReader::Start, 3};
 inline constexpr BoolTweak FILE_LOGGER_COMPRESS_ON_ROTATE{
-    "t_FileLoggerCompressOnRotate", false, "", "rotated log files are named as compressed", TweakReader::Table, true};
+    "t_FileLoggerCompressOnRotate", false, "", "rotated log files are named as compressed", TweakReader::Start, true};
 inline constexpr BoolTweak FILE_LOGGER_ENABLED{
-    "t_FileLoggerEnabled", true, "", "off: nothing is written to the log file", TweakReader::Table, true};
+    "t_FileLoggerEnabled", true, "", "off: nothing is written to the log file", TweakReader::Start, true};
 inline constexpr BoolTweak FILE_LOGGER_FLUSH_EVERY_LINE{"t_FileLoggerFlushEveryLine", false, "",
-                                                        "each line is in the file when the logging call returns"};
-inline constexpr BoolTweak ASYNC_FILE_LOGGER_FLUSH_EVERY_LINE{"t_AsyncFileLoggerFlushEveryLine", false, "",
-                                                              "the writer thread flushes after every line"};
+                                                        "each line is in the file when the logging call returns",
+                                                        TweakReader::Start};
+inline constexpr BoolTweak ASYNC_FILE_LOGGER_FLUSH_EVERY_LINE{
+    "t_AsyncFileLoggerFlushEveryLine", false, "", "the writer thread flushes after every line", TweakReader::Start};
 inline constexpr IntTweak GEN_FILE_LOGGER_MAX_FILES{"t_GenFileLoggerMaxFiles", 1000, "files",
-                                                    "rotated log files that are kept"};
-inline constexpr IntTweak FILE_LOGGER_MAX_FILES_OVERRIDE{"t_FileLoggerMaxFilesOverride", 0, "files",
-                                                         "not 0: replaces `t_GenFileLoggerMaxFiles`"};
+                                                    "rotated log files that are kept", TweakReader::Start};
+inline constexpr IntTweak FILE_LOGGER_MAX_FILES_OVERRIDE{
+    "t_FileLoggerMaxFilesOverride", 0, "files", "not 0: replaces `t_GenFileLoggerMaxFiles`", TweakReader::Start};
 inline constexpr UintTweak OLM_FLUSH_FILE_MAX_PERIOD_MS{"t_OlmFlushFileMaxPeriodMs", 60'000, "ms",
-                                                        "how long a flush of the log waits at most; 0: without limit"};
+                                                        "how long a flush of the log waits at most; 0: without limit",
+                                                        TweakReader::Start};
 inline constexpr UintTweak PERCENT_OF_LOGGER_MEMORY_FOR_MINIMAL_THRESHOLD{
     "t_percentOfLoggerMemoryforMinimalThreshold", 80, "percent",
-    "once the log's memory was full, lines are taken again when less than this share of it is used"};
+    "once the log's memory was full, lines are taken again when less than this share of it is used",
+    TweakReader::Start};
 inline constexpr BoolTweak DISABLE_LOG_MEMORY_ALLOCATION_TRACKING{
     "t_disableLogMemoryAllocationTracking", false, "", "no line is ever dropped because the log's memory is full",
     TweakReader::DynamicTweaks};
@@ -108,15 +114,16 @@ inline constexpr BoolTweak ACTIVE_OBJECT_VERBOSE_LOGS{
     TweakReader::DynamicTweaks};
 inline constexpr IntTweak OLM_PRIORITY_QUEUE_PRINT_INTERVAL_MS{
     "t_OlmPriorityQueuePrintIntervalMs", 10'000, "ms",
-    "time between two reports of a queue; no effect in this program, where no queue reports"};
+    "time between two reports of a queue; no effect in this program, where no queue reports", TweakReader::Start};
 
 // The CPU usage of the machine
 
-inline constexpr BoolTweak SIMULATIVE_CPU_USAGE{"t_simulativeCpuUsage", false, "",
-                                                "the machine's CPU usage is simulated instead of measured"};
+inline constexpr BoolTweak SIMULATIVE_CPU_USAGE{
+    "t_simulativeCpuUsage", false, "", "the machine's CPU usage is simulated instead of measured", TweakReader::Start};
 inline constexpr BoolTweak RANDOM_CPU_USAGE{
     "t_randomCpuUsage", false, "",
-    "simulated usage is random instead of 0; the four probabilities must then add up to 100"};
+    "simulated usage is random instead of 0; the four probabilities must then add up to 100",
+    TweakReader::SimulatedStart};
 inline constexpr IntTweak HIGH_CPU_USAGE_PROBABILITY_PERCENT{"t_highCpuUsageProbabilityPercent", 0, "percent",
                                                              "how often random usage is 100"};
 inline constexpr IntTweak MID_CPU_USAGE_PROBABILITY_PERCENT{

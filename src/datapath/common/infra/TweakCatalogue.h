@@ -23,7 +23,7 @@ namespace TweakCatalogueInternal
 
 template <class T> constexpr bool isListed(const KnownTweak<T>& tweak)
 {
-    return tweak.reader == TweakReader::Table || tweak.reader == TweakReader::DynamicTweaks;
+    return tweak.reader != TweakReader::DerivedSwitches && tweak.reader != TweakReader::OtherPrograms;
 }
 
 constexpr std::size_t NUM_LISTED = [] {

@@ -113,6 +113,22 @@ private:
 
 } // namespace
 
+std::vector<Tweaks::File> Tweaks::files()
+{
+    // The operating system takes two separators for one. Messages show both. The third path lacks its separator by an
+    // old mistake; files exist in both places.
+    const auto inFolder = [](const char* folder, std::size_t separators, const char* file) {
+        std::string path = folder;
+        path.append(separators, platform::PATH_SEPARATOR);
+        path += file;
+        return path;
+    };
+    return {{inFolder("olm_tweaks", 2, "tweaks.txt"), TweakFileKind::Consistent},
+            {EXTENSION_FILE, TweakFileKind::Extension},
+            {inFolder(SURVIVING_FOLDER, 0, SURVIVING_FILE), TweakFileKind::Extension},
+            {inFolder(SURVIVING_FOLDER, 1, SURVIVING_FILE), TweakFileKind::Extension}};
+}
+
 std::deque<TweakLine> Tweaks::getTweaksFromStream(std::istream& text, TweakFileKind kind)
 {
     std::deque<TweakLine> parsed;
@@ -198,8 +214,8 @@ bool Tweaks::updateFromFile(const std::string& path)
 
 void Tweaks::loadFromFiles()
 {
-    // The operating system takes two separators for one. Messages show both.
-    const std::string consistentFile = "olm_tweaks" + std::string(2, platform::PATH_SEPARATOR) + "tweaks.txt";
+    const std::vector<File> all = files();
+    const std::string& consistentFile = all[0].path;
     std::stringstream text;
     if (ConsistentFile(consistentFile).load(text) != RC_OK)
     {
@@ -211,19 +227,13 @@ void Tweaks::loadFromFiles()
     applyConsistentText(text);
     m_fileName.clear();
 
-    if (!updateFromFile(EXTENSION_FILE))
+    for (std::size_t i = 1; i < all.size(); ++i)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
-            << "local tweaks file \"" << EXTENSION_FILE << "\" not found" << std::endl;
-    }
-    // The first of these paths lacks its separator by an old mistake. Files exist in both places.
-    for (const std::size_t separators : {0U, 1U})
-    {
-        const std::string path = SURVIVING_FOLDER + std::string(separators, platform::PATH_SEPARATOR) + SURVIVING_FILE;
-        if (!updateFromFile(path))
+        if (!updateFromFile(all[i].path))
         {
             LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
-                << "local upgrade-surviving tweaks file \"" << path << "\" not found" << std::endl;
+                << (i == 1 ? "local tweaks file \"" : "local upgrade-surviving tweaks file \"") << all[i].path
+                << "\" not found" << std::endl;
         }
     }
 }

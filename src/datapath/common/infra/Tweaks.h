@@ -28,6 +28,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// One line of a tweak file; its parts have no blanks around them.
 struct TweakLine
@@ -104,6 +105,16 @@ public:
     /// Logs every tweak at level Control, in the order of the names.
     void print() const TAVRO_EXCLUDES(m_mutex);
 
+    /// A file of tweaks, with its path from the working folder. That of the consistent file has no copy's number.
+    struct File
+    {
+        std::string path;
+        TweakFileKind kind;
+    };
+
+    /// The files in the order in which they are read; a later one overrides an earlier one.
+    [[nodiscard]] static std::vector<File> files();
+
     /// The lines of a text that set or remove a tweak. The kind decides what happens to a line without "=".
     [[nodiscard]] static std::deque<TweakLine> getTweaksFromStream(std::istream& text, TweakFileKind kind);
 
@@ -125,6 +136,13 @@ protected:
     /// DynamicTweaks from the table of the process.
     Tweaks();
     ~Tweaks() = default;
+
+    /// A table that reads no files. Its construction does not end: texts can be applied at any time, and a change
+    /// refreshes nothing.
+    struct WithoutFiles
+    {
+    };
+    explicit Tweaks(WithoutFiles /*tag*/) {}
 
 private:
     void loadFromFiles();

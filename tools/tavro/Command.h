@@ -1,0 +1,36 @@
+#pragma once
+
+// What the verbs of the console tool share. Everything here is called on the main thread.
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace Tool
+{
+
+/// The exit codes of all verbs.
+enum ExitCode : int
+{
+    FINE = 0,
+    FOUND = 1,  ///< what was looked at has a fault
+    MISUSED = 2 ///< the tool was called wrongly, or could not do what it was asked for
+};
+
+/// Ends the tool with a message on standard error and the code MISUSED.
+struct Misuse : std::runtime_error
+{
+    using std::runtime_error::runtime_error;
+};
+
+/// Makes the folder the working folder, as it is that of the program when it starts. Throws Misuse if it cannot.
+void enterFolder(const std::string& folder);
+
+/// A JSON string with its quotes. Bytes that are not UTF-8 become U+FFFD.
+[[nodiscard]] std::string jsonText(std::string_view text);
+
+/// Whether people watch the stream.
+[[nodiscard]] bool isStandardOutputTerminal();
+[[nodiscard]] bool isStandardErrorTerminal();
+
+} // namespace Tool

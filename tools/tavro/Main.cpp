@@ -1,0 +1,33 @@
+// The console tool for administrators, operators and support. `tavro --help` shows what it does.
+
+#include "tools/tavro/Command.h"
+#include "tools/tavro/Verbs.h"
+
+#include <exception>
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    std::ios::sync_with_stdio(false);
+    CLI::App app("Answers what is wrong with a checkpoint program, its configuration and its log.", "tavro");
+    app.set_version_flag("--version", "tavro " TAVRO_VERSION);
+    app.require_subcommand(1);
+    app.footer("Exit codes: 0 fine, 1 found something, 2 called wrongly.");
+    int exitCode = Tool::MISUSED;
+    Tool::addTweaksVerbs(app, exitCode);
+    try
+    {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::ParseError& error)
+    {
+        return app.exit(error) == 0 ? Tool::FINE : Tool::MISUSED;
+    }
+    catch (const std::exception& error)
+    {
+        std::cout.flush();
+        std::cerr << "tavro: " << error.what() << std::endl;
+        return Tool::MISUSED;
+    }
+    return exitCode;
+}
