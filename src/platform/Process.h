@@ -13,9 +13,30 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace platform
 {
+
+/// Why createProcess looks in a folder for a bare name.
+enum class SearchRule : std::uint8_t
+{
+    ProgramFolder, ///< the folder of the running program
+    WorkingFolder,
+    SystemFolder, ///< a folder of the operating system
+    PathVariable  ///< named by the environment's PATH
+};
+
+/// A folder, with a separator at its end.
+struct SearchedFolder
+{
+    std::string path;
+    SearchRule rule;
+};
+
+/// The folders in which createProcess looks for a bare name, in their order, if it is called by the program with that
+/// path. The first file of the name counts, even if it cannot be executed.
+[[nodiscard]] std::vector<SearchedFolder> searchedFolders(const std::string& programPath);
 
 /// The table of this header's calls, which tests replace.
 struct ProcessCalls

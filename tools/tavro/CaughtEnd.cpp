@@ -46,7 +46,7 @@ std::string lastLineOf(const std::string& text) { return text.substr(text.rfind(
 
 } // namespace
 
-std::optional<std::string> Tool::endOf(const std::function<void()>& code)
+std::optional<Tool::End> Tool::endOf(const std::function<void()>& code)
 {
     const CaughtStream out(std::cout);
     const CaughtStream error(std::cerr);
@@ -70,8 +70,7 @@ std::optional<std::string> Tool::endOf(const std::function<void()>& code)
     {
         return std::nullopt;
     }
-    const std::string assertion = lastLineOf(out.text());
-    return error.text().empty() ? assertion : error.text() + " (" + assertion + ")";
+    return End{.explanation = error.text(), .check = lastLineOf(out.text())};
 }
 
 Tool::NoFolders::NoFolders()

@@ -16,12 +16,14 @@ const FileLoggerClient* logClient = nullptr; // made by initAgentLogger, never d
 
 } // namespace
 
-void setAgentTweakDefaults()
+void setAgentTweakDefaults() { setAgentTweakDefaults(Tweaks::instance()); }
+
+void setAgentTweakDefaults(Tweaks& tweaks)
 {
-    forEachKnownTweak([](const auto& tweak) {
+    forEachKnownTweak([&](const auto& tweak) {
         if (tweak.registeredVal)
         {
-            Tweaks::instance().setDefaultValIfNotSet(std::string(tweak.name), std::to_string(*tweak.registeredVal));
+            tweaks.setDefaultValIfNotSet(std::string(tweak.name), std::to_string(*tweak.registeredVal));
         }
     });
 }

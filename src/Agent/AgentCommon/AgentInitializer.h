@@ -5,11 +5,14 @@
 //     setAgentTweakDefaults();
 //     initAgentLogger("Program.exe.log");
 
+#include "datapath/common/infra/Tweaks.h"
+
 #include <string>
 
-/// Sets each tweak that has a registered value (KnownTweaks.h) and that no file sets. The first use of the table of
-/// tweaks reads those files.
+/// Sets each tweak that has a registered value (KnownTweaks.h) and that no file sets. The first use of the process's
+/// table of tweaks reads those files.
 void setAgentTweakDefaults();
+void setAgentTweakDefaults(Tweaks& tweaks);
 
 /// Makes the program's log client, whose files lie in Tavro/logs below the machine's folder for application data, and
 /// registers it for all levels. If the system names no such folder, or Tavro cannot be created in it, the program runs

@@ -14,15 +14,20 @@
 namespace
 {
 
-constexpr std::string_view AGENT = "TavroVssAgent.exe";
-
-struct ConnectionSettings
+/// Each byte becomes one UTF-16 unit, whatever its encoding.
+std::u16string widened(std::string_view text)
 {
-    std::string localURL;
-    std::string localPort;
-    std::string peerURL;
-    std::string peerPort;
-};
+    std::u16string wide;
+    for (const char character : text)
+    {
+        wide += static_cast<unsigned char>(character);
+    }
+    return wide;
+}
+
+} // namespace
+
+std::string settingsPathOf(const std::string& programPath) { return programPath + ".conf"; }
 
 ConnectionSettings readSettings(const std::string& path)
 {
@@ -38,24 +43,11 @@ ConnectionSettings readSettings(const std::string& path)
     return settings;
 }
 
-/// Each byte becomes one UTF-16 unit, whatever its encoding.
-std::u16string widened(std::string_view text)
-{
-    std::u16string wide;
-    for (const char character : text)
-    {
-        wide += static_cast<unsigned char>(character);
-    }
-    return wide;
-}
-
 std::u16string composeCommandLine(const ConnectionSettings& settings, const std::u16string& checkpointName)
 {
-    return widened(AGENT) + u" -GUI " + widened(settings.localURL) + u" " + widened(settings.localPort) + u" " +
-           widened(settings.peerURL) + u" " + widened(settings.peerPort) + u" \"" + checkpointName + u"\"";
+    return widened(AGENT_FILE_NAME) + u" -GUI " + widened(settings.localURL) + u" " + widened(settings.localPort) +
+           u" " + widened(settings.peerURL) + u" " + widened(settings.peerPort) + u" \"" + checkpointName + u"\"";
 }
-
-} // namespace
 
 void runAgent(const std::u16string& checkpointName)
 {
@@ -64,7 +56,7 @@ void runAgent(const std::u16string& checkpointName)
     LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD)
         << "GetModuleFileNameA retrieved the following file name: " << programPath.data() << std::endl;
 
-    const std::string settingsPath = std::string(programPath.data()) + ".conf";
+    const std::string settingsPath = settingsPathOf(programPath.data());
     LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "Configuration file name: " << settingsPath << std::endl;
     const ConnectionSettings settings = readSettings(settingsPath);
     LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "localURL: " << settings.localURL << std::endl;
@@ -80,7 +72,7 @@ void runAgent(const std::u16string& checkpointName)
         LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
             << "Error " << platform::toNumber(error) << " in CreateProcessW." << std::endl;
         const std::string logFile = agentLogFile();
-        platform::reportFailure(std::string(AGENT) + " could not be started", error,
+        platform::reportFailure(std::string(AGENT_FILE_NAME) + " could not be started", error,
                                 logFile.empty() ? "" : "The log is " + logFile);
     }
 }

@@ -65,16 +65,10 @@ std::string findProgram(const std::string& name)
     {
         return name;
     }
-    const std::string ownPath = programPath();
-    std::vector<std::string> folders = {ownPath.substr(0, ownPath.rfind('/') + 1), "./"};
-    const char* const path = std::getenv("PATH");
-    std::istringstream searched(path == nullptr ? "" : path);
-    for (std::string folder; std::getline(searched, folder, ':');)
-    {
-        folders.push_back(folder.empty() ? "./" : folder + "/");
-    }
-    const auto found = std::ranges::find_if(folders, [&name](const auto& folder) { return isFile(folder + name); });
-    return found == folders.end() ? std::string() : *found + name;
+    const std::vector<SearchedFolder> folders = searchedFolders(programPath());
+    const auto found =
+        std::ranges::find_if(folders, [&name](const auto& folder) { return isFile(folder.path + name); });
+    return found == folders.end() ? std::string() : found->path + name;
 }
 
 /// Closes this descriptor and all above it, which the started program must not get.
@@ -174,6 +168,20 @@ void endProcess()
 } // namespace
 
 } // namespace platform::posix
+
+std::vector<platform::SearchedFolder> platform::searchedFolders(const std::string& programPath)
+{
+    std::vector<SearchedFolder> folders = {
+        {programPath.substr(0, programPath.rfind('/') + 1), SearchRule::ProgramFolder},
+        {"./", SearchRule::WorkingFolder}};
+    const char* const path = std::getenv("PATH");
+    std::istringstream searched(path == nullptr ? "" : path);
+    for (std::string folder; std::getline(searched, folder, ':');)
+    {
+        folders.push_back({folder.empty() ? "./" : folder + "/", SearchRule::PathVariable});
+    }
+    return folders;
+}
 
 constinit platform::ProcessCalls platform::processCalls = {
     .moduleFileName = {"moduleFileName", posix::moduleFileName},

@@ -3,6 +3,9 @@
 #include "platform/windows/System.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <sstream>
 
 namespace platform::windows
 {
@@ -46,6 +49,30 @@ void endProcess()
 } // namespace
 
 } // namespace platform::windows
+
+/// Source of the order: the documentation of CreateProcessW, without the folder of 16-bit systems.
+std::vector<platform::SearchedFolder> platform::searchedFolders(const std::string& programPath)
+{
+    std::array<char, MAX_PATH> system{};
+    std::array<char, MAX_PATH> windowsFolder{};
+    GetSystemDirectoryA(system.data(), MAX_PATH);
+    GetWindowsDirectoryA(windowsFolder.data(), MAX_PATH);
+    std::vector<SearchedFolder> folders = {
+        {programPath.substr(0, programPath.rfind('\\') + 1), SearchRule::ProgramFolder},
+        {".\\", SearchRule::WorkingFolder},
+        {std::string(system.data()) + '\\', SearchRule::SystemFolder},
+        {std::string(windowsFolder.data()) + '\\', SearchRule::SystemFolder}};
+    const char* const path = std::getenv("PATH");
+    std::istringstream searched(path == nullptr ? "" : path);
+    for (std::string folder; std::getline(searched, folder, ';');)
+    {
+        if (!folder.empty())
+        {
+            folders.push_back({folder + '\\', SearchRule::PathVariable});
+        }
+    }
+    return folders;
+}
 
 constinit platform::ProcessCalls platform::processCalls = {
     .moduleFileName = {"moduleFileName", windows::moduleFileName},

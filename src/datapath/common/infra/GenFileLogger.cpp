@@ -31,13 +31,18 @@ HeapMemoryAllocationTracker* createTracker(const GenFileLogger::Settings& settin
 
 } // namespace
 
+std::uint32_t GenFileLogger::budgetBytes(std::uint32_t maxMemoryMiB)
+{
+    return maxMemoryMiB == NO_MEMORY_LIMIT ? NO_MEMORY_LIMIT : maxMemoryMiB << 20U;
+}
+
 GenFileLogger::Settings GenFileLogger::tweakedSettings(const std::string& path, std::uint32_t maxMemoryMiB)
 {
     const Tweaks& tweaks = Tweaks::instance();
     Settings settings{.files = {.basePath = path}};
     settings.flushMaxPeriodMs = tweaks.value(OLM_FLUSH_FILE_MAX_PERIOD_MS);
     const std::uint32_t percent = tweaks.value(PERCENT_OF_LOGGER_MEMORY_FOR_MINIMAL_THRESHOLD);
-    settings.maxBytes = maxMemoryMiB == NO_MEMORY_LIMIT ? NO_MEMORY_LIMIT : maxMemoryMiB << 20U;
+    settings.maxBytes = budgetBytes(maxMemoryMiB);
     settings.resumeBytes =
         static_cast<std::uint32_t>(std::min<double>(percent / 100.0 * settings.maxBytes, NO_MEMORY_LIMIT));
     // The budget's services are made before the number of files is read, because a wrong number ends the process.

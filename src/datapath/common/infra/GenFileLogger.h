@@ -68,8 +68,10 @@ public:
         std::string threadType = "class GenFileLogger"; ///< what the log calls the writer
     };
 
-    /// The settings that the tweaks give, in the synchronous mode. The budget is maxMemoryMiB modulo 4096, in MiB; for
-    /// 4294967295 it is that number of bytes.
+    /// The bytes of a budget of that many MiB: modulo 4096 MiB; for 4294967295 that number of bytes.
+    [[nodiscard]] static std::uint32_t budgetBytes(std::uint32_t maxMemoryMiB);
+
+    /// The settings that the tweaks give, in the synchronous mode.
     [[nodiscard]] static Settings tweakedSettings(const std::string& path, std::uint32_t maxMemoryMiB);
 
     /// Opens the live file and starts the writer, and returns when both are ready. Without an open file there is no

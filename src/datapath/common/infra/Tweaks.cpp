@@ -284,17 +284,25 @@ bool Tweaks::boolVal(std::string_view name, std::optional<bool> defaultVal) cons
     return longVal(name, defaultVal) != 0;
 }
 
-void Tweaks::print() const
+void Tweaks::visit(const std::function<void(std::string_view name, const Tweak& tweak)>& visitor) const
 {
     const MutexGuard guard(m_mutex);
     std::vector<const TweakTable::Entry*> listed = m_tweaks->entries();
     std::ranges::sort(listed, CaseInsensitiveLess(), &TweakTable::Entry::name);
     for (const TweakTable::Entry* const entry : listed)
     {
-        LogItem(LoggerId::NON, LogLevel::Control, TAVRO_METHOD)
-            << entry->name() << "=" << Tweak(*entry).toString() << std::endl;
+        visitor(entry->name(), Tweak(*entry));
     }
-    if (listed.empty())
+}
+
+void Tweaks::print() const
+{
+    bool isEmpty = true;
+    visit([&](std::string_view name, const Tweak& tweak) {
+        isEmpty = false;
+        LogItem(LoggerId::NON, LogLevel::Control, "Tweaks::print") << name << "=" << tweak.toString() << std::endl;
+    });
+    if (isEmpty)
     {
         LogItem(LoggerId::NON, LogLevel::Control, TAVRO_METHOD) << "tweaks are empty" << std::endl;
     }

@@ -24,6 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -104,6 +105,10 @@ public:
 
     /// Logs every tweak at level Control, in the order of the names.
     void print() const TAVRO_EXCLUDES(m_mutex);
+
+    /// Calls the visitor for every tweak, in the order of the names, under the table's lock.
+    void visit(const std::function<void(std::string_view name, const Tweak& tweak)>& visitor) const
+        TAVRO_EXCLUDES(m_mutex);
 
     /// A file of tweaks, with its path from the working folder. That of the consistent file has no copy's number.
     struct File

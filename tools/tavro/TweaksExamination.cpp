@@ -1,0 +1,461 @@
+#include "tools/tavro/TweaksExamination.h"
+
+#include "Agent/AgentCommon/AgentInitializer.h"
+#include "datapath/common/infra/ConsistentFile.h"
+#include "datapath/common/infra/GenFileLogger.h"
+#include "datapath/common/infra/InputTextFile.h"
+#include "datapath/common/infra/base/TextLines.h"
+#include "platform/Files.h"
+#include "platform/Text.h"
+#include "tools/tavro/CaughtEnd.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <numeric>
+#include <sstream>
+#include <string_view>
+
+namespace
+{
+
+using namespace Tool;
+
+/// A table that reads no files.
+class Table : public Tweaks
+{
+public:
+    Table() : Tweaks(WithoutFiles()) {}
+};
+
+/// The table that the program makes: its construction ends as that of the program does.
+class ProgramTable : public Tweaks
+{
+public:
+    ProgramTable() = default;
+};
+
+template <class Visitor> void visitKnown(std::string_view name, const Visitor& visit)
+{
+    forEachKnownTweak([&](const auto& tweak) {
+        if (CaseInsensitiveEqual()(tweak.name, name))
+        {
+            visit(tweak);
+        }
+    });
+}
+
+bool isKnown(std::string_view name)
+{
+    bool isFound = false;
+    visitKnown(name, [&](const auto&) { isFound = true; });
+    return isFound;
+}
+
+/// The number of letters that have to be inserted, removed, replaced or exchanged with the next one, without regard to
+/// case. Source: the optimal string alignment distance.
+std::size_t distanceOf(std::string_view left, std::string_view right)
+{
+    std::array<std::vector<std::size_t>, 3> rows; // of the table: the one that is computed, and the two before it
+    rows[0].resize(right.size() + 1);
+    std::iota(rows[0].begin(), rows[0].end(), std::size_t{0});
+    for (std::size_t i = 1; i <= left.size(); ++i)
+    {
+        std::vector<std::size_t>& row = rows[i % 3];
+        const std::vector<std::size_t>& above = rows[(i + 2) % 3];
+        row.assign(right.size() + 1, i);
+        for (std::size_t j = 1; j <= right.size(); ++j)
+        {
+            const auto isSame = [&](std::size_t atLeft, std::size_t atRight) {
+                return toAsciiLower(left[atLeft]) == toAsciiLower(right[atRight]);
+            };
+            row[j] = std::min({row[j - 1] + 1, above[j] + 1, above[j - 1] + (isSame(i - 1, j - 1) ? 0U : 1U)});
+            if (i > 1 && j > 1 && isSame(i - 1, j - 2) && isSame(i - 2, j - 1))
+            {
+                row[j] = std::min(row[j], rows[(i + 1) % 3][j - 2] + 1);
+            }
+        }
+    }
+    return rows[left.size() % 3].back();
+}
+
+std::string inQuotes(std::string_view text) { return "\"" + std::string(text) + "\""; }
+
+/// Whether the text is nothing but a number as the program reads one.
+bool isWholeNumber(std::string_view text)
+{
+    const auto skip = [&](std::size_t length) { text.remove_prefix(length); };
+    const auto skipSign = [&] { skip(text.starts_with('-') || text.starts_with('+') ? 1 : 0); };
+    const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+    skip(isHex ? 2 : 0);
+    skipSign();
+    constexpr std::string_view DIGITS = "0123456789abcdefABCDEF";
+    return !text.empty() && text.find_first_not_of(DIGITS.substr(0, isHex ? 22 : 10)) == std::string_view::npos;
+}
+
+/// Examines one text after the other, and finally the table that they make.
+class Examiner
+{
+public:
+    /// Reads the text at a path; kind and name are those of the file of tweaks that it belongs to.
+    void examineText(const std::string& path, TweakFileKind kind, const std::string& name);
+    void examineExtension(const Tweaks::File& file);
+    void examineConsistent(const Tweaks::File& file);
+    void examineValuesInEffect();
+    void compareWithProgram();
+
+    [[nodiscard]] Examination take();
+    [[nodiscard]] std::vector<Finding> takeFindings() { return std::move(m_findings); }
+
+private:
+    struct Line
+    {
+        std::uint32_t number;
+        TweakLine parts;
+    };
+
+    void add(Severity severity, const FilePlace& place, const std::string& text)
+    {
+        m_findings.push_back({place, severity, text});
+    }
+    void addError(const FilePlace& place, const std::string& text) { add(Severity::Error, place, text); }
+    void addWarning(const FilePlace& place, const std::string& text) { add(Severity::Warning, place, text); }
+
+    [[nodiscard]] std::vector<Line> readLines(const std::string& path, TweakFileKind kind);
+    void readLine(std::string_view text, TweakFileKind kind, const FilePlace& place, std::vector<Line>& lines);
+    void examineEncoding(const std::string& path);
+    [[nodiscard]] static std::vector<bool> areRepeated(const std::vector<Line>& lines);
+    void apply(const Line& line, const FilePlace& place, const std::string& name);
+    void examineName(const std::string& name, const FilePlace& place);
+    void examineValue(const TweakLine& parts, const FilePlace& place);
+    void replaceOrigin(const std::string& name, const std::optional<FilePlace>& place);
+    void examineLogOfProgram();
+
+    Table m_table;
+    std::vector<Finding> m_findings;
+    std::map<std::string, FilePlace, CaseInsensitiveLess> m_origins; // of the tweaks that are set
+};
+
+/// What the bytes of a file say about its encoding, apart from its lines.
+void Examiner::examineEncoding(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(file), {});
+    if (bytes.starts_with("\xFF\xFE") || bytes.starts_with("\xFE\xFF"))
+    {
+        addError({path, 1}, "the file is UTF-16, which the program cannot read: save it as ASCII or UTF-8");
+    }
+    if (bytes.starts_with("\xEF\xBB\xBF"))
+    {
+        addError({path, 1},
+                 "the file has a byte order mark, which becomes part of the first name: save it as UTF-8 without one");
+    }
+    const auto end = std::ranges::find_if(bytes, platform::endsText);
+    if (end != bytes.end())
+    {
+        const auto line = static_cast<std::uint32_t>(std::count(bytes.begin(), end, '\n')) + 1;
+        addError({path, line}, "a byte 0x1A (Ctrl-Z) ends the file for the program: what follows is ignored");
+    }
+}
+
+std::vector<Examiner::Line> Examiner::readLines(const std::string& path, TweakFileKind kind)
+{
+    examineEncoding(path);
+    InputTextFile file(path);
+    std::vector<Line> lines;
+    std::uint32_t number = 0;
+    for (TextLines texts(file); const auto text = texts.next();)
+    {
+        readLine(*text, kind, {path, ++number}, lines);
+    }
+    if (file.bad())
+    {
+        addError({path, number + 1}, "the file cannot be read further: this line and all that follow are ignored");
+    }
+    else if (!file.eof())
+    {
+        addError({path, number + 1},
+                 "the line has more than 511 characters: this line and all that follow are ignored");
+    }
+    return lines;
+}
+
+void Examiner::readLine(std::string_view text, TweakFileKind kind, const FilePlace& place, std::vector<Line>& lines)
+{
+    std::deque<TweakLine> parsed;
+    // Read strictly, the program's parser tells of a line without "=" instead of leaving it out.
+    const std::optional<End> end = endOf([&] {
+        std::istringstream one{std::string(text)};
+        parsed = Tweaks::getTweaksFromStream(one, TweakFileKind::Consistent);
+    });
+    if (end)
+    {
+        addError(place, kind == TweakFileKind::Consistent ? end->text() : "the line has no \"=\" and is ignored");
+    }
+    for (TweakLine& parts : parsed)
+    {
+        lines.push_back({place.line, std::move(parts)});
+    }
+}
+
+/// Asks the program which names are defined more than once.
+std::vector<bool> Examiner::areRepeated(const std::vector<Line>& lines)
+{
+    std::stringstream names;
+    for (const Line& line : lines)
+    {
+        names << line.parts.name << "=\n";
+    }
+    Table scratch;
+    std::deque<TweakLine> applied;
+    static_cast<void>(endOf([&] { applied = scratch.applyExtensionText(names); }));
+    std::vector<bool> repeated;
+    std::ranges::transform(applied, std::back_inserter(repeated),
+                           [](const TweakLine& line) { return !line.comment.empty(); });
+    return repeated;
+}
+
+void Examiner::examineText(const std::string& path, TweakFileKind kind, const std::string& name)
+{
+    const std::vector<Line> lines = readLines(path, kind);
+    const std::vector<bool> repeated = areRepeated(lines);
+    for (std::size_t i = 0; i < lines.size(); ++i)
+    {
+        const FilePlace place{path, lines[i].number};
+        if (!repeated[i])
+        {
+            apply(lines[i], place, name);
+            continue;
+        }
+        addError(place, "the tweak " + inQuotes(lines[i].parts.name) + " is defined more than once in this file, " +
+                            (kind == TweakFileKind::Consistent ? "which ends the program"
+                                                               : "so none of these lines is applied"));
+    }
+}
+
+void Examiner::apply(const Line& line, const FilePlace& place, const std::string& name)
+{
+    const TweakLine& parts = line.parts;
+    examineName(parts.name, place);
+    if (parts.valueText.empty())
+    {
+        m_table.update(parts.name, "");
+        replaceOrigin(parts.name, std::nullopt);
+        return;
+    }
+    const std::optional<End> end = endOf([&] { static_cast<void>(Tweaks::Tweak(parts.valueText, parts.name, name)); });
+    if (end)
+    {
+        addError(place, end->text());
+        return;
+    }
+    examineValue(parts, place);
+    m_table.update(parts.name, parts.valueText);
+    replaceOrigin(parts.name, place);
+}
+
+/// A place that another one replaces has no effect, which is worth a warning there.
+void Examiner::replaceOrigin(const std::string& name, const std::optional<FilePlace>& place)
+{
+    const auto found = m_origins.find(name);
+    if (found != m_origins.end())
+    {
+        if (place)
+        {
+            addWarning(found->second,
+                       "the value of " + inQuotes(name) + " has no effect, because " + place->text() + " replaces it");
+        }
+        m_origins.erase(found);
+    }
+    if (place)
+    {
+        m_origins.emplace(name, *place);
+    }
+}
+
+void Examiner::examineName(const std::string& name, const FilePlace& place)
+{
+    if (isKnown(name))
+    {
+        return;
+    }
+    const std::string nearest = nearestTweak(name);
+    addWarning(place, "the tweak " + inQuotes(name) + " is unknown to this program" +
+                          (nearest.empty() ? std::string() : "; " + inQuotes(nearest) + " is the nearest known one"));
+}
+
+void Examiner::examineValue(const TweakLine& parts, const FilePlace& place)
+{
+    const Tweaks::Tweak value(parts.valueText);
+    const bool isWord = value.isInt() && !isWholeNumber(parts.valueText) &&
+                        parts.valueText.find_first_of("0123456789") == std::string::npos;
+    if (value.isInt() && !isWord && !isWholeNumber(parts.valueText))
+    {
+        addWarning(place, "the value '" + parts.valueText + "' of " + inQuotes(parts.name) + " is read as " +
+                              value.toString() + "; what follows the number is ignored");
+    }
+}
+
+void Examiner::examineExtension(const Tweaks::File& file)
+{
+    if (InputTextFile(file.path).isOpen())
+    {
+        examineText(file.path, file.kind, file.path);
+    }
+    else if (std::filesystem::is_directory(file.path))
+    {
+        addWarning({file.path}, "this is a folder, where the program looks for a file");
+    }
+    else if (platform::pathExists(file.path.c_str()))
+    {
+        addError({file.path}, "the file cannot be opened, and the program goes on without it");
+    }
+}
+
+void Examiner::examineConsistent(const Tweaks::File& file)
+{
+    if (platform::pathExists(file.path.c_str()))
+    {
+        addWarning({file.path}, "the program does not read this file, but signed copies of it: tavro tweaks sign");
+    }
+    ConsistentFile pair(file.path);
+    std::stringstream text;
+    if (pair.load(text) != RC_OK || text.str().empty())
+    {
+        return; // compareWithProgram tells if that ends the program
+    }
+    const std::int32_t latest = 1 - pair.nextSlot();
+    examineText(file.path + "." + std::to_string(latest), file.kind, file.path);
+}
+
+/// What the getters make of the values, as code of the program reads them.
+void Examiner::examineValuesInEffect()
+{
+    setAgentTweakDefaults(m_table);
+    bool isSimulated = false;
+    static_cast<void>(endOf([&] { isSimulated = m_table.value(SIMULATIVE_CPU_USAGE); }));
+    forEachKnownTweak([&](const auto& tweak) {
+        const auto origin = m_origins.find(std::string(tweak.name));
+        if (origin == m_origins.end())
+        {
+            return; // a default, or what the program registers
+        }
+        const std::optional<End> end = endOf([&] { static_cast<void>(m_table.value(tweak)); });
+        if (!end)
+        {
+            return;
+        }
+        const bool isReadAtStart = (tweak.reader != TweakReader::Table && tweak.reader != TweakReader::OtherPrograms &&
+                                    (tweak.reader != TweakReader::SimulatedStart || isSimulated));
+        add(isReadAtStart ? Severity::Error : Severity::Warning, origin->second,
+            isReadAtStart ? end->text()
+                          : end->explanation + ", which would end a program that reads it: " + end->check);
+    });
+    examineLogOfProgram();
+}
+
+/// Values that are in range and leave the log useless.
+void Examiner::examineLogOfProgram()
+{
+    const auto warn = [&](const auto& tweak, const std::string& text) {
+        const auto origin = m_origins.find(std::string(tweak.name));
+        if (origin != m_origins.end())
+        {
+            addWarning(origin->second, inQuotes(tweak.name) + " " + text);
+        }
+    };
+    static_cast<void>(endOf([&] {
+        if (GenFileLogger::budgetBytes(static_cast<std::uint32_t>(m_table.value(QLOG_MAX_FILES))) == 0)
+        {
+            warn(QLOG_MAX_FILES, "leaves no memory for log lines, so that each of them is dropped");
+        }
+    }));
+    static_cast<void>(endOf([&] {
+        if (!m_table.value(FILE_LOGGER_ENABLED))
+        {
+            warn(FILE_LOGGER_ENABLED, "turns the log off");
+        }
+    }));
+    static_cast<void>(endOf([&] {
+        if (m_table.value(PERCENT_OF_LOGGER_MEMORY_FOR_MINIMAL_THRESHOLD) == 0)
+        {
+            warn(PERCENT_OF_LOGGER_MEMORY_FOR_MINIMAL_THRESHOLD,
+                 "lets the log, once its memory was full, take lines again only when all memory is free");
+        }
+    }));
+}
+
+/// Lets the program's own loading have the last word.
+void Examiner::compareWithProgram()
+{
+    const std::optional<End> end = endOf([] { const ProgramTable table; });
+    const bool isReported =
+        std::ranges::any_of(m_findings, [](const Finding& finding) { return finding.severity == Severity::Error; });
+    if (end && !isReported)
+    {
+        addError({Tweaks::files()[0].path}, end->text());
+    }
+}
+
+Examination Examiner::take()
+{
+    Examination examination;
+    std::vector<std::string> order; // of the files
+    for (const Tweaks::File& file : Tweaks::files())
+    {
+        order.push_back(file.path);
+    }
+    const auto keyOf = [&](const Finding& finding) {
+        const auto place =
+            std::ranges::find_if(order, [&](const std::string& path) { return finding.place.file.starts_with(path); });
+        return std::pair(place - order.begin(), finding.place.line);
+    };
+    std::ranges::stable_sort(m_findings, {}, keyOf);
+    examination.findings = std::move(m_findings);
+    m_table.visit([&](std::string_view name, const Tweaks::Tweak& value) {
+        const auto origin = m_origins.find(std::string(name));
+        examination.settings[std::string(name)] = {.name = std::string(name),
+                                                   .value = value.toString(),
+                                                   .place = origin == m_origins.end() ? std::nullopt
+                                                                                      : std::optional(origin->second)};
+    });
+    return examination;
+}
+
+} // namespace
+
+Tool::Examination Tool::examineTweaks()
+{
+    const NoFolders noFolders;
+    Examiner examiner;
+    for (const Tweaks::File& file : Tweaks::files())
+    {
+        file.kind == TweakFileKind::Consistent ? examiner.examineConsistent(file) : examiner.examineExtension(file);
+    }
+    examiner.examineValuesInEffect();
+    examiner.compareWithProgram();
+    return examiner.take();
+}
+
+std::vector<Tool::Finding> Tool::examineTweakText(const std::string& path, TweakFileKind kind)
+{
+    Examiner examiner;
+    examiner.examineText(path, kind, path);
+    return examiner.takeFindings();
+}
+
+std::string Tool::nearestTweak(const std::string& name)
+{
+    std::string nearest;
+    std::size_t least = name.size() / 4 + 1; // differences, more of which make another word
+    forEachKnownTweak([&](const auto& tweak) {
+        if (const std::size_t distance = distanceOf(name, tweak.name); distance < least)
+        {
+            least = distance;
+            nearest = tweak.name;
+        }
+    });
+    return nearest;
+}
