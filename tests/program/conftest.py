@@ -11,7 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from programs import Desktop, FlushedLog, LinuxProgram, ShowTweaks, WindowsProgram, Wine
+from programs import Desktop, FlushedLog, LinuxProgram, Tavro, WindowsProgram, Wine
 
 TARGETS = ("linux", "windows")
 
@@ -29,7 +29,7 @@ def build_folder(config, target):
 
 
 def pytest_generate_tests(metafunc):
-    for fixture in {"program", "show_tweaks", "flushed_log"} & set(metafunc.fixturenames):
+    for fixture in {"program", "tavro", "flushed_log"} & set(metafunc.fixturenames):
         metafunc.parametrize(fixture, [t for t in TARGETS if build_folder(metafunc.config, t)], indirect=True)
 
 
@@ -115,15 +115,25 @@ def program(request):
     return request.getfixturevalue(f"{request.param}_program")
 
 
-def tool(kind, request):
-    wine = request.getfixturevalue("wine") if request.param == "windows" else None
-    return kind(build_folder(request.config, request.param), wine)
+def tool(kind, request, target=None):
+    target = target or request.param
+    wine = request.getfixturevalue("wine") if target == "windows" else None
+    return kind(build_folder(request.config, target), wine)
 
 
 @pytest.fixture
-def show_tweaks(request):
-    """The listing of the configuration, of each target that was built."""
-    return tool(ShowTweaks, request)
+def tavro(request):
+    """The console tool, of each target that was built."""
+    return tool(Tavro, request)
+
+
+@pytest.fixture
+def tavro_beside(request, program):
+    """The console tool of the same target as the program, in the program's folder."""
+    target = "windows" if program.separator == "\\" else "linux"
+    tavro = tool(Tavro, request, target)
+    tavro.path = Path(shutil.copy(tavro.path, program.folder))
+    return tavro
 
 
 @pytest.fixture

@@ -167,19 +167,20 @@ class FlushedLog:
                 else subprocess.Popen([self.path], cwd=folder, stdout=output))
 
 
-class ShowTweaks:
-    """The program that lists the configuration that a folder holds."""
+class Tavro:
+    """The console tool."""
 
     def __init__(self, build, wine):
         self.wine = wine  # None on Linux
-        self.path = build / ("show_tweaks.exe" if wine else "show_tweaks")
+        self.path = build / ("tavro.exe" if wine else "tavro")
 
-    def run(self, folder):
-        """Returns the exit status and standard output."""
-        with (self.wine.start(self.path, folder, stdout=subprocess.PIPE) if self.wine
-              else subprocess.Popen([self.path], cwd=folder, stdout=subprocess.PIPE)) as process:
-            output = process.communicate(timeout=DEADLINE_SEC)[0]
-        return process.returncode, output
+    def run(self, folder, *arguments, **options):
+        """Runs it in the folder; returns the exit status, and what it writes to the two streams, with LF line ends."""
+        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | options
+        with (self.wine.start(self.path, folder, arguments=arguments, **options) if self.wine
+              else subprocess.Popen([self.path, *arguments], cwd=folder, **options)) as process:
+            streams = process.communicate(timeout=DEADLINE_SEC)
+        return process.returncode, *(stream.decode().replace("\r\n", "\n") for stream in streams)
 
 
 class Wine:
@@ -189,9 +190,9 @@ class Wine:
         self.variables = {"DISPLAY": screen, "WINEPREFIX": str(prefix), "WINEDEBUG": "-all",
                           "WINEDLLOVERRIDES": "mscoree,mshtml="}
 
-    def start(self, program, folder, more_variables=(), **options):
+    def start(self, program, folder, more_variables=(), arguments=(), **options):
         environment = os.environ | self.variables | dict(more_variables)
-        return subprocess.Popen(["wine", program], cwd=folder, env=environment, **options)
+        return subprocess.Popen(["wine", program, *arguments], cwd=folder, env=environment, **options)
 
     def run(self, *command, check=True, stdout=subprocess.DEVNULL):
         return subprocess.run(command, cwd=self.folder, env=os.environ | self.variables, check=check,

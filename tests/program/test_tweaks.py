@@ -24,16 +24,16 @@ def put(folder, files):
         (folder / name).mkdir() if data is None else (folder / name).write_bytes(data)
 
 
-def test_later_files_win(show_tweaks, tmp_path):
+def test_later_files_win(tavro, tmp_path):
     put(tmp_path, slot(1, 1, b'\t t_a =\t1 ; first\r\nt_B=on;;\r\nt_gone = 1\r\nt_qlogMaxFiles = 7\r\n = "="\r\n') | {
         EXTENSION: b"T_A = 2\nt_gone=\nt_twice = 1\nt_twice = 2\nT_TWICE=3\nt_FileLoggerEnabled = off\n; t_a = 9\n" +
                    b"t_511=1;".ljust(511, b".") + b"\r\n" + b"t_512=1;".ljust(512, b".") + b"\nt_late = 1",
         SURVIVING[0]: b't_ab = " on "\r\nt_[x = 0x1F\r', SURVIVING[1]: b"t_A = 3\nno value\nt_b ="})
-    status, output = show_tweaks.run(tmp_path)
-    listing = re.findall(r"Tweaks,print,(?!t_\w+TimeoutMsec=\d)(.*)", output.decode().replace("\r", ""))
+    status, output, _ = tavro.run(tmp_path, "tweaks", "show", "--lines")
+    listing = re.findall(r"Tweaks,print,(?!t_\w+TimeoutMsec=\d)(.*)", output)
     assert (status, listing) == (0, ['="="', "t_511=1", "t_[x=31", "t_A=3", 't_ab=" on "', "t_FileLoggerCompressOnRotate=1",
                                      "t_FileLoggerEnabled=0", "t_qlogMaxFiles=7", "T_TWICE=3"])
-    assert len(re.findall(rb'^multiple definition for tweak "t_twice"', output, re.M)) == 2
+    assert len(re.findall(r'^multiple definition for tweak "t_twice"', output, re.M)) == 2
 
 
 LATEST, OLDER = "Info Latest index found: {}", "Info Index {} is older than the current one"
@@ -57,10 +57,9 @@ MISMATCH = "Error Data and signature do not match for index {}"
     (slot(0, 1) | {f"{CONSISTENT}.1": None, f"{CONSISTENT}.1.sig": b"2\n0\n"}, [LATEST, UNPAIRED], 0),
 ], ids=["newest", "equal", "older", "huge", "second broken", "first broken", "CRLF", "no last line feed",
         "no last line feed signed", "low half of CRC", "sequence 0", "no signature", "no data"])
-def test_consistent_file(show_tweaks, tmp_path, files, scan, winner):
+def test_consistent_file(tavro, tmp_path, files, scan, winner):
     put(tmp_path, files)
-    status, output = show_tweaks.run(tmp_path)
-    text = output.decode().replace("\r", "")
+    status, text, _ = tavro.run(tmp_path, "tweaks", "show", "--lines")
     # The copies are searched when the object is made and again when it loads.
     expected = [("findLatestValidFileIndex", line.format(index)) for index, line in enumerate(scan)] * 2
     expected += [("load", "Error Error loading from disk")] if winner is None else []
