@@ -14,6 +14,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     app.footer("Exit codes: 0 fine, 1 found something, 2 called wrongly.");
     int exitCode = Tool::MISUSED;
+    Tool::addDoctorVerb(app, exitCode);
     Tool::addTweaksVerbs(app, exitCode);
     try
     {

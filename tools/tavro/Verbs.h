@@ -8,6 +8,7 @@
 namespace Tool
 {
 
+void addDoctorVerb(CLI::App& app, int& exitCode);
 void addTweaksVerbs(CLI::App& app, int& exitCode);
 
 } // namespace Tool

@@ -28,24 +28,36 @@ void setAgentTweakDefaults(Tweaks& tweaks)
     });
 }
 
-void initAgentLogger(const std::string& logFileName)
+std::optional<AgentLogPlace> agentLogPlace(const std::string& logFileName)
 {
-    using platform::ErrorNumber;
     std::array<char, platform::PATH_BUFFER_SIZE> path{};
     if (platform::commonAppDataFolder(path.data()) != 0)
     {
-        return;
+        return std::nullopt;
     }
     platform::appendToPath(path.data(), "Tavro");
-    const ErrorNumber error = platform::createFolder(path.data());
+    AgentLogPlace place = {.productFolder = path.data(), .basePath = {}};
+    platform::appendToPath(path.data(), "logs");
+    platform::appendToPath(path.data(), logFileName.c_str());
+    place.basePath = path.data();
+    return place;
+}
+
+void initAgentLogger(const std::string& logFileName)
+{
+    using platform::ErrorNumber;
+    const std::optional<AgentLogPlace> place = agentLogPlace(logFileName);
+    if (!place)
+    {
+        return;
+    }
+    const ErrorNumber error = platform::createFolder(place->productFolder.c_str());
     if (error != ErrorNumber::Success && error != ErrorNumber::AlreadyExists)
     {
         std::cout << "failed to create directory lastError=" << static_cast<std::uint32_t>(error) << " " << std::endl;
         return;
     }
-    platform::appendToPath(path.data(), "logs");
-    platform::appendToPath(path.data(), logFileName.c_str());
-    logClient = &ProgramSetup::startLogFile(path.data(), SourcePlace::numbered(NUMBER_CLIENT_CREATED));
+    logClient = &ProgramSetup::startLogFile(place->basePath, SourcePlace::numbered(NUMBER_CLIENT_CREATED));
 }
 
 std::string agentLogFile() { return logClient == nullptr ? std::string() : logClient->liveFileName(); }

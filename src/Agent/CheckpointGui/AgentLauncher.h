@@ -10,6 +10,9 @@
 /// The file that is started; the system looks for it.
 inline constexpr std::string_view AGENT_FILE_NAME = "TavroVssAgent.exe";
 
+/// The name of this program's log without ".txt".
+inline constexpr const char* CHECKPOINT_LOG = "TavroVssAgentGUI.exe.log";
+
 /// What the settings file says. A missing word is empty.
 struct ConnectionSettings
 {

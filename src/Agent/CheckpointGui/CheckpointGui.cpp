@@ -1,6 +1,7 @@
 // The program's entry point.
 
 #include "Agent/AgentCommon/AgentInitializer.h"
+#include "Agent/CheckpointGui/AgentLauncher.h"
 #include "Agent/CheckpointGui/CheckpointDialog.h"
 #include "Agent/CheckpointGui/ResourceIds.h"
 #include "datapath/common/infra/LogItem.h"
@@ -11,7 +12,7 @@
 int wWinMain(platform::ModuleHandle instance, platform::ModuleHandle /*previousInstance*/, wchar_t* /*commandLine*/,
              int /*showCommand*/)
 {
-    const std::string logFileName = "TavroVssAgentGUI.exe.log";
+    const std::string logFileName = CHECKPOINT_LOG;
     setAgentTweakDefaults();
     ProgramSetup::chooseMemoryMode();
     initAgentLogger(logFileName);

@@ -1,0 +1,450 @@
+#include "tools/tavro/Doctor.h"
+
+#include "Agent/AgentCommon/AgentInitializer.h"
+#include "Agent/CheckpointGui/AgentLauncher.h"
+#include "datapath/common/infra/InputTextFile.h"
+#include "platform/Process.h"
+#include "platform/Text.h"
+#include "platform/Utf.h"
+#include "tools/tavro/Command.h"
+#include "tools/tavro/SystemFacts.h"
+#include "tools/tavro/TweaksExamination.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+namespace
+{
+
+using namespace Tool;
+namespace fs = std::filesystem;
+
+#ifdef _WIN32
+constexpr const char* PROGRAM = "TavroVssAgentGUI.exe";
+#else
+constexpr const char* PROGRAM = "TavroVssAgentGUI";
+#endif
+
+std::string folderOf(const std::string& path)
+{
+    const std::size_t separator = path.rfind(platform::PATH_SEPARATOR);
+    return separator == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(separator, 1));
+}
+
+bool isFile(const std::string& path)
+{
+    std::error_code error;
+    return fs::exists(path, error) && !fs::is_directory(path, error);
+}
+
+bool isFolder(const std::string& path)
+{
+    std::error_code error;
+    return fs::is_directory(path, error);
+}
+
+std::string bytesText(std::uintmax_t bytes)
+{
+    constexpr std::uintmax_t MIB = 1'048'576;
+    return bytes < 10 * MIB ? std::to_string(bytes) + " bytes" : std::to_string(bytes / MIB) + " MiB";
+}
+
+class Doctor
+{
+public:
+    explicit Doctor(std::string programPath) : m_program(std::move(programPath)) {}
+
+    void examineProgram();
+    void examineWorkingFolder();
+    void examineTweakFiles();
+    void examineLog();
+    void examineSettings();
+    void examineAgent();
+
+    [[nodiscard]] std::vector<Diagnosis> take() { return std::move(m_diagnoses); }
+
+private:
+    void fine(const char* step, const std::string& text) { m_diagnoses.push_back({step, State::Fine, text, {}}); }
+    void note(const char* step, const std::string& text) { m_diagnoses.push_back({step, State::Note, text, {}}); }
+    void fault(const char* step, const std::string& text, const std::string& remedy)
+    {
+        m_diagnoses.push_back({step, State::Fault, text, remedy});
+    }
+
+    [[nodiscard]] bool examineLogFolders(const AgentLogPlace& place);
+    void examineLiveFile(const std::string& path);
+    void examineNumberedFiles(const std::string& basePath);
+    void examineSpace(const std::string& folder);
+    void examineSettingsText(const std::string& path);
+    void examineWriters(const char* step, const std::string& path, const std::string& danger);
+
+    const std::string m_program;
+    std::vector<Diagnosis> m_diagnoses;
+};
+
+void Doctor::examineWriters(const char* step, const std::string& path, const std::string& danger)
+{
+    if (const std::string writers = otherWriters(path); !writers.empty())
+    {
+        fault(step, path + " may be written by " + writers + ": " + danger,
+              "let only administrators write there, or move it to such a folder");
+    }
+}
+
+void Doctor::examineProgram()
+{
+    constexpr const char* STEP = "program";
+    if (!isFile(m_program))
+    {
+        fault(STEP, m_program + " is not there", "install the program, or name it: --program PATH");
+        return;
+    }
+    if (!mayRun(m_program))
+    {
+        fault(STEP, m_program + " may not be run by this user", "let this user run it");
+        return;
+    }
+    fine(STEP, m_program);
+    examineWriters(STEP, folderOf(m_program), "whoever may write there can exchange what runs elevated");
+}
+
+void Doctor::examineWorkingFolder()
+{
+    constexpr const char* STEP = "folder";
+    constexpr const char* APP_DATA = "test_appdata";
+    const std::string folder = fs::current_path().string();
+    fine(STEP, folder + " is the working folder");
+    examineWriters(STEP, ".", "the elevated program obeys the tweak files in it, and may start an agent from it");
+    if (!isFolder(APP_DATA) && !isFile(APP_DATA) && !mayWrite("."))
+    {
+        fault(STEP, "the folder test_appdata is missing and cannot be made, which ends the program before its window",
+              "make it, or start the program in a folder where it may write");
+    }
+}
+
+void Doctor::examineTweakFiles()
+{
+    constexpr const char* STEP = "tweaks";
+    const Examination examination = examineTweaks();
+    for (const Finding& finding : examination.findings)
+    {
+        const std::string text = finding.place.text() + ": " + finding.text;
+        finding.severity == Severity::Error ? fault(STEP, text, "correct the line; tavro tweaks check looks again")
+                                            : note(STEP, text);
+    }
+    if (examination.findings.empty())
+    {
+        const auto isFromFile = [](const auto& setting) { return setting.second.place.has_value(); };
+        fine(STEP, std::to_string(std::ranges::count_if(examination.settings, isFromFile)) +
+                       " tweaks are set by files: tavro tweaks show");
+    }
+}
+
+void Doctor::examineLog()
+{
+    constexpr const char* STEP = "log";
+    const std::optional<AgentLogPlace> place = agentLogPlace(CHECKPOINT_LOG);
+    if (!place)
+    {
+        fault(STEP, "the system names no folder for application data, so the program runs without a log",
+              "repair the user's or the machine's profile");
+        return;
+    }
+    if (examineLogFolders(*place))
+    {
+        examineLiveFile(place->basePath + ".txt");
+        examineNumberedFiles(place->basePath);
+        examineSpace(folderOf(place->basePath));
+    }
+}
+
+/// Returns whether the folder of the log exists.
+bool Doctor::examineLogFolders(const AgentLogPlace& place)
+{
+    constexpr const char* STEP = "log";
+    const std::string logs = folderOf(place.basePath);
+    if (isFolder(logs))
+    {
+        return true;
+    }
+    std::string parent = folderOf(place.productFolder);
+    for (const std::string& folder : {place.productFolder, logs})
+    {
+        if (isFile(folder))
+        {
+            fault(STEP, folder + " is a file, where a folder is needed: the program runs without a log",
+                  "move the file away");
+            return false;
+        }
+        parent = isFolder(folder) ? folder : parent;
+    }
+    if (!isFolder(parent) || !mayWrite(parent))
+    {
+        fault(STEP,
+              logs + " cannot be made, because " + parent + (isFolder(parent) ? " may not be written" : " is missing") +
+                  ": the program runs without a log",
+              "make the folder, or run the program as an administrator");
+        return false;
+    }
+    fine(STEP, logs + " is not there yet; the program makes it");
+    examineSpace(parent);
+    return false;
+}
+
+void Doctor::examineLiveFile(const std::string& path)
+{
+    constexpr const char* STEP = "log";
+    if (!isFile(path))
+    {
+        isFolder(path) || !mayWrite(folderOf(path))
+            ? fault(STEP, path + " cannot be made: the program runs without a log",
+                    isFolder(path) ? "move the folder of that name away" : "let the program write into its folder")
+            : fine(STEP, path + " is not there yet; the program makes it");
+        return;
+    }
+    if (!mayWrite(path))
+    {
+        fault(STEP, path + " may not be written: the program runs without a log", "let the program write the file");
+        return;
+    }
+    std::error_code error;
+    fine(STEP, path + ", " + bytesText(fs::file_size(path, error)));
+    for (const std::string& program : programsThatUse(path))
+    {
+        note(STEP, path + " is open in " + program + "; only one program may write it");
+    }
+}
+
+void Doctor::examineNumberedFiles(const std::string& basePath)
+{
+    constexpr const char* STEP = "log";
+    const std::string prefix = basePath.substr(basePath.rfind(platform::PATH_SEPARATOR) + 1);
+    std::uintmax_t bytes = 0;
+    std::size_t numFiles = 0;
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folderOf(basePath), error))
+    {
+        const std::string name = entry.path().filename().string();
+        if (!name.starts_with(prefix) || name == prefix + ".txt" || entry.is_directory(error))
+        {
+            continue;
+        }
+        if (name.size() == prefix.size() || name[prefix.size()] < '0' || name[prefix.size()] > '9')
+        {
+            note(STEP, entry.path().string() + " counts as the oldest numbered file and is removed first; keep copies "
+                                               "elsewhere");
+        }
+        ++numFiles;
+        bytes += entry.file_size(error);
+    }
+    fine(STEP, std::to_string(numFiles) + " rotated files, " + bytesText(bytes));
+}
+
+void Doctor::examineSpace(const std::string& folder)
+{
+    constexpr const char* STEP = "log";
+    constexpr std::uintmax_t NEEDED = 20 * 1'048'576; // a live file until its rotation, and the next one
+    std::error_code error;
+    const fs::space_info space = fs::space(folder, error);
+    if (error)
+    {
+        return;
+    }
+    const std::string text = bytesText(space.available) + " are free for the log";
+    space.available < NEEDED ? fault(STEP, text + ": lines are lost when the disk is full", "make room on that disk")
+                             : fine(STEP, text);
+}
+
+void Doctor::examineSettings()
+{
+    constexpr const char* STEP = "settings";
+    const std::string path = settingsPathOf(m_program);
+    if (!InputTextFile(path).isOpen())
+    {
+        fault(STEP,
+              path + (isFile(path) ? " cannot be read" : " is not there") + ": the agent gets four empty settings",
+              "write a file of four words: local address, local port, peer address, peer port");
+        return;
+    }
+    examineSettingsText(path);
+    const ConnectionSettings settings = readSettings(path);
+    const std::array<const std::string*, 4> words = {&settings.localURL, &settings.localPort, &settings.peerURL,
+                                                     &settings.peerPort};
+    const auto numWords = std::ranges::count_if(words, [](const std::string* word) { return !word->empty(); });
+    if (numWords < 4)
+    {
+        fault(STEP, path + " has " + std::to_string(numWords) + " of the four words",
+              "write local address, local port, peer address and peer port, separated by blanks");
+    }
+    const std::string commandLine = platform::utf16ToUtf8(composeCommandLine(settings, u"NAME"));
+    fine(STEP, "the command line at OK, with the name for NAME: " + commandLine);
+}
+
+/// What the program takes in silence.
+void Doctor::examineSettingsText(const std::string& path)
+{
+    constexpr const char* STEP = "settings";
+    std::ifstream file(path, std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    if (bytes.starts_with("\xFF\xFE") || bytes.starts_with("\xFE\xFF"))
+    {
+        fault(STEP, path + " is UTF-16, which the program cannot read", "save it as ASCII");
+    }
+    else if (bytes.starts_with("\xEF\xBB\xBF"))
+    {
+        fault(STEP, path + " has a byte order mark, which becomes part of the local address",
+              "save it without byte order mark");
+    }
+    else if (std::ranges::any_of(bytes, [](char byte) { return static_cast<unsigned char>(byte) > 0x7F; }))
+    {
+        fault(STEP, path + " has letters outside of ASCII, each byte of which reaches the agent as a letter of its own",
+              "use ASCII alone, such as the xn-- form of a host name");
+    }
+    InputTextFile text(path);
+    std::ptrdiff_t numWords = 0;
+    for (std::string word; text >> word;)
+    {
+        ++numWords;
+    }
+    if (numWords > 4)
+    {
+        note(STEP, path + " has " + std::to_string(numWords) + " words; the program reads the first four");
+    }
+}
+
+std::string reasonOf(platform::SearchRule rule)
+{
+    switch (rule)
+    {
+    case platform::SearchRule::ProgramFolder:
+        return "beside the program";
+    case platform::SearchRule::WorkingFolder:
+        return "in the working folder";
+    case platform::SearchRule::SystemFolder:
+        return "in a folder of the system";
+    case platform::SearchRule::PathVariable:
+        return "in a folder of PATH";
+    }
+    return {};
+}
+
+void Doctor::examineAgent()
+{
+    constexpr const char* STEP = "agent";
+    const std::vector<platform::SearchedFolder> folders = platform::searchedFolders(m_program);
+    const auto found = std::ranges::find_if(
+        folders, [](const auto& folder) { return isFile(folder.path + std::string(AGENT_FILE_NAME)); });
+    if (found == folders.end())
+    {
+        fault(STEP,
+              std::string(AGENT_FILE_NAME) + " is nowhere: not beside the program, nor in the working folder, "
+                                             "nor in a folder of the system or of PATH",
+              "install the agent beside the program");
+        return;
+    }
+    const std::string path = found->path + std::string(AGENT_FILE_NAME);
+    if (!mayRun(path))
+    {
+        fault(STEP, path + ", found " + reasonOf(found->rule) + ", may not be run by this user",
+              "let this user run it");
+        return;
+    }
+    fine(STEP, path + ", found " + reasonOf(found->rule));
+    const bool isProgramFolder = found->rule == platform::SearchRule::ProgramFolder;
+    std::error_code error;
+    if (!isProgramFolder && !fs::equivalent(found->path, folderOf(m_program), error))
+    {
+        fault(STEP,
+              "the agent is not beside the program: whatever has its name " + reasonOf(found->rule) +
+                  " is started elevated",
+              "install the agent beside the program");
+    }
+    examineWriters(STEP, path, "whoever may write it decides what runs elevated");
+    examineWriters(STEP, found->path, "whoever may write there decides what runs elevated");
+}
+
+const char* nameOf(State state)
+{
+    switch (state)
+    {
+    case State::Fine:
+        return "ok";
+    case State::Note:
+        return "note";
+    case State::Fault:
+        return "FAULT";
+    }
+    return "";
+}
+
+const char* colourOf(State state)
+{
+    switch (state)
+    {
+    case State::Fine:
+        return "\033[32m";
+    case State::Note:
+        return "\033[33m";
+    case State::Fault:
+        return "\033[31m";
+    }
+    return "";
+}
+
+std::string padded(std::string text, std::size_t width)
+{
+    text.resize(std::max(text.size(), width), ' ');
+    return text;
+}
+
+} // namespace
+
+std::string Tool::programBesideTool()
+{
+    std::array<char, 4096> own{};
+    platform::moduleFileName(own.data(), own.size());
+    return folderOf(own.data()) + platform::PATH_SEPARATOR + PROGRAM;
+}
+
+std::vector<Tool::Diagnosis> Tool::diagnose(const std::string& programPath)
+{
+    Doctor doctor(programPath);
+    doctor.examineProgram();
+    doctor.examineWorkingFolder();
+    doctor.examineTweakFiles();
+    doctor.examineLog();
+    doctor.examineSettings();
+    doctor.examineAgent();
+    return doctor.take();
+}
+
+bool Tool::writeDiagnoses(std::ostream& out, const std::vector<Diagnosis>& diagnoses, bool isJson, bool isColoured)
+{
+    const char* separator = "[";
+    for (const Diagnosis& diagnosis : diagnoses)
+    {
+        if (isJson)
+        {
+            out << separator << "{\"step\":" << jsonText(diagnosis.step)
+                << ",\"state\":" << jsonText(diagnosis.state == State::Fault ? "fault" : nameOf(diagnosis.state))
+                << ",\"text\":" << jsonText(diagnosis.text) << ",\"remedy\":" << jsonText(diagnosis.remedy) << "}";
+            separator = ",\n ";
+            continue;
+        }
+        out << padded(diagnosis.step, 10) << (isColoured ? colourOf(diagnosis.state) : "")
+            << padded(nameOf(diagnosis.state), 7) << (isColoured ? "\033[0m" : "") << diagnosis.text << '\n';
+        if (!diagnosis.remedy.empty())
+        {
+            out << padded("", 17) << "remedy: " << diagnosis.remedy << '\n';
+        }
+    }
+    if (isJson)
+    {
+        out << "]\n";
+    }
+    return std::ranges::any_of(diagnoses, [](const Diagnosis& diagnosis) { return diagnosis.state == State::Fault; });
+}

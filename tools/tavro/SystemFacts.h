@@ -1,0 +1,24 @@
+#pragma once
+
+// Questions about files and folders that only the operating system can answer. Nothing is changed. Main thread only.
+
+#include <string>
+#include <vector>
+
+namespace Tool
+{
+
+/// Whether the user that runs this may write the file, or make files in the folder.
+[[nodiscard]] bool mayWrite(const std::string& path);
+
+/// Whether that user may run the file as a program.
+[[nodiscard]] bool mayRun(const std::string& path);
+
+/// Who, besides administrators and the user that runs this, may write the file or make files in the folder, such as
+/// "everyone"; empty if nobody, or if the system does not tell.
+[[nodiscard]] std::string otherWriters(const std::string& path);
+
+/// The other programs that have the file open, as far as this user may see them. On Windows they have no names.
+[[nodiscard]] std::vector<std::string> programsThatUse(const std::string& path);
+
+} // namespace Tool
