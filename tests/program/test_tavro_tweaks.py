@@ -104,5 +104,6 @@ def test_errors_are_what_ends_the_program_or_is_dropped(program, tavro_beside, t
         status, found = findings(tavro_beside, program.folder, "--errors-only")
         assert sorted(program.folder.rglob("*")) == before
         ended = program.submit("name", stdout=-3, stderr=-3) == program.ABNORMAL_END
+        program.agent_record()  # waits until the agent has gone
         assert status == (ended or is_dropped), (files, found)
         assert (status == 1) == bool(found)

@@ -1,0 +1,102 @@
+"""What the console tool says about a program before it is started, against what the program then does."""
+
+import json
+import os
+import re
+import shutil
+
+import pytest
+
+from test_tweaks import EXTENSION, put
+
+GOOD = b"10.0.0.1 80\thost\r\n 443"
+
+
+def diagnose(tavro, folder, *options, env=None):
+    """The exit status, and the texts of each step with their state."""
+    status, out, err = tavro.run(folder, "doctor", "--json", *options, **({"env": env} if env else {}))
+    assert err == ""
+    results = json.loads(out)
+    assert all(bool(result["remedy"]) == (result["state"] == "fault") for result in results)
+    assert status == any(result["state"] == "fault" for result in results)
+    return results
+
+
+def told(results, state):
+    return [f'{result["step"]}: {result["text"]}' for result in results if result["state"] == state]
+
+
+@pytest.fixture
+def doctor(program, tavro_beside, monkeypatch):
+    """Diagnoses the program in its own folder, and checks that nothing is made meanwhile."""
+    if not tavro_beside.wine:
+        monkeypatch.setenv("PROGRAMDATA", str(program.folder))
+    program.settings.write_bytes(GOOD)
+    program.folder.chmod(0o755)
+
+    def run(*options):
+        roots = [program.folder, program.log.parents[2]]
+        before = [sorted(root.rglob("*Tavro*")) for root in roots]
+        results = diagnose(tavro_beside, program.folder, *options)
+        assert [sorted(root.rglob("*Tavro*")) for root in roots] == before
+        return results
+    return run
+
+
+def test_what_is_foretold_happens(program, doctor):
+    results = doctor()
+    assert told(results, "fault") == []
+    command = next(text.split("NAME: ")[1] for text in told(results, "ok") if "command line" in text)
+    program.submit("night ly")
+    program.agent_record()  # waits until the agent has gone
+    logged = [line[6] for line in program.log_lines() if line[6:] and line[6].startswith("cmdline: ")]
+    assert logged == ["cmdline: " + command.replace("NAME", "night ly")]
+    assert any("TavroVssAgentGUI.exe.log.txt, " in text for text in told(doctor(), "ok"))
+
+
+def hide_agent(program):
+    program.agent.unlink()
+
+
+def move_agent(program):
+    """The agent is then in the working folder alone."""
+    (program.folder / "elsewhere").mkdir()
+    shutil.move(program.path, program.folder / "elsewhere")
+    (program.folder / "elsewhere" / program.settings.name).write_bytes(GOOD)
+
+
+def block_log(program):
+    program.log.parents[1].mkdir(parents=True)
+    program.log.parent.write_bytes(b"")
+
+
+@pytest.mark.parametrize(("spoil", "parts"), [
+    (lambda p: p.settings.unlink(), ["settings: ", "is not there"]),
+    (lambda p: p.settings.write_bytes(b"a b c"), ["settings: ", "3 of the four words"]),
+    (lambda p: p.settings.write_bytes(b"\xef\xbb\xbf" + GOOD), ["settings: ", "byte order mark"]),
+    (lambda p: p.settings.write_bytes(b"\xff\xfe" + GOOD.decode().encode("utf-16-le")), ["settings: ", "UTF-16"]),
+    (lambda p: p.settings.write_bytes("h\u00f6st 1 b 2".encode()), ["settings: ", "outside of ASCII"]),
+    (hide_agent, ["agent: TavroVssAgent.exe is nowhere"]),
+    (move_agent, ["agent: ", "in the working folder is started elevated"]),
+    (lambda p: p.folder.chmod(0o777), ["program: ", "may be written by everyone", "folder: ", "agent: "]),
+    (lambda p: put(p.folder, {EXTENSION: b't_qlogMaxFiles = "x"'}), [f"tweaks: {EXTENSION}:1: ", "the program ends: "]),
+    (block_log, ["log: ", "is a file, where a folder is needed"]),
+], ids=["no settings", "three words", "BOM", "UTF-16", "umlaut", "no agent", "agent in working folder", "open folder",
+        "tweak", "log"])
+def test_each_fault_is_found(program, doctor, spoil, parts):
+    spoil(program)
+    options = ["--program", f"elsewhere/{program.path.name}"] if spoil is move_agent else []
+    faults = "\n".join(told(doctor(*options), "fault"))
+    assert all(part in faults for part in parts), faults
+
+
+def test_who_has_the_log_open(program, doctor):
+    program.submit("first")
+    program.agent_record()  # waits until the agent has gone
+    with open(program.log, "ab"):
+        notes = told(doctor(), "note")
+    if program.separator == "/":
+        assert any(re.search(rf"is open in \S+ \(process {os.getpid()}\)", text) for text in notes), notes
+    copy = program.log.with_name(program.log.name + ".old")
+    copy.write_bytes(b"")
+    assert any(copy.name in text and "removed first" in text for text in told(doctor(), "note"))
