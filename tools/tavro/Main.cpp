@@ -6,12 +6,23 @@
 #include <exception>
 #include <iostream>
 
+void Tool::expectVerb(CLI::App& app)
+{
+    app.require_subcommand(0, 1); // with 1, the parser would miss a verb before it looks at the word that is there
+    app.callback([&app] {
+        if (app.get_subcommands().empty())
+        {
+            throw CLI::RequiredError("A verb");
+        }
+    });
+}
+
 int main(int argc, char** argv)
 {
     std::ios::sync_with_stdio(false);
     CLI::App app("Answers what is wrong with a checkpoint program, its configuration and its log.", "tavro");
     app.set_version_flag("--version", "tavro " TAVRO_VERSION);
-    app.require_subcommand(1);
+    Tool::expectVerb(app);
     app.footer("Exit codes: 0 fine, 1 found something, 2 called wrongly.");
     int exitCode = Tool::MISUSED;
     Tool::addDoctorVerb(app, exitCode);

@@ -128,7 +128,7 @@ void addList(CLI::App& tweaks, int& exitCode)
 void Tool::addTweaksVerbs(CLI::App& app, int& exitCode)
 {
     CLI::App* const tweaks = app.add_subcommand("tweaks", "The configuration: what is set, what is wrong");
-    tweaks->require_subcommand(1);
+    expectVerb(*tweaks);
     addCheck(*tweaks, exitCode);
     addShow(*tweaks, exitCode);
     addList(*tweaks, exitCode);

@@ -8,6 +8,9 @@
 namespace Tool
 {
 
+/// One of the verbs that are added later has to follow. A word that is none of them is named in the message.
+void expectVerb(CLI::App& app);
+
 void addDoctorVerb(CLI::App& app, int& exitCode);
 void addTweaksVerbs(CLI::App& app, int& exitCode);
 
