@@ -6,6 +6,7 @@
 #include <iostream>
 #include <ostream>
 #include <sstream>
+#include <utility>
 
 namespace
 {
@@ -50,7 +51,7 @@ std::optional<Tool::End> Tool::endOf(const std::function<void()>& code)
 {
     const CaughtStream out(std::cout);
     const CaughtStream error(std::cerr);
-    platform::processCalls.endProcess.current = throwEnd;
+    const auto outer = std::exchange(platform::processCalls.endProcess.current, throwEnd);
     bool isEnd = false;
     try
     {
@@ -62,10 +63,10 @@ std::optional<Tool::End> Tool::endOf(const std::function<void()>& code)
     }
     catch (...)
     {
-        platform::processCalls.endProcess.current = platform::processCalls.endProcess.original;
+        platform::processCalls.endProcess.current = outer;
         throw;
     }
-    platform::processCalls.endProcess.current = platform::processCalls.endProcess.original;
+    platform::processCalls.endProcess.current = outer;
     if (!isEnd)
     {
         return std::nullopt;

@@ -2,8 +2,10 @@
 
 #include "Agent/AgentCommon/AgentInitializer.h"
 #include "datapath/common/infra/ConsistentFile.h"
+#include "datapath/common/infra/FileLoggerClient.h"
 #include "datapath/common/infra/GenFileLogger.h"
 #include "datapath/common/infra/InputTextFile.h"
+#include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/base/TextLines.h"
 #include "platform/Files.h"
 #include "platform/Text.h"
@@ -95,6 +97,25 @@ bool isWholeNumber(std::string_view text)
     return !text.empty() && text.find_first_not_of(DIGITS.substr(0, isHex ? 22 : 10)) == std::string_view::npos;
 }
 
+bool isSamePath(const std::string& left, const std::string& right)
+{
+    return std::filesystem::path(left).lexically_normal() == std::filesystem::path(right).lexically_normal();
+}
+
+/// Whether the file has the path of the consistent file, or that with something after it.
+bool isOfPair(const std::string& path, const std::string& pair)
+{
+    return std::filesystem::path(path).lexically_normal().string().starts_with(
+        std::filesystem::path(pair).lexically_normal().string());
+}
+
+/// Whether a name has one of the names of the tweak files in it, in any case, such as "Tweaks_extension.txt.txt".
+bool looksLikeTweaks(std::string name)
+{
+    std::ranges::transform(name, name.begin(), [](char letter) { return static_cast<char>(toAsciiLower(letter)); });
+    return name.find("tweaks_extension") != std::string::npos || name.find("tweaks.txt") != std::string::npos;
+}
+
 /// Examines one text after the other, and finally the table that they make.
 class Examiner
 {
@@ -103,6 +124,7 @@ public:
     void examineText(const std::string& path, TweakFileKind kind, const std::string& name);
     void examineExtension(const Tweaks::File& file);
     void examineConsistent(const Tweaks::File& file);
+    void examineUnreadFiles();
     void examineValuesInEffect();
     void compareWithProgram();
 
@@ -131,6 +153,7 @@ private:
     void examineName(const std::string& name, const FilePlace& place);
     void examineValue(const TweakLine& parts, const FilePlace& place);
     void replaceOrigin(const std::string& name, const std::optional<FilePlace>& place);
+    void examineMargins();
     void examineLogOfProgram();
 
     Table m_table;
@@ -316,9 +339,10 @@ void Examiner::examineExtension(const Tweaks::File& file)
 
 void Examiner::examineConsistent(const Tweaks::File& file)
 {
-    if (platform::pathExists(file.path.c_str()))
+    const std::string path = std::filesystem::path(file.path).lexically_normal().string();
+    if (platform::pathExists(path.c_str()))
     {
-        addWarning({file.path}, "the program does not read this file, but signed copies of it: tavro tweaks sign");
+        addWarning({path}, "the program does not read this file, but signed copies of it: tavro tweaks sign");
     }
     ConsistentFile pair(file.path);
     std::stringstream text;
@@ -327,7 +351,30 @@ void Examiner::examineConsistent(const Tweaks::File& file)
         return; // compareWithProgram tells if that ends the program
     }
     const std::int32_t latest = 1 - pair.nextSlot();
-    examineText(file.path + "." + std::to_string(latest), file.kind, file.path);
+    examineText(path + "." + std::to_string(latest), file.kind, file.path);
+}
+
+/// Files that look as if the program read them.
+void Examiner::examineUnreadFiles()
+{
+    namespace fs = std::filesystem;
+    const std::vector<Tweaks::File> files = Tweaks::files();
+    const fs::path& pairFolder = fs::path(files[0].path).lexically_normal().parent_path();
+    for (const fs::path& folder : {fs::path(), pairFolder, fs::path(files.back().path).parent_path()})
+    {
+        std::error_code error;
+        for (const fs::directory_entry& entry : fs::directory_iterator(folder.empty() ? "." : folder, error))
+        {
+            const std::string path = (folder / entry.path().filename()).string();
+            const bool isRead = isOfPair(path, files[0].path) || std::ranges::any_of(files, [&](const auto& file) {
+                                    return isSamePath(path, file.path);
+                                });
+            if (!isRead && looksLikeTweaks(entry.path().filename().string()) && !entry.is_directory(error))
+            {
+                addWarning({path}, "the program does not read this file");
+            }
+        }
+    }
 }
 
 /// What the getters make of the values, as code of the program reads them.
@@ -353,7 +400,30 @@ void Examiner::examineValuesInEffect()
             isReadAtStart ? end->text()
                           : end->explanation + ", which would end a program that reads it: " + end->check);
     });
+    examineMargins();
     examineLogOfProgram();
+}
+
+/// Margins that are in range and make every guarded block too long.
+void Examiner::examineMargins()
+{
+    std::optional<End> end;
+    const KnownTweak<std::int32_t>* larger = nullptr;
+    static_cast<void>(endOf([&] {
+        if (!m_table.value(ENABLE_MEMSHIELD))
+        {
+            return;
+        }
+        const auto pre = static_cast<std::uint32_t>(m_table.value(MEMSHIELD_PRE_MARGIN_SIZE));
+        const auto post = static_cast<std::uint32_t>(m_table.value(MEMSHIELD_POST_MARGIN_SIZE));
+        larger = pre > post ? &MEMSHIELD_PRE_MARGIN_SIZE : &MEMSHIELD_POST_MARGIN_SIZE;
+        end = endOf([&] { static_cast<void>(MemShield::guardedLength(pre, sizeof(FileLoggerClient), post)); });
+    }));
+    if (end)
+    {
+        addError(m_origins.at(std::string(larger->name)),
+                 inQuotes(larger->name) + " makes guarded blocks too long; " + end->text());
+    }
 }
 
 /// Values that are in range and leave the log useless.
@@ -402,15 +472,13 @@ void Examiner::compareWithProgram()
 Examination Examiner::take()
 {
     Examination examination;
-    std::vector<std::string> order; // of the files
-    for (const Tweaks::File& file : Tweaks::files())
-    {
-        order.push_back(file.path);
-    }
+    const std::vector<Tweaks::File> files = Tweaks::files();
     const auto keyOf = [&](const Finding& finding) {
-        const auto place =
-            std::ranges::find_if(order, [&](const std::string& path) { return finding.place.file.starts_with(path); });
-        return std::pair(place - order.begin(), finding.place.line);
+        const auto place = std::ranges::find_if(files, [&](const Tweaks::File& file) {
+            return file.kind == TweakFileKind::Consistent ? isOfPair(finding.place.file, file.path)
+                                                          : isSamePath(finding.place.file, file.path);
+        });
+        return std::pair(place - files.begin(), finding.place.line);
     };
     std::ranges::stable_sort(m_findings, {}, keyOf);
     examination.findings = std::move(m_findings);
@@ -434,6 +502,7 @@ Tool::Examination Tool::examineTweaks()
     {
         file.kind == TweakFileKind::Consistent ? examiner.examineConsistent(file) : examiner.examineExtension(file);
     }
+    examiner.examineUnreadFiles();
     examiner.examineValuesInEffect();
     examiner.compareWithProgram();
     return examiner.take();

@@ -31,6 +31,7 @@ constexpr unsigned char FILLING = 0xFF; // fills margins, and fresh and released
 // The functions whose names the fail functions log.
 constexpr MethodText COUNTED_OBJECT_RELEASE = MethodText::of("MemShield::freeAndCount");
 constexpr MethodText COUNTED_ALLOCATION = MethodText::of("MemShield::internalAllocAndCountOnlyArray");
+constexpr MethodText GUARDED_ALLOCATION = MethodText::of("MemShield::internalAllocAndRegister");
 constexpr MethodText COUNTED_ARRAY_RELEASE = MethodText::of("MemShield::freeAndCountArray");
 
 bool isFilled(const std::byte* bytes, std::uint32_t length)
@@ -72,18 +73,24 @@ void MemShield::failNotAnArray()
                   "*(--sanityPtr) < std::numeric_limits<u32>::max()");
 }
 
+std::uint64_t MemShield::guardedLength(std::uint32_t preMargin, std::uint64_t size, std::uint32_t postMargin)
+{
+    const std::uint64_t length = preMargin + size + postMargin;
+    if (length >= MAX_SINGLE_ALLOCATION_LENGTH)
+    {
+        failAssertion(LoggerId::NON, GUARDED_ALLOCATION, SourcePlace::numbered(NUMBER_ALLOCATION_TOO_LONG),
+                      "allocationLength < MAX_SINGLE_ALLOCATION_LENGTH");
+    }
+    return length;
+}
+
 void* MemShield::internalAllocAndRegister(std::uint64_t size, std::uint64_t arrayLength, const AllocationSite& site)
 {
     if (size == 0)
     {
         failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_SIZE_IS_ZERO), "size > 0");
     }
-    const std::uint64_t allocationLength = m_preMargin + size + m_postMargin;
-    if (allocationLength >= MAX_SINGLE_ALLOCATION_LENGTH)
-    {
-        failAssertion(LoggerId::NON, TAVRO_METHOD, SourcePlace::numbered(NUMBER_ALLOCATION_TOO_LONG),
-                      "allocationLength < MAX_SINGLE_ALLOCATION_LENGTH");
-    }
+    const std::uint64_t allocationLength = guardedLength(m_preMargin, size, m_postMargin);
     std::byte* const block = static_cast<std::byte*>(::operator new(m_padding + allocationLength)) + m_padding;
     std::memset(block, FILLING, allocationLength);
     std::byte* const memory = block + m_preMargin;

@@ -154,6 +154,11 @@ public:
                                                  const AllocationSite& site) TAVRO_EXCLUDES(m_mutex);
     void freeAndUnregister(void* memory, const SourcePlace& place) TAVRO_EXCLUDES(m_mutex);
 
+    /// The bytes of a guarded block with those margins. A block of MAX_SINGLE_ALLOCATION_LENGTH or more ends the
+    /// process.
+    [[nodiscard]] static std::uint64_t guardedLength(std::uint32_t preMargin, std::uint64_t size,
+                                                     std::uint32_t postMargin);
+
     /// Ends the process unless the memory is a live guarded block.
     void verifyPtr(const void* memory, const SourcePlace& place) TAVRO_EXCLUDES(m_mutex);
 
