@@ -215,7 +215,9 @@ void Doctor::examineLiveFile(const std::string& path)
     fine(STEP, path + ", " + bytesText(fs::file_size(path, error)));
     for (const std::string& program : programsThatUse(path))
     {
-        note(STEP, path + " is open in " + program + "; only one program may write it");
+        std::string text = path;
+        text.append(" is open in ").append(program).append("; only one program may write it");
+        note(STEP, text);
     }
 }
 
@@ -247,7 +249,8 @@ void Doctor::examineNumberedFiles(const std::string& basePath)
 void Doctor::examineSpace(const std::string& folder)
 {
     constexpr const char* STEP = "log";
-    constexpr std::uintmax_t NEEDED = 20 * 1'048'576; // a live file until its rotation, and the next one
+    constexpr std::uintmax_t NEEDED =
+        std::uintmax_t{20} * 1'048'576; // a live file until its rotation, and the next one
     std::error_code error;
     const fs::space_info space = fs::space(folder, error);
     if (error)

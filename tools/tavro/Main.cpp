@@ -3,6 +3,7 @@
 #include "tools/tavro/Command.h"
 #include "tools/tavro/Verbs.h"
 
+#include <cstdio>
 #include <exception>
 #include <iostream>
 
@@ -17,13 +18,16 @@ void Tool::expectVerb(CLI::App& app)
     });
 }
 
-int main(int argc, char** argv)
+namespace
 {
-    std::ios::sync_with_stdio(false);
+
+/// Runs what the command line asks for. Returns the exit code.
+int run(int argc, char** argv)
+{
     CLI::App app("Answers what is wrong with a checkpoint program, its configuration and its log.", "tavro");
     app.set_version_flag("--version", "tavro " TAVRO_VERSION);
-    Tool::expectVerb(app);
     app.footer("Exit codes: 0 fine, 1 found something, 2 called wrongly.");
+    Tool::expectVerb(app);
     int exitCode = Tool::MISUSED;
     Tool::addDoctorVerb(app, exitCode);
     Tool::addTweaksVerbs(app, exitCode);
@@ -35,11 +39,25 @@ int main(int argc, char** argv)
     {
         return app.exit(error) == 0 ? Tool::FINE : Tool::MISUSED;
     }
-    catch (const std::exception& error)
+    if (!std::cout.flush())
     {
-        std::cout.flush();
-        std::cerr << "tavro: " << error.what() << std::endl;
-        return Tool::MISUSED;
+        throw Tool::Misuse("the output could not be written");
     }
     return exitCode;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try
+    {
+        std::ios::sync_with_stdio(false);
+        return run(argc, argv);
+    }
+    catch (const std::exception& error)
+    {
+        static_cast<void>(std::fprintf(stderr, "tavro: %s\n", error.what()));
+        return Tool::MISUSED;
+    }
 }

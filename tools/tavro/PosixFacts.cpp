@@ -62,7 +62,7 @@ std::vector<std::string> Tool::programsThatUse(const std::string& path)
             {
                 std::string name;
                 std::getline(std::ifstream(process.path() / "comm"), name);
-                programs.push_back(name + " (process " + id + ")");
+                programs.push_back(name.append(" (process ").append(id).append(")"));
                 break;
             }
         }

@@ -56,11 +56,12 @@ std::vector<Row> allRows(const Examination& examination)
 {
     std::vector<Row> rows;
     forEachKnownTweak([&](const auto& tweak) { rows.push_back(rowOf(tweak, examination)); });
-    for (const auto& [name, setting] : examination.settings)
+    for (const auto& entry : examination.settings)
     {
-        if (std::ranges::none_of(rows, [&](const Row& row) { return CaseInsensitiveEqual()(row.name, name); }))
+        const Setting& setting = entry.second;
+        if (std::ranges::none_of(rows, [&](const Row& row) { return CaseInsensitiveEqual()(row.name, setting.name); }))
         {
-            rows.push_back({.name = name,
+            rows.push_back({.name = setting.name,
                             .value = setting.value,
                             .origin = setting.place ? setting.place->text() : "registered",
                             .type = "",
