@@ -2,6 +2,9 @@
 
 #include <limits>
 
+constinit std::array<SystemHeapBytesInternal::Share, 256> SystemHeapBytes::s_shares{};
+constinit SystemHeapBytesInternal::Share SystemHeapBytes::s_commonShare{};
+
 void SystemHeapBytes::claimShare() noexcept
 {
     for (Share& share : s_shares)

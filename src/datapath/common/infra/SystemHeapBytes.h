@@ -96,7 +96,8 @@ private:
     /// Gives the calling thread a share of its own, or the common one if there is none left.
     static void claimShare() noexcept;
 
-    static constinit inline std::array<Share, 256> s_shares{};
-    static constinit inline Share s_commonShare{};
+    // Defined in the source, not here: an inline variable of zeros takes its place in the program's file on Windows.
+    static constinit std::array<Share, 256> s_shares;
+    static constinit Share s_commonShare;
     static constinit inline thread_local Share* s_share = nullptr; // the calling thread's; null before it counts
 };
