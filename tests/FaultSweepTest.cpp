@@ -87,12 +87,17 @@ void installFaults()
     Fallible<&FileCalls::readFile>::install(fileCalls, {0, ErrorNumber::IoDevice});
     Fallible<&FileCalls::writeFile>::install(fileCalls, {0, ErrorNumber::DiskFull});
     Fallible<&FileCalls::lengthOfFile>::install(fileCalls, {0, ErrorNumber::IoDevice});
+    Fallible<&FileCalls::flushFile>::install(fileCalls, ErrorNumber::IoDevice);
     Fallible<&FileCalls::closeFile>::install(fileCalls, ErrorNumber::IoDevice);
     Fallible<&FileCalls::createFolder>::install(fileCalls, ErrorNumber::AccessDenied);
     Fallible<&FileCalls::createFolderErrno>::install(fileCalls, NO_PERMISSION);
     Fallible<&FileCalls::pathExists>::install(fileCalls, false);
     Fallible<&FileCalls::removeFile>::install(fileCalls, NO_PERMISSION);
     Fallible<&FileCalls::renameFile>::install(fileCalls, NO_PERMISSION);
+    Fallible<&FileCalls::replaceFile>::install(fileCalls, ErrorNumber::AccessDenied);
+    Fallible<&FileCalls::removeFolder>::install(fileCalls, ErrorNumber::AccessDenied);
+    Fallible<&FileCalls::flushFolder>::install(fileCalls, ErrorNumber::IoDevice);
+    Fallible<&FileCalls::lockFolder>::install(fileCalls, {FileHandle::Invalid, ErrorNumber::SharingViolation});
     Fallible<&FileCalls::findFirstEntry>::install(fileCalls, {FolderHandle::Invalid, ErrorNumber::AccessDenied});
     Fallible<&FileCalls::findNextEntry>::install(fileCalls, ErrorNumber::IoDevice);
     Fallible<&ThreadCalls::startThread>::install(threadCalls, ErrorNumber::NotEnoughMemory);

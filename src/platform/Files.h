@@ -36,8 +36,9 @@ enum class FolderHandle : std::intptr_t
 /// What a file is opened for.
 enum class OpenMode
 {
-    Read,  ///< the file must exist
-    Append ///< created if missing; every write goes to the end
+    Read,     ///< the file must exist
+    Append,   ///< created if missing; every write goes to the end
+    CreateNew ///< for writing; nothing may have that path, or the error is AlreadyExists
 };
 
 /// The result of opening a file.
@@ -82,12 +83,17 @@ struct FileCalls
     Call<Transfer(FileHandle file, void* buffer, std::size_t size)> readFile;
     Call<Transfer(FileHandle file, const void* bytes, std::size_t size)> writeFile;
     Call<FileLength(FileHandle file)> lengthOfFile;
+    Call<ErrorNumber(FileHandle file)> flushFile;
     Call<ErrorNumber(FileHandle file)> closeFile;
     Call<ErrorNumber(const char* path)> createFolder;
     Call<int(const char* path)> createFolderErrno;
     Call<bool(const char* path)> pathExists;
     Call<int(const char* path)> removeFile;
     Call<int(const char* from, const char* to)> renameFile;
+    Call<ErrorNumber(const char* from, const char* to)> replaceFile;
+    Call<ErrorNumber(const char* path)> removeFolder;
+    Call<ErrorNumber(const char* path)> flushFolder;
+    Call<OpenedFile(const char* path)> lockFolder;
     Call<OpenedFolder(const char* folder, FolderEntry& entry)> findFirstEntry;
     Call<ErrorNumber(FolderHandle folder, FolderEntry& entry)> findNextEntry;
     Call<void(FolderHandle folder)> closeFolder;
@@ -113,6 +119,9 @@ extern FileCalls fileCalls;
 /// SetFilePointerEx to the end; lseek. In a file that is open for reading, the next read begins there.
 [[nodiscard]] inline FileLength lengthOfFile(FileHandle file) { return fileCalls.lengthOfFile(file); }
 
+/// FlushFileBuffers; fsync. Returns when the file's bytes and length are on the disk and survive a loss of power.
+[[nodiscard]] inline ErrorNumber flushFile(FileHandle file) { return fileCalls.flushFile(file); }
+
 /// CloseHandle; close. The handle is closed even when this reports an error.
 inline ErrorNumber closeFile(FileHandle file) { return fileCalls.closeFile(file); }
 
@@ -134,6 +143,25 @@ using OwnedFile = UniqueHandle<FileHandle, closeFile>;
 /// The C runtime's rename; renameat2. Returns 0 or the C library's error number. Never replaces a file: if the target
 /// exists, it returns 17 (EEXIST) and leaves both files unchanged.
 [[nodiscard]] inline int renameFile(const char* from, const char* to) { return fileCalls.renameFile(from, to); }
+
+/// MoveFileExA; rename. Takes the place of a file that has the target's path, in one step: whoever opens that path
+/// meanwhile gets the old file or the new one. Not for folders.
+[[nodiscard]] inline ErrorNumber replaceFile(const char* from, const char* to)
+{
+    return fileCalls.replaceFile(from, to);
+}
+
+/// RemoveDirectoryA; rmdir. Removes an empty folder.
+[[nodiscard]] inline ErrorNumber removeFolder(const char* path) { return fileCalls.removeFolder(path); }
+
+/// Nothing on Windows, which keeps its folders in a journal; fsync of the folder. Returns when the names in the folder
+/// are on the disk and survive a loss of power.
+[[nodiscard]] inline ErrorNumber flushFolder(const char* path) { return fileCalls.flushFolder(path); }
+
+/// CreateFileA of the file ".lock" in the folder, which nobody else can open meanwhile and which goes with the handle;
+/// flock of the folder. Fails with SharingViolation while another handle locks the folder. The lock ends when the
+/// handle is closed, and so also when the process ends in any way. The handle can only be closed.
+[[nodiscard]] inline OpenedFile lockFolder(const char* path) { return fileCalls.lockFolder(path); }
 
 /// FindFirstFileA on everything in the folder; opendir and the first readdir. Entries come in the system's order, "."
 /// and ".." among them.

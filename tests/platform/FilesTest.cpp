@@ -86,6 +86,49 @@ TEST(Files, RenamingNeverReplacesAndRemovingSparesFolders)
     EXPECT_EQ(ErrorNumber::PathNotFound, createFolder(folder.path("no/such").c_str()));
 }
 
+TEST(Files, ANewFileReplacesAnotherInOneStep)
+{
+    const ScratchFolder folder;
+    const std::string from = folder.path("from");
+    const std::string to = folder.write("to", "old");
+    EXPECT_EQ(ErrorNumber::AlreadyExists, openFile(to.c_str(), OpenMode::CreateNew).error);
+    const OpenedFile file = openFile(from.c_str(), OpenMode::CreateNew);
+    ASSERT_EQ(ErrorNumber::Success, file.error);
+    EXPECT_EQ(3U, writeFile(file.handle, "new", 3).bytes);
+    EXPECT_EQ(ErrorNumber::Success, flushFile(file.handle));
+    EXPECT_EQ(ErrorNumber::Success, closeFile(file.handle));
+    EXPECT_EQ(ErrorNumber::InvalidHandle, flushFile(FileHandle::Invalid));
+
+    EXPECT_EQ(ErrorNumber::Success, replaceFile(from.c_str(), to.c_str()));
+    EXPECT_EQ(ErrorNumber::Success, flushFolder(folder.path("").c_str()));
+    EXPECT_EQ("new", ScratchFolder::read(to));
+    EXPECT_FALSE(pathExists(from.c_str()));
+    EXPECT_EQ(ErrorNumber::FileNotFound, replaceFile(from.c_str(), to.c_str()));
+
+    const std::string sub = folder.path("sub");
+    EXPECT_EQ(0, createFolderErrno(sub.c_str()));
+    EXPECT_EQ(ErrorNumber::AlreadyExists, openFile(sub.c_str(), OpenMode::CreateNew).error);
+    EXPECT_EQ(ErrorNumber::AccessDenied, replaceFile(to.c_str(), sub.c_str()));
+    EXPECT_EQ(ErrorNumber::FolderNotEmpty, removeFolder(folder.path("").c_str()));
+    EXPECT_EQ(ErrorNumber::Success, removeFolder(sub.c_str()));
+    EXPECT_EQ(ErrorNumber::FileNotFound, removeFolder(sub.c_str()));
+}
+
+TEST(Files, AFolderIsLockedUntilTheHandleIsClosed)
+{
+    const ScratchFolder folder;
+    const std::string path = folder.path("sub");
+    EXPECT_EQ(0, createFolderErrno(path.c_str()));
+    const OpenedFile lock = lockFolder(path.c_str());
+    ASSERT_EQ(ErrorNumber::Success, lock.error);
+    EXPECT_EQ(ErrorNumber::SharingViolation, lockFolder(path.c_str()).error);
+    EXPECT_EQ(ErrorNumber::Success, closeFile(lock.handle));
+    const OpenedFile again = lockFolder(path.c_str());
+    EXPECT_EQ(ErrorNumber::Success, again.error);
+    EXPECT_EQ(ErrorNumber::Success, closeFile(again.handle));
+    EXPECT_EQ(ErrorNumber::Success, removeFolder(path.c_str())); // nothing is left in it
+}
+
 TEST(Files, AWalkMeetsEveryEntryOnceAndSaysWhichAreFolders)
 {
     const ScratchFolder folder;

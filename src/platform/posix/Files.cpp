@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,10 +31,23 @@ Transfer toTransfer(ssize_t result)
                       : Transfer{static_cast<std::size_t>(result), ErrorNumber::Success};
 }
 
+int flagsOf(OpenMode mode)
+{
+    switch (mode)
+    {
+    case OpenMode::Read:
+        return O_RDONLY;
+    case OpenMode::Append:
+        return O_WRONLY | O_APPEND | O_CREAT;
+    case OpenMode::CreateNew:
+        return O_WRONLY | O_CREAT | O_EXCL;
+    }
+    return O_RDONLY;
+}
+
 OpenedFile openFile(const char* path, OpenMode mode)
 {
-    const int flags = mode == OpenMode::Read ? O_RDONLY : O_WRONLY | O_APPEND | O_CREAT;
-    const int descriptor = open(path, flags | O_CLOEXEC, FILE_PERMISSIONS);
+    const int descriptor = open(path, flagsOf(mode) | O_CLOEXEC, FILE_PERMISSIONS);
     if (descriptor < 0)
     {
         return {FileHandle::Invalid, fromErrno(errno, path)};
@@ -64,6 +78,13 @@ FileLength lengthOfFile(FileHandle file)
                    : FileLength{static_cast<std::uint64_t>(end), ErrorNumber::Success};
 }
 
+ErrorNumber flushDescriptor(int descriptor)
+{
+    return fromErrno(errnoOf(static_cast<int>(TEMP_FAILURE_RETRY(fsync(descriptor)))));
+}
+
+ErrorNumber flushFile(FileHandle file) { return flushDescriptor(toDescriptor(file)); }
+
 ErrorNumber closeFile(FileHandle file) { return fromErrno(errnoOf(close(toDescriptor(file)))); }
 
 int createFolderErrno(const char* path) { return errnoOf(mkdir(path, FOLDER_PERMISSIONS)); }
@@ -91,6 +112,41 @@ int renameFile(const char* from, const char* to)
         return errno;
     }
     return errnoOf(unlink(from));
+}
+
+ErrorNumber replaceFile(const char* from, const char* to) { return fromErrno(errnoOf(rename(from, to)), to); }
+
+ErrorNumber removeFolder(const char* path) { return fromErrno(errnoOf(rmdir(path)), path); }
+
+OpenedFile openFolder(const char* path)
+{
+    const int descriptor = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return descriptor < 0 ? OpenedFile{FileHandle::Invalid, fromErrno(errno, path)}
+                          : OpenedFile{FileHandle{descriptor}, ErrorNumber::Success};
+}
+
+ErrorNumber flushFolder(const char* path)
+{
+    const OpenedFile folder = openFolder(path);
+    if (folder.handle == FileHandle::Invalid)
+    {
+        return folder.error;
+    }
+    const ErrorNumber error = flushDescriptor(toDescriptor(folder.handle));
+    close(toDescriptor(folder.handle));
+    return error;
+}
+
+OpenedFile lockFolder(const char* path)
+{
+    const OpenedFile folder = openFolder(path);
+    if (folder.handle == FileHandle::Invalid || flock(toDescriptor(folder.handle), LOCK_EX | LOCK_NB) == 0)
+    {
+        return folder;
+    }
+    const ErrorNumber error = errno == EWOULDBLOCK ? ErrorNumber::SharingViolation : fromErrno(errno);
+    close(toDescriptor(folder.handle));
+    return {FileHandle::Invalid, error};
 }
 
 ErrorNumber readEntry(DIR* stream, FolderEntry& entry)
@@ -139,12 +195,17 @@ constinit platform::FileCalls platform::fileCalls = {
     .readFile = {"readFile", posix::readFile},
     .writeFile = {"writeFile", posix::writeFile},
     .lengthOfFile = {"lengthOfFile", posix::lengthOfFile},
+    .flushFile = {"flushFile", posix::flushFile},
     .closeFile = {"closeFile", posix::closeFile},
     .createFolder = {"createFolder", posix::createFolder},
     .createFolderErrno = {"createFolderErrno", posix::createFolderErrno},
     .pathExists = {"pathExists", posix::pathExists},
     .removeFile = {"removeFile", posix::removeFile},
     .renameFile = {"renameFile", posix::renameFile},
+    .replaceFile = {"replaceFile", posix::replaceFile},
+    .removeFolder = {"removeFolder", posix::removeFolder},
+    .flushFolder = {"flushFolder", posix::flushFolder},
+    .lockFolder = {"lockFolder", posix::lockFolder},
     .findFirstEntry = {"findFirstEntry", posix::findFirstEntry},
     .findNextEntry = {"findNextEntry", posix::findNextEntry},
     .closeFolder = {"closeFolder", posix::closeFolder},
