@@ -33,7 +33,8 @@ Signature readSignature(std::istream& file)
     return {sequence, static_cast<std::uint32_t>(nextNumber(lines))};
 }
 
-std::uint32_t crcOfLines(std::istream& file)
+/// Reads the data to their end.
+void readData(std::istream& file, ConsistentFile::Copy& copy)
 {
     Crc32 crc;
     for (TextLines lines(file); const auto line = lines.next();)
@@ -41,14 +42,42 @@ std::uint32_t crcOfLines(std::istream& file)
         crc.update(*line);
         crc.update("\n");
     }
-    return crc.value();
+    copy.dataCrc = crc.value();
+    copy.isCut = !file.eof() && !file.bad();
+}
+
+void logFinding(std::int32_t slot, ConsistentFile::CopyState state)
+{
+    using State = ConsistentFile::CopyState;
+    const bool isFault = state == State::Incomplete || state == State::Unreadable || state == State::Mismatched;
+    LogItem line(LoggerId::NON, isFault ? LogLevel::Error : LogLevel::Info, METHOD_FIND);
+    switch (state)
+    {
+    case State::Absent:
+        line << "Not found persistent files for index " << slot;
+        break;
+    case State::Incomplete:
+        line << "Incomplete pair of persistent files for index " << slot;
+        break;
+    case State::Older:
+        line << "Index " << slot << " is older than the current one";
+        break;
+    case State::Unreadable:
+    case State::Mismatched:
+        line << "Data and signature do not match for index " << slot;
+        break;
+    case State::Valid:
+        line << "Latest index found: " << slot;
+        break;
+    }
+    line << std::endl;
 }
 
 } // namespace
 
 ConsistentFile::ConsistentFile(std::string path) : m_path(std::move(path))
 {
-    m_nextSlot = (findLatestValidFileIndex().slot + 1) % m_slotCount; // load tells whether a copy is valid
+    m_nextSlot = findLatestValidFileIndex().nextSlot; // load tells whether a copy is valid
 }
 
 std::int32_t ConsistentFile::nextSlot() const
@@ -67,70 +96,81 @@ std::string ConsistentFile::dataFileName(std::int32_t slot) const { return m_pat
 
 std::string ConsistentFile::signatureFileName(std::int32_t slot) const { return dataFileName(slot) + ".sig"; }
 
-ConsistentFile::Latest ConsistentFile::findLatestValidFileIndex()
+ConsistentFile::Look ConsistentFile::look() const
 {
-    std::int32_t latestSlot = -1;
-    std::uint64_t bestSequence = 0;
-    bool isAnyFound = false;
-    for (std::int32_t slot = 0; slot < m_slotCount; ++slot)
+    return search(OlderCopies::AreRead, [](std::int32_t, const Copy&) {});
+}
+
+ConsistentFile::Look ConsistentFile::findLatestValidFileIndex()
+{
+    const Look look =
+        search(OlderCopies::AreLeftOut, [](std::int32_t slot, const Copy& copy) { logFinding(slot, copy.state); });
+    if (look.status == RC_OK)
     {
-        const Copy copy = examineCopy(slot, bestSequence);
-        isAnyFound = isAnyFound || copy.state != CopyState::Absent;
-        if (copy.state == CopyState::Valid)
+        m_nextSequence = look.nextSequence;
+    }
+    return look;
+}
+
+template <class Observer> ConsistentFile::Look ConsistentFile::search(OlderCopies older, const Observer& observe) const
+{
+    Look look;
+    std::uint64_t bestSequence = 0;
+    for (std::int32_t slot = 0; slot < SLOT_COUNT; ++slot)
+    {
+        Copy& copy = look.copies.at(static_cast<std::size_t>(slot));
+        copy = examineCopy(slot, older == OlderCopies::AreLeftOut ? bestSequence : 0);
+        observe(slot, copy);
+        if (copy.state != CopyState::Absent)
         {
-            latestSlot = slot;
+            look.status = RC_ERROR;
+        }
+        if (copy.state == CopyState::Valid && copy.sequence >= bestSequence)
+        {
+            look.latestSlot = slot;
             bestSequence = copy.sequence;
         }
     }
-    if (!isAnyFound)
+    look.nextSlot = (look.latestSlot + 1) % SLOT_COUNT;
+    if (bestSequence != 0)
     {
-        return {RC_NOT_FOUND, latestSlot};
+        look.status = RC_OK;
+        look.nextSequence = bestSequence + 1;
     }
-    if (bestSequence == 0)
-    {
-        return {RC_ERROR, latestSlot};
-    }
-    m_nextSequence = bestSequence + 1;
-    return {RC_OK, latestSlot};
+    return look;
 }
 
-ConsistentFile::Copy ConsistentFile::examineCopy(std::int32_t slot, std::uint64_t bestSequence) const
+ConsistentFile::Copy ConsistentFile::examineCopy(std::int32_t slot, std::uint64_t lowestSequence) const
 {
     InputTextFile data(dataFileName(slot));
     InputTextFile signatureFile(signatureFileName(slot));
-    if (!data.isOpen() && !signatureFile.isOpen())
+    Copy copy;
+    copy.hasData = data.isOpen();
+    copy.hasSignature = signatureFile.isOpen();
+    if (!copy.hasData || !copy.hasSignature)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, METHOD_FIND)
-            << "Not found persistent files for index " << slot << std::endl;
-        return {CopyState::Absent, 0};
-    }
-    if (!data.isOpen() || !signatureFile.isOpen())
-    {
-        LogItem(LoggerId::NON, LogLevel::Error, METHOD_FIND)
-            << "Incomplete pair of persistent files for index " << slot << std::endl;
-        return {CopyState::Unusable, 0};
+        copy.state = copy.hasData || copy.hasSignature ? CopyState::Incomplete : CopyState::Absent;
+        return copy;
     }
     const Signature signature = readSignature(signatureFile);
-    if (signature.sequence < bestSequence)
+    copy.sequence = signature.sequence;
+    copy.statedCrc = signature.crc;
+    if (copy.sequence < lowestSequence)
     {
-        LogItem(LoggerId::NON, LogLevel::Info, METHOD_FIND)
-            << "Index " << slot << " is older than the current one" << std::endl;
-        return {CopyState::Unusable, 0};
+        copy.state = CopyState::Older;
+        return copy;
     }
-    if (crcOfLines(data) != signature.crc || data.bad() || signatureFile.bad())
-    {
-        LogItem(LoggerId::NON, LogLevel::Error, METHOD_FIND)
-            << "Data and signature do not match for index " << slot << std::endl;
-        return {CopyState::Unusable, 0};
-    }
-    LogItem(LoggerId::NON, LogLevel::Info, METHOD_FIND) << "Latest index found: " << slot << std::endl;
-    return {CopyState::Valid, signature.sequence};
+    readData(data, copy);
+    copy.state = data.bad() || signatureFile.bad() ? CopyState::Unreadable
+                 : copy.dataCrc != copy.statedCrc  ? CopyState::Mismatched
+                                                   : CopyState::Valid;
+    return copy;
 }
 
 RcStatus ConsistentFile::load(std::ostream& text)
 {
     const MutexGuard guard(m_mutex);
-    const Latest latest = findLatestValidFileIndex();
+    const Look latest = findLatestValidFileIndex();
     if (latest.status == RC_ERROR)
     {
         LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "Error loading from disk" << std::endl;
@@ -141,11 +181,11 @@ RcStatus ConsistentFile::load(std::ostream& text)
         LogItem(LoggerId::NON, LogLevel::Info, TAVRO_METHOD) << "File does not exist" << std::endl;
         return RC_OK;
     }
-    InputTextFile data(dataFileName(latest.slot));
+    InputTextFile data(dataFileName(latest.latestSlot));
     if (!data.isOpen())
     {
         LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD)
-            << "Could not open file for read: " << dataFileName(latest.slot) << std::endl;
+            << "Could not open file for read: " << dataFileName(latest.latestSlot) << std::endl;
         return RC_ERROR;
     }
     for (TextLines lines(data); const auto line = lines.next();)
@@ -157,6 +197,6 @@ RcStatus ConsistentFile::load(std::ostream& text)
         LogItem(LoggerId::NON, LogLevel::Error, TAVRO_METHOD) << "Error loading from disk" << std::endl;
         return RC_ERROR;
     }
-    m_nextSlot = (latest.slot + 1) % m_slotCount;
+    m_nextSlot = latest.nextSlot;
     return RC_OK;
 }

@@ -48,6 +48,45 @@ TEST_F(ConsistentFileTest, TellsWhereTheNextCopyGoes)
     EXPECT_EQ("0:6", nextOf(ConsistentFile(path)));
 }
 
+TEST_F(ConsistentFileTest, ALookTellsWhatEachCopyIs)
+{
+    using State = ConsistentFile::CopyState;
+    const ConsistentFile file(path);
+    EXPECT_EQ(RC_NOT_FOUND, file.look().status);
+    write(0, "7", "zero\n");
+    write(1, "6", "one\n");
+    folder.write("file.1", std::string(600, 'x'));
+    const std::size_t logged = client.messages().size();
+    ConsistentFile::Look look = file.look();
+    EXPECT_EQ(State::Valid, look.copies[0].state);
+    EXPECT_EQ(State::Mismatched, look.copies[1].state); // a load would not read it
+    EXPECT_TRUE(look.copies[1].isCut);
+    EXPECT_EQ(6U, look.copies[1].sequence);
+    EXPECT_EQ(0U, look.copies[1].dataCrc);
+    EXPECT_NE(0U, look.copies[1].statedCrc);
+    EXPECT_EQ(RC_OK, look.status);
+    EXPECT_EQ("0 1 8", std::to_string(look.latestSlot) + " " + std::to_string(look.nextSlot) + " " +
+                           std::to_string(look.nextSequence));
+    write(1, "6", "one\n");
+    folder.write("file.0.sig", "7\n0\n");
+    look = file.look();
+    EXPECT_EQ(State::Mismatched, look.copies[0].state);
+    EXPECT_EQ("1 0 7", std::to_string(look.latestSlot) + " " + std::to_string(look.nextSlot) + " " +
+                           std::to_string(look.nextSequence));
+    EXPECT_EQ(0, platform::removeFile(folder.path("file.1").c_str()));
+    look = file.look();
+    EXPECT_EQ(State::Incomplete, look.copies[1].state);
+    EXPECT_TRUE(look.copies[1].hasSignature);
+    EXPECT_EQ(RC_ERROR, look.status);
+    EXPECT_EQ(logged, client.messages().size());
+
+    const ScopedReplacement readingBytes(
+        platform::fileCalls.readFile, +[](platform::FileHandle, void*, std::size_t) {
+            return platform::Transfer{0, ErrorNumber::IoDevice};
+        });
+    EXPECT_EQ(State::Unreadable, file.look().copies[0].state);
+}
+
 TEST_F(ConsistentFileTest, ACopyIsNeverTakenForWholeWhateverCallFails)
 {
     ConsistentFile file(path);
