@@ -132,4 +132,5 @@ void Tool::addTweaksVerbs(CLI::App& app, int& exitCode)
     addCheck(*tweaks, exitCode);
     addShow(*tweaks, exitCode);
     addList(*tweaks, exitCode);
+    addTweaksPairVerbs(*tweaks, exitCode);
 }

@@ -14,4 +14,7 @@ void expectVerb(CLI::App& app);
 void addDoctorVerb(CLI::App& app, int& exitCode);
 void addTweaksVerbs(CLI::App& app, int& exitCode);
 
+/// Adds to the verb "tweaks" those about the two copies of the consistent file.
+void addTweaksPairVerbs(CLI::App& tweaks, int& exitCode);
+
 } // namespace Tool
