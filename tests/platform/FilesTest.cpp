@@ -109,7 +109,9 @@ TEST(Files, ANewFileReplacesAnotherInOneStep)
     EXPECT_EQ(0, createFolderErrno(sub.c_str()));
     EXPECT_EQ(ErrorNumber::AlreadyExists, openFile(sub.c_str(), OpenMode::CreateNew).error);
     EXPECT_EQ(ErrorNumber::AccessDenied, replaceFile(to.c_str(), sub.c_str()));
-    EXPECT_EQ(ErrorNumber::FolderNotEmpty, removeFolder(folder.path("").c_str()));
+    EXPECT_EQ(ErrorNumber::Success, replaceFile(to.c_str(), folder.path("sub/moved").c_str()));
+    EXPECT_EQ(ErrorNumber::FolderNotEmpty, removeFolder(sub.c_str()));
+    EXPECT_EQ(0, removeFile(folder.path("sub/moved").c_str()));
     EXPECT_EQ(ErrorNumber::Success, removeFolder(sub.c_str()));
     EXPECT_EQ(ErrorNumber::FileNotFound, removeFolder(sub.c_str()));
 }

@@ -3,6 +3,8 @@
 #include "datapath/common/infra/Tweaks.h"
 #include "tools/tavro/CaughtEnd.h"
 
+#include <algorithm>
+#include <deque>
 #include <sstream>
 #include <unordered_map>
 #include <utility>

@@ -6,6 +6,7 @@
 #include "tools/tavro/TweaksPair.h"
 
 #include <string_view>
+#include <vector>
 
 namespace
 {
