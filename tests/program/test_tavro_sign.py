@@ -175,6 +175,25 @@ def test_signing_at_the_same_time(tavro):
     assert (code, found["nextSequence"]) == (0, 2 + codes.count(0))
 
 
+def test_a_file_that_another_program_has_open_is_waited_for(windows_program, windows_build, wine):
+    tavro = Tavro(windows_program, windows_build, wine)
+    put(tavro.folder, slot(0, 1) | slot(1, 2))
+    probe = "Z:" + str(windows_build / "window_probe.exe").replace("/", "\\")  # ends at the end of its input
+    holder = subprocess.Popen(["wine", "cmd", "/c", f"{probe} 2>> {tavro.path()}.0"], cwd=tavro.folder,
+                              env=tavro.environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    holder.stdin.write(b"\n")
+    holder.stdin.flush()
+    assert holder.stdout.readline()
+    (tavro.folder / "text.txt").write_bytes(text(3))
+    signing = tavro.start("sign", "text.txt")
+    with pytest.raises(subprocess.TimeoutExpired):
+        signing.wait(1)
+    assert read_pair(tavro.folder) == slot(1, 2)[f"{CONSISTENT}.1"]
+    holder.communicate(timeout=DEADLINE_SEC)
+    assert signing.wait(DEADLINE_SEC) == 0
+    assert read_pair(tavro.folder) == text(3)
+
+
 def test_one_that_waits_keeps_others_out_until_it_ends(linux_tavro):
     assert linux_tavro.sign(text(1))[0] == 0
     (linux_tavro.folder / "text.txt").write_bytes(text(2))
@@ -195,6 +214,16 @@ def test_what_is_flushed_before_what_becomes_visible(linux_tavro):
     command = [*linux_tavro.command, "tweaks", "sign", "text.txt"]
     assert calls_of(command, linux_tavro.folder) == "flock mkdir fsync fsync fsync renameat2 fsync".split()
     assert calls_of(command, linux_tavro.folder) == "flock fsync fsync rename fsync rename fsync".split()
+
+
+def test_first_pair_where_a_rename_cannot_spare_its_target(linux_tavro):
+    """Some file systems know no rename that fails if the target exists."""
+    (linux_tavro.folder / "text.txt").write_bytes(text(1))
+    signing = TracedProgram([*linux_tavro.command, "tweaks", "sign", "text.txt"], linux_tavro.folder)
+    signing.to_named_call("renameat2")
+    signing.fail_call(errno.EINVAL)
+    assert signing.finish() == 0
+    assert read_pair(linux_tavro.folder) == text(1)
 
 
 OLD, NEW, NEXT = 2, 3, 4

@@ -51,6 +51,10 @@ class TracedProgram:
             self.next_call()
         return self.status is None
 
+    def to_named_call(self, name):
+        while CALLS.get(self.next_call()) != name:
+            assert self.status is None, f"it has ended without {name}"
+
     def fail_call(self, error):
         """Lets the call not happen and return the error."""
         self._request(POKEUSER, NUMBER, ctypes.c_void_p(-1))
@@ -102,8 +106,7 @@ def calls_of(command, folder):
 def first_call(name, command, folder):
     """Runs a program up to its first call of that name. Returns how many calls that makes."""
     program = TracedProgram(command, folder)
-    while CALLS.get(program.next_call()) != name:
-        assert program.status is None
+    program.to_named_call(name)
     program.kill()
     return program.calls
 

@@ -14,6 +14,7 @@
 namespace Tool
 {
 
+/// Why a text is refused.
 struct TextProblem
 {
     std::uint32_t line; ///< counts from 1; 0 stands for the text as a whole

@@ -19,6 +19,7 @@ namespace Tool
 /// a copy is broken or the program would not start. A pair that does not exist is in order.
 bool writePairState(std::ostream& out, bool isJson);
 
+/// What is to be signed, and where.
 struct Signing
 {
     std::string file;   ///< the text; the path is taken before the working folder changes

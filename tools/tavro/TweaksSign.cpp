@@ -2,6 +2,7 @@
 #include "datapath/common/infra/base/Crc32.h"
 #include "platform/Files.h"
 #include "platform/Text.h"
+#include "platform/Threads.h"
 #include "tools/tavro/Command.h"
 #include "tools/tavro/StrictText.h"
 #include "tools/tavro/TweaksPair.h"
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace
@@ -84,6 +86,25 @@ ErrorNumber writeAll(platform::FileHandle file, std::string_view bytes)
     return ErrorNumber::Success;
 }
 
+/// Windows does not replace a file that another program has open. A program that starts, or a virus scanner, has it
+/// open for a moment only, so this waits.
+ErrorNumber replaceWhenClosed(const std::string& from, const std::string& to)
+{
+    constexpr int ATTEMPTS = 40;
+    constexpr std::uint32_t PAUSE_MS = 50;
+    ErrorNumber error = ErrorNumber::Success;
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt)
+    {
+        error = platform::replaceFile(from.c_str(), to.c_str());
+        if (error != ErrorNumber::AccessDenied && error != ErrorNumber::SharingViolation)
+        {
+            return error;
+        }
+        platform::sleepMs(PAUSE_MS);
+    }
+    return error;
+}
+
 void discardFile(const std::string& path) { static_cast<void>(platform::removeFile(path.c_str())); }
 
 /// Makes a file that did not exist, and returns when it is on the disk. Leaves none behind if that fails.
@@ -148,7 +169,7 @@ void replaceCopy(const NewCopy& copy)
     discardFile(newData); // of a signing that was interrupted
     discardFile(newSignature);
     const auto put = [&](const std::string& from, const std::string& to) {
-        require(platform::replaceFile(from.c_str(), to.c_str()), to);
+        require(replaceWhenClosed(from, to), to);
         require(platform::flushFolder(folder.c_str()), folder);
     };
     try
@@ -188,7 +209,8 @@ public:
         const std::string folder = Tool::pairFolder();
         if (const int error = platform::renameFile(m_folder.c_str(), folder.c_str()); error != 0)
         {
-            throw Misuse(m_folder + " could not be renamed to " + folder + ": error " + std::to_string(error));
+            throw Misuse(m_folder + " could not be renamed to " + folder + ": " +
+                         std::generic_category().message(error));
         }
         require(platform::flushFolder(WORKING_FOLDER), WORKING_FOLDER);
     }
@@ -216,7 +238,8 @@ void moveFileAside()
     const std::string to = from + ".old";
     if (const int error = platform::renameFile(from.c_str(), to.c_str()); error != 0)
     {
-        throw Misuse(from + " is a file and could not be renamed to " + to + ": error " + std::to_string(error));
+        throw Misuse(from + " is a file and could not be renamed to " + to + ": " +
+                     std::generic_category().message(error));
     }
 }
 

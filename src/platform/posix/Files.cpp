@@ -107,11 +107,14 @@ int renameFile(const char* from, const char* to)
         return error;
     }
     // This file system cannot rename without replacing. Making a second link does not replace either.
-    if (link(from, to) != 0)
+    if (link(from, to) == 0)
     {
-        return errno;
+        return errnoOf(unlink(from));
     }
-    return errnoOf(unlink(from));
+    struct stat status = {};
+    const int linkError = errno;
+    const bool isFolder = linkError == EPERM && stat(from, &status) == 0 && S_ISDIR(status.st_mode);
+    return isFolder ? errnoOf(rename(from, to)) : linkError; // a folder has no links, and replaces no file
 }
 
 ErrorNumber replaceFile(const char* from, const char* to) { return fromErrno(errnoOf(rename(from, to)), to); }

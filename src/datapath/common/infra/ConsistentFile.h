@@ -28,6 +28,7 @@ class ConsistentFile
 public:
     static constexpr std::int32_t SLOT_COUNT = 2;
 
+    /// What one copy is good for.
     enum class CopyState : std::uint8_t
     {
         Absent,     ///< neither the data nor the signature can be opened
