@@ -174,11 +174,14 @@ class Tavro:
         self.wine = wine  # None on Linux
         self.path = build / ("tavro.exe" if wine else "tavro")
 
+    def start(self, folder, *arguments, **options):
+        return (self.wine.start(self.path, folder, arguments=arguments, **options) if self.wine
+                else subprocess.Popen([self.path, *arguments], cwd=folder, **options))
+
     def run(self, folder, *arguments, **options):
         """Runs it in the folder; returns the exit status, and what it writes to the two streams, with LF line ends."""
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | options
-        with (self.wine.start(self.path, folder, arguments=arguments, **options) if self.wine
-              else subprocess.Popen([self.path, *arguments], cwd=folder, **options)) as process:
+        with self.start(folder, *arguments, **options) as process:
             streams = process.communicate(timeout=DEADLINE_SEC)
         return process.returncode, *(stream.decode().replace("\r\n", "\n") for stream in streams)
 
