@@ -30,6 +30,7 @@ int run(int argc, char** argv)
     Tool::expectVerb(app);
     int exitCode = Tool::MISUSED;
     Tool::addDoctorVerb(app, exitCode);
+    Tool::addLogVerbs(app, exitCode);
     Tool::addTweaksVerbs(app, exitCode);
     try
     {

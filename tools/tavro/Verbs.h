@@ -12,6 +12,7 @@ namespace Tool
 void expectVerb(CLI::App& app);
 
 void addDoctorVerb(CLI::App& app, int& exitCode);
+void addLogVerbs(CLI::App& app, int& exitCode);
 void addTweaksVerbs(CLI::App& app, int& exitCode);
 
 /// Adds to the verb "tweaks" those about the two copies of the consistent file.

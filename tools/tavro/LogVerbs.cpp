@@ -1,0 +1,167 @@
+#include "tools/tavro/Command.h"
+#include "tools/tavro/LogFilter.h"
+#include "tools/tavro/LogOutput.h"
+#include "tools/tavro/LogPump.h"
+#include "tools/tavro/LogSystem.h"
+#include "tools/tavro/Verbs.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace
+{
+
+using Tool::LogForm;
+
+/// What the command line asks for.
+struct Options
+{
+    std::vector<std::string> names;
+    std::string since;
+    std::string until;
+    std::vector<std::string> levels;
+    std::vector<std::string> classes;
+    std::vector<std::string> methods;
+    std::vector<std::string> threads;
+    std::string contained;
+    std::int64_t run = 0; // 0: all
+    bool isFollowed = false;
+};
+
+std::uint64_t countRuns(const std::vector<Tool::LogPath>& files)
+{
+    if (std::ranges::any_of(files, [](const Tool::LogPath& file) { return file.path == "-"; }))
+    {
+        throw Tool::Misuse("--run: standard input is read once, so its runs cannot be counted from the end");
+    }
+    Tool::LogPump pump(files, [](const Tool::LogRecord&) {});
+    pump.run(Tool::isStandardErrorTerminal() && !Tool::isStandardOutputTerminal());
+    return pump.runs();
+}
+
+Tool::LogFilter filterOf(const Options& options, const std::vector<Tool::LogPath>& files)
+{
+    Tool::LogFilter filter;
+    if (!options.since.empty())
+    {
+        filter.setSince(options.since);
+    }
+    if (!options.until.empty())
+    {
+        filter.setUntil(options.until);
+    }
+    for (const std::string& levels : options.levels)
+    {
+        filter.addLevels(levels);
+    }
+    filter.setClasses(options.classes);
+    filter.setMethods(options.methods);
+    filter.setThreads(options.threads);
+    filter.setContained(options.contained);
+    if (options.run > 0)
+    {
+        filter.setRun(static_cast<std::uint64_t>(options.run));
+    }
+    else if (options.run < 0)
+    {
+        const std::uint64_t back = static_cast<std::uint64_t>(-(options.run + 1));
+        const std::uint64_t runs = countRuns(files);
+        filter.setRun(back < runs ? runs - back : 0); // no record is of run 0
+    }
+    return filter;
+}
+
+bool isFolder(const std::string& name)
+{
+    std::error_code ignored;
+    return std::filesystem::is_directory(name, ignored);
+}
+
+void checkFollowed(const std::vector<Tool::LogPath>& files)
+{
+    const Tool::LogPath& last = files.back();
+    if (last.path == "-" || last.number != Tool::LogPath::LIVE)
+    {
+        throw Tool::Misuse(last.path + ": only a live file can be followed");
+    }
+}
+
+int print(LogForm form, const Options& options)
+{
+    const std::vector<Tool::LogPath> files = Tool::logPathsOf(options.names);
+    const Tool::LogFilter filter = filterOf(options, files);
+    const bool isTerminal = Tool::isStandardOutputTerminal();
+    const char* const noColour = std::getenv("NO_COLOR");
+    const bool isColourWanted = isTerminal && (noColour == nullptr || *noColour == '\0');
+    Tool::LogOutput output(form, Tool::standardOutput(), isColourWanted && Tool::enableColours());
+    Tool::LogPump pump(files, [&](const Tool::LogRecord& record) {
+        if (filter.accepts(record))
+        {
+            output.write(record);
+        }
+    });
+    try
+    {
+        output.begin();
+        if (options.isFollowed)
+        {
+            checkFollowed(files);
+            pump.follow(options.names.empty() || isFolder(options.names.back()), [&] { output.flush(); });
+        }
+        pump.run(Tool::isStandardErrorTerminal() && !isTerminal);
+        output.flush();
+    }
+    catch (const Tool::LogOutput::PipeClosed&)
+    {
+        return Tool::FINE;
+    }
+    return pump.hasFound() ? Tool::FOUND : Tool::FINE;
+}
+
+void addFiles(CLI::App& verb, std::vector<std::string>& names)
+{
+    verb.add_option("FILE", names, "Files, folders with logs, or - for standard input; none: the program's log")
+        ->type_name("");
+}
+
+void addFilters(CLI::App& verb, Options& options)
+{
+    verb.add_option("--since", options.since, "From this time on, UTC; its begin is enough: \"2024-03-05 07\"");
+    verb.add_option("--until", options.until, "Up to this time; \"2024-03-05\" is the end of that day");
+    const auto addList = [&](const std::string& name, std::vector<std::string>& values, const std::string& help) {
+        verb.add_option(name, values, help)->expected(1)->take_all();
+    };
+    addList("--level", options.levels, "Lines of these levels, such as Error,Warn");
+    addList("--class", options.classes, "Lines of this class; may be given several times");
+    addList("--method", options.methods, "Lines of this method; may be given several times");
+    addList("--thread", options.threads, "Lines of this thread, by id or name; may be given several times");
+    verb.add_option("--contains", options.contained, "Records whose message has this text");
+    verb.add_option("--run", options.run, "Records of this run, counted from 1; -1 is the last one");
+}
+
+void addForm(CLI::App& log, LogForm form, const std::string& name, const std::string& help, int& exitCode)
+{
+    const auto options = std::make_shared<Options>();
+    CLI::App* const verb = log.add_subcommand(name, help);
+    addFiles(*verb, options->names);
+    addFilters(*verb, *options);
+    verb->add_flag("--follow,-f", options->isFollowed, "Go on with what the live file gets, until Ctrl-C");
+    verb->callback([form, options, &exitCode] { exitCode = print(form, *options); });
+}
+
+} // namespace
+
+void Tool::addLogVerbs(CLI::App& app, int& exitCode)
+{
+    CLI::App* const log = app.add_subcommand("log", "The log: its records, for people and for programs");
+    log->require_subcommand(1);
+    addForm(*log, LogForm::Csv, "csv", "The records as CSV, one row each", exitCode);
+    addForm(*log, LogForm::Json, "json", "The records as JSON Lines, one object each", exitCode);
+    addForm(*log, LogForm::Text, "text", "The records as they stand in the log", exitCode);
+}
