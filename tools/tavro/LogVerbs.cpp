@@ -2,9 +2,11 @@
 #include "tools/tavro/LogFilter.h"
 #include "tools/tavro/LogOutput.h"
 #include "tools/tavro/LogPump.h"
+#include "tools/tavro/LogSummary.h"
 #include "tools/tavro/LogSystem.h"
 #include "tools/tavro/Verbs.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -135,7 +137,7 @@ void addFilters(CLI::App& verb, Options& options)
     verb.add_option("--since", options.since, "From this time on, UTC; its begin is enough: \"2024-03-05 07\"");
     verb.add_option("--until", options.until, "Up to this time; \"2024-03-05\" is the end of that day");
     const auto addList = [&](const std::string& name, std::vector<std::string>& values, const std::string& help) {
-        verb.add_option(name, values, help)->expected(1)->take_all();
+        verb.add_option(name, values, help)->allow_extra_args(false);
     };
     addList("--level", options.levels, "Lines of these levels, such as Error,Warn");
     addList("--class", options.classes, "Lines of this class; may be given several times");
@@ -155,6 +157,29 @@ void addForm(CLI::App& log, LogForm form, const std::string& name, const std::st
     verb->callback([form, options, &exitCode] { exitCode = print(form, *options); });
 }
 
+int summarise(const std::vector<std::string>& names, bool isJson)
+{
+    Tool::LogSummary summary;
+    Tool::LogPump pump(Tool::logPathsOf(names), [&](const Tool::LogRecord& record) { summary.add(record); });
+    pump.run(Tool::isStandardErrorTerminal());
+    isJson ? summary.writeJson(std::cout) : summary.writeText(std::cout);
+    return pump.hasFound() ? Tool::FOUND : Tool::FINE;
+}
+
+void addSummary(CLI::App& log, int& exitCode)
+{
+    struct Choice
+    {
+        std::vector<std::string> names;
+        bool isJson = false;
+    };
+    const auto choice = std::make_shared<Choice>();
+    CLI::App* const verb = log.add_subcommand("summary", "What is in the log: runs, levels, pauses, failures");
+    addFiles(*verb, choice->names);
+    verb->add_flag("--json", choice->isJson, "One object for programs");
+    verb->callback([choice, &exitCode] { exitCode = summarise(choice->names, choice->isJson); });
+}
+
 } // namespace
 
 void Tool::addLogVerbs(CLI::App& app, int& exitCode)
@@ -164,4 +189,5 @@ void Tool::addLogVerbs(CLI::App& app, int& exitCode)
     addForm(*log, LogForm::Csv, "csv", "The records as CSV, one row each", exitCode);
     addForm(*log, LogForm::Json, "json", "The records as JSON Lines, one object each", exitCode);
     addForm(*log, LogForm::Text, "text", "The records as they stand in the log", exitCode);
+    addSummary(*log, exitCode);
 }

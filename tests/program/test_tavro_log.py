@@ -1,0 +1,305 @@
+"""The log verbs of the console tool, on logs that are generated here record by record."""
+
+import csv
+import gzip
+import io
+import json
+import random
+import shutil
+import subprocess
+import time
+from collections import Counter
+from datetime import datetime, timedelta
+from pathlib import Path
+
+import pytest
+
+from programs import DEADLINE_SEC, wait_for
+
+csv.field_size_limit(10_000_000)
+LEVELS = ["Assert", "Fatal", "Error", "Warn", "Info", "Debug", "Control"]
+COLUMNS = ["run", "time", "level", "thread", "logger", "class", "method", "message"]
+HEADER = "time,level,thread,logger,method,message,exception\n"
+BASE = "TavroVssAgentGUI.exe.log"
+FILLINGS = [",", '"', "\n", "\n\n", " ", "a", "é", "😀", "\\", "\t", "2024-03-05 07:08:09", ",Info,", "x=1", "'", ";",
+            "time,level,thread,logger,method,message,exception", "\nInfo,1,NON,,f,no time", "=", "\x7f", "{}"]
+
+
+class Log:
+    """A log in memory: what each record is to be, and its text as the library writes it."""
+
+    def __init__(self, seed):
+        self.random = random.Random(seed)
+        self.now = datetime(2024, 3, 5, 7)
+        self.run = 0
+        self.rows = []
+        self.texts = []  # of the rows, but for the last parts that "split" separates
+
+    def time(self):
+        self.now += timedelta(microseconds=self.random.choice([0, 7, 1000, 250_000, 3_600_000_000]))
+        digits = self.random.choice([0, 1, 3, 3, 3, 6, 9])
+        fraction = f"{self.now.microsecond:06}000"[:digits]
+        return f"{self.now:%Y-%m-%d %H:%M:%S}" + (f".{fraction}" if digits else "")
+
+    def add(self, text, **fields):
+        self.rows.append({column: "" for column in COLUMNS} | {"run": str(self.run)} | fields)
+        self.texts.append(text)
+
+    def start(self):
+        self.run += 1
+        now, message = self.time(), "-----------------Log Start---------------------- , \"x\" ----------------------"
+        self.add(f"\n\n{now}, {message}\n{HEADER}", time=now, message=message)
+
+    def line(self, level=None, thread=None, cls=None, method=None, message=None):
+        pick = self.random.choice
+        message = "".join(pick(FILLINGS) for _ in range(pick([0, 1, 5, 40]))) if message is None else message
+        fields = {"time": self.time(), "level": level or pick(LEVELS[2:]),
+                  "thread": thread or pick(["4711", "-5", "4712/reader 1", "0", "007"]), "logger": pick(["NON", "KRN"]),
+                  "class": pick(["", "Copier", "Tweaks::Tweak"]) if cls is None else cls,
+                  "method": method or pick(["run", "main::<lambda>"]), "message": message}
+        self.add(",".join(fields.values()) + "\n", **fields)
+
+    def notice(self):
+        now, message = self.time(), "C:\\logs, old\\a.log-pausing logger due to OOM"
+        self.add(f"{now},{message}\n", time=now, message=message)
+
+    def raw(self, text, end="\n"):
+        self.add(text + end, message=text)
+
+    def many(self, count):
+        for _ in range(count):
+            self.notice() if self.random.random() < 0.02 else self.line()
+
+    def whole(self):
+        return "".join(self.texts)
+
+
+def call(tavro, folder, *arguments, **options):
+    """Runs the tool; returns the exit status, the bytes of standard output, and standard error."""
+    options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | options
+    with (tavro.wine.start(tavro.path, folder, arguments=["log", *arguments], **options) if tavro.wine
+          else subprocess.Popen([tavro.path, "log", *arguments], cwd=folder, **options)) as process:
+        output, errors = process.communicate(timeout=DEADLINE_SEC)
+    return process.returncode, output, errors.decode()
+
+
+def from_csv(output):
+    return list(csv.DictReader(io.StringIO(output.decode(), newline="")))
+
+
+def from_json(output):
+    rows = [json.loads(line) for line in output.decode().split("\n")[:-1]]
+    for row in rows:
+        assert list(row) == COLUMNS and isinstance(row["run"], int)
+        if isinstance(row["thread"], int):
+            row["thread"] = str(row["thread"])
+    return [row | {"run": str(row["run"])} for row in rows]
+
+
+def write_log(folder, log, line_end, random_):
+    """Cuts the log into numbered files at ends of texts, and a live file. Returns what they hold, one after another."""
+    pieces = [piece for text in log.texts for piece in (["\n\n", text[2:]] if text.startswith("\n\n2") else [text])]
+    last_start = len(pieces) - 1 - pieces[::-1].index("\n\n")
+    cuts = sorted({last_start + 1, *random_.sample(range(1, len(pieces)), 4)})
+    contents = ["".join(pieces[begin:end]).replace("\n", line_end).encode()
+                for begin, end in zip([0, *cuts], [*cuts, len(pieces)])]
+    numbers = [9, 10, 999_999, 1_000_000, 1_000_001][:len(cuts)]
+    for number, content in zip(numbers, contents):
+        name = f"{BASE}{number:06}.txt" + random_.choice(["", ".gz"])
+        (folder / name).write_bytes(gzip.compress(content[:99]) + gzip.compress(content[99:]) if number == 10 else content)
+    (folder / f"{BASE}.txt").write_bytes(contents[-1])
+    return b"".join(contents)
+
+
+@pytest.mark.parametrize("line_end", ["\n", "\r\n"], ids=["LF", "CRLF"])
+def test_a_log_comes_back_whole(tavro, tmp_path, line_end):
+    log = Log(seed=1)
+    for _ in range(3):
+        log.start()
+        log.many(150)
+    everything = write_log(tmp_path, log, line_end, log.random)
+    assert call(tavro, tmp_path, "text", ".") == (0, everything, "")
+    status, output, errors = call(tavro, tmp_path, "csv", ".")
+    assert (status, errors) == (0, "")
+    assert from_csv(output) == log.rows
+    (tmp_path / "rows.csv").write_bytes(output)
+    status, output, errors = call(tavro, tmp_path, "json", *sorted(path.name for path in tmp_path.glob(f"{BASE}*")))
+    assert (status, errors) == (0, "")
+    assert from_json(output) == log.rows
+    if shutil.which("mlr"):
+        miller = subprocess.run(["mlr", "--icsv", "--ojson", "-S", "cat", "rows.csv"], cwd=tmp_path, check=True,
+                                stdout=subprocess.PIPE).stdout
+        assert [{key: str(value) for key, value in row.items()} for row in json.loads(miller, parse_int=str)] == log.rows
+    with open(tmp_path / f"{BASE}.txt", "rb") as live:
+        text = live.read()
+        live.seek(0)
+        assert call(tavro, tmp_path, "text", "-", stdin=live) == (0, text, "")
+
+
+def test_damage_is_told_and_nothing_is_dropped(tavro, tmp_path):
+    log = Log(seed=2)
+    log.start()
+    log.raw("no line of a log")
+    log.line(message="a")
+    log.raw("\0\0\0 after a power cut")
+    log.line(message="of the killed process")
+    log.raw("2024-03-05 07:08:0")  # torn
+    log.start()
+    log.texts[-1] = log.texts[-1][1:]  # the first of the two line ends has ended the torn line
+    log.line(message="x" * 3_000_000)
+    log.line(message="last")
+    log.raw("2024-03-05 09:00:00.123,Inf", end="")
+    (tmp_path / "a.log.txt").write_text(log.whole(), "utf-8")
+    status, output, errors = call(tavro, tmp_path, "csv", "a.log.txt")
+    assert (status, errors) == (1, "")
+    assert [row["message"][:30] for row in from_csv(output)] == [row["message"][:30] for row in log.rows]
+    assert from_csv(output) == log.rows
+    assert call(tavro, tmp_path, "text", "a.log.txt") == (1, (log.whole() + "\n").encode(), "")
+    (tmp_path / "bytes.txt").write_bytes(b"2024-03-05 07:08:09,Info,1,NON,,f,\xff\xc3\xa9\x01\xed\xa0\x80")
+    status, output, errors = call(tavro, tmp_path, "json", "bytes.txt")
+    assert (status, from_json(output)[0]["message"]) == (0, "\ufffdé\x01\ufffd\ufffd\ufffd")
+    (tmp_path / "torn.txt.gz").write_bytes(gzip.compress(log.whole().encode())[:-20])
+    status, output, errors = call(tavro, tmp_path, "csv", "torn.txt.gz")
+    assert status == 1 and "torn.txt.gz: cannot be read to its end" in errors
+    assert from_csv(output)[:3] == log.rows[:3]
+
+
+def test_filters(tavro, tmp_path):
+    log = Log(seed=3)
+    for _ in range(3):
+        log.start()
+        log.many(120)
+    (tmp_path / "a.log.txt").write_text(log.whole(), "utf-8")
+    moment = next(row["time"] for row in log.rows[100:] if len(row["time"]) == 23)
+    hour = log.rows[200]["time"][:13]
+
+    for arguments, accepts in [
+        (["--since", hour], lambda row: row["time"][:13] >= hour),
+        (["--until", hour.replace(" ", "T")], lambda row: row["time"][:13] <= hour),
+        (["--since", moment + "000", "--until", moment],
+         lambda row: row["time"][:23] == moment or row["time"].ljust(23, "0") == moment),
+        (["--level", "error,WARN", "--level", "Debug"], lambda row: row["level"] in ("Error", "Warn", "Debug")),
+        (["--class", "Copier", "--method", "run"], lambda row: (row["class"], row["method"]) == ("Copier", "run")),
+        (["--class", "Copier", "--class", "Tweaks::Tweak"], lambda row: row["class"] in ("Copier", "Tweaks::Tweak")),
+        (["--thread", "reader 1", "--thread=-5"], lambda row: row["thread"] in ("4712/reader 1", "-5")),
+        (["--thread", "4712"], lambda row: row["thread"] == "4712/reader 1"),
+        (["--contains", "\\x=1"], lambda row: "\\x=1" in row["message"]),
+        (["--run", "2"], lambda row: row["run"] == "2"), (["--run", "-1"], lambda row: row["run"] == "3"),
+        (["--run", "-9"], lambda row: False),
+    ]:
+        status, output, errors = call(tavro, tmp_path, "csv", *arguments, "a.log.txt")
+        expected = [row for row in log.rows if accepts(row)]
+        assert (status, from_csv(output), errors) == (0, expected, ""), arguments
+        assert len(expected) < len(log.rows) and (expected or "-9" in arguments), arguments
+    for arguments, complaint in [(["--since", "2024-13"], "2024-13"), (["--until", "2024-03-05 7"], "2024-03-05 7"),
+                                 (["--level", "Errors"], "Assert, Fatal, Error, Warn, Info, Debug and Control"),
+                                 (["nowhere.txt"], "nowhere.txt: there is no such file"), (["--bad"], "--bad")]:
+        status, output, errors = call(tavro, tmp_path, "text", "a.log.txt", *arguments)
+        assert (status, output) == (2, b"") and complaint in errors, arguments
+
+
+def test_the_log_of_the_program_is_found_and_a_closed_pipe_is_no_failure(tavro, tmp_path):
+    if tavro.wine:
+        data, options = tavro.wine.prefix / "drive_c" / "ProgramData", {}
+    else:
+        data, options = tmp_path / "data", {"env": {"PROGRAMDATA": str(tmp_path / "data")}}
+    logs = data / "Tavro" / "logs"
+    shutil.rmtree(data / "Tavro", ignore_errors=True)
+    status, _, errors = call(tavro, tmp_path, "text", **options)
+    assert status == 2 and f"{BASE}.txt" in errors
+    assert not (data / "Tavro").exists()  # nothing is created
+    log = Log(seed=4)
+    log.start()
+    log.many(20_000)
+    logs.mkdir(parents=True)
+    try:
+        text = write_log(logs, log, "\n", log.random)
+        assert call(tavro, tmp_path, "text", **options) == (0, text, "")
+        with open(tmp_path / "errors", "wb") as errors:
+            process = (tavro.wine.start(tavro.path, tmp_path, arguments=["log", "text"], stdout=subprocess.PIPE, stderr=errors)
+                       if tavro.wine else subprocess.Popen([tavro.path, "log", "text"], cwd=tmp_path, stdout=subprocess.PIPE,
+                                                           stderr=errors, **options))
+        assert process.stdout.read(1000) == text[:1000]
+        process.stdout.close()
+        assert process.wait(DEADLINE_SEC) in (0, -13)  # SIGPIPE
+        assert (tmp_path / "errors").read_bytes() == b""
+    finally:
+        shutil.rmtree(data / "Tavro")
+
+
+def test_follow_over_rotations_loses_nothing_and_prints_nothing_twice(tavro, flushed_log, tmp_path):
+    folder = tmp_path / "logs"
+    folder.mkdir()
+    with open(tmp_path / "promises", "wb") as promises, open(tmp_path / "followed", "wb") as output:
+        writer = flushed_log.start(folder, promises)
+        follower = None
+        try:
+            wait_for((folder / "flushed.log.txt").exists, "the live file")
+            arguments = ["log", "text", "--follow", "."]
+            follower = (tavro.wine.start(tavro.path, folder, arguments=arguments, stdout=output) if tavro.wine
+                        else subprocess.Popen([tavro.path, *arguments], cwd=folder, stdout=output))
+            wait_for(lambda: (tmp_path / "followed").stat().st_size, "the first lines")
+            before = len(list(folder.glob("*[0-9].txt*")))
+            wait_for(lambda: len(list(folder.glob("*[0-9].txt*"))) >= before + 3, "rotations")
+            writer.kill()
+            writer.wait()
+            files = [*sorted(folder.glob("*[0-9].txt*")), folder / "flushed.log.txt"]
+            written = b"".join(path.read_bytes() for path in files)
+            whole = written[:written.rindex(b"\n") + 1]
+            wait_for(lambda: (tmp_path / "followed").stat().st_size >= len(whole), "the last lines")
+            with open(folder / "flushed.log.txt", "ab") as live:  # what is silent for a while goes on
+                live.write(b"" if written == whole else b"\n")
+                live.write(b"\n\n2024-03-05 07:08:09.042, -----------------Log Start----------------------\n")
+            expected = written + (b"" if written == whole else b"\n") + \
+                b"\n\n2024-03-05 07:08:09.042, -----------------Log Start----------------------\n"
+            wait_for(lambda: (tmp_path / "followed").stat().st_size >= len(expected), "one more line")
+            time.sleep(1)
+            assert (tmp_path / "followed").read_bytes() == expected
+        finally:
+            for process in filter(None, (writer, follower)):
+                process.kill()
+                process.wait()
+
+
+def seconds_between(earlier, later):
+    def parsed(text):
+        return datetime.fromisoformat(text[:19]) + timedelta(microseconds=int(text[20:].ljust(6, "0")[:6]))
+    return (parsed(later) - parsed(earlier)).total_seconds()
+
+
+def test_summary_counts_what_there_is(tavro, tmp_path):
+    log = Log(seed=5)
+    for run in range(4):
+        log.start()
+        log.many(100)
+        log.line(level="Error", cls="DlcKeepalive", method="checkLease", message=f"Copier, 2 is stuck for {12 + run} sec")
+        log.line(level="Assert" if run == 1 else "Error", message="Assertion (a > 0) failed datapath/x.cpp 7")
+        log.line(level="Error", message="Assertion that is none")
+    (tmp_path / "a.log.txt").write_text(log.whole(), "utf-8")
+    status, output, errors = call(tavro, tmp_path, "summary", "--json", "a.log.txt")
+    summary = json.loads(output)
+    lines = [row for row in log.rows if row["level"]]
+
+    def levels(rows):
+        counts = Counter(row["level"] for row in rows)
+        return {level: counts[level] for level in LEVELS}
+
+    of_runs = [[row for row in log.rows if row["run"] == str(run)] for run in range(1, 5)]
+    gaps = sorted((round(seconds_between(one["time"], other["time"]), 3) for rows in of_runs
+                   for one, other in zip(rows, rows[1:])), reverse=True)[:5]
+    failure = next(row for row in lines[::-1] if row["message"].startswith("Assertion ("))
+    assert (status, errors) == (0, "")
+    assert (summary["records"], summary["raw"]) == (len(log.rows), 0)
+    assert (summary["first"], summary["last"]) == (min(row["time"] for row in log.rows), max(row["time"] for row in log.rows))
+    assert summary["levels"] == levels(lines)
+    assert summary["runs"] == [{"run": number, "first": rows[0]["time"], "last": rows[-1]["time"], "records": len(rows),
+                                "levels": levels(rows)} for number, rows in enumerate(of_runs, 1)]
+    assert {entry["class"]: entry["lines"] for entry in summary["classes"]} == Counter(row["class"] for row in lines)
+    assert [round(gap["seconds"], 3) for gap in summary["gaps"]] == pytest.approx(gaps, abs=0.0011)
+    assert summary["memoryPauseCount"] == sum("pausing logger" in row["message"] for row in log.rows) > 0
+    assert summary["stuckThreads"] == [{"name": "Copier, 2", "lines": 4, "longestSeconds": 15,
+                                        "last": next(row["time"] for row in lines[::-1] if "stuck" in row["message"])}]
+    assert summary["lastFailure"] == {column: int(failure[column]) if column == "run" else failure[column]
+                                      for column in COLUMNS if column != "logger"}
+    text = call(tavro, tmp_path, "summary", "a.log.txt")[1].decode().replace("\r\n", "\n")
+    assert "runs: 4\n" in text and "Copier, 2: 4 lines, longest 15 s" in text and failure["time"] in text
