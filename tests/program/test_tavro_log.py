@@ -4,6 +4,7 @@ import csv
 import gzip
 import io
 import json
+import os
 import random
 import shutil
 import subprocess
@@ -14,7 +15,7 @@ from pathlib import Path
 
 import pytest
 
-from programs import DEADLINE_SEC, wait_for
+from programs import DEADLINE_SEC, FlushedLog, wait_for
 
 csv.field_size_limit(10_000_000)
 LEVELS = ["Assert", "Fatal", "Error", "Warn", "Info", "Debug", "Control"]
@@ -227,7 +228,8 @@ def test_the_log_of_the_program_is_found_and_a_closed_pipe_is_no_failure(tavro, 
         shutil.rmtree(data / "Tavro")
 
 
-def test_follow_over_rotations_loses_nothing_and_prints_nothing_twice(tavro, flushed_log, tmp_path):
+def test_follow_over_rotations_loses_nothing_and_prints_nothing_twice(tavro, tmp_path):
+    flushed_log = FlushedLog(tavro.path.parent, tavro.wine)
     folder = tmp_path / "logs"
     folder.mkdir()
     with open(tmp_path / "promises", "wb") as promises, open(tmp_path / "followed", "wb") as output:
@@ -303,3 +305,28 @@ def test_summary_counts_what_there_is(tavro, tmp_path):
                                       for column in COLUMNS if column != "logger"}
     text = call(tavro, tmp_path, "summary", "a.log.txt")[1].decode().replace("\r\n", "\n")
     assert "runs: 4\n" in text and "Copier, 2: 4 lines, longest 15 s" in text and failure["time"] in text
+
+
+@pytest.mark.skipif(not shutil.which("lnav"), reason="lnav is missing")
+def test_lnav_understands_the_log(tmp_path):
+    formats = tmp_path / "configuration" / "formats" / "tavro"
+    formats.mkdir(parents=True)
+    shutil.copy(Path(__file__).parents[2] / "tools" / "lnav" / "tavro_log.json", formats)
+    log = Log(seed=6)
+    for _ in range(2):
+        log.start()
+        for level in LEVELS:
+            log.line(level=level, message="one\nand two")
+        log.many(50)
+    (tmp_path / f"{BASE}000007.txt.gz").write_text(log.whole(), "utf-8")
+
+    def lnav(*arguments):
+        return subprocess.run(["lnav", "-I", formats.parents[1], *arguments], cwd=tmp_path, stdin=subprocess.DEVNULL,
+                              env=os.environ | {"HOME": str(tmp_path)}, check=True, timeout=DEADLINE_SEC,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout.decode()
+
+    assert lnav("-C") == ""
+    query = ";select log_level, thread, class, method from tavro_log where log_line > 1 and level != ''"
+    rows = list(csv.reader(io.StringIO(lnav("-n", "-c", query, "-c", ":write-csv-to -", f"{BASE}000007.txt.gz"))))[1:]
+    names = dict(zip(LEVELS, ["critical", "fatal", "error", "warning", "info", "debug", "notice"]))
+    assert rows == [[names[row["level"]], row["thread"], row["class"], row["method"]] for row in log.rows if row["level"]]

@@ -75,7 +75,7 @@ struct LogReader::Head
     std::size_t message = 0;
 };
 
-LogReader::LogReader() : m_buffer(FIRST_ROOM) {}
+LogReader::LogReader(std::size_t maxRecord) : m_maxRecord(maxRecord), m_buffer(FIRST_ROOM) {}
 
 LogReader::Head LogReader::parse(std::string_view line)
 {
@@ -358,11 +358,11 @@ bool LogReader::endPending(std::size_t end, LogRecord& record)
 /// Makes a record of what there is, if that is too long.
 bool LogReader::cut(LogRecord& record)
 {
-    if (m_pending && m_line - m_pending->begin > MAX_RECORD)
+    if (m_pending && m_line - m_pending->begin > m_maxRecord)
     {
         return endPending(m_line, record);
     }
-    if (m_end - m_line <= MAX_RECORD)
+    if (m_end - m_line <= m_maxRecord)
     {
         return false;
     }

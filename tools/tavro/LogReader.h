@@ -69,7 +69,8 @@ public:
     /// A longer record is cut. What follows are raw records.
     static constexpr std::size_t MAX_RECORD = std::size_t{8} << 20U;
 
-    LogReader();
+    /// maxRecord: the limit in place of MAX_RECORD.
+    explicit LogReader(std::size_t maxRecord = MAX_RECORD);
 
     /// Where the next bytes go; never empty. Every record must have been taken out before.
     [[nodiscard]] std::span<char> room();
@@ -129,6 +130,7 @@ private:
         return {m_buffer.data() + begin, end - begin};
     }
 
+    const std::size_t m_maxRecord;
     std::vector<char> m_buffer;
     std::size_t m_line = 0;     // the begin of the line that is looked at next
     std::size_t m_searched = 0; // there is no line end between m_line and this place

@@ -286,8 +286,10 @@ void LogSummary::writeRuns(std::ostream& out) const
         out << '\n';
     };
     row("run", "first", "last", LEVEL_NAMES);
-    std::for_each(m_runs.begin() + static_cast<std::ptrdiff_t>(left), m_runs.end(),
-                  [&](const Run& run) { row(std::to_string(run.run), run.first, run.last, run.levels); });
+    std::for_each(m_runs.begin() + static_cast<std::ptrdiff_t>(left), m_runs.end(), [&](const Run& run) {
+        row(std::to_string(run.run), run.first.substr(0, TIME_WIDTH - 1), run.last.substr(0, TIME_WIDTH - 1),
+            run.levels);
+    });
     row("all", "", "", totalLevels());
 }
 

@@ -45,7 +45,8 @@ std::uint64_t Tool::lengthOf(platform::FileHandle file)
 
 bool Tool::isPipeClosed(platform::ErrorNumber error)
 {
-    return toNumber(error) == ERROR_NO_DATA || toNumber(error) == ERROR_BROKEN_PIPE;
+    return toNumber(error) == ERROR_NO_DATA || toNumber(error) == ERROR_BROKEN_PIPE ||
+           toNumber(error) == ERROR_PIPE_NOT_CONNECTED;
 }
 
 bool Tool::enableColours()

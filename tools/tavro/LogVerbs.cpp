@@ -157,10 +157,17 @@ void addForm(CLI::App& log, LogForm form, const std::string& name, const std::st
     verb->callback([form, options, &exitCode] { exitCode = print(form, *options); });
 }
 
-int summarise(const std::vector<std::string>& names, bool isJson)
+int summarise(const Options& options, bool isJson)
 {
+    const std::vector<Tool::LogPath> files = Tool::logPathsOf(options.names);
+    const Tool::LogFilter filter = filterOf(options, files);
     Tool::LogSummary summary;
-    Tool::LogPump pump(Tool::logPathsOf(names), [&](const Tool::LogRecord& record) { summary.add(record); });
+    Tool::LogPump pump(files, [&](const Tool::LogRecord& record) {
+        if (filter.accepts(record))
+        {
+            summary.add(record);
+        }
+    });
     pump.run(Tool::isStandardErrorTerminal());
     isJson ? summary.writeJson(std::cout) : summary.writeText(std::cout);
     return pump.hasFound() ? Tool::FOUND : Tool::FINE;
@@ -168,16 +175,13 @@ int summarise(const std::vector<std::string>& names, bool isJson)
 
 void addSummary(CLI::App& log, int& exitCode)
 {
-    struct Choice
-    {
-        std::vector<std::string> names;
-        bool isJson = false;
-    };
-    const auto choice = std::make_shared<Choice>();
+    const auto options = std::make_shared<Options>();
+    const auto isJson = std::make_shared<bool>(false);
     CLI::App* const verb = log.add_subcommand("summary", "What is in the log: runs, levels, pauses, failures");
-    addFiles(*verb, choice->names);
-    verb->add_flag("--json", choice->isJson, "One object for programs");
-    verb->callback([choice, &exitCode] { exitCode = summarise(choice->names, choice->isJson); });
+    addFiles(*verb, options->names);
+    addFilters(*verb, *options);
+    verb->add_flag("--json", *isJson, "One object for programs");
+    verb->callback([options, isJson, &exitCode] { exitCode = summarise(*options, *isJson); });
 }
 
 } // namespace
