@@ -308,7 +308,7 @@ void LogReader::addBlank(std::size_t end)
 /// killed while it was written. If that line is the begin of a record, it becomes one of its own.
 bool LogReader::splitTornLine(LogRecord& record)
 {
-    Pending& pending = *m_pending;
+    PendingRecord& pending = *m_pending;
     if (pending.blankCount != 1 || pending.lastLine == pending.headLine || pending.kind != LogRecord::Kind::Line)
     {
         return false;
@@ -318,7 +318,7 @@ bool LogReader::splitTornLine(LogRecord& record)
     {
         return false;
     }
-    const Pending before = pending;
+    const PendingRecord before = pending;
     begin({.kind = LogRecord::Kind::Raw}, torn);
     m_pending->blanks = before.blanks;
     m_pending->blankCount = before.blankCount;
@@ -329,7 +329,7 @@ bool LogReader::splitTornLine(LogRecord& record)
 
 void LogReader::begin(const Head& head, std::size_t rawBegin)
 {
-    Pending& pending = m_pending.emplace();
+    PendingRecord& pending = m_pending.emplace();
     pending.kind = *head.kind;
     pending.begin = rawBegin;
     pending.headLine = pending.kind == LogRecord::Kind::Raw ? rawBegin : m_line;
@@ -337,15 +337,15 @@ void LogReader::begin(const Head& head, std::size_t rawBegin)
     pending.level = head.level;
     pending.message = pending.headLine + head.message;
     pending.blanks = pending.headLine;
-    std::ranges::transform(head.commas, pending.commas.begin(),
-                           [&](std::size_t comma) { return pending.headLine + comma; });
+    std::transform(head.commas.begin(), head.commas.end(), pending.commas.begin(),
+                   [&](std::size_t comma) { return pending.headLine + comma; });
 }
 
 /// Ends the record that is pending. Returns false if nothing of it is left: all of it were the empty lines before a
 /// start line.
 bool LogReader::endPending(std::size_t end, LogRecord& record)
 {
-    const Pending pending = *m_pending;
+    const PendingRecord pending = *m_pending;
     m_pending.reset();
     if (pending.begin == end)
     {
@@ -371,7 +371,7 @@ bool LogReader::cut(LogRecord& record)
         return endPending(m_line, record);
     }
     begin({.kind = LogRecord::Kind::Raw}, m_line);
-    const Pending pending = *m_pending;
+    const PendingRecord pending = *m_pending;
     m_pending.reset();
     m_line = m_end;
     m_isInsideLine = true;
@@ -380,7 +380,7 @@ bool LogReader::cut(LogRecord& record)
     return true;
 }
 
-void LogReader::makeRecord(const Pending& pending, std::size_t end, LogRecord& record)
+void LogReader::makeRecord(const PendingRecord& pending, std::size_t end, LogRecord& record)
 {
     using Kind = LogRecord::Kind;
     record = LogRecord{.kind = pending.kind, .raw = text(pending.begin, end), .level = pending.level};

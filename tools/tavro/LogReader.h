@@ -63,6 +63,22 @@ struct LogRecord
     bool isCut = false;         ///< the next record continues its last line, because the line is longer than MAX_RECORD
 };
 
+/// A record whose end is not known yet. All places are offsets in the buffer.
+struct PendingRecord
+{
+    LogRecord::Kind kind = LogRecord::Kind::Raw;
+    std::size_t begin = 0;    // of the raw bytes
+    std::size_t headLine = 0; // of the first line but for empty ones before it
+    std::array<std::size_t, 6> commas{};
+    std::size_t level = LogRecord::NO_LEVEL;
+    std::size_t message = 0;
+    std::size_t messageEnd = 0; // of a start line with a header; else 0
+    std::size_t lastLine = 0;   // the last line that is not empty
+    std::size_t blanks = 0;     // the begin of the empty lines at the end
+    std::size_t blankCount = 0;
+    std::size_t blankLength = 0; // bytes of one of them
+};
+
 class LogReader
 {
 public:
@@ -92,22 +108,6 @@ public:
     void beginLog() { m_isNewLog = true; }
 
 private:
-    /// A record whose end is not known yet. All places are offsets in the buffer.
-    struct Pending
-    {
-        LogRecord::Kind kind = LogRecord::Kind::Raw;
-        std::size_t begin = 0;    // of the raw bytes
-        std::size_t headLine = 0; // of the first line but for empty ones before it
-        std::array<std::size_t, 6> commas{};
-        std::size_t level = LogRecord::NO_LEVEL;
-        std::size_t message = 0;
-        std::size_t messageEnd = 0; // of a start line with a header; else 0
-        std::size_t lastLine = 0;   // the last line that is not empty
-        std::size_t blanks = 0;     // the begin of the empty lines at the end
-        std::size_t blankCount = 0;
-        std::size_t blankLength = 0; // bytes of one of them
-    };
-
     struct Head;
 
     [[nodiscard]] static Head parse(std::string_view line);
@@ -122,7 +122,7 @@ private:
     [[nodiscard]] bool cut(LogRecord& record);
     void begin(const Head& head, std::size_t rawBegin);
     void addBlank(std::size_t end);
-    void makeRecord(const Pending& pending, std::size_t end, LogRecord& record);
+    void makeRecord(const PendingRecord& pending, std::size_t end, LogRecord& record);
     void countRun(LogRecord& record);
     void compact();
     [[nodiscard]] std::string_view text(std::size_t begin, std::size_t end) const
@@ -135,7 +135,7 @@ private:
     std::size_t m_line = 0;     // the begin of the line that is looked at next
     std::size_t m_searched = 0; // there is no line end between m_line and this place
     std::size_t m_end = 0;      // of the bytes
-    std::optional<Pending> m_pending;
+    std::optional<PendingRecord> m_pending;
     bool m_isEnding = false;     // see endRecord
     bool m_isFileEnd = false;    // the last line ends where the bytes end
     bool m_isInsideLine = false; // m_line continues a line of which a part is out already

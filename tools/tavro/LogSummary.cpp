@@ -244,7 +244,7 @@ LogSummary::LevelCounts LogSummary::totalLevels() const
     LevelCounts total{};
     for (const Run& run : m_runs)
     {
-        std::ranges::transform(total, run.levels, total.begin(), std::plus());
+        std::transform(total.begin(), total.end(), run.levels.begin(), total.begin(), std::plus());
     }
     return total;
 }
