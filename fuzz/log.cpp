@@ -13,6 +13,9 @@ namespace
 
 using Tool::LogRecord;
 
+constexpr std::size_t MUCH_ROOM = 4096; // bytes
+constexpr std::size_t LITTLE_ROOM = 16;
+
 /// A record with texts of its own.
 struct Kept
 {
@@ -120,7 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
     Tool::LogOutput json(Tool::LogForm::Json, platform::FileHandle::Invalid);
     csv.begin();
     std::vector<Kept> records;
-    Tool::LogReader reader;
+    Tool::LogReader reader(Tool::LogReader::MAX_RECORD, MUCH_ROOM);
     read(log, reader, false, whole, [&](const LogRecord& record) {
         records.emplace_back(record);
         text.write(record);
@@ -129,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
     });
 
     std::vector<Kept> ofPieces;
-    Tool::LogReader pieceReader;
+    Tool::LogReader pieceReader(Tool::LogReader::MAX_RECORD, LITTLE_ROOM); // which it has to move and to enlarge
     read(log, pieceReader, false, random7, [&](const LogRecord& record) { ofPieces.emplace_back(record); });
     require(records == ofPieces, "the records depend on the pieces");
     const bool lacksEnd = !log.empty() && !log.ends_with('\n');
@@ -147,7 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
     {
         constexpr std::size_t SHORT = 64; // bytes; longer records are cut
         std::string raw;
-        Tool::LogReader cutting(SHORT);
+        Tool::LogReader cutting(SHORT, LITTLE_ROOM);
         read(log, cutting, isLive, random7, [&](const LogRecord& record) { raw += record.raw; });
         require(raw == log, "bytes are lost or doubled");
     }

@@ -75,7 +75,6 @@ bool isJsonNumber(std::string_view text)
 LogOutput::LogOutput(LogForm form, platform::FileHandle file, bool hasColours)
     : m_form(form), m_file(file), m_hasColours(hasColours)
 {
-    m_buffer.reserve(2 * BUFFER_SIZE);
 }
 
 void LogOutput::begin()

@@ -12,8 +12,6 @@ constexpr std::string_view NOTICE_END = "-pausing logger due to OOM";
 constexpr std::string_view TIME_FORM = "0000-00-00 00:00:00"; // a 0 stands for any digit
 constexpr std::size_t MAX_FRACTION_DIGITS = 9;
 constexpr std::size_t NONE = std::string_view::npos;
-constexpr std::size_t FIRST_ROOM = std::size_t{512} << 10U; // bytes; fits into the cache of a core
-constexpr std::size_t LEAST_ROOM = FIRST_ROOM / 2;
 
 bool isDigit(char character) { return character >= '0' && character <= '9'; }
 
@@ -75,7 +73,10 @@ struct LogReader::Head
     std::size_t message = 0;
 };
 
-LogReader::LogReader(std::size_t maxRecord) : m_maxRecord(maxRecord), m_buffer(FIRST_ROOM) {}
+LogReader::LogReader(std::size_t maxRecord, std::size_t firstRoom)
+    : m_maxRecord(maxRecord), m_leastRoom(firstRoom / 2), m_buffer(firstRoom)
+{
+}
 
 LogReader::Head LogReader::parse(std::string_view line)
 {
@@ -146,7 +147,7 @@ bool LogReader::isTornHead(std::string_view line)
 std::span<char> LogReader::room()
 {
     compact();
-    if (m_buffer.size() - m_end < LEAST_ROOM)
+    if (m_buffer.size() - m_end < m_leastRoom)
     {
         m_buffer.resize(m_buffer.size() * 2); // next() cuts what is longer than MAX_RECORD
     }

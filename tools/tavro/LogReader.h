@@ -85,8 +85,11 @@ public:
     /// A longer record is cut. What follows are raw records.
     static constexpr std::size_t MAX_RECORD = std::size_t{8} << 20U;
 
-    /// maxRecord: the limit in place of MAX_RECORD.
-    explicit LogReader(std::size_t maxRecord = MAX_RECORD);
+    /// The size of the buffer at first, in bytes; it fits into the cache of a core.
+    static constexpr std::size_t FIRST_ROOM = std::size_t{512} << 10U;
+
+    /// Tests have smaller limits.
+    explicit LogReader(std::size_t maxRecord = MAX_RECORD, std::size_t firstRoom = FIRST_ROOM);
 
     /// Where the next bytes go; never empty. Every record must have been taken out before.
     [[nodiscard]] std::span<char> room();
@@ -131,6 +134,7 @@ private:
     }
 
     const std::size_t m_maxRecord;
+    const std::size_t m_leastRoom;
     std::vector<char> m_buffer;
     std::size_t m_line = 0;     // the begin of the line that is looked at next
     std::size_t m_searched = 0; // there is no line end between m_line and this place
