@@ -114,10 +114,11 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
     {
         return 0;
     }
-    std::minstd_rand random(static_cast<unsigned char>(*data));
+    const auto longest = std::size_t{1} + static_cast<unsigned char>(*data); // of the pieces
+    std::minstd_rand random(static_cast<unsigned>(longest));
     const std::string_view log(data + 1, size - 1);
     const auto whole = [&] { return log.size(); };
-    const auto random7 = [&] { return std::size_t{1 + random() % 7}; };
+    const auto randomSize = [&] { return 1 + random() % longest; };
     Tool::LogOutput text(Tool::LogForm::Text, platform::FileHandle::Invalid);
     Tool::LogOutput csv(Tool::LogForm::Csv, platform::FileHandle::Invalid);
     Tool::LogOutput json(Tool::LogForm::Json, platform::FileHandle::Invalid);
@@ -133,7 +134,7 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
 
     std::vector<Kept> ofPieces;
     Tool::LogReader pieceReader(Tool::LogReader::MAX_RECORD, LITTLE_ROOM); // which it has to move and to enlarge
-    read(log, pieceReader, false, random7, [&](const LogRecord& record) { ofPieces.emplace_back(record); });
+    read(log, pieceReader, false, randomSize, [&](const LogRecord& record) { ofPieces.emplace_back(record); });
     require(records == ofPieces, "the records depend on the pieces");
     const bool lacksEnd = !log.empty() && !log.ends_with('\n');
     require(text.waiting() == std::string(log) + (lacksEnd ? "\n" : ""), "the text is not the log");
@@ -151,7 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size)
         constexpr std::size_t SHORT = 64; // bytes; longer records are cut
         std::string raw;
         Tool::LogReader cutting(SHORT, LITTLE_ROOM);
-        read(log, cutting, isLive, random7, [&](const LogRecord& record) { raw += record.raw; });
+        read(log, cutting, isLive, randomSize, [&](const LogRecord& record) { raw += record.raw; });
         require(raw == log, "bytes are lost or doubled");
     }
     return 0;
