@@ -149,7 +149,7 @@ LogPath logPath(const std::string& path)
     {
         return {.path = path, .base = path};
     }
-    const auto firstDigit = std::find_if_not(name.rbegin(), name.rend(), isDigit).base();
+    const auto* const firstDigit = std::find_if_not(name.rbegin(), name.rend(), isDigit).base();
     const std::string_view digits(firstDigit, name.end());
     std::uint64_t number = 0;
     const bool isNumbered = digits.size() >= LEAST_DIGITS &&

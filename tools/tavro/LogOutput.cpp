@@ -218,7 +218,7 @@ void LogOutput::appendJson(std::string_view text)
             text.remove_prefix(1);
             continue;
         }
-        const auto end = std::ranges::find_if(
+        const auto* const end = std::ranges::find_if(
             text, [](char character) { return !isSpecial(character) || character == '"' || character == '\\'; });
         const auto length = static_cast<std::size_t>(end - text.begin());
         const std::string quoted = jsonText(text.substr(0, length));

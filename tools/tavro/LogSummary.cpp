@@ -46,12 +46,12 @@ std::optional<std::int64_t> microsecondsOf(std::string_view time)
     {
         return std::nullopt;
     }
-    const std::int64_t seconds = duration_cast<std::chrono::seconds>(sys_days(date).time_since_epoch()).count() +
-                                 numberAt<int>(time, 11, 2) * 3600 + numberAt<int>(time, 14, 2) * 60 +
-                                 numberAt<int>(time, 17, 2);
+    const auto sinceMidnight =
+        hours(numberAt<int>(time, 11, 2)) + minutes(numberAt<int>(time, 14, 2)) + seconds(numberAt<int>(time, 17, 2));
+    const std::int64_t sinceBegin = seconds(sys_days(date).time_since_epoch() + sinceMidnight).count();
     std::string fraction(time.substr(std::min<std::size_t>(time.size(), 20), 6));
     fraction.resize(6, '0');
-    return seconds * MICROSECONDS + numberAt<std::int64_t>(fraction, 0, 6);
+    return sinceBegin * MICROSECONDS + numberAt<std::int64_t>(fraction, 0, 6);
 }
 
 std::string secondsText(std::int64_t microseconds)

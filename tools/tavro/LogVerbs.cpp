@@ -72,7 +72,7 @@ Tool::LogFilter filterOf(const Options& options, const std::vector<Tool::LogPath
     }
     else if (options.run < 0)
     {
-        const std::uint64_t back = static_cast<std::uint64_t>(-(options.run + 1));
+        const auto back = static_cast<std::uint64_t>(-(options.run + 1));
         const std::uint64_t runs = countRuns(files);
         filter.setRun(back < runs ? runs - back : 0); // no record is of run 0
     }
