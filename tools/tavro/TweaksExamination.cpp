@@ -10,6 +10,7 @@
 #include "platform/Files.h"
 #include "platform/Text.h"
 #include "tools/tavro/CaughtEnd.h"
+#include "tools/tavro/TweaksPair.h"
 
 #include <algorithm>
 #include <array>
@@ -122,6 +123,7 @@ class Examiner
 public:
     /// Reads the text at a path; kind and name are those of the file of tweaks that it belongs to.
     void examineText(const std::string& path, TweakFileKind kind, const std::string& name);
+    void examineTextToSign(const std::string& path);
     void examineExtension(const Tweaks::File& file);
     void examineConsistent(const Tweaks::File& file);
     void examineUnreadFiles();
@@ -129,7 +131,6 @@ public:
     void compareWithProgram();
 
     [[nodiscard]] Examination take();
-    [[nodiscard]] std::vector<Finding> takeFindings() { return std::move(m_findings); }
 
 private:
     struct Line
@@ -148,6 +149,7 @@ private:
     [[nodiscard]] std::vector<Line> readLines(const std::string& path, TweakFileKind kind);
     void readLine(std::string_view text, TweakFileKind kind, const FilePlace& place, std::vector<Line>& lines);
     void examineEncoding(const std::string& path);
+    void examineBytesOfAllTargets(const std::string& path);
     [[nodiscard]] static std::vector<bool> areRepeated(const std::vector<Line>& lines);
     void apply(const Line& line, const FilePlace& place, const std::string& name);
     void examineName(const std::string& name, const FilePlace& place);
@@ -181,6 +183,32 @@ void Examiner::examineEncoding(const std::string& path)
         const auto line = static_cast<std::uint32_t>(std::count(bytes.begin(), end, '\n')) + 1;
         addError({path, line}, "a byte 0x1A (Ctrl-Z) ends the file for the program: what follows is ignored");
     }
+}
+
+/// Bytes that mean something else on another target, or that no editor shows.
+void Examiner::examineBytesOfAllTargets(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::uint32_t number = 0;
+    for (std::string line; std::getline(file, line);)
+    {
+        ++number;
+        if (line.find('\x1A') != std::string::npos && !platform::endsText('\x1A'))
+        {
+            addError({path, number}, "the line has a byte 0x1A (Ctrl-Z), which ends the text on Windows");
+        }
+        if (line.find('\0') != std::string::npos)
+        {
+            addError({path, number}, "the line has a zero byte");
+        }
+    }
+}
+
+void Examiner::examineTextToSign(const std::string& path)
+{
+    examineBytesOfAllTargets(path);
+    examineText(path, TweakFileKind::Consistent, path);
+    examineValuesInEffect();
 }
 
 std::vector<Examiner::Line> Examiner::readLines(const std::string& path, TweakFileKind kind)
@@ -344,14 +372,22 @@ void Examiner::examineConsistent(const Tweaks::File& file)
     {
         addWarning({path}, "the program does not read this file, but signed copies of it: tavro tweaks sign");
     }
-    ConsistentFile pair(file.path);
-    std::stringstream text;
-    if (pair.load(text) != RC_OK || text.str().empty())
+    for (const BrokenCopy& copy : brokenCopies())
     {
-        return; // compareWithProgram tells if that ends the program
+        addWarning({copy.file}, copy.text);
     }
-    const std::int32_t latest = 1 - pair.nextSlot();
-    examineText(path + "." + std::to_string(latest), file.kind, file.path);
+    const ConsistentFile pair(path);
+    const ConsistentFile::Look look = pair.look();
+    if (look.status == RC_ERROR)
+    {
+        addError({path}, "the consistent file has no valid copy, the next one would be number " +
+                             std::to_string(look.nextSequence) + " in " + pair.dataFileName(look.nextSlot) + "; " +
+                             endOf([] { const ProgramTable table; }).value_or(End()).text());
+    }
+    if (look.status == RC_OK)
+    {
+        examineText(pair.dataFileName(look.latestSlot), file.kind, file.path);
+    }
 }
 
 /// Files that look as if the program read them.
@@ -461,9 +497,7 @@ void Examiner::examineLogOfProgram()
 void Examiner::compareWithProgram()
 {
     const std::optional<End> end = endOf([] { const ProgramTable table; });
-    const bool isReported =
-        std::ranges::any_of(m_findings, [](const Finding& finding) { return finding.severity == Severity::Error; });
-    if (end && !isReported)
+    if (end && !hasErrors(m_findings))
     {
         addError({Tweaks::files()[0].path}, end->text());
     }
@@ -508,11 +542,16 @@ Tool::Examination Tool::examineTweaks()
     return examiner.take();
 }
 
-std::vector<Tool::Finding> Tool::examineTweakText(const std::string& path, TweakFileKind kind)
+std::vector<Tool::Finding> Tool::examineTextToSign(const std::string& path)
 {
     Examiner examiner;
-    examiner.examineText(path, kind, path);
-    return examiner.takeFindings();
+    examiner.examineTextToSign(path);
+    return examiner.take().findings;
+}
+
+bool Tool::hasErrors(const std::vector<Finding>& findings)
+{
+    return std::ranges::any_of(findings, [](const Finding& finding) { return finding.severity == Severity::Error; });
 }
 
 std::string Tool::nearestTweak(const std::string& name)

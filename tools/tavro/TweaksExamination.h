@@ -60,8 +60,10 @@ struct Examination
 
 [[nodiscard]] Examination examineTweaks();
 
-/// What is wrong with one text of the given kind, as it stands: the text need not be in its place.
-[[nodiscard]] std::vector<Finding> examineTweakText(const std::string& path, TweakFileKind kind);
+/// What is wrong with a text that is to become the consistent file, on whatever target.
+[[nodiscard]] std::vector<Finding> examineTextToSign(const std::string& path);
+
+[[nodiscard]] bool hasErrors(const std::vector<Finding>& findings);
 
 /// The name of a known tweak that differs least from this one, if it differs little; otherwise an empty text.
 [[nodiscard]] std::string nearestTweak(const std::string& name);

@@ -7,6 +7,7 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace Tool
 {
@@ -18,6 +19,14 @@ namespace Tool
 /// Writes what is found about each copy, which of them the program reads, and where the next copy goes. Returns whether
 /// a copy is broken or the program would not start. A pair that does not exist is in order.
 bool writePairState(std::ostream& out, bool isJson);
+
+/// A copy that the program does not read as it stands.
+struct BrokenCopy
+{
+    std::string file; ///< of its data
+    std::string text; ///< what is wrong with it
+};
+[[nodiscard]] std::vector<BrokenCopy> brokenCopies();
 
 /// What is to be signed, and where.
 struct Signing

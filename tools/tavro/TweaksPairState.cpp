@@ -5,6 +5,7 @@
 #include "tools/tavro/Command.h"
 #include "tools/tavro/TweaksPair.h"
 
+#include <sstream>
 #include <string_view>
 #include <vector>
 
@@ -56,7 +57,14 @@ public:
 
     void write(std::ostream& out) const
     {
-        out << "copy " << m_slot << ": " << nameOf(m_copy.state) << (isMissing() ? "" : m_unopened);
+        out << "copy " << m_slot << ": ";
+        writeState(out);
+        out << (m_isRead ? "; the program reads this copy\n" : "\n");
+    }
+
+    void writeState(std::ostream& out) const
+    {
+        out << nameOf(m_copy.state) << (isMissing() ? "" : m_unopened);
         if (m_copy.hasData && m_copy.hasSignature)
         {
             out << ", number " << m_copy.sequence << ", CRC " << m_copy.statedCrc << " expected, " << m_copy.dataCrc
@@ -74,7 +82,6 @@ public:
         {
             out << "; numbers begin with 1";
         }
-        out << (m_isRead ? "; the program reads this copy\n" : "\n");
     }
 
     void writeJson(std::ostream& out) const
@@ -149,6 +156,25 @@ std::string Tool::pairFolder()
 {
     const std::string path = pairPath();
     return path.substr(0, path.find(platform::PATH_SEPARATOR));
+}
+
+std::vector<Tool::BrokenCopy> Tool::brokenCopies()
+{
+    const ConsistentFile file(pairPath());
+    const ConsistentFile::Look look = file.look();
+    std::vector<BrokenCopy> broken;
+    for (std::int32_t slot = 0; slot < ConsistentFile::SLOT_COUNT; ++slot)
+    {
+        const CopyReport report(file, look, slot);
+        if (report.isBroken())
+        {
+            std::ostringstream text;
+            text << "this copy is ";
+            report.writeState(text);
+            broken.push_back({file.dataFileName(slot), text.str()});
+        }
+    }
+    return broken;
 }
 
 bool Tool::writePairState(std::ostream& out, bool isJson)

@@ -4,8 +4,8 @@
 #include "platform/Text.h"
 #include "platform/Threads.h"
 #include "tools/tavro/Command.h"
-#include "tools/tavro/StrictText.h"
 #include "tools/tavro/TweaksPair.h"
+#include "tools/tavro/TweaksReport.h"
 
 #include <array>
 #include <filesystem>
@@ -127,6 +127,25 @@ void writeNewFile(const std::string& path, std::string_view bytes)
         discardFile(path);
     }
     require(error, path);
+}
+
+/// The lines of a file without their ends. Carriage returns before an end, and at the end of a last line without a line
+/// feed, are left out: they have no meaning, and a reader would drop one of them.
+std::vector<std::string> linesOf(std::string_view bytes)
+{
+    std::vector<std::string> lines;
+    while (!bytes.empty())
+    {
+        const std::size_t end = std::min(bytes.find('\n'), bytes.size());
+        std::string_view line = bytes.substr(0, end);
+        while (line.ends_with('\r'))
+        {
+            line.remove_suffix(1);
+        }
+        lines.emplace_back(line);
+        bytes.remove_prefix(std::min(end + 1, bytes.size()));
+    }
+    return lines;
 }
 
 /// A copy that is to be written: where it goes and what it consists of.
@@ -282,23 +301,11 @@ void requireReadable(const NewCopy& copy)
     }
 }
 
-void writeProblems(std::ostream& out, const Tool::Signing& signing, const std::vector<Tool::TextProblem>& problems)
+void writeRefusal(std::ostream& out, const Tool::Signing& signing, const std::vector<Tool::Finding>& findings)
 {
-    const char* separator = R"({"written":null,"errors":[)";
-    for (const Tool::TextProblem& problem : problems)
-    {
-        if (signing.isJson)
-        {
-            out << separator << R"({"file":)" << Tool::jsonText(signing.file) << R"(,"line":)" << problem.line
-                << R"(,"text":)" << Tool::jsonText(problem.text) << "}";
-            separator = ",\n ";
-        }
-        else
-        {
-            out << signing.file << ":" << problem.line << ": error: " << problem.text << '\n';
-        }
-    }
-    out << (signing.isJson ? "]}\n" : "");
+    out << (signing.isJson ? R"({"written":null,"errors":)" : "");
+    Tool::writeFindings(out, findings, {.folder = {}, .hasOnlyErrors = true, .isJson = signing.isJson});
+    out << (signing.isJson ? "}\n" : "");
 }
 
 void writeResult(std::ostream& out, const Tool::Signing& signing, const NewCopy& copy)
@@ -319,9 +326,9 @@ void writeResult(std::ostream& out, const Tool::Signing& signing, const NewCopy&
 int Tool::signPair(std::ostream& out, const Signing& signing)
 {
     const std::vector<std::string> lines = linesOf(readAll(signing.file));
-    if (const std::vector<TextProblem> problems = checkStrictText(lines); !problems.empty())
+    if (const std::vector<Finding> findings = examineTextToSign(signing.file); hasErrors(findings))
     {
-        writeProblems(out, signing, problems);
+        writeRefusal(out, signing, findings);
         return FOUND;
     }
     enterFolder(signing.folder);

@@ -62,8 +62,7 @@ int showSettings(const Tool::SettingsForm& form)
         std::cerr << "the tweak \"" << name << "\" is neither known nor set"
                   << (nearest.empty() ? "" : "; \"" + nearest + "\" is the nearest known one") << '\n';
     }
-    const bool hasErrors = std::ranges::any_of(
-        examination.findings, [](const Tool::Finding& finding) { return finding.severity == Tool::Severity::Error; });
+    const bool hasErrors = Tool::hasErrors(examination.findings);
     if (hasErrors)
     {
         std::cerr << "the files have errors: tavro tweaks check shows them\n";
