@@ -26,6 +26,9 @@ struct Misuse : std::runtime_error
 /// Makes the folder the working folder, as it is that of the program when it starts. Throws Misuse if it cannot.
 void enterFolder(const std::string& folder);
 
+/// Whatever the locale is.
+[[nodiscard]] constexpr bool isDigit(char character) { return character >= '0' && character <= '9'; }
+
 /// A JSON string with its quotes. Bytes that are not UTF-8 become U+FFFD.
 [[nodiscard]] std::string jsonText(std::string_view text);
 

@@ -22,8 +22,6 @@ constexpr std::string_view PROGRAM_LOG = "TavroVssAgentGUI.exe.log";
 constexpr std::string_view LOG_END = ".log"; // of the base of every log that is looked for in a folder
 constexpr std::size_t LEAST_DIGITS = 6;
 
-bool isDigit(char character) { return character >= '0' && character <= '9'; }
-
 bool removeEnd(std::string_view& text, std::string_view end)
 {
     if (!text.ends_with(end))

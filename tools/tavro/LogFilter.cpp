@@ -27,8 +27,6 @@ constexpr std::size_t POINT = 19;
 constexpr std::array TIME_PARTS = {TimePart{0, 4, 0, 9999}, TimePart{5, 2, 1, 12},  TimePart{8, 2, 1, 31},
                                    TimePart{11, 2, 0, 23},  TimePart{14, 2, 0, 59}, TimePart{17, 2, 0, 60}};
 
-bool isDigit(char character) { return character >= '0' && character <= '9'; }
-
 bool hasForm(std::string_view text)
 {
     return text.size() <= TIME_FORM.size() &&

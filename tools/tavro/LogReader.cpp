@@ -1,5 +1,7 @@
 #include "tools/tavro/LogReader.h"
 
+#include "tools/tavro/Command.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -12,8 +14,6 @@ constexpr std::string_view NOTICE_END = "-pausing logger due to OOM";
 constexpr std::string_view TIME_FORM = "0000-00-00 00:00:00"; // a 0 stands for any digit
 constexpr std::size_t MAX_FRACTION_DIGITS = 9;
 constexpr std::size_t NONE = std::string_view::npos;
-
-bool isDigit(char character) { return character >= '0' && character <= '9'; }
 
 /// How many characters have the form of a time: those of TIME_FORM, a point and at most nine digits.
 std::size_t timePrefixLength(std::string_view text)
