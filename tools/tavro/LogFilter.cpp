@@ -13,6 +13,8 @@ namespace Tool
 namespace
 {
 
+using Tool::isDigit;
+
 /// One number of a time: its place in the text, its length and its limits.
 struct TimePart
 {

@@ -8,6 +8,8 @@
 namespace
 {
 
+using Tool::isDigit;
+
 constexpr std::string_view START_TEXT = " -----------------Log Start----------------------";
 constexpr std::string_view HEADER = "time,level,thread,logger,method,message,exception";
 constexpr std::string_view NOTICE_END = "-pausing logger due to OOM";
