@@ -1,9 +1,28 @@
 #include "datapath/common/infra/HeapBlocks.h"
 
+#include "platform/Spin.h"
+
 #include <utility>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TAVRO_HAS_SANITIZER 1
+#elif defined(__has_feature) // clang's way to tell
+#define TAVRO_HAS_SANITIZER (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
+#else
+#define TAVRO_HAS_SANITIZER 0
+#endif
+
+namespace
+{
+
+constexpr bool HAS_SANITIZER = TAVRO_HAS_SANITIZER;
+
+} // namespace
 
 namespace HeapBlocks
 {
+
+const bool areRecycled = !HAS_SANITIZER && !platform::RUNS_ONE_THREAD_AT_A_TIME;
 
 constinit Depots depots{};
 

@@ -14,7 +14,6 @@
 // Source of the idea: Bonwick and Adams, "Magazines and Vmem", USENIX 2001.
 
 #include "datapath/common/infra/Mutex.h"
-#include "platform/Spin.h"
 
 #include <array>
 #include <atomic>
@@ -24,18 +23,19 @@
 namespace HeapBlocks
 {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool ARE_RECYCLED = false;
-#else
-inline constexpr bool ARE_RECYCLED = !platform::RUNS_ONE_THREAD_AT_A_TIME;
-#endif
+/// Whether released blocks go round. The library decides, and not each file that includes this header: they might be
+/// compiled with different sanitizers.
+extern const bool areRecycled;
 
 inline constexpr std::size_t NUM_KINDS = 4; // sizes that are recycled
 inline constexpr std::size_t STEP = 64;     // bytes from one of them to the next: a cache line
 inline constexpr std::size_t OVERHEAD = 8;  // bytes that the heap keeps with each block; they share its cache lines
 inline constexpr std::size_t MAX_BYTES = NUM_KINDS * STEP - OVERHEAD;
 
+/// The kind of a block for that many bytes.
 [[nodiscard]] constexpr std::size_t kindOf(std::size_t bytes) { return (bytes + OVERHEAD - 1) / STEP; }
+
+/// What a block of the same kind holds, in bytes.
 [[nodiscard]] constexpr std::size_t capacityOf(std::size_t bytes) { return (kindOf(bytes) + 1) * STEP - OVERHEAD; }
 
 /// Blocks of one kind. Not for several threads at once.

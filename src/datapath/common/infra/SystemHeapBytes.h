@@ -69,9 +69,9 @@ public:
 private:
     using Share = SystemHeapBytesInternal::Share;
 
-    static constexpr bool isRecycled(std::size_t bytes)
+    static bool isRecycled(std::size_t bytes) noexcept
     {
-        return HeapBlocks::ARE_RECYCLED && bytes <= HeapBlocks::MAX_BYTES;
+        return bytes <= HeapBlocks::MAX_BYTES && HeapBlocks::areRecycled;
     }
     static bool ownsShare() noexcept { return s_share != nullptr && s_share != &s_commonShare; }
 

@@ -122,7 +122,7 @@ TEST(HeapBlocksTest, WhatOneThreadReleasesAnotherUses)
     }).join();
     const auto isReused = [&](Bytes* object) { return std::ranges::find(released, object) != released.end(); };
     const auto numReused = static_cast<std::size_t>(std::ranges::count_if(objects, isReused));
-    EXPECT_TRUE(numReused >= BLOCKS_OF_MAGAZINE || !ARE_RECYCLED) << numReused;
+    EXPECT_TRUE(numReused >= BLOCKS_OF_MAGAZINE || !areRecycled) << numReused;
     for (Bytes* const object : objects)
     {
         std::memset(object, 1, sizeof(Bytes));
