@@ -1,6 +1,9 @@
 #include "tools/tavro/Command.h"
 
+#include "tools/tavro/LogSystem.h"
+
 #include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -107,3 +110,9 @@ std::string Tool::jsonText(std::string_view text)
 bool Tool::isStandardOutputTerminal() { return isatty(STDOUT_FILENO) != 0; }
 
 bool Tool::isStandardErrorTerminal() { return isatty(STDERR_FILENO) != 0; }
+
+bool Tool::hasColours()
+{
+    const char* const noColour = std::getenv("NO_COLOR");
+    return (noColour == nullptr || *noColour == '\0') && isStandardOutputTerminal() && enableColours();
+}

@@ -36,4 +36,7 @@ void enterFolder(const std::string& folder);
 [[nodiscard]] bool isStandardOutputTerminal();
 [[nodiscard]] bool isStandardErrorTerminal();
 
+/// Whether standard output is to have colours: on a terminal that shows them, unless the environment's NO_COLOR is set.
+[[nodiscard]] bool hasColours();
+
 } // namespace Tool

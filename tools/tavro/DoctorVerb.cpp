@@ -2,7 +2,6 @@
 #include "tools/tavro/Doctor.h"
 #include "tools/tavro/Verbs.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -24,7 +23,6 @@ void Tool::addDoctorVerb(CLI::App& app, int& exitCode)
         const std::string program =
             options->program.empty() ? programBesideTool() : std::filesystem::absolute(options->program).string();
         enterFolder(options->folder);
-        const bool isColoured = isStandardOutputTerminal() && std::getenv("NO_COLOR") == nullptr;
-        exitCode = writeDiagnoses(std::cout, diagnose(program), options->isJson, isColoured) ? FOUND : FINE;
+        exitCode = writeDiagnoses(std::cout, diagnose(program), options->isJson, hasColours()) ? FOUND : FINE;
     });
 }

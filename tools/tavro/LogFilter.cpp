@@ -13,8 +13,6 @@ namespace Tool
 namespace
 {
 
-using Tool::isDigit;
-
 /// One number of a time: its place in the text, its length and its limits.
 struct TimePart
 {

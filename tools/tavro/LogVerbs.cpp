@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -99,9 +98,7 @@ int print(LogForm form, const Options& options)
     const std::vector<Tool::LogPath> files = Tool::logPathsOf(options.names);
     const Tool::LogFilter filter = filterOf(options, files);
     const bool isTerminal = Tool::isStandardOutputTerminal();
-    const char* const noColour = std::getenv("NO_COLOR");
-    const bool isColourWanted = isTerminal && (noColour == nullptr || *noColour == '\0');
-    Tool::LogOutput output(form, Tool::standardOutput(), isColourWanted && Tool::enableColours());
+    Tool::LogOutput output(form, Tool::standardOutput(), Tool::hasColours());
     Tool::LogPump pump(files, [&](const Tool::LogRecord& record) {
         if (filter.accepts(record))
         {
@@ -189,7 +186,7 @@ void addSummary(CLI::App& log, int& exitCode)
 void Tool::addLogVerbs(CLI::App& app, int& exitCode)
 {
     CLI::App* const log = app.add_subcommand("log", "The log: its records, for people and for programs");
-    log->require_subcommand(1);
+    expectVerb(*log);
     addForm(*log, LogForm::Csv, "csv", "The records as CSV, one row each", exitCode);
     addForm(*log, LogForm::Json, "json", "The records as JSON Lines, one object each", exitCode);
     addForm(*log, LogForm::Text, "text", "The records as they stand in the log", exitCode);
