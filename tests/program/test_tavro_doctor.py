@@ -45,7 +45,8 @@ def doctor(program, tavro_beside, monkeypatch):
 
 def test_what_is_foretold_happens(program, doctor):
     results = doctor()
-    assert told(results, "fault") == []
+    # Wine shows a folder of all users, whose sticky bit protects what is in it, as one that everybody may change.
+    assert [text for text in told(results, "fault") if "who may write Z:\\tmp:" not in text] == []
     command = next(text.split("NAME: ")[1] for text in told(results, "ok") if "command line" in text)
     program.submit("night ly")
     program.agent_record()  # waits until the agent has gone
@@ -76,12 +77,16 @@ def block_log(program):
     (lambda p: p.settings.write_bytes(b"\xef\xbb\xbf" + GOOD), ["settings: ", "byte order mark"]),
     (lambda p: p.settings.write_bytes(b"\xff\xfe" + GOOD.decode().encode("utf-16-le")), ["settings: ", "UTF-16"]),
     (lambda p: p.settings.write_bytes("h\u00f6st 1 b 2".encode()), ["settings: ", "outside of ASCII"]),
+    (lambda p: p.settings.write_bytes(b"a 1 b 2\0x"), ["settings: ", "zero byte"]),
+    (lambda p: p.settings.chmod(0o666), ["settings: ", "may be written by everyone"]),
+    (lambda p: p.agent.write_bytes(b"garbage"), ["agent: ", "is no program"]),
     (hide_agent, ["agent: TavroVssAgent.exe is nowhere"]),
     (move_agent, ["agent: ", "in the working folder is started elevated"]),
     (lambda p: p.folder.chmod(0o777), ["program: ", "may be written by everyone", "folder: ", "agent: "]),
     (lambda p: put(p.folder, {EXTENSION: b't_qlogMaxFiles = "x"'}), [f"tweaks: {EXTENSION}:1: ", "the program ends: "]),
     (block_log, ["log: ", "is a file, where a folder is needed"]),
-], ids=["no settings", "three words", "BOM", "UTF-16", "umlaut", "no agent", "agent in working folder", "open folder",
+], ids=["no settings", "three words", "BOM", "UTF-16", "umlaut", "zero byte", "open settings", "no program",
+        "no agent", "agent in working folder", "open folder",
         "tweak", "log"])
 def test_each_fault_is_found(program, doctor, spoil, parts):
     spoil(program)

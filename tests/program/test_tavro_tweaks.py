@@ -90,6 +90,8 @@ def generated_folders(tavro, folder):
                 lines.insert(choose.randrange(len(lines) + 1), choose.choice(ending))
             files[name] = "\n".join(lines).encode() + choose.choice([b"", b"\n", b"\r\n"])
         yield files, is_dropped
+    yield slot(0, 4) | slot(1, 5, crc=7), True  # the newer text is dropped
+    yield slot(0, 4) | slot(1, 3, crc=7), False
     copies = [{}, slot(0, 1), slot(0, 1, crc=7), slot(0, 1, b"t_x\n"), slot(0, 1, b"t_x = 1\nt_x = 2\n"), {f"{CONSISTENT}.0": b""},
               slot(0, 1, b't_FileLoggerEnabled = "x"\n'), slot(0, 1, b"")]
     for first, second in itertools.product(copies, repeat=2):

@@ -82,6 +82,25 @@ void Tool::enterFolder(const std::string& folder)
     }
 }
 
+std::string Tool::visibleText(std::string_view text)
+{
+    constexpr std::string_view HEX = "0123456789abcdef";
+    std::string visible;
+    for (const char character : text)
+    {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte >= ' ' && byte != 0x7F)
+        {
+            visible += character;
+            continue;
+        }
+        visible += "\\x";
+        visible += HEX[byte / 16U];
+        visible += HEX[byte % 16U];
+    }
+    return visible;
+}
+
 std::string Tool::jsonText(std::string_view text)
 {
     std::string json = "\"";

@@ -29,6 +29,9 @@ void enterFolder(const std::string& folder);
 /// Whatever the locale is.
 [[nodiscard]] constexpr bool isDigit(char character) { return character >= '0' && character <= '9'; }
 
+/// The text with "\xNN" for each control character, so that no file can change what a terminal shows.
+[[nodiscard]] std::string visibleText(std::string_view text);
+
 /// A JSON string with its quotes. Bytes that are not UTF-8 become U+FFFD.
 [[nodiscard]] std::string jsonText(std::string_view text);
 

@@ -17,11 +17,15 @@
 #include <iterator>
 #include <system_error>
 
+#include <unistd.h>
+
 namespace
 {
 
 using namespace Tool;
 namespace fs = std::filesystem;
+
+constexpr bool IS_WINDOWS = platform::PATH_SEPARATOR == '\\';
 
 #ifdef _WIN32
 constexpr const char* PROGRAM = "TavroVssAgentGUI.exe";
@@ -33,6 +37,13 @@ std::string folderOf(const std::string& path)
 {
     const std::size_t separator = path.rfind(platform::PATH_SEPARATOR);
     return separator == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(separator, 1));
+}
+
+/// As narrow as the other paths; std::filesystem would make another encoding of it on Windows.
+std::string workingFolder()
+{
+    std::array<char, 4096> path{};
+    return getcwd(path.data(), static_cast<int>(path.size())) == nullptr ? "a removed folder" : path.data();
 }
 
 bool isFile(const std::string& path)
@@ -80,6 +91,7 @@ private:
     void examineNumberedFiles(const std::string& basePath);
     void examineSpace(const std::string& folder);
     void examineSettingsText(const std::string& path);
+    void examineOwnership(const char* step, const std::string& path, const std::string& danger);
     void examineWriters(const char* step, const std::string& path, const std::string& danger);
 
     const std::string m_program;
@@ -92,6 +104,27 @@ void Doctor::examineWriters(const char* step, const std::string& path, const std
     {
         fault(step, path + " may be written by " + writers + ": " + danger,
               "let only administrators write there, or move it to such a folder");
+    }
+}
+
+/// Whether somebody may write a file, or exchange it or one of the folders above it.
+void Doctor::examineOwnership(const char* step, const std::string& path, const std::string& danger)
+{
+    examineWriters(step, path, danger);
+    std::error_code error;
+    fs::path folder = fs::absolute(path, error).parent_path();
+    for (; !error && !folder.empty(); folder = folder.parent_path())
+    {
+        if (const std::string movers = otherMovers(folder.string()); !movers.empty())
+        {
+            fault(step, path + " may be exchanged by " + movers + ", who may write " + folder.string() + ": " + danger,
+                  "let only administrators write there, or move it to such a folder");
+            return;
+        }
+        if (folder == folder.parent_path())
+        {
+            return;
+        }
     }
 }
 
@@ -110,14 +143,14 @@ void Doctor::examineProgram()
     }
     fine(STEP, m_program);
     examineWriters(STEP, folderOf(m_program), "whoever may write there can exchange what runs elevated");
+    examineOwnership(STEP, m_program, "whoever may do that decides what runs elevated");
 }
 
 void Doctor::examineWorkingFolder()
 {
     constexpr const char* STEP = "folder";
     constexpr const char* APP_DATA = "test_appdata";
-    const std::string folder = fs::current_path().string();
-    fine(STEP, folder + " is the working folder");
+    fine(STEP, workingFolder() + " is the working folder");
     examineWriters(STEP, ".", "the elevated program obeys the tweak files in it, and may start an agent from it");
     if (!isFolder(APP_DATA) && !isFile(APP_DATA) && !mayWrite("."))
     {
@@ -129,6 +162,13 @@ void Doctor::examineWorkingFolder()
 void Doctor::examineTweakFiles()
 {
     constexpr const char* STEP = "tweaks";
+    const std::vector<Tweaks::File> files = Tweaks::files();
+    std::vector<std::string> paths = {folderOf(files.front().path), folderOf(files.back().path)};
+    std::ranges::transform(files, std::back_inserter(paths), &Tweaks::File::path);
+    for (const std::string& path : paths)
+    {
+        examineWriters(STEP, path, "the elevated program obeys it");
+    }
     const Examination examination = examineTweaks();
     for (const Finding& finding : examination.findings)
     {
@@ -206,14 +246,25 @@ void Doctor::examineLiveFile(const std::string& path)
             : fine(STEP, path + " is not there yet; the program makes it");
         return;
     }
+    const std::vector<std::string> programs = programsThatUse(path);
     if (!mayWrite(path))
     {
-        fault(STEP, path + " may not be written: the program runs without a log", "let the program write the file");
+        const bool isHeld = !programs.empty();
+        fault(STEP,
+              path + (isHeld ? " is held by " + programs[0] : " may not be written") +
+                  ": the program runs without a log",
+              isHeld ? "end that program" : "let the program write the file");
         return;
     }
+    if (!mayWrite(folderOf(path)))
+    {
+        fault(STEP, folderOf(path) + " may not be written: the log grows and is never rotated",
+              "let the program write into the folder");
+    }
     std::error_code error;
-    fine(STEP, path + ", " + bytesText(fs::file_size(path, error)));
-    for (const std::string& program : programsThatUse(path))
+    const std::uintmax_t bytes = fs::is_regular_file(path, error) ? fs::file_size(path, error) : 0;
+    fine(STEP, path + ", " + bytesText(error ? 0 : bytes));
+    for (const std::string& program : programs)
     {
         std::string text = path;
         text.append(" is open in ").append(program).append("; only one program may write it");
@@ -274,6 +325,7 @@ void Doctor::examineSettings()
         return;
     }
     examineSettingsText(path);
+    examineWriters(STEP, path, "it decides to which machine the agent talks");
     const ConnectionSettings settings = readSettings(path);
     const std::array<const std::string*, 4> words = {&settings.localURL, &settings.localPort, &settings.peerURL,
                                                      &settings.peerPort};
@@ -283,8 +335,18 @@ void Doctor::examineSettings()
         fault(STEP, path + " has " + std::to_string(numWords) + " of the four words",
               "write local address, local port, peer address and peer port, separated by blanks");
     }
-    const std::string commandLine = platform::utf16ToUtf8(composeCommandLine(settings, u"NAME"));
-    fine(STEP, "the command line at OK, with the name for NAME: " + commandLine);
+    const std::u16string whole = composeCommandLine(settings, u"NAME");
+    const std::u16string commandLine = whole.substr(0, whole.find(u'\0'));
+    if (commandLine.size() != whole.size())
+    {
+        fault(STEP, path + " has a zero byte, which ends the command line: the agent gets no name", "remove that byte");
+    }
+    constexpr std::size_t LONGEST = 32'766; // letters that CreateProcessW takes
+    if (IS_WINDOWS && commandLine.size() > LONGEST)
+    {
+        fault(STEP, path + " makes the command line longer than Windows allows", "shorten the words");
+    }
+    fine(STEP, "the command line at OK, with the name for NAME: " + platform::utf16ToUtf8(commandLine));
 }
 
 /// What the program takes in silence.
@@ -356,6 +418,11 @@ void Doctor::examineAgent()
               "let this user run it");
         return;
     }
+    if (!isProgramFile(path))
+    {
+        fault(STEP, path + ", found " + reasonOf(found->rule) + ", is no program", "install the agent again");
+        return;
+    }
     fine(STEP, path + ", found " + reasonOf(found->rule));
     const bool isProgramFolder = found->rule == platform::SearchRule::ProgramFolder;
     std::error_code error;
@@ -366,7 +433,7 @@ void Doctor::examineAgent()
                   " is started elevated",
               "install the agent beside the program");
     }
-    examineWriters(STEP, path, "whoever may write it decides what runs elevated");
+    examineOwnership(STEP, path, "whoever may do that decides what runs elevated");
     examineWriters(STEP, found->path, "whoever may write there decides what runs elevated");
 }
 
@@ -413,6 +480,13 @@ std::string Tool::programBesideTool()
     return folderOf(own.data()) + platform::PATH_SEPARATOR + PROGRAM;
 }
 
+std::string Tool::programNamed(const std::string& path)
+{
+    std::error_code error;
+    const fs::path full = IS_WINDOWS ? fs::absolute(path, error) : fs::weakly_canonical(path, error);
+    return error ? path : full.string();
+}
+
 std::vector<Tool::Diagnosis> Tool::diagnose(const std::string& programPath)
 {
     Doctor doctor(programPath);
@@ -439,7 +513,8 @@ bool Tool::writeDiagnoses(std::ostream& out, const std::vector<Diagnosis>& diagn
             continue;
         }
         out << padded(diagnosis.step, 10) << (isColoured ? colourOf(diagnosis.state) : "")
-            << padded(nameOf(diagnosis.state), 7) << (isColoured ? "\033[0m" : "") << diagnosis.text << '\n';
+            << padded(nameOf(diagnosis.state), 7) << (isColoured ? "\033[0m" : "") << visibleText(diagnosis.text)
+            << '\n';
         if (!diagnosis.remedy.empty())
         {
             out << padded("", 17) << "remedy: " << diagnosis.remedy << '\n';

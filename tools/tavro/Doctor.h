@@ -30,6 +30,9 @@ struct Diagnosis
 /// The path of the checkpoint program beside this tool.
 [[nodiscard]] std::string programBesideTool();
 
+/// The full path of a program as it finds its own: on POSIX, links are resolved.
+[[nodiscard]] std::string programNamed(const std::string& path);
+
 /// Examines the program with that path, as it would run in the working folder.
 [[nodiscard]] std::vector<Diagnosis> diagnose(const std::string& programPath);
 

@@ -2,7 +2,6 @@
 #include "tools/tavro/Doctor.h"
 #include "tools/tavro/Verbs.h"
 
-#include <filesystem>
 #include <iostream>
 #include <memory>
 
@@ -20,8 +19,7 @@ void Tool::addDoctorVerb(CLI::App& app, int& exitCode)
     doctor->add_option("--program", options->program, "The program; by default the one beside this tool");
     doctor->add_flag("--json", options->isJson, "An array for programs");
     doctor->callback([options, &exitCode] {
-        const std::string program =
-            options->program.empty() ? programBesideTool() : std::filesystem::absolute(options->program).string();
+        const std::string program = options->program.empty() ? programBesideTool() : programNamed(options->program);
         enterFolder(options->folder);
         exitCode = writeDiagnoses(std::cout, diagnose(program), options->isJson, hasColours()) ? FOUND : FINE;
     });

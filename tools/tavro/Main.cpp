@@ -6,6 +6,9 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <string>
+#include <utility>
+#include <vector>
 
 void Tool::expectVerb(CLI::App& app)
 {
@@ -21,6 +24,24 @@ void Tool::expectVerb(CLI::App& app)
 namespace
 {
 
+/// The arguments, the last one first, as the parser takes them. "--name=" becomes two arguments, the second one empty;
+/// the parser would take the word after it for the value.
+std::vector<std::string> reversedArguments(int argc, char** argv)
+{
+    std::vector<std::string> arguments;
+    for (int i = argc - 1; i > 0; --i)
+    {
+        std::string argument = argv[i];
+        if (argument.starts_with("--") && argument.find('=') == argument.size() - 1)
+        {
+            argument.pop_back();
+            arguments.emplace_back();
+        }
+        arguments.push_back(std::move(argument));
+    }
+    return arguments;
+}
+
 /// Runs what the command line asks for. Returns the exit code.
 int run(int argc, char** argv)
 {
@@ -34,7 +55,7 @@ int run(int argc, char** argv)
     Tool::addTweaksVerbs(app, exitCode);
     try
     {
-        app.parse(argc, argv);
+        app.parse(reversedArguments(argc, argv));
     }
     catch (const CLI::ParseError& error)
     {

@@ -1,9 +1,11 @@
 #include "tools/tavro/SystemFacts.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -36,6 +38,41 @@ std::string Tool::otherWriters(const std::string& path)
     return status.st_uid == 0 || status.st_uid == geteuid() ? std::string() : "the user " + ownerName;
 }
 
+std::string Tool::otherMovers(const std::string& folder)
+{
+    struct stat status = {};
+    const bool isSticky = stat(folder.c_str(), &status) == 0 && (status.st_mode & S_ISVTX) != 0;
+    return isSticky ? std::string() : otherWriters(folder);
+}
+
+bool Tool::isProgramFile(const std::string& path)
+{
+    std::string begin(4, '\0');
+    std::ifstream(path, std::ios::binary).read(begin.data(), 4);
+    return begin == "\x7F"
+                    "ELF" ||
+           begin.starts_with("#!") || begin.starts_with("MZ");
+}
+
+namespace
+{
+
+/// Whether the descriptor of a process was opened for writing.
+bool isWriting(const std::filesystem::path& process, const std::filesystem::path& descriptor)
+{
+    std::ifstream info(process / "fdinfo" / descriptor);
+    for (std::string word; info >> word;)
+    {
+        if (word == "flags:" && info >> word)
+        {
+            return (std::strtoul(word.c_str(), nullptr, 8) & O_ACCMODE) != O_RDONLY;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
 std::vector<std::string> Tool::programsThatUse(const std::string& path)
 {
     namespace fs = std::filesystem;
@@ -58,7 +95,8 @@ std::vector<std::string> Tool::programsThatUse(const std::string& path)
              file.increment(hidden))
         {
             std::error_code closed;
-            if (fs::read_symlink(file->path(), closed) == wanted && !closed)
+            if (fs::read_symlink(file->path(), closed) == wanted && !closed &&
+                isWriting(process.path(), file->path().filename()))
             {
                 std::string name;
                 std::getline(std::ifstream(process.path() / "comm"), name);

@@ -18,7 +18,14 @@ namespace Tool
 /// "everyone"; empty if nobody, or if the system does not tell.
 [[nodiscard]] std::string otherWriters(const std::string& path);
 
-/// The other programs that have the file open, as far as this user may see them. On Windows they have no names.
+/// The same, of who may exchange the files and folders in this folder.
+[[nodiscard]] std::string otherMovers(const std::string& folder);
+
+/// Whether the file begins as a program that the system can start.
+[[nodiscard]] bool isProgramFile(const std::string& path);
+
+/// The other programs that may write into the open file, as far as this user may see them. On Windows, all that have
+/// it open, without names.
 [[nodiscard]] std::vector<std::string> programsThatUse(const std::string& path);
 
 } // namespace Tool

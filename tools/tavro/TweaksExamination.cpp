@@ -7,19 +7,24 @@
 #include "datapath/common/infra/InputTextFile.h"
 #include "datapath/common/infra/MemShield.h"
 #include "datapath/common/infra/base/TextLines.h"
+#include "datapath/common/infra/windows/Directories.h"
 #include "platform/Files.h"
 #include "platform/Text.h"
 #include "tools/tavro/CaughtEnd.h"
+#include "tools/tavro/SystemFacts.h"
 #include "tools/tavro/TweaksPair.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <numeric>
 #include <sstream>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
 namespace
 {
@@ -117,6 +122,16 @@ bool looksLikeTweaks(std::string name)
     return name.find("tweaks_extension") != std::string::npos || name.find("tweaks.txt") != std::string::npos;
 }
 
+/// What the program writes when it cannot make its folder.
+std::string endOfMissingFolder(const std::string& folder)
+{
+    const auto cannot = [](const char*) { return EACCES; };
+    const auto usual = std::exchange(platform::fileCalls.createFolderErrno.current, cannot);
+    const std::optional<End> end = endOf([&] { Directories::ensureExists(folder + platform::PATH_SEPARATOR); });
+    platform::fileCalls.createFolderErrno.current = usual;
+    return end.value_or(End()).check;
+}
+
 /// Examines one text after the other, and finally the table that they make.
 class Examiner
 {
@@ -126,6 +141,7 @@ public:
     void examineTextToSign(const std::string& path);
     void examineExtension(const Tweaks::File& file);
     void examineConsistent(const Tweaks::File& file);
+    void examineDataFolder();
     void examineUnreadFiles();
     void examineValuesInEffect();
     void compareWithProgram();
@@ -154,7 +170,7 @@ private:
     void apply(const Line& line, const FilePlace& place, const std::string& name);
     void examineName(const std::string& name, const FilePlace& place);
     void examineValue(const TweakLine& parts, const FilePlace& place);
-    void replaceOrigin(const std::string& name, const std::optional<FilePlace>& place);
+    void replaceOrigin(const std::string& name, const FilePlace& place, bool isSet);
     void examineMargins();
     void examineLogOfProgram();
 
@@ -245,6 +261,11 @@ void Examiner::readLine(std::string_view text, TweakFileKind kind, const FilePla
     {
         addError(place, kind == TweakFileKind::Consistent ? end->text() : "the line has no \"=\" and is ignored");
     }
+    const std::size_t lone = text.find('\r');
+    if (lone != std::string_view::npos && text.find('=', lone) != std::string_view::npos)
+    {
+        addError(place, "a carriage return alone ends no line: what follows it is no line of its own");
+    }
     for (TweakLine& parts : parsed)
     {
         lines.push_back({place.line, std::move(parts)});
@@ -268,6 +289,13 @@ std::vector<bool> Examiner::areRepeated(const std::vector<Line>& lines)
     return repeated;
 }
 
+/// What the program writes when the consistent file defines a name twice.
+std::string endOfRepetition(const std::string& name)
+{
+    std::stringstream text(name + "=\n" + name + "=\n");
+    return endOf([&] { Table().applyConsistentText(text); }).value_or(End()).text();
+}
+
 void Examiner::examineText(const std::string& path, TweakFileKind kind, const std::string& name)
 {
     const std::vector<Line> lines = readLines(path, kind);
@@ -280,9 +308,10 @@ void Examiner::examineText(const std::string& path, TweakFileKind kind, const st
             apply(lines[i], place, name);
             continue;
         }
-        addError(place, "the tweak " + inQuotes(lines[i].parts.name) + " is defined more than once in this file, " +
-                            (kind == TweakFileKind::Consistent ? "which ends the program"
-                                                               : "so none of these lines is applied"));
+        const std::string text =
+            "the tweak " + inQuotes(lines[i].parts.name) + " is defined more than once in this file";
+        addError(place, kind == TweakFileKind::Consistent ? text + "; " + endOfRepetition(lines[i].parts.name)
+                                                          : text + ", so none of these lines is applied");
     }
 }
 
@@ -293,7 +322,7 @@ void Examiner::apply(const Line& line, const FilePlace& place, const std::string
     if (parts.valueText.empty())
     {
         m_table.update(parts.name, "");
-        replaceOrigin(parts.name, std::nullopt);
+        replaceOrigin(parts.name, place, false);
         return;
     }
     const std::optional<End> end = endOf([&] { static_cast<void>(Tweaks::Tweak(parts.valueText, parts.name, name)); });
@@ -304,25 +333,22 @@ void Examiner::apply(const Line& line, const FilePlace& place, const std::string
     }
     examineValue(parts, place);
     m_table.update(parts.name, parts.valueText);
-    replaceOrigin(parts.name, place);
+    replaceOrigin(parts.name, place, true);
 }
 
 /// A place that another one replaces has no effect, which is worth a warning there.
-void Examiner::replaceOrigin(const std::string& name, const std::optional<FilePlace>& place)
+void Examiner::replaceOrigin(const std::string& name, const FilePlace& place, bool isSet)
 {
     const auto found = m_origins.find(name);
     if (found != m_origins.end())
     {
-        if (place)
-        {
-            addWarning(found->second,
-                       "the value of " + inQuotes(name) + " has no effect, because " + place->text() + " replaces it");
-        }
+        addWarning(found->second, "the value of " + inQuotes(name) + " has no effect, because " + place.text() +
+                                      (isSet ? " replaces it" : " removes it"));
         m_origins.erase(found);
     }
-    if (place)
+    if (isSet)
     {
-        m_origins.emplace(name, *place);
+        m_origins.emplace(name, place);
     }
 }
 
@@ -351,15 +377,17 @@ void Examiner::examineValue(const TweakLine& parts, const FilePlace& place)
 
 void Examiner::examineExtension(const Tweaks::File& file)
 {
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::symlink_status(file.path, error);
     if (InputTextFile(file.path).isOpen())
     {
         examineText(file.path, file.kind, file.path);
     }
-    else if (std::filesystem::is_directory(file.path))
+    else if (std::error_code ignored; std::filesystem::is_directory(file.path, ignored))
     {
         addWarning({file.path}, "this is a folder, where the program looks for a file");
     }
-    else if (platform::pathExists(file.path.c_str()))
+    else if (status.type() != std::filesystem::file_type::not_found)
     {
         addError({file.path}, "the file cannot be opened, and the program goes on without it");
     }
@@ -372,12 +400,21 @@ void Examiner::examineConsistent(const Tweaks::File& file)
     {
         addWarning({path}, "the program does not read this file, but signed copies of it: tavro tweaks sign");
     }
-    for (const BrokenCopy& copy : brokenCopies())
-    {
-        addWarning({copy.file}, copy.text);
-    }
     const ConsistentFile pair(path);
     const ConsistentFile::Look look = pair.look();
+    for (const BrokenCopy& copy : brokenCopies())
+    {
+        add(copy.isNewer ? Severity::Error : Severity::Warning, {copy.file},
+            copy.text + (copy.isNewer ? "; the program goes on with the older copy" : ""));
+    }
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    std::error_code closed;
+    std::filesystem::directory_iterator(folder, closed);
+    if (look.status == RC_NOT_FOUND && closed && closed != std::errc::no_such_file_or_directory)
+    {
+        addError({folder}, "what is in it cannot be read (" + closed.message() +
+                               "), and the program goes on without the consistent file");
+    }
     if (look.status == RC_ERROR)
     {
         addError({path}, "the consistent file has no valid copy, the next one would be number " +
@@ -387,6 +424,18 @@ void Examiner::examineConsistent(const Tweaks::File& file)
     if (look.status == RC_OK)
     {
         examineText(pair.dataFileName(look.latestSlot), file.kind, file.path);
+    }
+}
+
+/// The program makes the folder of its fourth file, and ends if it cannot.
+void Examiner::examineDataFolder()
+{
+    const std::string folder = std::filesystem::path(Tweaks::files().back().path).parent_path().string();
+    std::error_code error;
+    if (std::filesystem::symlink_status(folder, error).type() == std::filesystem::file_type::not_found &&
+        !mayWrite("."))
+    {
+        addError({folder}, "the folder is missing and cannot be made; the program ends: " + endOfMissingFolder(folder));
     }
 }
 
@@ -536,6 +585,7 @@ Tool::Examination Tool::examineTweaks()
     {
         file.kind == TweakFileKind::Consistent ? examiner.examineConsistent(file) : examiner.examineExtension(file);
     }
+    examiner.examineDataFolder();
     examiner.examineUnreadFiles();
     examiner.examineValuesInEffect();
     examiner.compareWithProgram();

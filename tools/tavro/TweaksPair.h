@@ -25,6 +25,7 @@ struct BrokenCopy
 {
     std::string file; ///< of its data
     std::string text; ///< what is wrong with it
+    bool isNewer;     ///< its number is greater than that of the copy that the program reads
 };
 [[nodiscard]] std::vector<BrokenCopy> brokenCopies();
 

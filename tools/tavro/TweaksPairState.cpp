@@ -158,6 +158,17 @@ std::string Tool::pairFolder()
     return path.substr(0, path.find(platform::PATH_SEPARATOR));
 }
 
+namespace
+{
+
+bool isNewer(const ConsistentFile::Look& look, std::int32_t slot)
+{
+    const auto sequenceOf = [&](std::int32_t of) { return look.copies.at(static_cast<std::size_t>(of)).sequence; };
+    return look.status == RC_OK && sequenceOf(slot) > sequenceOf(look.latestSlot);
+}
+
+} // namespace
+
 std::vector<Tool::BrokenCopy> Tool::brokenCopies()
 {
     const ConsistentFile file(pairPath());
@@ -171,7 +182,7 @@ std::vector<Tool::BrokenCopy> Tool::brokenCopies()
             std::ostringstream text;
             text << "this copy is ";
             report.writeState(text);
-            broken.push_back({file.dataFileName(slot), text.str()});
+            broken.push_back({file.dataFileName(slot), text.str(), isNewer(look, slot)});
         }
     }
     return broken;

@@ -89,8 +89,8 @@ void writeText(std::ostream& out, const std::vector<Row>& rows)
 {
     for (const Row& row : rows)
     {
-        out << row.name << " = " << row.value << (row.unit.empty() ? "" : " " + row.unit) << "\n    " << row.origin
-            << (row.type.empty() ? "" : "; " + row.type) << "; " << row.effect << '\n';
+        out << visibleText(row.name) << " = " << visibleText(row.value) << (row.unit.empty() ? "" : " " + row.unit)
+            << "\n    " << row.origin << (row.type.empty() ? "" : "; " + row.type) << "; " << row.effect << '\n';
     }
 }
 
@@ -114,7 +114,8 @@ bool Tool::writeFindings(std::ostream& out, const std::vector<Finding>& findings
         }
         else
         {
-            out << place.text() << ": " << nameOf(finding.severity) << ": " << finding.text << '\n';
+            out << visibleText(place.text()) << ": " << nameOf(finding.severity) << ": " << visibleText(finding.text)
+                << '\n';
         }
         isAny = true;
     }

@@ -321,6 +321,19 @@ void writeResult(std::ostream& out, const Tool::Signing& signing, const NewCopy&
         << "\nThe change takes effect when the program is started the next time.\n";
 }
 
+/// Refuses a text that lies where a signing puts its own files, which it removes.
+void refuseOwnFiles(const std::filesystem::path& text)
+{
+    namespace fs = std::filesystem;
+    const std::string newData = Tool::pairPath() + ".new";
+    const bool isOwn = text == fs::weakly_canonical(newData) || text == fs::weakly_canonical(newData + ".sig") ||
+                       text.parent_path() == fs::weakly_canonical(Tool::pairFolder() + ".new");
+    if (isOwn)
+    {
+        throw Misuse(text.string() + " lies where a signing puts its own files: copy it to another place");
+    }
+}
+
 } // namespace
 
 int Tool::signPair(std::ostream& out, const Signing& signing)
@@ -331,7 +344,9 @@ int Tool::signPair(std::ostream& out, const Signing& signing)
         writeRefusal(out, signing, findings);
         return FOUND;
     }
+    const std::filesystem::path text = std::filesystem::weakly_canonical(signing.file);
     enterFolder(signing.folder);
+    refuseOwnFiles(text);
     const platform::OpenedFile locked = platform::lockFolder(WORKING_FOLDER);
     const platform::OwnedFile lock(locked.handle);
     if (locked.error == ErrorNumber::SharingViolation)

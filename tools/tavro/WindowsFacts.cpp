@@ -1,7 +1,7 @@
 #include "tools/tavro/SystemFacts.h"
 
 #include <array>
-#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -48,21 +48,8 @@ std::string wideGroupName(PSID sid)
     return {};
 }
 
-} // namespace
-
-bool Tool::mayWrite(const std::string& path)
-{
-    DWORD error = 0;
-    return open(path, FILE_WRITE_DATA, SHARE_ALL, error) != nullptr; // in a folder: FILE_ADD_FILE, the same bit
-}
-
-bool Tool::mayRun(const std::string& path)
-{
-    DWORD error = 0;
-    return open(path, FILE_EXECUTE, SHARE_ALL, error) != nullptr;
-}
-
-std::string Tool::otherWriters(const std::string& path)
+/// The first wide group that has one of the rights to the file or folder itself.
+std::string holdersOf(const std::string& path, DWORD rights)
 {
     PACL list = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;
@@ -85,9 +72,8 @@ std::string Tool::otherWriters(const std::string& path)
         }
         const auto* const header = static_cast<ACE_HEADER*>(entry);
         auto* const allowed = static_cast<ACCESS_ALLOWED_ACE*>(entry);
-        constexpr DWORD WRITING = FILE_WRITE_DATA | GENERIC_WRITE | GENERIC_ALL | WRITE_DAC | WRITE_OWNER;
         if (header->AceType == ACCESS_ALLOWED_ACE_TYPE && (header->AceFlags & INHERIT_ONLY_ACE) == 0 &&
-            (allowed->Mask & WRITING) != 0)
+            (allowed->Mask & rights) != 0)
         {
             if (const std::string name = wideGroupName(&allowed->SidStart); !name.empty())
             {
@@ -96,6 +82,37 @@ std::string Tool::otherWriters(const std::string& path)
         }
     }
     return {};
+}
+
+} // namespace
+
+bool Tool::mayWrite(const std::string& path)
+{
+    DWORD error = 0;
+    return open(path, FILE_WRITE_DATA, SHARE_ALL, error) != nullptr; // in a folder: FILE_ADD_FILE, the same bit
+}
+
+bool Tool::mayRun(const std::string& path)
+{
+    DWORD error = 0;
+    return open(path, FILE_EXECUTE, SHARE_ALL, error) != nullptr;
+}
+
+std::string Tool::otherWriters(const std::string& path)
+{
+    return holdersOf(path, FILE_WRITE_DATA | GENERIC_WRITE | GENERIC_ALL | WRITE_DAC | WRITE_OWNER);
+}
+
+std::string Tool::otherMovers(const std::string& folder)
+{
+    return holdersOf(folder, FILE_DELETE_CHILD | GENERIC_ALL | WRITE_DAC | WRITE_OWNER);
+}
+
+bool Tool::isProgramFile(const std::string& path)
+{
+    std::string begin(2, '\0');
+    std::ifstream(path, std::ios::binary).read(begin.data(), 2);
+    return begin == "MZ";
 }
 
 std::vector<std::string> Tool::programsThatUse(const std::string& path)
