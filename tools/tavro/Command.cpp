@@ -108,7 +108,7 @@ std::string Tool::jsonText(std::string_view text)
     {
         const char character = text[0];
         std::size_t length = 1;
-        if (character == '"' || character == '\\' || (character >= 0 && character < ' '))
+        if (character == '"' || character == '\\' || static_cast<unsigned char>(character) < ' ')
         {
             appendEscaped(json, character);
         }
