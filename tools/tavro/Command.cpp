@@ -126,6 +126,30 @@ std::string Tool::jsonText(std::string_view text)
     return json + '"';
 }
 
+std::string Tool::errorText(platform::ErrorNumber error)
+{
+    using platform::ErrorNumber;
+    switch (error)
+    {
+    case ErrorNumber::FileNotFound:
+        return "there is no such file";
+    case ErrorNumber::PathNotFound:
+        return "there is no such folder";
+    case ErrorNumber::AccessDenied:
+        return "access is denied";
+    case ErrorNumber::WriteProtect:
+        return "the disk can only be read";
+    case ErrorNumber::SharingViolation:
+        return "another program uses it";
+    case ErrorNumber::DiskFull:
+        return "the disk is full";
+    case ErrorNumber::AlreadyExists:
+        return "something has that name already";
+    default:
+        return "error " + std::to_string(platform::toNumber(error));
+    }
+}
+
 bool Tool::isStandardOutputTerminal() { return isatty(STDOUT_FILENO) != 0; }
 
 bool Tool::isStandardErrorTerminal() { return isatty(STDERR_FILENO) != 0; }

@@ -2,6 +2,8 @@
 
 // What the verbs of the console tool share. Everything here is called on the main thread.
 
+#include "platform/Files.h"
+
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -34,6 +36,9 @@ void enterFolder(const std::string& folder);
 
 /// A JSON string with its quotes. Bytes that are not UTF-8 become U+FFFD.
 [[nodiscard]] std::string jsonText(std::string_view text);
+
+/// What the error means, in words; its number if there are none for it.
+[[nodiscard]] std::string errorText(platform::ErrorNumber error);
 
 /// Whether people watch the stream.
 [[nodiscard]] bool isStandardOutputTerminal();

@@ -1,5 +1,7 @@
 #include "tools/tavro/LogFile.h"
 
+#include "tools/tavro/Command.h"
+
 #include <algorithm>
 #include <array>
 #include <limits>
@@ -152,7 +154,7 @@ std::string LogFile::fault() const
 {
     if (m_error != platform::ErrorNumber::Success)
     {
-        return "error " + std::to_string(toNumber(m_error));
+        return errorText(m_error);
     }
 #ifndef TAVRO_HAS_ZLIB
     return m_gzip ? "this tool was built without zlib" : "";

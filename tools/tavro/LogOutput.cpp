@@ -117,7 +117,7 @@ void LogOutput::flush()
             {
                 throw PipeClosed();
             }
-            throw Misuse("the output cannot be written: error " + std::to_string(toNumber(error)));
+            throw Misuse("the output cannot be written: " + errorText(error));
         }
         rest.remove_prefix(bytes);
     }

@@ -22,34 +22,11 @@ using Tool::Misuse;
 
 constexpr const char* WORKING_FOLDER = ".";
 
-std::string textOf(ErrorNumber error)
-{
-    switch (error)
-    {
-    case ErrorNumber::FileNotFound:
-        return "there is no such file";
-    case ErrorNumber::PathNotFound:
-        return "there is no such folder";
-    case ErrorNumber::AccessDenied:
-        return "access is denied";
-    case ErrorNumber::WriteProtect:
-        return "the disk can only be read";
-    case ErrorNumber::SharingViolation:
-        return "another program uses it";
-    case ErrorNumber::DiskFull:
-        return "the disk is full";
-    case ErrorNumber::AlreadyExists:
-        return "something has that name already";
-    default:
-        return "error " + std::to_string(platform::toNumber(error));
-    }
-}
-
 void require(ErrorNumber error, const std::string& what)
 {
     if (error != ErrorNumber::Success)
     {
-        throw Misuse(what + ": " + textOf(error));
+        throw Misuse(what + ": " + Tool::errorText(error));
     }
 }
 
