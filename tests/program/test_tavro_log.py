@@ -7,6 +7,7 @@ import json
 import os
 import random
 import shutil
+import socket
 import subprocess
 import time
 from collections import Counter
@@ -261,6 +262,49 @@ def test_follow_over_rotations_loses_nothing_and_prints_nothing_twice(tavro, tmp
             for process in filter(None, (writer, follower)):
                 process.kill()
                 process.wait()
+
+
+def test_what_is_renamed_while_the_tool_reads_is_read(tavro, tmp_path):
+    def rotate(number):
+        (tmp_path / "a.log.txt").rename(tmp_path / f"a.log{number:06}.txt")
+        (tmp_path / "a.log.txt").write_bytes(b"2024-03-05 07:08:10,Info,1,NON,,f,new\n")
+
+    live = b"2024-03-05 07:08:09,Info,1,NON,,f,old\n"
+    new = b"2024-03-05 07:08:10,Info,1,NON,,f,new\n"
+    long = b"2024-03-05 07:08:08,Info,1,NON,,f," + b"x" * 1_000_000 + b"\n"
+    (tmp_path / "a.log.txt").write_bytes(live)
+    for number, name in enumerate([".", "a.log.txt"], 1):  # renamed before it is opened
+        arguments, pipes = ["log", "text", "-", name], {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
+        with (tavro.wine.start(tavro.path, tmp_path, arguments=arguments, **pipes) if tavro.wine
+              else subprocess.Popen([tavro.path, *arguments], cwd=tmp_path, **pipes)) as process:
+            process.stdin.write(long + live)
+            process.stdin.flush()
+            begin = process.stdout.read(1)  # the names are known
+            rotate(number)
+            process.stdin.close()
+            assert begin + process.stdout.read() == long + live + (live if number == 1 else new) + new
+    if tavro.wine:
+        return
+    os.mkfifo(tmp_path / "a.log000003.txt")  # renamed while an older file is read
+    process = subprocess.Popen([tavro.path, "log", "text", "a.log000003.txt", "a.log.txt"], cwd=tmp_path,
+                               stdout=subprocess.PIPE)
+    (tmp_path / "a.log.txt").write_bytes(live)
+    with open(tmp_path / "a.log000003.txt", "wb") as older:
+        rotate(4)
+        older.write(long)
+    assert process.communicate(timeout=DEADLINE_SEC)[0] == long + live
+
+
+def test_what_cannot_be_followed_is_told(tavro, tmp_path):
+    for name in ("a.log.txt", "b.log.txt"):
+        (tmp_path / name).write_bytes(b"2024-03-05 07:08:09,Info,1,NON,,f,x\n")
+    status, output, errors = call(tavro, tmp_path, "text", "-f", ".")
+    assert (status, output) == (2, b"") and "a.log.txt" in errors and "b.log.txt" in errors
+    if not tavro.wine:
+        with socket.socket(socket.AF_UNIX) as unreadable:  # even for root
+            unreadable.bind(str(tmp_path / "c.log.txt"))
+            status, output, errors = call(tavro, tmp_path, "text", "-f", "c.log.txt")
+        assert (status, output) == (2, b"") and "c.log.txt: cannot be followed: " in errors
 
 
 def seconds_between(earlier, later):

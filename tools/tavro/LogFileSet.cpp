@@ -9,6 +9,7 @@
 #include <array>
 #include <charconv>
 #include <filesystem>
+#include <map>
 #include <string_view>
 #include <system_error>
 
@@ -73,6 +74,13 @@ std::vector<LogPath> logsIn(const std::string& folder)
     {
         throw Misuse(folder + ": there is no log in this folder");
     }
+    std::map<std::string, std::uint64_t> lastNumbers;
+    for (const LogPath& file : files)
+    {
+        std::uint64_t& last = lastNumbers[file.base];
+        last = file.number < LogPath::COMPRESSED_LIVE ? std::max(last, file.number) : last;
+    }
+    std::ranges::for_each(files, [&](LogPath& file) { file.lastNumber = lastNumbers[file.base]; });
     return files;
 }
 
@@ -86,7 +94,7 @@ std::vector<LogPath> programLog()
     const bool fits = platform::appendToPath(path.data(), "Tavro") && platform::appendToPath(path.data(), "logs") &&
                       platform::appendToPath(path.data(), std::string(PROGRAM_LOG).c_str());
     const std::string base = fits ? path.data() : "";
-    std::vector<LogPath> files = numberedFilesOf(base);
+    std::vector<LogPath> files;
     for (const std::string_view end : {".txt.gz", ".txt"})
     {
         if (const std::string live = base + std::string(end); platform::pathExists(live.c_str()))
@@ -94,6 +102,13 @@ std::vector<LogPath> programLog()
             files.push_back(logPath(live));
         }
     }
+    // The numbered files are listed last: a live file that was just being renamed is one of them.
+    const std::vector<LogPath> numbered = numberedFilesOf(base);
+    for (LogPath& live : files)
+    {
+        live.lastNumber = numbered.empty() ? 0 : numbered.back().number;
+    }
+    files.insert(files.begin(), numbered.begin(), numbered.end());
     if (files.empty())
     {
         throw Misuse(base + ".txt: there is no log of the checkpoint program");
@@ -117,7 +132,9 @@ std::vector<LogPath> filesNamed(const std::string& name)
     {
         throw Misuse(name + ": there is no such file");
     }
-    return {logPath(name)};
+    LogPath path = logPath(name);
+    path.lastNumber = path.number == LogPath::LIVE ? highestNumberOf(path.base) : 0;
+    return {path};
 }
 
 /// Puts the files of each log together, oldest first. Logs keep the order in which they come first.
@@ -182,6 +199,12 @@ std::vector<LogPath> numberedFilesOf(const std::string& base)
                   [&](const LogPath& file) { return file.base != base || file.number >= LogPath::COMPRESSED_LIVE; });
     std::ranges::sort(files, isOlder);
     return files;
+}
+
+std::uint64_t highestNumberOf(const std::string& base)
+{
+    const std::vector<LogPath> numbered = numberedFilesOf(base);
+    return numbered.empty() ? 0 : numbered.back().number;
 }
 
 } // namespace Tool

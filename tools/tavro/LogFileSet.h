@@ -23,6 +23,10 @@ struct LogPath
     std::string path;            ///< "-" is standard input
     std::string base;            ///< "C:\logs\app.log"; the path itself if it is not named like a file of a log
     std::uint64_t number = LIVE; ///< of a numbered file, or one of the constants
+
+    /// Of a live file: the highest number of its log when the file was found. The live file may get a higher one before
+    /// it is opened, and is then another file.
+    std::uint64_t lastNumber = 0;
 };
 
 /// Tells by its name what a file is.
@@ -35,5 +39,8 @@ struct LogPath
 
 /// The numbered files of a log, oldest first. Empty if the folder cannot be read.
 [[nodiscard]] std::vector<LogPath> numberedFilesOf(const std::string& base);
+
+/// The highest number of them; 0 if there are none.
+[[nodiscard]] std::uint64_t highestNumberOf(const std::string& base);
 
 } // namespace Tool

@@ -1,6 +1,7 @@
 #include "tools/tavro/LogPump.h"
 
 #include "platform/Threads.h"
+#include "tools/tavro/Command.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -13,7 +14,8 @@ namespace Tool
 namespace
 {
 
-constexpr std::uint32_t LOOK_MS = 200; // between two looks at a file that is followed
+constexpr std::uint32_t LOOK_MS = 200; // between two looks at a live file
+constexpr int MISSING_LOOKS = 5;       // at a live file that is missing, unless it is followed
 
 std::uint64_t totalLength(const std::vector<LogPath>& files)
 {
@@ -25,11 +27,6 @@ std::uint64_t totalLength(const std::vector<LogPath>& files)
         total += error ? 0 : length;
     }
     return total;
-}
-
-std::uint64_t highestNumber(const std::vector<LogPath>& numbered)
-{
-    return numbered.empty() ? 0 : numbered.back().number;
 }
 
 } // namespace
@@ -69,28 +66,50 @@ void LogPump::run(bool hasProgress)
 {
     LogProgress progress(hasProgress);
     progress.setTotal(totalLength(m_files));
-    for (const LogPath& path : m_files)
+    for (auto begin = m_files.begin(); begin != m_files.end();)
     {
-        read(path, progress);
+        const auto end =
+            std::find_if(begin, m_files.end(), [&](const LogPath& file) { return file.base != begin->base; });
+        readLog(std::vector<LogPath>(begin, end), progress);
+        begin = end;
     }
     m_reader.endRecord();
     takeRecords();
 }
 
+/// Reads the files of one log. The live file is opened first and read last: if it is renamed meanwhile, its new name is
+/// not among the files, but it stays open.
+void LogPump::readLog(std::vector<LogPath> files, LogProgress& progress)
+{
+    const LogPath last = files.back();
+    if (last.path == "-" || last.number != LogPath::LIVE)
+    {
+        std::ranges::for_each(files, [&](const LogPath& path) { read(path, progress); });
+        return;
+    }
+    openLive(files, Patience::Some);
+    std::for_each(files.begin(), files.end() - 1, [&](const LogPath& path) { read(path, progress); });
+    readOpen(last, m_current, progress);
+}
+
 void LogPump::read(const LogPath& path, LogProgress& progress)
 {
-    beginFile(path);
     LogFile file;
     if (path.path == "-")
     {
         file.openStandardInput();
     }
-    else if (!file.open(path.path))
+    else
     {
-        endFile(path.path, file);
-        return;
+        static_cast<void>(file.open(path.path)); // else the file tells its fault when it is read
     }
-    while (readPiece(file))
+    readOpen(path, file, progress);
+}
+
+void LogPump::readOpen(const LogPath& path, LogFile& file, LogProgress& progress)
+{
+    beginFile(path);
+    while (file.isOpen() && readPiece(file))
     {
         progress.show(m_done + file.position());
     }
@@ -139,10 +158,10 @@ void LogPump::takeRecords()
     }
 }
 
-void LogPump::follow(bool isWhole, const std::function<void()>& idle)
+void LogPump::follow(const std::function<void()>& idle)
 {
+    openLive(m_files, Patience::Endless);
     const LogPath live = m_files.back();
-    openLive(live, isWhole);
     LogProgress progress(false);
     std::for_each(m_files.begin(), m_files.end() - 1, [&](const LogPath& path) { read(path, progress); });
     beginFile(live);
@@ -152,28 +171,30 @@ void LogPump::follow(bool isWhole, const std::function<void()>& idle)
     }
 }
 
-/// Opens the live file at a moment at which the numbered files are known.
-void LogPump::openLive(const LogPath& live, bool isWhole)
+/// Opens the live file, which is the last one of the files, at a moment at which the numbered files are known. Those
+/// that have got their numbers since the files were listed are put before it.
+void LogPump::openLive(std::vector<LogPath>& files, Patience patience)
 {
-    for (;;)
+    const LogPath live = files.back();
+    for (int looks = 1;; ++looks)
     {
-        const std::uint64_t before = highestNumber(numberedFilesOf(live.base));
+        const std::uint64_t before = highestNumberOf(live.base);
         const bool isOpen = m_current.open(live.path);
-        const std::vector<LogPath> numbered = numberedFilesOf(live.base);
-        m_lastNumber = highestNumber(numbered);
-        if (isOpen && m_lastNumber == before)
+        std::vector<LogPath> numbered = numberedFilesOf(live.base);
+        m_lastNumber = numbered.empty() ? 0 : numbered.back().number;
+        const bool isMissing = !isOpen && m_current.error() == platform::ErrorNumber::FileNotFound;
+        if (!isOpen && !isMissing && patience == Patience::Endless)
         {
-            if (isWhole)
-            {
-                std::erase_if(m_files, [&](const LogPath& file) {
-                    return file.base == live.base && file.number < LogPath::COMPRESSED_LIVE;
-                });
-                const auto first = std::ranges::find(m_files, live.base, &LogPath::base);
-                m_files.insert(first, numbered.begin(), numbered.end());
-            }
+            throw Misuse(live.path + ": cannot be followed: " + errorText(m_current.error()));
+        }
+        const bool isWaitedFor = isMissing && (patience == Patience::Endless || looks < MISSING_LOOKS);
+        if (!isWaitedFor && m_lastNumber == before)
+        {
+            std::erase_if(numbered, [&](const LogPath& file) { return file.number <= live.lastNumber; });
+            files.insert(files.end() - 1, numbered.begin(), numbered.end());
             return;
         }
-        platform::sleepMs(1); // the file is being renamed
+        platform::sleepMs(isMissing ? LOOK_MS : 1); // the file is being renamed
     }
 }
 

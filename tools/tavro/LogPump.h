@@ -57,9 +57,9 @@ public:
     void run(bool hasProgress);
 
     /// As run, and then goes on with what the last file gets, which must be the live file of a log, and with the files
-    /// that come after it when it is renamed. isWhole: the log's numbered files are read before it, even those that get
-    /// their numbers meanwhile. Calls idle before each wait. Returns only by what the sink or idle throws.
-    [[noreturn]] void follow(bool isWhole, const std::function<void()>& idle);
+    /// that come after it when it is renamed. Calls idle before each wait. Returns only by what the sink or idle
+    /// throws, or by Misuse if the last file cannot be opened.
+    [[noreturn]] void follow(const std::function<void()>& idle);
 
     /// Whether anything was found that a log should not have: a raw record, or a file that could not be read.
     [[nodiscard]] bool hasFound() const { return m_hasFound; }
@@ -68,12 +68,20 @@ public:
     [[nodiscard]] std::uint64_t runs() const { return m_runs; }
 
 private:
+    enum class Patience
+    {
+        Some,   // a file that stays away is told
+        Endless // a file that stays away is waited for
+    };
+
+    void readLog(std::vector<LogPath> files, LogProgress& progress);
     void read(const LogPath& path, LogProgress& progress);
+    void readOpen(const LogPath& path, LogFile& file, LogProgress& progress);
     void beginFile(const LogPath& path);
     [[nodiscard]] bool readPiece(LogFile& file);
     void endFile(const std::string& path, const LogFile& file);
     void takeRecords();
-    void openLive(const LogPath& live, bool isWhole);
+    void openLive(std::vector<LogPath>& files, Patience patience);
     void readLive(const LogPath& live, const std::function<void()>& idle);
     [[nodiscard]] std::optional<LogFile> successor(const LogPath& live);
 
@@ -87,7 +95,7 @@ private:
 
     std::string m_base; // of the log that is being read
 
-    // Of the file that is followed:
+    // Of the live file:
     LogFile m_current;
     std::uint64_t m_lastNumber = 0; // of the newest numbered file that is older than this one
 };

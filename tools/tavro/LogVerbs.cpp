@@ -8,11 +8,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
-#include <system_error>
 #include <vector>
 
 namespace
@@ -78,18 +76,19 @@ Tool::LogFilter filterOf(const Options& options, const std::vector<Tool::LogPath
     return filter;
 }
 
-bool isFolder(const std::string& name)
-{
-    std::error_code ignored;
-    return std::filesystem::is_directory(name, ignored);
-}
-
 void checkFollowed(const std::vector<Tool::LogPath>& files)
 {
     const Tool::LogPath& last = files.back();
     if (last.path == "-" || last.number != Tool::LogPath::LIVE)
     {
         throw Tool::Misuse(last.path + ": only a live file can be followed");
+    }
+    const auto other = std::ranges::find_if(files, [&](const Tool::LogPath& file) {
+        return file.number == Tool::LogPath::LIVE && file.base != file.path && file.base != last.base;
+    });
+    if (other != files.end())
+    {
+        throw Tool::Misuse("only one log can be followed, not both " + other->path + " and " + last.path);
     }
 }
 
@@ -111,7 +110,7 @@ int print(LogForm form, const Options& options)
         if (options.isFollowed)
         {
             checkFollowed(files);
-            pump.follow(options.names.empty() || isFolder(options.names.back()), [&] { output.flush(); });
+            pump.follow([&] { output.flush(); });
         }
         pump.run(Tool::isStandardErrorTerminal() && !isTerminal);
         output.flush();
