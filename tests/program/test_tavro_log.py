@@ -166,6 +166,29 @@ def test_damage_is_told_and_nothing_is_dropped(tavro, tmp_path):
     assert from_csv(output)[:3] == log.rows[:3]
 
 
+@pytest.mark.parametrize("torn", ["2024-03-05 00:00:03.502,/var/lib/a.log-pausing ", "2024-03-05 00:00:03.5"])
+@pytest.mark.parametrize("line_end", ["\n", "\r\n"], ids=["LF", "CRLF"])
+def test_the_end_of_a_torn_file(tavro, tmp_path, line_end, torn):
+    lines = ["2024-03-05 07:08:09,Info,1,NON,,f,a", "b", "c"]
+    (tmp_path / "a.txt").write_bytes(line_end.join(lines).encode())
+    (tmp_path / "b.txt").write_bytes(line_end.join([*lines, torn]).encode())
+    for form, parsed in (("json", from_json), ("csv", from_csv)):
+        status, output, _ = call(tavro, tmp_path, form, "a.txt", "b.txt")
+        assert (status, [row["message"] for row in parsed(output)]) == (1, ["a\nb\nc", "a\nb\nc", torn])
+
+
+def test_members_of_a_compressed_file(tavro, tmp_path):
+    record = b"2024-03-05 07:08:09,Info,1,NON,,f,"
+    members = [record + b"a\nb", record + b"c", record + b"d\nsplit ", b"line\n", record + b"2", b"024-03-05", b"",
+               record + b"e\n"]
+    (tmp_path / "x.gz").write_bytes(b"".join(gzip.compress(member) for member in members) + bytes(200_000))
+    status, output, errors = call(tavro, tmp_path, "json", "x.gz")
+    assert (status, errors) == (0, "")
+    assert [row["message"] for row in from_json(output)] == ["a\nb", "c", "d\nsplit line", "2024-03-05", "e"]
+    (tmp_path / "x.gz").write_bytes(gzip.compress(members[0]) + b"\0x")
+    assert call(tavro, tmp_path, "json", "x.gz")[0] == 1
+
+
 def test_filters(tavro, tmp_path):
     log = Log(seed=3)
     for _ in range(3):

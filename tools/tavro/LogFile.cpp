@@ -44,6 +44,7 @@ public:
         const auto size = static_cast<uInt>(std::min<std::size_t>(room.size(), std::numeric_limits<uInt>::max()));
         m_stream.next_out = reinterpret_cast<Bytef*>(room.data());
         m_stream.avail_out = size;
+        m_beginsMember = m_isBetweenMembers;
         while (m_isSound && m_stream.avail_out == size)
         {
             if (m_stream.avail_in == 0)
@@ -56,14 +57,22 @@ public:
                 m_isSound = m_isBetweenMembers;
                 break;
             }
+            if (m_isBetweenMembers && *m_stream.next_in == 0) // padding, as tapes have it
+            {
+                ++m_stream.next_in;
+                --m_stream.avail_in;
+                continue;
+            }
             const int result = inflate(&m_stream, Z_NO_FLUSH);
             m_isBetweenMembers = result == Z_STREAM_END;
+            m_beginsMember = m_beginsMember || (m_isBetweenMembers && m_stream.avail_out == size);
             m_isSound = (m_isBetweenMembers && inflateReset(&m_stream) == Z_OK) || result == Z_OK;
         }
         return size - m_stream.avail_out;
     }
 
     [[nodiscard]] bool isSound() const { return m_isSound; }
+    [[nodiscard]] bool beginsMember() const { return m_beginsMember; }
 
 private:
     static constexpr std::size_t INPUT_SIZE = std::size_t{128} << 10U; // bytes
@@ -72,6 +81,7 @@ private:
     z_stream m_stream{};
     bool m_isSound = false;
     bool m_isBetweenMembers = false;
+    bool m_beginsMember = false; // the bytes that were read last are the first ones of a member, and not of the file
 };
 
 #else
@@ -81,6 +91,7 @@ class LogFile::Gzip
 public:
     template <class More> std::size_t read(std::span<char> /*room*/, const More& /*more*/) { return 0; }
     [[nodiscard]] bool isSound() const { return false; }
+    [[nodiscard]] bool beginsMember() const { return false; }
 };
 
 #endif
@@ -115,6 +126,8 @@ std::size_t LogFile::read(std::span<char> room)
     const auto plain = [this](std::span<char> into) { return readPlain(into); };
     return m_gzip ? m_gzip->read(room, plain) : readPlain(room);
 }
+
+bool LogFile::beginsMember() const { return m_gzip && m_gzip->beginsMember(); }
 
 /// Returns false if the file has no bytes yet.
 bool LogFile::recognise()

@@ -41,6 +41,10 @@ public:
     /// Reads the next bytes. 0 means the end of the file; a file that grows has more bytes later.
     [[nodiscard]] std::size_t read(std::span<char> room);
 
+    /// Whether the bytes that were read last begin another member of a compressed file: what several compressed files
+    /// make when they are put together.
+    [[nodiscard]] bool beginsMember() const;
+
     /// Why the file could not be read to its end. Empty if it could.
     [[nodiscard]] std::string fault() const;
 

@@ -132,6 +132,10 @@ void LogPump::beginFile(const LogPath& path)
 bool LogPump::readPiece(LogFile& file)
 {
     const std::size_t bytes = file.read(m_reader.room());
+    if (file.beginsMember())
+    {
+        m_reader.addSeam();
+    }
     m_reader.add(bytes);
     takeRecords();
     return bytes != 0;

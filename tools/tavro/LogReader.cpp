@@ -43,6 +43,13 @@ std::size_t timePrefixLength(std::string_view text)
 
 bool isWholeTime(std::string_view time) { return time.size() >= TIME_FORM.size() && isDigit(time.back()); }
 
+/// Whether the line begins with a time and a comma, as every record does.
+bool beginsWithTime(std::string_view line)
+{
+    const std::size_t time = timePrefixLength(line);
+    return time != line.size() && line[time] == ',' && isWholeTime(line.substr(0, time));
+}
+
 /// The id of a thread, and a name after a slash if it has one.
 bool isThread(std::string_view text)
 {
@@ -83,11 +90,11 @@ LogReader::LogReader(std::size_t maxRecord, std::size_t firstRoom)
 LogReader::Head LogReader::parse(std::string_view line)
 {
     Head head;
-    const std::size_t time = timePrefixLength(line);
-    if (time == line.size() || line[time] != ',' || !isWholeTime(line.substr(0, time)))
+    if (!beginsWithTime(line))
     {
         return head;
     }
+    const std::size_t time = line.find(',');
     head.commas[0] = time;
     head.message = time + 1;
     std::size_t count = 1;
@@ -129,7 +136,7 @@ bool LogReader::isTornHead(std::string_view line)
     {
         return !line.empty();
     }
-    if (line[time] != ',' || !isWholeTime(line.substr(0, time)))
+    if (!beginsWithTime(line))
     {
         return false;
     }
@@ -168,6 +175,8 @@ void LogReader::compact()
     m_line -= needed;
     m_end -= needed;
     m_searched = std::max(m_searched, needed) - needed;
+    std::erase_if(m_seams, [=](std::size_t seam) { return seam <= needed; });
+    std::ranges::for_each(m_seams, [=](std::size_t& seam) { seam -= needed; });
     if (m_pending)
     {
         m_pending->begin = 0;
@@ -205,6 +214,30 @@ void LogReader::endFile()
     m_isEnding = m_isEnding || m_isFileEnd;
 }
 
+void LogReader::addSeam()
+{
+    std::erase_if(m_seams, [this](std::size_t seam) { return seam <= m_line; });
+    if (m_line != m_end)
+    {
+        m_seams.push_back(m_end);
+    }
+}
+
+/// The first seam within the line that ends at that place, if what follows the seam begins a record; else that place.
+std::size_t LogReader::endAtSeam(std::size_t end) const
+{
+    for (std::size_t i = 0; i < m_seams.size(); ++i)
+    {
+        const std::size_t seam = m_seams[i];
+        const std::size_t next = i + 1 == m_seams.size() ? end : std::min(end, m_seams[i + 1]);
+        if (seam > m_line && seam < next && parse(withoutReturn(text(seam, next))).kind)
+        {
+            return seam;
+        }
+    }
+    return end;
+}
+
 /// The place after the next line, its line end included.
 std::optional<std::size_t> LogReader::findLineEnd()
 {
@@ -213,10 +246,10 @@ std::optional<std::size_t> LogReader::findLineEnd()
     if (found != nullptr)
     {
         m_searched = static_cast<std::size_t>(static_cast<const char*>(found) - m_buffer.data()) + 1;
-        return m_searched;
+        return m_searched = endAtSeam(m_searched);
     }
     m_searched = m_end;
-    return m_isFileEnd && m_line != m_end ? std::optional(m_end) : std::nullopt;
+    return m_isFileEnd && m_line != m_end ? std::optional(m_searched = endAtSeam(m_end)) : std::nullopt;
 }
 
 /// Looks at the next line, which ends at that place. Returns whether that ends a record; then the line may have to be
@@ -270,7 +303,7 @@ bool LogReader::takeOther(std::string_view line, std::size_t end, LogRecord& rec
         m_line = end;
         return false;
     }
-    const bool isTorn = m_isFileEnd && text(m_line, end).back() != '\n' && isTornHead(line);
+    const bool isTorn = text(m_line, end).back() != '\n' && (isTornHead(line) || beginsWithTime(line));
     const bool isContinuation =
         m_pending && !m_isInsideLine && !isTorn && !line.starts_with('\0') &&
         (m_pending->kind == Kind::Line || (m_pending->kind == Kind::Start && m_pending->messageEnd == 0));
@@ -398,6 +431,11 @@ void LogReader::makeRecord(const PendingRecord& pending, std::size_t end, LogRec
         record.hasCrLf = true;
     }
     record.message = text(pending.message, messageEnd);
+    if (!record.raw.ends_with('\n')) // the lines before the last one tell
+    {
+        const std::size_t lineEnd = record.message.find('\n');
+        record.hasCrLf = record.hasCrLf || (lineEnd != NONE && lineEnd != 0 && record.message[lineEnd - 1] == '\r');
+    }
     if (pending.kind != Kind::Raw)
     {
         record.time = text(pending.headLine, pending.commas[0]);

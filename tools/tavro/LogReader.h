@@ -100,6 +100,10 @@ public:
     /// Takes the next whole record. Returns false if more bytes are needed to know where it ends.
     [[nodiscard]] bool next(LogRecord& record);
 
+    /// The bytes that are put in next may be those of another file. If they begin a record, the line before them ends,
+    /// even without a line end. Else they continue it: some programs compress a file in pieces.
+    void addSeam();
+
     /// The file ends here, and with it its last line. A record whose line end is missing ends, too.
     void endFile();
 
@@ -117,6 +121,7 @@ private:
     [[nodiscard]] static bool isTornHead(std::string_view line);
 
     [[nodiscard]] std::optional<std::size_t> findLineEnd();
+    [[nodiscard]] std::size_t endAtSeam(std::size_t end) const;
     [[nodiscard]] bool takeLine(std::size_t end, LogRecord& record);
     [[nodiscard]] bool takeHead(const Head& head, std::size_t end, LogRecord& record);
     [[nodiscard]] bool takeOther(std::string_view line, std::size_t end, LogRecord& record);
@@ -136,9 +141,10 @@ private:
     const std::size_t m_maxRecord;
     const std::size_t m_leastRoom;
     std::vector<char> m_buffer;
-    std::size_t m_line = 0;     // the begin of the line that is looked at next
-    std::size_t m_searched = 0; // there is no line end between m_line and this place
-    std::size_t m_end = 0;      // of the bytes
+    std::size_t m_line = 0;           // the begin of the line that is looked at next
+    std::size_t m_searched = 0;       // there is no line end between m_line and this place
+    std::size_t m_end = 0;            // of the bytes
+    std::vector<std::size_t> m_seams; // within the line that is looked at next, and perhaps before it
     std::optional<PendingRecord> m_pending;
     bool m_isEnding = false;     // see endRecord
     bool m_isFileEnd = false;    // the last line ends where the bytes end
