@@ -375,7 +375,8 @@ def test_summary_counts_what_there_is(tavro, tmp_path):
 
 
 @pytest.mark.skipif(not shutil.which("lnav"), reason="lnav is missing")
-def test_lnav_understands_the_log(tmp_path):
+@pytest.mark.parametrize("line_end", ["\n", "\r\n"], ids=["LF", "CRLF"])
+def test_lnav_understands_the_log(tmp_path, line_end):
     formats = tmp_path / "configuration" / "formats" / "tavro"
     formats.mkdir(parents=True)
     shutil.copy(Path(__file__).parents[2] / "tools" / "lnav" / "tavro_log.json", formats)
@@ -385,7 +386,9 @@ def test_lnav_understands_the_log(tmp_path):
         for level in LEVELS:
             log.line(level=level, message="one\nand two")
         log.many(50)
-    (tmp_path / f"{BASE}000007.txt.gz").write_text(log.whole(), "utf-8")
+        log.notice()
+        log.line(message="the only line")
+    (tmp_path / f"{BASE}000007.txt.gz").write_bytes(log.whole().replace("\n", line_end).encode())
 
     def lnav(*arguments):
         return subprocess.run(["lnav", "-I", formats.parents[1], *arguments], cwd=tmp_path, stdin=subprocess.DEVNULL,
@@ -393,7 +396,15 @@ def test_lnav_understands_the_log(tmp_path):
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout.decode()
 
     assert lnav("-C") == ""
-    query = ";select log_level, thread, class, method from tavro_log where log_line > 1 and level != ''"
-    rows = list(csv.reader(io.StringIO(lnav("-n", "-c", query, "-c", ":write-csv-to -", f"{BASE}000007.txt.gz"))))[1:]
+
+    def rows_of(query):
+        output = lnav("-n", "-c", f";select {query}", "-c", ":write-csv-to -", f"{BASE}000007.txt.gz")
+        return list(csv.reader(io.StringIO(output, newline="")))[1:]
+
+    rows = rows_of("log_level, thread, class, method from tavro_log where log_line > 1 and level != ''")
     names = dict(zip(LEVELS, ["critical", "fatal", "error", "warning", "info", "debug", "notice"]))
     assert rows == [[names[row["level"]], row["thread"], row["class"], row["method"]] for row in log.rows if row["level"]]
+    notices = sum("pausing logger" in row["message"] for row in log.rows)
+    # lnav adds the empty lines before the second run to the other message with this text.
+    for body, count in (("%-pausing logger due to OOM", notices), ("the only line", 1)):
+        assert rows_of(f"count(*) from tavro_log where log_line > 1 and log_body like '{body}'") == [[str(count)]]
