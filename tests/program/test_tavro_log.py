@@ -198,6 +198,7 @@ def test_filters(tavro, tmp_path):
     moment = next(row["time"] for row in log.rows[100:] if len(row["time"]) == 23)
     hour = log.rows[200]["time"][:13]
 
+    assert call(tavro, tmp_path, "csv", "--since", "2024-02-29", "a.log.txt")[0] == 0
     for arguments, accepts in [
         (["--since", hour], lambda row: row["time"][:13] >= hour),
         (["--until", hour.replace(" ", "T")], lambda row: row["time"][:13] <= hour),
@@ -210,13 +211,16 @@ def test_filters(tavro, tmp_path):
         (["--thread", "4712"], lambda row: row["thread"] == "4712/reader 1"),
         (["--contains", "\\x=1"], lambda row: "\\x=1" in row["message"]),
         (["--run", "2"], lambda row: row["run"] == "2"), (["--run", "-1"], lambda row: row["run"] == "3"),
-        (["--run", "-9"], lambda row: False),
     ]:
         status, output, errors = call(tavro, tmp_path, "csv", *arguments, "a.log.txt")
         expected = [row for row in log.rows if accepts(row)]
         assert (status, from_csv(output), errors) == (0, expected, ""), arguments
-        assert len(expected) < len(log.rows) and (expected or "-9" in arguments), arguments
+        assert len(expected) < len(log.rows) and expected, arguments
+    for run in ("4", "-4"):
+        status, output, errors = call(tavro, tmp_path, "text", "--run", run, "a.log.txt")
+        assert (status, output) == (1, b"") and f"--run {run}: there is no such run; there are 3" in errors
     for arguments, complaint in [(["--since", "2024-13"], "2024-13"), (["--until", "2024-03-05 7"], "2024-03-05 7"),
+                                 (["--since", "2023-02-29 01"], "2023-02-29 01"), (["--run", "0"], "--run 0"),
                                  (["--level", "Errors"], "Assert, Fatal, Error, Warn, Info, Debug and Control"),
                                  (["nowhere.txt"], "nowhere.txt: there is no such file"), (["--bad"], "--bad")]:
         status, output, errors = call(tavro, tmp_path, "text", "a.log.txt", *arguments)
@@ -272,7 +276,9 @@ def test_follow_over_rotations_loses_nothing_and_prints_nothing_twice(tavro, tmp
             files = [*sorted(folder.glob("*[0-9].txt*")), folder / "flushed.log.txt"]
             written = b"".join(path.read_bytes() for path in files)
             whole = written[:written.rindex(b"\n") + 1]
-            wait_for(lambda: (tmp_path / "followed").stat().st_size >= len(whole), "the last lines")
+            # A line without an end may belong to the record before it, which is then not written yet.
+            certain = whole if written == whole else whole[:whole.rindex(b"\n", 0, -1) + 1]
+            wait_for(lambda: (tmp_path / "followed").stat().st_size >= len(certain), "the last lines")
             with open(folder / "flushed.log.txt", "ab") as live:  # what is silent for a while goes on
                 live.write(b"" if written == whole else b"\n")
                 live.write(b"\n\n2024-03-05 07:08:09.042, -----------------Log Start----------------------\n")

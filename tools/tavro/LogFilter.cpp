@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 
 namespace Tool
 {
@@ -46,6 +47,25 @@ bool isInside(std::string_view text, const TimePart& part)
     return text.size() >= part.place + part.length && number >= part.least && number <= part.most;
 }
 
+/// Whether a text with the parts of a time has a day that the month has, as far as it goes.
+bool hasDay(std::string_view text)
+{
+    constexpr std::size_t DATE = 10;
+    if (text.size() < DATE)
+    {
+        return true;
+    }
+    const auto number = [&](const TimePart& part) {
+        int value = 0;
+        std::from_chars(text.data() + part.place, text.data() + part.place + part.length, value);
+        return value;
+    };
+    return std::chrono::year_month_day(std::chrono::year(number(TIME_PARTS[0])),
+                                       std::chrono::month(static_cast<unsigned>(number(TIME_PARTS[1]))),
+                                       std::chrono::day(static_cast<unsigned>(number(TIME_PARTS[2]))))
+        .ok();
+}
+
 /// A time of the user in the form of the log.
 std::string checkedTime(const std::string& given)
 {
@@ -60,7 +80,7 @@ std::string checkedTime(const std::string& given)
         text.pop_back();
     }
     if (text.empty() || !hasForm(text) || !isDigit(text.back()) ||
-        !std::ranges::all_of(TIME_PARTS, [&](const TimePart& part) { return isInside(text, part); }))
+        !std::ranges::all_of(TIME_PARTS, [&](const TimePart& part) { return isInside(text, part); }) || !hasDay(text))
     {
         throw Misuse("\"" + given +
                      "\" is no time: give one such as \"2024-03-05 07:08:09.042\" (UTC), or its begin up to the end of "

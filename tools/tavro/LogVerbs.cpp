@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -29,7 +31,7 @@ struct Options
     std::vector<std::string> methods;
     std::vector<std::string> threads;
     std::string contained;
-    std::int64_t run = 0; // 0: all
+    std::optional<std::int64_t> run; // all if there is none
     bool isFollowed = false;
 };
 
@@ -42,6 +44,36 @@ std::uint64_t countRuns(const std::vector<Tool::LogPath>& files)
     Tool::LogPump pump(files, [](const Tool::LogRecord&) {});
     pump.run(Tool::isStandardErrorTerminal() && !Tool::isStandardOutputTerminal());
     return pump.runs();
+}
+
+/// Thrown if the log does not have the run that is asked for.
+struct MissingRun : std::runtime_error
+{
+    MissingRun(std::int64_t run, std::uint64_t runs)
+        : std::runtime_error("--run " + std::to_string(run) + ": there is no such run; there are " +
+                             std::to_string(runs))
+    {
+    }
+};
+
+/// The number of a run that may be counted from the end.
+std::uint64_t runOf(std::int64_t run, const std::vector<Tool::LogPath>& files)
+{
+    if (run == 0)
+    {
+        throw Tool::Misuse("--run 0: runs are counted from 1, or from the end: -1 is the last one");
+    }
+    if (run > 0)
+    {
+        return static_cast<std::uint64_t>(run);
+    }
+    const auto back = static_cast<std::uint64_t>(-(run + 1));
+    const std::uint64_t runs = countRuns(files);
+    if (back >= runs)
+    {
+        throw MissingRun(run, runs);
+    }
+    return runs - back;
 }
 
 Tool::LogFilter filterOf(const Options& options, const std::vector<Tool::LogPath>& files)
@@ -63,17 +95,34 @@ Tool::LogFilter filterOf(const Options& options, const std::vector<Tool::LogPath
     filter.setMethods(options.methods);
     filter.setThreads(options.threads);
     filter.setContained(options.contained);
-    if (options.run > 0)
+    if (options.run)
     {
-        filter.setRun(static_cast<std::uint64_t>(options.run));
-    }
-    else if (options.run < 0)
-    {
-        const auto back = static_cast<std::uint64_t>(-(options.run + 1));
-        const std::uint64_t runs = countRuns(files);
-        filter.setRun(back < runs ? runs - back : 0); // no record is of run 0
+        filter.setRun(runOf(*options.run, files));
     }
     return filter;
+}
+
+void requireRun(const Options& options, std::uint64_t runs)
+{
+    const std::int64_t run = options.run.value_or(0);
+    if (run > 0 && static_cast<std::uint64_t>(run) > runs)
+    {
+        throw MissingRun(run, runs);
+    }
+}
+
+/// The exit code of a verb, or that of a run that is missing.
+template <class Verb> int exitCodeOf(const Verb& verb)
+{
+    try
+    {
+        return verb();
+    }
+    catch (const MissingRun& missing)
+    {
+        std::cerr << "tavro: " << missing.what() << std::endl;
+        return Tool::FOUND;
+    }
 }
 
 void checkFollowed(const std::vector<Tool::LogPath>& files)
@@ -114,6 +163,7 @@ int print(LogForm form, const Options& options)
         }
         pump.run(Tool::isStandardErrorTerminal() && !isTerminal);
         output.flush();
+        requireRun(options, pump.runs());
     }
     catch (const Tool::LogOutput::PipeClosed&)
     {
@@ -150,7 +200,7 @@ void addForm(CLI::App& log, LogForm form, const std::string& name, const std::st
     addFiles(*verb, options->names);
     addFilters(*verb, *options);
     verb->add_flag("--follow,-f", options->isFollowed, "Go on with what the live file gets, until Ctrl-C");
-    verb->callback([form, options, &exitCode] { exitCode = print(form, *options); });
+    verb->callback([form, options, &exitCode] { exitCode = exitCodeOf([&] { return print(form, *options); }); });
 }
 
 int summarise(const Options& options, bool isJson)
@@ -165,6 +215,7 @@ int summarise(const Options& options, bool isJson)
         }
     });
     pump.run(Tool::isStandardErrorTerminal());
+    requireRun(options, pump.runs());
     isJson ? summary.writeJson(std::cout) : summary.writeText(std::cout);
     return pump.hasFound() ? Tool::FOUND : Tool::FINE;
 }
@@ -177,7 +228,8 @@ void addSummary(CLI::App& log, int& exitCode)
     addFiles(*verb, options->names);
     addFilters(*verb, *options);
     verb->add_flag("--json", *isJson, "One object for programs");
-    verb->callback([options, isJson, &exitCode] { exitCode = summarise(*options, *isJson); });
+    verb->callback(
+        [options, isJson, &exitCode] { exitCode = exitCodeOf([&] { return summarise(*options, *isJson); }); });
 }
 
 } // namespace
