@@ -380,6 +380,20 @@ def test_summary_counts_what_there_is(tavro, tmp_path):
     assert "runs: 4\n" in text and "Copier, 2: 4 lines, longest 15 s" in text and failure["time"] in text
 
 
+def test_summary_of_many_runs_and_classes(tavro, tmp_path):
+    log = Log(seed=7)
+    for run in range(1200):
+        log.start()
+        log.line(level="Info", cls=f"Class{run % 30}")
+    (tmp_path / "a.log.txt").write_text(log.whole(), "utf-8")
+    summary = json.loads(call(tavro, tmp_path, "summary", "--json", "a.log.txt")[1])
+    assert (summary["runCount"], summary["records"], summary["levels"]["Info"]) == (1200, 2400, 1200)
+    assert [run["run"] for run in summary["runs"]] == list(range(201, 1201))
+    assert {entry["class"]: entry["lines"] for entry in summary["classes"]} == {f"Class{i}": 40 for i in range(30)}
+    text = call(tavro, tmp_path, "summary", "a.log.txt")[1].decode()
+    assert "runs: 1200, of which the newest are shown" in text and "and 20 more classes" in text
+
+
 @pytest.mark.skipif(not shutil.which("lnav"), reason="lnav is missing")
 @pytest.mark.parametrize("line_end", ["\n", "\r\n"], ids=["LF", "CRLF"])
 def test_lnav_understands_the_log(tmp_path, line_end):

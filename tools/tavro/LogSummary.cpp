@@ -6,6 +6,7 @@
 #include <charconv>
 #include <chrono>
 #include <iomanip>
+#include <span>
 #include <sstream>
 
 namespace Tool
@@ -122,6 +123,11 @@ void LogSummary::add(const LogRecord& record)
     if (m_runs.empty() || m_runs.back().run != record.run)
     {
         m_runs.push_back({.run = record.run, .first = "", .last = ""});
+        ++m_runCount;
+        if (m_runs.size() > MAX_RUNS)
+        {
+            m_runs.pop_front();
+        }
         m_lastMicroseconds.reset();
     }
     ++m_runs.back().records;
@@ -192,6 +198,7 @@ void LogSummary::addGap(const LogRecord& record, std::int64_t microseconds)
 void LogSummary::addLine(const LogRecord& record)
 {
     ++m_runs.back().levels.at(record.level);
+    ++m_levels.at(record.level);
     if (m_lastCount == nullptr || record.className != m_lastClass)
     {
         m_lastCount = &entryOf(m_classes, record.className);
@@ -231,22 +238,11 @@ void LogSummary::addStuck(const LogRecord& record)
     thread.last = record.time;
 }
 
-std::vector<std::pair<std::string_view, std::uint64_t>> LogSummary::topClasses() const
+std::vector<std::pair<std::string_view, std::uint64_t>> LogSummary::sortedClasses() const
 {
     std::vector<std::pair<std::string_view, std::uint64_t>> classes(m_classes.begin(), m_classes.end());
     std::ranges::stable_sort(classes, std::greater(), &decltype(classes)::value_type::second);
-    classes.resize(std::min(classes.size(), TOP_CLASSES));
     return classes;
-}
-
-LogSummary::LevelCounts LogSummary::totalLevels() const
-{
-    LevelCounts total{};
-    for (const Run& run : m_runs)
-    {
-        std::transform(total.begin(), total.end(), run.levels.begin(), total.begin(), std::plus());
-    }
-    return total;
 }
 
 void LogSummary::writeText(std::ostream& out) const
@@ -259,9 +255,16 @@ void LogSummary::writeText(std::ostream& out) const
     }
     writeRuns(out);
     out << "\nlines of each class:\n";
-    for (const auto& [name, lines] : topClasses())
+    const auto classes = sortedClasses();
+    const std::size_t shown = std::min(classes.size(), TOP_CLASSES);
+    for (const auto& [name, lines] : std::span(classes).first(shown))
     {
         out << std::right << std::setw(NUMBER_WIDTH) << lines << "  " << (name.empty() ? "(none)" : name) << '\n';
+    }
+    if (shown != classes.size())
+    {
+        out << std::setw(NUMBER_WIDTH) << ""
+            << "  and " << classes.size() - shown << " more classes with fewer lines\n";
     }
     out << "\nlongest pauses between two lines of a run:\n";
     for (const Gap& gap : m_gaps)
@@ -275,7 +278,7 @@ void LogSummary::writeText(std::ostream& out) const
 void LogSummary::writeRuns(std::ostream& out) const
 {
     const std::size_t left = m_runs.size() - std::min(m_runs.size(), NEWEST_RUNS);
-    out << "\nruns: " << m_runs.size() << (left == 0 ? "" : ", of which the newest are shown") << '\n';
+    out << "\nruns: " << m_runCount << (left == 0 ? "" : ", of which the newest are shown") << '\n';
     const auto row = [&](std::string_view run, std::string_view first, std::string_view last, const auto& counts) {
         out << std::right << std::setw(6) << run << "  " << std::left << std::setw(TIME_WIDTH) << first
             << std::setw(TIME_WIDTH) << last << std::right;
@@ -290,7 +293,7 @@ void LogSummary::writeRuns(std::ostream& out) const
         row(std::to_string(run.run), run.first.substr(0, TIME_WIDTH - 1), run.last.substr(0, TIME_WIDTH - 1),
             run.levels);
     });
-    row("all", "", "", totalLevels());
+    row("all", "", "", m_levels);
 }
 
 void LogSummary::writeFindings(std::ostream& out) const
@@ -322,8 +325,8 @@ void LogSummary::writeJson(std::ostream& out) const
 {
     out << R"({"records":)" << m_records << R"(,"raw":)" << m_raw << R"(,"first":)" << jsonText(m_first)
         << R"(,"last":)" << jsonText(m_last) << R"(,"levels":)";
-    writeLevels(out, totalLevels());
-    out << R"(,"runs":)";
+    writeLevels(out, m_levels);
+    out << R"(,"runCount":)" << m_runCount << R"(,"runs":)";
     writeArray(out, m_runs, [&](const Run& run) {
         out << R"({"run":)" << run.run << R"(,"first":)" << jsonText(run.first) << R"(,"last":)" << jsonText(run.last)
             << R"(,"records":)" << run.records << R"(,"levels":)";
@@ -331,7 +334,7 @@ void LogSummary::writeJson(std::ostream& out) const
         out << '}';
     });
     out << R"(,"classes":)";
-    writeArray(out, topClasses(), [&](const auto& entry) {
+    writeArray(out, sortedClasses(), [&](const auto& entry) {
         out << R"({"class":)" << jsonText(entry.first) << R"(,"lines":)" << entry.second << '}';
     });
     out << R"(,"gaps":)";

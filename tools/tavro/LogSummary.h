@@ -6,8 +6,8 @@
 //     summary.add(record);                // each one
 //     summary.writeText(std::cout);
 //
-// Memory: some bytes for each run and for each name of a class or a stuck thread, of which at most MAX_NAMES are told
-// apart. Not for several threads at once.
+// Memory: some bytes for each of the newest MAX_RUNS runs, and for each name of a class or a stuck thread, of which at
+// most MAX_NAMES are told apart. Not for several threads at once.
 
 #include "tools/tavro/LogReader.h"
 
@@ -29,6 +29,7 @@ class LogSummary
 {
 public:
     static constexpr std::size_t MAX_NAMES = 10'000; ///< what has another name counts as OTHERS
+    static constexpr std::size_t MAX_RUNS = 1'000;   ///< older ones count in the totals alone
     static constexpr std::string_view OTHERS = "(others)";
 
     void add(const LogRecord& record);
@@ -87,13 +88,14 @@ private:
     void addGap(const LogRecord& record, std::int64_t microseconds);
     void addLine(const LogRecord& record);
     void addStuck(const LogRecord& record);
-    [[nodiscard]] std::vector<std::pair<std::string_view, std::uint64_t>> topClasses() const;
-    [[nodiscard]] LevelCounts totalLevels() const;
+    [[nodiscard]] std::vector<std::pair<std::string_view, std::uint64_t>> sortedClasses() const;
     void writeRuns(std::ostream& out) const;
     void writeFindings(std::ostream& out) const;
 
-    std::vector<Run> m_runs;
-    std::string m_first; // times of the whole log
+    std::deque<Run> m_runs; // the newest ones
+    std::uint64_t m_runCount = 0;
+    LevelCounts m_levels{}; // of all runs
+    std::string m_first;    // times of the whole log
     std::string m_last;
     std::uint64_t m_records = 0;
     std::uint64_t m_raw = 0;
