@@ -218,7 +218,7 @@ def test_filters(tavro, tmp_path):
         assert len(expected) < len(log.rows) and expected, arguments
     for run in ("4", "-4"):
         status, output, errors = call(tavro, tmp_path, "text", "--run", run, "a.log.txt")
-        assert (status, output) == (1, b"") and f"--run {run}: there is no such run; there are 3" in errors
+        assert (status, output) == (1, b"") and f"--run {run}: there is no such run; runs in the log: 3" in errors
     for arguments, complaint in [(["--since", "2024-13"], "2024-13"), (["--until", "2024-03-05 7"], "2024-03-05 7"),
                                  (["--since", "2023-02-29 01"], "2023-02-29 01"), (["--run", "0"], "--run 0"),
                                  (["--level", "Errors"], "Assert, Fatal, Error, Warn, Info, Debug and Control"),

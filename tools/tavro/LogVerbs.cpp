@@ -50,8 +50,8 @@ std::uint64_t countRuns(const std::vector<Tool::LogPath>& files)
 struct MissingRun : std::runtime_error
 {
     MissingRun(std::int64_t run, std::uint64_t runs)
-        : std::runtime_error("--run " + std::to_string(run) + ": there is no such run; there are " +
-                             std::to_string(runs))
+        : std::runtime_error("--run " + std::to_string(run) +
+                             ": there is no such run; runs in the log: " + std::to_string(runs))
     {
     }
 };
