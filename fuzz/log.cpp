@@ -44,7 +44,7 @@ struct Kept
 };
 
 /// Calls visit with each record of the log, whose bytes come in pieces of the sizes that pieceSize returns. isLive:
-/// each record ends when the bytes at hand do, as in a file that is followed.
+/// each record ends when the bytes at hand do, as in a file that is followed, and each piece may begin another file.
 template <class PieceSize, class Visit>
 void read(std::string_view log, Tool::LogReader& reader, bool isLive, PieceSize pieceSize, Visit visit)
 {
@@ -58,6 +58,10 @@ void read(std::string_view log, Tool::LogReader& reader, bool isLive, PieceSize 
     while (!log.empty())
     {
         const std::span<char> room = reader.room();
+        if (isLive)
+        {
+            reader.addSeam();
+        }
         const std::size_t size = log.copy(room.data(), std::min(room.size(), pieceSize()));
         reader.add(size);
         log.remove_prefix(size);
