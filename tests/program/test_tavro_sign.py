@@ -118,12 +118,13 @@ def test_line_ends_are_those_of_the_copy(signer):
 
 
 def test_a_text_that_the_program_would_not_take_is_refused(signer):
-    bad = [b"\xef\xbb\xbft_bom = 1", b"word ; = 1", b"t_eof = 1 ; \x1a", b"t_twice = 1", b"T_TWICE = 2", b"t_twice =",
-           b't_open = "x', b"t_word = many", b"t_zero = 1 ; \0", b't_qlogMaxFiles = "x"', b"t_long = 1 ;".ljust(512, b".")]
+    bad = [b"\xef\xbb\xbft_bom = 1", b"word ; = 1", b"t_twice = 1", b"T_TWICE = 2", b"t_twice =",
+           b't_open = "x', b"t_word = many", b"t_zero = 1 ; \0", b't_qlogMaxFiles = "x"', b"t_long = 1 ;".ljust(512, b"."),
+           b"t_eof = 1 ; \x1a"]
     code, out, _ = signer.sign(b"t_good = 1\n" + b"\r\n".join(bad[1:]))
-    expected = [(2, 'tweak line without "=": word'), (3, "0x1A"), (4, "more than once"), (6, "more than once"),
-                (7, "no closing double quote"), (8, "'many'"), (9, "zero byte"), (10, "must be an integer"),
-                (11, "511 characters")]
+    expected = [(2, 'tweak line without "=": word'), (3, "more than once"), (5, "more than once"),
+                (6, "no closing double quote"), (7, "'many'"), (8, "zero byte"), (9, "must be an integer"),
+                (10, "511 characters"), (11, "0x1A")]
     lines = out.splitlines()
     assert code == 1 and len(lines) == len(expected), out
     for (number, part), line in zip(expected, lines):
