@@ -194,7 +194,8 @@ void Examiner::examineEncoding(const std::string& path)
                  "the file has a byte order mark, which becomes part of the first name: save it as UTF-8 without one");
     }
     const auto end = std::ranges::find_if(bytes, platform::endsText);
-    if (end != bytes.end())
+    const auto isBlank = [](char byte) { return byte == '\r' || byte == '\n' || platform::endsText(byte); };
+    if (!std::all_of(end, bytes.end(), isBlank)) // some editors end a file with that byte
     {
         const auto line = static_cast<std::uint32_t>(std::count(bytes.begin(), end, '\n')) + 1;
         addError({path, line}, "a byte 0x1A (Ctrl-Z) ends the file for the program: what follows is ignored");
