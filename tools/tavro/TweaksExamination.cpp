@@ -175,6 +175,7 @@ private:
     void examineLogOfProgram();
 
     Table m_table;
+    bool m_isForAllTargets = false; // whatever target examines it
     std::vector<Finding> m_findings;
     std::map<std::string, FilePlace, CaseInsensitiveLess> m_origins; // of the tweaks that are set
 };
@@ -195,7 +196,7 @@ void Examiner::examineEncoding(const std::string& path)
     }
     const auto end = std::ranges::find_if(bytes, platform::endsText);
     const auto isBlank = [](char byte) { return byte == '\r' || byte == '\n' || platform::endsText(byte); };
-    if (!std::all_of(end, bytes.end(), isBlank)) // some editors end a file with that byte
+    if (!m_isForAllTargets && !std::all_of(end, bytes.end(), isBlank)) // some editors end a file with that byte
     {
         const auto line = static_cast<std::uint32_t>(std::count(bytes.begin(), end, '\n')) + 1;
         addError({path, line}, "a byte 0x1A (Ctrl-Z) ends the file for the program: what follows is ignored");
@@ -210,7 +211,7 @@ void Examiner::examineBytesOfAllTargets(const std::string& path)
     for (std::string line; std::getline(file, line);)
     {
         ++number;
-        if (line.find('\x1A') != std::string::npos && !platform::endsText('\x1A'))
+        if (line.find('\x1A') != std::string::npos)
         {
             addError({path, number}, "the line has a byte 0x1A (Ctrl-Z), which ends the text on Windows");
         }
@@ -223,6 +224,7 @@ void Examiner::examineBytesOfAllTargets(const std::string& path)
 
 void Examiner::examineTextToSign(const std::string& path)
 {
+    m_isForAllTargets = true;
     examineBytesOfAllTargets(path);
     examineText(path, TweakFileKind::Consistent, path);
     examineValuesInEffect();
