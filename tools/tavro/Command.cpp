@@ -1,6 +1,7 @@
 #include "tools/tavro/Command.h"
 
 #include "tools/tavro/LogSystem.h"
+#include "tools/tavro/SystemFacts.h"
 
 #include <array>
 #include <cstdlib>
@@ -75,7 +76,7 @@ void appendEscaped(std::string& json, char character)
 void Tool::enterFolder(const std::string& folder)
 {
     std::error_code error;
-    std::filesystem::current_path(folder, error);
+    std::filesystem::current_path(pathOf(folder), error);
     if (error)
     {
         throw Misuse(folder + ": " + error.message());

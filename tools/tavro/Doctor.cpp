@@ -49,13 +49,14 @@ std::string workingFolder()
 bool isFile(const std::string& path)
 {
     std::error_code error;
-    return fs::exists(path, error) && !fs::is_directory(path, error);
+    const fs::path file = pathOf(path);
+    return fs::exists(file, error) && !fs::is_directory(file, error);
 }
 
 bool isFolder(const std::string& path)
 {
     std::error_code error;
-    return fs::is_directory(path, error);
+    return fs::is_directory(pathOf(path), error);
 }
 
 std::string bytesText(std::uintmax_t bytes)
@@ -112,12 +113,12 @@ void Doctor::examineOwnership(const char* step, const std::string& path, const s
 {
     examineWriters(step, path, danger);
     std::error_code error;
-    fs::path folder = fs::absolute(path, error).parent_path();
+    fs::path folder = fs::absolute(pathOf(path), error).parent_path();
     for (; !error && !folder.empty(); folder = folder.parent_path())
     {
-        if (const std::string movers = otherMovers(folder.string()); !movers.empty())
+        if (const std::string movers = otherMovers(narrowOf(folder)); !movers.empty())
         {
-            fault(step, path + " may be exchanged by " + movers + ", who may write " + folder.string() + ": " + danger,
+            fault(step, path + " may be exchanged by " + movers + ", who may write " + narrowOf(folder) + ": " + danger,
                   "let only administrators write there, or move it to such a folder");
             return;
         }
@@ -262,7 +263,7 @@ void Doctor::examineLiveFile(const std::string& path)
               "let the program write into the folder");
     }
     std::error_code error;
-    const std::uintmax_t bytes = fs::is_regular_file(path, error) ? fs::file_size(path, error) : 0;
+    const std::uintmax_t bytes = isFile(path) ? fs::file_size(pathOf(path), error) : 0;
     fine(STEP, path + ", " + bytesText(error ? 0 : bytes));
     for (const std::string& program : programs)
     {
@@ -279,17 +280,17 @@ void Doctor::examineNumberedFiles(const std::string& basePath)
     std::uintmax_t bytes = 0;
     std::size_t numFiles = 0;
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folderOf(basePath), error))
+    for (const fs::directory_entry& entry : fs::directory_iterator(pathOf(folderOf(basePath)), error))
     {
-        const std::string name = entry.path().filename().string();
+        const std::string name = narrowOf(entry.path().filename());
         if (!name.starts_with(prefix) || name == prefix + ".txt" || entry.is_directory(error))
         {
             continue;
         }
         if (name.size() == prefix.size() || name[prefix.size()] < '0' || name[prefix.size()] > '9')
         {
-            note(STEP, entry.path().string() + " counts as the oldest numbered file and is removed first; keep copies "
-                                               "elsewhere");
+            note(STEP, narrowOf(entry.path()) + " counts as the oldest numbered file and is removed first; keep copies "
+                                                "elsewhere");
         }
         ++numFiles;
         bytes += entry.file_size(error);
@@ -303,7 +304,7 @@ void Doctor::examineSpace(const std::string& folder)
     constexpr std::uintmax_t NEEDED =
         std::uintmax_t{20} * 1'048'576; // a live file until its rotation, and the next one
     std::error_code error;
-    const fs::space_info space = fs::space(folder, error);
+    const fs::space_info space = fs::space(pathOf(folder), error);
     if (error)
     {
         return;
@@ -426,7 +427,7 @@ void Doctor::examineAgent()
     fine(STEP, path + ", found " + reasonOf(found->rule));
     const bool isProgramFolder = found->rule == platform::SearchRule::ProgramFolder;
     std::error_code error;
-    if (!isProgramFolder && !fs::equivalent(found->path, folderOf(m_program), error))
+    if (!isProgramFolder && !fs::equivalent(pathOf(found->path), pathOf(folderOf(m_program)), error))
     {
         fault(STEP,
               "the agent is not beside the program: whatever has its name " + reasonOf(found->rule) +
@@ -483,8 +484,9 @@ std::string Tool::programBesideTool()
 std::string Tool::programNamed(const std::string& path)
 {
     std::error_code error;
-    const fs::path full = IS_WINDOWS ? fs::absolute(path, error) : fs::weakly_canonical(path, error);
-    return error ? path : full.string();
+    const fs::path given = pathOf(path);
+    const fs::path full = IS_WINDOWS ? fs::absolute(given, error) : fs::weakly_canonical(given, error);
+    return error ? path : narrowOf(full);
 }
 
 std::vector<Tool::Diagnosis> Tool::diagnose(const std::string& programPath)

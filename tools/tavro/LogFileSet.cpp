@@ -4,6 +4,7 @@
 #include "platform/Shell.h"
 #include "platform/Text.h"
 #include "tools/tavro/Command.h"
+#include "tools/tavro/SystemFacts.h"
 
 #include <algorithm>
 #include <array>
@@ -124,7 +125,7 @@ std::vector<LogPath> filesNamed(const std::string& name)
     {
         return {LogPath{.path = name, .base = name}};
     }
-    if (std::filesystem::is_directory(name, ignored))
+    if (std::filesystem::is_directory(pathOf(name), ignored))
     {
         return logsIn(name);
     }

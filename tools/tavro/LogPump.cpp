@@ -2,6 +2,7 @@
 
 #include "platform/Threads.h"
 #include "tools/tavro/Command.h"
+#include "tools/tavro/SystemFacts.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -23,7 +24,7 @@ std::uint64_t totalLength(const std::vector<LogPath>& files)
     for (const LogPath& file : files)
     {
         std::error_code error;
-        const std::uintmax_t length = std::filesystem::file_size(file.path, error);
+        const std::uintmax_t length = std::filesystem::file_size(pathOf(file.path), error);
         total += error ? 0 : length;
     }
     return total;

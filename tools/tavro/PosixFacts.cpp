@@ -1,7 +1,6 @@
 #include "tools/tavro/SystemFacts.h"
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <system_error>
 
@@ -10,6 +9,10 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+std::filesystem::path Tool::pathOf(const std::string& narrow) { return narrow; }
+
+std::string Tool::narrowOf(const std::filesystem::path& path) { return path.string(); }
 
 bool Tool::mayWrite(const std::string& path) { return access(path.c_str(), W_OK) == 0; }
 

@@ -2,11 +2,17 @@
 
 // Questions about files and folders that only the operating system can answer. Nothing is changed. Main thread only.
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
 namespace Tool
 {
+
+/// A narrow path, in the code page of this process, for std::filesystem, and back. On Windows the conversions of
+/// std::filesystem::path itself are of another encoding.
+[[nodiscard]] std::filesystem::path pathOf(const std::string& narrow);
+[[nodiscard]] std::string narrowOf(const std::filesystem::path& path);
 
 /// Whether the user that runs this may write the file, or make files in the folder.
 [[nodiscard]] bool mayWrite(const std::string& path);

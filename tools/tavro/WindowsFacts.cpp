@@ -86,6 +86,24 @@ std::string holdersOf(const std::string& path, DWORD rights)
 
 } // namespace
 
+std::filesystem::path Tool::pathOf(const std::string& narrow)
+{
+    const int size = static_cast<int>(narrow.size());
+    std::wstring wide(narrow.size(), L'\0'); // no code page makes more characters than bytes
+    wide.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_ACP, 0, narrow.data(), size, wide.data(), size)));
+    return wide;
+}
+
+std::string Tool::narrowOf(const std::filesystem::path& path)
+{
+    const std::wstring wide = path.wstring();
+    const int size = static_cast<int>(wide.size());
+    const int needed = WideCharToMultiByte(CP_ACP, 0, wide.data(), size, nullptr, 0, nullptr, nullptr);
+    std::string narrow(static_cast<std::size_t>(needed), '\0');
+    WideCharToMultiByte(CP_ACP, 0, wide.data(), size, narrow.data(), needed, nullptr, nullptr);
+    return narrow;
+}
+
 bool Tool::mayWrite(const std::string& path)
 {
     DWORD error = 0;

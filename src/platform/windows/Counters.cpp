@@ -6,11 +6,48 @@
 #include <pdhmsg.h>
 #include <psapi.h>
 
+#include <array>
+#include <string>
+
 namespace platform::windows
 {
 
 namespace
 {
+
+/// The functions of pdh.dll. It is loaded when the first counter is opened, by its full path: it is none of the
+/// libraries that Windows always takes from its own folder, so if the program file named it, a file of its name in
+/// the program's folder would be loaded instead. It stays loaded.
+struct PdhLibrary
+{
+    HMODULE library = load();
+    decltype(&PdhOpenQueryA) openQuery = functionOf<decltype(PdhOpenQueryA)>(library, "PdhOpenQueryA");
+    decltype(&PdhAddCounterA) addCounter = functionOf<decltype(PdhAddCounterA)>(library, "PdhAddCounterA");
+    decltype(&PdhCollectQueryData) collect = functionOf<decltype(PdhCollectQueryData)>(library, "PdhCollectQueryData");
+    decltype(&PdhGetRawCounterValue) rawValue =
+        functionOf<decltype(PdhGetRawCounterValue)>(library, "PdhGetRawCounterValue");
+    decltype(&PdhCloseQuery) closeQuery = functionOf<decltype(PdhCloseQuery)>(library, "PdhCloseQuery");
+
+    [[nodiscard]] bool isComplete() const
+    {
+        return openQuery != nullptr && addCounter != nullptr && collect != nullptr && rawValue != nullptr &&
+               closeQuery != nullptr;
+    }
+
+    static HMODULE load()
+    {
+        std::array<wchar_t, MAX_PATH> folder{};
+        GetSystemDirectoryW(folder.data(), MAX_PATH);
+        return LoadLibraryExW((std::wstring(folder.data()) + L"\\pdh.dll").c_str(), nullptr,
+                              LOAD_WITH_ALTERED_SEARCH_PATH); // what it needs itself is looked for in its folder first
+    }
+};
+
+const PdhLibrary& pdh()
+{
+    static const PdhLibrary loaded;
+    return loaded;
+}
 
 struct CpuQuery
 {
@@ -22,10 +59,14 @@ CpuQuery* toQuery(CpuCounter counter) { return reinterpret_cast<CpuQuery*>(count
 
 CpuCounter openCpuCounter()
 {
+    if (!pdh().isComplete())
+    {
+        return CpuCounter::Invalid;
+    }
     auto* const opened = new CpuQuery;
-    PdhOpenQueryA(nullptr, 0, &opened->query);
-    PdhAddCounterA(opened->query, "\\Processor(_Total)\\% Idle Time", 0, &opened->counter);
-    PdhCollectQueryData(opened->query);
+    pdh().openQuery(nullptr, 0, &opened->query);
+    pdh().addCounter(opened->query, "\\Processor(_Total)\\% Idle Time", 0, &opened->counter);
+    pdh().collect(opened->query);
     return CpuCounter{reinterpret_cast<std::intptr_t>(opened)};
 }
 
@@ -35,9 +76,9 @@ std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
     {
         return static_cast<std::int32_t>(PDH_INVALID_HANDLE);
     }
-    PdhCollectQueryData(toQuery(counter)->query);
+    pdh().collect(toQuery(counter)->query);
     PDH_RAW_COUNTER value = {};
-    const PDH_STATUS status = PdhGetRawCounterValue(toQuery(counter)->counter, nullptr, &value);
+    const PDH_STATUS status = pdh().rawValue(toQuery(counter)->counter, nullptr, &value);
     if (status == 0)
     {
         ticks = {.idle = value.FirstValue, .total = value.SecondValue};
@@ -47,7 +88,7 @@ std::int32_t readCpuCounter(CpuCounter counter, CpuTicks& ticks)
 
 void closeCpuCounter(CpuCounter counter)
 {
-    PdhCloseQuery(toQuery(counter)->query);
+    pdh().closeQuery(toQuery(counter)->query);
     delete toQuery(counter);
 }
 

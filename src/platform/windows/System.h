@@ -22,6 +22,12 @@ namespace platform::windows
     return succeeded != FALSE ? ErrorNumber::Success : lastError();
 }
 
+/// The function of that name in a library, of the type that its header declares; null if there is none.
+template <typename Function> [[nodiscard]] Function* functionOf(HMODULE library, const char* name) noexcept
+{
+    return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
+}
+
 /// The value of a FILETIME, which counts units of 100 ns.
 [[nodiscard]] inline ULONGLONG toTicks(const FILETIME& time) noexcept
 {
