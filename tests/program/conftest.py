@@ -60,7 +60,7 @@ def artefacts(pytestconfig, windows_build):
 def screen():
     """A display without a monitor."""
     receive, send = os.pipe()
-    server = subprocess.Popen(["Xvfb", "-displayfd", str(send), "-screen", "0", "800x600x24", "-nolisten", "tcp"],
+    server = subprocess.Popen(["Xvfb", "-displayfd", str(send), "-screen", "0", "1280x800x24", "-nolisten", "tcp"],
                               pass_fds=[send], stderr=subprocess.DEVNULL)
     os.close(send)
     with os.fdopen(receive) as display:
@@ -79,22 +79,20 @@ def wine(screen, tmp_path_factory):
     # In a virtual desktop Wine draws the caption and its buttons, and a program stays a child of this process.
     key = r"HKCU\Software\Wine\Explorer"
     wine.run("wine", "reg", "add", key, "/v", "Desktop", "/d", "Default", "/f")
-    wine.run("wine", "reg", "add", key + r"\Desktops", "/v", "Default", "/d", "800x600", "/f")
-    # The distribution keeps the font of the caption's buttons where Wine does not look. The other fonts stay there:
-    # the substitute for the dialog's font is so wide that it would cut the prompt.
+    wine.run("wine", "reg", "add", key + r"\Desktops", "/v", "Default", "/d", "1280x800", "/f")
+    # The dialog's font is as wide as that of Windows. The distribution keeps the font of the caption's buttons where
+    # Wine does not look.
+    wine.run("wine", "reg", "add", r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\FontSubstitutes",
+             "/v", "MS Shell Dlg", "/d", "Liberation Sans", "/f")
     for font in Path("/usr/share/wine/fonts").glob("marlett.ttf"):
         shutil.copy(font, wine.prefix / "drive_c" / "windows" / "Fonts")
-    wine.end()  # processes that run already have no virtual desktop
     yield wine
     wine.end()
 
 
 @pytest.fixture(scope="session")
 def desktop(windows_build, wine):
-    with wine.start(windows_build / "window_probe.exe", wine.folder, text=True, encoding="utf-8",
-                    stdin=subprocess.PIPE, stdout=subprocess.PIPE) as probe:
-        desktop = Desktop(wine, probe)
-        desktop.dialog()  # brings up the desktop's own processes, outside the folders of the tests
+    with Desktop(wine, windows_build / "window_probe.exe") as desktop:
         yield desktop
 
 

@@ -211,13 +211,38 @@ class Desktop:
 
     def __init__(self, wine, probe):
         self.wine = wine
-        self._probe = probe
+        self._probe_path = probe
+        self._probe = None
+
+    def __enter__(self):
+        self.restart(96)
+        return self
+
+    def __exit__(self, *_):
+        if self._probe:
+            self._probe.communicate()
+
+    def restart(self, dots_per_inch):
+        """Ends all programs and begins again with a screen of that density."""
+        self.__exit__()
+        self.wine.run("wine", "reg", "add", r"HKCU\Control Panel\Desktop", "/v", "LogPixels", "/t", "REG_DWORD",
+                      "/d", str(dots_per_inch), "/f")
+        self.wine.end()  # processes that run already have no virtual desktop, and the old density
+        self._probe = self.wine.start(self._probe_path, self.wine.folder, text=True, encoding="utf-8",
+                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.dialog()  # brings up the desktop's own processes, outside the folders of the tests
 
     def dialog(self, name=None):
         """Puts a given name into the edit control. Returns the state of the dialog, None if there is none."""
         self._probe.stdin.write("\n" if name is None else f"={name}\n")
         self._probe.stdin.flush()
         return json.loads(self._probe.stdout.readline())
+
+    def load_library(self, name):
+        """Has the probe load a library, which it looks for as any program does."""
+        self._probe.stdin.write(f"!{name}\n")
+        self._probe.stdin.flush()
+        self._probe.stdout.readline()
 
     def control(self, control_id):
         return next(control for control in self.dialog()["controls"] if control["id"] == control_id)

@@ -10,9 +10,11 @@ pefile = pytest.importorskip("pefile")
 ENGLISH_US = 1033
 ICON, DIALOG, STRINGS, ICON_GROUP, MANIFEST = 3, 5, 6, 14, 24
 ICON_SIZES = [16, 32, 48, 64, 128]
+VERSION = 16
 BUTTON, EDIT, STATIC = 0x80, 0x81, 0x82
-SYSTEM_LIBRARIES = {f"{name}.dll" for name in
-                    ("kernel32", "user32", "shell32", "shlwapi", "msvcrt", "psapi", "pdh", "ole32", "advapi32")}
+# Of the libraries that Windows always takes from its own folder (the session manager's KnownDLLs).
+KNOWN_LIBRARIES = {f"{name}.dll" for name in
+                   ("advapi32", "gdi32", "kernel32", "msvcrt", "ole32", "psapi", "shell32", "shlwapi", "user32")}
 
 
 @pytest.fixture(scope="module")
@@ -53,7 +55,7 @@ class Reader:
 
 
 def test_nothing_is_missing_or_foreign(resources):
-    ids = [(DIALOG, 101), (STRINGS, 102 // 16 + 1), (ICON_GROUP, 104), (MANIFEST, 1)]
+    ids = [(DIALOG, 101), (STRINGS, 102 // 16 + 1), (ICON_GROUP, 104), (VERSION, 1), (MANIFEST, 1)]
     icons = [(ICON, number + 1) for number in range(len(ICON_SIZES))]
     assert sorted(resources) == sorted((*entry, ENGLISH_US) for entry in ids + icons)
 
@@ -101,15 +103,32 @@ def test_icon(resources):
     assert sorted(sizes) == ICON_SIZES
 
 
-def test_manifest_asks_for_administrator(resources):
+def test_manifest(resources):
     manifest = xml.etree.ElementTree.fromstring(resources[MANIFEST, 1, ENGLISH_US])
     level = manifest.find(".//{*}requestedExecutionLevel")
     assert level.attrib == {"level": "requireAdministrator", "uiAccess": "false"}
+    settings = {entry.tag.split("}")[1]: entry.text for entry in manifest.find(".//{*}windowsSettings")}
+    assert settings == {"dpiAware": "true/pm", "dpiAwareness": "PerMonitorV2, PerMonitor", "activeCodePage": "UTF-8"}
+    controls = manifest.find(".//{*}dependentAssembly/{*}assemblyIdentity")
+    assert (controls.get("name"), controls.get("version")) == ("Microsoft.Windows.Common-Controls", "6.0.0.0")
 
 
-def test_needs_only_the_system(image):
-    imported = {entry.dll.decode().lower() for entry in image.DIRECTORY_ENTRY_IMPORT}
-    assert {name for name in imported if not name.startswith("api-ms-")} <= SYSTEM_LIBRARIES
+@pytest.mark.parametrize("name", ["TavroVssAgentGUI.exe", "tavro.exe"])
+def test_version(windows_build, name):
+    image = pefile.PE(windows_build / name)
+    strings = {key.decode(): value.decode() for block in image.FileInfo[0] if hasattr(block, "StringTable")
+               for table in block.StringTable for key, value in table.entries.items()}
+    fixed = image.VS_FIXEDFILEINFO[0]
+    numbers = [fixed.FileVersionMS >> 16, fixed.FileVersionMS & 0xFFFF, fixed.FileVersionLS >> 16]
+    assert strings["FileVersion"] == ".".join(map(str, numbers))
+    assert strings["ProductVersion"].startswith(strings["FileVersion"] + ", ")  # and the commit
+    assert strings["OriginalFilename"] == name
+
+
+@pytest.mark.parametrize("name", ["TavroVssAgentGUI.exe", "tavro.exe"])
+def test_needs_only_libraries_of_the_system(windows_build, name):
+    imported = {entry.dll.decode().lower() for entry in pefile.PE(windows_build / name).DIRECTORY_ENTRY_IMPORT}
+    assert {name for name in imported if not name.startswith("api-ms-")} <= KNOWN_LIBRARIES
 
 
 def test_is_small_without_its_debug_information(image):
