@@ -38,13 +38,6 @@ struct SearchedFolder
 /// path. The first file of the name counts, even if it cannot be executed.
 [[nodiscard]] std::vector<SearchedFolder> searchedFolders(const std::string& programPath);
 
-/// From now on, a library that this process loads by a bare name comes from the system's folder alone, never from the
-/// program's folder, the working folder or the PATH, where others may be able to write. SetDefaultDllDirectories; it
-/// does nothing on Windows 7 without its update KB2533623, and on POSIX, where the loader looks in none of them by
-/// itself. To be called first in an entry point, on the main thread. Libraries that the program file itself names are
-/// loaded before.
-void loadLibrariesFromSystemOnly() noexcept;
-
 /// The table of this header's calls, which tests replace.
 struct ProcessCalls
 {

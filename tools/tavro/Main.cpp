@@ -1,6 +1,5 @@
 // The console tool for administrators, operators and support. `tavro --help` shows what it does.
 
-#include "platform/Process.h"
 #include "tools/tavro/Command.h"
 #include "tools/tavro/Verbs.h"
 
@@ -73,7 +72,6 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    platform::loadLibrariesFromSystemOnly();
     try
     {
         std::ios::sync_with_stdio(false);

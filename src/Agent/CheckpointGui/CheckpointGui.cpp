@@ -8,12 +8,10 @@
 #include "datapath/common/infra/ProgramSetup.h"
 #include "datapath/common/infra/Tweaks.h"
 #include "platform/Entry.h"
-#include "platform/Process.h"
 
 int wWinMain(platform::ModuleHandle instance, platform::ModuleHandle /*previousInstance*/, wchar_t* /*commandLine*/,
              int /*showCommand*/)
 {
-    platform::loadLibrariesFromSystemOnly(); // the program is elevated, and may lie in a folder of downloads
     const std::string logFileName = CHECKPOINT_LOG;
     setAgentTweakDefaults();
     ProgramSetup::chooseMemoryMode();

@@ -169,8 +169,6 @@ void endProcess()
 
 } // namespace platform::posix
 
-void platform::loadLibrariesFromSystemOnly() noexcept {}
-
 std::vector<platform::SearchedFolder> platform::searchedFolders(const std::string& programPath)
 {
     std::vector<SearchedFolder> folders = {

@@ -50,16 +50,6 @@ void endProcess()
 
 } // namespace platform::windows
 
-void platform::loadLibrariesFromSystemOnly() noexcept
-{
-    constexpr DWORD SYSTEM_FOLDER = 0x800; // LOAD_LIBRARY_SEARCH_SYSTEM32
-    if (auto* const setFolders =
-            windows::functionOf<BOOL WINAPI(DWORD)>(GetModuleHandleW(L"kernel32.dll"), "SetDefaultDllDirectories"))
-    {
-        setFolders(SYSTEM_FOLDER);
-    }
-}
-
 /// Source of the order: the documentation of CreateProcessW, without the folder of 16-bit systems.
 std::vector<platform::SearchedFolder> platform::searchedFolders(const std::string& programPath)
 {
