@@ -33,7 +33,7 @@ if(WIN32)
   # larger functions are not inlined, so that it stays under 1.6 MB.
   add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-ffunction-sections> $<$<COMPILE_LANGUAGE:CXX>:-fdata-sections>
     $<$<COMPILE_LANGUAGE:CXX>:-fno-inline-functions> $<$<COMPILE_LANGUAGE:CXX>:--param=max-inline-insns-single=12>)
-  add_link_options(-static -fstack-protector-strong -Wl,--gc-sections,--dynamicbase,--high-entropy-va,--nxcompat)
+  add_link_options(-static -fstack-protector-strong -Wl,--gc-sections,--no-insert-timestamp,--dynamicbase,--high-entropy-va,--nxcompat)
 else()
   if(NOT CMAKE_POSITION_INDEPENDENT_CODE) # else the code is to fit into shared libraries, too, and is slower
     set(CMAKE_POSITION_INDEPENDENT_CODE ON)

@@ -28,4 +28,5 @@ ensure_packages() {
 BUILD_PACKAGES="g++ cmake ninja-build libcli11-dev zlib1g-dev"
 WINDOWS_PACKAGES="g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 libz-mingw-w64-dev"
 WINE_PACKAGES="wine wine64 fonts-wine"
+PACKAGING_PACKAGES="nsis zip debhelper dpkg-dev fakeroot git"
 ARM64_PACKAGES="g++-aarch64-linux-gnu qemu-user"
