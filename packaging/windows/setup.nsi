@@ -85,6 +85,9 @@ Var Index
 
 !define MUI_ICON "${ICON}"
 !define MUI_UNICON "${ICON}"
+!define MUI_WELCOMEFINISHPAGE_BITMAP "${PANEL}"
+!define MUI_UNCONFIRMPAGE_TEXT_TOP "The program is removed from this computer. The settings (*.conf), the tweaks and the \
+logs stay."
 !define MUI_ABORTWARNING
 !define MUI_WELCOMEPAGE_TEXT "Setup installs ${TITLE} ${VERSION} for all users of this computer.$\r$\n$\r$\nAn \
 older version is replaced. Its settings, its tweaks and its logs are kept."
@@ -201,14 +204,19 @@ Function ${un}log
   Pop $1
 FunctionEnd
 
-; Ends the work with $ExitCode: says $Reason, and logs it.
-Function ${un}refuse
+; Ends the work with $ExitCode, and logs $Reason.
+Function ${un}end
   SetErrorLevel $ExitCode
   StrCpy $0 "exit code $ExitCode: $Reason"
   Call ${un}log
   DetailPrint "$Reason"
-  MessageBox MB_OK|MB_ICONSTOP "$Reason" /SD IDOK
   Abort
+FunctionEnd
+
+; Says $Reason, and ends the work with $ExitCode.
+Function ${un}refuse
+  MessageBox MB_OK|MB_ICONSTOP "$Reason" /SD IDOK
+  Call ${un}end
 FunctionEnd
 
 ; Adds what $ErrorCode means to $Reason.
@@ -245,7 +253,7 @@ Function ${un}demand
       Return
     ${ElseIf} $ErrorCode = 32
       StrCpy $ExitCode ${EXIT_IN_USE}
-      StrCpy $Reason "$Folder\$File runs or is open in another program. Close it, and start again. Nothing was changed."
+      StrCpy $Reason "$Folder\$File runs or is open in another program. Close it, and try again. Nothing was changed."
     ${Else}
       StrCpy $ExitCode ${EXIT_NOT_WRITTEN}
       StrCpy $Reason "$Folder\$File cannot be replaced or removed"
@@ -253,7 +261,7 @@ Function ${un}demand
     ${EndIf}
     ${IfCmd} MessageBox MB_RETRYCANCEL|MB_ICONEXCLAMATION "$Reason" /SD IDCANCEL IDCANCEL ${||} ${ExitDo} ${|}
   ${Loop}
-  Call ${un}refuse
+  Call ${un}end
 FunctionEnd
 
 ; The checks that need no folder.
