@@ -1,9 +1,11 @@
 """Drives the finished program from outside: real files, a real window, a real agent process.
 
 The folders of the built presets are given by --linux-build and --windows-build (or the environment's
-TAVRO_LINUX_BUILD and TAVRO_WINDOWS_BUILD); tests of a target without a folder are left out.
+TAVRO_LINUX_BUILD and TAVRO_WINDOWS_BUILD); tests of a target without a folder are left out. So are those of the
+finished packages without --packages.
 """
 
+import contextlib
 import os
 import shutil
 import subprocess
@@ -20,6 +22,7 @@ def pytest_addoption(parser):
     for target in TARGETS:
         parser.addoption(f"--{target}-build", default=os.environ.get(f"TAVRO_{target.upper()}_BUILD"), metavar="DIR",
                          help=f"the folder of a built preset for {target}")
+    parser.addoption("--packages", metavar="DIR", help="the folder with the finished packages")
     parser.addoption("--artefacts", metavar="DIR", help="keep screenshots here (default: the Windows build folder)")
 
 
@@ -35,6 +38,7 @@ def pytest_generate_tests(metafunc):
 
 def pytest_collection_modifyitems(config, items):
     missing = {f"{target}_build" for target in TARGETS if not build_folder(config, target)}
+    missing |= set() if config.getoption("packages") else {"packages"}
     config.hook.pytest_deselected(items=[item for item in items if missing & set(item.fixturenames)])
     items[:] = [item for item in items if not missing & set(item.fixturenames)]
 
@@ -50,14 +54,19 @@ def windows_build(pytestconfig):
 
 
 @pytest.fixture(scope="session")
+def packages(pytestconfig):
+    return Path(pytestconfig.getoption("packages")).resolve()
+
+
+@pytest.fixture(scope="session")
 def artefacts(pytestconfig, windows_build):
     folder = Path(pytestconfig.getoption("artefacts") or windows_build).resolve()
     folder.mkdir(parents=True, exist_ok=True)
     return folder
 
 
-@pytest.fixture(scope="session")
-def screen():
+@contextlib.contextmanager
+def started_screen():
     """A display without a monitor."""
     receive, send = os.pipe()
     server = subprocess.Popen(["Xvfb", "-displayfd", str(send), "-screen", "0", "1280x800x24", "-nolisten", "tcp"],
@@ -69,11 +78,9 @@ def screen():
     server.wait()
 
 
-@pytest.fixture(scope="session")
-def wine(screen, tmp_path_factory):
-    """Runs commands under Wine. WINEPREFIX may name a prefix to keep, whose processes are ended before and after."""
-    folder = tmp_path_factory.mktemp("wine")
-    wine = Wine(folder, Path(os.environ.get("WINEPREFIX", folder / "prefix")), screen)
+@contextlib.contextmanager
+def started_wine(folder, prefix, screen):
+    wine = Wine(folder, prefix, screen)
     if not (wine.prefix / "system.reg").exists():
         wine.run("wineboot", "-i")
     # In a virtual desktop Wine draws the caption and its buttons, and a program stays a child of this process.
@@ -91,8 +98,31 @@ def wine(screen, tmp_path_factory):
 
 
 @pytest.fixture(scope="session")
+def screen():
+    with started_screen() as screen:
+        yield screen
+
+
+@pytest.fixture(scope="session")
+def wine(screen, tmp_path_factory):
+    """Runs commands under Wine. WINEPREFIX may name a prefix to keep, whose processes are ended before and after."""
+    folder = tmp_path_factory.mktemp("wine")
+    with started_wine(folder, Path(os.environ.get("WINEPREFIX", folder / "prefix")), screen) as wine:
+        yield wine
+
+
+@pytest.fixture(scope="session")
 def desktop(windows_build, wine):
     with Desktop(wine, windows_build / "window_probe.exe") as desktop:
+        yield desktop
+
+
+@pytest.fixture(scope="session")
+def fresh_desktop(windows_build, tmp_path_factory):
+    """A desktop of its own, on a Windows on which nothing was installed before."""
+    folder = tmp_path_factory.mktemp("fresh_wine")
+    with started_screen() as screen, started_wine(folder, folder / "prefix", screen) as wine, \
+            Desktop(wine, windows_build / "window_probe.exe") as desktop:
         yield desktop
 
 

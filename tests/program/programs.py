@@ -190,8 +190,9 @@ class Wine:
     def __init__(self, folder, prefix, screen):
         self.folder = folder
         self.prefix = prefix
+        # winemenubuilder would put each shortcut into the menu of the user of this machine too.
         self.variables = {"DISPLAY": screen, "WINEPREFIX": str(prefix), "WINEDEBUG": "-all",
-                          "WINEDLLOVERRIDES": "mscoree,mshtml="}
+                          "WINEDLLOVERRIDES": "mscoree,mshtml,winemenubuilder.exe="}
 
     def start(self, program, folder, more_variables=(), arguments=(), **options):
         environment = os.environ | self.variables | dict(more_variables)
