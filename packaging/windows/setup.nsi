@@ -21,9 +21,9 @@
 ; Each end after the check for an administrator is a line of %ProgramData%\Tavro\logs\TavroVssAgentGUI-setup.log, in
 ; UTF-8: UTC time, version, what was done, "folder", "result".
 ;
-; An installation that fails or is killed leaves each file either old or new, and running setup again mends it: all files
-; are first written under another name beside their targets, then the targets are checked, and only then replaced one by
-; one. The customer's TavroVssAgent.exe in the same folder is never touched.
+; An installation that fails or is killed leaves each file either old or new, and running setup again mends it: all
+; files are first written under another name beside their targets, then the targets are checked, and only then replaced
+; one by one. The customer's TavroVssAgent.exe in the same folder is never touched.
 
 Target amd64-unicode
 SetCompressor /SOLID lzma
@@ -86,8 +86,8 @@ Var Index
 !define MUI_ICON "${ICON}"
 !define MUI_UNICON "${ICON}"
 !define MUI_WELCOMEFINISHPAGE_BITMAP "${PANEL}"
-!define MUI_UNCONFIRMPAGE_TEXT_TOP "The program is removed from this computer. The settings (*.conf), the tweaks and the \
-logs stay."
+!define MUI_UNCONFIRMPAGE_TEXT_TOP "The program is removed from this computer. The settings (*.conf), the tweaks and \
+the logs stay."
 !define MUI_ABORTWARNING
 !define MUI_WELCOMEPAGE_TEXT "Setup installs ${TITLE} ${VERSION} for all users of this computer.$\r$\n$\r$\nAn \
 older version is replaced. Its settings, its tweaks and its logs are kept."
@@ -185,7 +185,7 @@ Function ${un}log
   IntFmt $2 ".%03d" $R1
   StrCpy $1 '$1$2,${VERSION},$Doing,"$INSTDIR","$0"$\r$\n'
   StrCpy $2 "$APPDATA\Tavro\logs\${ID}-setup.log"
-  ; 4 only appends; 7 shares with everybody; 4 opens or makes; 0x00200080 does not follow a link that somebody put there.
+  ; 4 only appends; 7 shares with everybody; 4 opens or makes; 0x00200080 does not follow a link.
   System::Call 'kernel32::CreateFileW(w r2, i 4, i 7, p 0, i 4, i 0x00200080, p 0) p .r3'
   ${If} $3 P<> -1
     System::Alloc 4096 ; 1,024 units of UTF-16 are at most 3,072 bytes
@@ -293,8 +293,8 @@ FunctionEnd
 !insertmacro COMMON_FUNCTIONS ""
 !insertmacro COMMON_FUNCTIONS "un."
 
-; How the names that an earlier setup wrote into the registry are used: as plain names in the folder of the installation,
-; and never for what is the customer's. $0 is 1 if $File is such a name.
+; The names that an earlier setup wrote into the registry are used only as plain names in the folder of the installation,
+; and never for what is the customer's: $0 is 1 if $File is such a name.
 Function isInstallable
   StrCpy $0 1
   StrCpy $1 $File 5 -5

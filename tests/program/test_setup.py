@@ -88,7 +88,7 @@ class Machine:
             self.wine.run("wine", "reg", "delete", key, "/f", check=False)
 
     def start(self, program, *arguments, folder=None, **options):
-        # A path with blanks must stand without quotes after /D= and _?=. Wine puts quotes around an argument with blanks.
+        # A path must stand without quotes after /D= and _?=, and Wine puts quotes around an argument with blanks.
         words = [word for argument in arguments for word in argument.split(" ")]
         return self.wine.start(program, folder or self.wine.folder, arguments=words, **options)
 
@@ -186,9 +186,7 @@ def test_nothing_is_replaced_or_removed_while_the_program_runs(machine, current,
     before, entry = contents(machine.folder), machine.registry(ENTRY)
     shortcut = machine.windows_path(machine.menu / "Add VSS Checkpoint.lnk")
     with machine.wine.start("start", machine.wine.folder, arguments=["/wait", shortcut]) as process:
-        state = wait_for(lambda: (state := machine.desktop.dialog()) and state["foreground"] and state["focus"] and state,
-                         "the dialog")
-        assert state
+        wait_for(lambda: (state := machine.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
         assert machine.run(current[0]) == IN_USE
         assert machine.uninstall() == IN_USE
         during = contents(machine.folder)
@@ -266,7 +264,7 @@ def test_a_file_that_cannot_be_replaced_leaves_the_old_version(machine, current,
     assert machine.run(current[0]) == NOT_WRITTEN
     assert machine.uninstall() == NOT_WRITTEN
     for line in machine.lines()[-2:]:
-        assert re.match(rf"exit code 8: .*\\Guide\.txt cannot be replaced or removed: .*\(Windows error 5\)", line[4])
+        assert re.match(r"exit code 8: .*\\Guide\.txt cannot be replaced or removed: .*\(Windows error 5\)", line[4])
     after = contents(machine.folder)
     before.pop(f"{PROGRAM}.new"), after.pop(f"{PROGRAM}.new", None)
     assert after == before
