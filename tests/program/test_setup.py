@@ -34,6 +34,12 @@ def contents(folder):
     return {str(path.relative_to(folder)): None if path.is_dir() else path.read_bytes() for path in folder.rglob("*")}
 
 
+def read_json(path):
+    """None as long as the file is not complete."""
+    with contextlib.suppress(OSError, ValueError):
+        return json.loads(path.read_text("utf-8"))
+
+
 def build_setup(stage, version, path):
     subprocess.run([BUILD_SETUP, stage, version, COMMIT, path], check=True, timeout=DEADLINE_SEC,
                    env=os.environ | {"SOURCE_DATE_EPOCH": "1700000000"})
@@ -125,6 +131,18 @@ class Machine:
             results = json.loads(tool.communicate(timeout=DEADLINE_SEC)[0])
         return [result["text"] for result in results if result["state"] == "fault"]
 
+    @contextlib.contextmanager
+    def program_from_menu(self):
+        """Starts the program through its shortcut; closes its dialog at the end, if it is still there."""
+        shortcut = self.windows_path(self.menu / "Add VSS Checkpoint.lnk")
+        with self.wine.start("start", self.wine.folder, arguments=["/wait", shortcut]) as process:
+            wait_for(lambda: (state := self.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
+            try:
+                yield process
+            finally:
+                if self.desktop.dialog():
+                    self.desktop.press("Escape")
+
 
 @pytest.fixture
 def machine(fresh_desktop, windows_build):
@@ -184,9 +202,7 @@ def test_nothing_is_replaced_or_removed_while_the_program_runs(machine, current,
     assert machine.run(older) == DONE
     machine.add_customers_files()
     before, entry = contents(machine.folder), machine.registry(ENTRY)
-    shortcut = machine.windows_path(machine.menu / "Add VSS Checkpoint.lnk")
-    with machine.wine.start("start", machine.wine.folder, arguments=["/wait", shortcut]) as process:
-        wait_for(lambda: (state := machine.desktop.dialog()) and state["foreground"] and state["focus"], "the dialog")
+    with machine.program_from_menu() as process:
         assert machine.run(current[0]) == IN_USE
         assert machine.uninstall() == IN_USE
         during = contents(machine.folder)
@@ -199,9 +215,7 @@ def test_nothing_is_replaced_or_removed_while_the_program_runs(machine, current,
         machine.desktop.type("nightly")
         machine.desktop.press("Return")
         assert process.wait(DEADLINE_SEC) == 0
-    record = machine.folder / "tweaks" / "TavroVssAgent.record.json"
-    wait_for(record.exists, "the agent")
-    called = wait_for(lambda: json.loads(record.read_text("utf-8") or "null"), "the agent's record")
+    called = wait_for(lambda: read_json(machine.folder / "tweaks" / "TavroVssAgent.record.json"), "the agent's record")
     assert called["arguments"] == [AGENT, "-GUI", *SETTINGS.decode().split(), "nightly"]
     assert called["workingFolder"] == machine.windows_path() + r"\tweaks"
     assert "Done." in (machine.log.parent / "TavroVssAgentGUI.exe.log.txt").read_text("utf-8")
@@ -309,9 +323,11 @@ def test_what_is_refused(machine, current):
     assert "needs Windows 7 SP1" in machine.lines()[-1][4]
     with machine.start(setup) as first:
         # The library for the first page is there after all checks that come before it.
-        wait_for(lambda: list(machine.drive.glob("users/*/Temp/ns*.tmp/nsDialogs.dll")), "the first page")
-        assert machine.run(setup) == SECOND_SETUP
-        first.kill()
+        try:
+            wait_for(lambda: list(machine.drive.glob("users/*/Temp/ns*.tmp/nsDialogs.dll")), "the first page")
+            assert machine.run(setup) == SECOND_SETUP
+        finally:
+            first.kill()
     assert "Another setup" in machine.lines()[-1][4]
     assert not machine.folder.exists() and not machine.registry(ENTRY)
 
