@@ -95,6 +95,13 @@ def test_each_fault_is_found(program, doctor, spoil, parts):
     assert all(part in faults for part in parts), faults
 
 
+def test_a_link_to_missing_settings_is_told(program, doctor):
+    program.settings.unlink()
+    program.settings.symlink_to("nowhere.conf")
+    link = ", a link to nowhere.conf," if program.separator == "/" else ""  # Windows sees no link
+    assert f"{program.settings.name}{link} is not there" in "\n".join(told(doctor(), "fault"))
+
+
 def test_who_has_the_log_open(program, doctor):
     program.submit("first")
     program.agent_record()  # waits until the agent has gone

@@ -59,6 +59,14 @@ bool isFolder(const std::string& path)
     return fs::is_directory(pathOf(path), error);
 }
 
+/// The path, and where it leads if it is a link, such as that which the Debian package has beside the program.
+std::string withTarget(const std::string& path)
+{
+    std::error_code error;
+    const fs::path target = fs::read_symlink(path, error);
+    return error ? path : path + ", a link to " + target.string() + ",";
+}
+
 std::string bytesText(std::uintmax_t bytes)
 {
     constexpr std::uintmax_t MIB = 1'048'576;
@@ -321,7 +329,8 @@ void Doctor::examineSettings()
     if (!InputTextFile(path).isOpen())
     {
         fault(STEP,
-              path + (isFile(path) ? " cannot be read" : " is not there") + ": the agent gets four empty settings",
+              withTarget(path) + (isFile(path) ? " cannot be read" : " is not there") +
+                  ": the agent gets four empty settings",
               "write a file of four words: local address, local port, peer address, peer port");
         return;
     }
