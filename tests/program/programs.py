@@ -41,6 +41,14 @@ class Program:
         self.settings = folder / f"{name}.conf"
         self.mark = {"TAVRO_TEST_FOLDER": str(folder)}  # every process that the program starts inherits it
 
+    def extend_folder_name(self, more):
+        folder = self.folder.rename(self.folder.with_name(self.folder.name + more))
+        self.path, self.agent, self.settings = (folder / path.name for path in (self.path, self.agent, self.settings))
+        if self.log.is_relative_to(self.folder):
+            self.log = folder / self.log.relative_to(self.folder)
+        self.folder = folder
+        self.mark["TAVRO_TEST_FOLDER"] = str(folder)
+
     def log_lines(self):
         """The lines of the log file, split by a CSV reader."""
         with open(self.log, encoding="utf-8") as text:

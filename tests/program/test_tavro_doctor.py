@@ -43,7 +43,12 @@ def doctor(program, tavro_beside, monkeypatch):
     return run
 
 
-def test_what_is_foretold_happens(program, doctor):
+@pytest.mark.parametrize("more", ["", " – Prüfstand 検査"])
+def test_what_is_foretold_happens(program, tavro_beside, doctor, more, monkeypatch):
+    program.extend_folder_name(more)
+    tavro_beside.path = program.folder / tavro_beside.path.name
+    if not tavro_beside.wine:
+        monkeypatch.setenv("PROGRAMDATA", str(program.folder))
     results = doctor()
     # Wine shows a folder of all users, whose sticky bit protects what is in it, as one that everybody may change.
     assert [text for text in told(results, "fault") if "who may write Z:\\tmp:" not in text] == []

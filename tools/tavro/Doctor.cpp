@@ -63,8 +63,8 @@ bool isFolder(const std::string& path)
 std::string withTarget(const std::string& path)
 {
     std::error_code error;
-    const fs::path target = fs::read_symlink(path, error);
-    return error ? path : path + ", a link to " + target.string() + ",";
+    const fs::path target = fs::read_symlink(pathOf(path), error);
+    return error ? path : path + ", a link to " + narrowOf(target) + ",";
 }
 
 std::string bytesText(std::uintmax_t bytes)

@@ -129,6 +129,7 @@ std::string stateOfDialog(HWND dialog)
 int main()
 {
     SetProcessDPIAware(); // else Windows tells the coordinates of a screen of 96 dots per inch
+    GetDesktopWindow();   // brings up the processes of the desktop
     for (std::string line; std::getline(std::cin, line);)
     {
         const HWND dialog = FindWindowW(L"#32770", L"Add VSS Checkpoint");
