@@ -225,8 +225,8 @@ def test_nothing_is_replaced_or_removed_while_the_program_runs(machine, current,
 def test_an_upgrade_keeps_what_is_the_customers(machine, current, older, stage):
     setup, version = current
     machine.folder = machine.drive / "Another Folder" / "Tavro"
-    (machine.data / "Tavro").mkdir(mode=0o777)
-    (machine.data / "Tavro").chmod(0o777)
+    machine.log.parent.mkdir(parents=True)
+    machine.log.parent.chmod(0o777)
     assert machine.run(older, "/D=" + machine.windows_path()) == DONE
     assert machine.registry(ENTRY)["DisplayVersion"] == "0.9.0"
     machine.add_customers_files()
@@ -249,7 +249,7 @@ def test_an_upgrade_keeps_what_is_the_customers(machine, current, older, stage):
     assert outside.exists() and not machine.drive.joinpath("Program Files", "Tavro").exists()
     assert "OldNotes.txt" not in machine.registry(FILE_LIST)
     assert [fault for fault in machine.diagnose() if "ProgramData" not in fault] == []
-    assert (machine.data / "Tavro").stat().st_mode & 0o777 == 0o777
+    assert machine.log.parent.stat().st_mode & 0o777 == 0o777
 
     before, entry = contents(machine.folder), machine.registry(ENTRY)
     assert machine.run(older) == DOWNGRADE
