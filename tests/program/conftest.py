@@ -39,8 +39,14 @@ def pytest_generate_tests(metafunc):
 def pytest_collection_modifyitems(config, items):
     missing = {f"{target}_build" for target in TARGETS if not build_folder(config, target)}
     missing |= set() if config.getoption("packages") else {"packages"}
-    config.hook.pytest_deselected(items=[item for item in items if missing & set(item.fixturenames)])
-    items[:] = [item for item in items if not missing & set(item.fixturenames)]
+    if "TAVRO_THOROUGH" not in os.environ:
+        missing.add("thorough")
+    config.hook.pytest_deselected(items=[item for item in items if missing & needs(item)])
+    items[:] = [item for item in items if not missing & needs(item)]
+
+
+def needs(item):
+    return {*item.fixturenames, *(mark.name for mark in item.iter_markers())}
 
 
 @pytest.fixture(scope="session")

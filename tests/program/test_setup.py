@@ -26,8 +26,6 @@ DONE, OLD_WINDOWS, SECOND_SETUP, DOWNGRADE, IN_USE, NOT_WRITTEN, BAD_FOLDER = 0,
 KILLS = 40
 SEED = 1
 
-thorough = pytest.mark.skipif("TAVRO_THOROUGH" not in os.environ, reason="only with TAVRO_THOROUGH")
-
 
 def contents(folder):
     """The bytes of each file below the folder; None for a folder."""
@@ -346,7 +344,7 @@ def test_the_same_content_gives_the_same_bytes(stage, older, tmp_path):
         build_setup(copy, "0.9.0", tmp_path / "with the agent.exe")
 
 
-@thorough
+@pytest.mark.thorough
 def test_a_killed_upgrade_is_mended_by_the_next(machine, current, older, stage):
     new, moments, mixed = contents(stage), random.Random(SEED), 0
     for kill in range(KILLS):
