@@ -396,7 +396,7 @@ std::string reasonOf(platform::SearchRule rule)
     switch (rule)
     {
     case platform::SearchRule::ProgramFolder:
-        return "beside the program";
+        return "in the program's folder";
     case platform::SearchRule::WorkingFolder:
         return "in the working folder";
     case platform::SearchRule::SystemFolder:
@@ -433,8 +433,9 @@ void Doctor::examineAgent()
         fault(STEP, path + ", found " + reasonOf(found->rule) + ", is no program", "install the agent again");
         return;
     }
-    fine(STEP, path + ", found " + reasonOf(found->rule));
     const bool isProgramFolder = found->rule == platform::SearchRule::ProgramFolder;
+    fine(STEP, path + ", found " + reasonOf(found->rule) +
+                   (isProgramFolder ? ", which is searched before the working folder" : ""));
     std::error_code error;
     if (!isProgramFolder && !fs::equivalent(pathOf(found->path), pathOf(folderOf(m_program)), error))
     {
