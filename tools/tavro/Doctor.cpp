@@ -126,8 +126,10 @@ void Doctor::examineOwnership(const char* step, const std::string& path, const s
     {
         if (const std::string movers = otherMovers(narrowOf(folder)); !movers.empty())
         {
-            fault(step, path + " may be exchanged by " + movers + ", who may write " + narrowOf(folder) + ": " + danger,
-                  "let only administrators write there, or move it to such a folder");
+            std::string text = path;
+            text.append(" may be exchanged by ").append(movers);
+            text.append(", who may write ").append(narrowOf(folder)).append(": ").append(danger);
+            fault(step, text, "let only administrators write there, or move it to such a folder");
             return;
         }
         if (folder == folder.parent_path())

@@ -20,8 +20,6 @@ namespace Tool
 namespace
 {
 
-using Tool::isDigit;
-
 constexpr std::string_view PROGRAM_LOG = "TavroVssAgentGUI.exe.log";
 constexpr std::string_view LOG_END = ".log"; // of the base of every log that is looked for in a folder
 constexpr std::size_t LEAST_DIGITS = 6;

@@ -412,7 +412,7 @@ void Examiner::examineConsistent(const Tweaks::File& file)
     }
     const std::string folder = std::filesystem::path(path).parent_path().string();
     std::error_code closed;
-    std::filesystem::directory_iterator(folder, closed);
+    const std::filesystem::directory_iterator first(folder, closed);
     if (look.status == RC_NOT_FOUND && closed && closed != std::errc::no_such_file_or_directory)
     {
         addError({folder}, "what is in it cannot be read (" + closed.message() +
