@@ -4,9 +4,12 @@ import json
 import os
 import re
 import shutil
+import tempfile
+from pathlib import Path
 
 import pytest
 
+from programs import LinuxProgram, Tavro
 from test_tweaks import EXTENSION, put
 
 GOOD = b"10.0.0.1 80\thost\r\n 443"
@@ -98,6 +101,30 @@ def test_each_fault_is_found(program, doctor, spoil, parts):
     options = ["--program", f"elsewhere/{program.path.name}"] if spoil is move_agent else []
     faults = "\n".join(told(doctor(*options), "fault"))
     assert all(part in faults for part in parts), faults
+
+
+def test_what_only_administrators_may_do_is_no_fault(linux_build):
+    """The tool may be started by any user, who has fewer rights than the program."""
+    with tempfile.TemporaryDirectory() as folder:  # the folders of pytest are closed to others
+        os.chmod(folder, 0o755)
+        program, tavro = LinuxProgram(linux_build, Path(folder)), Tavro(linux_build, None)
+        tavro.path = Path(shutil.copy(tavro.path, folder))
+        program.settings.write_bytes(GOOD)
+        program.submit("first")
+        program.agent_record()
+        shutil.rmtree(program.folder / "test_appdata")
+        user = {"env": os.environ | {"PROGRAMDATA": folder}, "user": 65534, "extra_groups": []}
+        status, out, _ = tavro.run(folder, "doctor", **user)
+        assert (status, out.count("who is no administrator")) == (0, 3), out  # log file, log folder, working folder
+        program.log.parent.chmod(0o700)
+        assert "may not look into its folder" in tavro.run(folder, "log", "text", **user)[2]
+
+
+def test_a_log_folder_that_is_open_to_others_is_told(program, doctor):
+    program.submit("first")
+    program.agent_record()
+    program.log.parent.chmod(0o777)
+    assert "may be written by everyone" in "\n".join(told(doctor(), "note"))
 
 
 def test_a_link_to_missing_settings_is_told(program, doctor):

@@ -4,6 +4,7 @@
 #include "Agent/CheckpointGui/AgentLauncher.h"
 #include "datapath/common/infra/InputTextFile.h"
 #include "platform/Process.h"
+#include "platform/Shell.h"
 #include "platform/Text.h"
 #include "platform/Utf.h"
 #include "tools/tavro/Command.h"
@@ -36,7 +37,12 @@ constexpr const char* PROGRAM = "TavroVssAgentGUI";
 std::string folderOf(const std::string& path)
 {
     const std::size_t separator = path.rfind(platform::PATH_SEPARATOR);
-    return separator == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(separator, 1));
+    if (separator == std::string::npos)
+    {
+        return ".";
+    }
+    const bool isRoot = separator == 0 || path[separator - 1] == ':'; // whose separator belongs to it
+    return path.substr(0, isRoot ? separator + 1 : separator);
 }
 
 /// As narrow as the other paths; std::filesystem would make another encoding of it on Windows.
@@ -95,6 +101,7 @@ private:
         m_diagnoses.push_back({step, State::Fault, text, remedy});
     }
 
+    void faultOfUser(const char* step, const std::string& text, const std::string& remedy);
     [[nodiscard]] bool examineLogFolders(const AgentLogPlace& place);
     void examineLiveFile(const std::string& path);
     void examineNumberedFiles(const std::string& basePath);
@@ -106,6 +113,14 @@ private:
     const std::string m_program;
     std::vector<Diagnosis> m_diagnoses;
 };
+
+/// What the user of the tool may not do is a fault only if that user is an administrator, as the program is.
+void Doctor::faultOfUser(const char* step, const std::string& text, const std::string& remedy)
+{
+    isAdministrator() ? fault(step, text, remedy)
+                      : note(step, text + ": so it is for this user, who is no administrator; start the tool as an "
+                                          "administrator to see how it is for the program");
+}
 
 void Doctor::examineWriters(const char* step, const std::string& path, const std::string& danger)
 {
@@ -147,9 +162,16 @@ void Doctor::examineProgram()
         fault(STEP, m_program + " is not there", "install the program, or name it: --program PATH");
         return;
     }
+    if (m_program.size() >= platform::PATH_BUFFER_SIZE)
+    {
+        fault(STEP,
+              m_program + " has a path of " + std::to_string(m_program.size()) + " bytes, of which the program takes " +
+                  std::to_string(platform::PATH_BUFFER_SIZE - 1) + ": it does not find its settings",
+              "move it to a folder with a shorter path");
+    }
     if (!mayRun(m_program))
     {
-        fault(STEP, m_program + " may not be run by this user", "let this user run it");
+        faultOfUser(STEP, m_program + " may not be run", "let this user run it");
         return;
     }
     fine(STEP, m_program);
@@ -165,8 +187,9 @@ void Doctor::examineWorkingFolder()
     examineWriters(STEP, ".", "the elevated program obeys the tweak files in it, and may start an agent from it");
     if (!isFolder(APP_DATA) && !isFile(APP_DATA) && !mayWrite("."))
     {
-        fault(STEP, "the folder test_appdata is missing and cannot be made, which ends the program before its window",
-              "make it, or start the program in a folder where it may write");
+        faultOfUser(STEP,
+                    "the folder test_appdata is missing and cannot be made, which ends the program before its window",
+                    "make it, or start the program in a folder where it may write");
     }
 }
 
@@ -218,6 +241,15 @@ bool Doctor::examineLogFolders(const AgentLogPlace& place)
 {
     constexpr const char* STEP = "log";
     const std::string logs = folderOf(place.basePath);
+    for (const std::string& folder : {place.productFolder, logs})
+    {
+        if (const std::string writers = otherWriters(folder); isFolder(folder) && !writers.empty())
+        {
+            note(STEP,
+                 folder + " may be written by " + writers +
+                     ": whoever may do that decides what is in the log, and where the elevated program writes it");
+        }
+    }
     if (isFolder(logs))
     {
         return true;
@@ -233,12 +265,17 @@ bool Doctor::examineLogFolders(const AgentLogPlace& place)
         }
         parent = isFolder(folder) ? folder : parent;
     }
-    if (!isFolder(parent) || !mayWrite(parent))
+    if (!isFolder(parent))
     {
-        fault(STEP,
-              logs + " cannot be made, because " + parent + (isFolder(parent) ? " may not be written" : " is missing") +
-                  ": the program runs without a log",
-              "make the folder, or run the program as an administrator");
+        fault(STEP, logs + " cannot be made, because " + parent + " is missing: the program runs without a log",
+              "make the folder");
+        return false;
+    }
+    if (!mayWrite(parent))
+    {
+        faultOfUser(STEP,
+                    logs + " cannot be made, because " + parent + " may not be written: the program runs without a log",
+                    "make the folder, or run the program as an administrator");
         return false;
     }
     fine(STEP, logs + " is not there yet; the program makes it");
@@ -251,26 +288,33 @@ void Doctor::examineLiveFile(const std::string& path)
     constexpr const char* STEP = "log";
     if (!isFile(path))
     {
-        isFolder(path) || !mayWrite(folderOf(path))
-            ? fault(STEP, path + " cannot be made: the program runs without a log",
-                    isFolder(path) ? "move the folder of that name away" : "let the program write into its folder")
-            : fine(STEP, path + " is not there yet; the program makes it");
+        const std::string text = path + " cannot be made: the program runs without a log";
+        if (isFolder(path))
+        {
+            fault(STEP, text, "move the folder of that name away");
+        }
+        else if (!mayWrite(folderOf(path)))
+        {
+            faultOfUser(STEP, text, "let the program write into its folder");
+        }
+        else
+        {
+            fine(STEP, path + " is not there yet; the program makes it");
+        }
         return;
     }
     const std::vector<std::string> programs = programsThatUse(path);
     if (!mayWrite(path))
     {
-        const bool isHeld = !programs.empty();
-        fault(STEP,
-              path + (isHeld ? " is held by " + programs[0] : " may not be written") +
-                  ": the program runs without a log",
-              isHeld ? "end that program" : "let the program write the file");
+        constexpr const char* END = ": the program runs without a log";
+        programs.empty() ? faultOfUser(STEP, path + " may not be written" + END, "let the program write the file")
+                         : fault(STEP, path + " is held by " + programs[0] + END, "end that program");
         return;
     }
     if (!mayWrite(folderOf(path)))
     {
-        fault(STEP, folderOf(path) + " may not be written: the log grows and is never rotated",
-              "let the program write into the folder");
+        faultOfUser(STEP, folderOf(path) + " may not be written: the log grows and is never rotated",
+                    "let the program write into the folder");
     }
     std::error_code error;
     const std::uintmax_t bytes = isFile(path) ? fs::file_size(pathOf(path), error) : 0;
@@ -426,8 +470,7 @@ void Doctor::examineAgent()
     const std::string path = found->path + std::string(AGENT_FILE_NAME);
     if (!mayRun(path))
     {
-        fault(STEP, path + ", found " + reasonOf(found->rule) + ", may not be run by this user",
-              "let this user run it");
+        faultOfUser(STEP, path + ", found " + reasonOf(found->rule) + ", may not be run", "let this user run it");
         return;
     }
     if (!isProgramFile(path))
@@ -490,7 +533,9 @@ std::string Tool::programBesideTool()
 {
     std::array<char, 4096> own{};
     platform::moduleFileName(own.data(), own.size());
-    return folderOf(own.data()) + platform::PATH_SEPARATOR + PROGRAM;
+    const std::string folder = folderOf(own.data());
+    return folder + (folder.back() == platform::PATH_SEPARATOR ? "" : std::string(1, platform::PATH_SEPARATOR)) +
+           PROGRAM;
 }
 
 std::string Tool::programNamed(const std::string& path)

@@ -110,7 +110,11 @@ std::vector<LogPath> programLog()
     files.insert(files.begin(), numbered.begin(), numbered.end());
     if (files.empty())
     {
-        throw Misuse(base + ".txt: there is no log of the checkpoint program");
+        const std::string file = base + ".txt";
+        std::error_code error;
+        static_cast<void>(std::filesystem::status(pathOf(file), error));
+        throw Misuse(file + (error == std::errc::permission_denied ? ": this user may not look into its folder"
+                                                                   : ": there is no log of the checkpoint program"));
     }
     return files;
 }

@@ -14,6 +14,8 @@ std::filesystem::path Tool::pathOf(const std::string& narrow) { return narrow; }
 
 std::string Tool::narrowOf(const std::filesystem::path& path) { return path.string(); }
 
+bool Tool::isAdministrator() { return geteuid() == 0; }
+
 bool Tool::mayWrite(const std::string& path) { return access(path.c_str(), W_OK) == 0; }
 
 bool Tool::mayRun(const std::string& path) { return access(path.c_str(), X_OK) == 0; }

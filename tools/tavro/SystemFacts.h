@@ -14,6 +14,10 @@ namespace Tool
 [[nodiscard]] std::filesystem::path pathOf(const std::string& narrow);
 [[nodiscard]] std::string narrowOf(const std::filesystem::path& path);
 
+/// Whether this process has the rights of an administrator, as the checkpoint program has on Windows; on POSIX, of
+/// root.
+[[nodiscard]] bool isAdministrator();
+
 /// Whether the user that runs this may write the file, or make files in the folder.
 [[nodiscard]] bool mayWrite(const std::string& path);
 
@@ -24,7 +28,7 @@ namespace Tool
 /// "everyone"; empty if nobody, or if the system does not tell.
 [[nodiscard]] std::string otherWriters(const std::string& path);
 
-/// The same, of who may exchange the files and folders in this folder.
+/// The same, of who may exchange the files and folders in this folder, or the folder itself.
 [[nodiscard]] std::string otherMovers(const std::string& folder);
 
 /// Whether the file begins as a program that the system can start.

@@ -438,7 +438,10 @@ void Examiner::examineDataFolder()
     if (std::filesystem::symlink_status(folder, error).type() == std::filesystem::file_type::not_found &&
         !mayWrite("."))
     {
-        addError({folder}, "the folder is missing and cannot be made; the program ends: " + endOfMissingFolder(folder));
+        const std::string text =
+            "the folder is missing and cannot be made; the program ends: " + endOfMissingFolder(folder);
+        isAdministrator() ? addError({folder}, text)
+                          : addWarning({folder}, text + "; so it is for this user, who is no administrator");
     }
 }
 

@@ -104,6 +104,20 @@ std::string Tool::narrowOf(const std::filesystem::path& path)
     return narrow;
 }
 
+bool Tool::isAdministrator()
+{
+    HANDLE token = nullptr;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) == FALSE)
+    {
+        return false;
+    }
+    const std::unique_ptr<void, CloseHandleOf> owner(token);
+    TOKEN_ELEVATION elevation = {};
+    DWORD size = sizeof(elevation);
+    return GetTokenInformation(token, TokenElevation, &elevation, size, &size) != FALSE &&
+           elevation.TokenIsElevated != 0;
+}
+
 bool Tool::mayWrite(const std::string& path)
 {
     DWORD error = 0;
@@ -123,7 +137,9 @@ std::string Tool::otherWriters(const std::string& path)
 
 std::string Tool::otherMovers(const std::string& folder)
 {
-    return holdersOf(folder, FILE_DELETE_CHILD | GENERIC_ALL | WRITE_DAC | WRITE_OWNER);
+    constexpr std::size_t ROOT_LENGTH = 3; // "C:\"; a root cannot be renamed
+    const DWORD renaming = folder.size() > ROOT_LENGTH ? DELETE : 0;
+    return holdersOf(folder, renaming | FILE_DELETE_CHILD | GENERIC_ALL | WRITE_DAC | WRITE_OWNER);
 }
 
 bool Tool::isProgramFile(const std::string& path)
