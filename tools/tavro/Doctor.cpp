@@ -245,9 +245,10 @@ bool Doctor::examineLogFolders(const AgentLogPlace& place)
     {
         if (const std::string writers = otherWriters(folder); isFolder(folder) && !writers.empty())
         {
-            note(STEP,
-                 folder + " may be written by " + writers +
-                     ": whoever may do that decides what is in the log, and where the elevated program writes it");
+            std::string text = folder;
+            text.append(" may be written by ").append(writers);
+            text.append(": whoever may do that decides what is in the log, and where the elevated program writes it");
+            note(STEP, text);
         }
     }
     if (isFolder(logs))
