@@ -5,6 +5,12 @@
 ;
 ; /S asks and shows nothing. /D= stands last and without quotes, even if there are blanks in the path; so does _?=, with
 ; which the uninstaller does not copy itself to the folder for temporary files, so that the caller can wait for its end.
+; A running program cannot be deleted, so uninstall.exe then stays in the folder. A copy of it removes it too:
+;
+;   copy "C:\Program Files\Tavro\uninstall.exe" "%TEMP%\tavro-uninstall.exe"
+;   "%TEMP%\tavro-uninstall.exe" /S _?=C:\Program Files\Tavro
+;
+; Without _?=, uninstall.exe makes and starts such a copy by itself, so nothing stays when Windows removes the program.
 ;
 ; Exit codes of both:
 ;   0  done
@@ -653,14 +659,7 @@ Section Uninstall
   ${EndIf}
 
   Delete "$INSTDIR\${UNINSTALLER}${NEW}"
-  Delete "$INSTDIR\${UNINSTALLER}"
-  ${If} ${FileExists} "$INSTDIR\${UNINSTALLER}" ; it runs from there, and a running program can be moved only
-    GetTempFileName $0
-    Delete $0
-    Rename "$INSTDIR\${UNINSTALLER}" $0
-    Delete /REBOOTOK $0
-    Delete /REBOOTOK "$INSTDIR\${UNINSTALLER}" ; if the temporary folder is on another drive
-  ${EndIf}
+  Delete "$INSTDIR\${UNINSTALLER}" ; fails if it runs from there
   ; Only what is empty goes; the program makes test_appdata in its working folder.
   RMDir "$INSTDIR\tweaks\test_appdata"
   RMDir "$INSTDIR\tweaks"

@@ -309,6 +309,26 @@ def test_what_is_left_after_the_removal(machine, current, used):
     assert machine.registry(ENTRY) == machine.registry(FILE_LIST) == {}
 
 
+def test_a_removal_that_waits(machine, current):
+    copy = machine.drive / "tavro-uninstall.exe"
+    for _ in range(2):  # the second one begins with the uninstaller that the first has left
+        assert machine.run(current[0]) == DONE
+        installed = contents(machine.folder)
+        assert machine.uninstall() == DONE
+        assert os.listdir(machine.folder) == [UNINSTALLER]  # it runs
+    assert machine.run(current[0]) == DONE
+    machine.wine.run("wineboot", "-r")
+    assert contents(machine.folder) == installed
+
+    shutil.copy(machine.folder / UNINSTALLER, copy)
+    assert machine.uninstall() == DONE
+    assert machine.run(copy, "_?=" + machine.windows_path()) == DONE
+    assert not machine.folder.exists()
+    assert machine.run(current[0]) == DONE
+    assert machine.run(copy, "_?=" + machine.windows_path()) == DONE
+    assert not machine.folder.exists() and not machine.registry(ENTRY)
+
+
 def test_what_is_refused(machine, current):
     setup, _ = current
     for folder in ["relative", "C:\\", r"\\host\share\folder", r"C:\x\..\.."]:
