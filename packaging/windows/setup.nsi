@@ -20,7 +20,8 @@
 ;   4  Windows is older than Windows 7 SP1 or Windows Server 2008 R2 SP1
 ;   5  another setup or uninstaller of this program runs
 ;   6  a newer version is installed
-;   7  the program or the console tool runs, or a file of the installation is open elsewhere; nothing was changed
+;   7  the program or the console tool runs, or a file of the installation is open elsewhere; nothing was changed. With
+;      /S, each file is tried for 3 seconds.
 ;   8  a file, a folder, a shortcut or a value of the registry could not be written or removed
 ;   9  the folder cannot be used: no full path, or the root of a drive
 ;
@@ -58,6 +59,7 @@ ManifestSupportedOS Win7 Win8 Win8.1 Win10
 ; is inherited from above, and what is made inside inherits this.
 !define RIGHTS "O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)"
 
+!include FileFunc.nsh
 !include LogicLib.nsh
 !include MUI2.nsh
 !include WinVer.nsh
@@ -85,7 +87,7 @@ Var File       ; a name, without a folder
 Var ErrorCode  ; of Windows; 0 is success
 Var Reason     ; why the work ends early
 Var ExitCode
-Var FolderMade    ; 1 if this run has made $INSTDIR
+Var FolderMade    ; $INSTDIR, or the outermost folder above it, if this run has made it
 Var EarlierFolder ; where the installed version is
 Var Index
 
@@ -136,6 +138,10 @@ Function ${un}secureFolder
         Pop $ErrorCode
         ${If} $5 <> 0
           StrCpy $ErrorCode 0
+          ${If} $FolderMade == ""
+          ${AndIf} $Folder == $INSTDIR
+            StrCpy $FolderMade $1
+          ${EndIf}
         ${EndIf}
       ${EndIf}
     ${LoopUntil} $1 == $Folder
@@ -251,12 +257,19 @@ Function ${un}probe
 FunctionEnd
 
 ; Ends the work if $File in $Folder is in use or cannot be replaced. With a window, the user may close the program and
-; try again.
+; try again; without, a scanner for viruses gets 3 seconds for its own use of the file.
 Function ${un}demand
+  StrCpy $2 12
   ${Do}
     Call ${un}probe
     ${If} $ErrorCode = 0
       Return
+    ${EndIf}
+    IntOp $2 $2 - 1
+    ${If} ${Silent}
+    ${AndIf} $2 >= 0
+      Sleep 250
+      ${Continue}
     ${ElseIf} $ErrorCode = 32
       StrCpy $ExitCode ${EXIT_IN_USE}
       StrCpy $Reason "$Folder\$File runs or is open in another program. Close it, and try again. Nothing was changed."
@@ -299,15 +312,18 @@ FunctionEnd
 !insertmacro COMMON_FUNCTIONS ""
 !insertmacro COMMON_FUNCTIONS "un."
 
-; The names that an earlier setup wrote into the registry are used only as plain names in the folder of the installation,
-; and never for what is the customer's: $0 is 1 if $File is such a name.
+; The names that an earlier setup wrote into the registry are used only as plain names in the folder of the
+; installation, and never for what is the customer's: $0 is 1 if $File is such a name. A dot or a blank at the end is
+; refused because Windows leaves it out, and so means another file.
 Function isInstallable
   StrCpy $0 1
   StrCpy $1 $File 5 -5
+  StrCpy $2 $File 1 -1
   ${If} $1 == ".conf"
+  ${OrIf} $2 == "."
+  ${OrIf} $2 == " "
   ${OrIf} $File == "TavroVssAgent.exe"
-  ${OrIf} $File == "."
-  ${OrIf} $File == ".."
+  ${OrIf} $File == "tweaks"
     StrCpy $0 0
   ${EndIf}
   StrCpy $1 0
@@ -542,9 +558,6 @@ Section "${TITLE}"
   StrCpy $0 ""
   StrCpy $Folder $INSTDIR
   Call demandFolder
-  ${If} $ErrorCode = 0
-    StrCpy $FolderMade 1
-  ${EndIf}
   StrCpy $0 "always"
   StrCpy $Folder "$INSTDIR\tweaks"
   Call demandFolder
@@ -614,9 +627,16 @@ Function .onInstFailed
   SetOutPath $TEMP
   !insertmacro EACH_FILE DELETE_NEW
   !insertmacro DELETE_NEW "${UNINSTALLER}"
-  ${If} $FolderMade = 1
+  ${If} $FolderMade != ""
     RMDir "$INSTDIR\tweaks"
-    RMDir "$INSTDIR"
+    StrCpy $Folder $INSTDIR
+    ${Do}
+      RMDir $Folder
+      ${If} $Folder == $FolderMade
+        ${ExitDo}
+      ${EndIf}
+      ${GetParent} $Folder $Folder
+    ${Loop}
   ${EndIf}
 FunctionEnd
 

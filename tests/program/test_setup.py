@@ -6,9 +6,11 @@ import json
 import os
 import random
 import re
+import resource
 import shutil
 import struct
 import subprocess
+import time
 import zipfile
 from pathlib import Path
 
@@ -217,7 +219,24 @@ def test_nothing_is_replaced_or_removed_while_the_program_runs(machine, current,
     assert called["arguments"] == [AGENT, "-GUI", *SETTINGS.decode().split(), "nightly"]
     assert called["workingFolder"] == machine.windows_path() + r"\tweaks"
     assert "Done." in (machine.log.parent / "TavroVssAgentGUI.exe.log.txt").read_text("utf-8")
-    assert machine.run(current[0]) == DONE
+
+
+def test_a_moments_use_of_a_file_is_waited_for(machine, current, older):
+    assert machine.run(older) == DONE
+    log = machine.folder / "tweaks" / "log.txt"
+    log.write_text("a line of another program\n")
+    with machine.start(machine.folder / CONSOLE_TOOL, "log", "text", "--follow", "log.txt", folder=log.parent,
+                       stdout=subprocess.PIPE) as user:
+        try:
+            assert user.stdout.readline()
+            with machine.start(current[0], "/S") as setup:
+                wait_for(lambda: list(machine.drive.glob("users/*/Temp/ns*.tmp/System.dll")), "the checks")
+                time.sleep(0.7)
+                assert setup.poll() is None
+                user.kill()
+                assert setup.wait(DEADLINE_SEC) == DONE
+        finally:
+            user.kill()
 
 
 def test_an_upgrade_keeps_what_is_the_customers(machine, current, older, stage):
@@ -232,7 +251,8 @@ def test_an_upgrade_keeps_what_is_the_customers(machine, current, older, stage):
     (machine.folder / "tweaks").chmod(0o777)
     outside = machine.folder.parent / "outside.txt"
     outside.write_bytes(b"")
-    for name in [r"..\outside.txt", "../outside.txt", machine.windows_path(outside), AGENT, f"{PROGRAM}.conf", ".."]:
+    for name in [r"..\outside.txt", "../outside.txt", machine.windows_path(outside), AGENT, f"{AGENT}.",
+                 f"{PROGRAM}.conf", f"{PROGRAM}.conf ", "tweaks", ".."]:
         machine.wine.run("wine", "reg", "add", FILE_LIST, "/v", name, "/d", "", "/f")
     assert any(" may write " in fault or "may be written" in fault for fault in machine.diagnose())
 
@@ -290,6 +310,18 @@ def test_a_file_that_cannot_be_replaced_leaves_the_old_version(machine, current,
     (machine.folder / f"{CONSOLE_TOOL}.new").rmdir()
     assert machine.run(current[0]) == DONE
     assert sorted(os.listdir(machine.folder)) == sorted([*os.listdir(stage), "tweaks", UNINSTALLER])
+
+
+def test_a_full_disk_leaves_no_new_folder(machine, current):
+    outer = machine.drive / "Another Folder"
+    outer.mkdir()
+    machine.folder = outer / "New" / "Tavro"
+    # No file may be as large as the program. Python ignores the signal about that, and setup inherits this.
+    with machine.start(current[0], "/S", "/D=" + machine.windows_path(), restore_signals=False,
+                       preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, 2 * (600_000,))) as process:
+        assert process.wait(DEADLINE_SEC) == NOT_WRITTEN
+    assert rf"\{PROGRAM}.new could not be written completely" in machine.lines()[-1][4]
+    assert contents(outer) == {}
 
 
 @pytest.mark.parametrize("used", [False, True], ids=["unused", "used"])
