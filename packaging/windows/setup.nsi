@@ -23,7 +23,8 @@
 ;   7  the program or the console tool runs, or a file of the installation is open elsewhere; nothing was changed. With
 ;      /S, each file is tried for 3 seconds.
 ;   8  a file, a folder, a shortcut or a value of the registry could not be written or removed
-;   9  the folder cannot be used: no full path, or the root of a drive
+;   9  the folder cannot be used: it is no full path on a drive that exists, it is the root of a drive, its path goes
+;      through a file or is longer than 200 bytes in UTF-8, or /D= does not stand as described above
 ;
 ; Each end after the check for an administrator is a line of %ProgramData%\Tavro\logs\TavroVssAgentGUI-setup.log, in
 ; UTF-8: UTC time, version, what was done, "folder", "result".
@@ -46,6 +47,7 @@ ManifestSupportedOS Win7 Win8 Win8.1 Win10
 !define FILE_LIST "Software\Tavro\${ID}\Files" ; one value for each installed file, so that an upgrade knows them
 !define UNINSTALLER "uninstall.exe"
 !define NEW ".new" ; what the names of files end with until they replace their targets
+!define MAX_FOLDER_LENGTH 200 ; bytes of UTF-8; the path of the settings must be shorter than 260 for the program
 
 !define EXIT_NO_ADMINISTRATOR 3
 !define EXIT_OLD_WINDOWS 4
@@ -102,6 +104,8 @@ older version is replaced. Its settings, its tweaks and its logs are kept."
 !define MUI_FINISHPAGE_TEXT "${TITLE} is in the Start menu, in the folder Tavro.$\r$\n$\r$\nWrite the four words of \
 the connection into ${PROGRAM}.conf beside the program; Guide in the Start menu tells how. Check the installation, \
 beside it, tells whether something is missing."
+!define MUI_DIRECTORYPAGE_TEXT_TOP "Setup installs ${TITLE} into this folder. A folder that exists keeps its rights, \
+so choose one where only administrators may write: the program has the rights of an administrator."
 !insertmacro MUI_PAGE_WELCOME
 !insertmacro MUI_PAGE_DIRECTORY
 !insertmacro MUI_PAGE_INSTFILES
@@ -195,7 +199,9 @@ Function ${un}log
   IntFmt $2 ":%02d" $R0
   StrCpy $1 "$1$2"
   IntFmt $2 ".%03d" $R1
-  StrCpy $1 '$1$2,${VERSION},$Doing,"$INSTDIR","$0"$\r$\n'
+  StrCpy $1 '$1$2,${VERSION},$Doing,"$INSTDIR' 500 ; what is too long is cut, but never the end of the line
+  StrCpy $1 '$1","$0' 1000
+  StrCpy $1 '$1"$\r$\n'
   StrCpy $2 "$APPDATA\Tavro\logs\${ID}-setup.log"
   ; 4 only appends; 7 shares with everybody; 4 opens or makes; 0x00200080 does not follow a link.
   System::Call 'kernel32::CreateFileW(w r2, i 4, i 7, p 0, i 4, i 0x00200080, p 0) p .r3'
@@ -452,43 +458,66 @@ the settings, the tweaks and the logs stay."
   ${EndIf}
 FunctionEnd
 
-; Ends the work if $INSTDIR is no full path of a folder on a drive, and makes it plain: no "..", no "\" at its end.
-Function checkFolder
-  StrCpy $0 $INSTDIR 2 1
-  ${If} $0 == ":\"
-    StrCpy $0 $INSTDIR
-    System::Call 'kernel32::GetFullPathNameW(w r0, i ${NSIS_MAX_STRLEN}, w .r1, p 0)'
-    StrCpy $2 $1 1 -1
-    ${If} $2 == "\"
-      StrCpy $1 $1 -1
-    ${EndIf}
-    StrCpy $2 $1 1 3
-    ${If} $2 != ""
-      StrCpy $INSTDIR $1
-      Return
-    ${EndIf}
+; Makes the path in $1 plain: no "..", no "\" at its end. $1 is empty if setup cannot install into such a folder.
+Function plainPath
+  StrCpy $2 $1 2 1
+  StrCpy $0 ""
+  System::Call 'kernel32::GetFullPathNameW(w r1, i ${NSIS_MAX_STRLEN}, w .r0, p 0)'
+  StrCpy $1 $0 1 -1
+  ${If} $1 == "\"
+    StrCpy $0 $0 -1
   ${EndIf}
+  StrCpy $1 $0 2 1
+  System::Call 'kernel32::WideCharToMultiByte(i 65001, i 0, w r0, i -1, p 0, i 0, p 0, p 0) i .r3'
+  IntOp $3 $3 - 1 ; the zero at the end
+  ${If} $2 != ":\"
+  ${OrIf} $1 != ":\" ; the full path of C:\con is \\.\con
+  ${OrIf} $3 < 4
+  ${OrIf} $3 > ${MAX_FOLDER_LENGTH}
+    StrCpy $0 ""
+  ${EndIf}
+  StrCpy $1 $0
+FunctionEnd
+
+; Says that the folder in $4 cannot be used, and ends the work.
+Function refuseFolder
   StrCpy $ExitCode ${EXIT_BAD_FOLDER}
-  StrCpy $Reason "The folder $INSTDIR is not named by a full path on a drive, or is the root of one."
+  StrCpy $Reason "The folder $4 cannot be used. It must be the full path of a folder on a drive, neither a root nor \
+below a file, of at most ${MAX_FOLDER_LENGTH} bytes; /D= stands last, and takes it without quotes."
   Call refuse
 FunctionEnd
 
-; NSIS takes the usual folder if the one after /D= is not a full path, and if it is the root of a drive. This makes
-; $INSTDIR what was asked for, so that checkFolder refuses it.
+; Ends the work if setup cannot install into $INSTDIR, and makes its path plain.
+Function checkFolder
+  StrCpy $1 $INSTDIR
+  Call plainPath
+  ${If} $1 == ""
+    StrCpy $4 $INSTDIR
+    Call refuseFolder
+  ${EndIf}
+  StrCpy $INSTDIR $1
+FunctionEnd
+
+; NSIS takes the usual folder, or that of the earlier version, if it does not understand what stands after /D= or cannot
+; use it. This ends the work unless $INSTDIR is what was asked for.
 Function checkFolderOption
   System::Call 'kernel32::GetCommandLineW() w .r0'
   StrCpy $1 0
   ${Do}
     StrCpy $2 $0 4 $1
-    ${If} $2 S== " /D="
+    ${If} $2 == " /D="
+    ${OrIf} $2 == '"/D=' ; the caller has put quotes around the whole option
       IntOp $1 $1 + 4
-      StrCpy $2 $0 "" $1
-      StrCpy $0 $2 2 1
-      StrCpy $1 $2 1 3
-      ${If} $0 != ":\"
-      ${OrIf} $1 == ""
-        StrCpy $INSTDIR $2
-        Call checkFolder
+      StrCpy $1 $0 "" $1
+      ${WordReplace} $1 '"' "" + $4 ; a quote would end the field of the log
+      Call plainPath
+      StrCpy $5 $1
+      StrCpy $1 $INSTDIR
+      Call plainPath
+      ${If} $1 == ""
+      ${OrIf} $1 != $5
+        StrCpy $INSTDIR $4
+        Call refuseFolder
       ${EndIf}
       Return
     ${EndIf}
@@ -542,6 +571,15 @@ Function .onInit
   Call checkMachine
   Call checkVersion
   Call checkFolderOption
+FunctionEnd
+
+; Disables the button of the page where the user chooses $INSTDIR.
+Function .onVerifyInstDir
+  StrCpy $1 $INSTDIR
+  Call plainPath
+  ${If} $1 == ""
+    Abort
+  ${EndIf}
 FunctionEnd
 
 Section "${TITLE}"

@@ -363,9 +363,18 @@ def test_a_removal_that_waits(machine, current):
 
 def test_what_is_refused(machine, current):
     setup, _ = current
-    for folder in ["relative", "C:\\", r"\\host\share\folder", r"C:\x\..\.."]:
-        assert machine.run(setup, f"/D={folder}") == BAD_FOLDER, folder
-        assert machine.lines()[-1][4].startswith("exit code 9: ")
+    (machine.drive / "file.txt").write_bytes(b"")
+    for option in ["relative", "C:\\", r"\\host\share\folder", r"C:\x\..\..", r"Q:\folder", r"C:\file.txt\folder",
+                   r"C:\folder\con", r"C:\folder\a:b", "C:/folder", "C:\\" + 198 * "a", "C:\\" + 99 * "\u00e4", ""]:
+        assert machine.run(setup, f"/D={option}") == BAD_FOLDER, option
+        assert machine.lines()[-1][4].startswith(f"exit code 9: The folder {option} cannot be used. ")
+    for argument in [r"/D=C:\a folder", r"/d=C:\folder"]:
+        # Wine puts quotes around the first one.
+        with machine.wine.start(setup, machine.wine.folder, arguments=["/S", argument]) as process:
+            assert process.wait(DEADLINE_SEC) == BAD_FOLDER, argument
+        assert machine.lines()[-1][4].startswith(f"exit code 9: The folder {argument[3:]} cannot be used. ")
+    assert machine.run(setup, "/D=C:\\" + 900 * "a") == BAD_FOLDER
+    assert machine.log.read_bytes().endswith(b'a"\r\n') and len(machine.lines()[-1]) == 5
     version = rf"HKCU\Software\Wine\AppDefaults\{setup.name}"
     machine.wine.run("wine", "reg", "add", version, "/v", "Version", "/d", "vista", "/f")
     assert machine.run(setup) == OLD_WINDOWS
@@ -380,6 +389,22 @@ def test_what_is_refused(machine, current):
             first.kill()
     assert "Another setup" in machine.lines()[-1][4]
     assert not machine.folder.exists() and not machine.registry(ENTRY)
+
+
+def test_a_bad_folder_disables_the_button(machine, current):
+    with machine.start(current[0]) as process:
+        try:
+            wait_for(lambda: list(machine.drive.glob("users/*/Temp/ns*.tmp/nsDialogs.dll")), "the first page")
+            time.sleep(1)  # until it can be seen
+            machine.desktop.press("Return")
+            for folder in ["C:\\", "C:\\x\\..", r"\\localhost\c$\x", "C:\\" + 198 * "a", machine.windows_path()]:
+                machine.desktop.press("ctrl+a")
+                machine.desktop.type(folder)
+                machine.desktop.press("Return")
+            wait_for(machine.log.exists, "the end of the installation")
+            assert [line[3:] for line in machine.lines()] == [[machine.windows_path(), "done"]]
+        finally:
+            process.kill()
 
 
 def test_the_same_content_gives_the_same_bytes(stage, older, tmp_path):
