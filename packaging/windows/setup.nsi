@@ -39,6 +39,7 @@ SetDateSave off
 CRCCheck force
 RequestExecutionLevel admin
 ManifestSupportedOS Win7 Win8 Win8.1 Win10
+ManifestDPIAware true
 
 !define ID "TavroVssAgentGUI"
 !define PROGRAM "${ID}.exe"
@@ -632,8 +633,9 @@ Section "${TITLE}"
   WriteRegDWORD HKLM "${ENTRY}" "NoRepair" 1
   CreateDirectory "$SMPROGRAMS\Tavro"
   CreateShortcut "$SMPROGRAMS\Tavro\Add VSS Checkpoint.lnk" "$INSTDIR\${PROGRAM}"
+  ; In the console that stays, the tool can be started by its name.
   CreateShortcut "$SMPROGRAMS\Tavro\Check the installation.lnk" "$SYSDIR\cmd.exe" \
-      '/k ""$INSTDIR\tavro.exe" doctor --program "$INSTDIR\${PROGRAM}""' "$INSTDIR\tavro.exe"
+      '/k ""$INSTDIR\tavro.exe" doctor & set "PATH=$INSTDIR;%PATH%""' "$INSTDIR\tavro.exe"
   CreateShortcut "$SMPROGRAMS\Tavro\Guide.lnk" "$INSTDIR\Guide.txt"
   ${If} ${Errors}
     StrCpy $ExitCode ${EXIT_NOT_WRITTEN}

@@ -180,7 +180,8 @@ def test_what_is_installed(machine, current, stage):
 
 
 def test_the_shortcuts(machine, current):
-    assert machine.run(current[0]) == DONE
+    machine.folder = machine.drive / "Another Folder" / "T & T"
+    assert machine.run(current[0], "/D=" + machine.windows_path()) == DONE
     machine.add_customers_files()
     path = machine.windows_path()
     shortcuts = {shortcut.stem: shortcut.read_bytes() for shortcut in machine.menu.iterdir()}
@@ -191,11 +192,14 @@ def test_the_shortcuts(machine, current):
         assert targets[name].encode() + b"\0" in shortcut, name
         assert rf"{path}\tweaks".encode("utf-16-le") in shortcut, name
     _, _, command = shortcuts["Check the installation"].partition("/k ".encode("utf-16-le"))
-    command = re.match(r'".*?""', command.decode("utf-16-le", "replace"))[0]
-    # The same command line, but the console does not stay.
-    (machine.folder / "tweaks" / "check.bat").write_text(f"@cmd /c {command}\r\n")
-    with machine.start("cmd", "/c", "check.bat", folder=machine.folder / "tweaks", stdout=subprocess.PIPE) as console:
-        assert rf"program   ok     {path}\{PROGRAM}" in console.communicate(timeout=DEADLINE_SEC)[0].decode()
+    command = re.match(r'".*%""', command.decode("utf-16-le", "replace"))[0]
+    # The same command line, then what a user types, but the console does not stay.
+    (machine.folder / "tweaks" / "check.bat").write_text("@setlocal enabledelayedexpansion\r\n@cmd /c !COMMAND!\r\n")
+    with machine.start("cmd", "/c", "check.bat", folder=machine.folder / "tweaks", stdout=subprocess.PIPE,
+                       more_variables={"COMMAND": command[:-1] + ' & tavro --version"'}) as console:
+        output = console.communicate(timeout=DEADLINE_SEC)[0].decode()
+    assert rf"program   ok     {path}\{PROGRAM}" in output
+    assert f"tavro {current[1]}" in output
 
 
 def test_nothing_is_replaced_or_removed_while_the_program_runs(machine, current, older):
