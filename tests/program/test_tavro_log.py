@@ -273,7 +273,8 @@ def test_follow_over_rotations_loses_nothing_and_prints_nothing_twice(tavro, tmp
             wait_for(lambda: len(list(folder.glob("*[0-9].txt*"))) >= before + 3, "rotations")
             writer.kill()
             writer.wait()
-            files = [*sorted(folder.glob("*[0-9].txt*")), folder / "flushed.log.txt"]
+            # The live file is missing if the writer ended in the middle of a rotation.
+            files = [*sorted(folder.glob("*[0-9].txt*")), *folder.glob("flushed.log.txt")]
             written = b"".join(path.read_bytes() for path in files)
             whole = written[:written.rindex(b"\n") + 1]
             # A line without an end may belong to the record before it, which is then not written yet.
